@@ -31,8 +31,3 @@ ${A_KEYWORDS_MISSING_VALUES}")
     endif()
   endforeach()
 endfunction()
-
-# Links every default; for quenor::quenor.
-function(quenor_link_defaults target)
-  quenor_link_platform(${target})
-endfunction()
