@@ -75,15 +75,17 @@ struct ReportEvent {
 class ReportEventListener {
  public:
   virtual ~ReportEventListener() = default;
-  // Must not block: it runs in the way of the channel, or of its caller. It may call the channel's
-  // public operations; it must not set the listener.
+  // On several threads at once. Must not block: it runs in the way of the channel, or of its
+  // caller. It may call a channel's public operations, and is told of them inside its own call.
   virtual void OnReportEvent(const ReportEvent& event) = 0;
 };
 
 class ReportEvents {
  public:
-  // Any thread, but not from a listener. Replaces the process's listener (may be null; borrowed
-  // until it is replaced). When it returns, the old listener is not being called and never will be.
+  // Any thread, but not from a listener, where it is logged and does nothing. Replaces the
+  // process's listener (may be null; borrowed until it is replaced). When it returns, the old
+  // listener is not being called and never will be; events meanwhile go to the old or to the new
+  // one.
   static void SetListener(ReportEventListener* listener);
 
   // Any thread. One load and one predictable branch: ask before building an event.
@@ -92,7 +94,7 @@ class ReportEvents {
     return has_listener_.load(std::memory_order_relaxed);
   }
 
-  // Any thread. Tells the listener, if there is one.
+  // Any thread, also from a listener. Tells the listener, if there is one.
   static void Tell(const ReportEvent& event);
 
   // Any thread. Names the implementation that is linked.
