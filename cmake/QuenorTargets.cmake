@@ -1,0 +1,59 @@
+# quenor_library(<name> [INTERFACE] [SRCS ...] [DEPS ...])
+# A library quenor_<name> with the alias quenor::<name>, compiled as the house demands.
+function(quenor_library name)
+  cmake_parse_arguments(A "INTERFACE" "" "SRCS;DEPS" ${ARGN})
+  if(A_INTERFACE)
+    add_library(quenor_${name} INTERFACE)
+    set(scope INTERFACE)
+  else()
+    add_library(quenor_${name} STATIC ${A_SRCS})
+    set(scope PUBLIC)
+    quenor_library_flags(quenor_${name})
+  endif()
+  add_library(quenor::${name} ALIAS quenor_${name})
+  set_target_properties(quenor_${name} PROPERTIES EXPORT_NAME ${name})
+  target_compile_features(quenor_${name} ${scope} cxx_std_17)
+  target_include_directories(quenor_${name} ${scope}
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_link_libraries(quenor_${name} ${scope} ${A_DEPS})
+  if(QUENOR_INSTALL)
+    install(TARGETS quenor_${name} EXPORT quenorTargets
+      ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  endif()
+endfunction()
+
+# quenor_service(<name> SRCS ... [LIBS ...] [INCLUDES ...])
+# The default implementation of one platform service: quenor::platform_default_<name>.
+function(quenor_service name)
+  cmake_parse_arguments(A "" "" "SRCS;LIBS;INCLUDES" ${ARGN})
+  list(TRANSFORM A_SRCS PREPEND quenor_base/platform/default/)
+  quenor_library(platform_default_${name} SRCS ${A_SRCS} DEPS quenor::platform quenor::buffer)
+  target_link_libraries(quenor_platform_default_${name} PRIVATE ${A_LIBS})
+  target_include_directories(quenor_platform_default_${name} SYSTEM PRIVATE ${A_INCLUDES})
+  target_compile_definitions(quenor_platform_default_${name} PRIVATE
+    QUENOR_VERSION="${PROJECT_VERSION}")
+endfunction()
+
+# Flags of every target of ours; private, so that an embedder's own flags stay his.
+function(quenor_flags target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow -Wnon-virtual-dtor
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+    $<$<BOOL:${QUENOR_WERROR}>:-Werror>)
+  if(QUENOR_SANITIZE STREQUAL "address")
+    target_compile_options(${target} PRIVATE
+      -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(${target} PUBLIC -fsanitize=address,undefined)
+  elseif(QUENOR_SANITIZE STREQUAL "thread")
+    target_compile_options(${target} PRIVATE -fsanitize=thread -fno-omit-frame-pointer)
+    target_link_options(${target} PUBLIC -fsanitize=thread)
+  elseif(QUENOR_SANITIZE)
+    message(FATAL_ERROR "QUENOR_SANITIZE=${QUENOR_SANITIZE}: use address or thread")
+  endif()
+endfunction()
+
+# Flags of the library itself: no exceptions, and code that may go into a shared object.
+function(quenor_library_flags target)
+  quenor_flags(${target})
+  target_compile_options(${target} PRIVATE -fno-exceptions)
+  set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+endfunction()

@@ -1,0 +1,81 @@
+#include "quenor_base/buffer/copy_on_write_buffer.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <new>
+
+namespace quenor {
+
+namespace {
+
+// The bytes of a storage made here lie behind it, in the same block, and go with it.
+void ReleaseWithBlock(void*) {}
+
+BufferStorage* AllocateStorage(uint32_t size, uint32_t capacity) {
+  void* block = std::malloc(sizeof(BufferStorage) + size_t{capacity});
+  if (block == nullptr) return nullptr;
+  auto* bytes = static_cast<uint8_t*>(block) + sizeof(BufferStorage);
+  auto* storage = new (block) BufferStorage(
+      size, capacity, std::unique_ptr<uint8_t[], void (*)(void*)>(bytes, &ReleaseWithBlock));
+  storage->AddRef();
+  return storage;
+}
+
+}  // namespace
+
+CopyOnWriteBuffer::CopyOnWriteBuffer(uint32_t size, uint32_t capacity) {
+  if (size == 0 && capacity == 0) return;
+  buffer_ = AllocateStorage(size, std::max(size, capacity));
+  if (buffer_ != nullptr) size_ = size;
+}
+
+CopyOnWriteBuffer::CopyOnWriteBuffer(std::unique_ptr<uint8_t[], void (*)(void*)> array,
+                                     uint32_t size, uint32_t capacity) {
+  if (array == nullptr) return;
+  void* block = std::malloc(sizeof(BufferStorage));
+  if (block == nullptr) return;
+  buffer_ = new (block) BufferStorage(size, std::max(size, capacity), std::move(array));
+  buffer_->AddRef();
+  size_ = size;
+}
+
+CopyOnWriteBuffer::CopyOnWriteBuffer(const CopyOnWriteBuffer& other) noexcept
+    : buffer_(other.buffer_), offset_(other.offset_), size_(other.size_) {
+  if (buffer_ != nullptr) buffer_->AddRef();
+}
+
+CopyOnWriteBuffer::CopyOnWriteBuffer(CopyOnWriteBuffer&& other) noexcept
+    : buffer_(std::exchange(other.buffer_, nullptr)),
+      offset_(std::exchange(other.offset_, 0)),
+      size_(std::exchange(other.size_, 0)) {}
+
+CopyOnWriteBuffer& CopyOnWriteBuffer::operator=(CopyOnWriteBuffer&& other) noexcept {
+  CopyOnWriteBuffer taken(std::move(other));
+  std::swap(buffer_, taken.buffer_);
+  std::swap(offset_, taken.offset_);
+  std::swap(size_, taken.size_);
+  return *this;
+}
+
+bool CopyOnWriteBuffer::UnshareAndEnsureCapacity(uint32_t capacity) {
+  const uint32_t room = buffer_ != nullptr ? buffer_->capacity - offset_ : 0;
+  if (buffer_ == nullptr ? capacity == 0 : buffer_->HasOneRef() && capacity <= room) return true;
+  uint32_t wanted = std::max(capacity, size_);
+  if (wanted > room) {
+    const uint64_t grown = uint64_t{room} + room / 2;
+    wanted = std::max(wanted, static_cast<uint32_t>(std::min<uint64_t>(grown, UINT32_MAX)));
+  }
+  BufferStorage* fresh = AllocateStorage(size_, wanted);
+  if (fresh == nullptr) return false;
+  if (size_ > 0) std::memcpy(fresh->data.get(), buffer_->data.get() + offset_, size_);
+  ReleaseStorage(std::exchange(buffer_, fresh));
+  offset_ = 0;
+  return true;
+}
+
+void CopyOnWriteBuffer::FreeStorage(BufferStorage* storage) {
+  storage->~BufferStorage();
+  std::free(storage);
+}
+
+}  // namespace quenor

@@ -1,0 +1,40 @@
+// Spans of time, in microseconds. There is deliberately no "now" here: what waits, waits on a
+// dispatch queue, so that a virtual queue is a virtual clock.
+#ifndef QUENOR_BASE_PLATFORM_BASE_TIME_H_
+#define QUENOR_BASE_PLATFORM_BASE_TIME_H_
+
+#include <cstdint>
+
+namespace quenor::base {
+
+class TimeDelta {
+ public:
+  constexpr TimeDelta() = default;
+
+  static constexpr TimeDelta FromMicroseconds(int64_t us) { return TimeDelta(us); }
+  // 64-bit, so that no count of 32-bit milliseconds overflows.
+  static constexpr TimeDelta FromMilliseconds(int64_t ms) { return TimeDelta(ms * 1000); }
+  static constexpr TimeDelta FromSeconds(int64_t s) { return TimeDelta(s * 1000000); }
+
+  constexpr int64_t InMicroseconds() const { return us_; }
+  // Whole milliseconds, rounded towards zero.
+  constexpr int64_t InMilliseconds() const { return us_ / 1000; }
+
+  constexpr TimeDelta operator+(TimeDelta o) const { return TimeDelta(us_ + o.us_); }
+  constexpr TimeDelta operator-(TimeDelta o) const { return TimeDelta(us_ - o.us_); }
+  constexpr bool operator==(TimeDelta o) const { return us_ == o.us_; }
+  constexpr bool operator!=(TimeDelta o) const { return us_ != o.us_; }
+  constexpr bool operator<(TimeDelta o) const { return us_ < o.us_; }
+  constexpr bool operator<=(TimeDelta o) const { return us_ <= o.us_; }
+  constexpr bool operator>(TimeDelta o) const { return us_ > o.us_; }
+  constexpr bool operator>=(TimeDelta o) const { return us_ >= o.us_; }
+
+ private:
+  explicit constexpr TimeDelta(int64_t us) : us_(us) {}
+
+  int64_t us_ = 0;
+};
+
+}  // namespace quenor::base
+
+#endif  // QUENOR_BASE_PLATFORM_BASE_TIME_H_

@@ -1,0 +1,89 @@
+// Timers that run their task on the dispatch queue whose thread started them.
+// Threads: Start() on a queue's thread; everything else on any thread, unless noted.
+// Life cycle: a timer never runs after AbandonAndStop() or destruction has returned, holds no
+// strong reference to its queue, and leaves no deadline behind when it stops. A repeating timer
+// that wakes late runs once, not once for each missed period. See docs/design/timers.md.
+#ifndef QUENOR_BASE_PLATFORM_BASE_TIMER_H_
+#define QUENOR_BASE_PLATFORM_BASE_TIMER_H_
+
+#include <utility>
+
+#include "quenor_base/platform/base/callback.h"
+#include "quenor_base/platform/base/location.h"
+#include "quenor_base/platform/base/time.h"
+
+namespace quenor::base {
+
+namespace internal {
+
+class TimerBase {
+ public:
+  TimerBase(const TimerBase&) = delete;
+  TimerBase& operator=(const TimerBase&) = delete;
+
+  // Any thread. True from Start() until Stop(), AbandonAndStop() or, for a one-shot timer, until
+  // its task is about to run.
+  bool IsRunning() const;
+
+  // Any thread. Cancels the pending deadline and keeps the task's binding until the next Start().
+  // A task in progress on another thread may still finish.
+  void Stop();
+
+  // Any thread. As Stop(), and releases the task as well.
+  void AbandonAndStop();
+
+  // Any thread. The running timer's delay; for a timer that is stopped or was never started, minus
+  // one millisecond, which equals no unsigned interval.
+  TimeDelta GetCurrentDelay() const;
+
+  // Any thread. Names the implementation that is linked.
+  static const char* ImplementationName();
+
+ protected:
+  enum class Kind { kOneShot, kRepeating };
+
+  explicit TimerBase(Kind kind);
+  // Any thread. Cancels, and waits for a task in progress on another thread; inside its own task it
+  // does not wait.
+  ~TimerBase();
+
+  // Queue thread. (Re)starts the timer; a delay below zero counts as zero. On a thread that runs no
+  // dispatch queue, or one that is shutting down, the timer stays stopped.
+  void StartTask(const Location& from, TimeDelta delay, RepeatingClosure task);
+
+ private:
+  struct State;
+  State* state_;  // Owned; shared with the posted deadline.
+};
+
+}  // namespace internal
+
+// Runs its task once, `delay` after Start(). Starting it again restarts the delay.
+class OneShotTimer : public internal::TimerBase {
+ public:
+  OneShotTimer() : TimerBase(Kind::kOneShot) {}
+
+  // Queue thread. Borrows `receiver` until the timer is stopped or destroyed.
+  template <typename Receiver>
+  void Start(const Location& from, TimeDelta delay, Receiver* receiver,
+             void (Receiver::*method)()) {
+    StartTask(from, delay, [receiver, method] { (receiver->*method)(); });
+  }
+};
+
+// Runs its task every `delay` until it is stopped.
+class RepeatingTimer : public internal::TimerBase {
+ public:
+  RepeatingTimer() : TimerBase(Kind::kRepeating) {}
+
+  // Queue thread. Borrows `receiver` until the timer is stopped or destroyed.
+  template <typename Receiver>
+  void Start(const Location& from, TimeDelta delay, Receiver* receiver,
+             void (Receiver::*method)()) {
+    StartTask(from, delay, [receiver, method] { (receiver->*method)(); });
+  }
+};
+
+}  // namespace quenor::base
+
+#endif  // QUENOR_BASE_PLATFORM_BASE_TIMER_H_

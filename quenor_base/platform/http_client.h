@@ -1,0 +1,144 @@
+// The asynchronous HTTP client: POSTs go out, each is answered by one callback.
+// Threads: any; callbacks come on the client's own thread and must not block.
+// Life cycle: a client may be destroyed on any thread, inside one of its own callbacks too; that
+// ends its requests, and each one's callback still runs once, as a failure.
+// See docs/design/http-client.md.
+#ifndef QUENOR_BASE_PLATFORM_HTTP_CLIENT_H_
+#define QUENOR_BASE_PLATFORM_HTTP_CLIENT_H_
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "quenor_base/buffer/copy_on_write_buffer.h"
+#include "quenor_base/platform/base/callback.h"
+
+namespace quenor {
+
+class HttpClient {
+ public:
+  // How an exchange ended. Only kCompleted comes with a response; its status may be any.
+  enum class State : int32_t {
+    kFailed = 0,     // Could not resolve, connect, prove or transfer.
+    kCancelled = 1,  // The client was destroyed first.
+    kCompleted = 2,  // A whole HTTP response arrived.
+    kTimedOut = 3,   // A time limit passed.
+    kTooLarge = 4,   // The response went past a size limit.
+  };
+
+  // Plain settings of one client, read once by HttpClientFactory::Create().
+  class Config {
+   public:
+    Config() = default;
+
+    // Offers HTTP/2 on TLS connections; a server that speaks only HTTP/1.1 is spoken to in that.
+    bool enable_http2 = false;
+
+    // Routes every connection of the client through this SOCKS5 proxy, which also resolves the
+    // host names. Never bypassed: while the proxy is down, requests fail. An empty user means no
+    // authentication. An IPv6 literal may stand in brackets or not.
+    void SetSocks5Proxy(const std::string& host, unsigned short port, const std::string& user,
+                        const std::string& password) {
+      use_socks5 = true;
+      socks5_host = host;
+      socks5_port = port;
+      socks5_user = user;
+      socks5_password = password;
+    }
+
+    bool use_socks5 = false;
+    std::string socks5_host;
+    unsigned short socks5_port = 0;
+    std::string socks5_user;
+    std::string socks5_password;
+  };
+
+  struct Request {
+    int64_t request_id = 0;  // Set by the client in the request that a callback receives.
+    std::string url;         // https:// or http://, nothing else.
+    std::string method;      // "POST", "GET", ...; sent as it is.
+    CopyOnWriteBuffer body;
+    std::map<std::string, std::string> headers;  // Beside, or instead of, the client's own.
+    uint32_t timeout_ms = 0;                     // Whole exchange; 0 takes the process's default.
+  };
+
+  struct Response {
+    int status_code = 0;
+    // Names in lower case; of a repeated name the values joined by ", ". Trailers included.
+    std::map<std::string, std::string> headers;
+    CopyOnWriteBuffer body;  // As received: no content coding is undone.
+  };
+
+  // State, the request with its id set, and the response: never null with kCompleted, null with
+  // every other state. (A receiver treats a null response as a failure whatever the state.)
+  using CompletionCallback =
+      base::OnceCallback<void(State, const Request&, std::unique_ptr<Response>)>;
+
+  virtual ~HttpClient() = default;
+  HttpClient(const HttpClient&) = delete;
+  HttpClient& operator=(const HttpClient&) = delete;
+
+  // Any thread; never blocks on the network. Starts the exchange and answers its id, 1 or greater
+  // and never used twice in the process. Below 1 when it could not be started (a URL that is
+  // neither https nor http or cannot be parsed, no memory, no thread): the callback is then
+  // destroyed unrun, inside the call. Otherwise the callback runs exactly once, never inside the
+  // call. Borrows `request` until it returns; takes the callback.
+  virtual int64_t SendRequest(const Request& request, CompletionCallback callback) = 0;
+
+  // For implementations: the next id of the process.
+  static int64_t NextRequestId() {
+    // relaxed: only uniqueness matters.
+    return next_request_id_.fetch_add(1, std::memory_order_relaxed);
+  }
+
+ protected:
+  HttpClient() = default;
+
+ private:
+  inline static std::atomic<int64_t> next_request_id_{1};
+};
+
+class HttpClientFactory {
+ public:
+  // Any thread. A new client, or null when none can be made. Cheap: the network library starts with
+  // the first request.
+  static std::unique_ptr<HttpClient> Create(const HttpClient::Config& config);
+
+  // Any thread. Names the implementation that is linked, with the versions beneath it.
+  static const char* ImplementationName();
+};
+
+// What holds for every client of the process. The host sets it before the first request; a later
+// change takes effect with the next client made.
+struct HttpDefaults {
+  std::string ca_file;    // PEM bundle that replaces the system's; empty: the system's.
+  std::string ca_folder;  // Hashed folder of CA certificates, likewise.
+  // "sha256//BASE64" of accepted public keys (SubjectPublicKeyInfo), checked beside the
+  // certificate; empty: no pinning. Give a spare, so that a key can be changed.
+  std::vector<std::string> pinned_public_keys;
+  std::string client_certificate_file;  // PEM; empty: none.
+  std::string client_key_file;          // PEM, not encrypted.
+  std::string user_agent;               // Empty: "quenor/VERSION".
+  uint32_t connect_timeout_ms = 15000;  // Resolve, connect, proxy and TLS. 0 is not "for ever":
+                                        // it takes the default, here and below.
+  uint32_t total_timeout_ms = 50000;    // Below the channel's 60-second idle clean-up.
+  uint32_t low_speed_bytes_per_second = 64;  // Slower than this ...
+  uint32_t low_speed_seconds = 20;           // ... for this long is a failure.
+  uint32_t max_response_body_bytes = 1 << 20;
+  uint32_t max_response_header_bytes = 64 << 10;
+  uint32_t max_connections_per_host = 6;  // HTTP/1.1 connections; requests beyond wait their turn.
+};
+
+// Any thread. Answers an empty string, or, when a value cannot be used (a CA file that cannot be
+// read, a malformed pin), one line that names it and says what to do; nothing is changed then.
+[[nodiscard]] std::string SetHttpDefaults(const HttpDefaults& defaults);
+
+// Any thread. The values in force.
+HttpDefaults GetHttpDefaults();
+
+}  // namespace quenor
+
+#endif  // QUENOR_BASE_PLATFORM_HTTP_CLIENT_H_
