@@ -1,8 +1,8 @@
 // CopyOnWriteBuffer: a message body as a view onto reference-counted bytes. Copying shares, the
 // first write through a shared body copies.
-// Threads: one object, one thread at a time; buffers that share bytes may live on different threads,
-// and whichever drops the last one frees the bytes.
-// See docs/design/copy-on-write-buffer.md.
+// Threads: one object, one thread at a time; buffers that share bytes may live on different
+// threads, and whichever drops the last one frees the bytes. See
+// docs/design/copy-on-write-buffer.md.
 #ifndef QUENOR_BASE_BUFFER_COPY_ON_WRITE_BUFFER_H_
 #define QUENOR_BASE_BUFFER_COPY_ON_WRITE_BUFFER_H_
 

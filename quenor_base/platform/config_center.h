@@ -12,7 +12,8 @@ namespace quenor::config {
 
 // The keys that the SDK's base reads.
 struct BaseConfigKeys {
-  std::string cache_option;  // Report cache: 0 none, 1 plain file, 2 memory-mapped file.
+  // "quenor.report.cache_option". Report cache: 0 none, 1 plain file, 2 memory-mapped file.
+  std::string cache_option;
 };
 
 // Any thread. The key table; never destroyed.
@@ -27,8 +28,9 @@ class ConfigCenterImpl {
   static ConfigCenterImpl* GetInstance();
 
   // Any thread. The value of the first source that has the key: the host's override, the process's
-  // environment (the key in upper case, "." as "_"; a decimal number, anything else is logged and
-  // skipped), the values built in; else `default_value`.
+  // environment (the key in upper case, "." as "_"; a decimal number of 64 bits, anything else is
+  // logged once per key and skipped), the values built in; else `default_value`. Reads the
+  // environment each time: the host must not change it on another thread meanwhile.
   base::Optional<uint64_t> GetValueWithPriority(const std::string& key,
                                                 base::Optional<uint64_t> default_value);
 

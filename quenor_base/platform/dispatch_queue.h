@@ -40,9 +40,9 @@ class DispatchQueue {
                                              base::OnceCallback<void()> task,
                                              base::TimeDelta delay) = 0;
 
-  // Any thread. Removes a delayed task that has not begun to run, and its deadline with it; true
-  // when there was one. The task is destroyed unrun on the calling thread, outside the queue's
-  // lock.
+  // Any thread. Removes a delayed task that still waits for its deadline, and the deadline with it;
+  // true when there was one. One that is due already may still run. The task is destroyed unrun on
+  // the calling thread, outside the queue's lock.
   virtual bool CancelDelayedTask(uint64_t id) = 0;
 
   // Any thread. The queue whose task the calling thread is running; empty elsewhere, and once the

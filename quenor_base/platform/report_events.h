@@ -24,6 +24,7 @@ enum class ReportEventKind : int32_t {
   kDropped,       // Given up; `cause` says why. The message's end.
   kSaved,         // The cache was rewritten; `count` messages were written to it.
   kLoaded,        // One message came back from the cache.
+  kRetuned,       // A server's reply brought control fields; the values now in force are given.
   kKept,          // Still in the cache when the channel terminated. The message's end, in this run.
 };
 
@@ -52,34 +53,39 @@ struct ReportEvent {
   ReportEventKind kind;
   ReportEventCause cause = ReportEventCause::kNone;
   const std::string& channel_name;
-  // The bytes as they stand at this point: the caller's for kHandedOver, kRefused and a message that
-  // never reached the store, the stored (perhaps compressed) ones afterwards. Null with size 0 for an
-  // empty message and for kSaved.
+  // The bytes as they stand at this point: the caller's for kHandedOver, kRefused and a message
+  // that never reached the store, the stored (perhaps compressed) ones afterwards. Null with size 0
+  // for an empty message, for kSaved and for kRetuned.
   const uint8_t* data = nullptr;
   uint32_t size = 0;
   // kAdmitted only: the caller's bytes when the stored ones differ.
   const uint8_t* original_data = nullptr;
   uint32_t original_size = 0;
-  int64_t request_id = 0;   // kSent, kAcknowledged, kFailed and a kDropped after a failure.
-  uint32_t send_count = 0;  // How often the message has been sent.
-  int32_t http_state = 0;   // kFailed: the HTTP client's state.
-  int status_code = 0;      // kFailed: the HTTP status, or 0.
-  uint32_t count = 0;       // kSaved: messages written.
+  int64_t request_id = 0;           // kSent, kAcknowledged, kFailed and a kDropped after a failure.
+  uint32_t send_count = 0;          // How often the message has been sent.
+  int32_t http_state = 0;           // kFailed: the HTTP client's state.
+  int status_code = 0;              // kFailed: the HTTP status, or 0.
+  uint32_t count = 0;               // kSaved: messages written.
+  uint32_t send_interval_ms = 0;    // kRetuned; 0 means none configured.
+  uint32_t max_resend_count = 0;    // kRetuned.
+  uint32_t report_interval_ms = 0;  // kRetuned.
   bool need_cache = false;
 };
 
 class ReportEventListener {
  public:
   virtual ~ReportEventListener() = default;
-  // Must not block: it runs in the way of the channel, or of its caller. It may call the channel's
-  // public operations; it must not set the listener.
+  // On several threads at once. Must not block: it runs in the way of the channel, or of its
+  // caller. It may call a channel's public operations, and is told of them inside its own call.
   virtual void OnReportEvent(const ReportEvent& event) = 0;
 };
 
 class ReportEvents {
  public:
-  // Any thread, but not from a listener. Replaces the process's listener (may be null; borrowed
-  // until it is replaced). When it returns, the old listener is not being called and never will be.
+  // Any thread, but not from a listener, where it is logged and does nothing. Replaces the
+  // process's listener (may be null; borrowed until it is replaced). When it returns, the old
+  // listener is not being called and never will be; events meanwhile go to the old or to the new
+  // one.
   static void SetListener(ReportEventListener* listener);
 
   // Any thread. One load and one predictable branch: ask before building an event.
@@ -88,7 +94,7 @@ class ReportEvents {
     return has_listener_.load(std::memory_order_relaxed);
   }
 
-  // Any thread. Tells the listener, if there is one.
+  // Any thread, also from a listener. Tells the listener, if there is one.
   static void Tell(const ReportEvent& event);
 
   // Any thread. Names the implementation that is linked.

@@ -30,7 +30,7 @@ class ThreadManager {
   // Any thread but a queue's own. Waits until every queue whose last reference has gone has run
   // what was posted to it and its thread has ended; false when `timeout` passes first. Call it
   // after Terminate(): before the process exits, so that the last tasks run, and before the same
-  // channel is initialised again. On a queue's own thread it answers false at once.
+  // channel is initialised again. On a thread of the SDK's own it answers false at once.
   [[nodiscard]] static bool WaitForDrain(base::TimeDelta timeout);
 
   // Any thread. Names the implementation that is linked.

@@ -14,8 +14,8 @@ class Throtter {
   Throtter& operator=(const Throtter&) = delete;
 
   // Any thread. True for the first call ever and for the first one a whole period or more after the
-  // last that was true, by a monotonic clock; false for every other. Of concurrent calls in a period
-  // exactly one is true. A period of 0 lets every call through.
+  // last that was true, by a monotonic clock; false for every other. Of concurrent calls in a
+  // period exactly one is true. A period of 0 lets every call through.
   bool ShouldGo();
 
   // Any thread. Names the implementation that is linked.

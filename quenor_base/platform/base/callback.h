@@ -78,9 +78,9 @@ class OnceCallback<R(Args...)> {
   };
 
   template <typename Bound>
-  static constexpr bool kFitsInline = sizeof(Bound) <= kInlineBytes &&
-                                      alignof(Bound) <= alignof(std::max_align_t) &&
-                                      std::is_nothrow_move_constructible_v<Bound>;
+  static constexpr bool kFitsInline =
+      sizeof(Bound) <= kInlineBytes &&
+      alignof(Bound) <= alignof(std::max_align_t) && std::is_nothrow_move_constructible_v<Bound>;
 
   template <typename Bound>
   static constexpr Ops kInlineOps = {

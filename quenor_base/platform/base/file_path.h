@@ -32,11 +32,13 @@ class FilePath {
   std::string value_;
 };
 
-// Any thread; blocks on the file system. True when something exists at `path`, of whatever kind.
+// Any thread; blocks on the file system. True when something exists at `path`, of whatever kind;
+// links are followed, so one that leads nowhere does not exist.
 bool PathExists(const FilePath& path);
 
-// Any thread; blocks on the file system. Creates the folder and its missing parents, mode 0700.
-// True when a folder exists there afterwards.
+// Any thread; blocks on the file system. Creates the folder and its missing parents, mode 0700; a
+// folder that exists is left as it is. True when a folder exists there afterwards, whoever created
+// it; else false, errno says why, and the parents created so far remain.
 [[nodiscard]] bool CreateDirectory(const FilePath& path);
 
 }  // namespace quenor::base

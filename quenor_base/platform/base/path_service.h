@@ -14,7 +14,8 @@ class PathService {
  public:
   // Any thread. False, and `out` unchanged, for a key that is unknown or that no folder can be
   // found for. The default for DIR_RELIABLE_REPORT is a folder of the user's own:
-  // $XDG_STATE_HOME/quenor, else ~/.local/state/quenor. The folder need not exist.
+  // $XDG_STATE_HOME/quenor, else $HOME/.local/state/quenor, else the same in the user database's
+  // home; a variable that is not an absolute path is passed over. The folder need not exist.
   [[nodiscard]] static bool Get(int key, FilePath* out);
 
   // Any thread. The host's own choice for a key; an empty path takes it back.

@@ -1,0 +1,648 @@
+#include "quenor_base/data_report/https/reliable_report_channel_https.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "quenor_base/object_pool/alloc_buffer_from_pool.h"
+#include "quenor_base/platform/base/check.h"
+#include "quenor_base/platform/base/json_reader.h"
+#include "quenor_base/platform/base/location.h"
+#include "quenor_base/platform/base/optional.h"
+#include "quenor_base/platform/base/thread.h"
+#include "quenor_base/platform/base/values.h"
+#include "quenor_base/platform/config_center.h"
+#include "quenor_base/platform/local_log.h"
+#include "quenor_base/platform/report_events.h"
+#include "quenor_base/platform/socks5_proxy_config.h"
+#include "quenor_base/platform/thread_manager.h"
+
+namespace quenor {
+
+// Constants and pure helpers ----------------------------------------------------------------------
+
+namespace {
+
+constexpr char kSourcePath[] = "quenor_base/data_report/https/reliable_report_channel_https";
+
+// The states of `state_`.
+constexpr int32_t kNotInitialized = 0;
+constexpr int32_t kInitializing = 1;
+constexpr int32_t kInitialized = 2;
+constexpr int32_t kTerminating = 3;
+
+constexpr uint32_t kLogPeriodMs = 60000;
+constexpr uint32_t kDefaultMaxResendCount = 5;
+constexpr uint32_t kMinSendPeriodMs = 100;
+constexpr uint32_t kFirstBackOffMs = 1000;
+constexpr uint32_t kLastBackOffShift = 3;
+constexpr base::TimeDelta kStatisticPeriod = base::TimeDelta::FromSeconds(600);
+constexpr base::TimeDelta kCleanDelay = base::TimeDelta::FromSeconds(60);
+
+// Trimming goes well below the limit, so that it happens in bursts and not on every message.
+constexpr size_t kMaxPendingMessages = 200;
+constexpr size_t kPendingMessagesAfterTrim = 150;
+
+constexpr int kStatusOk = 200;
+constexpr int kMaxJsonDepth = 200;
+
+constexpr int kDeflateWindowBits = -15;  // Raw deflate, 32 KiB window.
+constexpr int kDeflateMemoryLevel = 9;
+constexpr char kZlibVersion[] = "1.3.1";  // zlib compares the first digit only.
+
+constexpr int kCacheNone = 0;
+
+base::Location Here(int line) { return base::Location::CreateFromHere(kSourcePath, line); }
+
+base::TimeDelta SendPeriod(uint32_t interval_ms) {
+  return base::TimeDelta::FromMilliseconds(std::max(interval_ms, kMinSendPeriodMs));
+}
+
+bool IsSuccess(HttpClient::State state, const HttpClient::Response* response) {
+  return state == HttpClient::State::kCompleted && response != nullptr &&
+         response->status_code == kStatusOk;
+}
+
+// The low 32 bits of the configured value; read once, so that every channel and every load and save
+// of the process agree on one backend.
+int GetCacheOption() {
+  static const int32_t cache_option = [] {
+    const base::Optional<uint64_t> value =
+        config::ConfigCenterImpl::GetInstance()->GetValueWithPriority(
+            config::BaseCfg().cache_option, uint64_t{2});
+    return static_cast<int32_t>(static_cast<uint32_t>(value.value_or(2)));
+  }();
+  return cache_option;
+}
+
+void EndAndFreeStream(z_stream* stream) {
+  if (stream == nullptr) return;
+  deflateEnd(stream);
+  std::free(stream);
+}
+
+// An event about bytes that a buffer holds. Build one only when somebody listens.
+ReportEvent EventOf(ReportEventKind kind, ReportEventCause cause, const std::string& channel_name,
+                    const CopyOnWriteBuffer& body, bool need_cache) {
+  ReportEvent event{kind, cause, channel_name};
+  event.data = body.cdata<uint8_t>();
+  event.size = body.size();
+  event.need_cache = need_cache;
+  return event;
+}
+
+ReportEvent EventOf(ReportEventKind kind, ReportEventCause cause, const std::string& channel_name,
+                    const ReliableReportChannelHttps::CachedMessage& message,
+                    int64_t request_id = 0) {
+  ReportEvent event = EventOf(kind, cause, channel_name, message.data, message.need_cache);
+  event.send_count = message.send_count;
+  event.request_id = request_id;
+  return event;
+}
+
+void TellMessage(ReportEventKind kind, ReportEventCause cause, const std::string& channel_name,
+                 const ReliableReportChannelHttps::CachedMessage& message, int64_t request_id = 0) {
+  if (!ReportEvents::HasListener()) return;
+  ReportEvents::Tell(EventOf(kind, cause, channel_name, message, request_id));
+}
+
+void TellBytes(ReportEventKind kind, ReportEventCause cause, const std::string& channel_name,
+               const uint8_t* data, uint32_t size, bool need_cache) {
+  if (!ReportEvents::HasListener()) return;
+  ReportEvent event{kind, cause, channel_name};
+  event.data = data;
+  event.size = size;
+  event.need_cache = need_cache;
+  ReportEvents::Tell(event);
+}
+
+}  // namespace
+
+// Life cycle --------------------------------------------------------------------------------------
+
+ReliableReportChannelHttps::ReliableReportChannelHttps(const std::string& channel_name,
+                                                       const std::string& url, unsigned int,
+                                                       bool http_client_option,
+                                                       bool enable_compress)
+    : channel_name_(channel_name),
+      url_(url),
+      http_client_option_(http_client_option),
+      enable_compress_(enable_compress),
+      log_throtter_(kLogPeriodMs) {}
+
+ReliableReportChannelHttps::~ReliableReportChannelHttps() = default;
+
+void ReliableReportChannelHttps::Initialize() {
+  int32_t expected = kNotInitialized;
+  if (!state_.compare_exchange_strong(expected, kInitializing)) return;
+  max_resend_count_ = kDefaultMaxResendCount;
+  dispatch_queue_.store(core::ThreadManager::CreateNewDispatchQueue(
+      core::BusinessID::kReliableReport, channel_name_,
+      base::Optional<base::Thread::Options>(base::Thread::Options())));
+  const std::shared_ptr<DispatchQueue> queue = dispatch_queue_.load();
+  if (queue == nullptr) {
+    state_.store(kNotInitialized);
+    return;
+  }
+  queue->PostTask(Here(__LINE__),
+                  base::BindOnce(&ReliableReportChannelHttps::DoInit, StrongThis()));
+  state_.store(kInitialized);
+}
+
+void ReliableReportChannelHttps::Terminate() {
+  int32_t expected = kInitialized;
+  if (!state_.compare_exchange_strong(expected, kTerminating)) return;
+  const std::shared_ptr<DispatchQueue> queue = dispatch_queue_.load();
+  if (queue != nullptr) {
+    queue->PostTask(Here(__LINE__),
+                    base::BindOnce(&ReliableReportChannelHttps::DoTerminate, StrongThis()));
+  }
+  dispatch_queue_.store(nullptr);
+  state_.store(kNotInitialized);
+}
+
+void ReliableReportChannelHttps::DoInit() {
+  if (is_running_) return;
+  if (!cache_loaded_) InitCacheMmap();
+  is_running_ = true;
+  if (!statistic_timer_.IsRunning()) {
+    statistic_timer_.Start(Here(__LINE__), kStatisticPeriod, this,
+                           &ReliableReportChannelHttps::LogoutStatistic);
+  }
+}
+
+void ReliableReportChannelHttps::DoTerminate() {
+  is_running_ = false;
+  send_timer_.AbandonAndStop();
+  statistic_timer_.AbandonAndStop();
+  LogoutStatistic();
+  http_client_.reset();
+  mmap_file_.Close();
+  cache_file_.Close();
+  TellLeftOver();
+  // Not saved first: the cache keeps what the last save wrote, and the next DoInit loads it.
+  pending_messages_.clear();
+  sending_messages_.clear();
+  cache_loaded_ = false;
+  clean_timer_.AbandonAndStop();
+}
+
+void ReliableReportChannelHttps::DoClean() { http_client_.reset(); }
+
+void ReliableReportChannelHttps::TellLeftOver() {
+  if (!ReportEvents::HasListener()) return;
+  const auto tell = [this](const CachedMessage& message, int64_t request_id) {
+    const bool kept = cache_loaded_ && message.need_cache;
+    TellMessage(kept ? ReportEventKind::kKept : ReportEventKind::kDropped,
+                kept ? ReportEventCause::kNone : ReportEventCause::kTerminated, channel_name_,
+                message, request_id);
+  };
+  for (const auto& [request_id, message] : sending_messages_) tell(message, request_id);
+  for (const CachedMessage& message : pending_messages_) tell(message, 0);
+}
+
+std::shared_ptr<ReliableReportChannelHttps> ReliableReportChannelHttps::StrongThis() {
+  std::shared_ptr<ReliableReportChannelHttps> strong = weak_from_this().lock();
+  QUENOR_CHECK(strong != nullptr,
+               "a report channel is used that no std::shared_ptr owns; make it with "
+               "std::make_shared and keep the pointer until after Terminate()");
+  return strong;
+}
+
+// Owner operations --------------------------------------------------------------------------------
+
+// The admission of one message, on its way to the queue. Destroyed unrun, it tells that the message
+// is lost.
+struct ReliableReportChannelHttps::AdmissionTask {
+  std::shared_ptr<ReliableReportChannelHttps> channel;
+  CopyOnWriteBuffer data;
+  bool need_cache;
+  bool send_now;
+
+  AdmissionTask(std::shared_ptr<ReliableReportChannelHttps> channel_in, CopyOnWriteBuffer data_in,
+                bool need_cache_in, bool send_now_in)
+      : channel(std::move(channel_in)),
+        data(std::move(data_in)),
+        need_cache(need_cache_in),
+        send_now(send_now_in) {}
+  AdmissionTask(AdmissionTask&&) noexcept = default;
+  ~AdmissionTask() {
+    if (channel == nullptr || !ReportEvents::HasListener()) return;  // Moved from, or run.
+    ReportEvents::Tell(EventOf(ReportEventKind::kDropped, ReportEventCause::kNeverRun,
+                               channel->channel_name_, data, need_cache));
+  }
+
+  void operator()() && {
+    const std::shared_ptr<ReliableReportChannelHttps> strong = std::move(channel);
+    strong->UpdateCacheAndSend(std::move(data), need_cache, send_now);
+  }
+};
+
+bool ReliableReportChannelHttps::CheckInitialized(const char* operation, int line) {
+  // relaxed: a call that races with Initialize() or Terminate() may see either state.
+  if (state_.load(std::memory_order_relaxed) == kInitialized) return true;
+  if (log_throtter_.ShouldGo()) {
+    LocalLog(1, kSourcePath, line, "%s, channel is not initialized", operation);
+  }
+  return false;
+}
+
+bool ReliableReportChannelHttps::CheckRunning(const char* operation, int line) {
+  if (is_running_) return true;
+  if (log_throtter_.ShouldGo()) {
+    LocalLog(1, kSourcePath, line, "%s, channel is not running", operation);
+  }
+  return false;
+}
+
+void ReliableReportChannelHttps::HandOver(const char* operation, int line, const uint8_t* data,
+                                          uint32_t size, bool need_cache, bool send_now,
+                                          const base::TimeDelta* delay) {
+  const auto tell = [&](ReportEventKind kind, ReportEventCause cause) {
+    TellBytes(kind, cause, channel_name_, data, size, need_cache);
+  };
+  tell(ReportEventKind::kHandedOver, ReportEventCause::kNone);
+  if (!CheckInitialized(operation, line)) {
+    return tell(ReportEventKind::kRefused, ReportEventCause::kNotInitialized);
+  }
+  CopyOnWriteBuffer body(data, size);
+  if (body.size() != size) {
+    LocalLog(2, kSourcePath, line,
+             "%s, no memory to copy a message of %u bytes; it is refused, hand it over again later",
+             operation, size);
+    return tell(ReportEventKind::kRefused, ReportEventCause::kOutOfMemory);
+  }
+  const std::shared_ptr<DispatchQueue> queue = dispatch_queue_.load();
+  if (queue == nullptr) return tell(ReportEventKind::kRefused, ReportEventCause::kQueueGone);
+  AdmissionTask task(StrongThis(), std::move(body), need_cache, send_now);
+  if (delay != nullptr) {
+    queue->PostDelayedTask(Here(line), std::move(task), *delay);
+  } else {
+    queue->PostTask(Here(line), std::move(task));
+  }
+}
+
+template <typename... Params, typename... Args>
+void ReliableReportChannelHttps::PostOperation(
+    const char* operation, int line, void (ReliableReportChannelHttps::*method)(Params...),
+    Args&&... args) {
+  if (!CheckInitialized(operation, line)) return;
+  const std::shared_ptr<DispatchQueue> queue = dispatch_queue_.load();
+  if (queue == nullptr) return;
+  queue->PostTask(Here(line), base::BindOnce(method, StrongThis(), std::forward<Args>(args)...));
+}
+
+void ReliableReportChannelHttps::SendPacket(const uint8_t* data, uint32_t size, bool need_cache,
+                                            bool send_now) {
+  HandOver("SendPacket", __LINE__, data, size, need_cache, send_now, nullptr);
+}
+
+void ReliableReportChannelHttps::SendPacketWithDelay(const uint8_t* data, uint32_t size,
+                                                     bool need_cache, base::TimeDelta delay) {
+  HandOver("SendPacketWithDelay", __LINE__, data, size, need_cache, false, &delay);
+}
+
+void ReliableReportChannelHttps::FlushPacket() {
+  PostOperation("FlushPacket", __LINE__, &ReliableReportChannelHttps::EnsureStartTimer);
+}
+
+void ReliableReportChannelHttps::SetResendInterval(unsigned int interval_ms) {
+  PostOperation("SetResendInterval", __LINE__, &ReliableReportChannelHttps::DoSetResendInterval,
+                interval_ms);
+}
+
+void ReliableReportChannelHttps::SetMaxResendCount(unsigned int count) {
+  PostOperation("SetMaxResendCount", __LINE__, &ReliableReportChannelHttps::DoSetMaxResendCount,
+                count);
+}
+
+void ReliableReportChannelHttps::SetServerDomain(const std::string& url) {
+  PostOperation("SetServerDomain", __LINE__, &ReliableReportChannelHttps::DoSetServerDomain, url);
+}
+
+void ReliableReportChannelHttps::DoSetServerDomain(const std::string& url) { url_ = url; }
+
+void ReliableReportChannelHttps::DoSetMaxResendCount(unsigned int count) {
+  max_resend_count_ = count;
+}
+
+// Timers ------------------------------------------------------------------------------------------
+
+uint32_t ReliableReportChannelHttps::GetReportInterval() { return report_interval_ms_.load(); }
+
+void ReliableReportChannelHttps::EnsureStartTimer() {
+  if (!is_running_) return;
+  if (send_timer_.IsRunning()) return;
+  send_timer_.Start(Here(__LINE__), SendPeriod(current_interval_ms_), this,
+                    &ReliableReportChannelHttps::DoSend);
+}
+
+void ReliableReportChannelHttps::EnsureStopTimer() { send_timer_.AbandonAndStop(); }
+
+void ReliableReportChannelHttps::ResetTimer(unsigned int interval_ms) {
+  if (!is_running_) return;
+  if (send_timer_.GetCurrentDelay().InMilliseconds() == int64_t{interval_ms}) return;
+  send_timer_.Stop();
+  send_timer_.Start(Here(__LINE__), SendPeriod(interval_ms), this,
+                    &ReliableReportChannelHttps::DoSend);
+}
+
+void ReliableReportChannelHttps::DoSetResendInterval(unsigned int interval_ms) {
+  if (interval_ms == resend_interval_ms_) return;
+  resend_interval_ms_ = interval_ms;
+  current_interval_ms_ = interval_ms;
+  ResetTimer(interval_ms);
+}
+
+// Store and admission -----------------------------------------------------------------------------
+
+void ReliableReportChannelHttps::UpdateCacheAndSend(CopyOnWriteBuffer data, bool need_cache,
+                                                    bool send_now) {
+  const auto tell = [&](ReportEventKind kind, ReportEventCause cause) {
+    TellBytes(kind, cause, channel_name_, data.cdata<uint8_t>(), data.size(), need_cache);
+  };
+  if (!CheckRunning("UpdateCacheAndSend", __LINE__)) {
+    return tell(ReportEventKind::kRefused, ReportEventCause::kNotRunning);
+  }
+  if (url_.empty()) return tell(ReportEventKind::kRefused, ReportEventCause::kNoServer);
+  ++sending_message_needed_count_;
+  TrimPendingMessages();
+
+  CachedMessage message(data, need_cache);
+  if (enable_compress_ && !CompressBody(data, &message.data)) {
+    return tell(ReportEventKind::kDropped, ReportEventCause::kNotCompressed);
+  }
+  TellAdmitted(message, data);
+  data = CopyOnWriteBuffer();  // The store now holds the body alone.
+
+  if (send_now && resend_interval_ms_ == 0) {
+    pending_messages_.push_front(std::move(message));
+    DoSend();
+  } else {
+    pending_messages_.push_back(std::move(message));
+  }
+  SaveCache();
+  EnsureStartTimer();
+}
+
+void ReliableReportChannelHttps::TrimPendingMessages() {
+  if (pending_messages_.size() < kMaxPendingMessages) return;
+  while (pending_messages_.size() > kPendingMessagesAfterTrim) {
+    TellMessage(ReportEventKind::kDropped, ReportEventCause::kTrimmed, channel_name_,
+                pending_messages_.front());
+    pending_messages_.pop_front();
+    ++dropping_message_count_;
+  }
+}
+
+void ReliableReportChannelHttps::TellAdmitted(const CachedMessage& message,
+                                              const CopyOnWriteBuffer& original) {
+  if (!ReportEvents::HasListener()) return;
+  ReportEvent event =
+      EventOf(ReportEventKind::kAdmitted, ReportEventCause::kNone, channel_name_, message);
+  if (event.data != original.cdata<uint8_t>()) {
+    event.original_data = original.cdata<uint8_t>();
+    event.original_size = original.size();
+  }
+  ReportEvents::Tell(event);
+}
+
+// Sending -----------------------------------------------------------------------------------------
+
+void ReliableReportChannelHttps::DoSend() {
+  if (!CheckRunning("DoSend", __LINE__)) return;
+  if (pending_messages_.empty()) {
+    send_timer_.AbandonAndStop();
+    return;
+  }
+  if (url_.empty()) return;
+  clean_timer_.AbandonAndStop();
+
+  CachedMessage message = pending_messages_.front();
+  HttpClient::Request request;
+  request.url = url_;
+  request.method = "POST";
+  request.body = message.data;
+  ++message.send_count;  // The copy's: the list keeps the old count until the request is under way.
+
+  if (http_client_ == nullptr) CreateHttpClient();
+  if (http_client_ == nullptr) return;
+  const int64_t request_id = http_client_->SendRequest(
+      request, base::BindOnce(&ReliableReportChannelHttps::OnResponse, StrongThis()));
+  if (request_id < 1) return;
+
+  const auto in_flight = sending_messages_.find(request_id);
+  if (in_flight != sending_messages_.end()) {
+    TellMessage(ReportEventKind::kDropped, ReportEventCause::kReplaced, channel_name_,
+                in_flight->second, request_id);
+  }
+  TellMessage(ReportEventKind::kSent, ReportEventCause::kNone, channel_name_, message, request_id);
+  sending_messages_.insert_or_assign(request_id, std::move(message));
+  pending_messages_.pop_front();
+  ++sending_message_actual_count_;
+}
+
+void ReliableReportChannelHttps::CreateHttpClient() {
+  HttpClient::Config config;
+  config.enable_http2 = http_client_option_;
+  const Socks5ProxyConfigHolder::Socks5ProxyConfig proxy =
+      GetSocks5ProxyConfigHolder()->GetConfig();
+  if (proxy.enabled) config.SetSocks5Proxy(proxy.host, proxy.port, proxy.user, proxy.password);
+  http_client_ = HttpClientFactory::Create(config);
+}
+
+// Compression -------------------------------------------------------------------------------------
+
+bool ReliableReportChannelHttps::CompressBody(const CopyOnWriteBuffer& body,
+                                              CopyOnWriteBuffer* compressed) {
+  // No larger than the body: what deflate would make longer does not fit, and is not sent.
+  const auto output = internal::AllocBufferTFromPool<uint8_t[]>(body.size());
+  uint64_t length = body.size();
+  if (Compress(body.cdata<uint8_t>(), body.size(), output.get(), &length) != Z_OK) return false;
+  *compressed = CopyOnWriteBuffer(output.get(), static_cast<uint32_t>(length));
+  return compressed->size() == length;
+}
+
+int ReliableReportChannelHttps::Compress(const uint8_t* src, uint64_t src_len, uint8_t* dst,
+                                         uint64_t* dst_len) {
+  if (src == nullptr || src_len == 0 || dst == nullptr || dst_len == nullptr) return Z_BUF_ERROR;
+  if (z_stream_ == nullptr) {
+    z_stream_ = {static_cast<z_stream*>(std::malloc(sizeof(z_stream))), &EndAndFreeStream};
+    if (z_stream_ == nullptr) return Z_MEM_ERROR;
+    std::memset(z_stream_.get(), 0, sizeof(z_stream));
+    if (deflateInit2_(z_stream_.get(), Z_BEST_COMPRESSION, Z_DEFLATED, kDeflateWindowBits,
+                      kDeflateMemoryLevel, Z_DEFAULT_STRATEGY, kZlibVersion,
+                      sizeof(z_stream)) != Z_OK) {
+      z_stream_.reset();
+      return Z_ERRNO;
+    }
+  }
+  if (deflateReset(z_stream_.get()) != Z_OK) {
+    z_stream_.reset();
+    return Z_ERRNO;
+  }
+  z_stream_->next_in = const_cast<uint8_t*>(src);
+  z_stream_->avail_in = static_cast<uint32_t>(src_len);
+  z_stream_->next_out = dst;
+  z_stream_->avail_out = static_cast<uint32_t>(*dst_len);
+  while (z_stream_->avail_in > 0) {
+    if (z_stream_->avail_out == 0) return Z_OK;
+    const int result = deflate(z_stream_.get(), Z_NO_FLUSH);
+    if (result != Z_OK) return result;
+  }
+  int result;
+  do {
+    result = deflate(z_stream_.get(), Z_FINISH);
+  } while (result == Z_OK);
+  if (result != Z_STREAM_END) return result;
+  *dst_len -= z_stream_->avail_out;
+  return Z_OK;
+}
+
+// Responses ---------------------------------------------------------------------------------------
+
+void ReliableReportChannelHttps::OnResponse(HttpClient::State state,
+                                            const HttpClient::Request& request,
+                                            std::unique_ptr<HttpClient::Response> response) {
+  PostOperation("OnResponse", __LINE__, &ReliableReportChannelHttps::DoOnResponse, state, request,
+                std::move(response));
+}
+
+void ReliableReportChannelHttps::DoOnResponse(HttpClient::State state,
+                                              const HttpClient::Request& request,
+                                              std::unique_ptr<HttpClient::Response> response) {
+  if (!CheckRunning("DoOnResponse", __LINE__)) return;
+  if (pending_messages_.empty()) {
+    clean_timer_.Start(Here(__LINE__), kCleanDelay, this, &ReliableReportChannelHttps::DoClean);
+  }
+  const auto found = sending_messages_.find(request.request_id);
+  if (found == sending_messages_.end()) return;
+  CachedMessage message = found->second;
+  sending_messages_.erase(found);
+
+  if (IsSuccess(state, response.get())) {
+    TellMessage(ReportEventKind::kAcknowledged, ReportEventCause::kNone, channel_name_, message,
+                request.request_id);
+    OnDelivered(*response);
+  } else {
+    TellFailed(state, response.get(), message, request.request_id);
+    OnAttemptFailed(request.request_id, std::move(message));
+  }
+  SaveCache();
+}
+
+void ReliableReportChannelHttps::OnDelivered(const HttpClient::Response& response) {
+  HandleResponse(response.body.cdata<char>(), response.body.size(), &response.headers);
+  // Read after the reply was applied: an interval that it brought counts already.
+  if (current_interval_ms_ != resend_interval_ms_) {
+    current_interval_ms_ = resend_interval_ms_;
+    ResetTimer(resend_interval_ms_);
+  }
+  continuous_fail_count_ = 0;
+  ++sending_message_successful_count_;
+}
+
+void ReliableReportChannelHttps::OnAttemptFailed(int64_t request_id, CachedMessage message) {
+  ++sending_message_failed_count_;
+  if (message.send_count < max_resend_count_) {
+    pending_messages_.push_front(std::move(message));
+  } else {
+    ++dropping_message_count_;
+    TellMessage(ReportEventKind::kDropped, ReportEventCause::kResendLimit, channel_name_, message,
+                request_id);
+  }
+  if (resend_interval_ms_ == 0 && continuous_fail_count_ <= kLastBackOffShift) {
+    current_interval_ms_ = kFirstBackOffMs << continuous_fail_count_;
+    ResetTimer(current_interval_ms_);
+  } else {
+    EnsureStartTimer();
+  }
+  ++continuous_fail_count_;
+}
+
+void ReliableReportChannelHttps::TellFailed(HttpClient::State state,
+                                            const HttpClient::Response* response,
+                                            const CachedMessage& message, int64_t request_id) {
+  if (!ReportEvents::HasListener()) return;
+  const bool answered = state == HttpClient::State::kCompleted && response != nullptr;
+  ReportEvent event = EventOf(ReportEventKind::kFailed,
+                              answered ? ReportEventCause::kStatus : ReportEventCause::kTransport,
+                              channel_name_, message, request_id);
+  event.http_state = static_cast<int32_t>(state);
+  event.status_code = answered ? response->status_code : 0;
+  ReportEvents::Tell(event);
+}
+
+void ReliableReportChannelHttps::HandleResponse(const char* body, uint32_t size,
+                                                const std::map<std::string, std::string>*) {
+  if (body == nullptr || size == 0) {
+    LocalLog(2, kSourcePath, __LINE__, "body is empty");
+    return;
+  }
+  const std::string text(body, size);
+  const base::Optional<base::Value> reply = base::JSONReader::Read(text, 0, kMaxJsonDepth);
+  if (!reply.has_value() || !reply->is_dict()) return;
+  const std::string* error_info = reply->FindStringKey("bytes_errinfo");
+  if (error_info == nullptr || *error_info != "success") {
+    LocalLog(2, kSourcePath, __LINE__, "response_errinfo is not success, response_msg:%s",
+             text.c_str());
+    return;
+  }
+  const int send_interval = reply->FindIntKey("uint32_send_interval").value_or(0);
+  if (send_interval > 0) DoSetResendInterval(static_cast<uint32_t>(send_interval));
+  const int max_resend_count = reply->FindIntKey("uint32_max_resend_count").value_or(0);
+  if (max_resend_count > 0) max_resend_count_ = static_cast<uint32_t>(max_resend_count);
+  const int report_duration = reply->FindIntKey("uint32_report_duration").value_or(0);
+  if (report_duration > 0) report_interval_ms_.store(static_cast<uint32_t>(report_duration) * 1000);
+  TellRetuned(send_interval > 0 || max_resend_count > 0 || report_duration > 0);
+}
+
+void ReliableReportChannelHttps::TellRetuned(bool any_field) {
+  if (!any_field || !ReportEvents::HasListener()) return;
+  ReportEvent event{ReportEventKind::kRetuned, ReportEventCause::kNone, channel_name_};
+  event.send_interval_ms = resend_interval_ms_;
+  event.max_resend_count = max_resend_count_;
+  event.report_interval_ms = report_interval_ms_.load();
+  ReportEvents::Tell(event);
+}
+
+// Statistics --------------------------------------------------------------------------------------
+
+void ReliableReportChannelHttps::LogoutStatistic() {
+  if (sending_message_needed_count_ == 0) return;
+  LocalLog(0, kSourcePath, __LINE__,
+           "report channel statistical results: channel_name is %s, url is %s, sending message "
+           "needed count is %u, sending message actual count is %u, sending_message successful "
+           "count is %u, sending message failed count is %u, dropping message count is %u",
+           channel_name_.c_str(), url_.c_str(), sending_message_needed_count_,
+           sending_message_actual_count_, sending_message_successful_count_,
+           sending_message_failed_count_, dropping_message_count_);
+  dropping_message_count_ = 0;
+  sending_message_needed_count_ = 0;
+  sending_message_actual_count_ = 0;
+  sending_message_successful_count_ = 0;
+  sending_message_failed_count_ = 0;
+}
+
+// Cache -------------------------------------------------------------------------------------------
+
+void ReliableReportChannelHttps::InitCacheMmap() {
+  if (!cache_loaded_) LoadCache();
+}
+
+void ReliableReportChannelHttps::LoadCache() {
+  if (cache_loaded_) {
+    LocalLog(2, kSourcePath, __LINE__, "mmap file has been loaded!");
+    return;
+  }
+  if (GetCacheOption() == kCacheNone) return;
+  if (!OpenCache()) LocalLog(2, kSourcePath, __LINE__, "open mmap file failed!");
+}
+
+// This version keeps nothing on disk: no option opens a file, and nothing is saved.
+bool ReliableReportChannelHttps::OpenCache() { return false; }
+
+void ReliableReportChannelHttps::SaveCache() {}
+
+}  // namespace quenor

@@ -1,0 +1,112 @@
+// The configuration centre over a map and the process's environment.
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <set>
+
+#include "quenor_base/platform/base/lock.h"
+#include "quenor_base/platform/base/thread_annotations.h"
+#include "quenor_base/platform/config_center.h"
+#include "quenor_base/platform/local_log.h"
+
+namespace quenor::config {
+namespace {
+
+constexpr char kLogSource[] = "quenor_base/platform/default/config_center_std";
+
+// "quenor.report.cache_option" -> "QUENOR_REPORT_CACHE_OPTION". By hand, not by toupper(): the
+// host's locale has no say in it.
+std::string EnvironmentName(const std::string& key) {
+  std::string name = key;
+  for (char& c : name) {
+    if (c == '.') c = '_';
+    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+  }
+  return name;
+}
+
+// The whole text as a decimal number of 64 bits: digits only.
+base::Optional<uint64_t> ParseDecimal(const char* text) {
+  uint64_t value = 0;
+  const char* end = text + std::strlen(text);
+  const std::from_chars_result result = std::from_chars(text, end, value);
+  if (result.ec != std::errc() || result.ptr != end) return base::nullopt;
+  return value;
+}
+
+base::Optional<uint64_t> BuiltIn(const std::string& key) {
+  // This version keeps nothing on disk: reports live in memory until they are acknowledged.
+  if (key == BaseCfg().cache_option) return uint64_t{0};
+  return base::nullopt;
+}
+
+}  // namespace
+
+struct ConfigCenterImpl::State {
+  base::Lock lock;
+  std::map<std::string, uint64_t> overrides QUENOR_GUARDED_BY(lock);
+  std::set<std::string> complained QUENOR_GUARDED_BY(lock);  // Keys with an unreadable variable.
+
+  // Any thread. The host's own value.
+  base::Optional<uint64_t> Override(const std::string& key) {
+    base::AutoLock hold(lock);
+    const auto found = overrides.find(key);
+    if (found == overrides.end()) return base::nullopt;
+    return found->second;
+  }
+
+  // Any thread. The environment's value; a text that is no number is logged once per key.
+  base::Optional<uint64_t> Environment(const std::string& key) {
+    const std::string name = EnvironmentName(key);
+    const char* text = std::getenv(name.c_str());
+    if (text == nullptr) return base::nullopt;
+    const base::Optional<uint64_t> value = ParseDecimal(text);
+    if (!value) ComplainOnce(key, name, text);
+    return value;
+  }
+
+ private:
+  // Logs outside the lock: a sink may read its own settings here.
+  void ComplainOnce(const std::string& key, const std::string& name, const char* text) {
+    {
+      base::AutoLock hold(lock);
+      if (!complained.insert(key).second) return;
+    }
+    LocalLog(2, kLogSource, __LINE__,
+             "config: %s=\"%s\" is skipped: it is not a decimal number from 0 to "
+             "18446744073709551615; correct the variable or unset it",
+             name.c_str(), text);
+  }
+};
+
+const BaseConfigKeys& BaseCfg() {
+  static const BaseConfigKeys* const keys = new BaseConfigKeys{"quenor.report.cache_option"};
+  return *keys;
+}
+
+ConfigCenterImpl* ConfigCenterImpl::GetInstance() {
+  static ConfigCenterImpl* const instance = new ConfigCenterImpl(new State);
+  return instance;
+}
+
+base::Optional<uint64_t> ConfigCenterImpl::GetValueWithPriority(
+    const std::string& key, base::Optional<uint64_t> default_value) {
+  if (const auto value = state_->Override(key)) return value;
+  if (const auto value = state_->Environment(key)) return value;
+  if (const auto value = BuiltIn(key)) return value;
+  return default_value;
+}
+
+void ConfigCenterImpl::SetHostOverride(const std::string& key, base::Optional<uint64_t> value) {
+  base::AutoLock hold(state_->lock);
+  if (value) {
+    state_->overrides[key] = *value;
+  } else {
+    state_->overrides.erase(key);
+  }
+}
+
+const char* ConfigCenterImpl::ImplementationName() { return "std"; }
+
+}  // namespace quenor::config

@@ -1,0 +1,285 @@
+// Dispatch queues on a pthread each: a mutex, a condition variable, a vector of tasks that the
+// thread swaps out whole, and an ordered map of deadlines. An idle queue waits without a time-out.
+#include <pthread.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <chrono>
+#include <climits>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "quenor_base/platform/base/thread_create_flag.h"
+#include "quenor_base/platform/thread_manager.h"
+
+namespace quenor {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Task = base::OnceCallback<void()>;
+
+// A deadline that is never reached; far from the clock's own end, so that sums cannot overflow.
+constexpr int64_t kForeverUs = int64_t{100} * 365 * 24 * 3600 * 1000000;
+
+// Room that a queue keeps after a burst; more goes back to the heap.
+constexpr size_t kTasksToKeepRoomFor = 256;
+
+Clock::time_point DeadlineAfter(base::TimeDelta delay) {
+  const int64_t us = std::clamp<int64_t>(delay.InMicroseconds(), 0, kForeverUs);
+  return Clock::now() + std::chrono::microseconds(us);
+}
+
+// Threads that live, and those that have ended and wait to be joined. Lives for the process: a
+// queue's thread may outlast every static object.
+struct Registry {
+  std::mutex mutex;
+  std::condition_variable changed;
+  size_t draining = 0;           // Queues dropped whose thread has not ended.
+  std::vector<pthread_t> ended;  // Threads at their very end, to be joined.
+};
+
+Registry& TheRegistry() {
+  static Registry* registry = new Registry;
+  return *registry;
+}
+
+void JoinEnded() {
+  std::vector<pthread_t> ended;
+  {
+    std::lock_guard<std::mutex> hold(TheRegistry().mutex);
+    ended.swap(TheRegistry().ended);
+  }
+  for (const pthread_t thread : ended) pthread_join(thread, nullptr);
+}
+
+// What a queue's thread runs on; shared by the thread and the queue object, so that either may go
+// first.
+class QueueCore {
+ public:
+  void Post(Task task) {
+    std::unique_lock<std::mutex> hold(mutex_);
+    tasks_.push_back(std::move(task));
+    WakeAndUnlock(&hold);
+  }
+
+  uint64_t PostDelayed(Task task, base::TimeDelta delay) {
+    const Clock::time_point due = DeadlineAfter(delay);
+    std::unique_lock<std::mutex> hold(mutex_);
+    const uint64_t id = ++last_delayed_id_;
+    const bool earliest = delayed_.empty() || due < delayed_.begin()->first.first;
+    delayed_.emplace(std::make_pair(due, id), std::move(task));
+    due_by_id_.emplace(id, due);
+    // A later deadline than the one the thread waits for needs no wake-up.
+    if (earliest) WakeAndUnlock(&hold);
+    return id;
+  }
+
+  bool Cancel(uint64_t id) {
+    Task cancelled;  // Destroyed after the lock is released.
+    std::unique_lock<std::mutex> hold(mutex_);
+    const auto due = due_by_id_.find(id);
+    if (due == due_by_id_.end()) return false;
+    const auto entry = delayed_.find({due->second, id});
+    const bool earliest = entry == delayed_.begin();
+    cancelled = std::move(entry->second);
+    delayed_.erase(entry);
+    due_by_id_.erase(due);
+    // The thread may be waiting for this very deadline: have it take the next one.
+    if (earliest) WakeAndUnlock(&hold);
+    if (hold.owns_lock()) hold.unlock();
+    return true;
+  }
+
+  // The last reference to the queue has gone. Nothing is run or destroyed here.
+  void Close() {
+    {
+      std::lock_guard<std::mutex> hold(TheRegistry().mutex);
+      ++TheRegistry().draining;
+    }
+    std::unique_lock<std::mutex> hold(mutex_);
+    closed_ = true;
+    WakeAndUnlock(&hold);
+  }
+
+  // The thread's whole life.
+  void Run() {
+    std::vector<Task> batch;
+    while (WaitForTasks(&batch)) {
+      for (Task& task : batch) {
+        std::move(task).Run();
+        task = nullptr;
+      }
+      batch.clear();
+      if (batch.capacity() > kTasksToKeepRoomFor) std::vector<Task>().swap(batch);
+    }
+    DestroyDelayed();
+  }
+
+ private:
+  void WakeAndUnlock(std::unique_lock<std::mutex>* hold) {
+    const bool wake = waiting_;
+    waiting_ = false;  // One wake-up per sleep.
+    hold->unlock();
+    if (wake) changed_.notify_one();
+  }
+
+  // Waits until something is to be run and moves it into `batch`, in order; false when the queue is
+  // closed and everything that was posted has run.
+  bool WaitForTasks(std::vector<Task>* batch) {
+    std::unique_lock<std::mutex> hold(mutex_);
+    for (;;) {
+      batch->swap(tasks_);
+      if (!delayed_.empty()) TakeDue(Clock::now(), batch);
+      if (!batch->empty()) return true;
+      if (closed_) return false;
+      waiting_ = true;
+      if (delayed_.empty()) {
+        changed_.wait(hold, [this] { return !waiting_; });
+      } else {
+        const Clock::time_point due = delayed_.begin()->first.first;
+        changed_.wait_until(hold, due, [this] { return !waiting_; });
+      }
+      waiting_ = false;
+    }
+  }
+
+  void TakeDue(Clock::time_point now, std::vector<Task>* batch) {
+    while (!delayed_.empty() && delayed_.begin()->first.first <= now) {
+      const auto entry = delayed_.begin();
+      batch->push_back(std::move(entry->second));
+      due_by_id_.erase(entry->first.second);
+      delayed_.erase(entry);
+    }
+  }
+
+  void DestroyDelayed() {
+    std::map<std::pair<Clock::time_point, uint64_t>, Task> doomed;
+    {
+      std::lock_guard<std::mutex> hold(mutex_);
+      doomed.swap(delayed_);
+      due_by_id_.clear();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Task> tasks_;
+  // Ordered by deadline, equal ones by age.
+  std::map<std::pair<Clock::time_point, uint64_t>, Task> delayed_;
+  std::map<uint64_t, Clock::time_point> due_by_id_;
+  uint64_t last_delayed_id_ = 0;
+  bool waiting_ = false;  // The thread sleeps and nobody has woken it yet.
+  bool closed_ = false;
+};
+
+class PthreadDispatchQueue : public DispatchQueue {
+ public:
+  explicit PthreadDispatchQueue(std::shared_ptr<QueueCore> core) : core_(std::move(core)) {}
+  ~PthreadDispatchQueue() override { core_->Close(); }
+
+  void PostTask(const base::Location&, Task task) override { core_->Post(std::move(task)); }
+  void PostDelayedTask(const base::Location&, Task task, base::TimeDelta delay) override {
+    if (delay <= base::TimeDelta()) return core_->Post(std::move(task));  // In turn with the rest.
+    core_->PostDelayed(std::move(task), delay);
+  }
+  uint64_t PostCancelableDelayedTask(const base::Location&, Task task,
+                                     base::TimeDelta delay) override {
+    return core_->PostDelayed(std::move(task), delay);
+  }
+  bool CancelDelayedTask(uint64_t id) override { return core_->Cancel(id); }
+
+  struct ThreadStart {
+    std::shared_ptr<QueueCore> core;
+    std::weak_ptr<DispatchQueue> queue;
+    std::string name;
+  };
+
+  static void* ThreadMain(void* start_pointer) {
+    {
+      const std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(start_pointer));
+      pthread_setname_np(pthread_self(), start->name.substr(0, 15).c_str());
+      base::ThreadCreateFlag::SetThreadCreateByQuenor(true);
+      const ScopedCurrent current(std::move(start->queue));
+      start->core->Run();
+    }
+    Registry& registry = TheRegistry();
+    std::lock_guard<std::mutex> hold(registry.mutex);
+    registry.ended.push_back(pthread_self());
+    --registry.draining;
+    registry.changed.notify_all();
+    return nullptr;
+  }
+
+ private:
+  const std::shared_ptr<QueueCore> core_;
+};
+
+// Creates the thread with every signal blocked: the host's handlers run on the host's threads.
+bool StartThread(std::unique_ptr<PthreadDispatchQueue::ThreadStart> start, size_t stack_size) {
+  pthread_attr_t attributes;
+  if (pthread_attr_init(&attributes) != 0) return false;
+  if (stack_size != 0) {
+    pthread_attr_setstacksize(&attributes, std::max<size_t>(stack_size, PTHREAD_STACK_MIN));
+  }
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  pthread_t thread;
+  const int error =
+      pthread_create(&thread, &attributes, &PthreadDispatchQueue::ThreadMain, start.get());
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  pthread_attr_destroy(&attributes);
+  if (error != 0) return false;
+  start.release();  // The thread's now.
+  return true;
+}
+
+}  // namespace
+
+namespace core {
+
+std::shared_ptr<DispatchQueue> ThreadManager::CreateNewDispatchQueue(
+    BusinessID, const std::string& name, const base::Optional<base::Thread::Options>& options) {
+  JoinEnded();
+  auto core = std::make_shared<QueueCore>();
+  auto queue = std::make_shared<PthreadDispatchQueue>(core);
+  auto start = std::make_unique<PthreadDispatchQueue::ThreadStart>();
+  start->core = core;
+  start->queue = queue;
+  start->name = name;
+  const size_t stack_size = options.has_value() ? options->stack_size : 0;
+  if (!StartThread(std::move(start), stack_size)) {
+    queue.reset();  // Counts itself as draining; no thread will take that back.
+    std::lock_guard<std::mutex> hold(TheRegistry().mutex);
+    --TheRegistry().draining;
+    TheRegistry().changed.notify_all();
+    return nullptr;
+  }
+  return queue;
+}
+
+bool ThreadManager::WaitForDrain(base::TimeDelta timeout) {
+  // A queue's own thread cannot wait for itself.
+  if (base::ThreadCreateFlag::IsThreadCreateByQuenor()) return false;
+  Registry& registry = TheRegistry();
+  const Clock::time_point deadline = DeadlineAfter(timeout);
+  {
+    std::unique_lock<std::mutex> hold(registry.mutex);
+    if (!registry.changed.wait_until(hold, deadline, [&] { return registry.draining == 0; })) {
+      return false;
+    }
+  }
+  JoinEnded();
+  return true;
+}
+
+const char* ThreadManager::ImplementationName() { return "pthread"; }
+
+}  // namespace core
+}  // namespace quenor
