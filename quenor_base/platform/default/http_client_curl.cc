@@ -1,0 +1,1182 @@
+// HttpClient on libcurl: one I/O thread and one multi handle serve every client of the process, so
+// that all of them share connections. Both start with the first request and are never destroyed.
+// Threads: a client's own thread prepares a request and queues it; the I/O thread, "quenor-http",
+// drives libcurl and runs the callbacks. Everything that two threads see is under Engine's lock.
+// See docs/design/http-client.md.
+#include <curl/curl.h>
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/sockios.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "quenor_base/platform/base/lock.h"
+#include "quenor_base/platform/base/thread_create_flag.h"
+#include "quenor_base/platform/http_client.h"
+#include "quenor_base/platform/local_log.h"
+
+namespace quenor {
+namespace {
+
+constexpr char kLogFile[] = "quenor_base/platform/default/http_client_curl";
+constexpr int kLogError = 2;
+constexpr int64_t kLogPauseMs = 60 * 1000;
+constexpr size_t kLogCauses = 64;      // Remembered for the pause; beyond, the oldest is forgotten.
+constexpr size_t kIdleTransfers = 64;  // Kept for reuse with their easy handles.
+constexpr long kIdleConnections = 32;  // Kept open, over all hosts.
+constexpr long kSystemCaCacheSeconds = 3600;
+constexpr int kExitWaitMs = 50;
+constexpr uint32_t kKeptReceiveBytes = 4096;     // A receive buffer up to this size is recycled.
+constexpr uint32_t kMaxHeaderLimit = 256 << 10;  // libcurl itself gives up at 300 KiB.
+constexpr int64_t kNever = INT64_MAX;
+
+int64_t NowMs() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// ---- Text helpers
+// --------------------------------------------------------------------------------
+
+char LowerAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; }
+
+bool EqualsNoCase(const std::string& a, const char* b) {
+  size_t i = 0;
+  for (; i < a.size() && b[i] != '\0'; ++i) {
+    if (LowerAscii(a[i]) != LowerAscii(b[i])) return false;
+  }
+  return i == a.size() && b[i] == '\0';
+}
+
+bool IsToken(const std::string& text) {
+  for (char c : text) {
+    const bool alnum = (c >= '0' && c <= '9') || (LowerAscii(c) >= 'a' && LowerAscii(c) <= 'z');
+    if (!alnum && (c == '\0' || std::strchr("!#$%&'*+-.^_`|~", c) == nullptr)) return false;
+  }
+  return !text.empty();
+}
+
+bool IsFieldValue(const std::string& text) {
+  for (char c : text) {
+    if (static_cast<unsigned char>(c) < 0x20 && c != '\t') return false;
+    if (c == 0x7f) return false;
+  }
+  return true;
+}
+
+// A usable URL without user, password, query and fragment: what may stand in a log.
+std::string LoggableUrl(const std::string& url) {
+  const size_t scheme_end = url.find("://");
+  if (scheme_end == std::string::npos) return "(no scheme)";
+  const size_t authority = scheme_end + 3;
+  const size_t authority_end = std::min(url.find_first_of("/?#", authority), url.size());
+  const size_t end = std::min(url.find_first_of("?#", authority), url.size());
+  const size_t at = url.substr(0, authority_end).rfind('@');
+  const size_t host = at == std::string::npos || at < authority ? authority : at + 1;
+  return url.substr(0, authority) + url.substr(host, end - host);
+}
+
+// ---- Settings
+// ------------------------------------------------------------------------------------
+
+// What a client's requests share with it; it lives as long as the last of them.
+struct ClientSettings {
+  ClientSettings(HttpClient::Config config_in, HttpDefaults defaults_in)
+      : config(std::move(config_in)), defaults(std::move(defaults_in)) {}
+  ~ClientSettings() { curl_slist_free_all(body_headers); }
+  ClientSettings(const ClientSettings&) = delete;
+  ClientSettings& operator=(const ClientSettings&) = delete;
+
+  const HttpClient::Config config;
+  const HttpDefaults defaults;
+  std::string proxy;                   // "socks5h://HOST:PORT"; empty: direct.
+  std::string pins;                    // As CURLOPT_PINNEDPUBLICKEY wants them.
+  curl_slist* body_headers = nullptr;  // Of a request with a body and no headers of its own.
+  int64_t serial = 0;                  // Tells settings apart for ever, as an address cannot.
+  const void* used_io = nullptr;       // Guarded by the engine's lock: where requests went.
+  // release in the destructor of the client, acquire on the I/O thread: what the owner did before
+  // is seen by the callbacks.
+  std::atomic<bool> closed{false};
+};
+
+// A host that can stand in "socks5h://HOST:PORT" and mean nothing else.
+bool IsProxyHost(const std::string& host) {
+  for (char c : host) {
+    const bool alnum = (c >= '0' && c <= '9') || (LowerAscii(c) >= 'a' && LowerAscii(c) <= 'z');
+    if (!alnum && (c == '\0' || std::strchr(".-_:[]%", c) == nullptr)) return false;
+  }
+  return !host.empty();
+}
+
+std::string ProxyUrl(const HttpClient::Config& config) {
+  if (!config.use_socks5) return std::string();
+  std::string host = config.socks5_host;
+  if (host.find(':') != std::string::npos && host[0] != '[') host = "[" + host + "]";
+  return "socks5h://" + host + ":" + std::to_string(config.socks5_port);
+}
+
+// ---- One exchange
+// --------------------------------------------------------------------------------
+
+// A request on its way, with an easy handle that it keeps from one request to the next. Belongs to
+// the thread that prepares it, then to the I/O thread.
+struct Transfer {
+  Transfer() = default;
+  ~Transfer() {
+    std::free(bytes);
+    curl_slist_free_all(own_headers);
+    if (easy != nullptr) curl_easy_cleanup(easy);
+  }
+  Transfer(const Transfer&) = delete;
+  Transfer& operator=(const Transfer&) = delete;
+
+  CURL* easy = nullptr;
+  int64_t configured_serial = 0;  // Whose options the handle carries.
+  std::shared_ptr<ClientSettings> client;
+  HttpClient::Request request;
+  HttpClient::CompletionCallback callback;
+  curl_slist* own_headers = nullptr;
+  int64_t deadline_ms = 0;
+  size_t active_index = 0;
+
+  // What has arrived.
+  std::unique_ptr<HttpClient::Response> response;
+  uint8_t* bytes = nullptr;  // malloc
+  uint32_t size_bytes = 0;
+  uint32_t capacity_bytes = 0;
+  uint64_t header_bytes = 0;
+  bool headers_complete = false;
+  bool too_large = false;
+
+  // How it ended.
+  HttpClient::State state = HttpClient::State::kFailed;
+  CURLcode code = CURLE_OK;
+  long verify_result = 0;
+  char error[CURL_ERROR_SIZE] = {};
+};
+
+// Makes room for `more` bytes after those that arrived; false beyond the cap or without memory.
+bool ReserveBody(Transfer* transfer, uint64_t more) {
+  const uint64_t cap = transfer->client->defaults.max_response_body_bytes;
+  const uint64_t needed = transfer->size_bytes + more;
+  if (needed > cap) {
+    transfer->too_large = true;
+    return false;
+  }
+  if (needed <= transfer->capacity_bytes) return true;
+  const uint64_t grown = std::max<uint64_t>(needed, transfer->capacity_bytes * uint64_t{2});
+  const uint64_t capacity = std::min<uint64_t>(std::max<uint64_t>(grown, 512), cap);
+  void* bytes = std::realloc(transfer->bytes, capacity);
+  if (bytes == nullptr) return false;
+  transfer->bytes = static_cast<uint8_t*>(bytes);
+  transfer->capacity_bytes = static_cast<uint32_t>(capacity);
+  return true;
+}
+
+size_t OnBodyBytes(char* data, size_t, size_t size, void* user) {
+  Transfer* transfer = static_cast<Transfer*>(user);
+  if (transfer->size_bytes == 0) {
+    curl_off_t announced = -1;
+    curl_easy_getinfo(transfer->easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
+    if (announced > 0 && !ReserveBody(transfer, static_cast<uint64_t>(announced))) return 0;
+  }
+  if (!ReserveBody(transfer, size)) return 0;
+  std::memcpy(transfer->bytes + transfer->size_bytes, data, size);
+  transfer->size_bytes += static_cast<uint32_t>(size);
+  return size;
+}
+
+void AddHeader(HttpClient::Response* response, const char* line, size_t size) {
+  const char* colon = static_cast<const char*>(std::memchr(line, ':', size));
+  if (colon == nullptr || colon == line) return;
+  std::string name(line, colon);
+  for (char& c : name) c = LowerAscii(c);
+  const char* begin = colon + 1;
+  const char* end = line + size;
+  while (begin < end && (*begin == ' ' || *begin == '\t')) ++begin;
+  while (begin < end && (end[-1] == ' ' || end[-1] == '\t')) --end;
+  auto [entry, is_new] = response->headers.try_emplace(std::move(name), begin, end);
+  if (!is_new) entry->second.append(", ").append(begin, end);
+}
+
+// One whole line: a status line, a header, the empty line after them, or a trailer.
+size_t OnHeaderLine(char* data, size_t, size_t size, void* user) {
+  Transfer* transfer = static_cast<Transfer*>(user);
+  transfer->header_bytes += size;
+  if (transfer->header_bytes > transfer->client->defaults.max_response_header_bytes) {
+    transfer->too_large = true;
+    return 0;
+  }
+  size_t length = size;
+  while (length > 0 && (data[length - 1] == '\r' || data[length - 1] == '\n')) --length;
+  if (length == 0) {
+    transfer->headers_complete = true;
+  } else if (length >= 5 && std::memcmp(data, "HTTP/", 5) == 0) {
+    // An interim answer (1xx) is followed by another: only the last one's headers count.
+    transfer->response->headers.clear();
+    transfer->headers_complete = false;
+  } else {
+    AddHeader(transfer->response.get(), data, length);
+  }
+  return size;
+}
+
+curl_socket_t OpenSocket(void*, curlsocktype, curl_sockaddr* address) {
+  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
+// Gathers whether every option was taken.
+class EasyOptions {
+ public:
+  explicit EasyOptions(CURL* easy) : easy_(easy) {}
+  template <typename T>
+  void Set(CURLoption option, T value) {
+    if (curl_easy_setopt(easy_, option, value) != CURLE_OK) all_taken_ = false;
+  }
+  // An empty text takes the option's value away.
+  void SetText(CURLoption option, const std::string& value) {
+    Set(option, value.empty() ? nullptr : value.c_str());
+  }
+  CURL* easy() const { return easy_; }
+  bool all_taken() const { return all_taken_; }
+
+ private:
+  CURL* easy_;
+  bool all_taken_ = true;
+};
+
+void SetProxyOptions(const ClientSettings& client, EasyOptions* options) {
+  // Empty, not null: null would ask the environment.
+  options->Set(CURLOPT_PROXY, client.proxy.c_str());
+  options->Set(CURLOPT_NOPROXY, "");
+  if (client.proxy.empty()) return;
+  options->Set(CURLOPT_SOCKS5_AUTH, static_cast<long>(CURLAUTH_BASIC));
+  if (client.config.socks5_user.empty()) return;
+  options->Set(CURLOPT_PROXYUSERNAME, client.config.socks5_user.c_str());
+  options->Set(CURLOPT_PROXYPASSWORD, client.config.socks5_password.c_str());
+}
+
+// The system's certificates: the bundle alone where libcurl knows one that can be read, because
+// only a bundle without a folder is parsed once and not for every connection.
+void SetSystemCa(EasyOptions* options) {
+  char* bundle = nullptr;
+  if (curl_easy_getinfo(options->easy(), CURLINFO_CAINFO, &bundle) != CURLE_OK) return;
+  if (bundle == nullptr || access(bundle, R_OK) != 0) return;
+  options->Set(CURLOPT_CAPATH, nullptr);
+  options->Set(CURLOPT_CA_CACHE_TIMEOUT, kSystemCaCacheSeconds);
+}
+
+void SetTlsOptions(const ClientSettings& client, EasyOptions* options) {
+  const HttpDefaults& defaults = client.defaults;
+  options->Set(CURLOPT_SSL_VERIFYPEER, 1L);
+  options->Set(CURLOPT_SSL_VERIFYHOST, 2L);
+  options->Set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  if (defaults.ca_file.empty() && defaults.ca_folder.empty()) {
+    SetSystemCa(options);
+  } else {
+    // Both, so that neither of libcurl's own defaults stays beside what was given. Not cached: the
+    // host may replace the file's content.
+    options->SetText(CURLOPT_CAINFO, defaults.ca_file);
+    options->SetText(CURLOPT_CAPATH, defaults.ca_folder);
+    options->Set(CURLOPT_CA_CACHE_TIMEOUT, 0L);
+  }
+  options->SetText(CURLOPT_PINNEDPUBLICKEY, client.pins);
+  options->SetText(CURLOPT_SSLCERT, defaults.client_certificate_file);
+  options->SetText(CURLOPT_SSLKEY, defaults.client_key_file);
+}
+
+// Gives the handle all options that are the same for every request of the client.
+bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
+  const HttpDefaults& defaults = client.defaults;
+  curl_easy_reset(transfer->easy);
+  EasyOptions options(transfer->easy);
+  options.Set(CURLOPT_NOSIGNAL, 1L);
+  options.Set(CURLOPT_QUICK_EXIT, 1L);  // A cancelled request does not wait for its name lookup.
+  options.Set(CURLOPT_PRIVATE, transfer);
+  options.Set(CURLOPT_ERRORBUFFER, transfer->error);
+  options.Set(CURLOPT_WRITEFUNCTION, &OnBodyBytes);
+  options.Set(CURLOPT_WRITEDATA, transfer);
+  options.Set(CURLOPT_HEADERFUNCTION, &OnHeaderLine);
+  options.Set(CURLOPT_HEADERDATA, transfer);
+  options.Set(CURLOPT_OPENSOCKETFUNCTION, &OpenSocket);
+  options.Set(CURLOPT_PROTOCOLS_STR, "http,https");
+  options.Set(CURLOPT_FOLLOWLOCATION, 0L);
+  options.Set(CURLOPT_ACCEPT_ENCODING, nullptr);
+  options.Set(CURLOPT_HTTP_CONTENT_DECODING, 0L);
+  options.Set(CURLOPT_TCP_NODELAY, 1L);
+  options.Set(CURLOPT_TCP_KEEPALIVE, 1L);
+  options.Set(CURLOPT_USERAGENT, defaults.user_agent.c_str());
+  options.Set(CURLOPT_CONNECTTIMEOUT_MS,
+              static_cast<long>(std::min<uint32_t>(defaults.connect_timeout_ms, INT_MAX)));
+  options.Set(CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(defaults.low_speed_bytes_per_second));
+  options.Set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(defaults.low_speed_seconds));
+  const bool http2 = client.config.enable_http2;
+  options.Set(CURLOPT_PIPEWAIT, http2 ? 1L : 0L);
+  options.Set(CURLOPT_HTTP_VERSION,
+              static_cast<long>(http2 ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1));
+  SetProxyOptions(client, &options);
+  SetTlsOptions(client, &options);
+  transfer->configured_serial = options.all_taken() ? client.serial : 0;
+  return options.all_taken();
+}
+
+bool AppendHeader(curl_slist** list, const std::string& line) {
+  curl_slist* longer = curl_slist_append(*list, line.c_str());
+  if (longer == nullptr) return false;
+  *list = longer;
+  return true;
+}
+
+// The request's headers and, unless they say otherwise, the content type of a body. "Expect" is
+// taken away: libcurl would hold back a large body for a second.
+bool BuildHeaders(const std::map<std::string, std::string>& headers, bool sends_body,
+                  curl_slist** list) {
+  bool has_type = false;
+  bool has_expect = false;
+  for (const auto& [name, value] : headers) {
+    has_type = has_type || EqualsNoCase(name, "content-type");
+    has_expect = has_expect || EqualsNoCase(name, "expect");
+    // libcurl reads "Name:" as "do not send Name", and "Name;" as an empty value.
+    if (!AppendHeader(list, value.empty() ? name + ";" : name + ": " + value)) return false;
+  }
+  if (!sends_body) return true;
+  if (!has_type && !AppendHeader(list, "Content-Type: application/octet-stream")) return false;
+  return has_expect || AppendHeader(list, "Expect:");
+}
+
+// A body may be sent with any method but HEAD; these announce one even when it is empty.
+bool SendsBody(const HttpClient::Request& request) {
+  return request.body.size() > 0 || request.method == "POST" || request.method == "PUT" ||
+         request.method == "PATCH";
+}
+
+// Gives the handle what belongs to this request; the body's bytes are borrowed until it has ended.
+bool ConfigureForRequest(Transfer* transfer) {
+  const HttpClient::Request& request = transfer->request;
+  EasyOptions options(transfer->easy);
+  options.Set(CURLOPT_URL, request.url.c_str());
+  const bool sends_body = SendsBody(request);
+  // The order matters: each of these also sets the method, which the last line then names.
+  if (sends_body) {
+    const char* bytes = request.body.cdata<char>();
+    options.Set(CURLOPT_NOBODY, 0L);
+    options.Set(CURLOPT_POST, 1L);
+    options.Set(CURLOPT_POSTFIELDS, bytes == nullptr ? "" : bytes);
+    options.Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+  } else {
+    options.Set(CURLOPT_POSTFIELDS, nullptr);
+    options.Set(CURLOPT_HTTPGET, 1L);
+    options.Set(CURLOPT_NOBODY, request.method == "HEAD" ? 1L : 0L);
+  }
+  const bool implied = request.method == (sends_body ? "POST" : "GET") || request.method == "HEAD";
+  options.Set(CURLOPT_CUSTOMREQUEST, implied ? nullptr : request.method.c_str());
+  curl_slist* headers = sends_body ? transfer->client->body_headers : nullptr;
+  if (!request.headers.empty()) {
+    if (!BuildHeaders(request.headers, sends_body, &transfer->own_headers)) return false;
+    headers = transfer->own_headers;
+  }
+  options.Set(CURLOPT_HTTPHEADER, headers);
+  return options.all_taken();
+}
+
+// The whole body out of a finished transfer. A small one is copied, so that the receive buffer
+// stays for the next; a large one is handed over. False without memory.
+bool TakeBody(Transfer* transfer, CopyOnWriteBuffer* body) {
+  const uint32_t size = transfer->size_bytes;
+  if (transfer->capacity_bytes <= kKeptReceiveBytes) {
+    *body = CopyOnWriteBuffer(transfer->bytes, size);
+  } else {
+    std::unique_ptr<uint8_t[], void (*)(void*)> array(transfer->bytes, &std::free);
+    const uint32_t capacity = transfer->capacity_bytes;
+    transfer->bytes = nullptr;
+    transfer->capacity_bytes = 0;
+    *body = CopyOnWriteBuffer(std::move(array), size, capacity);
+  }
+  return body->size() == size;
+}
+
+// Decides the state from libcurl's result and completes the response.
+void Conclude(Transfer* transfer, CURLcode code) {
+  transfer->code = code;
+  curl_easy_getinfo(transfer->easy, CURLINFO_SSL_VERIFYRESULT, &transfer->verify_result);
+  if (code == CURLE_OK) {
+    long status = 0;
+    curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status);
+    transfer->response->status_code = static_cast<int>(status);
+    if (TakeBody(transfer, &transfer->response->body)) {
+      transfer->state = HttpClient::State::kCompleted;
+      return;
+    }
+    transfer->code = CURLE_OUT_OF_MEMORY;
+  }
+  // A header line beyond libcurl's own limit ends as "out of memory" while headers arrive.
+  curl_off_t first_byte_us = 0;
+  curl_easy_getinfo(transfer->easy, CURLINFO_STARTTRANSFER_TIME_T, &first_byte_us);
+  const bool endless_line =
+      code == CURLE_OUT_OF_MEMORY && first_byte_us > 0 && !transfer->headers_complete;
+  if (transfer->too_large || endless_line) {
+    transfer->state = HttpClient::State::kTooLarge;
+  } else if (code == CURLE_OPERATION_TIMEDOUT) {
+    transfer->state = HttpClient::State::kTimedOut;
+  } else {
+    transfer->state = HttpClient::State::kFailed;
+  }
+}
+
+// Empties the transfer for its next request. No lock held: this frees what the host gave.
+void Clear(Transfer* transfer) {
+  transfer->callback.Reset();
+  transfer->client.reset();
+  transfer->request.body = CopyOnWriteBuffer();
+  transfer->request.headers.clear();
+  curl_slist_free_all(transfer->own_headers);
+  transfer->own_headers = nullptr;
+  transfer->response.reset();
+  transfer->size_bytes = 0;
+  transfer->header_bytes = 0;
+  transfer->headers_complete = false;
+  transfer->too_large = false;
+  transfer->error[0] = '\0';
+  if (transfer->capacity_bytes > kKeptReceiveBytes) {
+    std::free(transfer->bytes);
+    transfer->bytes = nullptr;
+    transfer->capacity_bytes = 0;
+  }
+}
+
+// ---- What a log says
+// -----------------------------------------------------------------------------
+
+// X509_V_ERR_… values, which stay the same for ever.
+const char* CertificateAdvice(long verify_result) {
+  switch (verify_result) {
+    case 9:  // Not yet valid.
+      return "check this machine's clock";
+    case 10:  // Expired.
+      return "renew the server's certificate or check this machine's clock";
+    case 2:
+    case 18:
+    case 19:
+    case 20:
+    case 21:  // No way to a trusted authority.
+      return "name the authority's certificate in HttpDefaults::ca_file, or look for something "
+             "that "
+             "intercepts TLS";
+    case 0:
+    case 62:  // Another host's.
+      return "use the name that the certificate is for, or give the server one for this name";
+    default:
+      return "check the server's certificate chain";
+  }
+}
+
+const char* Advice(const Transfer& transfer) {
+  const bool proxied = !transfer.client->proxy.empty();
+  switch (transfer.code) {
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return CertificateAdvice(transfer.verify_result);
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+      return "add the server's key to HttpDefaults::pinned_public_keys, or look for something that "
+             "intercepts TLS";
+    case CURLE_SSL_CACERT_BADFILE:
+      return "check HttpDefaults::ca_file and ca_folder";
+    case CURLE_SSL_CERTPROBLEM:
+      return "check HttpDefaults::client_certificate_file and client_key_file";
+    case CURLE_SSL_CONNECT_ERROR:
+      return "check that the server speaks TLS 1.2 or newer on this port";
+    case CURLE_COULDNT_RESOLVE_HOST:
+      return "check the host name and this machine's DNS";
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return "check the SOCKS5 proxy's host name";
+    case CURLE_PROXY:
+      return "check the SOCKS5 proxy's user, password and rules";
+    case CURLE_COULDNT_CONNECT:
+      return proxied ? "check that the SOCKS5 proxy runs and may be reached"
+                     : "check that the server runs and may be reached from here";
+    case CURLE_OPERATION_TIMEDOUT:
+      return "check the network and the server, or raise the time limits of HttpDefaults";
+    default:
+      return transfer.state == HttpClient::State::kTooLarge
+                 ? "check what answers at this address, or raise the size limits of HttpDefaults"
+                 : "check the network and the server";
+  }
+}
+
+const char* Cause(const Transfer& transfer) {
+  if (transfer.state == HttpClient::State::kTooLarge) return "the response is too large";
+  constexpr char kPrefix[] = "SSL certificate problem: ";
+  if (std::strncmp(transfer.error, kPrefix, sizeof(kPrefix) - 1) == 0) {
+    return transfer.error + sizeof(kPrefix) - 1;
+  }
+  return transfer.error[0] != '\0' ? transfer.error : curl_easy_strerror(transfer.code);
+}
+
+// Remembers what was logged when. Guarded by the engine's lock.
+class LogPauses {
+ public:
+  // True when the cause was not logged within the last minute; it then counts as logged now.
+  bool MayLog(const std::string& cause, int64_t now_ms) {
+    auto oldest = logged_.begin();
+    for (auto it = logged_.begin(); it != logged_.end(); ++it) {
+      if (it->cause == cause) {
+        if (now_ms - it->at_ms < kLogPauseMs) return false;
+        it->at_ms = now_ms;
+        return true;
+      }
+      if (it->at_ms < oldest->at_ms) oldest = it;
+    }
+    if (logged_.size() >= kLogCauses) logged_.erase(oldest);
+    logged_.push_back({cause, now_ms});
+    return true;
+  }
+
+ private:
+  struct Logged {
+    std::string cause;
+    int64_t at_ms;
+  };
+  std::vector<Logged> logged_;
+};
+
+// ---- The engine
+// ----------------------------------------------------------------------------------
+
+// The I/O thread and what it works on. Made by the first request, never destroyed; a forked child
+// makes its own.
+struct Io {
+  CURLM* multi = nullptr;
+  pthread_t thread{};
+
+  // Guarded by the engine's lock.
+  std::vector<Transfer*> submitted;
+  std::vector<Transfer*> idle;
+  bool any_closed = false;   // A client was destroyed since the I/O thread last looked.
+  bool woken = false;        // A wake-up is on its way.
+  bool working = false;      // The I/O thread is inside libcurl's transfers, and so OpenSSL.
+  bool parked = false;       // The process ends: it must not go there again.
+  pthread_cond_t work_done;  // Signalled when `working` ends.
+
+  // I/O thread only.
+  std::vector<Transfer*> starting;
+  std::vector<Transfer*> active;  // In the multi handle; each knows its index.
+  std::vector<Transfer*> finished;
+  std::vector<Transfer*> surplus;
+  int64_t next_deadline_ms = kNever;  // No active transfer's deadline is earlier.
+  uint32_t host_connections = 0;      // As last set in the multi handle.
+};
+
+// libcurl opens its wake-up pair without close-on-exec and does not give it away. It is known by
+// what it does: with every wake-up one byte more waits at one end and more is on its way from the
+// other.
+void SetWakeUpPairCloseOnExec(CURLM* multi) {
+  DIR* folder = opendir("/proc/self/fd");
+  if (folder == nullptr) return;
+  struct Candidate {
+    int fd, waiting, leaving;
+    bool is_reader, is_writer;
+  };
+  std::vector<Candidate> candidates;
+  while (const dirent* entry = readdir(folder)) {
+    const int fd = std::atoi(entry->d_name);
+    sockaddr_storage address;
+    socklen_t length = sizeof(address);
+    if (entry->d_name[0] == '.' || fd == dirfd(folder)) continue;
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) continue;
+    if (address.ss_family == AF_UNIX) candidates.push_back({fd, 0, 0, true, true});
+  }
+  closedir(folder);
+  for (int round = 0; round < 4; ++round) {
+    for (Candidate& c : candidates) {
+      int waiting = 0;
+      int leaving = 0;
+      if (ioctl(c.fd, FIONREAD, &waiting) != 0) waiting = 0;
+      if (ioctl(c.fd, SIOCOUTQ, &leaving) != 0) leaving = 0;
+      c.is_reader = c.is_reader && waiting == (round == 0 ? 0 : c.waiting + 1);
+      c.is_writer = c.is_writer && (round == 0 ? leaving == 0 : leaving > c.leaving);
+      c.waiting = waiting;
+      c.leaving = leaving;
+    }
+    curl_multi_wakeup(multi);
+  }
+  for (const Candidate& c : candidates) {
+    if (c.is_reader || c.is_writer) fcntl(c.fd, F_SETFD, FD_CLOEXEC);
+  }
+}
+
+class Engine {
+ public:
+  // Any thread. The process's engine; never null, never destroyed.
+  static Engine* Get() {
+    static Engine* const engine = new Engine;
+    return engine;
+  }
+
+  // Any thread. An empty transfer with an easy handle, for the caller to fill; null when the I/O
+  // thread, memory or libcurl cannot be had.
+  Transfer* Acquire() QUENOR_EXCLUDES(lock_);
+  // Any thread. Takes back a transfer that was not submitted.
+  void GiveBack(Transfer* transfer) QUENOR_EXCLUDES(lock_);
+  // Any thread. Hands the transfer to the I/O thread.
+  void Submit(Transfer* transfer) QUENOR_EXCLUDES(lock_);
+  // Any thread. Cancels what the client has sent.
+  void Close(ClientSettings* client) QUENOR_EXCLUDES(lock_);
+  // Any thread. As LogPauses::MayLog().
+  bool MayLog(const std::string& cause) QUENOR_EXCLUDES(lock_) {
+    base::AutoLock hold(lock_);
+    return log_pauses_.MayLog(cause, NowMs());
+  }
+
+  HttpDefaults GetDefaults() QUENOR_EXCLUDES(lock_) {
+    base::AutoLock hold(lock_);
+    return defaults_;
+  }
+  void SetDefaults(HttpDefaults defaults) QUENOR_EXCLUDES(lock_) {
+    base::AutoLock hold(lock_);
+    std::swap(defaults_, defaults);
+  }
+  int64_t NextSerial() QUENOR_EXCLUDES(lock_) {
+    base::AutoLock hold(lock_);
+    return ++last_serial_;
+  }
+
+ private:
+  Engine() = default;
+
+  // Life cycle.
+  Io* EnsureIo(std::string* problem) QUENOR_REQUIRES(lock_);
+  static bool StartThread(Io* io, std::string* problem);
+  static void* ThreadMain(void* io);
+  static void AtExit();
+  static void BeforeFork();
+  static void AfterForkInParent();
+  static void AfterForkInChild();
+
+  // I/O thread.
+  void Run(Io* io);
+  void BeginWork(Io* io) QUENOR_EXCLUDES(lock_);
+  void EndWork(Io* io) QUENOR_EXCLUDES(lock_);
+  void StartSubmitted(Io* io);
+  void CancelClosed(Io* io);
+  void ExpireDeadlines(Io* io);
+  void CollectFinished(Io* io);
+  void Finish(Io* io, Transfer* transfer);
+  void Report(Io* io) QUENOR_EXCLUDES(lock_);
+  void LogFailure(const Transfer& transfer) QUENOR_EXCLUDES(lock_);
+  void Wait(Io* io) QUENOR_EXCLUDES(lock_);
+
+  base::Lock lock_;
+  Io* io_ QUENOR_GUARDED_BY(lock_) = nullptr;
+  Io* parents_io_ QUENOR_GUARDED_BY(lock_) = nullptr;  // In a forked child: never touched again.
+  bool libcurl_ready_ QUENOR_GUARDED_BY(lock_) = false;
+  int64_t last_serial_ QUENOR_GUARDED_BY(lock_) = 0;
+  LogPauses log_pauses_ QUENOR_GUARDED_BY(lock_);
+  HttpDefaults defaults_ QUENOR_GUARDED_BY(lock_);
+};
+
+// ---- Engine: life cycle
+// --------------------------------------------------------------------------
+
+Io* Engine::EnsureIo(std::string* problem) {
+  if (io_ != nullptr) return io_;
+  if (!libcurl_ready_) {
+    if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
+      *problem = "libcurl cannot be initialised";
+      return nullptr;
+    }
+    libcurl_ready_ = true;
+    // After libcurl's, and so OpenSSL's, own start: exit handlers run last come, first served.
+    std::atexit(&Engine::AtExit);
+    pthread_atfork(&Engine::BeforeFork, &Engine::AfterForkInParent, &Engine::AfterForkInChild);
+  }
+  std::unique_ptr<Io> io(new Io);
+  io->multi = curl_multi_init();
+  if (io->multi == nullptr) {
+    *problem = "libcurl has no memory";
+    return nullptr;
+  }
+  curl_multi_setopt(io->multi, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_MULTIPLEX));
+  curl_multi_setopt(io->multi, CURLMOPT_MAXCONNECTS, kIdleConnections);
+  SetWakeUpPairCloseOnExec(io->multi);
+  pthread_condattr_t attributes;
+  pthread_condattr_init(&attributes);
+  pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+  pthread_cond_init(&io->work_done, &attributes);
+  pthread_condattr_destroy(&attributes);
+  if (!StartThread(io.get(), problem)) {
+    pthread_cond_destroy(&io->work_done);
+    curl_multi_cleanup(io->multi);
+    return nullptr;
+  }
+  io_ = io.release();
+  return io_;
+}
+
+bool Engine::StartThread(Io* io, std::string* problem) {
+  // The thread is born with every signal blocked: none of the host's is handled on it, and a write
+  // to a dead connection, which OpenSSL does without MSG_NOSIGNAL, leaves SIGPIPE pending there.
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  const int error = pthread_create(&io->thread, nullptr, &Engine::ThreadMain, io);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  if (error == 0) return true;
+  *problem = std::string("the I/O thread cannot be started: ") + std::strerror(error);
+  return false;
+}
+
+void* Engine::ThreadMain(void* io) {
+  pthread_setname_np(pthread_self(), "quenor-http");
+  base::ThreadCreateFlag::SetThreadCreateByQuenor(true);
+  Get()->Run(static_cast<Io*>(io));
+  return nullptr;
+}
+
+// Before OpenSSL's own exit handler frees what a live TLS session needs, the I/O thread stops going
+// there. Waits for the step that it is in, which never waits for the network, and not for long.
+void Engine::AtExit() {
+  Engine* engine = Get();
+  base::AutoLock hold(engine->lock_);
+  Io* io = engine->io_;
+  if (io == nullptr) return;
+  io->parked = true;
+  timespec until;
+  clock_gettime(CLOCK_MONOTONIC, &until);
+  until.tv_nsec += kExitWaitMs * 1000000L;
+  if (until.tv_nsec >= 1000000000L) {
+    until.tv_nsec -= 1000000000L;
+    ++until.tv_sec;
+  }
+  while (io->working) {
+    if (pthread_cond_timedwait(&io->work_done, engine->lock_.native_handle(), &until) != 0) return;
+  }
+}
+
+// A fork happens while the I/O thread is outside libcurl and nobody holds the lock, so that the
+// child finds OpenSSL's and our own state whole.
+void Engine::BeforeFork() QUENOR_NO_THREAD_SAFETY_ANALYSIS {
+  Engine* engine = Get();
+  engine->lock_.Acquire();
+  Io* io = engine->io_;
+  while (io != nullptr && io->working && !io->parked) {
+    pthread_cond_wait(&io->work_done, engine->lock_.native_handle());
+  }
+}
+
+void Engine::AfterForkInParent() QUENOR_NO_THREAD_SAFETY_ANALYSIS { Get()->lock_.Release(); }
+
+// The I/O thread exists in the parent only: the child forgets the parent's requests and connections
+// and starts its own with its first request.
+void Engine::AfterForkInChild() QUENOR_NO_THREAD_SAFETY_ANALYSIS {
+  Engine* engine = Get();
+  if (engine->io_ != nullptr) engine->parents_io_ = engine->io_;
+  engine->io_ = nullptr;
+  engine->lock_.Release();
+}
+
+// ---- Engine: doors
+// -------------------------------------------------------------------------------
+
+Transfer* Engine::Acquire() {
+  std::string problem;
+  {
+    base::AutoLock hold(lock_);
+    Io* io = EnsureIo(&problem);
+    if (io != nullptr && !io->idle.empty()) {
+      Transfer* transfer = io->idle.back();
+      io->idle.pop_back();
+      return transfer;
+    }
+  }
+  if (problem.empty()) {
+    std::unique_ptr<Transfer> transfer(new Transfer);
+    transfer->easy = curl_easy_init();
+    if (transfer->easy != nullptr) return transfer.release();
+    problem = "libcurl has no memory";
+  }
+  if (MayLog(problem)) {
+    LocalLog(kLogError, kLogFile, __LINE__, "http: cannot send: %s; free memory or threads",
+             problem.c_str());
+  }
+  return nullptr;
+}
+
+void Engine::GiveBack(Transfer* transfer) {
+  Clear(transfer);
+  transfer->configured_serial = 0;
+  base::AutoLock hold(lock_);
+  io_->idle.push_back(transfer);
+}
+
+void Engine::Submit(Transfer* transfer) {
+  Io* io;
+  {
+    base::AutoLock hold(lock_);
+    io = io_;
+    transfer->client->used_io = io;
+    io->submitted.push_back(transfer);
+    if (io->woken || pthread_equal(pthread_self(), io->thread)) return;
+    io->woken = true;
+  }
+  curl_multi_wakeup(io->multi);
+}
+
+void Engine::Close(ClientSettings* client) {
+  // release: pairs with the acquire loads on the I/O thread.
+  client->closed.store(true, std::memory_order_release);
+  Io* io;
+  {
+    base::AutoLock hold(lock_);
+    io = io_;
+    if (io == nullptr || client->used_io != io) return;
+    io->any_closed = true;
+    if (io->woken || pthread_equal(pthread_self(), io->thread)) return;
+    io->woken = true;
+  }
+  curl_multi_wakeup(io->multi);
+}
+
+// ---- Engine: I/O thread
+// --------------------------------------------------------------------------
+
+void Engine::Run(Io* io) {
+  for (;;) {
+    BeginWork(io);
+    for (Transfer* transfer : io->surplus) delete transfer;
+    io->surplus.clear();
+    StartSubmitted(io);
+    int running = 0;
+    curl_multi_perform(io->multi, &running);
+    CollectFinished(io);
+    ExpireDeadlines(io);
+    EndWork(io);
+    Report(io);
+    Wait(io);
+  }
+}
+
+void Engine::BeginWork(Io* io) {
+  bool any_closed;
+  {
+    base::AutoLock hold(lock_);
+    while (io->parked) pthread_cond_wait(&io->work_done, lock_.native_handle());
+    io->working = true;
+    io->woken = false;
+    any_closed = io->any_closed;
+    io->any_closed = false;
+    io->starting.swap(io->submitted);
+  }
+  if (any_closed) CancelClosed(io);
+}
+
+void Engine::EndWork(Io* io) {
+  base::AutoLock hold(lock_);
+  io->working = false;
+  pthread_cond_broadcast(&io->work_done);
+}
+
+void Engine::StartSubmitted(Io* io) {
+  for (Transfer* transfer : io->starting) {
+    const HttpDefaults& defaults = transfer->client->defaults;
+    if (io->host_connections != defaults.max_connections_per_host) {
+      io->host_connections = defaults.max_connections_per_host;
+      curl_multi_setopt(io->multi, CURLMOPT_MAX_HOST_CONNECTIONS,
+                        static_cast<long>(io->host_connections));
+    }
+    transfer->state = HttpClient::State::kFailed;
+    transfer->response.reset(new HttpClient::Response);
+    // acquire: pairs with the release in Close().
+    const bool closed = transfer->client->closed.load(std::memory_order_acquire);
+    if (closed || curl_multi_add_handle(io->multi, transfer->easy) != CURLM_OK) {
+      transfer->code = CURLE_OUT_OF_MEMORY;
+      io->finished.push_back(transfer);
+      continue;
+    }
+    transfer->active_index = io->active.size();
+    io->active.push_back(transfer);
+    io->next_deadline_ms = std::min(io->next_deadline_ms, transfer->deadline_ms);
+  }
+  io->starting.clear();
+}
+
+// Takes the transfer from libcurl; its callback is due. An HTTP/1.1 connection in mid-exchange
+// closes, an HTTP/2 stream is reset.
+void Engine::Finish(Io* io, Transfer* transfer) {
+  curl_multi_remove_handle(io->multi, transfer->easy);
+  Transfer* last = io->active.back();
+  io->active[transfer->active_index] = last;
+  last->active_index = transfer->active_index;
+  io->active.pop_back();
+  if (io->active.empty()) io->next_deadline_ms = kNever;
+  io->finished.push_back(transfer);
+}
+
+void Engine::CollectFinished(Io* io) {
+  int left = 0;
+  while (const CURLMsg* message = curl_multi_info_read(io->multi, &left)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    const CURLcode code = message->data.result;  // The message dies with the handle's removal.
+    Transfer* transfer = nullptr;
+    curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
+    Conclude(transfer, code);
+    Finish(io, transfer);
+  }
+}
+
+void Engine::CancelClosed(Io* io) {
+  for (size_t i = io->active.size(); i-- > 0;) {
+    Transfer* transfer = io->active[i];
+    // acquire: pairs with the release in Close().
+    if (transfer->client->closed.load(std::memory_order_acquire)) Finish(io, transfer);
+  }
+}
+
+// The whole exchange's limit is kept here and not by libcurl, which does not count the time that a
+// request waits for a connection.
+void Engine::ExpireDeadlines(Io* io) {
+  if (io->next_deadline_ms == kNever) return;
+  const int64_t now_ms = NowMs();
+  if (now_ms < io->next_deadline_ms) return;
+  int64_t next_ms = kNever;
+  for (size_t i = io->active.size(); i-- > 0;) {
+    Transfer* transfer = io->active[i];
+    if (transfer->deadline_ms > now_ms) {
+      next_ms = std::min(next_ms, transfer->deadline_ms);
+      continue;
+    }
+    Conclude(transfer, CURLE_OPERATION_TIMEDOUT);
+    if (transfer->error[0] == '\0') {
+      std::snprintf(transfer->error, sizeof(transfer->error), "no whole response in time");
+    }
+    Finish(io, transfer);
+  }
+  io->next_deadline_ms = next_ms;
+}
+
+// Runs what is due, without the lock: a callback may send, create and destroy clients, and fork.
+void Engine::Report(Io* io) {
+  for (Transfer* transfer : io->finished) {
+    // acquire: pairs with the release in Close(). Nobody hears of success after that.
+    if (transfer->client->closed.load(std::memory_order_acquire)) {
+      transfer->state = HttpClient::State::kCancelled;
+    } else if (transfer->state != HttpClient::State::kCompleted) {
+      LogFailure(*transfer);
+    }
+    if (transfer->state != HttpClient::State::kCompleted) transfer->response.reset();
+    if (transfer->callback) {
+      std::move(transfer->callback)
+          .Run(transfer->state, transfer->request, std::move(transfer->response));
+    }
+    Clear(transfer);
+    base::AutoLock hold(lock_);
+    (io->idle.size() < kIdleTransfers ? io->idle : io->surplus).push_back(transfer);
+  }
+  io->finished.clear();
+}
+
+void Engine::LogFailure(const Transfer& transfer) {
+  const std::string url = LoggableUrl(transfer.request.url);
+  const std::string cause = Cause(transfer);
+  if (!MayLog(url + '\n' + std::to_string(transfer.code) + '\n' +
+              std::to_string(transfer.verify_result))) {
+    return;
+  }
+  const bool is_post = transfer.request.method == "POST";
+  LocalLog(kLogError, kLogFile, __LINE__, "http: cannot %s %s%s%s: %s; %s",
+           is_post ? "post to" : ("send " + transfer.request.method + " to").c_str(), url.c_str(),
+           transfer.client->proxy.empty() ? "" : " through ", transfer.client->proxy.c_str(),
+           cause.c_str(), Advice(transfer));
+}
+
+// Sleeps until a socket, a time limit or another thread needs the I/O thread; with none of them
+// pending, for good.
+void Engine::Wait(Io* io) {
+  {
+    base::AutoLock hold(lock_);
+    if (!io->submitted.empty() || io->any_closed || !io->surplus.empty()) return;
+  }
+  int timeout_ms = INT_MAX;
+  if (io->next_deadline_ms != kNever) {
+    const int64_t left_ms = std::max<int64_t>(io->next_deadline_ms - NowMs(), 0);
+    timeout_ms = static_cast<int>(std::min<int64_t>(left_ms, INT_MAX));
+  }
+  if (curl_multi_poll(io->multi, nullptr, 0, timeout_ms, nullptr) != CURLM_OK) {
+    poll(nullptr, 0, 100);  // Out of memory or descriptors: not at full speed.
+  }
+}
+
+// ---- The client
+// ----------------------------------------------------------------------------------
+
+class HttpClientCurl final : public HttpClient {
+ public:
+  explicit HttpClientCurl(std::shared_ptr<ClientSettings> settings)
+      : settings_(std::move(settings)) {}
+  ~HttpClientCurl() override { Engine::Get()->Close(settings_.get()); }
+
+  int64_t SendRequest(const Request& request, CompletionCallback callback) override;
+
+ private:
+  // Empty when the request can be sent, else why not and what to do.
+  std::string Problem(const Request& request) QUENOR_EXCLUDES(lock_);
+  std::string UrlProblem(const std::string& url) QUENOR_EXCLUDES(lock_);
+
+  const std::shared_ptr<ClientSettings> settings_;
+  base::Lock lock_;
+  std::string good_url_ QUENOR_GUARDED_BY(lock_);  // The last one that was found usable.
+};
+
+std::string HttpClientCurl::UrlProblem(const std::string& url) {
+  {
+    base::AutoLock hold(lock_);
+    if (!good_url_.empty() && good_url_ == url) return std::string();
+  }
+  const std::string what = "the URL (" + std::to_string(url.size()) + " bytes) cannot be used: ";
+  const std::string hint = "; give https://HOST[:PORT]/PATH";
+  if (url.find('\0') != std::string::npos) return what + "it holds a NUL" + hint;
+  CURLU* parsed = curl_url();
+  if (parsed == nullptr) return what + "out of memory";
+  char* scheme = nullptr;
+  char* host = nullptr;
+  CURLUcode code = curl_url_set(parsed, CURLUPART_URL, url.c_str(), 0);
+  if (code == CURLUE_OK) code = curl_url_get(parsed, CURLUPART_SCHEME, &scheme, 0);
+  if (code == CURLUE_OK) code = curl_url_get(parsed, CURLUPART_HOST, &host, 0);
+  const bool is_http = code == CURLUE_OK && host[0] != '\0' &&
+                       (std::strcmp(scheme, "https") == 0 || std::strcmp(scheme, "http") == 0);
+  curl_free(scheme);
+  curl_free(host);
+  curl_url_cleanup(parsed);
+  if (code != CURLUE_OK) return what + curl_url_strerror(code) + hint;
+  if (!is_http) return what + "it is neither https nor http" + hint;
+  base::AutoLock hold(lock_);
+  good_url_ = url;
+  return std::string();
+}
+
+std::string HttpClientCurl::Problem(const Request& request) {
+  if (!IsToken(request.method) || request.method == "CONNECT") {
+    return "the method is none that can be sent; give POST, GET, ...";
+  }
+  if (request.method == "HEAD" && request.body.size() > 0) {
+    return "HEAD has no body; leave it empty";
+  }
+  for (const auto& [name, value] : request.headers) {
+    if (!IsToken(name) || !IsFieldValue(value)) {
+      return "a header's name or value holds a character that HTTP forbids; take it out";
+    }
+    if (EqualsNoCase(name, "content-length") || EqualsNoCase(name, "transfer-encoding")) {
+      return "the header " + name + " is the client's own; take it out";
+    }
+  }
+  return UrlProblem(request.url);
+}
+
+int64_t HttpClientCurl::SendRequest(const Request& request, CompletionCallback callback) {
+  Engine* engine = Engine::Get();
+  const std::string problem = Problem(request);
+  if (!problem.empty()) {
+    if (engine->MayLog(problem)) {
+      LocalLog(kLogError, kLogFile, __LINE__, "http: cannot send: %s", problem.c_str());
+    }
+    callback.Reset();
+    return 0;
+  }
+  Transfer* transfer = engine->Acquire();
+  if (transfer == nullptr) {
+    callback.Reset();
+    return 0;
+  }
+  transfer->client = settings_;
+  transfer->request = request;
+  const bool configured =
+      transfer->configured_serial == settings_->serial || ConfigureForClient(transfer, *settings_);
+  if (!configured || !ConfigureForRequest(transfer)) {
+    engine->GiveBack(transfer);
+    callback.Reset();
+    return 0;
+  }
+  const int64_t id = NextRequestId();
+  const uint32_t total_ms = settings_->defaults.total_timeout_ms;
+  transfer->request.request_id = id;
+  transfer->callback = std::move(callback);
+  transfer->deadline_ms = NowMs() + (request.timeout_ms > 0 ? request.timeout_ms : total_ms);
+  engine->Submit(transfer);
+  return id;
+}
+
+// ---- The process's defaults
+// ----------------------------------------------------------------------
+
+// Zero and empty values replaced by what they stand for.
+HttpDefaults InForce(HttpDefaults defaults) {
+  const HttpDefaults fresh;
+  const auto fill = [](uint32_t* value, uint32_t otherwise) {
+    if (*value == 0) *value = otherwise;
+  };
+  fill(&defaults.connect_timeout_ms, fresh.connect_timeout_ms);
+  fill(&defaults.total_timeout_ms, fresh.total_timeout_ms);
+  fill(&defaults.low_speed_bytes_per_second, fresh.low_speed_bytes_per_second);
+  fill(&defaults.low_speed_seconds, fresh.low_speed_seconds);
+  fill(&defaults.max_response_body_bytes, fresh.max_response_body_bytes);
+  fill(&defaults.max_response_header_bytes, fresh.max_response_header_bytes);
+  fill(&defaults.max_connections_per_host, fresh.max_connections_per_host);
+  if (defaults.user_agent.empty()) defaults.user_agent = "quenor/" QUENOR_VERSION;
+  return defaults;
+}
+
+}  // namespace
+
+std::unique_ptr<HttpClient> HttpClientFactory::Create(const HttpClient::Config& config) {
+  Engine* engine = Engine::Get();
+  if (config.use_socks5 && (!IsProxyHost(config.socks5_host) || config.socks5_port == 0)) {
+    if (engine->MayLog("proxy host")) {
+      LocalLog(kLogError, kLogFile, __LINE__,
+               "http: cannot make a client: the SOCKS5 proxy's host or port is empty or malformed; "
+               "give a host name or an address, and a port, or disable the proxy");
+    }
+    return nullptr;
+  }
+  auto settings = std::make_shared<ClientSettings>(config, InForce(engine->GetDefaults()));
+  settings->serial = engine->NextSerial();
+  settings->proxy = ProxyUrl(config);
+  for (const std::string& pin : settings->defaults.pinned_public_keys) {
+    settings->pins += (settings->pins.empty() ? "" : ";") + pin;
+  }
+  if (!BuildHeaders({}, true, &settings->body_headers)) return nullptr;
+  return std::make_unique<HttpClientCurl>(std::move(settings));
+}
+
+const char* HttpClientFactory::ImplementationName() {
+  static const std::string* const name = [] {
+    const curl_version_info_data* info = curl_version_info(CURLVERSION_NOW);
+    std::string text = std::string("libcurl ") + info->version + " (";
+    text += info->ssl_version != nullptr ? info->ssl_version : "no TLS";
+    if (info->nghttp2_version != nullptr) text += std::string(", nghttp2/") + info->nghttp2_version;
+    return new std::string(text + ")");
+  }();
+  return name->c_str();
+}
+
+std::string SetHttpDefaults(const HttpDefaults& defaults) {
+  Engine::Get()->SetDefaults(InForce(defaults));
+  return std::string();
+}
+
+HttpDefaults GetHttpDefaults() { return InForce(Engine::Get()->GetDefaults()); }
+
+}  // namespace quenor

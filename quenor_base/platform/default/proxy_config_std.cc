@@ -1,0 +1,31 @@
+// The process-wide SOCKS5 proxy settings, behind one lock. Any thread. Never destroyed.
+#include "quenor_base/platform/base/lock.h"
+#include "quenor_base/platform/socks5_proxy_config.h"
+
+namespace quenor {
+
+struct Socks5ProxyConfigHolder::State {
+  base::Lock lock;
+  Socks5ProxyConfig config QUENOR_GUARDED_BY(lock);
+};
+
+Socks5ProxyConfigHolder::Socks5ProxyConfig Socks5ProxyConfigHolder::GetConfig() const {
+  base::AutoLock hold(state_->lock);
+  return state_->config;
+}
+
+void Socks5ProxyConfigHolder::SetConfig(const Socks5ProxyConfig& config) {
+  Socks5ProxyConfig copy = config;
+  base::AutoLock hold(state_->lock);
+  std::swap(state_->config, copy);
+}
+
+const char* Socks5ProxyConfigHolder::ImplementationName() { return "std"; }
+
+Socks5ProxyConfigHolder* GetSocks5ProxyConfigHolder() {
+  static Socks5ProxyConfigHolder* const holder =
+      new Socks5ProxyConfigHolder(new Socks5ProxyConfigHolder::State);
+  return holder;
+}
+
+}  // namespace quenor
