@@ -450,11 +450,15 @@ void Conclude(Transfer* transfer, CURLcode code) {
     long status = 0;
     curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status);
     transfer->response->status_code = static_cast<int>(status);
-    if (TakeBody(transfer, &transfer->response->body)) {
+    // libcurl takes an end within the headers, or after an interim answer, for a whole response.
+    if (!transfer->headers_complete || status < 200) {
+      transfer->code = CURLE_PARTIAL_FILE;
+    } else if (!TakeBody(transfer, &transfer->response->body)) {
+      transfer->code = CURLE_OUT_OF_MEMORY;
+    } else {
       transfer->state = HttpClient::State::kCompleted;
       return;
     }
-    transfer->code = CURLE_OUT_OF_MEMORY;
   }
   // A header line beyond libcurl's own limit ends as "out of memory" while headers arrive.
   curl_off_t first_byte_us = 0;
