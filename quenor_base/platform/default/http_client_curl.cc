@@ -450,11 +450,15 @@ void Conclude(Transfer* transfer, CURLcode code) {
     long status = 0;
     curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status);
     transfer->response->status_code = static_cast<int>(status);
-    if (TakeBody(transfer, &transfer->response->body)) {
+    // libcurl takes an end within the headers, or after an interim answer, for a whole response.
+    if (!transfer->headers_complete || status < 200) {
+      transfer->code = CURLE_PARTIAL_FILE;
+    } else if (!TakeBody(transfer, &transfer->response->body)) {
+      transfer->code = CURLE_OUT_OF_MEMORY;
+    } else {
       transfer->state = HttpClient::State::kCompleted;
       return;
     }
-    transfer->code = CURLE_OUT_OF_MEMORY;
   }
   // A header line beyond libcurl's own limit ends as "out of memory" while headers arrive.
   curl_off_t first_byte_us = 0;
@@ -617,7 +621,7 @@ struct Io {
 
 // libcurl opens its wake-up pair without close-on-exec and does not give it away. It is known by
 // what it does: with every wake-up one byte more waits at one end and more is on its way from the
-// other.
+// other. Where /proc is not mounted, the pair stays as it is.
 void SetWakeUpPairCloseOnExec(CURLM* multi) {
   DIR* folder = opendir("/proc/self/fd");
   if (folder == nullptr) return;
@@ -641,8 +645,8 @@ void SetWakeUpPairCloseOnExec(CURLM* multi) {
       int leaving = 0;
       if (ioctl(c.fd, FIONREAD, &waiting) != 0) waiting = 0;
       if (ioctl(c.fd, SIOCOUTQ, &leaving) != 0) leaving = 0;
-      c.is_reader = c.is_reader && waiting == (round == 0 ? 0 : c.waiting + 1);
-      c.is_writer = c.is_writer && (round == 0 ? leaving == 0 : leaving > c.leaving);
+      c.is_reader = c.is_reader && (round == 0 || waiting == c.waiting + 1);
+      c.is_writer = c.is_writer && (round == 0 || leaving > c.leaving);
       c.waiting = waiting;
       c.leaving = leaving;
     }
@@ -745,6 +749,12 @@ Io* Engine::EnsureIo(std::string* problem) {
   }
   curl_multi_setopt(io->multi, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_MULTIPLEX));
   curl_multi_setopt(io->multi, CURLMOPT_MAXCONNECTS, kIdleConnections);
+  // Without descriptors libcurl goes on without its wake-up pair, and nobody could wake the thread.
+  if (curl_multi_wakeup(io->multi) != CURLM_OK) {
+    *problem = "no descriptors are left";
+    curl_multi_cleanup(io->multi);
+    return nullptr;
+  }
   SetWakeUpPairCloseOnExec(io->multi);
   pthread_condattr_t attributes;
   pthread_condattr_init(&attributes);
@@ -843,8 +853,8 @@ Transfer* Engine::Acquire() {
     problem = "libcurl has no memory";
   }
   if (MayLog(problem)) {
-    LocalLog(kLogError, kLogFile, __LINE__, "http: cannot send: %s; free memory or threads",
-             problem.c_str());
+    LocalLog(kLogError, kLogFile, __LINE__,
+             "http: cannot send: %s; raise the limit or use less of it", problem.c_str());
   }
   return nullptr;
 }

@@ -11,6 +11,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
+#include <memory>
 #include <string>
 
 #include "quenor_base/platform/base/check.h"
@@ -30,8 +32,8 @@ std::string FindProgram(const std::string& name) {
   return name;
 }
 
-// A socket bound to a free port of 127.0.0.1, listening when asked to.
-int BindLoopback(bool listens, uint16_t* port) {
+// A socket bound to a free port of 127.0.0.1.
+int BindLoopback(uint16_t* port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -39,7 +41,6 @@ int BindLoopback(bool listens, uint16_t* port) {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   QUENOR_CHECK(fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), size) == 0,
                "no free port");
-  QUENOR_CHECK(!listens || listen(fd, 1024) == 0, "cannot listen");
   getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
   *port = ntohs(address.sin_port);
   return fd;
@@ -56,11 +57,27 @@ bool CanConnect(uint16_t port) {
   return connected;
 }
 
+// For a server that cannot say which port it took: finds a free one, starts the server on it and
+// waits until it listens. Another process may be quicker to take the port; the server then ends,
+// and the next port is tried.
+void StartOnFreePort(std::unique_ptr<ChildProcess>* process, uint16_t* port,
+                     const std::function<std::unique_ptr<ChildProcess>(uint16_t)>& start) {
+  for (int attempt = 0; attempt < 20; ++attempt) {
+    *port = UnusedPort();
+    *process = start(*port);
+    while (!(*process)->HasEnded()) {
+      if (CanConnect(*port)) return;
+      poll(nullptr, 0, 1);
+    }
+  }
+  QUENOR_CHECK(false, "a server cannot be started; is its package installed?");
+}
+
 }  // namespace
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
                            const std::string& output_file,
-                           const std::vector<std::string>& environment, int inherited_fd) {
+                           const std::vector<std::string>& environment) {
   std::vector<char*> argv;
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
@@ -73,8 +90,6 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
   posix_spawn_file_actions_addopen(&actions, 1, output_file.c_str(), O_WRONLY | O_CREAT | O_APPEND,
                                    0600);
   posix_spawn_file_actions_adddup2(&actions, 1, 2);
-  // Onto itself: takes close-on-exec away.
-  if (inherited_fd >= 0) posix_spawn_file_actions_adddup2(&actions, inherited_fd, inherited_fd);
   const std::string program = FindProgram(arguments[0]);
   const int error =
       posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), envp.data());
@@ -107,29 +122,27 @@ bool ChildProcess::HasEnded() {
 }
 
 NginxServer::NginxServer(const Options& options) : is_tls_(options.certificate != nullptr) {
-  // nginx takes a socket that already listens from whoever started it: no port to guess, and
-  // connections wait in its backlog until nginx is ready.
-  const int listener = BindLoopback(true, &port_);
   std::string conf = "daemon off; master_process off; pid nginx.pid; error_log stderr notice;\n";
   conf += "events { worker_connections 512; }\nhttp {\n";
   conf += "  access_log off; client_max_body_size 16m; keepalive_requests 100000;\n";
-  conf += "  log_format quenor '$server_protocol $request_method $status $request_length';\n";
   for (const char* kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
     conf += std::string("  ") + kind + "_temp_path " + kind + ";\n";
   }
-  conf += "  server {\n    listen 127.0.0.1:" + std::to_string(port_) + (is_tls_ ? " ssl" : "") +
-          (options.http2 ? " http2" : "") + ";\n";
+  conf += "  server {\n";
   if (is_tls_) {
     conf += "    ssl_certificate " + options.certificate->certificate_file + ";\n";
     conf += "    ssl_certificate_key " + options.certificate->key_file + ";\n";
   }
-  conf += options.server_lines + "\n  }\n}\n";
-  QUENOR_CHECK(WriteWholeFile(folder_.File("nginx.conf"), conf), "no nginx.conf");
-  process_ = std::make_unique<ChildProcess>(
-      std::vector<std::string>{"nginx", "-e", "stderr", "-p", folder_.path(), "-c", "nginx.conf"},
-      folder_.File("output"), std::vector<std::string>{"NGINX=" + std::to_string(listener) + ";"},
-      listener);
-  close(listener);
+  conf += options.server_lines + "\n";
+  const std::string flags =
+      std::string(is_tls_ ? " ssl" : "") + (options.http2 ? " http2" : "") + ";\n  }\n}\n";
+  StartOnFreePort(&process_, &port_, [&](uint16_t port) {
+    const std::string listen = "    listen 127.0.0.1:" + std::to_string(port) + flags;
+    QUENOR_CHECK(WriteWholeFile(folder_.File("nginx.conf"), conf + listen), "no nginx.conf");
+    return std::make_unique<ChildProcess>(
+        std::vector<std::string>{"nginx", "-e", "stderr", "-p", folder_.path(), "-c", "nginx.conf"},
+        folder_.File("output"));
+  });
 }
 
 NginxServer::~NginxServer() = default;
@@ -143,18 +156,12 @@ std::string NginxServer::Origin() const {
 void NginxServer::Stop() { process_.reset(); }
 
 SocksProxy::SocksProxy(const std::string& user, const std::string& password) {
-  // It cannot say which port it took, so a port is guessed; another process may be quicker.
-  for (;;) {
-    port_ = UnusedPort();
-    process_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"microsocks", "-i", "127.0.0.1", "-p", std::to_string(port_), "-u",
+  StartOnFreePort(&process_, &port_, [&](uint16_t port) {
+    return std::make_unique<ChildProcess>(
+        std::vector<std::string>{"microsocks", "-i", "127.0.0.1", "-p", std::to_string(port), "-u",
                                  user, "-P", password},
         folder_.File("output"));
-    while (!process_->HasEnded()) {
-      if (CanConnect(port_)) return;
-      poll(nullptr, 0, 1);
-    }
-  }
+  });
 }
 
 SocksProxy::~SocksProxy() = default;
@@ -163,7 +170,7 @@ std::string SocksProxy::Output() const { return ReadWholeFile(folder_.File("outp
 
 uint16_t UnusedPort() {
   uint16_t port = 0;
-  close(BindLoopback(false, &port));
+  close(BindLoopback(&port));
   return port;
 }
 

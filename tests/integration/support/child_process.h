@@ -21,7 +21,7 @@ class ChildProcess {
   // ("NAME=value") added to ours. What it writes goes to `output_file`. `inherited_fd`, unless -1,
   // is open in the child under the same number. Ends the process when it cannot be started.
   ChildProcess(const std::vector<std::string>& arguments, const std::string& output_file,
-               const std::vector<std::string>& environment = {}, int inherited_fd = -1);
+               const std::vector<std::string>& environment = {});
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;

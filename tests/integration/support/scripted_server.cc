@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/ssl.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -197,6 +198,8 @@ void ScriptedServer::Core::Accept() {
 }
 
 void ScriptedServer::Core::Serve(int fd, size_t index) {
+  const int on = 1;
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
   SSL* session = nullptr;
   bool ready = true;
   if (tls != nullptr) {
