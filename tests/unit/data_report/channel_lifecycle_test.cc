@@ -417,19 +417,20 @@ TEST_F(ChannelLifecycleTest, DoTerminateLeavesNoTimerThatRunsLater) {
 
 TEST_F(ChannelLifecycleTest, DoTerminateLogsStatisticsOnceWithTimersStoppedAndTheClientAlive) {
   struct Seen {
-    ChannelLifecycleTest* test;
+    Peer peer;
     int lines = 0;
     bool running = true, sending = true, statistics = true, client = false;
     size_t stored = 0;
-  } seen{this};
+  };
   Start();
+  Seen seen{peer()};
   SendMany(2);
   Send("now", false, true);
   SetLogSink(
       [](void* context, int level, const char*, int, const char*, size_t) {
         if (level != 0) return;
         auto* s = static_cast<Seen*>(context);
-        Peer peer = s->test->peer();
+        Peer peer = s->peer;
         ++s->lines;
         s->running = peer.is_running();
         s->sending = peer.send_timer().IsRunning();
@@ -707,7 +708,7 @@ INSTANTIATE_TEST_SUITE_P(
                                     });
                                     VirtualTime::Current()->RunUntilIdle();
                                   }}),
-    [](const auto& info) { return info.param.name; });
+    [](const auto& named) { return named.param.name; });
 
 // --- The holder of the queue ---
 
@@ -749,7 +750,7 @@ TEST(AtomicSharedPtrMutexTest, LoadsAndStoresOnManyThreadsKeepTheCountsRight) {
       for (int n = 0; n < 1000; ++n) {
         if (i % 2 == 0) holder.store(n % 2 == 0 ? first : second);
         const auto loaded = holder.load();
-        if (loaded != nullptr) EXPECT_TRUE(*loaded == 1 || *loaded == 2);
+        EXPECT_TRUE(loaded == nullptr || *loaded == 1 || *loaded == 2);
       }
     });
   }

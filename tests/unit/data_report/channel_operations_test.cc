@@ -18,6 +18,8 @@ using Channel = ReliableReportChannelHttps;
 
 const uint8_t kBytes[] = {'a', 'b', 'c'};
 
+const std::string kNewUrl = "https://new.example/";
+
 struct Operation {
   const char* name;
   void (*call)(Channel*);
@@ -32,8 +34,11 @@ const Operation kOperations[] = {
     {"FlushPacket", [](Channel* c) { c->FlushPacket(); }, false},
     {"SetResendInterval", [](Channel* c) { c->SetResendInterval(4000); }, false},
     {"SetMaxResendCount", [](Channel* c) { c->SetMaxResendCount(2); }, false},
-    {"SetServerDomain", [](Channel* c) { c->SetServerDomain("https://new.example/"); }, false},
+    {"SetServerDomain", [](Channel* c) { c->SetServerDomain(kNewUrl); }, false},
 };
+
+// Names the parameter in a failure.
+void PrintTo(const Operation& operation, std::ostream* out) { *out << operation.name; }
 
 std::string OperationName(const ::testing::TestParamInfo<Operation>& info) {
   return info.param.name;
