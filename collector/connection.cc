@@ -1,0 +1,225 @@
+#include "collector/connection.h"
+
+#include <netdb.h>
+#include <openssl/err.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+namespace quenor::collector {
+namespace {
+
+constexpr int kIoTimeoutMs = 30'000;
+constexpr int kLingerMs = 1'000;
+constexpr size_t kInputBufferBytes = 16 * 1024;
+constexpr size_t kOutputBufferBytes = 64 * 1024;
+
+void Describe(const sockaddr_storage& address, socklen_t bytes, std::string* ip, int* port) {
+  char host[NI_MAXHOST];
+  char service[NI_MAXSERV];
+  if (::getnameinfo(reinterpret_cast<const sockaddr*>(&address), bytes, host, sizeof(host), service,
+                    sizeof(service), NI_NUMERICHOST | NI_NUMERICSERV) == 0) {
+    *ip = host;
+    *port = std::atoi(service);
+  }
+}
+
+}  // namespace
+
+std::string HostAndPort(const std::string& ip, int port) {
+  const bool is_v6 = ip.find(':') != std::string::npos;
+  return (is_v6 ? "[" + ip + "]" : ip) + ":" + std::to_string(port);
+}
+
+Connection::Connection(int fd, SSL_CTX* tls, const std::atomic<bool>& stopping)
+    : fd_(fd), stopping_(stopping), handshaken_(tls == nullptr) {
+  sockaddr_storage address{};
+  socklen_t bytes = sizeof(address);
+  if (::getpeername(fd_, reinterpret_cast<sockaddr*>(&address), &bytes) == 0) {
+    Describe(address, bytes, &remote_ip_, &remote_port_);
+  }
+  bytes = sizeof(address);
+  if (::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &bytes) == 0) {
+    Describe(address, bytes, &local_ip_, &local_port_);
+  }
+  peer_ = HostAndPort(remote_ip_, remote_port_);
+  if (tls == nullptr) return;
+  ssl_.reset(SSL_new(tls));
+  if (!ssl_ || SSL_set_fd(ssl_.get(), fd_) != 1) broken_ = true;
+}
+
+Connection::~Connection() {
+  if (ssl_ && handshaken_ && !broken_ && !muted_) {
+    ERR_clear_error();
+    SSL_shutdown(ssl_.get());  // Says goodbye; there is no need to hear one.
+    ERR_clear_error();
+  }
+  ssl_.reset();
+  ::close(fd_);
+}
+
+bool Connection::Handshake() {
+  while (!handshaken_ && !broken_) {
+    ERR_clear_error();
+    const int code = SSL_accept(ssl_.get());
+    if (code == 1) {
+      handshaken_ = true;
+    } else if (!Wait(WantOfTls(code), kIoTimeoutMs)) {
+      broken_ = true;
+    }
+  }
+  ERR_clear_error();
+  return handshaken_ && !broken_;
+}
+
+bool Connection::HasBufferedInput() const {
+  return input_used_ < input_.size() || (ssl_ && SSL_has_pending(ssl_.get()) == 1);
+}
+
+ssize_t Connection::read(char* data, size_t size) {
+  if (input_used_ == input_.size()) {
+    if (!Flush()) return -1;
+    input_.resize(kInputBufferBytes);
+    input_used_ = 0;
+    Want want = Want::kNothing;
+    ssize_t got = ReadSome(input_.data(), input_.size(), &want);
+    while (got < 0 && want != Want::kFailed) {
+      if (!Wait(want, kIoTimeoutMs)) break;
+      got = ReadSome(input_.data(), input_.size(), &want);
+    }
+    input_.resize(got > 0 ? static_cast<size_t>(got) : 0);
+    if (got <= 0) {
+      broken_ = broken_ || got < 0;
+      return got;
+    }
+  }
+  const size_t count = std::min(size, input_.size() - input_used_);
+  std::memcpy(data, input_.data() + input_used_, count);
+  input_used_ += count;
+  return static_cast<ssize_t>(count);
+}
+
+ssize_t Connection::write(const char* data, size_t size) {
+  if (muted_) return static_cast<ssize_t>(size);
+  output_.append(data, size);
+  if (output_.size() >= kOutputBufferBytes && !Flush()) return -1;
+  return static_cast<ssize_t>(size);
+}
+
+bool Connection::Flush() {
+  size_t sent = 0;
+  while (sent < output_.size()) {
+    Want want = Want::kNothing;
+    const ssize_t count = WriteSome(output_.data() + sent, output_.size() - sent, &want);
+    if (count > 0) {
+      sent += static_cast<size_t>(count);
+    } else if (want == Want::kFailed || !Wait(want, kIoTimeoutMs)) {
+      broken_ = true;
+      break;
+    }
+  }
+  output_.clear();
+  return !broken_;
+}
+
+void Connection::Mute() {
+  output_.clear();
+  muted_ = true;
+}
+
+void Connection::Linger() {
+  using std::chrono::steady_clock;
+  if (!Flush()) return;
+  if (ssl_) {
+    ERR_clear_error();
+    SSL_shutdown(ssl_.get());
+    ERR_clear_error();
+    broken_ = true;  // The farewell has been said.
+  }
+  ::shutdown(fd_, SHUT_WR);
+  const auto deadline = steady_clock::now() + std::chrono::milliseconds(kLingerMs);
+  char scratch[kInputBufferBytes];
+  while (!stopping_.load(std::memory_order_acquire) && steady_clock::now() < deadline) {
+    const ssize_t got = ::recv(fd_, scratch, sizeof(scratch), 0);
+    if (got == 0) return;
+    if (got > 0 || errno == EINTR) continue;
+    if ((errno != EAGAIN && errno != EWOULDBLOCK) || !Wait(Want::kRead, kLingerMs)) return;
+  }
+}
+
+void Connection::Interrupt(bool writes_too) const {
+  ::shutdown(fd_, writes_too ? SHUT_RDWR : SHUT_RD);
+}
+
+void Connection::get_remote_ip_and_port(std::string& ip, int& port) const {
+  ip = remote_ip_;
+  port = remote_port_;
+}
+
+void Connection::get_local_ip_and_port(std::string& ip, int& port) const {
+  ip = local_ip_;
+  port = local_port_;
+}
+
+ssize_t Connection::ReadSome(char* data, size_t size, Want* want) {
+  *want = Want::kFailed;
+  // acquire: pairs with the release in CollectorServer::Stop().
+  if (broken_ || stopping_.load(std::memory_order_acquire)) return -1;
+  if (ssl_) {
+    ERR_clear_error();
+    const int code = SSL_read(ssl_.get(), data, static_cast<int>(size));
+    if (code > 0) return code;
+    if (SSL_get_error(ssl_.get(), code) == SSL_ERROR_ZERO_RETURN) return 0;
+    *want = WantOfTls(code);
+    return -1;
+  }
+  const ssize_t got = ::recv(fd_, data, size, 0);
+  if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) *want = Want::kRead;
+  return got;
+}
+
+ssize_t Connection::WriteSome(const char* data, size_t size, Want* want) {
+  *want = Want::kFailed;
+  if (broken_) return -1;
+  if (ssl_) {
+    ERR_clear_error();
+    const int code = SSL_write(ssl_.get(), data, static_cast<int>(size));
+    if (code > 0) return code;
+    *want = WantOfTls(code);
+    return -1;
+  }
+  const ssize_t count = ::send(fd_, data, size, MSG_NOSIGNAL);
+  if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+    *want = Want::kWrite;
+  }
+  return count;
+}
+
+Connection::Want Connection::WantOfTls(int code) const {
+  switch (SSL_get_error(ssl_.get(), code)) {
+    case SSL_ERROR_WANT_READ:
+      return Want::kRead;
+    case SSL_ERROR_WANT_WRITE:
+      return Want::kWrite;
+    default:
+      return Want::kFailed;
+  }
+}
+
+bool Connection::Wait(Want want, int timeout_ms) const {
+  if (want != Want::kRead && want != Want::kWrite) return false;
+  pollfd watched{fd_, static_cast<short>(want == Want::kRead ? POLLIN : POLLOUT), 0};
+  int ready = 0;
+  do {
+    if (want == Want::kRead && stopping_.load(std::memory_order_acquire)) return false;
+    ready = ::poll(&watched, 1, timeout_ms);
+  } while (ready < 0 && errno == EINTR);
+  return ready > 0;
+}
+
+}  // namespace quenor::collector

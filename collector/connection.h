@@ -1,0 +1,92 @@
+// One accepted TCP connection, plain or TLS, as the byte stream that httplib parses.
+// Reads and writes wait with poll() on a non-blocking socket, so they can be cut short at shutdown
+// and are not bound to descriptors below FD_SETSIZE. Input and output are buffered: httplib reads
+// header lines byte by byte and writes a reply in pieces.
+// Threads: one at a time; only Interrupt() may be called while another thread uses the connection.
+// Life: made at accept, destroyed by the server; the destructor closes the socket.
+#ifndef COLLECTOR_CONNECTION_H_
+#define COLLECTOR_CONNECTION_H_
+
+#include <httplib.h>
+
+#include <atomic>
+#include <cstddef>
+#include <string>
+
+#include "collector/tls.h"
+
+namespace quenor::collector {
+
+class Connection : public httplib::Stream {
+ public:
+  // Takes `fd`, which is non-blocking. Borrows `tls` (may be null: plain) and `stopping`; both
+  // outlive the connection.
+  Connection(int fd, SSL_CTX* tls, const std::atomic<bool>& stopping);
+  ~Connection() override;
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  // Does the TLS handshake if there is one and it has not been done. False: the peer failed it.
+  bool Handshake();
+  bool is_handshaken() const { return handshaken_; }
+
+  // "127.0.0.1:40000" or "[::1]:40000".
+  const std::string& peer() const { return peer_; }
+  int fd() const { return fd_; }
+
+  // True if input is at hand that no poll on the socket would announce.
+  bool HasBufferedInput() const;
+
+  // Sends everything written so far. False: the peer does not take it any more.
+  bool Flush();
+
+  // Drops all output not yet sent and all output to come.
+  void Mute();
+
+  // Ends our side and reads away, for at most about a second, what the peer is still sending, so
+  // that the kernel does not reset the connection before the peer has read our last reply.
+  void Linger();
+
+  // Any thread, while the connection exists. Makes a waiting read return; with `writes_too` also a
+  // waiting write.
+  void Interrupt(bool writes_too) const;
+
+  // httplib::Stream. read(): bytes read, 0 at the end, -1 on error, time-out or shutdown.
+  bool is_readable() const override { return true; }
+  bool is_writable() const override { return true; }
+  ssize_t read(char* data, size_t size) override;
+  ssize_t write(const char* data, size_t size) override;
+  void get_remote_ip_and_port(std::string& ip, int& port) const override;
+  void get_local_ip_and_port(std::string& ip, int& port) const override;
+  socket_t socket() const override { return fd_; }
+
+ private:
+  enum class Want { kNothing, kRead, kWrite, kFailed };
+
+  ssize_t ReadSome(char* data, size_t size, Want* want);
+  ssize_t WriteSome(const char* data, size_t size, Want* want);
+  Want WantOfTls(int code) const;
+  bool Wait(Want want, int timeout_ms) const;
+
+  const int fd_;
+  SslPtr ssl_;  // Null: plain.
+  const std::atomic<bool>& stopping_;
+  bool handshaken_;
+  bool broken_ = false;  // The stream is in no state for a farewell.
+  bool muted_ = false;
+  std::string input_;
+  size_t input_used_ = 0;
+  std::string output_;
+  std::string remote_ip_;
+  int remote_port_ = 0;
+  std::string local_ip_;
+  int local_port_ = 0;
+  std::string peer_;
+};
+
+// "127.0.0.1:40000" or "[::1]:40000".
+std::string HostAndPort(const std::string& ip, int port);
+
+}  // namespace quenor::collector
+
+#endif  // COLLECTOR_CONNECTION_H_

@@ -1,0 +1,201 @@
+#include "collector/options.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <limits>
+
+#include "collector/fatal.h"
+
+#ifndef QUENOR_COLLECTOR_VERSION
+#define QUENOR_COLLECTOR_VERSION "unknown"
+#endif
+
+namespace quenor::collector {
+namespace {
+
+constexpr char kFooter[] = R"(Examples:
+  quenor-collector
+      plain HTTP on a free port of 127.0.0.1; the first line of output names the URL
+  quenor-collector --listen 127.0.0.1:8443 --cert cert.pem --key key.pem --log -
+      HTTPS, every request as one JSON line on standard output
+  quenor-collector --out bodies --log requests.jsonl --inflate
+      one file per report, decompressed
+  quenor-collector --fail-every 3 --delay-ms 200 --send-interval 1000
+      every third request answered 503, all of them late, senders told to send once a second
+
+A throw-away certificate:
+  openssl req -x509 -newkey rsa:2048 -nodes -keyout key.pem -out cert.pem -days 30 \
+      -subj /CN=localhost -addext subjectAltName=DNS:localhost,IP:127.0.0.1
+
+SIGINT or SIGTERM ends it in order. Exit codes: 0 ended in order, 64 wrong usage,
+66 unreadable certificate or key, 69 cannot listen, 73 cannot create output.)";
+
+// A whole number from `low` to `high`. Digits only: a minus sign would wrap around.
+CLI::Validator WholeNumber(uint64_t low, uint64_t high) {
+  const auto check = [low, high](std::string& text) -> std::string {
+    const bool is_number = !text.empty() && text.size() <= 19 &&
+                           text.find_first_not_of("0123456789") == std::string::npos;
+    const uint64_t number = is_number ? std::strtoull(text.c_str(), nullptr, 10) : 0;
+    if (is_number && number >= low && number <= high) return "";
+    return "not a whole number from " + std::to_string(low) + " to " + std::to_string(high) +
+           ": \"" + text + "\"";
+  };
+  return CLI::Validator(check, "");
+}
+
+constexpr uint64_t kMaxCount = std::numeric_limits<int64_t>::max();
+constexpr uint64_t kMaxControlField = std::numeric_limits<uint32_t>::max();
+constexpr uint64_t kMaxSizeBytes = uint64_t{1} << 40;
+constexpr uint64_t kMaxDelayMs = 86'400'000;
+
+void AddControlFields(CLI::App* app, ReplyOptions* reply) {
+  app->add_option("--errinfo", reply->errinfo, "\"bytes_errinfo\" of the reply")
+      ->type_name("TEXT")
+      ->capture_default_str();
+  app->add_option("--send-interval", reply->send_interval_ms,
+                  "add \"uint32_send_interval\" (milliseconds) to the reply")
+      ->type_name("N")
+      ->check(WholeNumber(0, kMaxControlField));
+  app->add_option("--max-resend", reply->max_resend_count,
+                  "add \"uint32_max_resend_count\" to the reply")
+      ->type_name("N")
+      ->check(WholeNumber(0, kMaxControlField));
+  app->add_option("--report-duration", reply->report_duration_s,
+                  "add \"uint32_report_duration\" (seconds) to the reply")
+      ->type_name("N")
+      ->check(WholeNumber(0, kMaxControlField));
+}
+
+void AddMisbehaviour(CLI::App* app, MisbehaviourOptions* misbehaviour) {
+  app->add_option("--fail-every", misbehaviour->fail_every,
+                  "answer every N-th request with --fail-status")
+      ->type_name("N")
+      ->check(WholeNumber(0, kMaxCount));
+  app->add_option("--fail-status", misbehaviour->fail_status, "status for --fail-every")
+      ->type_name("CODE")
+      ->check(WholeNumber(200, 599))
+      ->capture_default_str();
+  app->add_option("--status", misbehaviour->status, "status of all other answers")
+      ->type_name("CODE")
+      ->check(WholeNumber(200, 599))
+      ->capture_default_str();
+  app->add_option("--delay-ms", misbehaviour->delay_ms, "wait before each answer")
+      ->type_name("MS")
+      ->check(WholeNumber(0, kMaxDelayMs));
+  app->add_option("--close-every", misbehaviour->close_every,
+                  "close the connection of every N-th request without an answer")
+      ->type_name("N")
+      ->check(WholeNumber(0, kMaxCount));
+  app->add_option("--garbage-every", misbehaviour->garbage_every,
+                  "answer every N-th request 200 with a body that is not JSON")
+      ->type_name("N")
+      ->check(WholeNumber(0, kMaxCount));
+  app->add_option("--never-answer-every", misbehaviour->never_answer_every,
+                  "leave every N-th request unanswered until shutdown")
+      ->type_name("N")
+      ->check(WholeNumber(0, kMaxCount));
+}
+
+// An empty name is a variable of a script that was never set, not a wish to do without.
+CLI::Validator NotEmpty() {
+  return CLI::Validator(
+      [](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); }, "");
+}
+
+// A size in bytes with an optional unit: 65536, 64KiB, 64MiB.
+CLI::Validator AsSize() { return CLI::AsSizeValue(/*kb_is_1000=*/false).description(""); }
+
+}  // namespace
+
+std::pair<std::string, int> ParseAddress(const std::string& text) {
+  const Fatal wrong(kExitUsage, "not an address to listen on: \"" + text +
+                                    "\"; give --listen HOST:PORT, as in 127.0.0.1:8443 or [::1]:0");
+  const size_t colon = text.rfind(':');
+  if (colon == std::string::npos || colon == 0) throw wrong;
+  std::string host = text.substr(0, colon);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+    host = host.substr(1, host.size() - 2);
+  } else if (host.find_first_of("[]:") != std::string::npos) {
+    throw wrong;
+  }
+  const std::string digits = text.substr(colon + 1);
+  if (digits.empty() || digits.size() > 5 ||
+      digits.find_first_not_of("0123456789") != std::string::npos || std::stoi(digits) > 65535) {
+    throw wrong;
+  }
+  return {host, std::stoi(digits)};
+}
+
+std::optional<Options> ParseCommandLine(int argc, const char* const* argv) {
+  Options options;
+  std::string listen = "127.0.0.1:0";
+  CLI::App app(
+      "Collection server for development, tests and demonstrations: takes HTTP POSTs on "
+      "any path, puts each on record, then acknowledges it.",
+      "quenor-collector");
+  app.footer(kFooter);
+  app.set_version_flag("--version", "quenor-collector " QUENOR_COLLECTOR_VERSION);
+
+  app.add_option("--listen", listen, "HOST:PORT to listen on; port 0: any free one")
+      ->type_name("HOST:PORT")
+      ->capture_default_str();
+  app.add_option("--port-file", options.port_file, "write the port here once listening")
+      ->type_name("FILE")
+      ->check(NotEmpty());
+  CLI::Option* cert = app.add_option("--cert", options.cert_path, "PEM certificate: serve HTTPS")
+                          ->type_name("FILE")
+                          ->check(NotEmpty());
+  CLI::Option* key = app.add_option("--key", options.key_path, "PEM private key of --cert")
+                         ->type_name("FILE")
+                         ->check(NotEmpty());
+  cert->needs(key);
+  key->needs(cert);
+  app.add_option("--threads", options.server.threads,
+                 "requests served at the same time; connections are not limited")
+      ->type_name("N")
+      ->check(WholeNumber(1, 4096))
+      ->capture_default_str();
+  app.add_option("--max-body", options.server.max_body_bytes,
+                 "largest body taken, in bytes or as 64MiB; larger ones are answered 413")
+      ->transform(AsSize())
+      ->type_name("SIZE")
+      ->check(WholeNumber(0, kMaxSizeBytes))
+      ->default_str("64MiB");
+  app.add_option("--idle-timeout", options.server.idle_timeout_s,
+                 "seconds after which a silent connection is closed")
+      ->type_name("S")
+      ->check(WholeNumber(1, 86'400))
+      ->capture_default_str();
+
+  app.add_option("--out", options.recorder.out_dir, "folder for one file per accepted body")
+      ->type_name("DIR")
+      ->check(NotEmpty());
+  app.add_option("--log", options.recorder.log_path,
+                 "file to append one JSON line per request to; \"-\": standard output")
+      ->type_name("FILE")
+      ->check(NotEmpty());
+  app.add_flag("--inflate", options.recorder.inflate,
+               "decode bodies as raw deflate, file and log the result");
+  app.add_option("--max-inflated", options.recorder.max_inflated_bytes,
+                 "most bytes one body is inflated to")
+      ->transform(AsSize())
+      ->type_name("SIZE")
+      ->check(WholeNumber(0, kMaxSizeBytes))
+      ->default_str("256MiB");
+  AddControlFields(&app, &options.server.reply);
+  AddMisbehaviour(&app, &options.server.misbehaviour);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) {
+      app.exit(error);
+      return std::nullopt;
+    }
+    throw Fatal(kExitUsage, std::string(error.what()) + "; see quenor-collector --help");
+  }
+  std::tie(options.server.host, options.server.port) = ParseAddress(listen);
+  return options;
+}
+
+}  // namespace quenor::collector

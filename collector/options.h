@@ -1,0 +1,31 @@
+// The command line of quenor-collector. Page: docs/guide/collector.md.
+#ifndef COLLECTOR_OPTIONS_H_
+#define COLLECTOR_OPTIONS_H_
+
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "collector/recorder.h"
+#include "collector/server.h"
+
+namespace quenor::collector {
+
+struct Options {
+  ServerOptions server;
+  RecorderOptions recorder;
+  std::string cert_path;  // Empty: plain HTTP.
+  std::string key_path;
+  std::string port_file;  // Empty: none.
+};
+
+// Parses the command line. Empty if it asked for --help or --version, which has then been printed.
+// Throws Fatal with kExitUsage.
+std::optional<Options> ParseCommandLine(int argc, const char* const* argv);
+
+// Splits "HOST:PORT" or "[V6]:PORT". Throws Fatal with kExitUsage.
+std::pair<std::string, int> ParseAddress(const std::string& text);
+
+}  // namespace quenor::collector
+
+#endif  // COLLECTOR_OPTIONS_H_

@@ -1,0 +1,615 @@
+#include "collector/server.h"
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <strings.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+#include <utility>
+
+#include "collector/fatal.h"
+#include "collector/files.h"
+
+namespace quenor::collector {
+
+// What a worker knows about the request at hand beside httplib's view of it.
+struct CollectorServer::Exchange {
+  Connection* connection = nullptr;
+  bool inspected = false;  // False after process_request: the head could not be parsed.
+  bool chunked = false;
+  uint64_t length_bytes = 0;  // Announced; meaningless when chunked.
+  int refusal = 0;            // Status to answer without reading the body; 0: none.
+  bool close = false;         // After the reply.
+  bool unread = false;        // The peer may still be sending what we will not read.
+  bool drop = false;          // Close without a reply.
+  bool hold = false;          // Keep open without a reply.
+};
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+constexpr int kListenBacklog = 1024;
+constexpr int kAcceptRetryMs = 50;
+constexpr int kStopGraceMs = 1'000;
+constexpr int kMaxEvents = 64;
+constexpr size_t kBodyStepBytes = 16 * 1024;
+constexpr size_t kMaxReserveBytes = size_t{1} << 20;
+constexpr size_t kMaxLineBytes = 8 * 1024;
+constexpr char kJson[] = "application/json";
+constexpr char kGarbage[] = "<html>this is not the reply you are looking for";
+
+std::string LowerCase(std::string text) {
+  for (char& c : text) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  return text;
+}
+
+// Calls `use` with each comma-separated token of all headers `name`, trimmed, in lower case.
+template <typename Use>
+void ForEachToken(const httplib::Headers& headers, const std::string& name, Use use) {
+  const auto range = headers.equal_range(name);
+  for (auto header = range.first; header != range.second; ++header) {
+    const std::string value = LowerCase(header->second) + ",";
+    size_t begin = 0;
+    for (size_t comma = value.find(','); comma != std::string::npos;
+         begin = comma + 1, comma = value.find(',', begin)) {
+      const size_t first = value.find_first_not_of(" \t", begin);
+      if (first >= comma) continue;
+      const size_t last = value.find_last_not_of(" \t", comma - 1);
+      use(value.substr(first, last - first + 1));
+    }
+  }
+}
+
+// Digits only, as HTTP wants it; strtoull would take signs and blanks.
+bool ParseDigits(const std::string& text, int base, uint64_t* number) {
+  const char* allowed = base == 16 ? "0123456789abcdefABCDEF" : "0123456789";
+  if (text.empty() || text.size() > (base == 16 ? 15u : 18u)) return false;
+  if (text.find_first_not_of(allowed) != std::string::npos) return false;
+  *number = std::strtoull(text.c_str(), nullptr, base);
+  return true;
+}
+
+bool ReadExactly(Connection* connection, uint64_t bytes, std::string* kept) {
+  char step[kBodyStepBytes];
+  while (bytes > 0) {
+    const size_t want = static_cast<size_t>(std::min<uint64_t>(bytes, sizeof(step)));
+    const ssize_t got = connection->read(step, want);
+    if (got <= 0) return false;
+    if (kept != nullptr) kept->append(step, static_cast<size_t>(got));
+    bytes -= static_cast<uint64_t>(got);
+  }
+  return true;
+}
+
+// One line without its CRLF. False at the end of input; a line too long or without CR comes back
+// as *well_formed == false.
+bool ReadLine(Connection* connection, std::string* line, bool* well_formed) {
+  line->clear();
+  *well_formed = true;
+  for (;;) {
+    char c = 0;
+    if (connection->read(&c, 1) <= 0) return false;
+    if (c == '\n') break;
+    line->push_back(c);
+    if (line->size() > kMaxLineBytes) {
+      *well_formed = false;
+      return true;
+    }
+  }
+  if (line->empty() || line->back() != '\r') {
+    *well_formed = false;
+    return true;
+  }
+  line->pop_back();
+  return true;
+}
+
+}  // namespace
+
+thread_local CollectorServer::Exchange* CollectorServer::current_exchange_ = nullptr;
+
+CollectorServer::CollectorServer(const ServerOptions& options, Recorder& recorder, SSL_CTX* tls)
+    : options_(options), recorder_(recorder), tls_(tls), reply_(BuildReply(options.reply)) {
+  // Only what httplib tells the client in its Keep-Alive header; the watching is done here.
+  set_keep_alive_timeout(static_cast<time_t>(options_.idle_timeout_s));
+  set_keep_alive_max_count(std::numeric_limits<uint32_t>::max());
+  set_expect_100_continue_handler(
+      [this](const httplib::Request& request, httplib::Response& response) {
+        if (current_exchange_->refusal == 0) return 100;
+        Handle(request, &response);
+        return response.status;
+      });
+  set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
+    Handle(request, &response);
+    return HandlerResponse::Handled;
+  });
+}
+
+CollectorServer::~CollectorServer() {
+  peers_.clear();
+  if (listen_fd_ >= 0) ::close(listen_fd_);
+  if (epoll_fd_ >= 0) ::close(epoll_fd_);
+}
+
+void CollectorServer::Listen() {
+  const std::string address = HostAndPort(options_.host, options_.port);
+  const auto fail = [&address](const std::string& reason) -> Fatal {
+    return Fatal(kExitUnavailable, "cannot listen on " + address + ": " + reason +
+                                       "; give --listen a local address and a free port (0: any)");
+  };
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+  addrinfo* found = nullptr;
+  const int code =
+      ::getaddrinfo(options_.host.c_str(), std::to_string(options_.port).c_str(), &hints, &found);
+  if (code != 0) throw fail(::gai_strerror(code));
+  const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(found, &::freeaddrinfo);
+
+  int error = 0;
+  for (const addrinfo* entry = found; entry != nullptr && listen_fd_ < 0; entry = entry->ai_next) {
+    const int fd = ::socket(entry->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+      error = errno;
+      continue;
+    }
+    // Reuse of an address in TIME_WAIT, but never a port that another server listens on.
+    const int on = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    if (::bind(fd, entry->ai_addr, entry->ai_addrlen) == 0 && ::listen(fd, kListenBacklog) == 0) {
+      listen_fd_ = fd;
+    } else {
+      error = errno;
+      ::close(fd);
+    }
+  }
+  if (listen_fd_ < 0) throw fail(ErrnoText(error));
+
+  sockaddr_storage bound{};
+  socklen_t bytes = sizeof(bound);
+  ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&bound), &bytes);
+  // sin_port and sin6_port lie at the same place.
+  port_ = ntohs(reinterpret_cast<const sockaddr_in*>(&bound)->sin_port);
+  epoll_fd_ = ::epoll_create1(EPOLL_CLOEXEC);
+  if (epoll_fd_ < 0) throw fail(ErrnoText(errno));
+}
+
+std::string CollectorServer::url() const {
+  return std::string(tls_ != nullptr ? "https://" : "http://") + HostAndPort(options_.host, port_) +
+         "/";
+}
+
+// ---- The thread of Run -------------------------------------------------------------------------
+
+void CollectorServer::Run(int stop_fd) {
+  for (unsigned i = 0; i < std::max(1u, options_.threads); ++i) {
+    workers_.emplace_back([this] { Work(); });
+  }
+  Watch(stop_fd);
+  Stop();
+}
+
+void CollectorServer::Watch(int stop_fd) {
+  // The two descriptors are told from peers by the address of the variable that holds them.
+  epoll_event listening{};
+  listening.events = EPOLLIN;
+  listening.data.ptr = &listen_fd_;
+  ::epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, listen_fd_, &listening);
+  epoll_event stop{};
+  stop.events = EPOLLIN;
+  stop.data.ptr = &stop_fd;
+  ::epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, stop_fd, &stop);
+
+  for (;;) {
+    int timeout_ms = ExpireIdle();
+    if (accept_paused_) timeout_ms = std::min(timeout_ms, kAcceptRetryMs);
+    epoll_event events[kMaxEvents];
+    const int count = ::epoll_wait(epoll_fd_, events, kMaxEvents, timeout_ms);
+    for (int i = 0; i < count; ++i) {
+      void* const source = events[i].data.ptr;
+      if (source == &stop_fd) return;
+      if (source == &listen_fd_) {
+        AcceptAll();
+      } else {
+        Wake(static_cast<Peer*>(source));
+      }
+    }
+    if (accept_paused_) {
+      accept_paused_ = false;
+      ::epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, listen_fd_, &listening);
+    }
+  }
+}
+
+void CollectorServer::AcceptAll() {
+  for (;;) {
+    const int fd = ::accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd < 0) {
+      if (errno == EINTR || errno == ECONNABORTED) continue;
+      if (errno == EAGAIN || errno == EWOULDBLOCK) return;
+      // Out of descriptors: look away for a moment, or the pending connection would spin the loop.
+      epoll_event ignored{};
+      ignored.data.ptr = &listen_fd_;
+      ::epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, listen_fd_, &ignored);
+      accept_paused_ = true;
+      return;
+    }
+    const int on = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    auto peer = std::make_unique<Peer>();
+    peer->connection = std::make_unique<Connection>(fd, tls_, stopping_);
+    peer->state = State::kBusy;
+    epoll_event disarmed{};
+    disarmed.events = EPOLLONESHOT;
+    disarmed.data.ptr = peer.get();
+    ::epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &disarmed);
+    Peer* const key = peer.get();
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      peers_.emplace(key, std::move(peer));
+    }
+    Park(key, State::kIdle);
+  }
+}
+
+void CollectorServer::Wake(Peer* peer) {
+  bool is_held = false;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    is_held = peer->state == State::kHeld;
+    if (!is_held) idle_.erase(peer->idle_place);
+  }
+  if (is_held) {
+    Drop(peer);  // The only event a held connection waits for is that its peer leaves.
+  } else {
+    Enqueue(peer);
+  }
+}
+
+// Closes what has been idle for too long. Returns the milliseconds until the next look.
+int CollectorServer::ExpireIdle() {
+  const auto limit = seconds(options_.idle_timeout_s);
+  const auto now = steady_clock::now();
+  auto wait = std::chrono::duration_cast<milliseconds>(limit);
+  std::vector<std::unique_ptr<Peer>> expired;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    while (!idle_.empty() && idle_.front()->idle_since + limit <= now) {
+      const auto entry = peers_.find(idle_.front());
+      expired.push_back(std::move(entry->second));
+      peers_.erase(entry);
+      idle_.pop_front();
+    }
+    if (!idle_.empty()) {
+      wait = std::chrono::ceil<milliseconds>(idle_.front()->idle_since + limit - now);
+    }
+  }
+  return static_cast<int>(std::min<int64_t>(wait.count(), 60'000)) + 1;
+}
+
+void CollectorServer::Stop() {
+  ::close(std::exchange(listen_fd_, -1));
+  std::vector<std::unique_ptr<Peer>> dropped;
+  std::unique_lock<std::mutex> lock(mutex_);
+  // release: pairs with the acquires in Connection. Set under the lock for those who wait on a
+  // condition variable.
+  stopping_.store(true, std::memory_order_release);
+  work_cv_.notify_all();
+  stop_cv_.notify_all();
+  idle_.clear();
+  queue_.clear();
+  for (auto entry = peers_.begin(); entry != peers_.end();) {
+    if (entry->second->state == State::kBusy) {
+      entry->second->connection->Interrupt(/*writes_too=*/false);
+      ++entry;
+    } else {
+      dropped.push_back(std::move(entry->second));
+      entry = peers_.erase(entry);
+    }
+  }
+  // Replies that are due go out; a peer that does not read its reply cannot hold us up for long.
+  stop_cv_.wait_for(lock, milliseconds(kStopGraceMs), [this] { return peers_.empty(); });
+  for (const auto& entry : peers_) entry.second->connection->Interrupt(/*writes_too=*/true);
+  lock.unlock();
+  dropped.clear();
+  for (std::thread& worker : workers_) worker.join();
+  workers_.clear();
+}
+
+// ---- Workers -----------------------------------------------------------------------------------
+
+void CollectorServer::Work() {
+  for (;;) {
+    Peer* peer = nullptr;
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      work_cv_.wait(lock, [this] { return stopping_.load() || !queue_.empty(); });
+      if (stopping_.load()) return;
+      peer = queue_.front();
+      queue_.pop_front();
+      peer->state = State::kBusy;
+    }
+    Serve(peer);
+  }
+}
+
+void CollectorServer::Serve(Peer* peer) {
+  Connection* const connection = peer->connection.get();
+  if (!connection->is_handshaken()) {
+    if (!connection->Handshake()) return Drop(peer);
+    if (!connection->HasBufferedInput()) return Park(peer, State::kIdle);
+  }
+
+  Exchange exchange;
+  exchange.connection = connection;
+  current_exchange_ = &exchange;
+  bool peer_closes = false;
+  const bool answered =
+      process_request(*connection, /*close_connection=*/false, peer_closes,
+                      [&](httplib::Request& request) { Inspect(&exchange, &request); });
+  current_exchange_ = nullptr;
+
+  if (exchange.hold) return Park(peer, State::kHeld);
+  const bool sent = !exchange.drop && connection->Flush();
+  if (!answered || !sent || peer_closes || exchange.close || !exchange.inspected) {
+    if (sent && (exchange.unread || !exchange.inspected)) connection->Linger();
+    return Drop(peer);
+  }
+  if (connection->HasBufferedInput()) return Enqueue(peer);
+  Park(peer, State::kIdle);
+}
+
+// Hands the peer to the watching thread. It may be served by another worker, or be gone, before
+// this returns.
+void CollectorServer::Park(Peer* peer, State state) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  if (stopping_.load()) {
+    lock.unlock();
+    return Drop(peer);
+  }
+  peer->state = state;
+  epoll_event event{};
+  event.events = EPOLLONESHOT | EPOLLRDHUP;
+  event.data.ptr = peer;
+  if (state == State::kIdle) {
+    event.events |= EPOLLIN;
+    peer->idle_since = steady_clock::now();
+    peer->idle_place = idle_.insert(idle_.end(), peer);
+  }
+  ::epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, peer->connection->fd(), &event);
+}
+
+void CollectorServer::Enqueue(Peer* peer) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  if (stopping_.load()) {
+    lock.unlock();
+    return Drop(peer);
+  }
+  peer->state = State::kQueued;
+  queue_.push_back(peer);
+  work_cv_.notify_one();
+}
+
+void CollectorServer::Drop(Peer* peer) {
+  std::unique_ptr<Peer> dropped;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto entry = peers_.find(peer);
+  dropped = std::move(entry->second);
+  peers_.erase(entry);
+  // Closed under the lock, so that Stop() interrupts no descriptor that has just been closed.
+  dropped.reset();
+  stop_cv_.notify_all();
+}
+
+// ---- Inside httplib's process_request ----------------------------------------------------------
+
+// Looks at the head of the request before httplib acts on it. Sets what must not surprise us:
+// how long the body is, whether the connection outlives it, and which headers httplib would take
+// as an order to change the body or the reply.
+void CollectorServer::Inspect(Exchange* exchange, httplib::Request* request) const {
+  exchange->inspected = true;
+  bool keep_alive = request->version != "HTTP/1.0";
+  ForEachToken(request->headers, "Connection", [&](const std::string& token) {
+    if (token == "close") exchange->close = true;
+    if (token == "keep-alive") keep_alive = true;
+  });
+  exchange->close = exchange->close || !keep_alive;
+
+  const size_t lengths = request->headers.count("Content-Length");
+  const size_t codings = request->headers.count("Transfer-Encoding");
+  if (request->method != "POST" && request->method != "GET" && request->method != "HEAD") {
+    exchange->refusal = 405;
+  } else if (lengths + codings > 1 || (codings == 1 && request->version == "HTTP/1.0")) {
+    exchange->refusal = 400;
+  } else if (codings == 1) {
+    exchange->chunked = true;
+    if (LowerCase(request->get_header_value("Transfer-Encoding")) != "chunked") {
+      exchange->refusal = 501;
+    }
+  } else if (lengths == 1 && !ParseDigits(request->get_header_value("Content-Length"), 10,
+                                          &exchange->length_bytes)) {
+    exchange->refusal = 400;
+  }
+  const bool has_body = exchange->chunked || exchange->length_bytes > 0;
+  if (exchange->refusal == 0 && request->method != "POST" && has_body) exchange->refusal = 400;
+  // Who waits for a "100 Continue" is told before sending; from others the body is read away.
+  if (exchange->refusal == 0 && exchange->length_bytes > options_.max_body_bytes &&
+      request->has_header("Expect")) {
+    exchange->refusal = 413;
+  }
+
+  exchange->unread = exchange->refusal != 0;
+  exchange->close = exchange->close || exchange->unread;
+  if (exchange->close) {
+    request->headers.erase("Connection");
+    request->headers.emplace("Connection", "close");
+  }
+  request->headers.erase("Accept-Encoding");
+  request->ranges.clear();
+}
+
+void CollectorServer::Handle(const httplib::Request& request, httplib::Response* response) {
+  Exchange* const exchange = current_exchange_;
+  try {
+    if (exchange->refusal != 0 && request.method == "POST") {
+      RefusePost(request, exchange->length_bytes, exchange->refusal, response);
+    } else if (exchange->refusal != 0) {
+      response->status = exchange->refusal;
+      if (exchange->refusal == 405) response->set_header("Allow", "POST, GET, HEAD");
+    } else if (request.method == "POST") {
+      HandlePost(request, response);
+    } else {
+      HandleGet(request, response);
+    }
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "quenor-collector: cannot serve a request of %s: %s; it is answered 500\n",
+                 exchange->connection->peer().c_str(), error.what());
+    exchange->close = exchange->unread = true;
+    response->status = 500;
+  }
+}
+
+void CollectorServer::HandleGet(const httplib::Request& request, httplib::Response* response) {
+  response->status = 200;
+  if (request.path == "/healthz") {
+    response->set_content("ok", "text/plain");
+  } else if (request.path == "/stats") {
+    response->set_content(CountsJson(recorder_.GetCounts()), kJson);
+  } else {
+    response->status = 404;
+    response->set_content("POST reports on any path; GET /healthz or /stats\n", "text/plain");
+  }
+}
+
+void CollectorServer::HandlePost(const httplib::Request& request, httplib::Response* response) {
+  Exchange* const exchange = current_exchange_;
+  std::string body;
+  uint64_t size_bytes = 0;
+  switch (ReadBody(*exchange, &body, &size_bytes)) {
+    case BodyOutcome::kWhole:
+      return AnswerPost(request, body, response);
+    case BodyOutcome::kTooLarge:
+      return RefusePost(request, size_bytes, 413, response);
+    case BodyOutcome::kMalformed:
+      exchange->close = exchange->unread = true;
+      return RefusePost(request, size_bytes, 400, response);
+    case BodyOutcome::kIncomplete:
+      recorder_.CountIncomplete();
+      exchange->drop = true;
+      exchange->connection->Mute();
+      response->status = 400;
+      return;
+  }
+}
+
+void CollectorServer::AnswerPost(const httplib::Request& request, const std::string& body,
+                                 httplib::Response* response) {
+  Exchange* const exchange = current_exchange_;
+  const std::string content_type = request.get_header_value("Content-Type");
+  Received received;
+  received.seq = recorder_.NextSeq();
+  received.time = UtcNow();
+  received.peer = exchange->connection->peer();
+  received.path = request.target;
+  received.content_type = content_type;
+  received.body = body;
+  const Action action = ActionFor(options_.misbehaviour, received.seq);
+  received.status = StatusFor(options_.misbehaviour, action);
+
+  // On record first: what is acknowledged must survive a kill that comes right after the reply.
+  const bool recorded = recorder_.Record(received);
+  if (action == Action::kNeverAnswer || action == Action::kClose) {
+    exchange->hold = action == Action::kNeverAnswer;
+    exchange->drop = action == Action::kClose;
+    exchange->connection->Mute();
+  }
+  if (!exchange->hold) Delay();
+
+  response->status = received.status != 0 ? received.status : 500;
+  if (!recorded && IsAccepted(received.status)) {
+    response->status = 500;
+    response->set_content(R"({"bytes_errinfo":"cannot record"})", kJson);
+  } else if (action == Action::kFail) {
+    response->set_content(R"({"bytes_errinfo":"refused"})", kJson);
+  } else if (action == Action::kGarbage) {
+    response->set_content(kGarbage, "text/html");
+  } else if (response->status != 204 && response->status != 304) {
+    response->set_content(reply_, kJson);
+  }
+}
+
+void CollectorServer::RefusePost(const httplib::Request& request, uint64_t size_bytes, int status,
+                                 httplib::Response* response) {
+  const std::string content_type = request.get_header_value("Content-Type");
+  Received received;
+  received.seq = recorder_.NextSeq();
+  received.time = UtcNow();
+  received.peer = current_exchange_->connection->peer();
+  received.path = request.target;
+  received.content_type = content_type;
+  received.status = status;
+  recorder_.RecordRefused(received, size_bytes);
+  response->status = status;
+  response->set_content(status == 413 ? R"({"bytes_errinfo":"body too large"})"
+                                      : R"({"bytes_errinfo":"bad request"})",
+                        kJson);
+}
+
+void CollectorServer::Delay() {
+  if (options_.misbehaviour.delay_ms == 0) return;
+  std::unique_lock<std::mutex> lock(mutex_);
+  stop_cv_.wait_for(lock, milliseconds(options_.misbehaviour.delay_ms),
+                    [this] { return stopping_.load(); });
+}
+
+// Reads the body, and one that is too large away, so that the connection can go on. *size_bytes is
+// what was announced or, for a chunked body, what arrived.
+CollectorServer::BodyOutcome CollectorServer::ReadBody(const Exchange& exchange, std::string* body,
+                                                       uint64_t* size_bytes) const {
+  const uint64_t limit_bytes = options_.max_body_bytes;
+  if (!exchange.chunked) {
+    *size_bytes = exchange.length_bytes;
+    const bool fits = exchange.length_bytes <= limit_bytes;
+    if (fits) body->reserve(std::min<uint64_t>(exchange.length_bytes, kMaxReserveBytes));
+    if (!ReadExactly(exchange.connection, exchange.length_bytes, fits ? body : nullptr)) {
+      return BodyOutcome::kIncomplete;
+    }
+    return fits ? BodyOutcome::kWhole : BodyOutcome::kTooLarge;
+  }
+
+  std::string line;
+  bool well_formed = true;
+  for (;;) {
+    if (!ReadLine(exchange.connection, &line, &well_formed)) return BodyOutcome::kIncomplete;
+    uint64_t chunk_bytes = 0;
+    const std::string digits = line.substr(0, line.find_first_of("; \t"));
+    if (!well_formed || !ParseDigits(digits, 16, &chunk_bytes)) return BodyOutcome::kMalformed;
+    if (chunk_bytes == 0) break;
+    *size_bytes += chunk_bytes;
+    const bool fits = *size_bytes <= limit_bytes;
+    if (!fits) std::string().swap(*body);
+    if (!ReadExactly(exchange.connection, chunk_bytes, fits ? body : nullptr) ||
+        !ReadLine(exchange.connection, &line, &well_formed)) {
+      return BodyOutcome::kIncomplete;
+    }
+    if (!well_formed || !line.empty()) return BodyOutcome::kMalformed;
+  }
+  do {  // Trailer fields, of no interest, up to the empty line.
+    if (!ReadLine(exchange.connection, &line, &well_formed)) return BodyOutcome::kIncomplete;
+    if (!well_formed) return BodyOutcome::kMalformed;
+  } while (!line.empty());
+  return *size_bytes <= limit_bytes ? BodyOutcome::kWhole : BodyOutcome::kTooLarge;
+}
+
+}  // namespace quenor::collector

@@ -1,0 +1,126 @@
+// The HTTP server: takes POSTs on any path, puts them on record, answers.
+// httplib parses requests and writes replies; connections are ours. One thread (the caller of Run)
+// accepts and watches idle connections; `threads` workers each serve one request at a time, so any
+// number of idle keep-alive connections occupies no worker and none starves another.
+// Life: construct, Listen, Run (returns after an orderly stop), destroy.
+// Page: docs/guide/collector.md.
+#ifndef COLLECTOR_SERVER_H_
+#define COLLECTOR_SERVER_H_
+
+#include <httplib.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "collector/connection.h"
+#include "collector/recorder.h"
+#include "collector/reply.h"
+#include "collector/tls.h"
+
+namespace quenor::collector {
+
+struct ServerOptions {
+  std::string host = "127.0.0.1";
+  int port = 0;
+  unsigned threads = 64;
+  uint64_t max_body_bytes = uint64_t{64} << 20;
+  uint64_t idle_timeout_s = 300;
+  ReplyOptions reply;
+  MisbehaviourOptions misbehaviour;
+};
+
+class CollectorServer : private httplib::Server {
+ public:
+  // Borrows `recorder` and `tls` (may be null: plain HTTP); both outlive the server.
+  CollectorServer(const ServerOptions& options, Recorder& recorder, SSL_CTX* tls);
+  ~CollectorServer() override;
+  CollectorServer(const CollectorServer&) = delete;
+  CollectorServer& operator=(const CollectorServer&) = delete;
+
+  // Binds and listens. Throws Fatal.
+  void Listen();
+
+  // After Listen: "https://127.0.0.1:34567/" and the port in it.
+  std::string url() const;
+  int port() const { return port_; }
+
+  // Serves on this thread until `stop_fd` is readable (it is borrowed and not read), then stops
+  // accepting, lets workers finish the replies they are at, and returns. Connections that are idle
+  // or held are closed at once, a request not yet received whole is given up, and a peer that does
+  // not take its reply delays the return by at most about a second.
+  void Run(int stop_fd);
+
+ private:
+  enum class State { kIdle, kQueued, kBusy, kHeld };
+
+  struct Peer {
+    std::unique_ptr<Connection> connection;
+    State state = State::kIdle;
+    std::chrono::steady_clock::time_point idle_since;
+    std::list<Peer*>::iterator idle_place;  // Valid while kIdle.
+  };
+
+  struct Exchange;
+  // The exchange that this worker thread is in; httplib hands its handlers only its own objects.
+  static thread_local Exchange* current_exchange_;
+
+  enum class BodyOutcome { kWhole, kTooLarge, kMalformed, kIncomplete };
+
+  // The thread of Run.
+  void Watch(int stop_fd);
+  void AcceptAll();
+  void Wake(Peer* peer);
+  int ExpireIdle();
+  void Stop();
+
+  // Workers.
+  void Work();
+  void Serve(Peer* peer);
+  void Park(Peer* peer, State state);
+  void Enqueue(Peer* peer);
+  void Drop(Peer* peer);
+
+  // Workers, inside httplib's process_request.
+  void Inspect(Exchange* exchange, httplib::Request* request) const;
+  void Handle(const httplib::Request& request, httplib::Response* response);
+  void HandleGet(const httplib::Request& request, httplib::Response* response);
+  void HandlePost(const httplib::Request& request, httplib::Response* response);
+  void AnswerPost(const httplib::Request& request, const std::string& body,
+                  httplib::Response* response);
+  void RefusePost(const httplib::Request& request, uint64_t size_bytes, int status,
+                  httplib::Response* response);
+  void Delay();
+  BodyOutcome ReadBody(const Exchange& exchange, std::string* body, uint64_t* size_bytes) const;
+
+  const ServerOptions options_;
+  Recorder& recorder_;
+  SSL_CTX* const tls_;
+  const std::string reply_;
+  int listen_fd_ = -1;
+  int epoll_fd_ = -1;
+  int port_ = 0;
+  bool accept_paused_ = false;  // The thread of Run only: out of descriptors.
+
+  std::atomic<bool> stopping_{false};
+  std::mutex mutex_;  // Guards everything below.
+  std::condition_variable work_cv_;
+  std::condition_variable stop_cv_;  // Stopping has begun, or a worker has let go of a peer.
+  std::unordered_map<Peer*, std::unique_ptr<Peer>> peers_;
+  std::list<Peer*> idle_;  // Longest idle first.
+  std::deque<Peer*> queue_;
+  std::vector<std::thread> workers_;
+};
+
+}  // namespace quenor::collector
+
+#endif  // COLLECTOR_SERVER_H_
