@@ -168,6 +168,8 @@ struct BadCertificate {
   bool other_authority;
 };
 
+void PrintTo(const BadCertificate& bad, std::ostream* out) { *out << bad.name; }
+
 class ChannelBadCertificateTest : public ChannelTest,
                                   public ::testing::WithParamInterface<BadCertificate> {};
 
