@@ -103,6 +103,22 @@ TEST_F(ConnectionsTest, SilentConnectionsOccupyNoWorker) {
   EXPECT_EQ(silent.back()->ReadThrough("}").rfind("HTTP/1.1 200 OK", 0), 0u);
 }
 
+TEST_F(ConnectionsTest, OutOfDescriptorsTheRestWaitsAndIsServedLater) {
+  Collector collector(dir_ / "", Collector::Transport::kPlain, {});
+  collector.child().LimitDescriptors(12);
+  std::vector<std::unique_ptr<RawClient>> clients;
+  for (int i = 0; i < 40; ++i) {
+    clients.push_back(std::make_unique<RawClient>(collector.port()));
+  }
+
+  for (const auto& client : clients) {
+    client->Send("POST / HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
+  }
+
+  for (const auto& client : clients) EXPECT_EQ(CountOf(client->ReadAll(), "HTTP/1.1 200 OK"), 1);
+  EXPECT_EQ(collector.Stop().out, "requests=40 accepted=40 failed=0 distinct=1 bytes=0\n");
+}
+
 TEST_F(ConnectionsTest, PipelinedRequestsAreAnsweredInOrder) {
   Collector collector(dir_ / "", Collector::Transport::kPlain, {"--log", dir_ / "log"});
   RawClient client(collector.port());

@@ -1,9 +1,10 @@
 #include "collector/recorder.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <regex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "collector/digest.h"
@@ -210,9 +211,10 @@ TEST_F(RecorderTest, UnusablePathsAreNamed) {
 }
 
 TEST(RecorderTextTest, TimeIsRfc3339InUtcWithMilliseconds) {
-  const std::regex shape(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)");
+  std::string shape = UtcNow();
+  for (char& c : shape) c = c >= '0' && c <= '9' ? '0' : c;
 
-  EXPECT_TRUE(std::regex_match(UtcNow(), shape)) << UtcNow();
+  EXPECT_EQ(shape, "0000-00-00T00:00:00.000Z");
 }
 
 TEST(RecorderTextTest, CountsAsJson) {
