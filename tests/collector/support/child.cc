@@ -111,8 +111,11 @@ std::optional<std::string> Child::ReadLine() {
 void Child::Signal(int number) const { ::kill(pid_, number); }
 
 void Child::LimitDescriptors(unsigned limit) const {
-  const rlimit limits{limit, limit};
-  if (::prlimit(pid_, RLIMIT_NOFILE, &limits, nullptr) != 0) {
+  rlimit limits{};
+  bool done = ::prlimit(pid_, RLIMIT_NOFILE, nullptr, &limits) == 0;
+  limits.rlim_cur = limit;
+  done = done && ::prlimit(pid_, RLIMIT_NOFILE, &limits, nullptr) == 0;
+  if (!done) {
     throw std::runtime_error("cannot limit the collector's descriptors");
   }
 }
