@@ -40,8 +40,12 @@ constexpr size_t kIdleTransfers = 64;  // Kept for reuse with their easy handles
 constexpr long kIdleConnections = 32;  // Kept open, over all hosts.
 constexpr long kSystemCaCacheSeconds = 3600;
 constexpr int kExitWaitMs = 50;
-constexpr uint32_t kKeptReceiveBytes = 4096;     // A receive buffer up to this size is recycled.
+constexpr uint32_t kKeptReceiveBytes = 4096;  // A receive buffer up to this size is recycled.
+constexpr size_t kMaxPemBytes = 16 << 20;
 constexpr uint32_t kMaxHeaderLimit = 256 << 10;  // libcurl itself gives up at 300 KiB.
+constexpr int kFruitlessRounds = 16;             // Then the I/O thread pauses: 1 ms, 2 ms, ...
+constexpr int kSpinPauseMs = 10;                 // ... up to this.
+constexpr int kPollFailurePauseMs = 100;
 constexpr int64_t kNever = INT64_MAX;
 
 int64_t NowMs() {
@@ -50,8 +54,7 @@ int64_t NowMs() {
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// ---- Text helpers
-// --------------------------------------------------------------------------------
+// ---- Text helpers -------------------------------------------------------------------------------
 
 char LowerAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; }
 
@@ -91,8 +94,7 @@ std::string LoggableUrl(const std::string& url) {
   return url.substr(0, authority) + url.substr(host, end - host);
 }
 
-// ---- Settings
-// ------------------------------------------------------------------------------------
+// ---- Settings -----------------------------------------------------------------------------------
 
 // What a client's requests share with it; it lives as long as the last of them.
 struct ClientSettings {
@@ -130,8 +132,7 @@ std::string ProxyUrl(const HttpClient::Config& config) {
   return "socks5h://" + host + ":" + std::to_string(config.socks5_port);
 }
 
-// ---- One exchange
-// --------------------------------------------------------------------------------
+// ---- One exchange -------------------------------------------------------------------------------
 
 // A request on its way, with an easy handle that it keeps from one request to the next. Belongs to
 // the thread that prepares it, then to the I/O thread.
@@ -162,6 +163,11 @@ struct Transfer {
   uint64_t header_bytes = 0;
   bool headers_complete = false;
   bool too_large = false;
+  bool whole_early = false;  // The response was whole before the request was.
+
+  // What has moved, to tell progress from spinning.
+  curl_off_t body_bytes_moved = 0;
+  uint64_t* progress = nullptr;  // Borrowed from the Io.
 
   // How it ended.
   HttpClient::State state = HttpClient::State::kFailed;
@@ -217,6 +223,7 @@ void AddHeader(HttpClient::Response* response, const char* line, size_t size) {
 // One whole line: a status line, a header, the empty line after them, or a trailer.
 size_t OnHeaderLine(char* data, size_t, size_t size, void* user) {
   Transfer* transfer = static_cast<Transfer*>(user);
+  ++*transfer->progress;
   transfer->header_bytes += size;
   if (transfer->header_bytes > transfer->client->defaults.max_response_header_bytes) {
     transfer->too_large = true;
@@ -234,6 +241,27 @@ size_t OnHeaderLine(char* data, size_t, size_t size, void* user) {
     AddHeader(transfer->response.get(), data, length);
   }
   return size;
+}
+
+// Called at every step of a transfer. A server may answer before it has read the whole body and
+// then reset the HTTP/2 stream; libcurl goes on offering the rest until a time limit passes. So an
+// exchange whose response is whole ends here.
+int OnProgress(void* user, curl_off_t, curl_off_t down, curl_off_t up_total, curl_off_t up) {
+  Transfer* transfer = static_cast<Transfer*>(user);
+  if (down + up != transfer->body_bytes_moved) {
+    transfer->body_bytes_moved = down + up;
+    ++*transfer->progress;
+  }
+  if (up >= up_total || !transfer->headers_complete) return 0;
+  long version = 0;
+  long status = 0;
+  curl_off_t announced = -1;
+  curl_easy_getinfo(transfer->easy, CURLINFO_HTTP_VERSION, &version);
+  curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status);
+  curl_easy_getinfo(transfer->easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
+  transfer->whole_early = version == CURL_HTTP_VERSION_2_0 && status >= 200 && announced >= 0 &&
+                          static_cast<curl_off_t>(transfer->size_bytes) == announced;
+  return transfer->whole_early ? 1 : 0;
 }
 
 curl_socket_t OpenSocket(void*, curlsocktype, curl_sockaddr* address) {
@@ -313,6 +341,9 @@ bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
   options.Set(CURLOPT_WRITEDATA, transfer);
   options.Set(CURLOPT_HEADERFUNCTION, &OnHeaderLine);
   options.Set(CURLOPT_HEADERDATA, transfer);
+  options.Set(CURLOPT_XFERINFOFUNCTION, &OnProgress);
+  options.Set(CURLOPT_XFERINFODATA, transfer);
+  options.Set(CURLOPT_NOPROGRESS, 0L);
   options.Set(CURLOPT_OPENSOCKETFUNCTION, &OpenSocket);
   options.Set(CURLOPT_PROTOCOLS_STR, "http,https");
   options.Set(CURLOPT_FOLLOWLOCATION, 0L);
@@ -412,17 +443,22 @@ bool TakeBody(Transfer* transfer, CopyOnWriteBuffer* body) {
 
 // Decides the state from libcurl's result and completes the response.
 void Conclude(Transfer* transfer, CURLcode code) {
+  if (code == CURLE_ABORTED_BY_CALLBACK && transfer->whole_early) code = CURLE_OK;
   transfer->code = code;
   curl_easy_getinfo(transfer->easy, CURLINFO_SSL_VERIFYRESULT, &transfer->verify_result);
   if (code == CURLE_OK) {
     long status = 0;
     curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status);
     transfer->response->status_code = static_cast<int>(status);
-    if (TakeBody(transfer, &transfer->response->body)) {
+    // libcurl takes an end within the headers, or after an interim answer, for a whole response.
+    if (!transfer->headers_complete || status < 200) {
+      transfer->code = CURLE_PARTIAL_FILE;
+    } else if (!TakeBody(transfer, &transfer->response->body)) {
+      transfer->code = CURLE_OUT_OF_MEMORY;
+    } else {
       transfer->state = HttpClient::State::kCompleted;
       return;
     }
-    transfer->code = CURLE_OUT_OF_MEMORY;
   }
   // A header line beyond libcurl's own limit ends as "out of memory" while headers arrive.
   curl_off_t first_byte_us = 0;
@@ -451,6 +487,8 @@ void Clear(Transfer* transfer) {
   transfer->header_bytes = 0;
   transfer->headers_complete = false;
   transfer->too_large = false;
+  transfer->whole_early = false;
+  transfer->body_bytes_moved = 0;
   transfer->error[0] = '\0';
   if (transfer->capacity_bytes > kKeptReceiveBytes) {
     std::free(transfer->bytes);
@@ -459,8 +497,7 @@ void Clear(Transfer* transfer) {
   }
 }
 
-// ---- What a log says
-// -----------------------------------------------------------------------------
+// ---- What a log says ----------------------------------------------------------------------------
 
 // X509_V_ERR_… values, which stay the same for ever.
 const char* CertificateAdvice(long verify_result) {
@@ -477,7 +514,7 @@ const char* CertificateAdvice(long verify_result) {
       return "name the authority's certificate in HttpDefaults::ca_file, or look for something "
              "that "
              "intercepts TLS";
-    case 0:
+    case 1:   // libcurl's start value: the chain was not looked at, or the name was wrong.
     case 62:  // Another host's.
       return "use the name that the certificate is for, or give the server one for this name";
     default:
@@ -553,8 +590,7 @@ class LogPauses {
   std::vector<Logged> logged_;
 };
 
-// ---- The engine
-// ----------------------------------------------------------------------------------
+// ---- The engine ---------------------------------------------------------------------------------
 
 // The I/O thread and what it works on. Made by the first request, never destroyed; a forked child
 // makes its own.
@@ -578,11 +614,14 @@ struct Io {
   std::vector<Transfer*> surplus;
   int64_t next_deadline_ms = kNever;  // No active transfer's deadline is earlier.
   uint32_t host_connections = 0;      // As last set in the multi handle.
+  uint64_t progress = 0;              // Counts whatever moved.
+  uint64_t progress_at_wait = 0;
+  int fruitless_rounds = 0;  // Sleeps in a row that ended at once and brought nothing.
 };
 
 // libcurl opens its wake-up pair without close-on-exec and does not give it away. It is known by
 // what it does: with every wake-up one byte more waits at one end and more is on its way from the
-// other.
+// other. Where /proc is not mounted, the pair stays as it is.
 void SetWakeUpPairCloseOnExec(CURLM* multi) {
   DIR* folder = opendir("/proc/self/fd");
   if (folder == nullptr) return;
@@ -606,8 +645,8 @@ void SetWakeUpPairCloseOnExec(CURLM* multi) {
       int leaving = 0;
       if (ioctl(c.fd, FIONREAD, &waiting) != 0) waiting = 0;
       if (ioctl(c.fd, SIOCOUTQ, &leaving) != 0) leaving = 0;
-      c.is_reader = c.is_reader && waiting == (round == 0 ? 0 : c.waiting + 1);
-      c.is_writer = c.is_writer && (round == 0 ? leaving == 0 : leaving > c.leaving);
+      c.is_reader = c.is_reader && (round == 0 || waiting == c.waiting + 1);
+      c.is_writer = c.is_writer && (round == 0 || leaving > c.leaving);
       c.waiting = waiting;
       c.leaving = leaving;
     }
@@ -688,8 +727,7 @@ class Engine {
   HttpDefaults defaults_ QUENOR_GUARDED_BY(lock_);
 };
 
-// ---- Engine: life cycle
-// --------------------------------------------------------------------------
+// ---- Engine: life cycle -------------------------------------------------------------------------
 
 Io* Engine::EnsureIo(std::string* problem) {
   if (io_ != nullptr) return io_;
@@ -711,6 +749,12 @@ Io* Engine::EnsureIo(std::string* problem) {
   }
   curl_multi_setopt(io->multi, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_MULTIPLEX));
   curl_multi_setopt(io->multi, CURLMOPT_MAXCONNECTS, kIdleConnections);
+  // Without descriptors libcurl goes on without its wake-up pair, and nobody could wake the thread.
+  if (curl_multi_wakeup(io->multi) != CURLM_OK) {
+    *problem = "no descriptors are left";
+    curl_multi_cleanup(io->multi);
+    return nullptr;
+  }
   SetWakeUpPairCloseOnExec(io->multi);
   pthread_condattr_t attributes;
   pthread_condattr_init(&attributes);
@@ -789,8 +833,7 @@ void Engine::AfterForkInChild() QUENOR_NO_THREAD_SAFETY_ANALYSIS {
   engine->lock_.Release();
 }
 
-// ---- Engine: doors
-// -------------------------------------------------------------------------------
+// ---- Engine: doors ------------------------------------------------------------------------------
 
 Transfer* Engine::Acquire() {
   std::string problem;
@@ -810,8 +853,8 @@ Transfer* Engine::Acquire() {
     problem = "libcurl has no memory";
   }
   if (MayLog(problem)) {
-    LocalLog(kLogError, kLogFile, __LINE__, "http: cannot send: %s; free memory or threads",
-             problem.c_str());
+    LocalLog(kLogError, kLogFile, __LINE__,
+             "http: cannot send: %s; raise the limit or use less of it", problem.c_str());
   }
   return nullptr;
 }
@@ -851,8 +894,7 @@ void Engine::Close(ClientSettings* client) {
   curl_multi_wakeup(io->multi);
 }
 
-// ---- Engine: I/O thread
-// --------------------------------------------------------------------------
+// ---- Engine: I/O thread -------------------------------------------------------------------------
 
 void Engine::Run(Io* io) {
   for (;;) {
@@ -899,6 +941,8 @@ void Engine::StartSubmitted(Io* io) {
                         static_cast<long>(io->host_connections));
     }
     transfer->state = HttpClient::State::kFailed;
+    transfer->progress = &io->progress;
+    ++io->progress;
     transfer->response.reset(new HttpClient::Response);
     // acquire: pairs with the release in Close().
     const bool closed = transfer->client->closed.load(std::memory_order_acquire);
@@ -923,6 +967,7 @@ void Engine::Finish(Io* io, Transfer* transfer) {
   last->active_index = transfer->active_index;
   io->active.pop_back();
   if (io->active.empty()) io->next_deadline_ms = kNever;
+  ++io->progress;
   io->finished.push_back(transfer);
 }
 
@@ -1010,18 +1055,25 @@ void Engine::Wait(Io* io) {
     base::AutoLock hold(lock_);
     if (!io->submitted.empty() || io->any_closed || !io->surplus.empty()) return;
   }
+  // While a server's HTTP/2 window is shut, libcurl waits for a socket that is always ready.
+  if (io->progress != io->progress_at_wait) io->fruitless_rounds = 0;
+  io->progress_at_wait = io->progress;
+  if (io->fruitless_rounds > kFruitlessRounds) {
+    poll(nullptr, 0, std::min(io->fruitless_rounds - kFruitlessRounds, kSpinPauseMs));
+  }
+  const int64_t before_ms = NowMs();
   int timeout_ms = INT_MAX;
   if (io->next_deadline_ms != kNever) {
-    const int64_t left_ms = std::max<int64_t>(io->next_deadline_ms - NowMs(), 0);
+    const int64_t left_ms = std::max<int64_t>(io->next_deadline_ms - before_ms, 0);
     timeout_ms = static_cast<int>(std::min<int64_t>(left_ms, INT_MAX));
   }
   if (curl_multi_poll(io->multi, nullptr, 0, timeout_ms, nullptr) != CURLM_OK) {
-    poll(nullptr, 0, 100);  // Out of memory or descriptors: not at full speed.
+    poll(nullptr, 0, kPollFailurePauseMs);  // Out of memory or descriptors: not at full speed.
   }
+  io->fruitless_rounds = NowMs() - before_ms > 1 ? 0 : io->fruitless_rounds + 1;
 }
 
-// ---- The client
-// ----------------------------------------------------------------------------------
+// ---- The client ---------------------------------------------------------------------------------
 
 class HttpClientCurl final : public HttpClient {
  public:
@@ -1119,8 +1171,7 @@ int64_t HttpClientCurl::SendRequest(const Request& request, CompletionCallback c
   return id;
 }
 
-// ---- The process's defaults
-// ----------------------------------------------------------------------
+// ---- The process's defaults ---------------------------------------------------------------------
 
 // Zero and empty values replaced by what they stand for.
 HttpDefaults InForce(HttpDefaults defaults) {
@@ -1137,6 +1188,165 @@ HttpDefaults InForce(HttpDefaults defaults) {
   fill(&defaults.max_connections_per_host, fresh.max_connections_per_host);
   if (defaults.user_agent.empty()) defaults.user_agent = "quenor/" QUENOR_VERSION;
   return defaults;
+}
+
+// Standard base64 with its padding. False when `text` is anything else.
+bool DecodeBase64(const std::string& text, std::string* bytes) {
+  static const char kAlphabet[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  bytes->clear();
+  if (text.empty() || text.size() % 4 != 0) return false;
+  size_t padding = 0;
+  while (padding < 2 && text[text.size() - 1 - padding] == '=') ++padding;
+  uint32_t bits = 0;
+  for (size_t i = 0; i < text.size(); ++i) {
+    uint32_t value = 0;
+    if (i < text.size() - padding) {
+      const char* found = text[i] == '\0' ? nullptr : std::strchr(kAlphabet, text[i]);
+      if (found == nullptr) return false;
+      value = static_cast<uint32_t>(found - kAlphabet);
+    }
+    bits = (bits << 6) | value;
+    if (i % 4 != 3) continue;
+    for (int shift = 16; shift >= 0; shift -= 8) bytes->push_back(static_cast<char>(bits >> shift));
+  }
+  bytes->resize(bytes->size() - padding);
+  return true;
+}
+
+// One DER SEQUENCE and nothing after it: what every certificate and private key is.
+bool IsDerSequence(const std::string& bytes) {
+  if (bytes.size() < 2 || static_cast<uint8_t>(bytes[0]) != 0x30) return false;
+  const uint8_t first = static_cast<uint8_t>(bytes[1]);
+  if (first < 0x80) return bytes.size() == 2u + first;
+  const size_t length_bytes = first & 0x7f;
+  if (length_bytes == 0 || length_bytes > 4 || bytes.size() < 2 + length_bytes) return false;
+  uint64_t length = 0;
+  for (size_t i = 0; i < length_bytes; ++i) {
+    length = (length << 8) | static_cast<uint8_t>(bytes[2 + i]);
+  }
+  return bytes.size() == 2 + length_bytes + length;
+}
+
+// Counts the blocks in a PEM text whose label ends in `label`. Answers -1 when one of them is
+// malformed, encrypted or cut off.
+int CountPemBlocks(const std::string& text, const std::string& label) {
+  int count = 0;
+  size_t at = 0;
+  while ((at = text.find("-----BEGIN ", at)) != std::string::npos) {
+    const size_t name = at + std::strlen("-----BEGIN ");
+    const size_t name_end = text.find("-----", name);
+    if (name_end == std::string::npos) return -1;
+    const std::string found = text.substr(name, name_end - name);
+    const size_t content = name_end + 5;
+    const size_t end = text.find("-----END " + found + "-----", content);
+    at = content;
+    const bool wanted = found.size() >= label.size() &&
+                        found.compare(found.size() - label.size(), label.size(), label) == 0;
+    if (!wanted) continue;
+    if (end == std::string::npos) return -1;
+    std::string base64 = text.substr(content, end - content);
+    base64.erase(std::remove_if(base64.begin(), base64.end(),
+                                [](char c) { return c == '\n' || c == '\r' || c == ' '; }),
+                 base64.end());
+    std::string der;
+    if (found.find("ENCRYPTED") == 0 || !DecodeBase64(base64, &der)) return -1;
+    if (found.find("TRUSTED") != 0 && !IsDerSequence(der)) return -1;
+    ++count;
+  }
+  return count;
+}
+
+// Reads a file that the host named. Answers why it cannot be read, or an empty string.
+std::string ReadPem(const std::string& path, std::string* text) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::strerror(errno);
+  std::string reason;
+  char chunk[16384];
+  ssize_t size;
+  while ((size = read(fd, chunk, sizeof(chunk))) != 0) {
+    if (size < 0 && errno == EINTR) continue;
+    if (size < 0) {
+      reason = std::strerror(errno);
+      break;
+    }
+    text->append(chunk, static_cast<size_t>(size));
+    if (text->size() > kMaxPemBytes) {
+      reason = "it is larger than 16 MiB";
+      break;
+    }
+  }
+  close(fd);
+  return reason;
+}
+
+// Checks one PEM file that is to hold `label` blocks; an empty path is fine.
+std::string PemProblem(const char* field, const std::string& path, const std::string& label) {
+  if (path.empty()) return std::string();
+  const std::string object = std::string("http defaults: ") + field + " '" + path + "' ";
+  std::string text;
+  const std::string reason = ReadPem(path, &text);
+  if (!reason.empty()) {
+    return object + "cannot be read: " + reason + "; give a PEM file that this process may read";
+  }
+  const int blocks = CountPemBlocks(text, label);
+  if (blocks > 0) return std::string();
+  return object + (blocks < 0 ? "holds a malformed or encrypted " : "holds no ") + label +
+         " block; give an unencrypted PEM file with one";
+}
+
+std::string FolderProblem(const std::string& path) {
+  if (path.empty()) return std::string();
+  struct stat status;
+  int error = stat(path.c_str(), &status) != 0 ? errno : 0;
+  if (error == 0 && !S_ISDIR(status.st_mode)) error = ENOTDIR;
+  if (error == 0 && access(path.c_str(), R_OK | X_OK) != 0) error = errno;
+  if (error == 0) return std::string();
+  return "http defaults: ca_folder '" + path + "' cannot be used: " + std::strerror(error) +
+         "; give a folder of CA certificates that `openssl rehash` has prepared";
+}
+
+std::string PinProblem(const std::string& pin) {
+  constexpr char kPrefix[] = "sha256//";
+  std::string bytes;
+  const size_t prefix = sizeof(kPrefix) - 1;
+  if (pin.compare(0, prefix, kPrefix) == 0 && DecodeBase64(pin.substr(prefix), &bytes) &&
+      bytes.size() == 32) {
+    return std::string();
+  }
+  return "http defaults: pinned_public_keys: '" + pin +
+         "' is no pin; give sha256// and the base64 of the key's 32-byte SHA-256";
+}
+
+std::string ClientCertificateProblem(const HttpDefaults& defaults) {
+  const std::string& certificate = defaults.client_certificate_file;
+  const std::string& key = defaults.client_key_file;
+  if (certificate.empty() && !key.empty()) {
+    return "http defaults: client_key_file '" + key +
+           "' has no certificate; set client_certificate_file too";
+  }
+  const std::string problem = PemProblem("client_certificate_file", certificate, "CERTIFICATE");
+  if (!problem.empty()) return problem;
+  if (!key.empty()) return PemProblem("client_key_file", key, "PRIVATE KEY");
+  return PemProblem("client_certificate_file", certificate, "PRIVATE KEY");
+}
+
+std::string DefaultsProblem(const HttpDefaults& defaults) {
+  std::string problem = PemProblem("ca_file", defaults.ca_file, "CERTIFICATE");
+  if (problem.empty()) problem = FolderProblem(defaults.ca_folder);
+  for (const std::string& pin : defaults.pinned_public_keys) {
+    if (problem.empty()) problem = PinProblem(pin);
+  }
+  if (problem.empty()) problem = ClientCertificateProblem(defaults);
+  if (problem.empty() && !IsFieldValue(defaults.user_agent)) {
+    problem = "http defaults: user_agent holds a control character; take it out";
+  }
+  if (problem.empty() && defaults.max_response_header_bytes > kMaxHeaderLimit) {
+    problem = "http defaults: max_response_header_bytes is " +
+              std::to_string(defaults.max_response_header_bytes) + "; give at most " +
+              std::to_string(kMaxHeaderLimit);
+  }
+  return problem;
 }
 
 }  // namespace
@@ -1173,8 +1383,9 @@ const char* HttpClientFactory::ImplementationName() {
 }
 
 std::string SetHttpDefaults(const HttpDefaults& defaults) {
-  Engine::Get()->SetDefaults(InForce(defaults));
-  return std::string();
+  std::string problem = DefaultsProblem(defaults);
+  if (problem.empty()) Engine::Get()->SetDefaults(InForce(defaults));
+  return problem;
 }
 
 HttpDefaults GetHttpDefaults() { return InForce(Engine::Get()->GetDefaults()); }

@@ -1,0 +1,91 @@
+// The contract on the fake that the other tests send through: what holds for the real client holds
+// for the one that they see.
+#include <deque>
+#include <map>
+#include <mutex>
+
+#include "tests/conformance/http_client_conformance.h"
+#include "tests/support/fake_http_client.h"
+
+namespace quenor::conformance {
+namespace {
+
+// Answers through FakeHttp on the test's own thread, which plays the client's.
+class FakePeer : public HttpClientPeer {
+ public:
+  FakePeer() : http_([this](base::OnceClosure task) { Post(std::move(task)); }) {
+    http_.SetOnSend([this](const HttpClient::Request& request) {
+      // The fake looks at no URL.
+      const bool usable = request.url.compare(0, sizeof(kOrigin) - 1, kOrigin) == 0;
+      usable ? http_.Accept() : http_.RefuseAll(0);
+    });
+  }
+
+  std::string Origin() const override { return kOrigin; }
+
+  void Script(const std::string& path, const PeerAnswer& answer) override {
+    script_[path] = answer;
+  }
+
+  std::vector<PeerRequest> WaitForRequests(size_t) override {
+    std::vector<PeerRequest> seen;
+    for (const test::FakeHttp::Sent& sent : http_.Requests()) {
+      PeerRequest request{sent.request.method, PathOf(sent), {}, sent.body};
+      for (const auto& [name, value] : sent.request.headers) {
+        std::string lower = name;
+        for (char& c : lower) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
+        request.headers[lower] = value;
+      }
+      seen.push_back(request);
+    }
+    return seen;
+  }
+
+  bool Pump() override {
+    bool worked = false;
+    for (size_t index : http_.Outstanding()) worked = Answer(index) || worked;
+    for (;;) {
+      base::OnceClosure task;
+      {
+        std::lock_guard<std::mutex> hold(mutex_);
+        if (tasks_.empty()) return worked;
+        task = std::move(tasks_.front());
+        tasks_.pop_front();
+      }
+      std::move(task).Run();
+      worked = true;
+    }
+  }
+
+ private:
+  static constexpr char kOrigin[] = "https://fake";
+
+  static std::string PathOf(const test::FakeHttp::Sent& sent) {
+    return sent.request.url.substr(sizeof(kOrigin) - 1);
+  }
+
+  bool Answer(size_t index) {
+    const auto scripted = script_.find(PathOf(http_.Requests()[index]));
+    const PeerAnswer answer = scripted == script_.end() ? PeerAnswer() : scripted->second;
+    if (answer.kind == PeerAnswer::Kind::kNever) return false;
+    if (answer.kind == PeerAnswer::Kind::kClose) return http_.Fail(index);
+    return http_.Answer(index, answer.status, answer.body, answer.headers);
+  }
+
+  void Post(base::OnceClosure task) {
+    std::lock_guard<std::mutex> hold(mutex_);
+    tasks_.push_back(std::move(task));
+  }
+
+  std::map<std::string, PeerAnswer> script_;
+  std::mutex mutex_;
+  std::deque<base::OnceClosure> tasks_;  // Guarded by `mutex_`.
+  test::FakeHttp http_;
+};
+
+std::unique_ptr<HttpClientPeer> MakeFakePeer() { return std::make_unique<FakePeer>(); }
+
+INSTANTIATE_TEST_SUITE_P(Fake, HttpClientConformance, ::testing::Values(&MakeFakePeer));
+
+}  // namespace
+}  // namespace quenor::conformance

@@ -1,0 +1,128 @@
+// The client seen from outside its process; http_client_program is the process.
+#include "tests/integration/http_client_fixture.h"
+#include "tests/integration/support/child_process.h"
+#include "tests/integration/support/scripted_server.h"
+
+namespace quenor::test {
+namespace {
+
+using Connection = ScriptedServer::Connection;
+
+class HttpClientProcessTest : public HttpClientTest {
+ protected:
+  int Run(const std::string& mode, const std::string& url,
+          const std::vector<std::string>& environment = {}) {
+    ChildProcess child({QUENOR_HTTP_CLIENT_PROGRAM, mode, url, authority_.ca_file()},
+                       folder_.File("output"), environment);
+    return child.Wait();
+  }
+  std::string Output() const { return ReadWholeFile(folder_.File("output")); }
+
+  static ScriptedServer::Script Answering() {
+    return [](Connection& connection) {
+      ReceivedRequest request;
+      while (connection.ReadRequest(&request)) connection.Respond(200, "{}");
+    };
+  }
+  // nginx, as it comes to many connections and HTTP/2.
+  NginxServer::Options NginxOptions(bool http2) const {
+    NginxServer::Options options;
+    options.certificate = &certificate_;
+    options.http2 = http2;
+    options.server_lines = "location / { return 200 '{}'; }";
+    return options;
+  }
+};
+
+// ---- Environment --------------------------------------------------------------------------------
+
+TEST_F(HttpClientProcessTest, ProxiesInTheEnvironmentAreIgnored) {
+  ScriptedServer tls(Answering(), &certificate_);
+  ScriptedServer plain(Answering());
+  const std::string dead = "http://127.0.0.1:" + std::to_string(UnusedPort());
+  const std::vector<std::string> environment = {
+      "https_proxy=" + dead, "HTTPS_PROXY=" + dead, "http_proxy=" + dead, "HTTP_PROXY=" + dead,
+      "all_proxy=" + dead,   "ALL_PROXY=" + dead,   "no_proxy=",          "NO_PROXY="};
+
+  EXPECT_EQ(Run("post", tls.Origin() + "/", environment), 0) << Output();
+  EXPECT_EQ(Run("post", plain.Origin() + "/", environment), 0) << Output();
+}
+
+// ---- Start --------------------------------------------------------------------------------------
+
+TEST_F(HttpClientProcessTest, ThreadStartsWithTheFirstRequestNamedAndWithoutSignals) {
+  ScriptedServer server(Answering(), &certificate_);
+
+  EXPECT_EQ(Run("lazy", server.Origin() + "/"), 0) << Output();
+}
+
+TEST_F(HttpClientProcessTest, RequestIsRefusedWhileNoThreadCanBeStarted) {
+  ScriptedServer server(Answering(), &certificate_);
+
+  EXPECT_EQ(Run("no-thread", server.Origin() + "/"), 0) << Output();
+  EXPECT_NE(Output().find("the I/O thread cannot be started"), std::string::npos) << Output();
+}
+
+TEST_F(HttpClientProcessTest, RequestsFailWithoutDescriptorsAndWorkAgainAfterwards) {
+  ScriptedServer server(Answering(), &certificate_);
+
+  EXPECT_EQ(Run("no-descriptors", "https://localhost:" + std::to_string(server.port()) + "/"), 0)
+      << Output();
+  EXPECT_NE(Output().find("no descriptors are left"), std::string::npos) << Output();
+}
+
+// ---- Exit ---------------------------------------------------------------------------------------
+
+TEST_F(HttpClientProcessTest, ExitDoesNotWaitForAServerThatHangs) {
+  // The server answers nothing until the program has ended: a program that waited would never end.
+  ScriptedServer tls([](Connection& connection) { connection.HoldUntilClosed(); }, &certificate_);
+  ScriptedServer silent([](Connection& connection) { connection.HoldUntilClosed(); });
+
+  EXPECT_EQ(Run("exit-in-flight", tls.Origin() + "/"), 0) << Output();
+  EXPECT_EQ(Run("exit-in-flight", "https://127.0.0.1:" + std::to_string(silent.port()) + "/"), 0)
+      << Output();
+}
+
+TEST_F(HttpClientProcessTest, ExitInTheMiddleOfTlsTrafficIsClean) {
+  NginxServer http1(NginxOptions(false));
+  NginxServer http2(NginxOptions(true));
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(Run("exit-while-busy", http1.Origin() + "/"), 0) << Output();
+    EXPECT_EQ(Run("exit-while-busy", http2.Origin() + "/", {"QUENOR_TEST_HTTP2=1"}), 0) << Output();
+  }
+}
+
+TEST_F(HttpClientProcessTest, CallbackMayEndTheProcess) {
+  ScriptedServer server(Answering(), &certificate_);
+
+  EXPECT_EQ(Run("exit-inside-callback", server.Origin() + "/"), 0) << Output();
+}
+
+// ---- Fork ---------------------------------------------------------------------------------------
+
+TEST_F(HttpClientProcessTest, ForkedChildSendsThroughAThreadOfItsOwn) {
+  ScriptedServer server(Answering(), &certificate_);
+
+  EXPECT_EQ(Run("fork", server.Origin() + "/"), 0) << Output();
+}
+
+TEST_F(HttpClientProcessTest, ForkInTheMiddleOfTlsTrafficLeavesBothSidesWorking) {
+  NginxServer http1(NginxOptions(false));
+  NginxServer http2(NginxOptions(true));
+
+  EXPECT_EQ(Run("fork-while-busy", http1.Origin() + "/"), 0) << Output();
+  EXPECT_EQ(Run("fork-while-busy", http2.Origin() + "/", {"QUENOR_TEST_HTTP2=1"}), 0) << Output();
+}
+
+// ---- Cost ---------------------------------------------------------------------------------------
+
+TEST_F(HttpClientProcessTest, SteadyExchangeStaysWithinItsAllocations) {
+  ScriptedServer server(Answering(), &certificate_);
+
+  ASSERT_EQ(Run("allocations", server.Origin() + "/"), 0) << Output();
+  // The response, its one header and what the map needs for it; nothing for the request.
+  EXPECT_LE(std::stoul(Output()), 4u);
+}
+
+}  // namespace
+}  // namespace quenor::test

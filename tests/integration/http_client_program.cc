@@ -1,0 +1,317 @@
+// What can be seen only from outside a process: its exit, its children, its environment, its idle
+// rest. Each mode does one thing and reports it by exit code and output.
+//   http_client_program MODE URL CA_FILE
+#include <dirent.h>
+#include <errno.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "quenor_base/platform/http_client.h"
+
+// Children that start threads are what is tested here.
+extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
+
+// The library's calls of pthread_create come here (-Wl,--wrap).
+static std::atomic<bool> g_no_threads{false};
+extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                                     void* (*start)(void*), void* argument) {
+  if (g_no_threads) return EAGAIN;
+  return __real_pthread_create(thread, attributes, start, argument);
+}
+
+static std::atomic<size_t> g_allocations{0};
+void* operator new(size_t size) {
+  g_allocations.fetch_add(1, std::memory_order_relaxed);
+  void* memory = std::malloc(size);
+  if (memory == nullptr) std::abort();
+  return memory;
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+
+namespace quenor {
+namespace {
+
+using State = HttpClient::State;
+
+HttpClient::Request g_request;
+HttpClient::Config g_config;
+
+// Waits for callbacks without allocating.
+class Gate {
+ public:
+  HttpClient::CompletionCallback Callback() {
+    return [this](State state, const HttpClient::Request&,
+                  std::unique_ptr<HttpClient::Response> response) {
+      std::lock_guard<std::mutex> hold(mutex_);
+      ++passed_;
+      last_state_ = state;
+      last_status_ = response == nullptr ? 0 : response->status_code;
+      changed_.notify_all();
+    };
+  }
+  void WaitFor(size_t count) {
+    std::unique_lock<std::mutex> hold(mutex_);
+    changed_.wait(hold, [&] { return passed_ >= count; });
+  }
+  State last_state() const { return last_state_; }
+  int last_status() const { return last_status_; }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  size_t passed_ = 0;  // Guarded by `mutex_`, as are the next two until WaitFor() has returned.
+  State last_state_ = State::kFailed;
+  int last_status_ = 0;
+};
+
+bool Post(HttpClient* client) {
+  Gate gate;
+  if (client->SendRequest(g_request, gate.Callback()) < 1) return false;
+  gate.WaitFor(1);
+  return gate.last_state() == State::kCompleted && gate.last_status() == 200;
+}
+
+// The lowest number that is free: as a limit it leaves no descriptor.
+rlim_t LowestFreeDescriptor() {
+  const int fd = dup(0);
+  close(fd);
+  return static_cast<rlim_t>(fd);
+}
+
+// The I/O thread's entry in /proc/self/task; empty when there is none.
+std::string IoThreadFolder() {
+  std::string found;
+  DIR* folder = opendir("/proc/self/task");
+  while (const dirent* entry = readdir(folder)) {
+    const std::string path = std::string("/proc/self/task/") + entry->d_name;
+    std::string name;
+    std::getline(std::ifstream(path + "/comm") >> std::ws, name);
+    if (name == "quenor-http") found = path;
+  }
+  closedir(folder);
+  return found;
+}
+
+std::string StatusOf(const std::string& folder, const std::string& field) {
+  std::ifstream status(folder + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.compare(0, field.size() + 1, field + ":") == 0) return line.substr(field.size() + 1);
+  }
+  return std::string();
+}
+
+// ---- Modes --------------------------------------------------------------------------------------
+
+int PostOnce() {
+  const auto client = HttpClientFactory::Create(g_config);
+  return Post(client.get()) ? 0 : 1;
+}
+
+// main() returns while the server has not answered.
+int ExitInFlight() {
+  HttpClient* client = HttpClientFactory::Create(g_config).release();
+  for (int i = 0; i < 20; ++i) client->SendRequest(g_request, nullptr);
+  return 0;
+}
+
+struct Storm {
+  HttpClient* client;
+  std::atomic<int> answered{0};
+};
+void SendAgain(Storm* storm) {
+  storm->client->SendRequest(
+      g_request, [storm](State, const HttpClient::Request&, std::unique_ptr<HttpClient::Response>) {
+        ++storm->answered;
+        SendAgain(storm);
+      });
+}
+
+// main() returns while exchanges start and end at full speed.
+int ExitWhileBusy() {
+  auto* storm = new Storm{HttpClientFactory::Create(g_config).release(), {}};
+  for (int i = 0; i < 50; ++i) SendAgain(storm);
+  while (storm->answered < 100) poll(nullptr, 0, 1);
+  return 0;
+}
+
+int ExitInsideCallback() {
+  HttpClient* client = HttpClientFactory::Create(g_config).release();
+  client->SendRequest(g_request, [](State, const HttpClient::Request&,
+                                    std::unique_ptr<HttpClient::Response>) { std::exit(0); });
+  for (;;) pause();
+}
+
+int WaitForChild(pid_t child) {
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// A child inherits a client in use, sends with it and with one of its own, and exits; the parent
+// then goes on.
+int Fork() {
+  const auto client = HttpClientFactory::Create(g_config);
+  if (!Post(client.get())) return 1;
+  const pid_t child = fork();
+  if (child == 0) {
+    const auto own = HttpClientFactory::Create(g_config);
+    std::exit(Post(client.get()) && Post(own.get()) && !IoThreadFolder().empty() ? 0 : 2);
+  }
+  const int code = WaitForChild(child);
+  return code != 0 ? code : Post(client.get()) ? 0 : 3;
+}
+
+// Children made at any moment of a storm find OpenSSL, libcurl and the engine whole, and never run
+// a callback of the parent's.
+int ForkWhileBusy() {
+  auto* storm = new Storm{HttpClientFactory::Create(g_config).release(), {}};
+  for (int i = 0; i < 20; ++i) SendAgain(storm);
+  for (int i = 0; i < 20; ++i) {
+    const int answered = storm->answered;
+    while (storm->answered < answered + 10) poll(nullptr, 0, 1);
+    const pid_t child = fork();
+    if (child == 0) {
+      const int before = storm->answered;
+      const auto own = HttpClientFactory::Create(g_config);
+      const bool posted = Post(own.get());
+      delete storm->client;
+      _exit(posted && Post(own.get()) && storm->answered == before ? 0 : 2);
+    }
+    const int code = WaitForChild(child);
+    if (code != 0) return code;
+  }
+  return 0;
+}
+
+int NoThread() {
+  const auto client = HttpClientFactory::Create(g_config);
+  auto bound = std::make_shared<int>(0);
+  const std::weak_ptr<int> watch = bound;
+  g_no_threads = true;
+  const int64_t id = client->SendRequest(
+      g_request, [bound = std::move(bound)](State, const HttpClient::Request&,
+                                            std::unique_ptr<HttpClient::Response>) { *bound = 1; });
+  if (id >= 1) return 1;
+  if (!watch.expired()) return 2;
+  g_no_threads = false;
+  return Post(client.get()) ? 0 : 3;
+}
+
+// No descriptor left before the first request, then again once the I/O thread runs.
+int NoDescriptors() {
+  const auto client = HttpClientFactory::Create(g_config);
+  rlimit before;
+  getrlimit(RLIMIT_NOFILE, &before);
+  const auto limit = [&](rlim_t count) {
+    const rlimit now{count, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &now);
+  };
+  limit(LowestFreeDescriptor());
+  const bool failed = !Post(client.get());
+  limit(before.rlim_cur);
+  if (!failed) return 1;
+  if (!Post(client.get())) return 2;
+  const auto other = HttpClientFactory::Create(g_config);
+  g_request.url.replace(g_request.url.find("localhost"), 9, "127.0.0.1");  // A new connection.
+  limit(LowestFreeDescriptor());
+  const bool failed_again = !Post(other.get());
+  limit(before.rlim_cur);
+  if (!failed_again) return 3;
+  return Post(other.get()) ? 0 : 4;
+}
+
+// No thread and no library before the first request; a thread with a name and no signals after it.
+int Lazy() {
+  const auto client = HttpClientFactory::Create(g_config);
+  if (!IoThreadFolder().empty()) return 1;
+  if (!Post(client.get())) return 2;
+  const std::string folder = IoThreadFolder();
+  if (folder.empty()) return 3;
+  // All but SIGKILL, SIGSTOP and what the C library keeps for itself.
+  const std::string blocked = StatusOf(folder, "SigBlk");
+  return blocked.find("fffffffe7ffbfeff") != std::string::npos ? 0 : 4;
+}
+
+// With a connection kept open, nothing wakes the I/O thread.
+int Idle() {
+  const auto client = HttpClientFactory::Create(g_config);
+  if (!Post(client.get())) return 1;
+  const std::string folder = IoThreadFolder();
+  const char kField[] = "voluntary_ctxt_switches";
+  // It may still be on its way to sleep.
+  std::string before;
+  while (before != StatusOf(folder, kField) || StatusOf(folder, "State")[1] != 'S') {
+    before = StatusOf(folder, kField);
+    poll(nullptr, 0, 200);
+  }
+  poll(nullptr, 0, 3000);
+  const std::string after = StatusOf(folder, kField);
+  std::printf("voluntary switches:%s, then%s\n", before.c_str(), after.c_str());
+  return before == after ? 0 : 2;
+}
+
+// Prints how many times C++ code asked for memory per exchange, once everything is warm.
+int Allocations() {
+  const auto client = HttpClientFactory::Create(g_config);
+  for (int i = 0; i < 20; ++i) {
+    if (!Post(client.get())) return 1;
+  }
+  const size_t before = g_allocations;
+  constexpr int kExchanges = 100;
+  for (int i = 0; i < kExchanges; ++i) {
+    if (!Post(client.get())) return 1;
+  }
+  std::printf("%zu\n", (g_allocations - before) / kExchanges);
+  return 0;
+}
+
+int Main(int argc, char** argv) {
+  if (argc != 4) return 64;
+  const std::map<std::string, int (*)()> modes = {{"post", &PostOnce},
+                                                  {"exit-in-flight", &ExitInFlight},
+                                                  {"exit-while-busy", &ExitWhileBusy},
+                                                  {"exit-inside-callback", &ExitInsideCallback},
+                                                  {"fork", &Fork},
+                                                  {"fork-while-busy", &ForkWhileBusy},
+                                                  {"no-thread", &NoThread},
+                                                  {"no-descriptors", &NoDescriptors},
+                                                  {"lazy", &Lazy},
+                                                  {"idle", &Idle},
+                                                  {"allocations", &Allocations}};
+  const auto mode = modes.find(argv[1]);
+  if (mode == modes.end()) return 64;
+  g_request.url = argv[2];
+  g_request.method = "POST";
+  g_request.body = CopyOnWriteBuffer("report", 6);
+  g_config.enable_http2 = std::getenv("QUENOR_TEST_HTTP2") != nullptr;
+  HttpDefaults defaults;
+  defaults.ca_file = argv[3];
+  const std::string problem = SetHttpDefaults(defaults);
+  if (!problem.empty()) {
+    std::fprintf(stderr, "%s\n", problem.c_str());
+    return 64;
+  }
+  return mode->second();
+}
+
+}  // namespace
+}  // namespace quenor
+
+int main(int argc, char** argv) { return quenor::Main(argc, argv); }

@@ -1,0 +1,195 @@
+// The SOCKS5 proxy: what goes through it, and that nothing ever goes past it.
+#include "quenor_base/platform/socks5_proxy_config.h"
+#include "tests/integration/http_client_fixture.h"
+#include "tests/integration/support/child_process.h"
+#include "tests/integration/support/scripted_server.h"
+#include "tests/support/recording_log.h"
+
+namespace quenor::test {
+namespace {
+
+using State = HttpClient::State;
+using Connection = ScriptedServer::Connection;
+
+constexpr char kUser[] = "reporter";
+constexpr char kPassword[] = "p@ss:w/rd";
+
+class HttpClientProxyTest : public HttpClientTest {
+ protected:
+  HttpClientProxyTest()
+      : server_(
+            [](Connection& connection) {
+              ReceivedRequest request;
+              while (connection.ReadRequest(&request)) connection.Respond(200, request.body);
+            },
+            &certificate_) {}
+
+  static HttpClient::Config Through(uint16_t port, const std::string& password = kPassword) {
+    HttpClient::Config config;
+    config.SetSocks5Proxy("127.0.0.1", port, kUser, password);
+    return config;
+  }
+
+  std::string LocalhostUrl() const {
+    return "https://localhost:" + std::to_string(server_.port()) + "/";
+  }
+
+  ScriptedServer server_;
+};
+
+TEST_F(HttpClientProxyTest, NameIsResolvedByTheProxy) {
+  SocksProxy proxy(kUser, kPassword);
+  const auto client = MakeClient(TrustingDefaults(), Through(proxy.port()));
+
+  EXPECT_EQ(Send(client.get(), MakeRequest(LocalhostUrl(), "via")).body(), "via");
+
+  EXPECT_NE(proxy.Output().find("localhost:" + std::to_string(server_.port())), std::string::npos)
+      << proxy.Output();
+}
+
+TEST_F(HttpClientProxyTest, AddressesGoThroughTheProxyToo) {
+  SocksProxy proxy(kUser, kPassword);
+  ScriptedServer ipv6(
+      [](Connection& connection) {
+        ReceivedRequest request;
+        while (connection.ReadRequest(&request)) connection.Respond(200, request.body);
+      },
+      &certificate_, true);
+  const auto client = MakeClient(TrustingDefaults(), Through(proxy.port()));
+
+  EXPECT_EQ(Send(client.get(), MakeRequest(server_.Origin() + "/", "4")).body(), "4");
+  EXPECT_EQ(Send(client.get(), MakeRequest(ipv6.Origin() + "/", "6")).body(), "6");
+
+  EXPECT_NE(proxy.Output().find("127.0.0.1:" + std::to_string(server_.port())), std::string::npos)
+      << proxy.Output();
+  EXPECT_NE(proxy.Output().find("::1:" + std::to_string(ipv6.port())), std::string::npos)
+      << proxy.Output();
+}
+
+TEST_F(HttpClientProxyTest, WrongPasswordFailsAndIsNotLogged) {
+  SocksProxy proxy(kUser, kPassword);
+  const auto client = MakeClient(TrustingDefaults(), Through(proxy.port(), "wr0ng"));
+
+  EXPECT_EQ(Send(client.get(), MakeRequest(LocalhostUrl(), "x")).state, State::kFailed);
+
+  EXPECT_EQ(server_.accepted(), 0u);
+  ASSERT_EQ(RecordingLog::Texts(2).size(), 1u);
+  const std::string line = RecordingLog::Texts(2)[0];
+  EXPECT_NE(line.find(" through socks5h://127.0.0.1:"), std::string::npos) << line;
+  EXPECT_NE(line.find("check the SOCKS5 proxy's user, password and rules"), std::string::npos)
+      << line;
+  EXPECT_EQ(line.find("wr0ng"), std::string::npos) << line;
+  EXPECT_EQ(line.find(kUser), std::string::npos) << line;
+}
+
+TEST_F(HttpClientProxyTest, ProxyThatIsDownIsNeverBypassed) {
+  const auto client = MakeClient(TrustingDefaults(), Through(UnusedPort()));
+
+  EXPECT_EQ(Send(client.get(), MakeRequest(LocalhostUrl(), "x")).state, State::kFailed);
+  EXPECT_EQ(Send(client.get(), MakeRequest(server_.Origin() + "/", "x")).state, State::kFailed);
+
+  EXPECT_EQ(server_.accepted(), 0u);
+}
+
+TEST_F(HttpClientProxyTest, ProxyThatGoesDownIsNotBypassedAfterwards) {
+  SocksProxy proxy(kUser, kPassword);
+  const auto client = MakeClient(TrustingDefaults(), Through(proxy.port()));
+  ASSERT_EQ(Send(client.get(), MakeRequest(LocalhostUrl(), "x")).status(), 200);
+
+  proxy.Stop();
+
+  EXPECT_EQ(Send(client.get(), MakeRequest(LocalhostUrl(), "x")).state, State::kFailed);
+  EXPECT_EQ(server_.accepted(), 1u);
+}
+
+TEST_F(HttpClientProxyTest, ConnectionsAreNotSharedBetweenProxiedAndDirectClients) {
+  SocksProxy proxy(kUser, kPassword);
+  SocksProxy second(kUser, kPassword);
+  const auto direct = MakeClient();
+  const auto proxied = MakeClient(TrustingDefaults(), Through(proxy.port()));
+  const auto other = MakeClient(TrustingDefaults(), Through(second.port()));
+
+  for (int i = 0; i < 3; ++i) {
+    for (HttpClient* client : {direct.get(), proxied.get(), other.get()}) {
+      EXPECT_EQ(Send(client, MakeRequest(LocalhostUrl(), "x")).status(), 200);
+    }
+  }
+
+  EXPECT_EQ(server_.accepted(), 3u);
+}
+
+TEST_F(HttpClientProxyTest, OtherCredentialsDoNotShareAConnection) {
+  SocksProxy proxy(kUser, kPassword);
+  const auto right = MakeClient(TrustingDefaults(), Through(proxy.port()));
+  const auto wrong = MakeClient(TrustingDefaults(), Through(proxy.port(), "wr0ng"));
+
+  EXPECT_EQ(Send(right.get(), MakeRequest(LocalhostUrl(), "x")).status(), 200);
+  EXPECT_EQ(Send(wrong.get(), MakeRequest(LocalhostUrl(), "x")).state, State::kFailed);
+}
+
+TEST_F(HttpClientProxyTest, SilentProxyTimesOut) {
+  ScriptedServer silent([](Connection& connection) { connection.HoldUntilClosed(); });
+  HttpDefaults defaults = TrustingDefaults();
+  defaults.connect_timeout_ms = 50;
+  const auto client = MakeClient(defaults, Through(silent.port()));
+
+  EXPECT_EQ(Send(client.get(), MakeRequest(LocalhostUrl(), "x")).state, State::kTimedOut);
+  EXPECT_EQ(server_.accepted(), 0u);
+}
+
+TEST_F(HttpClientProxyTest, Ipv6ProxyMayBeWrittenWithAndWithoutBrackets) {
+  const uint16_t port = UnusedPort();
+  for (const char* host : {"::1", "[::1]"}) {
+    RecordingLog::Clear();
+    HttpClient::Config config;
+    config.SetSocks5Proxy(host, port, "", "");
+    const auto client = MakeClient(TrustingDefaults(), config);
+    ASSERT_NE(client, nullptr) << host;
+    EXPECT_EQ(
+        Send(client.get(), MakeRequest("http://" + std::string(host[0] == '[' ? "a" : "b"), "x"))
+            .state,
+        State::kFailed);
+    ASSERT_EQ(RecordingLog::Texts(2).size(), 1u);
+    EXPECT_NE(RecordingLog::Texts(2)[0].find("socks5h://[::1]:" + std::to_string(port)),
+              std::string::npos)
+        << RecordingLog::Texts(2)[0];
+  }
+}
+
+TEST_F(HttpClientProxyTest, ProxyThatCannotBeMeantMakesNoClient) {
+  for (const char* host : {"", "a b", "user@host", "host/path", "socks5://host", "h\r\nx"}) {
+    HttpClient::Config config;
+    config.SetSocks5Proxy(host, 1080, "", "");
+    EXPECT_EQ(HttpClientFactory::Create(config), nullptr) << host;
+  }
+  HttpClient::Config config;
+  config.SetSocks5Proxy("127.0.0.1", 0, "", "");
+  EXPECT_EQ(HttpClientFactory::Create(config), nullptr);
+}
+
+// ---- The process-wide settings ------------------------------------------------------------------
+
+TEST(Socks5ProxyConfigHolderTest, IsDisabledUntilSetAndGivesBackWhatWasSet) {
+  Socks5ProxyConfigHolder* holder = GetSocks5ProxyConfigHolder();
+  EXPECT_FALSE(holder->GetConfig().enabled);
+
+  Socks5ProxyConfigHolder::Socks5ProxyConfig config;
+  config.host = "proxy.example";
+  config.port = 1080;
+  config.user = "u";
+  config.password = "p";
+  config.enabled = true;
+  holder->SetConfig(config);
+
+  const Socks5ProxyConfigHolder::Socks5ProxyConfig read = holder->GetConfig();
+  EXPECT_EQ(read.host, "proxy.example");
+  EXPECT_EQ(read.port, 1080);
+  EXPECT_EQ(read.user, "u");
+  EXPECT_EQ(read.password, "p");
+  EXPECT_TRUE(read.enabled);
+  EXPECT_EQ(holder, GetSocks5ProxyConfigHolder());
+  holder->SetConfig(Socks5ProxyConfigHolder::Socks5ProxyConfig());
+}
+
+}  // namespace
+}  // namespace quenor::test

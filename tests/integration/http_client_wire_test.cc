@@ -1,0 +1,479 @@
+// What goes over the wire and what a server can do to the client: cuts, floods, silence.
+#include <signal.h>
+
+#include <atomic>
+#include <map>
+#include <thread>
+
+#include "tests/integration/http_client_fixture.h"
+#include "tests/integration/support/child_process.h"
+#include "tests/integration/support/scripted_server.h"
+#include "tests/support/recording_log.h"
+
+namespace quenor::test {
+namespace {
+
+using State = HttpClient::State;
+using Connection = ScriptedServer::Connection;
+
+class HttpClientWireTest : public HttpClientTest {
+ protected:
+  // Sends one request to a server that runs this script, in plain HTTP.
+  Outcome Exchange(const ScriptedServer::Script& script, const HttpDefaults& defaults = {},
+                   const std::string& body = "x") {
+    ScriptedServer server(script);
+    const auto client = MakeClient(defaults);
+    return Send(client.get(), MakeRequest(server.Origin() + "/", body));
+  }
+
+  // What a server receives of this request, whose URL is filled in here.
+  ReceivedRequest Receive(HttpClient::Request request, const HttpDefaults& defaults = {}) {
+    ReceivedRequest received;
+    ScriptedServer server([&](Connection& connection) {
+      if (connection.ReadRequest(&received)) connection.Respond(200, "");
+    });
+    const auto client = MakeClient(defaults);
+    request.url = server.Origin() + "/";
+    EXPECT_EQ(Send(client.get(), request).status(), 200);
+    return received;
+  }
+};
+
+// Answers with exactly these bytes and closes.
+ScriptedServer::Script Saying(const std::string& bytes) {
+  return [bytes](Connection& connection) {
+    ReceivedRequest request;
+    if (connection.ReadRequest(&request)) connection.Write(bytes);
+  };
+}
+
+// ---- Requests -----------------------------------------------------------------------------------
+
+TEST_F(HttpClientWireTest, PostCarriesLengthTypeAgentAndNothingThatStalls) {
+  const ReceivedRequest received = Receive(MakeRequest("", std::string(383 * 1024, 'x')));
+
+  EXPECT_EQ(received.method, "POST");
+  EXPECT_EQ(received.headers.at("content-length"), "392192");
+  EXPECT_EQ(received.headers.at("content-type"), "application/octet-stream");
+  EXPECT_EQ(received.headers.at("user-agent").substr(0, 7), "quenor/");
+  EXPECT_EQ(received.headers.count("expect"), 0u);
+  EXPECT_EQ(received.headers.count("accept-encoding"), 0u);
+  EXPECT_EQ(received.headers.count("transfer-encoding"), 0u);
+}
+
+TEST_F(HttpClientWireTest, EmptyPostAnnouncesLengthZero) {
+  EXPECT_EQ(Receive(MakeRequest("", "")).headers.at("content-length"), "0");
+}
+
+TEST_F(HttpClientWireTest, HeadersOfTheRequestReplaceTheClientsOwn) {
+  HttpClient::Request request = MakeRequest("", "x");
+  request.headers = {{"content-TYPE", "text/plain"}, {"USER-agent", "mine"}, {"X-Empty", ""}};
+
+  const ReceivedRequest received = Receive(request);
+
+  EXPECT_EQ(received.headers.at("content-type"), "text/plain");
+  EXPECT_EQ(received.headers.at("user-agent"), "mine");
+  EXPECT_EQ(received.headers.count("x-empty"), 1u);
+}
+
+TEST_F(HttpClientWireTest, HeadersOfOneRequestDoNotStayForTheNext) {
+  ScriptedServer server([](Connection& connection) {
+    ReceivedRequest request;
+    while (connection.ReadRequest(&request)) {
+      connection.Respond(200, request.headers["x-mine"] + "|" + request.method);
+    }
+  });
+  const auto client = MakeClient(HttpDefaults());
+  HttpClient::Request request = MakeRequest(server.Origin() + "/", "x", "PUT");
+  request.headers = {{"X-Mine", "1"}};
+
+  EXPECT_EQ(Send(client.get(), request).body(), "1|PUT");
+  EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).body(), "|POST");
+  EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "", "GET")).body(), "|GET");
+  EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).body(), "|POST");
+}
+
+TEST_F(HttpClientWireTest, GetSendsNoBodyAndHeadExpectsNone) {
+  const ReceivedRequest get = Receive(MakeRequest("", "", "GET"));
+  EXPECT_EQ(get.method, "GET");
+  EXPECT_EQ(get.headers.count("content-length"), 0u);
+  EXPECT_EQ(get.headers.count("content-type"), 0u);
+
+  ScriptedServer server(Saying("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n"));
+  const auto client = MakeClient(HttpDefaults());
+  const Outcome head = Send(client.get(), MakeRequest(server.Origin() + "/", "", "HEAD"));
+  EXPECT_EQ(head.state, State::kCompleted);
+  EXPECT_EQ(head.header("content-length"), "1000");
+}
+
+TEST_F(HttpClientWireTest, OtherMethodsAreSentAsTheyAre) {
+  for (const char* method : {"PUT", "PATCH", "DELETE", "OPTIONS", "REPORT"}) {
+    const ReceivedRequest received = Receive(MakeRequest("", "body", method));
+    EXPECT_EQ(received.method, method);
+    EXPECT_EQ(received.body, "body");
+  }
+  EXPECT_EQ(Receive(MakeRequest("", "", "DELETE")).headers.count("content-length"), 0u);
+}
+
+TEST_F(HttpClientWireTest, WhatWouldSmuggleALineIsRefused) {
+  const auto client = MakeClient(HttpDefaults());
+  const HttpClient::Request good = MakeRequest("http://127.0.0.1:1/", "x");
+  for (const char* method : {"", "PO ST", "GET / HTTP/1.1\r\nX: y", "CONNECT"}) {
+    HttpClient::Request request = good;
+    request.method = method;
+    EXPECT_LT(client->SendRequest(request, nullptr), 1) << method;
+  }
+  for (const auto& [name, value] : std::map<std::string, std::string>{{"", "x"},
+                                                                      {"A B", "x"},
+                                                                      {"A:", "x"},
+                                                                      {"A", "x\r\nB: y"},
+                                                                      {"C", "x\ny"},
+                                                                      {"Content-Length", "7"},
+                                                                      {"transfer-encoding", ""}}) {
+    HttpClient::Request request = good;
+    request.headers[name] = value;
+    EXPECT_LT(client->SendRequest(request, nullptr), 1) << name;
+  }
+  HttpClient::Request request = good;
+  request.url += std::string("\0x", 2);
+  EXPECT_LT(client->SendRequest(request, nullptr), 1);
+  request = good;
+  request.method = "HEAD";
+  EXPECT_LT(client->SendRequest(request, nullptr), 1);
+}
+
+TEST_F(HttpClientWireTest, Ipv6LiteralIsReached) {
+  ScriptedServer server(
+      [](Connection& connection) {
+        ReceivedRequest request;
+        if (connection.ReadRequest(&request)) connection.Respond(200, request.headers["host"]);
+      },
+      &certificate_, true);
+  const auto client = MakeClient();
+
+  EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).body(),
+            "[::1]:" + std::to_string(server.port()));
+}
+
+TEST_F(HttpClientWireTest, ConnectionIsKeptForTheNextRequest) {
+  ScriptedServer server(
+      [](Connection& connection) {
+        ReceivedRequest request;
+        while (connection.ReadRequest(&request)) connection.Respond(200, "");
+      },
+      &certificate_);
+  const auto client = MakeClient();
+
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).status(), 200);
+  }
+
+  EXPECT_EQ(server.accepted(), 1u);
+}
+
+TEST_F(HttpClientWireTest, KeptConnectionThatTheServerClosedIsReplaced) {
+  ScriptedServer server(
+      [](Connection& connection) {
+        ReceivedRequest request;
+        if (connection.ReadRequest(&request)) connection.Respond(200, "");
+      },
+      &certificate_);
+  const auto client = MakeClient();
+
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).status(), 200);
+  }
+}
+
+// ---- Responses ----------------------------------------------------------------------------------
+
+TEST_F(HttpClientWireTest, HeaderNamesAreLoweredRepeatedOnesJoinedAndTrailersIncluded) {
+  const Outcome outcome = Exchange(
+      Saying("HTTP/1.1 200 OK\r\nX-Two: a\r\nTransfer-Encoding: chunked\r\nx-tWO:   b  \r\n"
+             "Trailer: X-Late\r\n\r\n4\r\nbody\r\n0\r\nX-Late: yes\r\n\r\n"));
+
+  EXPECT_EQ(outcome.state, State::kCompleted);
+  EXPECT_EQ(outcome.body(), "body");
+  EXPECT_EQ(outcome.header("x-two"), "a, b");
+  EXPECT_EQ(outcome.header("x-late"), "yes");
+}
+
+TEST_F(HttpClientWireTest, InterimAnswersAreNotTheAnswer) {
+  const Outcome outcome =
+      Exchange(Saying("HTTP/1.1 103 Early Hints\r\nX-Early: 1\r\n\r\n"
+                      "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok"));
+
+  EXPECT_EQ(outcome.status(), 200);
+  EXPECT_EQ(outcome.body(), "ok");
+  EXPECT_EQ(outcome.header("x-early"), "");
+}
+
+TEST_F(HttpClientWireTest, ContentCodingIsNotUndone) {
+  const std::string gzip_magic("\x1f\x8b\x08\x00not really", 14);
+  const Outcome outcome = Exchange(Saying(
+      "HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\nContent-Length: 14\r\n\r\n" + gzip_magic));
+
+  EXPECT_EQ(outcome.state, State::kCompleted);
+  EXPECT_TRUE(outcome.body() == gzip_magic);
+}
+
+TEST_F(HttpClientWireTest, RedirectIsNotFollowed) {
+  std::atomic<int> requests{0};
+  ScriptedServer target([&](Connection& connection) {
+    ReceivedRequest request;
+    if (connection.ReadRequest(&request)) ++requests;
+  });
+
+  const Outcome outcome = Exchange([&](Connection& connection) {
+    ReceivedRequest request;
+    if (connection.ReadRequest(&request)) {
+      connection.Respond(307, "", {{"Location", target.Origin() + "/"}});
+    }
+  });
+
+  EXPECT_EQ(outcome.status(), 307);
+  EXPECT_EQ(outcome.header("location"), target.Origin() + "/");
+  EXPECT_EQ(target.accepted(), 0u);
+  EXPECT_EQ(requests, 0);
+}
+
+TEST_F(HttpClientWireTest, AnswerCutAnywhereFailsWithoutResponse) {
+  const std::string whole =
+      "HTTP/1.1 200 OK\r\nContent-Length: 10\r\nX-Filler: abcdefgh\r\n\r\n0123456789";
+  for (size_t size = 0; size < whole.size(); size += size < 20 ? 1 : 7) {
+    const Outcome outcome = Exchange(Saying(whole.substr(0, size)));
+    ASSERT_EQ(outcome.state, State::kFailed) << size;
+    ASSERT_EQ(outcome.response, nullptr) << size;
+  }
+  EXPECT_EQ(Exchange(Saying(whole)).body(), "0123456789");
+}
+
+TEST_F(HttpClientWireTest, AnswerCutAnywhereInsideTlsFailsWithoutResponse) {
+  const std::string whole = "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n0123456789";
+  for (size_t size = 0; size < whole.size(); size += 9) {
+    ScriptedServer server(Saying(whole.substr(0, size)), &certificate_);
+    const auto client = MakeClient();
+    const Outcome outcome = Send(client.get(), MakeRequest(server.Origin() + "/", "x"));
+    EXPECT_EQ(outcome.state, State::kFailed) << size;
+    EXPECT_EQ(outcome.response, nullptr) << size;
+  }
+}
+
+TEST_F(HttpClientWireTest, InterimAnswerAloneFails) {
+  EXPECT_EQ(Exchange(Saying("HTTP/1.1 100 Continue\r\n\r\n")).state, State::kFailed);
+  EXPECT_EQ(Exchange(Saying("HTTP/1.1 103 Early Hints\r\nX: y\r\n\r\n")).state, State::kFailed);
+}
+
+TEST_F(HttpClientWireTest, BodyWithoutAnnouncedLengthEndsWithTheConnection) {
+  EXPECT_EQ(Exchange(Saying("HTTP/1.1 200 OK\r\n\r\n0123456789")).body(), "0123456789");
+}
+
+TEST_F(HttpClientWireTest, CutChunkedAnswerFails) {
+  EXPECT_EQ(
+      Exchange(Saying("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nbody\r\n")).state,
+      State::kFailed);
+}
+
+TEST_F(HttpClientWireTest, WhatIsNotHttpFails) {
+  EXPECT_EQ(Exchange(Saying("220 smtp.example ESMTP\r\n")).state, State::kFailed);
+  EXPECT_EQ(Exchange(Saying(std::string(300, '\0'))).state, State::kFailed);
+}
+
+// ---- Limits -------------------------------------------------------------------------------------
+
+TEST_F(HttpClientWireTest, AnnouncedBodyBeyondTheCapIsTooLarge) {
+  HttpDefaults defaults;
+  defaults.max_response_body_bytes = 1000;
+
+  EXPECT_EQ(
+      Exchange(Saying("HTTP/1.1 200 OK\r\nContent-Length: 1001\r\n\r\n" + std::string(1001, 'x')),
+               defaults)
+          .state,
+      State::kTooLarge);
+  EXPECT_EQ(
+      Exchange(Saying("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n" + std::string(1000, 'x')),
+               defaults)
+          .body()
+          .size(),
+      1000u);
+}
+
+TEST_F(HttpClientWireTest, EndlessBodyIsTooLarge) {
+  HttpDefaults defaults;
+  defaults.max_response_body_bytes = 100000;
+
+  const Outcome outcome = Exchange(
+      [](Connection& connection) {
+        ReceivedRequest request;
+        if (!connection.ReadRequest(&request)) return;
+        connection.Write("HTTP/1.1 200 OK\r\n\r\n");
+        while (connection.Write(std::string(10000, 'x'))) {
+        }
+      },
+      defaults);
+
+  EXPECT_EQ(outcome.state, State::kTooLarge);
+  EXPECT_EQ(outcome.response, nullptr);
+}
+
+TEST_F(HttpClientWireTest, HugeHeaderIsTooLarge) {
+  EXPECT_EQ(Exchange(Saying("HTTP/1.1 200 OK\r\nX: " + std::string(70000, 'x') + "\r\n\r\n")).state,
+            State::kTooLarge);
+}
+
+TEST_F(HttpClientWireTest, EndlessHeaderLineIsTooLarge) {
+  const Outcome outcome = Exchange([](Connection& connection) {
+    ReceivedRequest request;
+    if (!connection.ReadRequest(&request)) return;
+    connection.Write("HTTP/1.1 200 OK\r\nX: ");
+    while (connection.Write(std::string(10000, 'x'))) {
+    }
+  });
+
+  EXPECT_EQ(outcome.state, State::kTooLarge);
+}
+
+TEST_F(HttpClientWireTest, EndlessHeadersAreTooLarge) {
+  const Outcome outcome = Exchange([](Connection& connection) {
+    ReceivedRequest request;
+    if (!connection.ReadRequest(&request)) return;
+    connection.Write("HTTP/1.1 200 OK\r\n");
+    while (connection.Write("X-Again: and again\r\n")) {
+    }
+  });
+
+  EXPECT_EQ(outcome.state, State::kTooLarge);
+}
+
+TEST_F(HttpClientWireTest, SilentServerTimesOut) {
+  HttpDefaults defaults;
+  defaults.total_timeout_ms = 50;
+
+  const Outcome outcome = Exchange([](Connection& c) { c.HoldUntilClosed(); }, defaults);
+
+  EXPECT_EQ(outcome.state, State::kTimedOut);
+  EXPECT_EQ(outcome.response, nullptr);
+}
+
+TEST_F(HttpClientWireTest, TimeLimitOfTheRequestGoesFirst) {
+  ScriptedServer server([](Connection& connection) { connection.HoldUntilClosed(); });
+  const auto client = MakeClient(HttpDefaults());
+  HttpClient::Request request = MakeRequest(server.Origin() + "/", "x");
+  request.timeout_ms = 50;
+
+  EXPECT_EQ(Send(client.get(), request).state, State::kTimedOut);
+}
+
+TEST_F(HttpClientWireTest, TimeLimitCountsTheWaitForAConnection) {
+  ScriptedServer server([](Connection& connection) { connection.HoldUntilClosed(); });
+  HttpDefaults defaults;
+  defaults.max_connections_per_host = 1;
+  const auto client = MakeClient(defaults);
+  Exchanges holding;
+  Exchanges waiting;
+  client->SendRequest(MakeRequest(server.Origin() + "/", "x"), holding.Note());
+  HttpClient::Request request = MakeRequest(server.Origin() + "/", "x");
+  request.timeout_ms = 50;
+
+  client->SendRequest(request, waiting.Note());
+  waiting.WaitFor(1);
+
+  EXPECT_EQ(waiting.Take()[0].state, State::kTimedOut);
+  EXPECT_EQ(holding.count(), 0u);
+}
+
+TEST_F(HttpClientWireTest, TlsHandshakeThatNeverEndsTimesOut) {
+  ScriptedServer server([](Connection& connection) { connection.HoldUntilClosed(); });
+  HttpDefaults defaults = TrustingDefaults();
+  defaults.connect_timeout_ms = 50;
+  const auto client = MakeClient(defaults);
+
+  const Outcome outcome =
+      Send(client.get(), MakeRequest("https://127.0.0.1:" + std::to_string(server.port()), "x"));
+
+  EXPECT_EQ(outcome.state, State::kTimedOut);
+}
+
+// ---- A server that goes away --------------------------------------------------------------------
+
+TEST_F(HttpClientWireTest, ResetInMidUploadFailsAndRaisesNoSignal) {
+  struct sigaction action;
+  ASSERT_EQ(sigaction(SIGPIPE, nullptr, &action), 0);
+  ASSERT_EQ(action.sa_handler, SIG_DFL);  // It would end this process.
+  for (const Certificate* certificate :
+       {static_cast<const Certificate*>(nullptr), const_cast<const Certificate*>(&certificate_)}) {
+    ScriptedServer server(
+        [](Connection& connection) {
+          ReceivedRequest request;
+          connection.ReadRequestHead(&request);
+          connection.ResetOnClose();
+        },
+        certificate);
+    const auto client = MakeClient();
+    for (int i = 0; i < 20; ++i) {
+      const auto request = MakeRequest(server.Origin() + "/", std::string(1 << 20, 'x'));
+      EXPECT_EQ(Send(client.get(), request).state, State::kFailed);
+    }
+  }
+}
+
+TEST_F(HttpClientWireTest, NobodyListeningFailsAndSaysWhatToDo) {
+  const auto client = MakeClient(HttpDefaults());
+
+  const Outcome outcome = Send(
+      client.get(), MakeRequest("http://127.0.0.1:" + std::to_string(UnusedPort()) + "/", "x"));
+
+  EXPECT_EQ(outcome.state, State::kFailed);
+  ASSERT_EQ(RecordingLog::Texts(2).size(), 1u);
+  EXPECT_NE(RecordingLog::Texts(2)[0].find("check that the server runs"), std::string::npos);
+}
+
+TEST_F(HttpClientWireTest, ClientDestroyedWhileTheServerHangsCancelsOnce) {
+  ScriptedServer server([](Connection& connection) { connection.HoldUntilClosed(); },
+                        &certificate_);
+  Exchanges exchanges;
+  auto client = MakeClient();
+  for (int i = 0; i < 20; ++i) {
+    client->SendRequest(MakeRequest(server.Origin() + "/", "x"), exchanges.Note());
+  }
+
+  client.reset();
+  exchanges.WaitFor(20);
+
+  const auto other = MakeClient(HttpDefaults());
+  Send(other.get(), MakeRequest("http://127.0.0.1:" + std::to_string(UnusedPort()), "x"));
+  const std::vector<Outcome> outcomes = exchanges.Take();
+  EXPECT_EQ(outcomes.size(), 20u);
+  for (const Outcome& outcome : outcomes) EXPECT_EQ(outcome.state, State::kCancelled);
+}
+
+TEST_F(HttpClientWireTest, ClientsComeAndGoOnManyThreads) {
+  ScriptedServer server([](Connection& connection) {
+    ReceivedRequest request;
+    while (connection.ReadRequest(&request)) connection.Respond(200, "");
+  });
+  EXPECT_EQ(SetHttpDefaults(HttpDefaults()), "");
+  Exchanges exchanges;
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 50;
+
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < kRounds; ++i) {
+        const auto client = HttpClientFactory::Create(HttpClient::Config());
+        client->SendRequest(MakeRequest(server.Origin() + "/", "x"), exchanges.Note());
+        if (i % 2 == 0) Send(client.get(), MakeRequest(server.Origin() + "/", "x"));
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+
+  exchanges.WaitFor(kThreads * kRounds);
+  for (const Outcome& outcome : exchanges.Take()) {
+    EXPECT_TRUE(outcome.state == State::kCompleted || outcome.state == State::kCancelled);
+  }
+}
+
+}  // namespace
+}  // namespace quenor::test

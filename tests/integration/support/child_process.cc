@@ -1,0 +1,178 @@
+#include "tests/integration/support/child_process.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "quenor_base/platform/base/check.h"
+
+extern char** environ;
+
+namespace quenor::test {
+
+namespace {
+
+// Servers are often not in a user's PATH.
+std::string FindProgram(const std::string& name) {
+  if (name[0] == '/') return name;
+  for (const char* folder : {"/usr/local/sbin/", "/usr/local/bin/", "/usr/sbin/", "/usr/bin/"}) {
+    if (access((folder + name).c_str(), X_OK) == 0) return folder + name;
+  }
+  return name;
+}
+
+// A socket bound to a free port of 127.0.0.1.
+int BindLoopback(uint16_t* port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof(address);
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  QUENOR_CHECK(fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), size) == 0,
+               "no free port");
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+  *port = ntohs(address.sin_port);
+  return fd;
+}
+
+bool CanConnect(uint16_t port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(port);
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const bool connected = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+  close(fd);
+  return connected;
+}
+
+// For a server that cannot say which port it took: finds a free one, starts the server on it and
+// waits until it listens. Another process may be quicker to take the port; the server then ends,
+// and the next port is tried.
+void StartOnFreePort(std::unique_ptr<ChildProcess>* process, uint16_t* port,
+                     const std::function<std::unique_ptr<ChildProcess>(uint16_t)>& start) {
+  for (int attempt = 0; attempt < 20; ++attempt) {
+    *port = UnusedPort();
+    *process = start(*port);
+    while (!(*process)->HasEnded()) {
+      if (CanConnect(*port)) return;
+      poll(nullptr, 0, 1);
+    }
+  }
+  QUENOR_CHECK(false, "a server cannot be started; is its package installed?");
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
+                           const std::string& output_file,
+                           const std::vector<std::string>& environment) {
+  std::vector<char*> argv;
+  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
+  std::vector<char*> envp;
+  for (const std::string& entry : environment) envp.push_back(const_cast<char*>(entry.c_str()));
+  for (char** entry = environ; *entry != nullptr; ++entry) envp.push_back(*entry);
+  envp.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, output_file.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                   0600);
+  posix_spawn_file_actions_adddup2(&actions, 1, 2);
+  const std::string program = FindProgram(arguments[0]);
+  const int error =
+      posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  QUENOR_CHECK(error == 0, program.c_str());
+}
+
+ChildProcess::~ChildProcess() {
+  if (HasEnded()) return;
+  kill(pid_, SIGKILL);
+  Wait();
+}
+
+int ChildProcess::Wait() {
+  if (status_ == -1) {
+    int status = 0;
+    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    }
+    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  return status_;
+}
+
+bool ChildProcess::HasEnded() {
+  if (status_ != -1) return true;
+  int status = 0;
+  if (waitpid(pid_, &status, WNOHANG) != pid_) return false;
+  status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return true;
+}
+
+NginxServer::NginxServer(const Options& options) : is_tls_(options.certificate != nullptr) {
+  std::string conf = "daemon off; master_process off; pid nginx.pid; error_log stderr notice;\n";
+  conf += "events { worker_connections 512; }\nhttp {\n";
+  conf += "  access_log off; client_max_body_size 16m; keepalive_requests 100000;\n";
+  conf += "  log_format connections '$server_protocol $connection';\n";
+  for (const char* kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
+    conf += std::string("  ") + kind + "_temp_path " + kind + ";\n";
+  }
+  conf += "  server {\n";
+  if (is_tls_) {
+    conf += "    ssl_certificate " + options.certificate->certificate_file + ";\n";
+    conf += "    ssl_certificate_key " + options.certificate->key_file + ";\n";
+  }
+  conf += options.server_lines + "\n";
+  const std::string flags =
+      std::string(is_tls_ ? " ssl" : "") + (options.http2 ? " http2" : "") + ";\n  }\n}\n";
+  StartOnFreePort(&process_, &port_, [&](uint16_t port) {
+    const std::string listen = "    listen 127.0.0.1:" + std::to_string(port) + flags;
+    QUENOR_CHECK(WriteWholeFile(folder_.File("nginx.conf"), conf + listen), "no nginx.conf");
+    return std::make_unique<ChildProcess>(
+        std::vector<std::string>{"nginx", "-e", "stderr", "-p", folder_.path(), "-c", "nginx.conf"},
+        folder_.File("output"));
+  });
+}
+
+NginxServer::~NginxServer() = default;
+
+std::string NginxServer::Output() const { return ReadWholeFile(folder_.File("output")); }
+
+std::string NginxServer::Origin() const {
+  return std::string(is_tls_ ? "https" : "http") + "://localhost:" + std::to_string(port_);
+}
+
+void NginxServer::Stop() { process_.reset(); }
+
+SocksProxy::SocksProxy(const std::string& user, const std::string& password) {
+  StartOnFreePort(&process_, &port_, [&](uint16_t port) {
+    return std::make_unique<ChildProcess>(
+        std::vector<std::string>{"microsocks", "-i", "127.0.0.1", "-p", std::to_string(port), "-u",
+                                 user, "-P", password},
+        folder_.File("output"));
+  });
+}
+
+SocksProxy::~SocksProxy() = default;
+
+std::string SocksProxy::Output() const { return ReadWholeFile(folder_.File("output")); }
+
+uint16_t UnusedPort() {
+  uint16_t port = 0;
+  close(BindLoopback(&port));
+  return port;
+}
+
+}  // namespace quenor::test

@@ -1,0 +1,79 @@
+// ScriptedServer: a server on a free loopback port that does with each connection exactly what the
+// test wrote down: answer, cut, drip, hang. Plain TCP or TLS. Threads: one per connection runs the
+// script. Life cycle: the destructor shuts every connection down and waits for the scripts.
+#ifndef QUENOR_TESTS_INTEGRATION_SUPPORT_SCRIPTED_SERVER_H_
+#define QUENOR_TESTS_INTEGRATION_SUPPORT_SCRIPTED_SERVER_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "tests/integration/support/certificates.h"
+
+namespace quenor::test {
+
+struct ReceivedRequest {
+  std::string method;
+  std::string target;
+  std::map<std::string, std::string> headers;  // Names in lower case.
+  std::string body;
+};
+
+class ScriptedServer {
+ public:
+  // One connection, for the script alone. Every call fails once the peer or the server has gone.
+  class Connection {
+   public:
+    virtual ~Connection() = default;
+    // Reads one HTTP/1.1 request with its body, of announced length or chunked. False at the end.
+    bool ReadRequest(ReceivedRequest* request);
+    // As above, without the body.
+    bool ReadRequestHead(ReceivedRequest* request);
+    bool Write(const std::string& bytes);
+    // A whole response with an announced length.
+    bool Respond(int status, const std::string& body,
+                 const std::map<std::string, std::string>& headers = {});
+    // Waits until the client has closed, or the server ends.
+    void HoldUntilClosed();
+    // Makes the close a reset.
+    virtual void ResetOnClose() = 0;
+    // The number of the connection, from 0 in the order accepted.
+    virtual size_t index() const = 0;
+
+   protected:
+    // 0 or below at the end.
+    virtual long Receive(char* bytes, size_t size) = 0;
+    virtual long Send(const char* bytes, size_t size) = 0;
+
+   private:
+    bool ReadBody(ReceivedRequest* request);
+    bool ReadMore();
+    std::string unread_;
+  };
+  using Script = std::function<void(Connection&)>;
+
+  // 127.0.0.1, or ::1 when `ipv6`. A certificate makes it a TLS server. Ends the process when it
+  // cannot listen.
+  explicit ScriptedServer(Script script, const Certificate* certificate = nullptr,
+                          bool ipv6 = false);
+  ~ScriptedServer();
+  ScriptedServer(const ScriptedServer&) = delete;
+  ScriptedServer& operator=(const ScriptedServer&) = delete;
+
+  uint16_t port() const;
+  // "http://127.0.0.1:PORT" and so on, without a path.
+  std::string Origin() const;
+  size_t accepted() const;
+
+  struct Core;
+
+ private:
+  const std::unique_ptr<Core> core_;
+};
+
+}  // namespace quenor::test
+
+#endif  // QUENOR_TESTS_INTEGRATION_SUPPORT_SCRIPTED_SERVER_H_

@@ -1,0 +1,40 @@
+#include "tests/support/temp_folder.h"
+
+#include <stdlib.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+
+#include "quenor_base/platform/base/check.h"
+
+namespace quenor::test {
+
+TempFolder::TempFolder() {
+  std::error_code error;
+  const std::filesystem::path parent = std::filesystem::temp_directory_path(error);
+  path_ = (error ? std::string("/tmp") : parent.string()) + "/quenor-test-XXXXXX";
+  QUENOR_CHECK(mkdtemp(path_.data()) != nullptr, "no temporary folder can be made");
+}
+
+TempFolder::~TempFolder() {
+  std::error_code error;
+  std::filesystem::remove_all(path_, error);
+  if (error) std::fprintf(stderr, "cannot remove %s: %s\n", path_.c_str(), error.message().c_str());
+}
+
+std::string ReadWholeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+bool WriteWholeFile(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(content.data(), static_cast<std::streamsize>(content.size()));
+  out.close();
+  return !out.fail();
+}
+
+}  // namespace quenor::test
