@@ -1,0 +1,113 @@
+// What every throttle must do. An embedder runs it on his own by linking that and writing
+//   INSTANTIATE_TYPED_TEST_SUITE_P(Mine, ThrotterConformance, quenor::Throtter);
+// in namespace quenor::conformance. The parameter has the constructor and ShouldGo() of Throtter.
+#ifndef QUENOR_TESTS_CONFORMANCE_THROTTER_CONFORMANCE_H_
+#define QUENOR_TESTS_CONFORMANCE_THROTTER_CONFORMANCE_H_
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <limits>
+#include <thread>
+#include <vector>
+
+namespace quenor::conformance {
+
+// 49 days: no test lasts that long, and few machines have been up for it.
+constexpr uint32_t kHugePeriodMs = std::numeric_limits<uint32_t>::max();
+
+template <typename T>
+class ThrotterConformance : public testing::Test {};
+TYPED_TEST_SUITE_P(ThrotterConformance);
+
+TYPED_TEST_P(ThrotterConformance, LetsTheFirstCallGoHoweverLongThePeriod) {
+  TypeParam throtter(kHugePeriodMs);
+
+  EXPECT_TRUE(throtter.ShouldGo());
+}
+
+TYPED_TEST_P(ThrotterConformance, HoldsEveryFurtherCallWithinThePeriod) {
+  TypeParam throtter(kHugePeriodMs);
+  ASSERT_TRUE(throtter.ShouldGo());
+
+  for (int i = 0; i < 1000; ++i) EXPECT_FALSE(throtter.ShouldGo());
+}
+
+TYPED_TEST_P(ThrotterConformance, LetsEveryCallGoWithoutAPeriod) {
+  TypeParam throtter(0);
+
+  for (int i = 0; i < 1000; ++i) EXPECT_TRUE(throtter.ShouldGo());
+}
+
+TYPED_TEST_P(ThrotterConformance, LetsEveryCallOfManyThreadsGoWithoutAPeriod) {
+  TypeParam throtter(0);
+  std::atomic<int> gone{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      for (int call = 0; call < 5000; ++call) {
+        if (throtter.ShouldGo()) gone.fetch_add(1);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+
+  EXPECT_EQ(20000, gone.load());
+}
+
+TYPED_TEST_P(ThrotterConformance, LetsACallGoAgainOnceAPeriodHasPassed) {
+  TypeParam throtter(1);
+  ASSERT_TRUE(throtter.ShouldGo());
+
+  int gone = 0;
+  while (gone < 3) {  // However long that takes; a throttle that never opens again hangs here.
+    if (throtter.ShouldGo()) ++gone;
+    std::this_thread::yield();
+  }
+
+  EXPECT_EQ(3, gone);
+}
+
+TYPED_TEST_P(ThrotterConformance, HoldsEachObjectByItself) {
+  TypeParam first(kHugePeriodMs);
+  TypeParam second(kHugePeriodMs);
+
+  EXPECT_TRUE(first.ShouldGo());
+  EXPECT_TRUE(second.ShouldGo());
+  EXPECT_FALSE(first.ShouldGo());
+  EXPECT_FALSE(second.ShouldGo());
+}
+
+TYPED_TEST_P(ThrotterConformance, LetsExactlyOneOfManyThreadsGo) {
+  constexpr int kThreads = 8;
+  for (int round = 0; round < 50; ++round) {
+    TypeParam throtter(kHugePeriodMs);
+    std::atomic<bool> start{false};
+    std::atomic<int> gone{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+      threads.emplace_back([&] {
+        while (!start.load()) std::this_thread::yield();
+        for (int call = 0; call < 20; ++call) {
+          if (throtter.ShouldGo()) gone.fetch_add(1);
+        }
+      });
+    }
+
+    start.store(true);
+    for (std::thread& thread : threads) thread.join();
+
+    EXPECT_EQ(1, gone.load());
+  }
+}
+
+REGISTER_TYPED_TEST_SUITE_P(ThrotterConformance, LetsTheFirstCallGoHoweverLongThePeriod,
+                            HoldsEveryFurtherCallWithinThePeriod, LetsEveryCallGoWithoutAPeriod,
+                            LetsEveryCallOfManyThreadsGoWithoutAPeriod,
+                            LetsACallGoAgainOnceAPeriodHasPassed, HoldsEachObjectByItself,
+                            LetsExactlyOneOfManyThreadsGo);
+
+}  // namespace quenor::conformance
+
+#endif  // QUENOR_TESTS_CONFORMANCE_THROTTER_CONFORMANCE_H_
