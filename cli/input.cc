@@ -34,7 +34,7 @@ void CheckDescriptor(int fd, const std::string& name) {
   if (S_ISDIR(status.st_mode)) FailToRead(name, ErrnoText(EISDIR));
   const int flags = ::fcntl(fd, F_GETFL);
   if (flags >= 0 && (flags & O_ACCMODE) == O_WRONLY)
-    FailToRead(name, "it is open for writing only");
+    FailToRead(name, "it is closed, or open for writing only");
 }
 
 int OpenToRead(const std::string& path) {

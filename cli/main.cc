@@ -32,8 +32,9 @@ void FillStandardDescriptors() {
   }
 }
 
+// Errors and warnings only: summaries and refusals are what the closing lines tell better.
 void ToConsole(void* console, int level, const char*, int, const char* text, size_t size) {
-  if (level > 0) static_cast<Console*>(console)->LogLine(std::string(text, size));
+  if (level == 2) static_cast<Console*>(console)->LogLine(std::string(text, size));
 }
 
 void ApplyConnection(const Options& options) {
@@ -71,17 +72,15 @@ ExitCode Send(const Options& options, Console& console) {
   const std::unique_ptr<Input> input = MakeInput(options);
   static Wakeup* const wakeup = new Wakeup;  // The signals' thread keeps it for the process.
   const StopSignals* const signals = StopSignals::Start(wakeup);
-  SetLogSink(&ToConsole, &console);
   Session session(options, *input, console, *wakeup, *signals);
-  const ExitCode code = session.Run();
-  SetLogSink(nullptr, nullptr);
-  return code;
+  return session.Run();
 }
 
 int Main(int argc, const char* const* argv) {
   FillStandardDescriptors();
   std::signal(SIGPIPE, SIG_IGN);
   static Console* const console = new Console(STDERR_FILENO);  // Threads may log until the end.
+  SetLogSink(&ToConsole, console);
   try {
     const std::optional<Options> options = ParseCommandLine(argc, argv);
     return options ? Send(*options, *console) : kExitOk;

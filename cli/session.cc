@@ -16,6 +16,7 @@
 namespace quenor::cli {
 namespace {
 
+constexpr uint32_t kNoLimit = std::numeric_limits<uint32_t>::max();
 constexpr double kPatienceWithoutWaitS = 30;
 constexpr base::TimeDelta kDrainTime = base::TimeDelta::FromSeconds(10);
 constexpr bool kCompress = false;
@@ -31,14 +32,6 @@ const uint8_t* Data(const std::string& bytes) {
   return reinterpret_cast<const uint8_t*>(bytes.data());
 }
 
-Ledger::Options LedgerOptions(const Options& options) {
-  Ledger::Options ledger;
-  ledger.send_now = options.send_now;
-  ledger.interval_ms = options.interval_ms.value_or(0);
-  ledger.max_resend = options.max_resend;
-  return ledger;
-}
-
 }  // namespace
 
 Session::Session(const Options& options, Input& input, Console& console, Wakeup& wakeup,
@@ -48,16 +41,19 @@ Session::Session(const Options& options, Input& input, Console& console, Wakeup&
       console_(console),
       wakeup_(wakeup),
       signals_(signals),
-      ledger_([&] {
-        Ledger::Options ledger = LedgerOptions(options);
-        ledger.wake = [this] { wakeup_.Notify(); };
-        ledger.lift_resend_limit = [this] {
-          channel_->SetMaxResendCount(std::numeric_limits<uint32_t>::max());
-        };
-        return ledger;
-      }()),
+      ledger_(LedgerOptions()),
       channel_(std::make_shared<ReliableReportChannelHttps>(options.channel, options.url, 0,
                                                             !options.http1, kCompress)) {}
+
+Ledger::Options Session::LedgerOptions() {
+  Ledger::Options ledger;
+  ledger.send_now = options_.send_now;
+  ledger.interval_ms = options_.interval_ms.value_or(0);
+  ledger.max_resend = options_.max_resend;
+  ledger.wake = [this] { wakeup_.Notify(); };
+  ledger.lift_resend_limit = [this] { channel_->SetMaxResendCount(kNoLimit); };
+  return ledger;
+}
 
 ExitCode Session::Run() {
   Start();
@@ -69,7 +65,7 @@ ExitCode Session::Run() {
 void Session::Start() {
   ReportEvents::SetListener(&ledger_);
   channel_->Initialize();
-  channel_->SetMaxResendCount(options_.max_resend.value_or(std::numeric_limits<uint32_t>::max()));
+  channel_->SetMaxResendCount(options_.max_resend.value_or(kNoLimit));
   if (options_.interval_ms) channel_->SetResendInterval(*options_.interval_ms);
   channel_->FlushPacket();
   if (options_.send_now && options_.interval_ms.value_or(0) > 0) {

@@ -43,6 +43,7 @@ class Session {
     kFailed,  // It could not be read on.
   };
 
+  Ledger::Options LedgerOptions();
   void Start();
   // False when the run is over. Else everything that can be done at once was done.
   bool Step();

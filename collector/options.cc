@@ -105,6 +105,57 @@ CLI::Validator NotEmpty() {
 // A size in bytes with an optional unit: 65536, 64KiB, 64MiB.
 CLI::Validator AsSize() { return CLI::AsSizeValue(/*kb_is_1000=*/false).description(""); }
 
+void AddServing(CLI::App* app, std::string* listen, Options* options) {
+  app->add_option("--listen", *listen, "HOST:PORT to listen on; port 0: any free one")
+      ->type_name("HOST:PORT")
+      ->capture_default_str();
+  app->add_option("--port-file", options->port_file, "write the port here once listening")
+      ->type_name("FILE")
+      ->check(NotEmpty());
+  CLI::Option* cert = app->add_option("--cert", options->cert_path, "PEM certificate: serve HTTPS")
+                          ->type_name("FILE")
+                          ->check(NotEmpty());
+  CLI::Option* key = app->add_option("--key", options->key_path, "PEM private key of --cert")
+                         ->type_name("FILE")
+                         ->check(NotEmpty());
+  cert->needs(key);
+  key->needs(cert);
+  app->add_option("--threads", options->server.threads,
+                  "requests served at the same time; connections are not limited")
+      ->type_name("N")
+      ->check(WholeNumber(1, 4096))
+      ->capture_default_str();
+  app->add_option("--max-body", options->server.max_body_bytes,
+                  "largest body taken, in bytes or as 64MiB; larger ones are answered 413")
+      ->transform(AsSize())
+      ->type_name("SIZE")
+      ->check(WholeNumber(0, kMaxSizeBytes))
+      ->default_str("64MiB");
+  app->add_option("--idle-timeout", options->server.idle_timeout_s,
+                  "seconds after which a silent connection is closed")
+      ->type_name("S")
+      ->check(WholeNumber(1, 86'400))
+      ->capture_default_str();
+}
+
+void AddRecording(CLI::App* app, RecorderOptions* recorder) {
+  app->add_option("--out", recorder->out_dir, "folder for one file per accepted body")
+      ->type_name("DIR")
+      ->check(NotEmpty());
+  app->add_option("--log", recorder->log_path,
+                  "file to append one JSON line per request to; \"-\": standard output")
+      ->type_name("FILE")
+      ->check(NotEmpty());
+  app->add_flag("--inflate", recorder->inflate,
+                "decode bodies as raw deflate, file and log the result");
+  app->add_option("--max-inflated", recorder->max_inflated_bytes,
+                  "most bytes one body is inflated to")
+      ->transform(AsSize())
+      ->type_name("SIZE")
+      ->check(WholeNumber(0, kMaxSizeBytes))
+      ->default_str("256MiB");
+}
+
 }  // namespace
 
 std::pair<std::string, int> ParseAddress(const std::string& text) {
@@ -136,52 +187,8 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv) {
   app.footer(kFooter);
   app.set_version_flag("--version", "quenor-collector " QUENOR_COLLECTOR_VERSION);
 
-  app.add_option("--listen", listen, "HOST:PORT to listen on; port 0: any free one")
-      ->type_name("HOST:PORT")
-      ->capture_default_str();
-  app.add_option("--port-file", options.port_file, "write the port here once listening")
-      ->type_name("FILE")
-      ->check(NotEmpty());
-  CLI::Option* cert = app.add_option("--cert", options.cert_path, "PEM certificate: serve HTTPS")
-                          ->type_name("FILE")
-                          ->check(NotEmpty());
-  CLI::Option* key = app.add_option("--key", options.key_path, "PEM private key of --cert")
-                         ->type_name("FILE")
-                         ->check(NotEmpty());
-  cert->needs(key);
-  key->needs(cert);
-  app.add_option("--threads", options.server.threads,
-                 "requests served at the same time; connections are not limited")
-      ->type_name("N")
-      ->check(WholeNumber(1, 4096))
-      ->capture_default_str();
-  app.add_option("--max-body", options.server.max_body_bytes,
-                 "largest body taken, in bytes or as 64MiB; larger ones are answered 413")
-      ->transform(AsSize())
-      ->type_name("SIZE")
-      ->check(WholeNumber(0, kMaxSizeBytes))
-      ->default_str("64MiB");
-  app.add_option("--idle-timeout", options.server.idle_timeout_s,
-                 "seconds after which a silent connection is closed")
-      ->type_name("S")
-      ->check(WholeNumber(1, 86'400))
-      ->capture_default_str();
-
-  app.add_option("--out", options.recorder.out_dir, "folder for one file per accepted body")
-      ->type_name("DIR")
-      ->check(NotEmpty());
-  app.add_option("--log", options.recorder.log_path,
-                 "file to append one JSON line per request to; \"-\": standard output")
-      ->type_name("FILE")
-      ->check(NotEmpty());
-  app.add_flag("--inflate", options.recorder.inflate,
-               "decode bodies as raw deflate, file and log the result");
-  app.add_option("--max-inflated", options.recorder.max_inflated_bytes,
-                 "most bytes one body is inflated to")
-      ->transform(AsSize())
-      ->type_name("SIZE")
-      ->check(WholeNumber(0, kMaxSizeBytes))
-      ->default_str("256MiB");
+  AddServing(&app, &listen, &options);
+  AddRecording(&app, &options.recorder);
   AddControlFields(&app, &options.server.reply);
   AddMisbehaviour(&app, &options.server.misbehaviour);
 

@@ -103,6 +103,26 @@ TEST_F(ConnectionsTest, SilentConnectionsOccupyNoWorker) {
   EXPECT_EQ(silent.back()->ReadThrough("}").rfind("HTTP/1.1 200 OK", 0), 0u);
 }
 
+TEST_F(ConnectionsTest, OutOfDescriptorsTheRestWaitsAndIsServedLater) {
+  const std::string request = "POST / HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n";
+  Collector collector(dir_ / "", Collector::Transport::kPlain, {});
+  // UBSan opens a pipe when it first meets a type, so let it meet them all while it can.
+  ASSERT_EQ(CountOf(Exchange(collector.port(), request), "HTTP/1.1 200 OK"), 1);
+  collector.child().LimitDescriptors(12);
+  std::vector<std::unique_ptr<RawClient>> clients;
+  for (int i = 0; i < 40; ++i) {
+    clients.push_back(std::make_unique<RawClient>(collector.port()));
+  }
+
+  for (const auto& client : clients) client->Send(request);
+
+  for (const auto& client : clients) EXPECT_EQ(CountOf(client->ReadAll(), "HTTP/1.1 200 OK"), 1);
+  collector.child().LimitDescriptors(256);  // The leak check at the end needs some, too.
+  const Ended ended = collector.Stop();
+  EXPECT_EQ(ended.exit_code, 0) << ended.err;
+  EXPECT_EQ(ended.out, "requests=41 accepted=41 failed=0 distinct=1 bytes=0\n") << ended.err;
+}
+
 TEST_F(ConnectionsTest, PipelinedRequestsAreAnsweredInOrder) {
   Collector collector(dir_ / "", Collector::Transport::kPlain, {"--log", dir_ / "log"});
   RawClient client(collector.port());

@@ -129,7 +129,8 @@ TEST_F(ProcessTest, KillInTheMiddleKeepsEveryAcknowledgedMessage) {
   JoinSenders();
 
   std::set<std::string> logged;
-  for (const auto& line : ReadLog(dir_ / "log")) logged.insert(line["sha256"].GetString());
+  for (const auto& line : ReadLog(dir_ / "log", TornTail::kLeaveOut))
+    logged.insert(line["sha256"].GetString());
   std::set<std::string> filed;
   for (const std::string& name : ListDir(dir_ / "out")) {
     if (name.find(".part") != std::string::npos) continue;

@@ -49,8 +49,9 @@ namespace {
 
 using State = HttpClient::State;
 
-HttpClient::Request g_request;
-HttpClient::Config g_config;
+// Never destroyed: callbacks may still run while the process ends.
+HttpClient::Request& g_request = *new HttpClient::Request;
+HttpClient::Config& g_config = *new HttpClient::Config;
 
 // Waits for callbacks without allocating.
 class Gate {
@@ -125,7 +126,7 @@ int PostOnce() {
 
 // main() returns while the server has not answered.
 int ExitInFlight() {
-  HttpClient* client = HttpClientFactory::Create(g_config).release();
+  static HttpClient* const client = HttpClientFactory::Create(g_config).release();
   for (int i = 0; i < 20; ++i) client->SendRequest(g_request, nullptr);
   return 0;
 }
@@ -144,14 +145,14 @@ void SendAgain(Storm* storm) {
 
 // main() returns while exchanges start and end at full speed.
 int ExitWhileBusy() {
-  auto* storm = new Storm{HttpClientFactory::Create(g_config).release(), {}};
+  static auto* const storm = new Storm{HttpClientFactory::Create(g_config).release(), {}};
   for (int i = 0; i < 50; ++i) SendAgain(storm);
   while (storm->answered < 100) poll(nullptr, 0, 1);
   return 0;
 }
 
 int ExitInsideCallback() {
-  HttpClient* client = HttpClientFactory::Create(g_config).release();
+  static HttpClient* const client = HttpClientFactory::Create(g_config).release();
   client->SendRequest(g_request, [](State, const HttpClient::Request&,
                                     std::unique_ptr<HttpClient::Response>) { std::exit(0); });
   for (;;) pause();
@@ -181,7 +182,7 @@ int Fork() {
 // Children made at any moment of a storm find OpenSSL, libcurl and the engine whole, and never run
 // a callback of the parent's.
 int ForkWhileBusy() {
-  auto* storm = new Storm{HttpClientFactory::Create(g_config).release(), {}};
+  static auto* const storm = new Storm{HttpClientFactory::Create(g_config).release(), {}};
   for (int i = 0; i < 20; ++i) SendAgain(storm);
   for (int i = 0; i < 20; ++i) {
     const int answered = storm->answered;

@@ -604,7 +604,7 @@ struct Io {
   bool any_closed = false;   // A client was destroyed since the I/O thread last looked.
   bool woken = false;        // A wake-up is on its way.
   bool working = false;      // The I/O thread is inside libcurl's transfers, and so OpenSSL.
-  bool parked = false;       // The process ends: it must not go there again.
+  bool parked = false;       // The process ends: no more transfers, no more callbacks.
   pthread_cond_t work_done;  // Signalled when `working` ends.
 
   // I/O thread only.
@@ -707,6 +707,7 @@ class Engine {
 
   // I/O thread.
   void Run(Io* io);
+  void StayWhileParked(Io* io) QUENOR_REQUIRES(lock_);
   void BeginWork(Io* io) QUENOR_EXCLUDES(lock_);
   void EndWork(Io* io) QUENOR_EXCLUDES(lock_);
   void StartSubmitted(Io* io);
@@ -792,7 +793,8 @@ void* Engine::ThreadMain(void* io) {
 }
 
 // Before OpenSSL's own exit handler frees what a live TLS session needs, the I/O thread stops going
-// there. Waits for the step that it is in, which never waits for the network, and not for long.
+// there, and no further callback starts. Waits for the step that it is in, which never waits for
+// the network, and not for long.
 void Engine::AtExit() {
   Engine* engine = Get();
   base::AutoLock hold(engine->lock_);
@@ -912,11 +914,16 @@ void Engine::Run(Io* io) {
   }
 }
 
+// Once the process ends, the I/O thread does not come back from here.
+void Engine::StayWhileParked(Io* io) {
+  while (io->parked) pthread_cond_wait(&io->work_done, lock_.native_handle());
+}
+
 void Engine::BeginWork(Io* io) {
   bool any_closed;
   {
     base::AutoLock hold(lock_);
-    while (io->parked) pthread_cond_wait(&io->work_done, lock_.native_handle());
+    StayWhileParked(io);
     io->working = true;
     io->woken = false;
     any_closed = io->any_closed;
@@ -1016,6 +1023,10 @@ void Engine::ExpireDeadlines(Io* io) {
 // Runs what is due, without the lock: a callback may send, create and destroy clients, and fork.
 void Engine::Report(Io* io) {
   for (Transfer* transfer : io->finished) {
+    {
+      base::AutoLock hold(lock_);
+      StayWhileParked(io);
+    }
     // acquire: pairs with the release in Close(). Nobody hears of success after that.
     if (transfer->client->closed.load(std::memory_order_acquire)) {
       transfer->state = HttpClient::State::kCancelled;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -108,6 +109,16 @@ std::optional<std::string> Child::ReadLine() {
 }
 
 void Child::Signal(int number) const { ::kill(pid_, number); }
+
+void Child::LimitDescriptors(unsigned limit) const {
+  rlimit limits{};
+  bool done = ::prlimit(pid_, RLIMIT_NOFILE, nullptr, &limits) == 0;
+  limits.rlim_cur = limit;
+  done = done && ::prlimit(pid_, RLIMIT_NOFILE, &limits, nullptr) == 0;
+  if (!done) {
+    throw std::runtime_error("cannot limit the collector's descriptors");
+  }
+}
 
 Ended Child::Wait() {
   Ended ended;

@@ -33,6 +33,9 @@ class Child {
 
   void Signal(int number) const;
 
+  // From now on, until called again, the process gets no descriptor of this number or higher.
+  void LimitDescriptors(unsigned limit) const;
+
   // Waits until the process ends by itself or by an earlier Signal.
   Ended Wait();
 

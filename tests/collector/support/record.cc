@@ -15,9 +15,12 @@ rapidjson::Document ParseObject(const std::string& line) {
   return document;
 }
 
-std::vector<rapidjson::Document> ReadLog(const std::string& path) {
-  const std::string text = ReadFile(path);
-  if (!text.empty() && text.back() != '\n') throw std::runtime_error("torn last line in " + path);
+std::vector<rapidjson::Document> ReadLog(const std::string& path, TornTail torn_tail) {
+  std::string text = ReadFile(path);
+  if (!text.empty() && text.back() != '\n') {
+    if (torn_tail == TornTail::kRefuse) throw std::runtime_error("torn last line in " + path);
+    text.erase(text.rfind('\n') + 1);  // All of it if there is no line end at all.
+  }
   std::vector<rapidjson::Document> lines;
   for (size_t begin = 0; begin < text.size();) {
     const size_t end = text.find('\n', begin);

@@ -12,8 +12,13 @@ namespace quenor::collector::test {
 // One line of JSON. Throws std::runtime_error if it is not exactly one object.
 rapidjson::Document ParseObject(const std::string& line);
 
-// All lines of a log. Throws if one of them is not one JSON object, or if the last one is torn.
-std::vector<rapidjson::Document> ReadLog(const std::string& path);
+// Whether a last line without its end, as a kill in mid-write may leave it, is left out or an
+// error.
+enum class TornTail { kRefuse, kLeaveOut };
+
+// All lines of a log. Throws if one of them is not one JSON object.
+std::vector<rapidjson::Document> ReadLog(const std::string& path,
+                                         TornTail torn_tail = TornTail::kRefuse);
 
 }  // namespace quenor::collector::test
 
