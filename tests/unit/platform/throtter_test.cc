@@ -6,7 +6,7 @@
 
 namespace quenor::conformance {
 
-INSTANTIATE_TYPED_TEST_SUITE_P(Default, ThrotterConformance, Throtter);
+INSTANTIATE_TYPED_TEST_SUITE_P(Default, ThrotterConformance, LinkedThrotter);
 
 }  // namespace quenor::conformance
 
