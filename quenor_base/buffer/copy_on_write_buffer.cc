@@ -34,9 +34,9 @@ CopyOnWriteBuffer::CopyOnWriteBuffer(std::unique_ptr<uint8_t[], void (*)(void*)>
   if (array == nullptr) return;
   void* block = std::malloc(sizeof(BufferStorage));
   if (block == nullptr) return;
-  buffer_ = new (block) BufferStorage(size, std::max(size, capacity), std::move(array));
+  size_ = std::min(size, capacity);
+  buffer_ = new (block) BufferStorage(size_, capacity, std::move(array));
   buffer_->AddRef();
-  size_ = size;
 }
 
 CopyOnWriteBuffer::CopyOnWriteBuffer(const CopyOnWriteBuffer& other) noexcept

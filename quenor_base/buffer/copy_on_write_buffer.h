@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <type_traits>
 #include <utility>
 
 #include "quenor_base/platform/base/ref_counted.h"
@@ -47,9 +48,9 @@ class CopyOnWriteBuffer {
     size_ = size;
   }
 
-  // Takes `array`, which has `capacity` bytes, and views its first `size`. The array is released
-  // through the function that it carries, on the thread that drops the last holder. A null array
-  // makes an empty buffer; so does exhausted memory, after releasing the array.
+  // Takes `array`, which has `capacity` bytes, and views its first `size` (at most all). The array
+  // is released through the function that it carries, on the thread that drops the last holder. A
+  // null array makes an empty buffer; so does exhausted memory, after releasing the array.
   CopyOnWriteBuffer(std::unique_ptr<uint8_t[], void (*)(void*)> array, uint32_t size,
                     uint32_t capacity);
 

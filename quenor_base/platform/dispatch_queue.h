@@ -26,6 +26,7 @@ class DispatchQueue {
 
   // Any thread. Takes the task and runs it on the queue's thread. A task posted after another's
   // post has returned, on whatever thread, runs after it. The task is destroyed right after it ran.
+  // A deadline that has passed waits for the tasks posted so far, and for no others.
   virtual void PostTask(const base::Location& from, base::OnceCallback<void()> task) = 0;
 
   // Any thread. As PostTask(), not before `delay` has passed (a delay below zero counts as zero).
@@ -44,6 +45,11 @@ class DispatchQueue {
   // true when there was one. One that is due already may still run. The task is destroyed unrun on
   // the calling thread, outside the queue's lock.
   virtual bool CancelDelayedTask(uint64_t id) = 0;
+
+  // Any thread. Its owner is about to drop the queue: from here on core::ThreadManager's
+  // WaitForDrain() waits for its end, even while another thread still holds it for a moment. Posts
+  // go on as before. An implementation that counts nothing has nothing to do.
+  virtual void Retire() {}
 
   // Any thread. The queue whose task the calling thread is running; empty elsewhere, and once the
   // last reference to that queue has gone.

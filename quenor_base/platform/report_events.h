@@ -61,7 +61,7 @@ struct ReportEvent {
   // kAdmitted only: the caller's bytes when the stored ones differ.
   const uint8_t* original_data = nullptr;
   uint32_t original_size = 0;
-  int64_t request_id = 0;           // kSent, kAcknowledged, kFailed and a kDropped after a failure.
+  int64_t request_id = 0;           // kSent and what follows it, while the message is in flight.
   uint32_t send_count = 0;          // How often the message has been sent.
   int32_t http_state = 0;           // kFailed: the HTTP client's state.
   int status_code = 0;              // kFailed: the HTTP status, or 0.

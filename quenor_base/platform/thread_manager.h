@@ -22,13 +22,14 @@ class ThreadManager {
  public:
   // Any thread. A queue with a new thread, named after `name` as far as the system allows (15 bytes
   // on Linux), on which ThreadCreateFlag::IsThreadCreateByQuenor() is true and every signal is
-  // blocked. Null when the thread cannot be created; it never throws.
+  // blocked. Null when the thread cannot be created.
   static std::shared_ptr<DispatchQueue> CreateNewDispatchQueue(
       BusinessID business, const std::string& name,
       const base::Optional<base::Thread::Options>& options);
 
-  // Any thread but a queue's own. Waits until every queue whose last reference has gone has run
-  // what was posted to it and its thread has ended; false when `timeout` passes first. Call it
+  // Any thread but a queue's own. Waits until every queue that was retired, or whose last reference
+  // has gone, has run what was posted to it and its thread has ended; false when `timeout` passes
+  // first. Call it
   // after Terminate(): before the process exits, so that the last tasks run, and before the same
   // channel is initialised again. On a thread of the SDK's own it answers false at once.
   [[nodiscard]] static bool WaitForDrain(base::TimeDelta timeout);

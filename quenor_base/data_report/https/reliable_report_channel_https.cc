@@ -157,6 +157,7 @@ void ReliableReportChannelHttps::Terminate() {
   if (queue != nullptr) {
     queue->PostTask(Here(__LINE__),
                     base::BindOnce(&ReliableReportChannelHttps::DoTerminate, StrongThis()));
+    queue->Retire();  // Another thread may hold it past the next line: the drain counts from here.
   }
   dispatch_queue_.store(nullptr);
   state_.store(kNotInitialized);

@@ -1,7 +1,7 @@
 // ReliableReportChannelHttps: one named channel that keeps each report until a server has answered
-// 200 to it. Threads: the public operations on any thread, never blocking on the network or the
-// disk; everything private on the channel's own queue thread, the only one that touches the store,
-// the timers, the client, the counters and the cache.
+// 200 to it, within the bounds that its operations name. Threads: the public operations on any
+// thread, never blocking on the network or the disk; everything private on the channel's own queue
+// thread, the only one that touches the store, the timers, the client, the counters and the cache.
 // Life cycle: owned by a std::shared_ptr from construction on; Initialize, operations, Terminate,
 // and again. docs/design/channel.md tells a message's way; duties of the owner stand with the
 // methods.
@@ -56,7 +56,8 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   ReliableReportChannelHttps(const std::string& channel_name, const std::string& url, unsigned int,
                              bool http_client_option, bool enable_compress);
   // Any thread. Saves, stops and logs nothing. The owner calls Terminate() before it drops the last
-  // reference to a channel that is initialised.
+  // reference to a channel that is initialised; otherwise a timer may find it gone and the process
+  // ends.
   ~ReliableReportChannelHttps();
   ReliableReportChannelHttps(const ReliableReportChannelHttps&) = delete;
   ReliableReportChannelHttps& operator=(const ReliableReportChannelHttps&) = delete;
@@ -64,8 +65,9 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   // Any thread. Creates the channel's queue and thread and lets operations in; ignored unless the
   // channel is uninitialised. When no thread can be made the channel stays uninitialised and the
   // call may be repeated. Sets the resend limit to 5. After a Terminate() the owner first lets the
-  // old queue drain (core::ThreadManager::WaitForDrain): two queues must not run at once. Aborts
-  // the process, after a line on standard error, when no std::shared_ptr owns the channel.
+  // old queue drain (core::ThreadManager::WaitForDrain answers true): two queues must not run at
+  // once. Aborts the process, after a line on standard error, when no std::shared_ptr owns the
+  // channel.
   void Initialize();
 
   // Any thread. Lets no more operations in, has the queue stop the timers, end the requests and
@@ -83,7 +85,8 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   // it is acknowledged; `send_now` sends it ahead of all others and at once, unless a send interval
   // is configured, by the owner or the server. When memory for the copy is exhausted the message is
   // refused with a line at level 2 and an event: a message never becomes an empty one. (The few
-  // bytes of bookkeeping come from operator new, whose failure ends the process as anywhere else.)
+  // bytes of bookkeeping come from operator new, whose failure ends the process as anywhere else;
+  // so does, when compressing, the scratch array of a body above 1 MiB.)
   void SendPacket(const uint8_t* data, uint32_t size, bool need_cache, bool send_now);
 
   // As SendPacket() without `send_now`, admitted only after `delay`. Until then it is in memory

@@ -1,6 +1,6 @@
 // OnceCallback: a move-only callable that runs at most once and owns its bound values until it has
-// run or is destroyed. Small bound states (kInlineBytes) live inside the object: binding and
-// posting a task allocates nothing.
+// run or is destroyed. Bound states of up to kInlineBytes live inside the object, without an
+// allocation.
 // Threads: one object, one thread at a time; it may be bound on one thread and run on another.
 #ifndef QUENOR_BASE_PLATFORM_BASE_CALLBACK_H_
 #define QUENOR_BASE_PLATFORM_BASE_CALLBACK_H_

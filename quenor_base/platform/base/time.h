@@ -11,17 +11,15 @@ class TimeDelta {
  public:
   constexpr TimeDelta() = default;
 
+  // Spans beyond the range (some 292,000 years) become the longest there is.
   static constexpr TimeDelta FromMicroseconds(int64_t us) { return TimeDelta(us); }
-  // 64-bit, so that no count of 32-bit milliseconds overflows.
-  static constexpr TimeDelta FromMilliseconds(int64_t ms) { return TimeDelta(ms * 1000); }
-  static constexpr TimeDelta FromSeconds(int64_t s) { return TimeDelta(s * 1000000); }
+  static constexpr TimeDelta FromMilliseconds(int64_t ms) { return TimeDelta(Scaled(ms, 1000)); }
+  static constexpr TimeDelta FromSeconds(int64_t s) { return TimeDelta(Scaled(s, 1000000)); }
 
   constexpr int64_t InMicroseconds() const { return us_; }
   // Whole milliseconds, rounded towards zero.
   constexpr int64_t InMilliseconds() const { return us_ / 1000; }
 
-  constexpr TimeDelta operator+(TimeDelta o) const { return TimeDelta(us_ + o.us_); }
-  constexpr TimeDelta operator-(TimeDelta o) const { return TimeDelta(us_ - o.us_); }
   constexpr bool operator==(TimeDelta o) const { return us_ == o.us_; }
   constexpr bool operator!=(TimeDelta o) const { return us_ != o.us_; }
   constexpr bool operator<(TimeDelta o) const { return us_ < o.us_; }
@@ -31,6 +29,12 @@ class TimeDelta {
 
  private:
   explicit constexpr TimeDelta(int64_t us) : us_(us) {}
+
+  static constexpr int64_t Scaled(int64_t count, int64_t unit_us) {
+    if (count > INT64_MAX / unit_us) return INT64_MAX;
+    if (count < INT64_MIN / unit_us) return INT64_MIN;
+    return count * unit_us;
+  }
 
   int64_t us_ = 0;
 };

@@ -1,6 +1,7 @@
 // Timers that run their task on the dispatch queue whose thread started them.
 // Threads: Start() on a queue's thread; everything else on any thread, unless noted.
-// Life cycle: a timer never runs after AbandonAndStop() or destruction has returned, holds no
+// Life cycle: a timer never runs after AbandonAndStop() on its queue's thread, or destruction on
+// any, has returned; it holds no
 // strong reference to its queue, and leaves no deadline behind when it stops. A repeating timer
 // that wakes late runs once, not once for each missed period. See docs/design/timers.md.
 #ifndef QUENOR_BASE_PLATFORM_BASE_TIMER_H_

@@ -39,7 +39,8 @@ Clock::time_point DeadlineAfter(base::TimeDelta delay) {
 struct Registry {
   std::mutex mutex;
   std::condition_variable changed;
-  size_t draining = 0;           // Queues dropped whose thread has not ended.
+  size_t draining = 0;           // Queues retired or dropped whose thread has not ended.
+  size_t joining = 0;            // Threads taken out of `ended` and not yet joined.
   std::vector<pthread_t> ended;  // Threads at their very end, to be joined.
 };
 
@@ -49,12 +50,18 @@ Registry& TheRegistry() {
 }
 
 void JoinEnded() {
+  Registry& registry = TheRegistry();
   std::vector<pthread_t> ended;
   {
-    std::lock_guard<std::mutex> hold(TheRegistry().mutex);
-    ended.swap(TheRegistry().ended);
+    std::lock_guard<std::mutex> hold(registry.mutex);
+    ended.swap(registry.ended);
+    registry.joining += ended.size();
   }
+  if (ended.empty()) return;
   for (const pthread_t thread : ended) pthread_join(thread, nullptr);
+  std::lock_guard<std::mutex> hold(registry.mutex);
+  registry.joining -= ended.size();
+  registry.changed.notify_all();
 }
 
 // What a queue's thread runs on; shared by the thread and the queue object, so that either may go
@@ -95,12 +102,16 @@ class QueueCore {
     return true;
   }
 
+  // Counts the queue as draining, once.
+  void Retire() {
+    std::lock_guard<std::mutex> hold(TheRegistry().mutex);
+    if (!retired_) ++TheRegistry().draining;
+    retired_ = true;
+  }
+
   // The last reference to the queue has gone. Nothing is run or destroyed here.
   void Close() {
-    {
-      std::lock_guard<std::mutex> hold(TheRegistry().mutex);
-      ++TheRegistry().draining;
-    }
+    Retire();
     std::unique_lock<std::mutex> hold(mutex_);
     closed_ = true;
     WakeAndUnlock(&hold);
@@ -175,6 +186,7 @@ class QueueCore {
   uint64_t last_delayed_id_ = 0;
   bool waiting_ = false;  // The thread sleeps and nobody has woken it yet.
   bool closed_ = false;
+  bool retired_ = false;  // Guarded by the registry's mutex.
 };
 
 class PthreadDispatchQueue : public DispatchQueue {
@@ -192,6 +204,7 @@ class PthreadDispatchQueue : public DispatchQueue {
     return core_->PostDelayed(std::move(task), delay);
   }
   bool CancelDelayedTask(uint64_t id) override { return core_->Cancel(id); }
+  void Retire() override { core_->Retire(); }
 
   struct ThreadStart {
     std::shared_ptr<QueueCore> core;
@@ -276,7 +289,9 @@ bool ThreadManager::WaitForDrain(base::TimeDelta timeout) {
     }
   }
   JoinEnded();
-  return true;
+  // Another thread may be joining some of them.
+  std::unique_lock<std::mutex> hold(registry.mutex);
+  return registry.changed.wait_until(hold, deadline, [&] { return registry.joining == 0; });
 }
 
 const char* ThreadManager::ImplementationName() { return "pthread"; }
