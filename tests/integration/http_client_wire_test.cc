@@ -2,6 +2,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <future>
 #include <map>
 #include <thread>
 
@@ -406,7 +407,7 @@ TEST_F(HttpClientWireTest, ResetInMidUploadFailsAndRaisesNoSignal) {
         [](Connection& connection) {
           ReceivedRequest request;
           connection.ReadRequestHead(&request);
-          connection.ResetOnClose();
+          connection.ResetNow();
         },
         certificate);
     const auto client = MakeClient();
@@ -414,6 +415,33 @@ TEST_F(HttpClientWireTest, ResetInMidUploadFailsAndRaisesNoSignal) {
       const auto request = MakeRequest(server.Origin() + "/", std::string(1 << 20, 'x'));
       EXPECT_EQ(Send(client.get(), request).state, State::kFailed);
     }
+  }
+}
+
+TEST_F(HttpClientWireTest, ResetOfAnIdleConnectionRaisesNoSignal) {
+  // Closing TLS writes to a connection that is no more.
+  std::promise<void> answered;
+  std::promise<void> reset;
+  {
+    ScriptedServer server(
+        [&](Connection& connection) {
+          ReceivedRequest request;
+          if (connection.index() > 0) {
+            if (connection.ReadRequest(&request)) connection.Respond(200, "second");
+            return;
+          }
+          if (connection.ReadRequest(&request)) connection.Respond(200, "first");
+          answered.get_future().wait();
+          connection.ResetNow();
+          reset.set_value();
+        },
+        &certificate_);
+    const auto client = MakeClient();
+    EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).body(), "first");
+    answered.set_value();
+    reset.get_future().wait();
+
+    EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).body(), "second");
   }
 }
 

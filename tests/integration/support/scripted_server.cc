@@ -133,9 +133,11 @@ namespace {
 class SocketConnection : public ScriptedServer::Connection {
  public:
   SocketConnection(int fd, SSL* tls, size_t index) : fd_(fd), tls_(tls), index_(index) {}
-  void ResetOnClose() override {
-    const linger option{1, 0};
-    setsockopt(fd_, SOL_SOCKET, SO_LINGER, &option, sizeof(option));
+  void ResetNow() override {
+    // Connecting a TCP socket to nowhere ends it and keeps its number for whoever closes it.
+    sockaddr nowhere{};
+    nowhere.sa_family = AF_UNSPEC;
+    connect(fd_, &nowhere, sizeof(nowhere));
   }
   size_t index() const override { return index_; }
 
