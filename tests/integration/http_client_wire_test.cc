@@ -1,4 +1,5 @@
 // What goes over the wire and what a server can do to the client: cuts, floods, silence.
+#include <poll.h>
 #include <signal.h>
 
 #include <atomic>
@@ -351,6 +352,23 @@ TEST_F(HttpClientWireTest, SilentServerTimesOut) {
   defaults.total_timeout_ms = 50;
 
   const Outcome outcome = Exchange([](Connection& c) { c.HoldUntilClosed(); }, defaults);
+
+  EXPECT_EQ(outcome.state, State::kTimedOut);
+  EXPECT_EQ(outcome.response, nullptr);
+}
+
+TEST_F(HttpClientWireTest, BodyThatDripsForEverTimesOut) {
+  HttpDefaults defaults;
+  defaults.total_timeout_ms = 100;
+
+  const Outcome outcome = Exchange(
+      [](Connection& connection) {
+        ReceivedRequest request;
+        if (!connection.ReadRequest(&request)) return;
+        connection.Write("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n");
+        while (connection.Write("x")) poll(nullptr, 0, 2);
+      },
+      defaults);
 
   EXPECT_EQ(outcome.state, State::kTimedOut);
   EXPECT_EQ(outcome.response, nullptr);
