@@ -30,36 +30,130 @@ A throw-away certificate:
 SIGINT or SIGTERM ends it in order. Exit codes: 0 ended in order, 64 wrong usage,
 66 unreadable certificate or key, 69 cannot listen, 73 cannot create output.)";
 
-const CLI::Range kStatusRange(200, 599);
+// A whole number from `low` to `high`. Digits only: a minus sign would wrap around.
+CLI::Validator WholeNumber(uint64_t low, uint64_t high) {
+  const auto check = [low, high](std::string& text) -> std::string {
+    const bool is_number = !text.empty() && text.size() <= 19 &&
+                           text.find_first_not_of("0123456789") == std::string::npos;
+    const uint64_t number = is_number ? std::strtoull(text.c_str(), nullptr, 10) : 0;
+    if (is_number && number >= low && number <= high) return "";
+    return "not a whole number from " + std::to_string(low) + " to " + std::to_string(high) +
+           ": \"" + text + "\"";
+  };
+  return CLI::Validator(check, "");
+}
+
+constexpr uint64_t kMaxCount = std::numeric_limits<int64_t>::max();
+constexpr uint64_t kMaxControlField = std::numeric_limits<uint32_t>::max();
+constexpr uint64_t kMaxSizeBytes = uint64_t{1} << 40;
+constexpr uint64_t kMaxDelayMs = 86'400'000;
 
 void AddControlFields(CLI::App* app, ReplyOptions* reply) {
   app->add_option("--errinfo", reply->errinfo, "\"bytes_errinfo\" of the reply")
+      ->type_name("TEXT")
       ->capture_default_str();
   app->add_option("--send-interval", reply->send_interval_ms,
-                  "add \"uint32_send_interval\" (milliseconds) to the reply");
+                  "add \"uint32_send_interval\" (milliseconds) to the reply")
+      ->type_name("N")
+      ->check(WholeNumber(0, kMaxControlField));
   app->add_option("--max-resend", reply->max_resend_count,
-                  "add \"uint32_max_resend_count\" to the reply");
+                  "add \"uint32_max_resend_count\" to the reply")
+      ->type_name("N")
+      ->check(WholeNumber(0, kMaxControlField));
   app->add_option("--report-duration", reply->report_duration_s,
-                  "add \"uint32_report_duration\" (seconds) to the reply");
+                  "add \"uint32_report_duration\" (seconds) to the reply")
+      ->type_name("N")
+      ->check(WholeNumber(0, kMaxControlField));
 }
 
 void AddMisbehaviour(CLI::App* app, MisbehaviourOptions* misbehaviour) {
   app->add_option("--fail-every", misbehaviour->fail_every,
-                  "answer every N-th request with --fail-status");
+                  "answer every N-th request with --fail-status")
+      ->type_name("N")
+      ->check(WholeNumber(0, kMaxCount));
   app->add_option("--fail-status", misbehaviour->fail_status, "status for --fail-every")
-      ->check(kStatusRange)
+      ->type_name("CODE")
+      ->check(WholeNumber(200, 599))
       ->capture_default_str();
   app->add_option("--status", misbehaviour->status, "status of all other answers")
-      ->check(kStatusRange)
+      ->type_name("CODE")
+      ->check(WholeNumber(200, 599))
       ->capture_default_str();
   app->add_option("--delay-ms", misbehaviour->delay_ms, "wait before each answer")
-      ->check(CLI::Range(uint64_t{0}, uint64_t{86'400'000}));
+      ->type_name("MS")
+      ->check(WholeNumber(0, kMaxDelayMs));
   app->add_option("--close-every", misbehaviour->close_every,
-                  "close the connection of every N-th request without an answer");
+                  "close the connection of every N-th request without an answer")
+      ->type_name("N")
+      ->check(WholeNumber(0, kMaxCount));
   app->add_option("--garbage-every", misbehaviour->garbage_every,
-                  "answer every N-th request 200 with a body that is not JSON");
+                  "answer every N-th request 200 with a body that is not JSON")
+      ->type_name("N")
+      ->check(WholeNumber(0, kMaxCount));
   app->add_option("--never-answer-every", misbehaviour->never_answer_every,
-                  "leave every N-th request unanswered until shutdown");
+                  "leave every N-th request unanswered until shutdown")
+      ->type_name("N")
+      ->check(WholeNumber(0, kMaxCount));
+}
+
+// An empty name is a variable of a script that was never set, not a wish to do without.
+CLI::Validator NotEmpty() {
+  return CLI::Validator(
+      [](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); }, "");
+}
+
+// A size in bytes with an optional unit: 65536, 64KiB, 64MiB.
+CLI::Validator AsSize() { return CLI::AsSizeValue(/*kb_is_1000=*/false).description(""); }
+
+void AddServing(CLI::App* app, std::string* listen, Options* options) {
+  app->add_option("--listen", *listen, "HOST:PORT to listen on; port 0: any free one")
+      ->type_name("HOST:PORT")
+      ->capture_default_str();
+  app->add_option("--port-file", options->port_file, "write the port here once listening")
+      ->type_name("FILE")
+      ->check(NotEmpty());
+  CLI::Option* cert = app->add_option("--cert", options->cert_path, "PEM certificate: serve HTTPS")
+                          ->type_name("FILE")
+                          ->check(NotEmpty());
+  CLI::Option* key = app->add_option("--key", options->key_path, "PEM private key of --cert")
+                         ->type_name("FILE")
+                         ->check(NotEmpty());
+  cert->needs(key);
+  key->needs(cert);
+  app->add_option("--threads", options->server.threads,
+                  "requests served at the same time; connections are not limited")
+      ->type_name("N")
+      ->check(WholeNumber(1, 4096))
+      ->capture_default_str();
+  app->add_option("--max-body", options->server.max_body_bytes,
+                  "largest body taken, in bytes or as 64MiB; larger ones are answered 413")
+      ->transform(AsSize())
+      ->type_name("SIZE")
+      ->check(WholeNumber(0, kMaxSizeBytes))
+      ->default_str("64MiB");
+  app->add_option("--idle-timeout", options->server.idle_timeout_s,
+                  "seconds after which a silent connection is closed")
+      ->type_name("S")
+      ->check(WholeNumber(1, 86'400))
+      ->capture_default_str();
+}
+
+void AddRecording(CLI::App* app, RecorderOptions* recorder) {
+  app->add_option("--out", recorder->out_dir, "folder for one file per accepted body")
+      ->type_name("DIR")
+      ->check(NotEmpty());
+  app->add_option("--log", recorder->log_path,
+                  "file to append one JSON line per request to; \"-\": standard output")
+      ->type_name("FILE")
+      ->check(NotEmpty());
+  app->add_flag("--inflate", recorder->inflate,
+                "decode bodies as raw deflate, file and log the result");
+  app->add_option("--max-inflated", recorder->max_inflated_bytes,
+                  "most bytes one body is inflated to")
+      ->transform(AsSize())
+      ->type_name("SIZE")
+      ->check(WholeNumber(0, kMaxSizeBytes))
+      ->default_str("256MiB");
 }
 
 }  // namespace
@@ -93,35 +187,8 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv) {
   app.footer(kFooter);
   app.set_version_flag("--version", "quenor-collector " QUENOR_COLLECTOR_VERSION);
 
-  app.add_option("--listen", listen, "HOST:PORT to listen on; port 0: any free one")
-      ->capture_default_str();
-  app.add_option("--port-file", options.port_file, "write the port here once listening");
-  CLI::Option* cert = app.add_option("--cert", options.cert_path, "PEM certificate: serve HTTPS");
-  CLI::Option* key = app.add_option("--key", options.key_path, "PEM private key of --cert");
-  cert->needs(key);
-  key->needs(cert);
-  app.add_option("--threads", options.server.threads,
-                 "requests served at the same time; connections are not limited")
-      ->check(CLI::Range(1, 4096))
-      ->capture_default_str();
-  app.add_option("--max-body", options.server.max_body_bytes,
-                 "largest body taken, in bytes or as 64MiB; larger ones are answered 413")
-      ->transform(CLI::AsSizeValue(/*kb_is_1000=*/false))
-      ->default_str("64MiB");
-  app.add_option("--idle-timeout", options.server.idle_timeout_s,
-                 "seconds after which a silent connection is closed")
-      ->check(CLI::Range(1, 86'400))
-      ->capture_default_str();
-
-  app.add_option("--out", options.recorder.out_dir, "folder for one file per accepted body");
-  app.add_option("--log", options.recorder.log_path,
-                 "file to append one JSON line per request to; \"-\": standard output");
-  app.add_flag("--inflate", options.recorder.inflate,
-               "decode bodies as raw deflate, file and log the result");
-  app.add_option("--max-inflated", options.recorder.max_inflated_bytes,
-                 "most bytes one body is inflated to")
-      ->transform(CLI::AsSizeValue(/*kb_is_1000=*/false))
-      ->default_str("256MiB");
+  AddServing(&app, &listen, &options);
+  AddRecording(&app, &options.recorder);
   AddControlFields(&app, &options.server.reply);
   AddMisbehaviour(&app, &options.server.misbehaviour);
 

@@ -115,23 +115,24 @@ Recorder::~Recorder() {
 
 bool Recorder::Record(const Received& received) {
   const std::string sha256 = Sha256Hex(received.body);
-  JsonObject line = LogLine(received, received.body.size(), sha256);
   std::optional<Inflated> inflated;
-  if (options_.inflate) {
-    inflated = InflateRaw(received.body, options_.max_inflated_bytes);
+  if (options_.inflate) inflated = InflateRaw(received.body, options_.max_inflated_bytes);
+
+  Received answered = received;
+  bool recorded = true;
+  if (IsAccepted(received.status) && !options_.out_dir.empty()) {
+    const bool keep_raw = inflated && inflated->verdict != InflateVerdict::kOk;
+    recorded = FileBody(received, sha256, inflated ? &inflated->output : nullptr, keep_raw);
+    if (!recorded) answered.status = kCannotRecordStatus;
+  }
+  JsonObject line = LogLine(answered, received.body.size(), sha256);
+  if (inflated) {
     line.AddNumber("inflated_size", inflated->output.size())
         .Add("inflated_sha256", Sha256Hex(inflated->output))
         .Add("inflate", InflateVerdictName(inflated->verdict));
   }
-
-  bool recorded = true;
-  const bool accepted = IsAccepted(received.status);
-  if (accepted && !options_.out_dir.empty()) {
-    const bool keep_raw = inflated && inflated->verdict != InflateVerdict::kOk;
-    recorded = FileBody(received, sha256, inflated ? &inflated->output : nullptr, keep_raw);
-  }
-  recorded = recorded && WriteLine(line.Finish());
-  Count(accepted && recorded, received.body.size(), sha256);
+  recorded = WriteLine(line.Finish()) && recorded;
+  Count(recorded && IsAccepted(answered.status), received.body.size(), sha256);
   return recorded;
 }
 
@@ -162,7 +163,10 @@ bool Recorder::WriteLine(std::string line) {
   if (log_fd_ < 0) return true;
   line.push_back('\n');
   const std::lock_guard<std::mutex> lock(log_mutex_);
+  // A disk that fills up may take half a line; the next one must not be appended to that half.
+  if (log_torn_) line.insert(line.begin(), '\n');
   const int error = WriteAll(log_fd_, line);
+  log_torn_ = error != 0;
   if (error != 0) {
     std::fprintf(stderr, "quenor-collector: cannot append to log %s: %s; request is answered 500\n",
                  options_.log_path.c_str(), ErrnoText(error).c_str());

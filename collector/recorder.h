@@ -14,6 +14,9 @@
 
 namespace quenor::collector {
 
+// What a request is answered that should have been accepted but could not be put on record.
+constexpr int kCannotRecordStatus = 500;
+
 struct RecorderOptions {
   std::string out_dir;   // Empty: no files.
   std::string log_path;  // Empty: no log; "-": standard output.
@@ -56,7 +59,8 @@ class Recorder {
   // Files the body if the status accepts it, writes the log line and counts. When it returns true,
   // all of it has been handed to the kernel, so a kill cannot undo it. False when a file or the log
   // could not be written: the reason is on standard error, the request counts as failed and must
-  // not be answered with 200. A body file may then exist without its log line.
+  // be answered with kCannotRecordStatus instead of 200. A body file may then exist without its log
+  // line.
   [[nodiscard]] bool Record(const Received& received);
 
   // Logs and counts as failed a request whose body was too large to take. `size_bytes` is the
@@ -76,7 +80,8 @@ class Recorder {
   const RecorderOptions options_;
   int log_fd_ = -1;
   bool owns_log_fd_ = false;
-  std::mutex log_mutex_;  // Keeps lines whole.
+  std::mutex log_mutex_;   // Keeps lines whole; guards log_torn_.
+  bool log_torn_ = false;  // The last line could not be written, or not all of it.
 
   // relaxed: plain numbers that order nothing.
   std::atomic<uint64_t> next_seq_{1};

@@ -538,7 +538,7 @@ void CollectorServer::AnswerPost(const httplib::Request& request, const std::str
 
   response->status = received.status != 0 ? received.status : 500;
   if (!recorded && IsAccepted(received.status)) {
-    response->status = 500;
+    response->status = kCannotRecordStatus;
     response->set_content(R"({"bytes_errinfo":"cannot record"})", kJson);
   } else if (action == Action::kFail) {
     response->set_content(R"({"bytes_errinfo":"refused"})", kJson);

@@ -12,8 +12,9 @@
 namespace quenor::collector {
 namespace {
 
-std::string LastOpenSslText() {
-  const unsigned long code = ERR_peek_last_error();
+// The oldest entry of OpenSSL's queue, which is the cause; later ones only say who passed it on.
+std::string OpenSslCause() {
+  const unsigned long code = ERR_peek_error();
   ERR_clear_error();
   if (code == 0) return "unknown error";
   const char* reason = ERR_reason_error_string(code);
@@ -52,7 +53,7 @@ SslCtxPtr LoadTlsContext(const std::string& cert_path, const std::string& key_pa
   SslCtxPtr context(SSL_CTX_new(TLS_server_method()));
   if (!context || SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) != 1) {
     throw Fatal(kExitInternal,
-                "cannot set up TLS: " + LastOpenSslText() + "; check the OpenSSL installation");
+                "cannot set up TLS: " + OpenSslCause() + "; check the OpenSSL installation");
   }
   SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION | SSL_OP_IGNORE_UNEXPECTED_EOF);
   SSL_CTX_set_mode(context.get(),
@@ -61,8 +62,9 @@ SslCtxPtr LoadTlsContext(const std::string& cert_path, const std::string& key_pa
   SSL_CTX_set_alpn_select_cb(context.get(), SelectHttp11, nullptr);
 
   if (SSL_CTX_use_certificate_chain_file(context.get(), cert_path.c_str()) != 1) {
-    throw Fatal(kExitNoInput, "cannot use certificate " + cert_path + ": " + LastOpenSslText() +
-                                  "; give --cert a PEM certificate");
+    throw Fatal(kExitNoInput, "cannot use certificate " + cert_path +
+                                  ": no PEM certificate in it that can be read (" + OpenSslCause() +
+                                  ")" + "; give --cert a PEM certificate");
   }
   // Loading the key also compares it with the certificate.
   if (SSL_CTX_use_PrivateKey_file(context.get(), key_path.c_str(), SSL_FILETYPE_PEM) != 1) {
@@ -72,7 +74,8 @@ SslCtxPtr LoadTlsContext(const std::string& cert_path, const std::string& key_pa
       throw Fatal(kExitNoInput, "private key " + key_path + " does not belong to certificate " +
                                     cert_path + "; give --cert and --key of the same pair");
     }
-    throw Fatal(kExitNoInput, "cannot use private key " + key_path + ": " + LastOpenSslText() +
+    throw Fatal(kExitNoInput, "cannot use private key " + key_path +
+                                  ": no PEM key in it that can be read (" + OpenSslCause() + ")" +
                                   "; give --key a PEM private key without a passphrase");
   }
   if (SSL_CTX_check_private_key(context.get()) != 1) {

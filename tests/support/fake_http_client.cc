@@ -38,6 +38,7 @@ struct FakeHttp::Core {
   std::map<size_t, OpenRequest> outstanding;
   std::deque<int64_t> next_ids;
   std::function<void(const HttpClient::Request&)> on_send;
+  std::function<void()> on_client_destroyed;
   size_t creation_failures = 0;
   size_t live_clients = 0;
   int64_t refusal_id = 1;  // Below 1: every request is refused with it.
@@ -96,6 +97,12 @@ struct FakeHttp::Core {
   }
 
   void EndClient(size_t client) {
+    std::function<void()> watcher;
+    {
+      std::lock_guard<std::mutex> hold(mutex);
+      watcher = on_client_destroyed;
+    }
+    if (watcher) watcher();
     std::vector<OpenRequest> ended;
     {
       std::lock_guard<std::mutex> hold(mutex);
@@ -208,6 +215,11 @@ void FakeHttp::Accept() {
 void FakeHttp::SetOnSend(std::function<void(const HttpClient::Request&)> on_send) {
   std::lock_guard<std::mutex> hold(core_->mutex);
   core_->on_send = std::move(on_send);
+}
+
+void FakeHttp::SetOnClientDestroyed(std::function<void()> on_destroyed) {
+  std::lock_guard<std::mutex> hold(core_->mutex);
+  core_->on_client_destroyed = std::move(on_destroyed);
 }
 
 bool FakeHttp::Answer(size_t index, int status_code, const std::string& body,

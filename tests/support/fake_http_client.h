@@ -57,6 +57,8 @@ class FakeHttp {
   void Accept();
   // Called in each SendRequest(), on its thread, before anything else; null for nothing.
   void SetOnSend(std::function<void(const HttpClient::Request&)> on_send);
+  // Called as a client is destroyed, on that thread, before its requests end; null for nothing.
+  void SetOnClientDestroyed(std::function<void()> on_destroyed);
 
   // --- Answers. False when the request of that index is not outstanding. ---
   // A whole HTTP response.

@@ -65,10 +65,14 @@ struct VirtualTime::Core {
   bool closed = false;  // The clock is gone: what is posted now never runs.
   std::vector<Creation> creations;
   std::function<void()> after_each_task;
+  std::function<void()> on_create;
+  base::Location last_posted_from;
 
   // Answers the sequence number, which serves as the id of a delayed task.
-  uint64_t Post(std::shared_ptr<QueueState> queue, Task task, base::TimeDelta delay, bool delayed) {
+  uint64_t Post(const base::Location& from, std::shared_ptr<QueueState> queue, Task task,
+                base::TimeDelta delay, bool delayed) {
     std::unique_lock<std::mutex> hold(mutex);
+    if (queue != nullptr) last_posted_from = from;
     const uint64_t sequence = ++last_sequence;
     if (closed) {
       hold.unlock();  // `task` is destroyed outside the lock.
@@ -148,15 +152,15 @@ class VirtualDispatchQueue : public DispatchQueue {
       : core_(std::move(core)), state_(std::make_shared<QueueState>()) {}
   ~VirtualDispatchQueue() override { core_->CloseQueue(state_); }
 
-  void PostTask(const base::Location&, Task task) override {
-    core_->Post(state_, std::move(task), base::TimeDelta(), false);
+  void PostTask(const base::Location& from, Task task) override {
+    core_->Post(from, state_, std::move(task), base::TimeDelta(), false);
   }
-  void PostDelayedTask(const base::Location&, Task task, base::TimeDelta delay) override {
-    core_->Post(state_, std::move(task), delay, true);
+  void PostDelayedTask(const base::Location& from, Task task, base::TimeDelta delay) override {
+    core_->Post(from, state_, std::move(task), delay, true);
   }
-  uint64_t PostCancelableDelayedTask(const base::Location&, Task task,
+  uint64_t PostCancelableDelayedTask(const base::Location& from, Task task,
                                      base::TimeDelta delay) override {
-    return core_->Post(state_, std::move(task), delay, true);
+    return core_->Post(from, state_, std::move(task), delay, true);
   }
   bool CancelDelayedTask(uint64_t id) override { return core_->Cancel(state_.get(), id); }
 
@@ -279,7 +283,7 @@ void VirtualTime::SetAfterEachTask(std::function<void()> check) {
 }
 
 void VirtualTime::PostToNetwork(base::OnceClosure task, base::TimeDelta delay) {
-  core_->Post(nullptr, std::move(task), delay, false);
+  core_->Post(base::Location(), nullptr, std::move(task), delay, false);
 }
 
 void VirtualTime::FailNextCreations(size_t count) {
@@ -290,6 +294,16 @@ void VirtualTime::FailNextCreations(size_t count) {
 std::vector<VirtualTime::Creation> VirtualTime::Creations() const {
   std::lock_guard<std::mutex> hold(core_->mutex);
   return core_->creations;
+}
+
+void VirtualTime::SetOnCreate(std::function<void()> on_create) {
+  std::lock_guard<std::mutex> hold(core_->mutex);
+  core_->on_create = std::move(on_create);
+}
+
+base::Location VirtualTime::LastPostedFrom() const {
+  std::lock_guard<std::mutex> hold(core_->mutex);
+  return core_->last_posted_from;
 }
 
 size_t VirtualTime::PendingDeadlines() const {
@@ -325,6 +339,12 @@ std::shared_ptr<DispatchQueue> VirtualTime::CreateQueue(
     if (g_current == nullptr) return nullptr;
     core = g_current->core_;
   }
+  std::function<void()> on_create;
+  {
+    std::lock_guard<std::mutex> hold(core->mutex);
+    on_create = core->on_create;
+  }
+  if (on_create) on_create();
   std::lock_guard<std::mutex> hold(core->mutex);
   const bool fails = core->failures_to_come > 0;
   if (fails) --core->failures_to_come;

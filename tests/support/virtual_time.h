@@ -68,6 +68,11 @@ class VirtualTime {
   // Any thread. Every creation so far.
   std::vector<Creation> Creations() const;
 
+  // Any thread. Called in each creation, on its thread, before the queue exists; null for nothing.
+  void SetOnCreate(std::function<void()> on_create);
+  // Any thread. Where the last task that was posted to a queue came from.
+  base::Location LastPostedFrom() const;
+
   // Any thread. Delayed tasks of living queues whose deadline lies ahead: what a stopped timer must
   // not leave behind.
   size_t PendingDeadlines() const;

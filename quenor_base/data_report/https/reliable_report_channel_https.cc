@@ -111,7 +111,7 @@ void TellBytes(ReportEventKind kind, ReportEventCause cause, const std::string& 
                const uint8_t* data, uint32_t size, bool need_cache) {
   if (!ReportEvents::HasListener()) return;
   ReportEvent event{kind, cause, channel_name};
-  event.data = data;
+  event.data = size > 0 ? data : nullptr;
   event.size = size;
   event.need_cache = need_cache;
   ReportEvents::Tell(event);

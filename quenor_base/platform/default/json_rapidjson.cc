@@ -26,8 +26,16 @@ using SizeType = std::size_t;
 // They must not be able to end the host's process all the same.
 #undef RAPIDJSON_ASSERT
 #define RAPIDJSON_ASSERT(condition) ((void)0)
+// Its stack, still empty, compares null plus a size with null before it first allocates; clang's
+// sanitizer would report that in every text.
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((no_sanitize("pointer-overflow"))), apply_to = function)
+#endif
 #include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
+#if defined(__clang__)
+#pragma clang attribute pop
+#endif
 
 namespace quenor::base {
 namespace {

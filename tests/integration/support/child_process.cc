@@ -125,6 +125,7 @@ NginxServer::NginxServer(const Options& options) : is_tls_(options.certificate !
   std::string conf = "daemon off; master_process off; pid nginx.pid; error_log stderr notice;\n";
   conf += "events { worker_connections 512; }\nhttp {\n";
   conf += "  access_log off; client_max_body_size 16m; keepalive_requests 100000;\n";
+  conf += "  log_format connections '$server_protocol $connection';\n";
   for (const char* kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
     conf += std::string("  ") + kind + "_temp_path " + kind + ";\n";
   }

@@ -36,7 +36,8 @@ class ChildProcess {
   int status_ = -1;
 };
 
-// nginx on a free port of 127.0.0.1, with configuration and files in a folder of its own.
+// nginx on a free port of 127.0.0.1, with configuration and files in a folder of its own. Logs
+// nothing unless told to; the log format "connections" gives protocol and connection number.
 class NginxServer {
  public:
   struct Options {

@@ -1,0 +1,290 @@
+#include "cli/ledger.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "cli/text.h"
+#include "quenor_base/platform/http_client.h"
+
+namespace quenor::cli {
+namespace {
+
+constexpr uint32_t kNoLimit = std::numeric_limits<uint32_t>::max();
+
+std::string_view BytesOf(const ReportEvent& event) {
+  if (event.size == 0) return {};
+  return {reinterpret_cast<const char*>(event.data), event.size};
+}
+
+std::string FailureText(const ReportEvent& event) {
+  if (event.cause == ReportEventCause::kStatus) {
+    return "the server answered with HTTP status " + std::to_string(event.status_code);
+  }
+  switch (static_cast<HttpClient::State>(event.http_state)) {
+    case HttpClient::State::kTimedOut:
+      return "the server did not answer in time";
+    case HttpClient::State::kTooLarge:
+      return "the server's answer was too large";
+    case HttpClient::State::kCancelled:
+      return "the request was cancelled";
+    default:
+      return "the server could not be reached, not be verified, or broke off";
+  }
+}
+
+std::string DropReason(const ReportEvent& event, const std::string& last_failure) {
+  switch (event.cause) {
+    case ReportEventCause::kResendLimit:
+      return CountOf(event.send_count, "failed send") + "; the last time " + last_failure;
+    case ReportEventCause::kTrimmed:
+      return "too many messages were waiting";
+    case ReportEventCause::kNotCompressed:
+      return "it could not be compressed";
+    case ReportEventCause::kReplaced:
+      return "another request took its place";
+    case ReportEventCause::kOutOfMemory:
+      return "there was no memory to copy it";
+    case ReportEventCause::kNoServer:
+      return "the channel has no URL";
+    default:
+      return "the channel gave it up";
+  }
+}
+
+// The channel has stopped, or is about to: the message can be handed over to the next one.
+bool IsOfTermination(ReportEventCause cause) {
+  switch (cause) {
+    case ReportEventCause::kNotInitialized:
+    case ReportEventCause::kQueueGone:
+    case ReportEventCause::kNotRunning:
+    case ReportEventCause::kTerminated:
+    case ReportEventCause::kNeverRun:
+      return true;
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+Ledger::Ledger(Options options)
+    : options_(std::move(options)),
+      noted_interval_ms_(options_.interval_ms),
+      noted_limit_(options_.max_resend.value_or(kNoLimit)) {}
+
+void Ledger::Expect(const Message& message) {
+  std::lock_guard<std::mutex> hold(mutex_);
+  expected_ = message;
+}
+
+void Ledger::OnReportEvent(const ReportEvent& event) {
+  bool wake;
+  bool lift;
+  {
+    std::lock_guard<std::mutex> hold(mutex_);
+    wake = Account(event) || wake_on_next_;
+    wake_on_next_ = false;
+    lift = event.kind == ReportEventKind::kRetuned && !options_.max_resend &&
+           event.max_resend_count != kNoLimit && !closed_;
+  }
+  if (lift) options_.lift_resend_limit();
+  if (wake) options_.wake();
+}
+
+bool Ledger::Account(const ReportEvent& event) {
+  const std::string_view bytes = BytesOf(event);
+  if (event.kind == ReportEventKind::kHandedOver) return OnHandedOver(bytes);
+  if (event.kind == ReportEventKind::kRetuned) return OnRetuned(event);
+  if (event.kind == ReportEventKind::kLoaded) {
+    Add(bytes, "a message of an earlier run (" + CountOf(event.size, "byte") + ")");
+    return false;
+  }
+  const auto entry = outstanding_.find(bytes);
+  if (entry == outstanding_.end()) return false;
+  switch (event.kind) {
+    case ReportEventKind::kSent:
+      ++counts_.in_flight;
+      return false;
+    case ReportEventKind::kRefused:
+      return OnRefused(event, entry);
+    case ReportEventKind::kAcknowledged:
+      return OnAcknowledged(entry);
+    case ReportEventKind::kFailed:
+      return OnFailed(event);
+    case ReportEventKind::kDropped:
+      return OnDropped(event, entry);
+    default:  // kAdmitted and kSaved change nothing; what is kKept is left.
+      return false;
+  }
+}
+
+bool Ledger::OnHandedOver(std::string_view bytes) {
+  // Unannounced, it is handed over again and on the books already.
+  if (!expected_ || expected_->bytes != bytes) return false;
+  Add(bytes, std::move(expected_->name));
+  expected_.reset();
+  return false;
+}
+
+void Ledger::Add(std::string_view bytes, std::string name) {
+  auto entry = outstanding_.find(bytes);
+  if (entry == outstanding_.end()) entry = outstanding_.try_emplace(std::string(bytes)).first;
+  entry->second.push_back({next_order_++, std::move(name)});
+  ++outstanding_count_;
+  outstanding_bytes_ += bytes.size();
+  ++counts_.handed_over;
+}
+
+std::string Ledger::Remove(Outstanding::iterator entry) {
+  std::string name = std::move(entry->second.front().text);
+  entry->second.pop_front();
+  --outstanding_count_;
+  outstanding_bytes_ -= entry->first.size();
+  if (entry->second.empty()) outstanding_.erase(entry);
+  return name;
+}
+
+void Ledger::Drop(const std::string& reason, Outstanding::iterator entry) {
+  notices_.push_back(Remove(entry) + " was dropped: " + reason);
+  ++counts_.dropped;
+}
+
+bool Ledger::OnRefused(const ReportEvent& event, Outstanding::iterator entry) {
+  if (IsOfTermination(event.cause)) {
+    broken_ = broken_ || !closed_;
+    return true;  // Left.
+  }
+  Drop(DropReason(event, last_failure_), entry);
+  return true;
+}
+
+bool Ledger::OnAcknowledged(Outstanding::iterator entry) {
+  const bool had_room = HasRoomLocked();
+  Remove(entry);
+  --counts_.in_flight;
+  ++counts_.delivered;
+  const bool recovered = std::exchange(failing_, false);
+  return recovered || outstanding_count_ == 0 || (!had_room && HasRoomLocked());
+}
+
+bool Ledger::OnFailed(const ReportEvent& event) {
+  --counts_.in_flight;
+  ++counts_.failed_attempts;
+  ++counts_.retries;
+  last_failure_ = FailureText(event);
+  return !std::exchange(failing_, true);
+}
+
+bool Ledger::OnDropped(const ReportEvent& event, Outstanding::iterator entry) {
+  if (IsOfTermination(event.cause)) {
+    if (event.request_id != 0) --counts_.in_flight;
+    return false;  // Left.
+  }
+  if (event.cause == ReportEventCause::kReplaced) --counts_.in_flight;
+  if (event.cause == ReportEventCause::kResendLimit) {
+    if (!options_.max_resend) {
+      // A limit of the server's was in force for a moment.
+      if (!closed_) again_.emplace_back(BytesOf(event));
+      return true;
+    }
+    --counts_.retries;
+  }
+  Drop(DropReason(event, last_failure_), entry);
+  return true;
+}
+
+bool Ledger::OnRetuned(const ReportEvent& event) {
+  const size_t before = notices_.size();
+  if (event.send_interval_ms != noted_interval_ms_) {
+    noted_interval_ms_ = event.send_interval_ms;
+    std::string text = "the send interval is now " + std::to_string(event.send_interval_ms) +
+                       " ms: the server has set it";
+    if (options_.send_now) text += "; --send-now is off while an interval is set";
+    notices_.push_back(std::move(text));
+  }
+  const bool none_in_force = !options_.max_resend && event.max_resend_count == kNoLimit;
+  if (event.max_resend_count != noted_limit_ && !none_in_force) {
+    noted_limit_ = event.max_resend_count;
+    std::string text =
+        "the server has set the resend limit to " + std::to_string(event.max_resend_count);
+    text += options_.max_resend
+                ? " in place of --max-resend " + std::to_string(*options_.max_resend)
+                : "; it is lifted again, as no --max-resend is given";
+    notices_.push_back(std::move(text));
+  }
+  return notices_.size() != before;
+}
+
+bool Ledger::HasRoomLocked() const {
+  return outstanding_count_ < kMaxOutstanding && outstanding_bytes_ < kMaxOutstandingBytes;
+}
+
+bool Ledger::HasRoom() const {
+  std::lock_guard<std::mutex> hold(mutex_);
+  return HasRoomLocked();
+}
+
+std::optional<std::string> Ledger::TakeToHandOverAgain() {
+  std::lock_guard<std::mutex> hold(mutex_);
+  if (again_.empty() || closed_) return std::nullopt;
+  if (outstanding_count_ - again_.size() >= kMaxOutstanding) return std::nullopt;
+  std::string bytes = std::move(again_.front());
+  again_.pop_front();
+  return bytes;
+}
+
+void Ledger::Close() {
+  std::lock_guard<std::mutex> hold(mutex_);
+  closed_ = true;
+}
+
+Counts Ledger::GetCounts() const {
+  std::lock_guard<std::mutex> hold(mutex_);
+  Counts counts = counts_;
+  counts.left = outstanding_count_;
+  return counts;
+}
+
+bool Ledger::IsBroken() const {
+  std::lock_guard<std::mutex> hold(mutex_);
+  return broken_;
+}
+
+bool Ledger::IsFailing() const {
+  std::lock_guard<std::mutex> hold(mutex_);
+  return failing_;
+}
+
+std::string Ledger::LastFailure() const {
+  std::lock_guard<std::mutex> hold(mutex_);
+  return last_failure_;
+}
+
+std::vector<std::string> Ledger::TakeNotices() {
+  std::lock_guard<std::mutex> hold(mutex_);
+  return std::exchange(notices_, {});
+}
+
+std::vector<std::string> Ledger::LeftNames(size_t limit) const {
+  std::lock_guard<std::mutex> hold(mutex_);
+  std::vector<const Name*> left;
+  for (const auto& [bytes, names] : outstanding_) {
+    for (const Name& name : names) left.push_back(&name);
+  }
+  std::sort(left.begin(), left.end(),
+            [](const Name* a, const Name* b) { return a->order < b->order; });
+  std::vector<std::string> texts;
+  for (const Name* name : left) {
+    if (texts.size() == limit) break;
+    texts.push_back(name->text);
+  }
+  return texts;
+}
+
+void Ledger::WakeOnNextEvent() {
+  std::lock_guard<std::mutex> hold(mutex_);
+  wake_on_next_ = true;
+}
+
+}  // namespace quenor::cli

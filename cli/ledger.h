@@ -1,0 +1,133 @@
+// The books of one run: what was handed over and what became of it, known from the channel's events
+// alone. Messages are told apart by their bytes; of equal ones the oldest name goes first.
+// Threads: OnReportEvent() on any thread; everything else on the main thread.
+// See docs/guide/quenor-report.md for what the numbers mean.
+#ifndef CLI_LEDGER_H_
+#define CLI_LEDGER_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "cli/input.h"
+#include "quenor_base/platform/report_events.h"
+
+namespace quenor::cli {
+
+// handed_over = delivered + dropped + left, always.
+struct Counts {
+  uint64_t handed_over = 0;
+  uint64_t delivered = 0;
+  uint64_t failed_attempts = 0;
+  uint64_t dropped = 0;
+  uint64_t left = 0;       // Neither delivered nor dropped, so far.
+  uint64_t in_flight = 0;  // Of `left`: at the HTTP client.
+  uint64_t retries = 0;    // Failed attempts that are, or were, followed by another.
+};
+
+class Ledger : public ReportEventListener {
+ public:
+  // The channel removes its oldest messages when 200 wait; below this many nothing is ever removed.
+  static constexpr uint64_t kMaxOutstanding = 149;
+  // Nor is more input than this taken in, unless one message alone is larger.
+  static constexpr uint64_t kMaxOutstandingBytes = uint64_t{32} << 20;
+
+  struct Options {
+    bool send_now = false;
+    uint32_t interval_ms = 0;            // The run's own send interval; 0: none.
+    std::optional<uint32_t> max_resend;  // Empty: no message is given up for failing.
+    // Any thread; must not block. The main thread has something to look at.
+    std::function<void()> wake = [] {};
+    // The channel's queue thread, inside an event; must not block. The server has set a resend
+    // limit although none was asked for: take it back.
+    std::function<void()> lift_resend_limit = [] {};
+  };
+
+  explicit Ledger(Options options);
+
+  // Announces the next message that is handed to the channel under this name. Borrows nothing.
+  void Expect(const Message& message);
+
+  void OnReportEvent(const ReportEvent& event) override;
+
+  // True when one more message may be handed over.
+  bool HasRoom() const;
+
+  // A message that the channel gave up although none is to be; it goes to the channel again without
+  // being announced. Empty when there is none, or no room for it.
+  std::optional<std::string> TakeToHandOverAgain();
+
+  // From now on the channel is being terminated: what it gives up is left, not dropped.
+  void Close();
+
+  Counts GetCounts() const;
+
+  // True when the channel refuses messages although nobody has terminated it: it has no thread.
+  bool IsBroken() const;
+
+  // True while the last attempt that ended has failed.
+  bool IsFailing() const;
+
+  // How the last failed attempt failed; empty when none did.
+  std::string LastFailure() const;
+
+  // The lines for people since the last call: what was dropped, what the server changed.
+  std::vector<std::string> TakeNotices();
+
+  // The names of what is left, oldest first; at most `limit`.
+  std::vector<std::string> LeftNames(size_t limit) const;
+
+  // Has the next event, whatever it is, wake the main thread.
+  void WakeOnNextEvent();
+
+ private:
+  struct Name {
+    uint64_t order;
+    std::string text;
+  };
+  // Outstanding messages by their bytes; never an empty queue of names.
+  using Outstanding = std::map<std::string, std::deque<Name>, std::less<>>;
+
+  // With mutex_ held. True when the main thread has something to look at.
+  bool Account(const ReportEvent& event);
+  bool OnHandedOver(std::string_view bytes);
+  bool OnRefused(const ReportEvent& event, Outstanding::iterator entry);
+  bool OnAcknowledged(Outstanding::iterator entry);
+  bool OnFailed(const ReportEvent& event);
+  bool OnDropped(const ReportEvent& event, Outstanding::iterator entry);
+  bool OnRetuned(const ReportEvent& event);
+  void Add(std::string_view bytes, std::string name);
+  void Drop(const std::string& reason, Outstanding::iterator entry);
+  // Answers the oldest name; the entry is gone when that was the last one.
+  std::string Remove(Outstanding::iterator entry);
+  bool HasRoomLocked() const;
+
+  const Options options_;
+  mutable std::mutex mutex_;  // Guards everything below; never held while the options' calls run.
+  Outstanding outstanding_;
+  uint64_t outstanding_count_ = 0;
+  uint64_t outstanding_bytes_ = 0;
+  uint64_t next_order_ = 0;
+  std::optional<Message> expected_;
+  std::deque<std::string> again_;  // Outstanding, but not in the channel.
+  Counts counts_;                  // But for `left`.
+  bool closed_ = false;
+  bool broken_ = false;
+  bool failing_ = false;
+  std::string last_failure_;
+  std::vector<std::string> notices_;
+  bool wake_on_next_ = false;
+  uint32_t noted_interval_ms_;  // What is known to be in force, by option or by a notice.
+  uint32_t noted_limit_;
+};
+
+}  // namespace quenor::cli
+
+#endif  // CLI_LEDGER_H_

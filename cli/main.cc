@@ -1,0 +1,100 @@
+// quenor-report: delivers lines or files through a report channel. Page:
+// docs/guide/quenor-report.md.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "cli/console.h"
+#include "cli/fatal.h"
+#include "cli/input.h"
+#include "cli/options.h"
+#include "cli/session.h"
+#include "cli/stop_signals.h"
+#include "cli/wakeup.h"
+#include "quenor_base/platform/http_client.h"
+#include "quenor_base/platform/local_log.h"
+#include "quenor_base/platform/socks5_proxy_config.h"
+
+namespace quenor::cli {
+namespace {
+
+// A descriptor that is opened later must not become standard output or error by its number.
+// Standard input, if it is closed, gets one that cannot be read, so that its absence is noticed.
+void FillStandardDescriptors() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(fd, F_GETFD) < 0) ::open("/dev/null", O_WRONLY);
+  }
+}
+
+// Errors and warnings only: summaries and refusals are what the closing lines tell better.
+void ToConsole(void* console, int level, const char*, int, const char* text, size_t size) {
+  if (level == 2) static_cast<Console*>(console)->LogLine(std::string(text, size));
+}
+
+void ApplyConnection(const Options& options) {
+  HttpDefaults defaults = GetHttpDefaults();
+  if (!options.ca_file.empty()) defaults.ca_file = options.ca_file;
+  const std::string reason = SetHttpDefaults(defaults);
+  if (!reason.empty()) throw Fatal(kExitUsage, reason);
+  if (!options.socks5) return;
+  Socks5ProxyConfigHolder::Socks5ProxyConfig proxy;
+  proxy.host = options.socks5->host;
+  proxy.port = options.socks5->port;
+  proxy.user = options.socks5->user;
+  proxy.password = options.socks5->password;
+  proxy.enabled = true;
+  GetSocks5ProxyConfigHolder()->SetConfig(proxy);
+}
+
+// Opens nothing that cannot be read, as far as that can be told beforehand.
+std::unique_ptr<Input> MakeInput(const Options& options) {
+  try {
+    if (options.files.empty()) {
+      CheckStandardInput();
+      return std::make_unique<LineInput>(STDIN_FILENO, "standard input");
+    }
+    CheckFiles(options.files);
+    return std::make_unique<FileInput>(options.files);
+  } catch (const InputError& error) {
+    throw Fatal(kExitUnreadable,
+                std::string(error.what()) + "; nothing was sent; correct it and start again");
+  }
+}
+
+ExitCode Send(const Options& options, Console& console) {
+  ApplyConnection(options);
+  const std::unique_ptr<Input> input = MakeInput(options);
+  static Wakeup* const wakeup = new Wakeup;  // The signals' thread keeps it for the process.
+  const StopSignals* const signals = StopSignals::Start(wakeup);
+  Session session(options, *input, console, *wakeup, *signals);
+  return session.Run();
+}
+
+int Main(int argc, const char* const* argv) {
+  FillStandardDescriptors();
+  std::signal(SIGPIPE, SIG_IGN);
+  static Console* const console = new Console(STDERR_FILENO);  // Threads may log until the end.
+  SetLogSink(&ToConsole, console);
+  try {
+    const std::optional<Options> options = ParseCommandLine(argc, argv);
+    return options ? Send(*options, *console) : kExitOk;
+  } catch (const Fatal& fatal) {
+    console->Line(fatal.what());
+    return fatal.exit_code();
+  } catch (const std::exception& error) {
+    console->Line(std::string("cannot go on: ") + error.what() +
+                  "; check the limits on memory and threads");
+    return kExitInternal;
+  }
+}
+
+}  // namespace
+}  // namespace quenor::cli
+
+int main(int argc, char** argv) { return quenor::cli::Main(argc, argv); }

@@ -1,0 +1,33 @@
+// The command line of quenor-report. Page: docs/guide/quenor-report.md.
+#ifndef CLI_OPTIONS_H_
+#define CLI_OPTIONS_H_
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/addresses.h"
+
+namespace quenor::cli {
+
+struct Options {
+  std::string url;
+  std::string channel = "quenor-report";
+  bool send_now = false;
+  std::string ca_file;  // Empty: the system's certificates.
+  bool http1 = false;
+  std::optional<Socks5Address> socks5;
+  std::optional<uint32_t> interval_ms;
+  std::optional<uint32_t> max_resend;  // Empty: keeps trying.
+  double wait_s = 30;
+  std::vector<std::string> files;  // Empty: each line of standard input is a message.
+};
+
+// Parses and checks the command line. Empty if it asked for --help or --version, which has then
+// been printed. Throws Fatal with kExitUsage.
+std::optional<Options> ParseCommandLine(int argc, const char* const* argv);
+
+}  // namespace quenor::cli
+
+#endif  // CLI_OPTIONS_H_

@@ -1,0 +1,81 @@
+// One run of "quenor-report send": feeds the input to a channel, waits for what becomes of it and
+// reports. Threads: everything on the main thread, which sleeps in poll() between events.
+// Page: docs/guide/quenor-report.md.
+#ifndef CLI_SESSION_H_
+#define CLI_SESSION_H_
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "cli/console.h"
+#include "cli/fatal.h"
+#include "cli/input.h"
+#include "cli/ledger.h"
+#include "cli/options.h"
+#include "cli/progress.h"
+#include "cli/stop_signals.h"
+#include "cli/wakeup.h"
+#include "quenor_base/data_report/https/reliable_report_channel_https.h"
+
+namespace quenor::cli {
+
+class Session {
+ public:
+  // Borrows everything until it is destroyed.
+  Session(const Options& options, Input& input, Console& console, Wakeup& wakeup,
+          const StopSignals& signals);
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  // Once. Returns the exit code, after printing the closing line. Throws Fatal with kExitInternal
+  // when the channel cannot start.
+  ExitCode Run();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  using Time = Clock::time_point;
+
+  enum class InputState {
+    kOpen,    // More may come.
+    kEnded,   // Everything was handed over.
+    kFailed,  // It could not be read on.
+  };
+
+  Ledger::Options LedgerOptions();
+  void Start();
+  // False when the run is over. Else everything that can be done at once was done.
+  bool Step();
+  // Hands over the next message, if it is there and there is room. False when there was nothing to
+  // do; `*poll_input` then tells whether more input is worth waiting for.
+  bool Feed(bool* poll_input);
+  void HandOver(const Message& message);
+  void HandOverAgain();
+  void OnInputFailed(const InputError& error);
+  void OnInputOver(InputState state);
+  // True when the wait has lasted as long as it may.
+  bool WaitIsOver(Time now);
+  void PrintNotices();
+  void ShowProgress(Time now);
+  void Sleep(Time now, bool poll_input);
+  ExitCode Stop();
+
+  const Options& options_;
+  Input& input_;
+  Console& console_;
+  Wakeup& wakeup_;
+  const StopSignals& signals_;
+  Ledger ledger_;
+  std::shared_ptr<ReliableReportChannelHttps> channel_;
+  Progress progress_;
+  InputState input_state_ = InputState::kOpen;
+  std::string first_name_;  // Of what was handed over; empty: nothing.
+  std::string last_name_;
+  std::optional<Time> wait_ends_;      // Once the input is over.
+  std::optional<Time> patience_ends_;  // While the input is held back and the server fails.
+};
+
+}  // namespace quenor::cli
+
+#endif  // CLI_SESSION_H_

@@ -1,0 +1,28 @@
+// How a run ends: the line for scripts, the line about what is left, the exit code. Pure functions.
+#ifndef CLI_SUMMARY_H_
+#define CLI_SUMMARY_H_
+
+#include <string>
+#include <vector>
+
+#include "cli/fatal.h"
+#include "cli/ledger.h"
+
+namespace quenor::cli {
+
+// "handed_over=3 delivered=2 failed_attempts=1 dropped=0 left=1", without a line end.
+std::string ClosingLine(const Counts& counts);
+
+// What was dropped outweighs an unreadable input, which outweighs what is left.
+ExitCode ExitCodeFor(const Counts& counts, bool input_failed);
+
+// One line about the messages left, the oldest of which are named. `last_failure` may be empty.
+std::string LeftLine(const Counts& counts, const std::vector<std::string>& names,
+                     const std::string& last_failure);
+
+// Names that LeftLine() takes at most; it says how many more there are.
+constexpr size_t kMaxLeftNames = 10;
+
+}  // namespace quenor::cli
+
+#endif  // CLI_SUMMARY_H_

@@ -1,0 +1,90 @@
+// AllocBufferTFromPool: scratch byte arrays from nine pools, one for each size class.
+// Whoever drops the result needs to know neither class nor pool: it carries its release function.
+// Life cycle: a pool is made on the first use of its class and never destroyed.
+// Thread safety: any thread, see object_pool.h. Design: docs/design/pooled-buffers.md.
+#ifndef QUENOR_BASE_OBJECT_POOL_ALLOC_BUFFER_FROM_POOL_H_
+#define QUENOR_BASE_OBJECT_POOL_ALLOC_BUFFER_FROM_POOL_H_
+
+#include <cstdint>
+#include <memory>
+#include <type_traits>
+
+#include "quenor_base/object_pool/object_pool.h"
+#include "quenor_base/platform/base/thread_create_flag.h"
+
+namespace quenor {
+
+extern template class ObjectPool<uint8_t[], objpool::DefaultResetter<uint8_t[]>,
+                                 objpool::DefaultAllocator<uint8_t[]>,
+                                 objpool::DefaultDestroyer<uint8_t[]>>;
+
+namespace internal {
+
+using BufferObjPool =
+    ObjectPool<uint8_t[], objpool::DefaultResetter<uint8_t[]>, objpool::DefaultAllocator<uint8_t[]>,
+               objpool::DefaultDestroyer<uint8_t[]>>;
+
+struct BufferClass {
+  uint32_t length_bytes;
+  uint32_t capacity;     // per thread: arrays made at once when dry, bound of each of two lists
+  uint32_t max_batches;  // in the shared tier
+};
+
+// The numbers bound what is kept idle. A dry thread makes `capacity` arrays at once: up to 4096
+// bytes the round trip to the shared mutex is worth avoiding, but 32 KiB of them is enough; an
+// array of 32768 bytes or more costs its user far more time than a lock does, so the thread makes
+// only the one it needs. A thread keeps at most 2 * capacity - 1 idle arrays of a class: 15.5, 31,
+// 30, 60, 48, 32, 64, 512 and 1024 KiB, together 1816.5 KiB in a thread that used all nine (280.5
+// KiB without the two largest). The shared tier, one for the process, keeps at most max_batches *
+// capacity: 64, 128, 128, 256, 256, 256, 512, 1024 and 2048 KiB, together 4672 KiB.
+inline constexpr BufferClass kBufferClasses[] = {
+    {512, 16, 8},  {1024, 16, 8}, {2048, 8, 8},   {4096, 8, 8},    {16384, 2, 8},
+    {32768, 1, 8}, {65536, 1, 8}, {524288, 1, 2}, {1048576, 1, 2},
+};
+
+// Any thread. The pool of the arrays of `class_length` bytes: for the nine class lengths never null
+// and the same one for the life of the process; null for every other length. Lends it.
+BufferObjPool* GetBufferObjPool(uint32_t class_length);
+
+// The eleven release functions. A pooled array goes to the tier of the thread that releases it.
+template <uint32_t kClassLength>
+void ReleasePooledBuffer(void* array) {
+  GetBufferObjPool(kClassLength)->Reuse(static_cast<uint8_t*>(array));
+}
+inline void ReleaseForeignThreadBuffer(void* array) { delete[] static_cast<uint8_t*>(array); }
+inline void ReleaseOversizeBuffer(void* array) { delete[] static_cast<uint8_t*>(array); }
+
+template <uint32_t kClassLength>
+std::unique_ptr<uint8_t[], void (*)(void*)> AllocPooledBuffer() {
+  return {GetBufferObjPool(kClassLength)->AllocRaw(), &ReleasePooledBuffer<kClassLength>};
+}
+
+// Any thread. An array of at least `size` bytes, not cleared; callers must not rely on the bytes
+// beyond `size`. Test the array before use: it is null for size 0 on a thread of the SDK (with a
+// null release function), and when memory runs out for a pooled class (nothing throws). On a thread
+// that the SDK did not create, and above 1048576 bytes, the array comes from the plain heap with
+// exactly `size` bytes, and exhaustion is std::bad_alloc. The caller owns the result and may drop
+// it on any thread.
+template <typename T>
+[[nodiscard]] std::unique_ptr<T, void (*)(void*)> AllocBufferTFromPool(uint32_t size) {
+  static_assert(std::is_same_v<T, uint8_t[]>, "only byte arrays have pools");
+  if (!base::ThreadCreateFlag::IsThreadCreateByQuenor()) {
+    return {new uint8_t[size], &ReleaseForeignThreadBuffer};
+  }
+  if (size == 0) return {nullptr, nullptr};
+  if (size <= 512) return AllocPooledBuffer<512>();
+  if (size <= 1024) return AllocPooledBuffer<1024>();
+  if (size <= 2048) return AllocPooledBuffer<2048>();
+  if (size <= 4096) return AllocPooledBuffer<4096>();
+  if (size <= 16384) return AllocPooledBuffer<16384>();  // no class of 8192 bytes
+  if (size <= 32768) return AllocPooledBuffer<32768>();
+  if (size <= 65536) return AllocPooledBuffer<65536>();
+  if (size <= 524288) return AllocPooledBuffer<524288>();  // none of 131072 or 262144 either
+  if (size <= 1048576) return AllocPooledBuffer<1048576>();
+  return {new uint8_t[size], &ReleaseOversizeBuffer};
+}
+
+}  // namespace internal
+}  // namespace quenor
+
+#endif  // QUENOR_BASE_OBJECT_POOL_ALLOC_BUFFER_FROM_POOL_H_

@@ -1,0 +1,482 @@
+// ObjectPool: arrays of one fixed length, kept for reuse in two tiers.
+// The thread tier (TLSObjectPoolImpl) belongs to one thread and takes no lock. The shared tier
+// (GlobalObjectPool) passes whole batches between threads under one mutex.
+// Life cycle: a thread's tier is made on first use and freed when the thread ends; the shared tier
+// lives as long as some thread tier holds it. A pool must outlive every thread that used it.
+// Thread safety: ObjectPool and TLSObjectPool, any thread; a TLSObjectPoolImpl, its own thread.
+// Design: docs/design/pooled-buffers.md.
+#ifndef QUENOR_BASE_OBJECT_POOL_OBJECT_POOL_H_
+#define QUENOR_BASE_OBJECT_POOL_OBJECT_POOL_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <type_traits>
+#include <utility>
+
+#include "quenor_base/platform/base/lock.h"
+#include "quenor_base/platform/base/thread_annotations.h"
+#include "quenor_base/platform/base/thread_local_storage.h"
+
+namespace quenor {
+
+class ObjectPoolTestPeer;
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+class TLSObjectPool;
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+class TLSObjectPoolImpl;
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+class GlobalObjectPool;
+
+namespace objpool {
+
+// The policies are stateless function objects, called on any thread with the array and its length
+// in elements.
+
+// Prepares a returned array for its next user. An array of the default policy keeps what its last
+// user left in it.
+template <typename T>
+struct DefaultResetter;
+template <typename T>
+struct DefaultResetter<T[]> {
+  void operator()(T* /*array*/, uint32_t /*size*/) const {}
+};
+
+// Makes an array, not cleared; null when memory has run out, which the pool hands on untested.
+template <typename T>
+struct DefaultAllocator;
+template <typename T>
+struct DefaultAllocator<T[]> {
+  T* operator()(uint32_t size) const { return new (std::nothrow) T[size]; }
+};
+
+// Frees an array that is not null.
+template <typename T>
+struct DefaultDestroyer;
+template <typename T>
+struct DefaultDestroyer<T[]> {
+  void operator()(T* array, uint32_t /*size*/) const { delete[] array; }
+};
+
+// Move-only owner of one pooled array. May hold null together with a length: an array that could
+// not be made.
+template <typename T, typename Destroyer>
+class ObjUniquePtr {
+ public:
+  using Element = std::remove_extent_t<T>;
+
+  ObjUniquePtr() = default;
+  // Takes `ptr` (may be null), an array of `size` elements.
+  ObjUniquePtr(Element* ptr, uint32_t size) : ptr_(ptr), size_(size) {}
+  ObjUniquePtr(ObjUniquePtr&& other) noexcept
+      : ptr_(std::exchange(other.ptr_, nullptr)), size_(std::exchange(other.size_, 0)) {}
+  ObjUniquePtr& operator=(ObjUniquePtr&& other) noexcept {
+    ObjUniquePtr taken(std::move(other));
+    std::swap(ptr_, taken.ptr_);
+    std::swap(size_, taken.size_);
+    return *this;
+  }
+  ~ObjUniquePtr() {
+    if (ptr_ != nullptr) Destroyer()(ptr_, size_);
+  }
+
+  // Borrowed; may be null.
+  Element* get() const { return ptr_; }
+  uint32_t size() const { return size_; }
+  // Hands the array (may be null) to the caller and leaves null and 0.
+  [[nodiscard]] Element* Release() {
+    size_ = 0;
+    return std::exchange(ptr_, nullptr);
+  }
+
+ private:
+  Element* ptr_ = nullptr;
+  uint32_t size_ = 0;
+};
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+struct ThreadTier;
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+struct SharedTier;
+
+// Tells whether the calling thread has begun to free its tiers. A tier made after that might find
+// no round of slot destructors left to free it (a system runs only a few,
+// PTHREAD_DESTRUCTOR_ITERATIONS), so none is made any more. A plain bool: it stays readable in
+// every destructor that the thread still runs.
+class ThreadEnd {
+ public:
+  static bool HasBegun() { return begun_; }
+  static void SetBegun() { begun_ = true; }
+
+ private:
+  inline static thread_local bool begun_ = false;
+};
+
+}  // namespace objpool
+
+// One per pool, shared by all threads: finds or makes the calling thread's tier.
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+class TLSObjectPool {
+ public:
+  using Tier = TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>;
+  using Global = GlobalObjectPool<T, Resetter, Allocator, Destroyer>;
+
+  // `capacity` 0 is taken as 1: a tier of no arrays would have none to hand out.
+  TLSObjectPool(uint32_t object_size, uint32_t capacity)
+      : slot_(&OnThreadEnd), object_size_(object_size), capacity_(capacity == 0 ? 1 : capacity) {}
+  // Frees the calling thread's tier; every other thread that used the pool must have ended.
+  ~TLSObjectPool();
+  TLSObjectPool(const TLSObjectPool&) = delete;
+  TLSObjectPool& operator=(const TLSObjectPool&) = delete;
+
+  // Any thread. The calling thread's tier, made with what `get_global(arg)` answers when there is
+  // none yet. Null, with nothing kept, when that answer is empty, when the thread is ending and has
+  // freed a tier already, or when the thread has no room for the slot's value. Lends the tier until
+  // the thread ends.
+  Tier* GetTLSPool(std::shared_ptr<Global> (*get_global)(void*), void* arg) {
+    void* tier = slot_.Get();
+    return tier != nullptr ? static_cast<Tier*>(tier) : MakeTier(get_global, arg);
+  }
+
+  // Any thread. The length of every array, in elements.
+  uint32_t object_size() const { return object_size_; }
+
+ private:
+  friend class ObjectPoolTestPeer;
+
+  // Kept out of line, as the other rare steps are: the common path then saves no registers.
+  [[gnu::noinline]] Tier* MakeTier(std::shared_ptr<Global> (*get_global)(void*), void* arg);
+  // The slot's destructor: runs on the thread that ends, with its tier and the slot back at null.
+  static void OnThreadEnd(void* tier);
+
+  base::ThreadLocalStorage::Slot slot_;  // this thread's TLSObjectPoolImpl*, or null
+  uint32_t object_size_;
+  uint32_t capacity_;
+};
+
+// One thread's tier of one pool. Always the base of an objpool::ThreadTier.
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+class TLSObjectPoolImpl {
+ public:
+  using Element = std::remove_extent_t<T>;
+  using Array = objpool::ObjUniquePtr<T, Destroyer>;
+  using Batch = std::list<Array>;
+  using Global = GlobalObjectPool<T, Resetter, Allocator, Destroyer>;
+
+  TLSObjectPoolImpl(const TLSObjectPoolImpl&) = delete;
+  TLSObjectPoolImpl& operator=(const TLSObjectPoolImpl&) = delete;
+
+  // Owning thread. Takes out the array that came back last; a dry tier first takes the newest batch
+  // of the shared tier and fills it up to `capacity_` with fresh arrays. The result holds null when
+  // that array could not be made. Locks only when dry.
+  [[nodiscard]] Array Alloc();
+
+  // Owning thread. Takes `p`, not null, an array of this pool. Hands a whole batch of `capacity_`
+  // arrays to the shared tier when that many have gathered beyond the free list; locks only then.
+  void Reuse(Element* p);
+
+ private:
+  friend class ObjectPoolTestPeer;
+  using Holder = objpool::ThreadTier<T, Resetter, Allocator, Destroyer>;
+  using SharedHolder = objpool::SharedTier<T, Resetter, Allocator, Destroyer>;
+  friend Holder;
+
+  // Shares `global_pool` (may be empty: the tier then works alone).
+  TLSObjectPoolImpl(std::shared_ptr<Global> global_pool, uint32_t object_size, uint32_t capacity)
+      : global_pool_(std::move(global_pool)), object_size_(object_size), capacity_(capacity) {}
+  ~TLSObjectPoolImpl() = default;
+
+  Holder& holder() { return static_cast<Holder&>(*this); }
+  SharedHolder& shared() { return static_cast<SharedHolder&>(*global_pool_); }
+
+  // Appends `p` (may be null) to `list` in a kept node, or in a new one when none is kept.
+  void Append(Batch& list, Element* p);
+  // Fills the empty free list.
+  [[gnu::noinline]] void Refill();
+  // The newest batch of the shared tier, in exchange for surplus empty nodes; empty when there is
+  // none.
+  Batch TakeBatch();
+  // Gives `pending_batch_` away, in exchange for empty nodes, and leaves it empty.
+  [[gnu::noinline]] void HandOver();
+
+  std::shared_ptr<Global> global_pool_;
+  Batch free_list_;      // ready to hand out, the latest return at the back
+  Batch pending_batch_;  // returns beyond a full free list, fewer than a batch
+  uint32_t object_size_;
+  uint32_t capacity_;  // bound of both lists, and the size of a batch
+};
+
+// The shared tier of one pool. Always the base of an objpool::SharedTier.
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+class GlobalObjectPool {
+ public:
+  using Batch = std::list<objpool::ObjUniquePtr<T, Destroyer>>;
+
+  GlobalObjectPool(const GlobalObjectPool&) = delete;
+  GlobalObjectPool& operator=(const GlobalObjectPool&) = delete;
+
+  // How many batches a trim leaves of a tier bounded by `max_batches`. In 32 bits, so a bound above
+  // 2^32 / 3 wraps around.
+  static constexpr uint32_t BatchesLeftByTrim(uint32_t max_batches) {
+    return max_batches * 3u / 4u;
+  }
+
+ private:
+  friend class ObjectPoolTestPeer;
+  friend class TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>;
+  friend struct objpool::SharedTier<T, Resetter, Allocator, Destroyer>;
+
+  explicit GlobalObjectPool(uint32_t max_batches) : max_batches_(max_batches) {}
+  ~GlobalObjectPool() = default;
+
+  // The caller holds `mutex_`. Frees the oldest batches when there are more than `max_batches_`,
+  // down to three quarters of the bound: the next hand-overs then find room instead of each freeing
+  // a batch under the mutex.
+  void TrimLocked();
+
+  std::mutex mutex_;          // guards batches_ and the holder's empty_envelopes
+  std::list<Batch> batches_;  // whole batches, oldest at the front
+  uint32_t max_batches_;      // in batches, not in arrays
+};
+
+// The pool: the door to both tiers.
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+class ObjectPool {
+ public:
+  using Element = std::remove_extent_t<T>;
+  using TLSPool = TLSObjectPool<T, Resetter, Allocator, Destroyer>;
+  using Global = GlobalObjectPool<T, Resetter, Allocator, Destroyer>;
+
+  // A pool of arrays of `object_size` elements. `capacity` bounds each of a thread's two lists and
+  // is the size of a batch (0 is taken as 1); `max_batches` bounds the shared tier.
+  ObjectPool(uint32_t object_size, uint32_t capacity, uint32_t max_batches)
+      : tls_pool_(std::make_unique<TLSPool>(object_size, capacity)), max_batches_(max_batches) {}
+  ObjectPool(const ObjectPool&) = delete;
+  ObjectPool& operator=(const ObjectPool&) = delete;
+
+  // Any thread. An array with whatever its last user left in it, or null when memory has run out.
+  // The caller owns it and gives it back with Reuse, on any thread.
+  [[nodiscard]] Element* AllocRaw() {
+    auto* tier = tls_pool_->GetTLSPool(&GetGlobalObjectPool, this);
+    if (tier == nullptr) return Allocator()(tls_pool_->object_size());
+    return tier->Alloc().Release();
+  }
+
+  // Any thread. Takes `p`, an array that AllocRaw of this pool handed out (not checked); null is
+  // ignored.
+  void Reuse(Element* p) {
+    auto* tier = tls_pool_->GetTLSPool(&GetGlobalObjectPool, this);
+    if (p == nullptr) return;
+    if (tier == nullptr) {
+      Destroyer()(p, tls_pool_->object_size());
+      return;
+    }
+    tier->Reuse(p);
+  }
+
+  // Any thread. The shared tier of the ObjectPool at `pool`, made when none is alive; empty when
+  // `pool` is null.
+  static std::shared_ptr<Global> GetGlobalObjectPool(void* pool);
+
+ private:
+  friend class ObjectPoolTestPeer;
+
+  std::unique_ptr<TLSPool> tls_pool_;
+  base::Lock lock_;
+  std::weak_ptr<Global> global_pool_ QUENOR_GUARDED_BY(lock_);
+  uint32_t max_batches_;
+};
+
+namespace objpool {
+
+// List nodes are kept, not freed: taking an array out leaves its node empty, storing one needs a
+// node, and in the long run both happen equally often. A thread keeps its empty nodes beside its
+// tier. A whole batch travels in an envelope, the node of `batches_` that holds it, and pays for
+// its passage: who takes a batch leaves his empty nodes above `capacity_` in his own envelope, who
+// hands one over takes such an envelope along. So a thread that only takes and a thread that only
+// returns need no new nodes either, and nothing is allocated while the mutex is held.
+// Bounds: a thread's nodes, full and empty, are at most 2 * capacity_. A node is made only when
+// none is empty, for two lists of that length together; taking leaves one capacity of empty nodes
+// beside the batch; handing over leaves a full free list beside an envelope of at most one
+// capacity.
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+struct ThreadTier final : TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer> {
+  using Base = TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>;
+  using Batch = typename Base::Batch;
+
+  ThreadTier(std::shared_ptr<typename Base::Global> global_pool, uint32_t object_size,
+             uint32_t capacity)
+      : Base(std::move(global_pool), object_size, capacity) {}
+
+  Batch empty_nodes;          // every array in it is null
+  std::list<Batch> envelope;  // none or one, empty inside between exchanges
+};
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+struct SharedTier final : GlobalObjectPool<T, Resetter, Allocator, Destroyer> {
+  using Base = GlobalObjectPool<T, Resetter, Allocator, Destroyer>;
+
+  explicit SharedTier(uint32_t max_batches) : Base(max_batches) {}
+
+  // Guarded by `mutex_`. With `batches_` together never more than max_batches_ + 1: an envelope is
+  // made only when a hand-over finds none here.
+  std::list<typename Base::Batch> empty_envelopes;
+};
+
+}  // namespace objpool
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+TLSObjectPool<T, Resetter, Allocator, Destroyer>::~TLSObjectPool() {
+  auto* tier = static_cast<Tier*>(slot_.Get());
+  slot_.Set(nullptr);
+  delete static_cast<objpool::ThreadTier<T, Resetter, Allocator, Destroyer>*>(tier);
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+auto TLSObjectPool<T, Resetter, Allocator, Destroyer>::MakeTier(
+    std::shared_ptr<Global> (*get_global)(void*), void* arg) -> Tier* {
+  if (objpool::ThreadEnd::HasBegun()) return nullptr;
+  std::shared_ptr<Global> global = get_global(arg);
+  if (global == nullptr) return nullptr;
+  auto made = std::make_unique<objpool::ThreadTier<T, Resetter, Allocator, Destroyer>>(
+      std::move(global), object_size_, capacity_);
+  Tier* tier = made.get();
+  if (!slot_.Set(tier)) return nullptr;
+  made.release();  // owned by the slot from here on
+  return tier;
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+void TLSObjectPool<T, Resetter, Allocator, Destroyer>::OnThreadEnd(void* tier) {
+  objpool::ThreadEnd::SetBegun();  // before the arrays go: a destroyer may call the pool again
+  delete static_cast<objpool::ThreadTier<T, Resetter, Allocator, Destroyer>*>(
+      static_cast<Tier*>(tier));
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+auto TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Alloc() -> Array {
+  if (free_list_.empty()) Refill();
+  Array array = std::move(free_list_.back());
+  Batch& nodes = holder().empty_nodes;
+  nodes.splice(nodes.end(), free_list_, std::prev(free_list_.end()));
+  return array;
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Reuse(Element* p) {
+  Resetter()(p, object_size_);
+  if (free_list_.size() < capacity_) {
+    Append(free_list_, p);
+    return;
+  }
+  Append(pending_batch_, p);
+  if (pending_batch_.size() >= capacity_) HandOver();
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Append(Batch& list, Element* p) {
+  Batch& nodes = holder().empty_nodes;
+  if (nodes.empty()) {
+    list.emplace_back(p, object_size_);
+    return;
+  }
+  nodes.back() = Array(p, object_size_);
+  list.splice(list.end(), nodes, std::prev(nodes.end()));
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Refill() {
+  if (!pending_batch_.empty()) {
+    free_list_.splice(free_list_.end(), pending_batch_);
+    return;
+  }
+  Batch batch = TakeBatch();
+  while (batch.size() < capacity_) Append(batch, Allocator()(object_size_));
+  free_list_.splice(free_list_.end(), batch);
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+auto TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::TakeBatch() -> Batch {
+  Batch taken;
+  if (global_pool_ == nullptr) return taken;
+  std::list<Batch>& envelope = holder().envelope;
+  if (envelope.empty()) envelope.emplace_back();
+  Batch& nodes = holder().empty_nodes;
+  if (nodes.size() > capacity_) {  // the rest serves this thread's returns up to its next hand-over
+    const auto surplus = static_cast<std::ptrdiff_t>(nodes.size() - capacity_);
+    envelope.front().splice(envelope.front().end(), nodes, nodes.begin(),
+                            std::next(nodes.begin(), surplus));
+  }
+  bool found = false;
+  {
+    SharedHolder& tier = shared();
+    std::lock_guard<std::mutex> lock(tier.mutex_);
+    found = !tier.batches_.empty();
+    if (found) {
+      tier.empty_envelopes.splice(tier.empty_envelopes.end(), envelope);
+      envelope.splice(envelope.end(), tier.batches_, std::prev(tier.batches_.end()));
+    }
+  }
+  if (found) {
+    taken.swap(envelope.front());
+  } else {
+    nodes.splice(nodes.end(), envelope.front());
+  }
+  return taken;
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::HandOver() {
+  if (global_pool_ == nullptr) {
+    pending_batch_.clear();
+    return;
+  }
+  std::list<Batch>& envelope = holder().envelope;
+  if (envelope.empty()) envelope.emplace_back();
+  envelope.front().swap(pending_batch_);
+  {
+    SharedHolder& tier = shared();
+    std::lock_guard<std::mutex> lock(tier.mutex_);
+    tier.batches_.splice(tier.batches_.end(), envelope);
+    if (!tier.empty_envelopes.empty()) {
+      envelope.splice(envelope.end(), tier.empty_envelopes, std::prev(tier.empty_envelopes.end()));
+    }
+    tier.TrimLocked();
+  }
+  if (envelope.empty()) return;
+  Batch& nodes = holder().empty_nodes;
+  nodes.splice(nodes.end(), envelope.front());
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+void GlobalObjectPool<T, Resetter, Allocator, Destroyer>::TrimLocked() {
+  if (batches_.size() <= max_batches_) return;
+  const uint32_t left = BatchesLeftByTrim(max_batches_);
+  while (batches_.size() > left) batches_.pop_front();
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+auto ObjectPool<T, Resetter, Allocator, Destroyer>::GetGlobalObjectPool(void* pool)
+    -> std::shared_ptr<Global> {
+  if (pool == nullptr) return nullptr;
+  auto* self = static_cast<ObjectPool*>(pool);
+  base::AutoLock lock(self->lock_);
+  std::shared_ptr<Global> global = self->global_pool_.lock();
+  if (global == nullptr) {
+    // Not make_shared: the weak reference would keep the dead tier's memory.
+    global = std::shared_ptr<Global>(
+        new objpool::SharedTier<T, Resetter, Allocator, Destroyer>(self->max_batches_));
+    self->global_pool_ = global;
+  }
+  return global;
+}
+
+}  // namespace quenor
+
+#endif  // QUENOR_BASE_OBJECT_POOL_OBJECT_POOL_H_

@@ -1,0 +1,444 @@
+// quenor-report against quenor-collector over TLS, as a person would run them.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "tests/cli/process.h"
+#include "tests/cli/reporting.h"
+
+namespace quenor::test {
+namespace {
+
+class ReportTest : public ::testing::Test {
+ protected:
+  Result Send(const std::string& url, const Arguments& more, const std::string& input) {
+    return RunWhole(SendCommand(certificates_, url, more), input);
+  }
+
+  const Certificates certificates_;
+};
+
+std::string Joined(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) text += line + "\n";
+  return text;
+}
+
+std::vector<std::string> NumberedLines(int count) {
+  std::vector<std::string> lines;
+  for (int i = 1; i <= count; ++i) lines.push_back("report number " + std::to_string(i));
+  return lines;
+}
+
+Digests DigestsOf(const std::vector<std::string>& messages) {
+  Digests digests;
+  for (const std::string& message : messages) ++digests[Sha256Hex(message)];
+  return digests;
+}
+
+// With retries a message may arrive twice, but each must arrive, and nothing else.
+void ExpectEachArrived(const std::vector<std::string>& messages, const Digests& arrived) {
+  const Digests sent = DigestsOf(messages);
+  for (const auto& [digest, count] : sent) {
+    const auto found = arrived.find(digest);
+    EXPECT_TRUE(found != arrived.end() && found->second >= count) << digest;
+  }
+  for (const auto& [digest, count] : arrived) EXPECT_EQ(1u, sent.count(digest)) << digest;
+}
+
+bool Mentions(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+TEST_F(ReportTest, DeliversAThousandLinesOnceEachAndUnaltered) {
+  Collector collector(certificates_, {});
+  const std::vector<std::string> lines = NumberedLines(1000);
+
+  const Result result = Send(collector.url(), {"--send-now"}, Joined(lines));
+
+  EXPECT_EQ("handed_over=1000 delivered=1000 failed_attempts=0 dropped=0 left=0\n", result.out);
+  EXPECT_EQ("", result.err);
+  EXPECT_EQ(0, result.exit_code);
+  EXPECT_EQ(DigestsOf(lines), collector.Stop());
+}
+
+TEST_F(ReportTest, DeliversLargeEmptyAndBinaryMessagesUnaltered) {
+  Collector collector(certificates_, {});
+  std::string all_bytes;
+  for (int i = 0; i < (383 << 10); ++i) all_bytes += static_cast<char>(i % 256);
+  const std::vector<std::string> messages = {all_bytes, "", std::string("\0", 1), "x\r\n"};
+  Arguments files = {"--send-now"};
+  for (size_t i = 0; i < messages.size(); ++i) {
+    files.push_back(certificates_.Write("file" + std::to_string(i), messages[i]));
+  }
+
+  const Result result = Send(collector.url(), files, "");
+
+  EXPECT_EQ("handed_over=4 delivered=4 failed_attempts=0 dropped=0 left=0\n", result.out);
+  EXPECT_EQ(0, result.exit_code);
+  EXPECT_EQ(DigestsOf(messages), collector.Stop());
+}
+
+TEST_F(ReportTest, DeliversLinesOfAllBytesWithoutTheirEnds) {
+  Collector collector(certificates_, {});
+  std::string line;
+  for (int byte = 0; byte < 256; ++byte) {
+    if (byte != '\n') line += static_cast<char>(byte);
+  }
+  const std::string large(383 << 10, 'l');
+
+  const Result result =
+      Send(collector.url(), {"--send-now", "--lines"}, line + "\n\n" + large + "\n" + "no end\r");
+
+  EXPECT_EQ(0, result.exit_code) << result.err;
+  EXPECT_EQ(DigestsOf({line, "", large, "no end\r"}), collector.Stop());
+}
+
+TEST_F(ReportTest, DeliversStandardInputWholeForADash) {
+  Collector collector(certificates_, {});
+
+  const Result result = Send(collector.url(), {"--http1", "-"}, "a\nb\n");
+
+  EXPECT_EQ(0, result.exit_code) << result.err;
+  EXPECT_EQ(DigestsOf({"a\nb\n"}), collector.Stop());
+}
+
+TEST_F(ReportTest, DeliversWithoutSendNowAtTheTimersPace) {
+  Collector collector(certificates_, {});
+
+  const Result result = Send(collector.url(), {}, "a\nb\nc\n");
+
+  EXPECT_EQ("handed_over=3 delivered=3 failed_attempts=0 dropped=0 left=0\n", result.out);
+  EXPECT_EQ(DigestsOf({"a", "b", "c"}), collector.Stop());
+}
+
+TEST_F(ReportTest, AnEmptyInputIsDelivered) {
+  RefusingPort nobody;
+
+  const Result result = Send("https://" + nobody.Address() + "/", {}, "");
+
+  EXPECT_EQ("handed_over=0 delivered=0 failed_attempts=0 dropped=0 left=0\n", result.out);
+  EXPECT_EQ(0, result.exit_code);
+}
+
+TEST_F(ReportTest, LosesNothingToAServerThatFailsEveryThirdRequest) {
+  Collector collector(certificates_, {"--fail-every", "3"});
+  const std::vector<std::string> lines = NumberedLines(8);
+
+  const Result result = Send(collector.url(), {"--send-now", "--wait", "120"}, Joined(lines));
+
+  EXPECT_EQ(0, result.exit_code) << result.err;
+  EXPECT_EQ(8, Field(result.out, "delivered"));
+  EXPECT_GE(Field(result.out, "failed_attempts"), 2);
+  ExpectEachArrived(lines, collector.Stop());
+}
+
+TEST_F(ReportTest, LosesNothingToAServerThatLowersTheResendLimit) {
+  Collector collector(certificates_, {"--fail-every", "3", "--max-resend", "1"});
+  const std::vector<std::string> lines = NumberedLines(8);
+
+  const Result result = Send(collector.url(), {"--send-now", "--wait", "120"}, Joined(lines));
+
+  EXPECT_EQ(0, result.exit_code) << result.err;
+  EXPECT_EQ(8, Field(result.out, "delivered"));
+  EXPECT_EQ(0, Field(result.out, "dropped"));
+  EXPECT_EQ(1u, CountIn(result.err, "the server has set the resend limit to 1; it is lifted again"))
+      << result.err;
+  ExpectEachArrived(lines, collector.Stop());
+}
+
+TEST_F(ReportTest, SaysOnceThatTheServersIntervalSwitchesSendNowOff) {
+  Collector collector(certificates_, {"--send-interval", "100"});
+
+  const Result result = Send(collector.url(), {"--send-now"}, Joined(NumberedLines(5)));
+
+  EXPECT_EQ(0, result.exit_code);
+  EXPECT_EQ(
+      "quenor-report: the send interval is now 100 ms: the server has set it; --send-now is off "
+      "while an interval is set\n",
+      result.err);
+}
+
+TEST_F(ReportTest, SaysThatItsOwnIntervalSwitchesSendNowOff) {
+  Collector collector(certificates_, {});
+
+  const Result result = Send(collector.url(), {"--send-now", "--interval", "150"}, "a\nb\n");
+
+  EXPECT_EQ(0, result.exit_code);
+  EXPECT_EQ("quenor-report: --send-now is off while an interval is set, here by --interval 150\n",
+            result.err);
+}
+
+TEST_F(ReportTest, NamesWhatIsDroppedAtTheResendLimit) {
+  Collector collector(certificates_, {"--status", "503"});
+  const std::string file = certificates_.Write("crash.dmp", "x");
+
+  const Result lines = Send(collector.url(), {"--send-now", "--max-resend", "1"}, "a\nb\n");
+  const Result files = Send(collector.url(), {"--send-now", "--max-resend", "1", file}, "");
+
+  EXPECT_EQ("handed_over=2 delivered=0 failed_attempts=2 dropped=2 left=0\n", lines.out);
+  EXPECT_EQ(69, lines.exit_code);
+  for (const char* name : {"line 1", "line 2"}) {
+    EXPECT_TRUE(Mentions(lines.err, "quenor-report: " + std::string(name) +
+                                        " was dropped: 1 failed send; the last time the server "
+                                        "answered with HTTP status 503\n"))
+        << lines.err;
+  }
+  EXPECT_EQ(69, files.exit_code);
+  EXPECT_TRUE(Mentions(files.err, file + " was dropped")) << files.err;
+}
+
+TEST_F(ReportTest, WhenTheServerIsDownEverythingIsLeftAndNamed) {
+  RefusingPort nobody;
+
+  const Result result = Send("https://" + nobody.Address() + "/", {"--wait", "2"}, "a\nb\nc\n");
+
+  EXPECT_EQ(75, result.exit_code);
+  EXPECT_EQ(3, Field(result.out, "left"));
+  EXPECT_EQ(0, Field(result.out, "delivered"));
+  EXPECT_TRUE(Mentions(result.err,
+                       "3 messages left undelivered (line 1, line 2, line 3); at the "
+                       "last failed send the server could not be reached"))
+      << result.err;
+}
+
+TEST_F(ReportTest, WaitZeroDoesNotWait) {
+  Collector collector(certificates_, {"--never-answer-every", "1"});
+
+  const Result result = Send(collector.url(), {"--wait", "0"}, "a\n");
+
+  EXPECT_EQ(75, result.exit_code);
+  EXPECT_EQ("handed_over=1 delivered=0 failed_attempts=0 dropped=0 left=1\n", result.out);
+}
+
+TEST_F(ReportTest, StopsReadingAtOneHundredAndFortyNineWhileTheServerIsDown) {
+  RefusingPort nobody;
+
+  const Result result = Send("https://" + nobody.Address() + "/", {"--send-now", "--wait", "1"},
+                             Joined(NumberedLines(1000)));
+
+  EXPECT_EQ(75, result.exit_code);
+  EXPECT_EQ(149, Field(result.out, "handed_over"));
+  EXPECT_EQ(149, Field(result.out, "left"));
+  EXPECT_EQ(0, Field(result.out, "dropped"));
+  EXPECT_TRUE(Mentions(result.err, "the input was not read to its end")) << result.err;
+}
+
+TEST_F(ReportTest, SendsNothingToAServerThatItCannotVerify) {
+  Collector collector(certificates_, {});
+
+  const Result result =
+      RunWhole({QUENOR_REPORT_PATH, "send", "--url", collector.url(), "--wait", "2"}, "secret\n");
+
+  EXPECT_EQ(75, result.exit_code);
+  EXPECT_EQ(1, Field(result.out, "left"));
+  EXPECT_TRUE(collector.Stop().empty());
+  EXPECT_EQ(0u, collector.requests());
+}
+
+TEST_F(ReportTest, NeverGoesAroundAProxyThatIsDown) {
+  Collector collector(certificates_, {});
+  RefusingPort nobody;
+
+  const Result result =
+      Send(collector.url(), {"--socks5", "me:pa%40ss@" + nobody.Address(), "--wait", "2"}, "a\n");
+
+  EXPECT_EQ(75, result.exit_code);
+  collector.Stop();
+  EXPECT_EQ(0u, collector.requests());
+  EXPECT_FALSE(Mentions(result.err, "pa@ss")) << result.err;
+  EXPECT_FALSE(Mentions(result.err, "pa%40ss")) << result.err;
+}
+
+class StopSignalTest : public ReportTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(StopSignalTest, EndsInOrderAndSaysWhatIsLeft) {
+  Collector collector(certificates_, {"--never-answer-every", "3"});
+  Pipe input;
+  Process report(SendCommand(certificates_, collector.url(), {"--send-now", "--wait", "300"}),
+                 std::move(input.reader));
+  ASSERT_EQ(6, ::write(input.writer.get(), "a\nb\nc\n", 6));
+  collector.WaitForRequests(3);
+
+  report.Signal(GetParam());
+  const Result result = ResultOf(&report);
+
+  EXPECT_EQ(75, result.exit_code);
+  EXPECT_EQ(3, Field(result.out, "handed_over"));
+  EXPECT_GE(Field(result.out, "left"), 1);
+  EXPECT_EQ(3, Field(result.out, "left") + Field(result.out, "delivered"));
+  EXPECT_EQ(0, Field(result.out, "dropped"));
+  EXPECT_TRUE(Mentions(result.err, "left undelivered (line ")) << result.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, StopSignalTest, ::testing::Values(SIGINT, SIGTERM));
+
+TEST_F(ReportTest, ASignalEndsItWhileItWaitsForInput) {
+  Collector collector(certificates_, {});
+  Pipe input;
+  Process report(SendCommand(certificates_, collector.url(), {"--send-now"}),
+                 std::move(input.reader));
+  ASSERT_EQ(2, ::write(input.writer.get(), "a\n", 2));
+  collector.WaitForRequests(1);
+
+  report.Signal(SIGTERM);
+  const Result result = ResultOf(&report);
+
+  EXPECT_EQ(1, Field(result.out, "handed_over"));
+  EXPECT_EQ(Field(result.out, "delivered") == 1 ? 0 : 75, result.exit_code);
+}
+
+TEST_F(ReportTest, ASecondSignalEndsItAtOnce) {
+  Collector collector(certificates_, {"--never-answer-every", "1"});
+  Pipe input;
+  // Nobody reads this pipe and it is full: the line about what is left cannot be written.
+  Pipe error;
+  ::fcntl(error.writer.get(), F_SETFL, O_NONBLOCK);
+  const std::string block(4096, 'x');
+  while (::write(error.writer.get(), block.data(), block.size()) > 0) {
+  }
+  ::fcntl(error.writer.get(), F_SETFL, 0);
+  Process report(SendCommand(certificates_, collector.url(), {"--send-now"}),
+                 std::move(input.reader), std::move(error.writer));
+  ASSERT_EQ(2, ::write(input.writer.get(), "a\n", 2));
+  collector.WaitForRequests(1);
+
+  report.Signal(SIGINT);
+  report.Signal(SIGTERM);
+
+  EXPECT_EQ(-SIGTERM, report.Wait());
+}
+
+TEST_F(ReportTest, AnEndlessPipeIsEndedBySigint) {
+  Collector collector(certificates_, {});
+  Pipe lines;
+  // Its lines go to standard error, so that they reach the pipe and not this test.
+  Process yes({"sh", "-c", "exec yes >&2"}, Containing(""), std::move(lines.writer));
+  Process report(SendCommand(certificates_, collector.url(), {"--send-now"}),
+                 std::move(lines.reader));
+  collector.WaitForRequests(500);
+
+  report.Signal(SIGINT);
+  const Result result = ResultOf(&report);
+
+  EXPECT_GE(Field(result.out, "delivered"), 500 - 149);
+  EXPECT_LE(Field(result.out, "left"), 149);
+  EXPECT_EQ(0, Field(result.out, "dropped"));
+  EXPECT_EQ(Field(result.out, "left") > 0 ? 75 : 0, result.exit_code);
+}
+
+TEST_F(ReportTest, ShowsProgressOnATerminalOnly) {
+  Collector collector(certificates_, {});
+  Fd terminal(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+  ASSERT_EQ(0, ::grantpt(terminal.get()));
+  ASSERT_EQ(0, ::unlockpt(terminal.get()));
+  Fd other_side(::open(::ptsname(terminal.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
+  ASSERT_GE(other_side.get(), 0);
+  Collected shown(std::move(terminal));
+  {
+    Process report(SendCommand(certificates_, collector.url(), {"--send-now"}),
+                   Containing(Joined(NumberedLines(20))), std::move(other_side));
+    EXPECT_EQ(0, report.Wait());
+    EXPECT_EQ("handed_over=20 delivered=20 failed_attempts=0 dropped=0 left=0\n",
+              report.out().Whole());
+  }
+
+  EXPECT_TRUE(Mentions(shown.Whole(), "delivered 20, in flight 0, queued 0, retries 0, "))
+      << shown.Whole();
+}
+
+TEST_F(ReportTest, AnUnreadableFileIsFoundBeforeAnythingIsSent) {
+  Collector collector(certificates_, {});
+  const std::string good = certificates_.Write("good", "x");
+
+  const Result result = Send(collector.url(), {"--send-now", good, good + ".missing"}, "");
+
+  EXPECT_EQ(65, result.exit_code);
+  EXPECT_EQ("", result.out);
+  EXPECT_EQ("quenor-report: cannot read " + good +
+                ".missing: No such file or directory; nothing was sent; correct it and start "
+                "again\n",
+            result.err);
+  collector.Stop();
+  EXPECT_EQ(0u, collector.requests());
+}
+
+TEST_F(ReportTest, AnInputThatFailsInTheMiddleNamesWhatWasHandedOver) {
+  Collector collector(certificates_, {});
+  const std::string a = certificates_.Write("a", "1");
+  const std::string b = certificates_.Write("b", "2");
+
+  // A regular file by its kind, whose first page cannot be read.
+  const Result result = Send(collector.url(), {"--send-now", a, b, "/proc/self/mem", a}, "");
+
+  EXPECT_EQ(65, result.exit_code);
+  EXPECT_EQ("handed_over=2 delivered=2 failed_attempts=0 dropped=0 left=0\n", result.out);
+  EXPECT_EQ(
+      "quenor-report: cannot read /proc/self/mem: Input/output error; handed over before it: " + a +
+          " to " + b + "; correct it and hand over the rest\n",
+      result.err);
+  EXPECT_EQ(DigestsOf({"1", "2"}), collector.Stop());
+}
+
+TEST_F(ReportTest, UnreadableStandardInputIsFoundBeforeAnythingIsSent) {
+  Process report(SendCommand(certificates_, "https://127.0.0.1:1/", {}),
+                 Fd(::open("/", O_RDONLY | O_CLOEXEC)));
+
+  const Result result = ResultOf(&report);
+
+  EXPECT_EQ(65, result.exit_code);
+  EXPECT_TRUE(Mentions(result.err, "cannot read standard input: Is a directory")) << result.err;
+}
+
+TEST_F(ReportTest, WrongUsageIsNamedInOneLine) {
+  const std::string url = "https://127.0.0.1:1/";
+  const std::string no_pem = certificates_.Write("no.pem", "this is no certificate\n");
+  const struct {
+    Arguments arguments;
+    std::string named;
+  } cases[] = {
+      {{"--url", "https://host:99999/"}, "https://host:99999/"},
+      {{"--url", url, "--cacert", "/nowhere/ca.pem"}, "/nowhere/ca.pem"},
+      {{"--url", url, "--cacert", no_pem}, no_pem},
+      {{"--url", url, "--socks5", "proxy"}, "\"proxy\""},
+      {{"--url", url, "--frobnicate"}, "--frobnicate"},
+      {{}, "--url"},
+  };
+  for (const auto& test : cases) {
+    Arguments arguments = {QUENOR_REPORT_PATH, "send"};
+    arguments.insert(arguments.end(), test.arguments.begin(), test.arguments.end());
+    const Result result = RunWhole(arguments, "a\n");
+
+    EXPECT_EQ(64, result.exit_code) << result.err;
+    EXPECT_EQ("", result.out);
+    EXPECT_TRUE(Mentions(result.err, test.named)) << result.err;
+    EXPECT_EQ(1u, CountIn(result.err, "\n")) << result.err;
+  }
+}
+
+TEST(ReportProgramTest, HelpHasExamples) {
+  const Result result = RunWhole({QUENOR_REPORT_PATH, "send", "--help"}, "");
+
+  EXPECT_EQ(0, result.exit_code);
+  EXPECT_TRUE(Mentions(result.out, "quenor-report send --url https://")) << result.out;
+}
+
+TEST(ReportProgramTest, VersionNamesEveryServiceOnALineOfItsOwn) {
+  const Result result = RunWhole({QUENOR_REPORT_PATH, "--version"}, "");
+
+  EXPECT_EQ(0, result.exit_code);
+  EXPECT_EQ(0u, result.out.find("quenor-report "));
+  for (const char* service : {"http_client", "json", "timer", "dispatch_queue", "config_center",
+                              "path_service", "report_events", "proxy_config", "throtter", "log"}) {
+    EXPECT_EQ(1u, CountIn(result.out, "\n" + std::string(service) + ": ")) << result.out;
+  }
+}
+
+}  // namespace
+}  // namespace quenor::test

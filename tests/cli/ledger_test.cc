@@ -1,0 +1,447 @@
+#include "cli/ledger.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <string>
+
+#include "quenor_base/platform/http_client.h"
+
+namespace quenor::cli {
+namespace {
+
+constexpr uint32_t kNoLimit = std::numeric_limits<uint32_t>::max();
+
+// Plays the channel: tells the ledger what becomes of messages.
+class LedgerTest : public ::testing::Test {
+ protected:
+  explicit LedgerTest(Ledger::Options options = {}) : ledger_(WithCounters(std::move(options))) {}
+
+  Ledger::Options WithCounters(Ledger::Options options) {
+    options.wake = [this] { ++wakes_; };
+    options.lift_resend_limit = [this] { ++lifts_; };
+    return options;
+  }
+
+  void Tell(ReportEventKind kind, const std::string& bytes,
+            ReportEventCause cause = ReportEventCause::kNone, int64_t request_id = 0,
+            uint32_t send_count = 0) {
+    ReportEvent event{kind, cause, channel_name_};
+    event.data = bytes.empty() ? nullptr : reinterpret_cast<const uint8_t*>(bytes.data());
+    event.size = static_cast<uint32_t>(bytes.size());
+    event.request_id = request_id;
+    event.send_count = send_count;
+    ledger_.OnReportEvent(event);
+  }
+
+  void HandOver(const std::string& name, const std::string& bytes) {
+    ledger_.Expect({name, bytes});
+    Tell(ReportEventKind::kHandedOver, bytes);
+    Tell(ReportEventKind::kAdmitted, bytes);
+  }
+
+  void Send(const std::string& bytes) {
+    Tell(ReportEventKind::kSent, bytes, ReportEventCause::kNone, 7, 1);
+  }
+
+  void Acknowledge(const std::string& bytes) {
+    Tell(ReportEventKind::kAcknowledged, bytes, ReportEventCause::kNone, 7, 1);
+  }
+
+  void Fail(const std::string& bytes, int status_code) {
+    ReportEvent event{ReportEventKind::kFailed, ReportEventCause::kStatus, channel_name_};
+    event.data = reinterpret_cast<const uint8_t*>(bytes.data());
+    event.size = static_cast<uint32_t>(bytes.size());
+    event.status_code = status_code;
+    event.http_state = static_cast<int32_t>(HttpClient::State::kCompleted);
+    ledger_.OnReportEvent(event);
+  }
+
+  void Retune(uint32_t interval_ms, uint32_t limit) {
+    ReportEvent event{ReportEventKind::kRetuned, ReportEventCause::kNone, channel_name_};
+    event.send_interval_ms = interval_ms;
+    event.max_resend_count = limit;
+    ledger_.OnReportEvent(event);
+  }
+
+  void ExpectBooksClosed() {
+    const Counts counts = ledger_.GetCounts();
+    EXPECT_EQ(counts.handed_over, counts.delivered + counts.dropped + counts.left);
+  }
+
+  const std::string channel_name_ = "test";
+  int wakes_ = 0;
+  int lifts_ = 0;
+  Ledger ledger_;
+};
+
+class LimitedLedgerTest : public LedgerTest {
+ protected:
+  LimitedLedgerTest() : LedgerTest(Limited()) {}
+  static Ledger::Options Limited() {
+    Ledger::Options options;
+    options.max_resend = 2;
+    return options;
+  }
+};
+
+class TunedLedgerTest : public LedgerTest {
+ protected:
+  TunedLedgerTest() : LedgerTest(Tuned()) {}
+  static Ledger::Options Tuned() {
+    Ledger::Options options;
+    options.send_now = true;
+    options.interval_ms = 500;
+    return options;
+  }
+};
+
+TEST_F(LedgerTest, CountsAMessageFromHandOverToDelivery) {
+  HandOver("line 1", "a");
+  EXPECT_EQ(1u, ledger_.GetCounts().left);
+  Send("a");
+  EXPECT_EQ(1u, ledger_.GetCounts().in_flight);
+  Acknowledge("a");
+
+  const Counts counts = ledger_.GetCounts();
+  EXPECT_EQ(1u, counts.handed_over);
+  EXPECT_EQ(1u, counts.delivered);
+  EXPECT_EQ(0u, counts.left);
+  EXPECT_EQ(0u, counts.in_flight);
+}
+
+TEST_F(LedgerTest, CountsEmptyMessagesLikeOthers) {
+  HandOver("line 1", "");
+  Send("");
+  Acknowledge("");
+
+  EXPECT_EQ(1u, ledger_.GetCounts().delivered);
+  EXPECT_EQ(0u, ledger_.GetCounts().left);
+}
+
+TEST_F(LedgerTest, TellsMessagesApartByAllTheirBytes) {
+  const std::string zero("\0", 1);
+  HandOver("line 1", zero);
+  HandOver("line 2", "");
+  HandOver("line 3", zero + zero);
+  Send(zero);
+  Acknowledge(zero);
+
+  EXPECT_EQ((std::vector<std::string>{"line 2", "line 3"}), ledger_.LeftNames(10));
+}
+
+TEST_F(LedgerTest, OfEqualMessagesTheOldestGoesFirst) {
+  HandOver("line 1", "y");
+  HandOver("line 2", "y");
+  Send("y");
+  Send("y");
+  Acknowledge("y");
+
+  EXPECT_EQ(std::vector<std::string>{"line 2"}, ledger_.LeftNames(10));
+  EXPECT_EQ(1u, ledger_.GetCounts().in_flight);
+}
+
+TEST_F(LedgerTest, NamesWhatIsLeftInOrderUpToALimit) {
+  HandOver("line 1", "z");
+  HandOver("line 2", "a");
+  HandOver("line 3", "m");
+
+  EXPECT_EQ((std::vector<std::string>{"line 1", "line 2"}), ledger_.LeftNames(2));
+}
+
+TEST_F(LedgerTest, HasRoomForLessThanOneHundredAndFifty) {
+  for (int i = 0; i < 149; ++i) {
+    ASSERT_TRUE(ledger_.HasRoom()) << i;
+    HandOver("line", std::to_string(i));
+  }
+
+  EXPECT_FALSE(ledger_.HasRoom());
+}
+
+TEST_F(LedgerTest, WakesWhenThereIsRoomAgain) {
+  for (int i = 0; i < 149; ++i) HandOver("line", std::to_string(i));
+  Send("0");
+  ASSERT_EQ(0, wakes_);
+
+  Acknowledge("0");
+
+  EXPECT_EQ(1, wakes_);
+  EXPECT_TRUE(ledger_.HasRoom());
+}
+
+TEST_F(LedgerTest, HasRoomForOneMessageHoweverLarge) {
+  const std::string large(Ledger::kMaxOutstandingBytes, 'x');
+  EXPECT_TRUE(ledger_.HasRoom());
+  HandOver("large", large);
+  EXPECT_FALSE(ledger_.HasRoom());
+  Send(large);
+  Acknowledge(large);
+
+  EXPECT_TRUE(ledger_.HasRoom());
+  EXPECT_EQ(1, wakes_);
+}
+
+TEST_F(LedgerTest, WakesWhenNothingIsLeft) {
+  HandOver("line 1", "a");
+  HandOver("line 2", "b");
+  Send("a");
+  Send("b");
+  Acknowledge("a");
+  EXPECT_EQ(0, wakes_);
+
+  Acknowledge("b");
+
+  EXPECT_EQ(1, wakes_);
+}
+
+TEST_F(LedgerTest, WakesOnceOnTheNextEventWhenAskedTo) {
+  ledger_.WakeOnNextEvent();
+  HandOver("line 1", "a");
+
+  EXPECT_EQ(1, wakes_);
+}
+
+TEST_F(LedgerTest, CountsFailedAttemptsAndKeepsTheMessage) {
+  HandOver("line 1", "a");
+  Send("a");
+  Fail("a", 503);
+
+  EXPECT_TRUE(ledger_.IsFailing());
+  const Counts counts = ledger_.GetCounts();
+  EXPECT_EQ(1u, counts.failed_attempts);
+  EXPECT_EQ(1u, counts.retries);
+  EXPECT_EQ(1u, counts.left);
+  EXPECT_EQ(0u, counts.in_flight);
+  EXPECT_EQ("the server answered with HTTP status 503", ledger_.LastFailure());
+}
+
+TEST_F(LedgerTest, WakesWhenTheServerBeginsToFailAndWhenItRecovers) {
+  HandOver("line 1", "a");
+  HandOver("line 2", "b");
+  Send("a");
+  Fail("a", 500);
+  EXPECT_EQ(1, wakes_);
+  Send("a");
+  Fail("a", 500);
+  EXPECT_EQ(1, wakes_);
+  Send("a");
+  Acknowledge("a");
+
+  EXPECT_EQ(2, wakes_);
+  EXPECT_FALSE(ledger_.IsFailing());
+}
+
+TEST_F(LedgerTest, NamesHowATransportFailed) {
+  const struct {
+    HttpClient::State state;
+    const char* text;
+  } cases[] = {
+      {HttpClient::State::kFailed,
+       "the server could not be reached, not be verified, or broke off"},
+      {HttpClient::State::kCancelled, "the request was cancelled"},
+      {HttpClient::State::kTimedOut, "the server did not answer in time"},
+      {HttpClient::State::kTooLarge, "the server's answer was too large"},
+  };
+  for (const auto& test : cases) {
+    HandOver("line", "a");
+    ReportEvent event{ReportEventKind::kFailed, ReportEventCause::kTransport, channel_name_};
+    event.data = reinterpret_cast<const uint8_t*>("a");
+    event.size = 1;
+    event.http_state = static_cast<int32_t>(test.state);
+    ledger_.OnReportEvent(event);
+
+    EXPECT_EQ(test.text, ledger_.LastFailure());
+  }
+}
+
+TEST_F(LimitedLedgerTest, NamesADroppedMessageAndWhy) {
+  HandOver("line 17", "a");
+  Send("a");
+  Fail("a", 503);
+  Send("a");
+  Fail("a", 500);
+  Tell(ReportEventKind::kDropped, "a", ReportEventCause::kResendLimit, 7, 2);
+
+  EXPECT_EQ(std::vector<std::string>{"line 17 was dropped: 2 failed sends; the last time the "
+                                     "server answered with HTTP status 500"},
+            ledger_.TakeNotices());
+  EXPECT_TRUE(ledger_.TakeNotices().empty());
+  const Counts counts = ledger_.GetCounts();
+  EXPECT_EQ(1u, counts.dropped);
+  EXPECT_EQ(2u, counts.failed_attempts);
+  EXPECT_EQ(1u, counts.retries);
+  EXPECT_EQ(0u, counts.left);
+  EXPECT_FALSE(ledger_.TakeToHandOverAgain());
+  ExpectBooksClosed();
+}
+
+TEST_F(LimitedLedgerTest, ShowsALimitOfTheServersAndLetsItStand) {
+  Retune(0, 1);
+  Retune(0, 1);
+
+  EXPECT_EQ(
+      std::vector<std::string>{
+          "the server has set the resend limit to 1 in place of --max-resend 2"},
+      ledger_.TakeNotices());
+  EXPECT_EQ(0, lifts_);
+}
+
+TEST_F(LedgerTest, EveryOtherDropIsFinalAndNamed) {
+  for (const ReportEventCause cause : {ReportEventCause::kTrimmed, ReportEventCause::kNotCompressed,
+                                       ReportEventCause::kReplaced}) {
+    HandOver("a.txt", "a");
+    Tell(ReportEventKind::kDropped, "a", cause);
+
+    const std::vector<std::string> notices = ledger_.TakeNotices();
+    ASSERT_EQ(1u, notices.size());
+    EXPECT_EQ(0u, notices[0].find("a.txt was dropped: ")) << notices[0];
+  }
+  EXPECT_EQ(3u, ledger_.GetCounts().dropped);
+}
+
+TEST_F(LedgerTest, AMessageRefusedForLackOfMemoryIsDropped) {
+  HandOver("a.txt", "a");
+  Tell(ReportEventKind::kRefused, "a", ReportEventCause::kOutOfMemory);
+
+  EXPECT_EQ(std::vector<std::string>{"a.txt was dropped: there was no memory to copy it"},
+            ledger_.TakeNotices());
+  EXPECT_FALSE(ledger_.IsBroken());
+}
+
+TEST_F(LedgerTest, HandsOverAgainWhatAServersLimitDropped) {
+  HandOver("line 1", "a");
+  Send("a");
+  Fail("a", 503);
+  Tell(ReportEventKind::kDropped, "a", ReportEventCause::kResendLimit, 7, 1);
+
+  EXPECT_EQ("a", ledger_.TakeToHandOverAgain());
+  EXPECT_FALSE(ledger_.TakeToHandOverAgain());
+  Tell(ReportEventKind::kHandedOver, "a");  // Not announced: it is on the books already.
+  Send("a");
+  Acknowledge("a");
+
+  const Counts counts = ledger_.GetCounts();
+  EXPECT_EQ(1u, counts.handed_over);
+  EXPECT_EQ(1u, counts.delivered);
+  EXPECT_EQ(0u, counts.dropped);
+  EXPECT_EQ(1u, counts.retries);
+  EXPECT_TRUE(ledger_.TakeNotices().empty());
+  ExpectBooksClosed();
+}
+
+TEST_F(LedgerTest, HandsOverAgainAnEmptyMessage) {
+  HandOver("line 1", "");
+  Tell(ReportEventKind::kDropped, "", ReportEventCause::kResendLimit, 7, 1);
+
+  EXPECT_EQ("", ledger_.TakeToHandOverAgain());
+}
+
+TEST_F(LedgerTest, HandsNothingOverAgainWhileTheChannelIsFull) {
+  HandOver("line 1", "a");
+  Tell(ReportEventKind::kDropped, "a", ReportEventCause::kResendLimit, 7, 1);
+  for (int i = 0; i < 149; ++i) Tell(ReportEventKind::kLoaded, std::to_string(i));
+  EXPECT_FALSE(ledger_.TakeToHandOverAgain());
+  Send("0");
+  Acknowledge("0");
+
+  EXPECT_EQ("a", ledger_.TakeToHandOverAgain());
+}
+
+TEST_F(LedgerTest, ADropAtTheEndIsLeftNotHandedOverAgain) {
+  HandOver("line 1", "a");
+  Send("a");
+  ledger_.Close();
+  Fail("a", 503);
+  Tell(ReportEventKind::kDropped, "a", ReportEventCause::kResendLimit, 7, 1);
+
+  EXPECT_FALSE(ledger_.TakeToHandOverAgain());
+  EXPECT_EQ(1u, ledger_.GetCounts().left);
+  EXPECT_EQ(0u, ledger_.GetCounts().dropped);
+}
+
+TEST_F(LedgerTest, LiftsALimitOfTheServersEachTimeAndShowsItOnce) {
+  Retune(0, 1);
+  Retune(0, 1);
+
+  EXPECT_EQ(2, lifts_);
+  EXPECT_EQ(std::vector<std::string>{"the server has set the resend limit to 1; it is lifted "
+                                     "again, as no --max-resend is given"},
+            ledger_.TakeNotices());
+}
+
+TEST_F(LedgerTest, LiftsNothingWhenTheServerSetsNoLimit) {
+  Retune(0, kNoLimit);
+
+  EXPECT_EQ(0, lifts_);
+  EXPECT_TRUE(ledger_.TakeNotices().empty());
+}
+
+TEST_F(LedgerTest, LiftsNothingOnceTheChannelEnds) {
+  ledger_.Close();
+  Retune(0, 1);
+
+  EXPECT_EQ(0, lifts_);
+}
+
+TEST_F(LedgerTest, ShowsEachIntervalThatTheServerSets) {
+  Retune(3000, kNoLimit);
+  Retune(3000, kNoLimit);
+  Retune(200, kNoLimit);
+
+  EXPECT_EQ((std::vector<std::string>{"the send interval is now 3000 ms: the server has set it",
+                                      "the send interval is now 200 ms: the server has set it"}),
+            ledger_.TakeNotices());
+}
+
+TEST_F(TunedLedgerTest, SaysThatAnIntervalOfTheServersSwitchesSendNowOff) {
+  Retune(500, kNoLimit);
+  EXPECT_TRUE(ledger_.TakeNotices().empty());
+  Retune(3000, kNoLimit);
+
+  EXPECT_EQ(std::vector<std::string>{"the send interval is now 3000 ms: the server has set it; "
+                                     "--send-now is off while an interval is set"},
+            ledger_.TakeNotices());
+}
+
+TEST_F(LedgerTest, WhatATerminationEndsIsLeft) {
+  HandOver("line 1", "kept");
+  HandOver("line 2", "in memory");
+  HandOver("line 3", "not run");
+  HandOver("line 4", "too late");
+  Send("in memory");
+  ledger_.Close();
+  Tell(ReportEventKind::kKept, "kept");
+  Tell(ReportEventKind::kDropped, "in memory", ReportEventCause::kTerminated, 7, 1);
+  Tell(ReportEventKind::kDropped, "not run", ReportEventCause::kNeverRun);
+  Tell(ReportEventKind::kRefused, "too late", ReportEventCause::kQueueGone);
+
+  const Counts counts = ledger_.GetCounts();
+  EXPECT_EQ(4u, counts.left);
+  EXPECT_EQ(0u, counts.dropped);
+  EXPECT_EQ(0u, counts.in_flight);
+  EXPECT_FALSE(ledger_.IsBroken());
+  ExpectBooksClosed();
+}
+
+TEST_F(LedgerTest, IsBrokenWhenTheChannelWasNeverInitialized) {
+  HandOver("line 1", "a");
+  Tell(ReportEventKind::kRefused, "a", ReportEventCause::kNotInitialized);
+
+  EXPECT_TRUE(ledger_.IsBroken());
+  EXPECT_EQ(1, wakes_);
+  EXPECT_EQ(1u, ledger_.GetCounts().left);
+}
+
+TEST_F(LedgerTest, CountsWhatTheChannelLoadedAsHandedOver) {
+  Tell(ReportEventKind::kLoaded, "old");
+  EXPECT_EQ(std::vector<std::string>{"a message of an earlier run (3 bytes)"},
+            ledger_.LeftNames(1));
+  Send("old");
+  Acknowledge("old");
+
+  EXPECT_EQ(1u, ledger_.GetCounts().handed_over);
+  EXPECT_EQ(1u, ledger_.GetCounts().delivered);
+}
+
+}  // namespace
+}  // namespace quenor::cli

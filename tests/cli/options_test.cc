@@ -1,0 +1,102 @@
+#include "cli/options.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "cli/fatal.h"
+
+namespace quenor::cli {
+namespace {
+
+constexpr char kUrl[] = "https://collector.example/reports";
+
+Options Parse(std::vector<const char*> arguments) {
+  arguments.insert(arguments.begin(), {"quenor-report", "send", "--url", kUrl});
+  return *ParseCommandLine(static_cast<int>(arguments.size()), arguments.data());
+}
+
+// The one line about wrong usage; empty when there is none.
+std::string Objection(std::vector<const char*> arguments) {
+  arguments.insert(arguments.begin(), "quenor-report");
+  try {
+    ParseCommandLine(static_cast<int>(arguments.size()), arguments.data());
+    return "";
+  } catch (const Fatal& fatal) {
+    EXPECT_EQ(kExitUsage, fatal.exit_code());
+    EXPECT_EQ(std::string::npos, std::string(fatal.what()).find('\n')) << fatal.what();
+    return fatal.what();
+  }
+}
+
+TEST(OptionsTest, HasDefaultsForAllButTheUrl) {
+  const Options options = Parse({});
+
+  EXPECT_EQ(kUrl, options.url);
+  EXPECT_EQ("quenor-report", options.channel);
+  EXPECT_FALSE(options.send_now);
+  EXPECT_EQ("", options.ca_file);
+  EXPECT_FALSE(options.http1);
+  EXPECT_FALSE(options.socks5);
+  EXPECT_FALSE(options.interval_ms);
+  EXPECT_FALSE(options.max_resend);
+  EXPECT_EQ(30, options.wait_s);
+  EXPECT_TRUE(options.files.empty());
+}
+
+TEST(OptionsTest, TakesEveryOption) {
+  const Options options = Parse({"--channel", "usage", "--send-now", "--cacert", "ca.pem",
+                                 "--http1", "--socks5", "u:p@h:1", "--interval", "250",
+                                 "--max-resend", "4294967295", "--wait", "0.5", "a", "-", "/b"});
+
+  EXPECT_EQ("usage", options.channel);
+  EXPECT_TRUE(options.send_now);
+  EXPECT_EQ("ca.pem", options.ca_file);
+  EXPECT_TRUE(options.http1);
+  ASSERT_TRUE(options.socks5);
+  EXPECT_EQ("p", options.socks5->password);
+  EXPECT_EQ(250u, options.interval_ms);
+  EXPECT_EQ(4294967295u, options.max_resend);
+  EXPECT_EQ(0.5, options.wait_s);
+  EXPECT_EQ((std::vector<std::string>{"a", "-", "/b"}), options.files);
+}
+
+TEST(OptionsTest, TakesFilesThatLookLikeOptionsAfterTwoDashes) {
+  EXPECT_EQ((std::vector<std::string>{"--lines", "-x"}), Parse({"--", "--lines", "-x"}).files);
+}
+
+TEST(OptionsTest, LinesIsTheDefaultSpelledOut) { EXPECT_TRUE(Parse({"--lines"}).files.empty()); }
+
+TEST(OptionsTest, RefusesWrongUsageInOneLine) {
+  const std::vector<std::vector<const char*>> cases = {
+      {},
+      {"send"},
+      {"recv", "--url", kUrl},
+      {"send", "--url", kUrl, "--nonsense"},
+      {"send", "--url", "no url"},
+      {"send", "--url", ""},
+      {"send", "--url", kUrl, "--lines", "file"},
+      {"send", "--url", kUrl, "-", "-"},
+      {"send", "--url", kUrl, "--socks5", "host"},
+      {"send", "--url", kUrl, "--socks5", ""},
+      {"send", "--url", kUrl, "--interval", "-1"},
+      {"send", "--url", kUrl, "--interval", "4294967296"},
+      {"send", "--url", kUrl, "--interval", "soon"},
+      {"send", "--url", kUrl, "--max-resend", "0"},
+      {"send", "--url", kUrl, "--wait", "-1"},
+      {"send", "--url", kUrl, "--wait", "nan"},
+      {"send", "--url", kUrl, "--wait", "inf"},
+      {"send", "--url", kUrl, "--channel", ""},
+      {"send", "--url", kUrl, "--channel", ".."},
+      {"send", "--url", kUrl, "--channel", "a/b"},
+      {"send", "--url", kUrl, "--channel", "a\nb"},
+  };
+  for (const auto& arguments : cases) {
+    EXPECT_NE("", Objection(arguments))
+        << arguments.size() << " " << (arguments.empty() ? "" : arguments.back());
+  }
+}
+
+}  // namespace
+}  // namespace quenor::cli

@@ -1,0 +1,142 @@
+#include "tests/cli/reporting.h"
+
+#include <netinet/in.h>
+#include <openssl/evp.h>
+#include <sys/socket.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace quenor::test {
+namespace {
+
+// The text between `begin` and `end` behind it.
+std::string Between(const std::string& text, const std::string& begin, const std::string& end) {
+  const size_t at = text.find(begin);
+  if (at == std::string::npos) return "";
+  const size_t from = at + begin.size();
+  return text.substr(from, text.find(end, from) - from);
+}
+
+Arguments CollectorCommand(const Certificates& certificates, const Arguments& more) {
+  Arguments arguments = {QUENOR_COLLECTOR_PATH,
+                         "--listen",
+                         "127.0.0.1:0",
+                         "--cert",
+                         certificates.Path("server.pem"),
+                         "--key",
+                         certificates.Path("server.key"),
+                         "--log",
+                         "-"};
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  return arguments;
+}
+
+}  // namespace
+
+Certificates::Certificates() {
+  std::string pattern = std::filesystem::temp_directory_path() / "quenor_cli_XXXXXX";
+  if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  folder_ = pattern;
+  Process maker({QUENOR_MAKE_CERTIFICATES_PATH, folder_}, Containing(""));
+  if (maker.Wait() != 0) throw std::runtime_error("no certificates: " + maker.err().Whole());
+}
+
+Certificates::~Certificates() {
+  std::error_code ignored;
+  std::filesystem::remove_all(folder_, ignored);
+}
+
+std::string Certificates::Write(const std::string& name, const std::string& content) const {
+  std::ofstream(Path(name), std::ios::binary) << content;
+  return Path(name);
+}
+
+std::string Sha256Hex(const std::string& bytes) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  EVP_Digest(bytes.data(), bytes.size(), digest, &size, EVP_sha256(), nullptr);
+  std::string hex;
+  for (unsigned int i = 0; i < size; ++i) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    hex += kDigits[digest[i] >> 4];
+    hex += kDigits[digest[i] & 15];
+  }
+  return hex;
+}
+
+Collector::Collector(const Certificates& certificates, const Arguments& more)
+    : process_(CollectorCommand(certificates, more), Containing("")) {
+  const std::string begin = "listening url=";
+  const std::string line = process_.out().FirstLine();
+  if (line.compare(0, begin.size(), begin) != 0) {
+    throw std::runtime_error("the collector does not listen: " + process_.err().Whole());
+  }
+  url_ = line.substr(begin.size());
+}
+
+void Collector::WaitForRequests(size_t count) {
+  if (!process_.out().WaitFor("\"sha256\":", count)) {
+    throw std::runtime_error("the collector ended early: " + process_.err().Whole());
+  }
+}
+
+Digests Collector::Stop() {
+  process_.Signal(SIGTERM);
+  process_.Wait();
+  std::istringstream lines(process_.out().Whole());
+  Digests accepted;
+  for (std::string line; std::getline(lines, line);) {
+    const std::string digest = Between(line, "\"sha256\":\"", "\"");
+    if (digest.empty()) continue;
+    ++requests_;
+    const std::string status = Between(line, "\"status\":", "}");
+    if (std::atoi(status.c_str()) == 200) ++accepted[digest];
+  }
+  return accepted;
+}
+
+Arguments SendCommand(const Certificates& certificates, const std::string& url,
+                      const Arguments& more) {
+  Arguments arguments = {QUENOR_REPORT_PATH,         "send", "--url", url, "--cacert",
+                         certificates.Path("ca.pem")};
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  return arguments;
+}
+
+Result ResultOf(Process* process) {
+  Result result;
+  result.exit_code = process->Wait();
+  result.out = process->out().Whole();
+  result.err = process->err().Whole();
+  return result;
+}
+
+Result RunWhole(const Arguments& arguments, const std::string& standard_input) {
+  Process process(arguments, Containing(standard_input));
+  return ResultOf(&process);
+}
+
+RefusingPort::RefusingPort() : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof(address);
+  auto* const raw = reinterpret_cast<sockaddr*>(&address);
+  // Bound but not listening: nobody else gets the port, and connecting to it fails.
+  if (::bind(socket_.get(), raw, size) != 0 || ::getsockname(socket_.get(), raw, &size) != 0) {
+    throw std::runtime_error("cannot bind a port");
+  }
+  port_ = ntohs(address.sin_port);
+}
+
+int Field(const std::string& out, const std::string& name) {
+  const std::string text = Between(" " + out, " " + name + "=", " ");
+  return text.empty() ? -1 : std::atoi(text.c_str());
+}
+
+}  // namespace quenor::test

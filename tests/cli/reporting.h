@@ -1,0 +1,89 @@
+// What the end-to-end tests have in common: a throw-away certificate authority, a collector that
+// speaks TLS on a free port, and runs of quenor-report.
+#ifndef TESTS_CLI_REPORTING_H_
+#define TESTS_CLI_REPORTING_H_
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/cli/process.h"
+
+namespace quenor::test {
+
+using Arguments = std::vector<std::string>;
+
+// A folder with ca.pem, server.pem and server.key; gone with the object.
+class Certificates {
+ public:
+  Certificates();
+  ~Certificates();
+
+  std::string Path(const std::string& name) const { return folder_ + "/" + name; }
+
+  // A new file in the folder.
+  std::string Write(const std::string& name, const std::string& content) const;
+
+ private:
+  std::string folder_;
+};
+
+// How many messages there are of each SHA-256.
+using Digests = std::map<std::string, int>;
+
+std::string Sha256Hex(const std::string& bytes);
+
+class Collector {
+ public:
+  // Starts it and waits until it listens.
+  Collector(const Certificates& certificates, const Arguments& more);
+
+  const std::string& url() const { return url_; }
+
+  // Waits until it has put `count` requests on record.
+  void WaitForRequests(size_t count);
+
+  // Ends it in order. What it answered 200 to, and how many requests it got.
+  Digests Stop();
+  size_t requests() const { return requests_; }
+
+ private:
+  Process process_;
+  std::string url_;
+  size_t requests_ = 0;
+};
+
+struct Result {
+  int exit_code = 0;
+  std::string out;
+  std::string err;
+};
+
+// "quenor-report send --url URL --cacert ..." and what `more` adds.
+Arguments SendCommand(const Certificates& certificates, const std::string& url,
+                      const Arguments& more);
+
+// Waits for the end of a run.
+Result ResultOf(Process* process);
+
+// Runs it whole.
+Result RunWhole(const Arguments& arguments, const std::string& standard_input);
+
+// A port of 127.0.0.1 that refuses connections for as long as the object lives.
+class RefusingPort {
+ public:
+  RefusingPort();
+  std::string Address() const { return "127.0.0.1:" + std::to_string(port_); }
+
+ private:
+  Fd socket_;
+  int port_ = 0;
+};
+
+// The number behind "name=" in a closing line; -1 when it is not there.
+int Field(const std::string& out, const std::string& name);
+
+}  // namespace quenor::test
+
+#endif  // TESTS_CLI_REPORTING_H_

@@ -1,0 +1,109 @@
+#include "collector/options.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "collector/fatal.h"
+
+namespace quenor::collector {
+namespace {
+
+std::optional<Options> Parse(std::vector<std::string> words) {
+  words.insert(words.begin(), "quenor-collector");
+  std::vector<const char*> argv;
+  for (const std::string& word : words) argv.push_back(word.c_str());
+  return ParseCommandLine(static_cast<int>(argv.size()), argv.data());
+}
+
+// The one line that a wrong command line ends with.
+std::string UsageError(const std::vector<std::string>& words) {
+  try {
+    Parse(words);
+  } catch (const Fatal& fatal) {
+    EXPECT_EQ(fatal.exit_code(), kExitUsage);
+    return fatal.what();
+  }
+  return "accepted";
+}
+
+TEST(OptionsTest, DefaultsListenOnAFreeLoopbackPort) {
+  const Options options = *Parse({});
+
+  EXPECT_EQ(options.server.host, "127.0.0.1");
+  EXPECT_EQ(options.server.port, 0);
+  EXPECT_EQ(options.server.threads, 64u);
+  EXPECT_EQ(options.server.max_body_bytes, 64u << 20);
+  EXPECT_EQ(options.server.misbehaviour.fail_status, 503);
+  EXPECT_EQ(options.server.misbehaviour.status, 200);
+  EXPECT_FALSE(options.recorder.inflate);
+}
+
+TEST(OptionsTest, SizesTakeUnitsOf1024) {
+  EXPECT_EQ(Parse({"--max-body", "3MiB"})->server.max_body_bytes, 3u << 20);
+  EXPECT_EQ(Parse({"--max-body", "3kb"})->server.max_body_bytes, 3u << 10);
+  EXPECT_EQ(Parse({"--max-inflated", "77"})->recorder.max_inflated_bytes, 77u);
+}
+
+TEST(OptionsTest, ControlFieldsOfZeroAreSet) {
+  const Options options = *Parse({"--send-interval", "0", "--report-duration", "7"});
+
+  EXPECT_EQ(options.server.reply.send_interval_ms, std::optional<uint64_t>(0));
+  EXPECT_EQ(options.server.reply.max_resend_count, std::nullopt);
+  EXPECT_EQ(options.server.reply.report_duration_s, std::optional<uint64_t>(7));
+}
+
+TEST(OptionsTest, AddressesOfBothFamiliesAreSplit) {
+  using Address = std::pair<std::string, int>;
+
+  EXPECT_EQ(ParseAddress("127.0.0.1:8443"), Address("127.0.0.1", 8443));
+  EXPECT_EQ(ParseAddress("localhost:0"), Address("localhost", 0));
+  EXPECT_EQ(ParseAddress("[::1]:65535"), Address("::1", 65535));
+}
+
+TEST(OptionsTest, WrongAddressesAreNamed) {
+  for (const char* address : {"", "host", ":1", "host:", "host:x", "host:65536", "host:-1",
+                              "host:000001", "::1:80", "[]:80", "[::1]", "[::1:80"}) {
+    EXPECT_NE(UsageError({"--listen", address}).find("\"" + std::string(address) + "\""),
+              std::string::npos)
+        << address;
+  }
+}
+
+TEST(OptionsTest, WrongValuesNameTheirOption) {
+  const std::vector<std::pair<std::string, std::string>> wrong = {
+      {"--fail-every", "-3"},
+      {"--fail-every", "x"},
+      {"--status", "199"},
+      {"--status", "600"},
+      {"--fail-status", "2e2"},
+      {"--max-body", "-1"},
+      {"--max-body", "1 parsec"},
+      {"--threads", "0"},
+      {"--send-interval", "4294967296"},
+      {"--delay-ms", "1.5"},
+      {"--idle-timeout", "0"},
+      {"--out", ""},
+      {"--log", ""},
+      {"--max-resend", "99999999999999999999"},
+  };
+  for (const auto& [option, value] : wrong) {
+    EXPECT_NE(UsageError({option, value}).find(option), std::string::npos) << option << value;
+  }
+}
+
+TEST(OptionsTest, UnknownOptionsAndStrayWordsAreNamed) {
+  EXPECT_NE(UsageError({"--bogus"}).find("--bogus"), std::string::npos);
+  EXPECT_NE(UsageError({"stray"}).find("stray"), std::string::npos);
+}
+
+TEST(OptionsTest, CertificateAndKeyNeedEachOther) {
+  EXPECT_NE(UsageError({"--cert", "c"}).find("--key"), std::string::npos);
+  EXPECT_NE(UsageError({"--key", "k"}).find("--cert"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace quenor::collector

@@ -1,0 +1,271 @@
+#include "quenor_base/object_pool/alloc_buffer_from_pool.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "heap_probe.h"
+#include "pool_test_support.h"
+
+namespace quenor::internal {
+namespace {
+
+using Peer = ObjectPoolTestPeer;
+using Buffer = std::unique_ptr<uint8_t[], void (*)(void*)>;
+using Arrays = std::vector<uint8_t*>;
+
+static_assert(std::is_same_v<decltype(AllocBufferTFromPool<uint8_t[]>(0)), Buffer>);
+
+// True when no class has a tier on the calling thread.
+bool ThreadTouchedNoPool() {
+  for (const BufferClass& one : kBufferClasses) {
+    if (Peer::Tier(*GetBufferObjPool(one.length_bytes)) != nullptr) return false;
+  }
+  return true;
+}
+
+struct Row {
+  uint32_t size;
+  uint32_t class_length;
+};
+
+class PooledSizeTest : public ::testing::TestWithParam<Row> {};
+
+TEST_P(PooledSizeTest, ComesFromItsClassAndGoesBackThere) {
+  const auto [size, class_length] = GetParam();
+  OnSdkThread([size = size, class_length = class_length] {
+    BufferObjPool& pool = *GetBufferObjPool(class_length);
+    const HeapCounts before = HeapProbe::Counts();
+
+    Buffer buffer = AllocBufferTFromPool<uint8_t[]>(size);
+
+    const HeapCounts after = HeapProbe::Counts();
+    EXPECT_EQ(after.last_array_bytes, class_length);
+    EXPECT_EQ(after.nothrow_array_news - before.nothrow_array_news, Peer::Capacity(pool));
+    EXPECT_EQ(after.array_news, before.array_news);
+    ASSERT_NE(buffer, nullptr);
+    ASSERT_NE(buffer.get_deleter(), nullptr);
+    for (const BufferClass& one : kBufferClasses) {
+      EXPECT_EQ(Peer::Tier(*GetBufferObjPool(one.length_bytes)) != nullptr,
+                one.length_bytes == class_length);
+    }
+    std::memset(buffer.get(), 0x5A, class_length);  // the whole class length may be written
+
+    uint8_t* const array = buffer.get();
+    buffer.reset();
+    EXPECT_EQ(Peer::FreeList(pool).back(), array);
+    EXPECT_EQ(HeapProbe::Counts().array_deletes, after.array_deletes);
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryBound, PooledSizeTest,
+    ::testing::Values(Row{1, 512}, Row{511, 512}, Row{512, 512}, Row{513, 1024}, Row{1024, 1024},
+                      Row{1025, 2048}, Row{2048, 2048}, Row{2049, 4096}, Row{4096, 4096},
+                      Row{4097, 16384}, Row{8192, 16384}, Row{8193, 16384}, Row{16384, 16384},
+                      Row{16385, 32768}, Row{32768, 32768}, Row{32769, 65536}, Row{65536, 65536},
+                      Row{65537, 524288}, Row{131072, 524288}, Row{262144, 524288},
+                      Row{524288, 524288}, Row{524289, 1048576}, Row{1048576, 1048576}),
+    [](const auto& row) {
+      return std::to_string(row.param.size) + "From" + std::to_string(row.param.class_length);
+    });
+
+TEST(AllocBufferTest, NineClassesHaveNineReleaseFunctions) {
+  OnSdkThread([] {
+    std::vector<void (*)(void*)> functions;
+    for (const BufferClass& one : kBufferClasses) {
+      functions.push_back(AllocBufferTFromPool<uint8_t[]>(one.length_bytes).get_deleter());
+    }
+    std::sort(functions.begin(), functions.end());
+    EXPECT_EQ(std::unique(functions.begin(), functions.end()), functions.end());
+  });
+}
+
+TEST(AllocBufferTest, ZeroOnAnSdkThreadIsEmptyWithoutReleaseFunction) {
+  OnSdkThread([] {
+    const HeapCounts before = HeapProbe::Counts();
+    {
+      Buffer buffer = AllocBufferTFromPool<uint8_t[]>(0);
+      EXPECT_EQ(buffer.get(), nullptr);
+      EXPECT_EQ(buffer.get_deleter(), nullptr);
+    }
+    EXPECT_EQ(HeapProbe::Counts().News(), before.News());
+    EXPECT_EQ(HeapProbe::Counts().Deletes(), before.Deletes());
+    EXPECT_TRUE(ThreadTouchedNoPool());
+  });
+}
+
+TEST(AllocBufferTest, ZeroOnAForeignThreadIsAnArrayOfNoBytesThatArrayDeleteFrees) {
+  OnForeignThread([] {
+    const HeapCounts before = HeapProbe::Counts();
+    {
+      Buffer buffer = AllocBufferTFromPool<uint8_t[]>(0);
+      EXPECT_NE(buffer.get(), nullptr);
+      EXPECT_NE(buffer.get_deleter(), nullptr);
+      EXPECT_EQ(HeapProbe::Counts().array_news - before.array_news, 1u);
+      EXPECT_EQ(HeapProbe::Counts().last_array_bytes, 0u);
+    }
+    EXPECT_EQ(HeapProbe::Counts().array_deletes - before.array_deletes, 1u);
+  });
+}
+
+class PlainHeapTest : public ::testing::TestWithParam<uint32_t> {};
+
+TEST_P(PlainHeapTest, ForeignThreadGetsExactlyTheSizeAndTouchesNoPool) {
+  OnForeignThread([size = GetParam()] {
+    const HeapCounts before = HeapProbe::Counts();
+    {
+      Buffer buffer = AllocBufferTFromPool<uint8_t[]>(size);
+      EXPECT_NE(buffer, nullptr);
+      EXPECT_EQ(HeapProbe::Counts().array_news - before.array_news, 1u);
+      EXPECT_EQ(HeapProbe::Counts().nothrow_array_news, before.nothrow_array_news);
+      EXPECT_EQ(HeapProbe::Counts().last_array_bytes, size);
+    }
+    EXPECT_EQ(HeapProbe::Counts().array_deletes - before.array_deletes, 1u);
+    EXPECT_TRUE(ThreadTouchedNoPool());
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(AnySize, PlainHeapTest,
+                         ::testing::Values(1u, 100u, 512u, 8192u, 1048576u, 1048577u));
+
+TEST(AllocBufferTest, AboveTheLargestClassIsExactlyTheSizeFromThePlainHeap) {
+  OnSdkThread([] {
+    const HeapCounts before = HeapProbe::Counts();
+    {
+      Buffer buffer = AllocBufferTFromPool<uint8_t[]>(1048577);
+      EXPECT_NE(buffer, nullptr);
+      EXPECT_EQ(HeapProbe::Counts().array_news - before.array_news, 1u);
+      EXPECT_EQ(HeapProbe::Counts().nothrow_array_news, before.nothrow_array_news);
+      EXPECT_EQ(HeapProbe::Counts().last_array_bytes, 1048577u);
+    }
+    EXPECT_EQ(HeapProbe::Counts().array_deletes - before.array_deletes, 1u);
+    EXPECT_TRUE(ThreadTouchedNoPool());
+  });
+}
+
+TEST(AllocBufferTest, PlainReleaseFunctionsIgnoreNull) {
+  ReleaseForeignThreadBuffer(nullptr);
+  ReleaseOversizeBuffer(nullptr);
+}
+
+TEST(AllocBufferTest, FlagIsAskedOnEveryCall) {
+  OnSdkThread([] {
+    base::ThreadCreateFlag::SetThreadCreateByQuenor(false);
+    EXPECT_NE(AllocBufferTFromPool<uint8_t[]>(0), nullptr);
+    base::ThreadCreateFlag::SetThreadCreateByQuenor(true);
+    EXPECT_EQ(AllocBufferTFromPool<uint8_t[]>(0), nullptr);
+  });
+}
+
+TEST(AllocBufferTest, ArrayReleasedOnAnotherSdkThreadEndsUpInThatThreadsFreeList) {
+  BufferObjPool& pool = *GetBufferObjPool(2048);
+  OnSdkThread([&] {
+    Buffer buffer = AllocBufferTFromPool<uint8_t[]>(2000);
+    const Arrays own_before = Peer::FreeList(pool);
+    OnSdkThread([&] {
+      uint8_t* const array = buffer.get();
+      buffer.reset();
+      EXPECT_EQ(Peer::FreeList(pool), Arrays{array});
+    });
+    EXPECT_EQ(Peer::FreeList(pool), own_before);
+  });
+}
+
+TEST(AllocBufferTest, ArrayReleasedOnAForeignThreadMakesThatThreadsTier) {
+  BufferObjPool& pool = *GetBufferObjPool(2048);
+  OnSdkThread([&] {
+    Buffer buffer = AllocBufferTFromPool<uint8_t[]>(2000);
+    OnForeignThread([&] {
+      EXPECT_EQ(Peer::Tier(pool), nullptr);
+      uint8_t* const array = buffer.get();
+      buffer.reset();
+      EXPECT_EQ(Peer::FreeList(pool), Arrays{array});
+    });
+  });
+}
+
+TEST(AllocBufferTest, ArrayOfAForeignThreadReleasedOnAnSdkThreadEntersNoPool) {
+  OnForeignThread([] {
+    Buffer buffer = AllocBufferTFromPool<uint8_t[]>(100);
+    OnSdkThread([&] {
+      buffer.reset();
+      EXPECT_TRUE(ThreadTouchedNoPool());
+    });
+  });
+}
+
+TEST(AllocBufferTest, ReusedArrayKeepsItsBytes) {
+  OnSdkThread([] {
+    Buffer buffer = AllocBufferTFromPool<uint8_t[]>(300);
+    std::memset(buffer.get(), 0xA5, 512);
+    uint8_t* const array = buffer.get();
+    buffer.reset();
+
+    buffer = AllocBufferTFromPool<uint8_t[]>(1);
+
+    ASSERT_EQ(buffer.get(), array);
+    for (int i = 0; i < 512; ++i) EXPECT_EQ(buffer[i], 0xA5);
+  });
+}
+
+class EveryClassTest : public ::testing::TestWithParam<BufferClass> {};
+
+TEST_P(EveryClassTest, ArrayThatCannotBeMadeIsANullWithAPooledReleaseFunction) {
+  const BufferClass buffer_class = GetParam();
+  // Fails the n-th of the arrays that a dry thread makes at once, n = 1, 2, 3 ...
+  for (uint32_t n = 1; n <= buffer_class.capacity; ++n) {
+    OnSdkThread([&] {
+      HeapProbe::FailNothrowArrayNews(n, 1);
+      std::vector<Buffer> buffers;
+      for (uint32_t i = 0; i < buffer_class.capacity; ++i) {
+        buffers.push_back(AllocBufferTFromPool<uint8_t[]>(buffer_class.length_bytes));
+        EXPECT_EQ(buffers.back().get_deleter(), buffers.front().get_deleter());
+      }
+
+      EXPECT_NE(buffers.front().get_deleter(), nullptr);
+      // Made in order, handed out from the back.
+      for (uint32_t i = 0; i < buffer_class.capacity; ++i) {
+        EXPECT_EQ(buffers[i] == nullptr, i == buffer_class.capacity - n) << "n = " << n;
+      }
+    });
+  }
+}
+
+TEST_P(EveryClassTest, DroppingTheNullResultPutsNothingIntoThePool) {
+  const BufferClass buffer_class = GetParam();
+  BufferObjPool& pool = *GetBufferObjPool(buffer_class.length_bytes);
+  OnSdkThread([&] {
+    HeapProbe::FailNothrowArrayNews(1, buffer_class.capacity);
+    Buffer buffer = AllocBufferTFromPool<uint8_t[]>(buffer_class.length_bytes);
+    ASSERT_EQ(buffer, nullptr);
+    const size_t free_before = Peer::FreeList(pool).size();
+
+    buffer = Buffer(nullptr, nullptr);
+
+    EXPECT_EQ(Peer::FreeList(pool).size(), free_before);
+  });
+}
+
+TEST_P(EveryClassTest, PairInTheSteadyStateAllocatesAndFreesNothing) {
+  const uint32_t size = GetParam().length_bytes;
+  OnSdkThread([&] {
+    AllocBufferTFromPool<uint8_t[]>(size).reset();
+    const HeapCounts before = HeapProbe::Counts();
+
+    for (int i = 0; i < 100; ++i) AllocBufferTFromPool<uint8_t[]>(size).reset();
+
+    EXPECT_EQ(HeapProbe::Counts().News(), before.News());
+    EXPECT_EQ(HeapProbe::Counts().Deletes(), before.Deletes());
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(Pooled, EveryClassTest, ::testing::ValuesIn(kBufferClasses),
+                         [](const auto& row) {
+                           return "Class" + std::to_string(row.param.length_bytes);
+                         });
+
+}  // namespace
+}  // namespace quenor::internal

@@ -1,0 +1,87 @@
+// The registry of the nine pools.
+#include <gtest/gtest.h>
+
+#include <set>
+#include <vector>
+
+#include "pool_test_support.h"
+#include "quenor_base/object_pool/alloc_buffer_from_pool.h"
+
+namespace quenor::internal {
+namespace {
+
+using Peer = ObjectPoolTestPeer;
+
+constexpr uint32_t kLengths[] = {512, 1024, 2048, 4096, 16384, 32768, 65536, 524288, 1048576};
+
+TEST(BufferObjPoolTest, NineClassesHaveAPoolOfTheirLength) {
+  std::set<BufferObjPool*> pools;
+  for (uint32_t length : kLengths) {
+    BufferObjPool* pool = GetBufferObjPool(length);
+    ASSERT_NE(pool, nullptr) << length;
+    EXPECT_EQ(Peer::ObjectSize(*pool), length);
+    pools.insert(pool);
+  }
+
+  EXPECT_EQ(pools.size(), 9u);
+}
+
+TEST(BufferObjPoolTest, PoolsAreBuiltWithTheNumbersOfTheHeader) {
+  ASSERT_EQ(std::size(kBufferClasses), 9u);
+  for (size_t i = 0; i < 9; ++i) {
+    const BufferClass& buffer_class = kBufferClasses[i];
+    EXPECT_EQ(buffer_class.length_bytes, kLengths[i]);
+    BufferObjPool* pool = GetBufferObjPool(buffer_class.length_bytes);
+    EXPECT_EQ(Peer::Capacity(*pool), buffer_class.capacity);
+    EXPECT_EQ(Peer::MaxBatches(*pool), buffer_class.max_batches);
+  }
+}
+
+TEST(BufferObjPoolTest, OtherLengthsHaveNone) {
+  for (uint32_t length :
+       {0u, 1u, 511u, 513u, 8192u, 131072u, 262144u, 1048575u, 1048577u, 2097152u, UINT32_MAX}) {
+    EXPECT_EQ(GetBufferObjPool(length), nullptr) << length;
+  }
+}
+
+TEST(BufferObjPoolTest, EveryThreadGetsTheSamePoolEveryTime) {
+  for (uint32_t length : kLengths) {
+    BufferObjPool* const pool = GetBufferObjPool(length);
+    OnSdkThread([&] { EXPECT_EQ(GetBufferObjPool(length), pool); });
+    OnForeignThread([&] { EXPECT_EQ(GetBufferObjPool(length), pool); });
+    EXPECT_EQ(GetBufferObjPool(length), pool);
+  }
+}
+
+TEST(BufferObjPoolTest, ThreadsThatAskAtTheSameTimeGetTheSamePool) {
+  std::vector<std::vector<BufferObjPool*>> answers(4);
+  std::vector<std::thread> threads;
+  for (auto& answer : answers) {
+    threads.emplace_back([&answer] {
+      for (uint32_t length : kLengths) answer.push_back(GetBufferObjPool(length));
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+
+  for (const auto& answer : answers) EXPECT_EQ(answer, answers[0]);
+}
+
+// What docs/design/pooled-buffers.md and the header promise.
+TEST(BufferObjPoolTest, IdleMemoryStaysBelowThePromisedBounds) {
+  uint64_t thread_bytes = 0, shared_bytes = 0;
+  for (const BufferClass& one : kBufferClasses) {
+    thread_bytes += (2ull * one.capacity - 1) * one.length_bytes;
+    shared_bytes += uint64_t{one.max_batches} * one.capacity * one.length_bytes;
+    if (one.length_bytes < 32768) {
+      EXPECT_LE(uint64_t{one.capacity} * one.length_bytes, 32768u) << one.length_bytes;
+    } else {
+      EXPECT_EQ(one.capacity, 1u) << one.length_bytes;
+    }
+  }
+
+  EXPECT_EQ(thread_bytes, (1816u * 1024) + 512);
+  EXPECT_EQ(shared_bytes, 4672u * 1024);
+}
+
+}  // namespace
+}  // namespace quenor::internal
