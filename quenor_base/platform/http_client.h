@@ -25,10 +25,9 @@ class HttpClient {
   enum class State : int32_t {
     kFailed = 0,     // Could not resolve, connect, prove or transfer.
     kCancelled = 1,  // The client was destroyed first.
-    kCompleted =
-        2,          // A whole HTTP response arrived; without a length, the connection's end is its.
-    kTimedOut = 3,  // A time limit passed.
-    kTooLarge = 4,  // The response went past a size limit.
+    kCompleted = 2,  // A whole HTTP response arrived (one without a length: up to the close).
+    kTimedOut = 3,   // A time limit passed.
+    kTooLarge = 4,   // The response went past a size limit.
   };
 
   // Plain settings of one client, read once by HttpClientFactory::Create().
