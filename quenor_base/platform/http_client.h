@@ -1,8 +1,9 @@
 // The asynchronous HTTP client: POSTs go out, each is answered by one callback.
 // Threads: any; callbacks come on the client's own thread and must not block.
 // Life cycle: a client may be destroyed on any thread, inside one of its own callbacks too; that
-// ends its requests, and each one's callback still runs once, as a failure.
-// See docs/design/http-client.md.
+// ends its requests without waiting, and each one's callback still runs once, as a failure. Once
+// the process's exit handlers run, no further callback starts; a forked child runs none of its
+// parent's. See docs/design/http-client.md.
 #ifndef QUENOR_BASE_PLATFORM_HTTP_CLIENT_H_
 #define QUENOR_BASE_PLATFORM_HTTP_CLIENT_H_
 
@@ -24,7 +25,7 @@ class HttpClient {
   enum class State : int32_t {
     kFailed = 0,     // Could not resolve, connect, prove or transfer.
     kCancelled = 1,  // The client was destroyed first.
-    kCompleted = 2,  // A whole HTTP response arrived.
+    kCompleted = 2,  // A whole HTTP response arrived (one without a length: up to the close).
     kTimedOut = 3,   // A time limit passed.
     kTooLarge = 4,   // The response went past a size limit.
   };
@@ -83,9 +84,10 @@ class HttpClient {
 
   // Any thread; never blocks on the network. Starts the exchange and answers its id, 1 or greater
   // and never used twice in the process. Below 1 when it could not be started (a URL that is
-  // neither https nor http or cannot be parsed, no memory, no thread): the callback is then
-  // destroyed unrun, inside the call. Otherwise the callback runs exactly once, never inside the
-  // call. Borrows `request` until it returns; takes the callback.
+  // neither https nor http or cannot be parsed, a method or header that HTTP forbids, a length or
+  // transfer coding among the headers, HEAD with a body, no memory, no thread): the callback is
+  // then destroyed unrun, inside the call. Otherwise the callback runs exactly once, never inside
+  // the call; it may be null. Borrows `request` until it returns; takes the callback.
   virtual int64_t SendRequest(const Request& request, CompletionCallback callback) = 0;
 
   // For implementations: the next id of the process.
@@ -103,8 +105,8 @@ class HttpClient {
 
 class HttpClientFactory {
  public:
-  // Any thread. A new client, or null when none can be made. Cheap: the network library starts with
-  // the first request.
+  // Any thread. A new client, or null when none can be made: a proxy without host or port, or with
+  // one that cannot be meant. Cheap: the network library starts with the first request.
   static std::unique_ptr<HttpClient> Create(const HttpClient::Config& config);
 
   // Any thread. Names the implementation that is linked, with the versions beneath it.
@@ -128,8 +130,10 @@ struct HttpDefaults {
   uint32_t low_speed_bytes_per_second = 64;  // Slower than this ...
   uint32_t low_speed_seconds = 20;           // ... for this long is a failure.
   uint32_t max_response_body_bytes = 1 << 20;
-  uint32_t max_response_header_bytes = 64 << 10;
-  uint32_t max_connections_per_host = 6;  // HTTP/1.1 connections; requests beyond wait their turn.
+  uint32_t max_response_header_bytes = 64 << 10;  // At most 256 KiB.
+  // Requests beyond wait their turn, which counts in their time limit. Connections are shared: of
+  // clients with different limits the one that sent last decides.
+  uint32_t max_connections_per_host = 6;
 };
 
 // Any thread. Answers an empty string, or, when a value cannot be used (a CA file that cannot be

@@ -1,35 +1,69 @@
-// Rest cannot be seen without waiting for it: these few seconds are real. http_client_program
-// rests.
+// Rest and patience cannot be seen without waiting: these few seconds are real.
 #include "tests/integration/http_client_fixture.h"
 #include "tests/integration/support/child_process.h"
+#include "tests/integration/support/scripted_server.h"
 
 namespace quenor::test {
 namespace {
 
+using Connection = ScriptedServer::Connection;
+
 class HttpClientIdleTest : public HttpClientTest {
  protected:
-  // Runs the program against nginx, whose connection stays open, and answers its exit code.
-  int Rest(bool http2) {
+  // Runs the program in this mode against nginx and answers its exit code.
+  int Run(const std::string& mode, bool http2, const std::string& location) {
     NginxServer::Options options;
     options.certificate = &certificate_;
     options.http2 = http2;
-    options.server_lines = "location / { return 200 '{}'; }";
+    options.server_lines = "location / { " + location + " }";
     NginxServer server(options);
     std::vector<std::string> environment;
     if (http2) environment.push_back("QUENOR_TEST_HTTP2=1");
     ChildProcess child(
-        {QUENOR_HTTP_CLIENT_PROGRAM, "idle", server.Origin() + "/", authority_.ca_file()},
+        {QUENOR_HTTP_CLIENT_PROGRAM, mode, server.Origin() + "/", authority_.ca_file()},
         folder_.File("output"), environment);
     return child.Wait();
   }
+  std::string Output() const { return ReadWholeFile(folder_.File("output")); }
 };
 
 TEST_F(HttpClientIdleTest, KeptHttp11ConnectionNeverWakesTheThread) {
-  EXPECT_EQ(Rest(false), 0) << ReadWholeFile(folder_.File("output"));
+  EXPECT_EQ(Run("idle", false, "return 200 '{}';"), 0) << Output();
 }
 
 TEST_F(HttpClientIdleTest, KeptHttp2ConnectionNeverWakesTheThread) {
-  EXPECT_EQ(Rest(true), 0) << ReadWholeFile(folder_.File("output"));
+  EXPECT_EQ(Run("idle", true, "return 200 '{}';"), 0) << Output();
+}
+
+TEST_F(HttpClientIdleTest, ServerThatStopsReadingCostsNoProcessorTime) {
+  for (bool http2 : {false, true}) {
+    ScriptedServer upstream([](Connection& connection) {
+      ReceivedRequest request;
+      connection.ReadRequestHead(&request);
+      connection.WaitForEnd();
+    });
+    EXPECT_EQ(Run("stalled", http2,
+                  "proxy_request_buffering off; proxy_http_version 1.1; proxy_pass " +
+                      upstream.Origin() + ";"),
+              0)
+        << Output();
+  }
+}
+
+TEST_F(HttpClientIdleTest, BodySlowerThanTheLowestSpeedTimesOut) {
+  ScriptedServer server([](Connection& connection) {
+    ReceivedRequest request;
+    if (!connection.ReadRequest(&request)) return;
+    connection.Write("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n");
+    connection.HoldUntilClosed();
+  });
+  HttpDefaults defaults;
+  defaults.low_speed_bytes_per_second = 1000;
+  defaults.low_speed_seconds = 1;
+  const auto client = MakeClient(defaults);
+
+  EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).state,
+            HttpClient::State::kTimedOut);
 }
 
 }  // namespace

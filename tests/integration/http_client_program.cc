@@ -143,8 +143,9 @@ void SendAgain(Storm* storm) {
       });
 }
 
-// main() returns while exchanges start and end at full speed.
+// main() returns while TLS handshakes run at full speed.
 int ExitWhileBusy() {
+  g_request.headers["Connection"] = "close";
   static auto* const storm = new Storm{HttpClientFactory::Create(g_config).release(), {}};
   for (int i = 0; i < 50; ++i) SendAgain(storm);
   while (storm->answered < 100) poll(nullptr, 0, 1);
@@ -182,6 +183,7 @@ int Fork() {
 // Children made at any moment of a storm find OpenSSL, libcurl and the engine whole, and never run
 // a callback of the parent's.
 int ForkWhileBusy() {
+  g_request.headers["Connection"] = "close";
   static auto* const storm = new Storm{HttpClientFactory::Create(g_config).release(), {}};
   for (int i = 0; i < 20; ++i) SendAgain(storm);
   for (int i = 0; i < 20; ++i) {
@@ -268,6 +270,26 @@ int Idle() {
   return before == after ? 0 : 2;
 }
 
+// A second of an upload that the server has stopped to read costs next to no processor time.
+int Stalled() {
+  static HttpClient* const client = HttpClientFactory::Create(g_config).release();
+  const std::string body(8 << 20, 'x');
+  g_request.body = CopyOnWriteBuffer(body.data(), static_cast<uint32_t>(body.size()));
+  if (client->SendRequest(g_request, nullptr) < 1) return 1;
+  poll(nullptr, 0, 500);  // What goes through before the window shuts.
+  const auto used_ms = [] {
+    rusage usage;
+    getrusage(RUSAGE_SELF, &usage);
+    return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000 +
+           (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000;
+  };
+  const long before_ms = used_ms();
+  poll(nullptr, 0, 1000);
+  const long spent_ms = used_ms() - before_ms;
+  std::printf("processor time: %ld ms\n", spent_ms);
+  return spent_ms < 300 ? 0 : 2;
+}
+
 // Prints how many times C++ code asked for memory per exchange, once everything is warm.
 int Allocations() {
   const auto client = HttpClientFactory::Create(g_config);
@@ -295,6 +317,7 @@ int Main(int argc, char** argv) {
                                                   {"no-descriptors", &NoDescriptors},
                                                   {"lazy", &Lazy},
                                                   {"idle", &Idle},
+                                                  {"stalled", &Stalled},
                                                   {"allocations", &Allocations}};
   const auto mode = modes.find(argv[1]);
   if (mode == modes.end()) return 64;

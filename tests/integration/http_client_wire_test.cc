@@ -1,7 +1,9 @@
 // What goes over the wire and what a server can do to the client: cuts, floods, silence.
+#include <poll.h>
 #include <signal.h>
 
 #include <atomic>
+#include <future>
 #include <map>
 #include <thread>
 
@@ -355,6 +357,23 @@ TEST_F(HttpClientWireTest, SilentServerTimesOut) {
   EXPECT_EQ(outcome.response, nullptr);
 }
 
+TEST_F(HttpClientWireTest, BodyThatDripsForEverTimesOut) {
+  HttpDefaults defaults;
+  defaults.total_timeout_ms = 100;
+
+  const Outcome outcome = Exchange(
+      [](Connection& connection) {
+        ReceivedRequest request;
+        if (!connection.ReadRequest(&request)) return;
+        connection.Write("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n");
+        while (connection.Write("x")) poll(nullptr, 0, 2);
+      },
+      defaults);
+
+  EXPECT_EQ(outcome.state, State::kTimedOut);
+  EXPECT_EQ(outcome.response, nullptr);
+}
+
 TEST_F(HttpClientWireTest, TimeLimitOfTheRequestGoesFirst) {
   ScriptedServer server([](Connection& connection) { connection.HoldUntilClosed(); });
   const auto client = MakeClient(HttpDefaults());
@@ -406,7 +425,7 @@ TEST_F(HttpClientWireTest, ResetInMidUploadFailsAndRaisesNoSignal) {
         [](Connection& connection) {
           ReceivedRequest request;
           connection.ReadRequestHead(&request);
-          connection.ResetOnClose();
+          connection.ResetNow();
         },
         certificate);
     const auto client = MakeClient();
@@ -414,6 +433,33 @@ TEST_F(HttpClientWireTest, ResetInMidUploadFailsAndRaisesNoSignal) {
       const auto request = MakeRequest(server.Origin() + "/", std::string(1 << 20, 'x'));
       EXPECT_EQ(Send(client.get(), request).state, State::kFailed);
     }
+  }
+}
+
+TEST_F(HttpClientWireTest, ResetOfAnIdleConnectionRaisesNoSignal) {
+  // Closing TLS writes to a connection that is no more.
+  std::promise<void> answered;
+  std::promise<void> reset;
+  {
+    ScriptedServer server(
+        [&](Connection& connection) {
+          ReceivedRequest request;
+          if (connection.index() > 0) {
+            if (connection.ReadRequest(&request)) connection.Respond(200, "second");
+            return;
+          }
+          if (connection.ReadRequest(&request)) connection.Respond(200, "first");
+          answered.get_future().wait();
+          connection.ResetNow();
+          reset.set_value();
+        },
+        &certificate_);
+    const auto client = MakeClient();
+    EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).body(), "first");
+    answered.set_value();
+    reset.get_future().wait();
+
+    EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).body(), "second");
   }
 }
 

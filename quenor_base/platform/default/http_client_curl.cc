@@ -29,6 +29,10 @@
 #include "quenor_base/platform/http_client.h"
 #include "quenor_base/platform/local_log.h"
 
+#if LIBCURL_VERSION_NUM < 0x075700
+#error "libcurl 7.87 or newer is needed"
+#endif
+
 namespace quenor {
 namespace {
 
@@ -328,6 +332,8 @@ void SetTlsOptions(const ClientSettings& client, EasyOptions* options) {
   options->SetText(CURLOPT_SSLKEY, defaults.client_key_file);
 }
 
+bool HasHttp2() { return (curl_version_info(CURLVERSION_NOW)->features & CURL_VERSION_HTTP2) != 0; }
+
 // Gives the handle all options that are the same for every request of the client.
 bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
   const HttpDefaults& defaults = client.defaults;
@@ -356,7 +362,7 @@ bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
               static_cast<long>(std::min<uint32_t>(defaults.connect_timeout_ms, INT_MAX)));
   options.Set(CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(defaults.low_speed_bytes_per_second));
   options.Set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(defaults.low_speed_seconds));
-  const bool http2 = client.config.enable_http2;
+  const bool http2 = client.config.enable_http2 && HasHttp2();
   options.Set(CURLOPT_PIPEWAIT, http2 ? 1L : 0L);
   options.Set(CURLOPT_HTTP_VERSION,
               static_cast<long>(http2 ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1));
@@ -1170,6 +1176,11 @@ int64_t HttpClientCurl::SendRequest(const Request& request, CompletionCallback c
       transfer->configured_serial == settings_->serial || ConfigureForClient(transfer, *settings_);
   if (!configured || !ConfigureForRequest(transfer)) {
     engine->GiveBack(transfer);
+    if (engine->MayLog("options")) {
+      LocalLog(kLogError, kLogFile, __LINE__,
+               "http: cannot send: libcurl refused an option; free memory, or use libcurl 7.87 or "
+               "newer with TLS");
+    }
     callback.Reset();
     return 0;
   }

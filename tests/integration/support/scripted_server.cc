@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <future>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -118,6 +119,8 @@ struct ScriptedServer::Core {
   bool ipv6 = false;
   SSL_CTX* tls = nullptr;
   std::thread acceptor;
+  std::promise<void> end;
+  const std::shared_future<void> ended{end.get_future()};
 
   std::mutex mutex;
   bool ending = false;               // Guarded by `mutex`, as are those below.
@@ -132,10 +135,14 @@ namespace {
 
 class SocketConnection : public ScriptedServer::Connection {
  public:
-  SocketConnection(int fd, SSL* tls, size_t index) : fd_(fd), tls_(tls), index_(index) {}
-  void ResetOnClose() override {
-    const linger option{1, 0};
-    setsockopt(fd_, SOL_SOCKET, SO_LINGER, &option, sizeof(option));
+  SocketConnection(int fd, SSL* tls, size_t index, std::shared_future<void> ended)
+      : fd_(fd), tls_(tls), index_(index), ended_(std::move(ended)) {}
+  void WaitForEnd() override { ended_.wait(); }
+  void ResetNow() override {
+    // Connecting a TCP socket to nowhere ends it and keeps its number for whoever closes it.
+    sockaddr nowhere{};
+    nowhere.sa_family = AF_UNSPEC;
+    connect(fd_, &nowhere, sizeof(nowhere));
   }
   size_t index() const override { return index_; }
 
@@ -153,6 +160,7 @@ class SocketConnection : public ScriptedServer::Connection {
   const int fd_;
   SSL* const tls_;
   const size_t index_;
+  const std::shared_future<void> ended_;
 };
 
 // The scripts may write to connections that are gone; the client under test must do without this.
@@ -208,7 +216,7 @@ void ScriptedServer::Core::Serve(int fd, size_t index) {
     ready = SSL_accept(session) == 1;
   }
   if (ready) {
-    SocketConnection connection(fd, session, index);
+    SocketConnection connection(fd, session, index, ended);
     script(connection);
   }
   SSL_free(session);
@@ -239,6 +247,7 @@ ScriptedServer::~ScriptedServer() {
     core_->ending = true;
     for (int fd : core_->open) shutdown(fd, SHUT_RDWR);
   }
+  core_->end.set_value();
   shutdown(core_->listener, SHUT_RDWR);
   core_->acceptor.join();
   for (std::thread& thread : core_->threads) thread.join();

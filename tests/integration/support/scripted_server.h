@@ -38,8 +38,10 @@ class ScriptedServer {
                  const std::map<std::string, std::string>& headers = {});
     // Waits until the client has closed, or the server ends.
     void HoldUntilClosed();
-    // Makes the close a reset.
-    virtual void ResetOnClose() = 0;
+    // Waits, reading nothing, until the server ends.
+    virtual void WaitForEnd() = 0;
+    // Ends the connection at once with a reset.
+    virtual void ResetNow() = 0;
     // The number of the connection, from 0 in the order accepted.
     virtual size_t index() const = 0;
 
