@@ -43,7 +43,7 @@ constexpr size_t kLogCauses = 64;      // Remembered for the pause; beyond, the 
 constexpr size_t kIdleTransfers = 64;  // Kept for reuse with their easy handles.
 constexpr long kIdleConnections = 32;  // Kept open, over all hosts.
 constexpr long kSystemCaCacheSeconds = 3600;
-constexpr int kExitWaitMs = 50;
+constexpr int kExitWaitSeconds = 5;
 constexpr uint32_t kKeptReceiveBytes = 4096;  // A receive buffer up to this size is recycled.
 constexpr size_t kMaxPemBytes = 16 << 20;
 constexpr uint32_t kMaxHeaderLimit = 256 << 10;  // libcurl itself gives up at 300 KiB.
@@ -800,7 +800,7 @@ void* Engine::ThreadMain(void* io) {
 
 // Before OpenSSL's own exit handler frees what a live TLS session needs, the I/O thread stops going
 // there, and no further callback starts. Waits for the step that it is in, which never waits for
-// the network, and not for long.
+// the network; the limit is there for a machine that has stopped running us, not for a slow step.
 void Engine::AtExit() {
   Engine* engine = Get();
   base::AutoLock hold(engine->lock_);
@@ -809,11 +809,7 @@ void Engine::AtExit() {
   io->parked = true;
   timespec until;
   clock_gettime(CLOCK_MONOTONIC, &until);
-  until.tv_nsec += kExitWaitMs * 1000000L;
-  if (until.tv_nsec >= 1000000000L) {
-    until.tv_nsec -= 1000000000L;
-    ++until.tv_sec;
-  }
+  until.tv_sec += kExitWaitSeconds;
   while (io->working) {
     if (pthread_cond_timedwait(&io->work_done, engine->lock_.native_handle(), &until) != 0) return;
   }

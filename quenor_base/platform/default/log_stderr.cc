@@ -22,8 +22,7 @@ constexpr int kStderr = 2;
 constexpr int kPollMs = 10;     // How long a full standard error is waited for at a time,
 constexpr int kMaxStalls = 10;  // and how often in a row before the rest of a line is dropped.
 
-// --- Formatting
-// -----------------------------------------------------------------------------------
+// --- Formatting ---------------------------------------------------------------------------------
 
 // Bytes on the stack that move to the heap when they outgrow it.
 class LineBuffer {
@@ -154,8 +153,7 @@ size_t Finish(LineBuffer* line, size_t size, size_t lost) {
   return escaped_size + note_size;
 }
 
-// --- Standard error
-// -------------------------------------------------------------------------------
+// --- Standard error -----------------------------------------------------------------------------
 
 // Keeps a write to a pipe that nobody reads from raising SIGPIPE in the host, whatever the host has
 // arranged for that signal. This thread only.
@@ -240,8 +238,7 @@ void WriteToStderr(int level, const char* file, int line, const char* text, size
   WriteParts(parts, 5);
 }
 
-// --- The sink
-// -------------------------------------------------------------------------------------
+// --- The sink -----------------------------------------------------------------------------------
 
 struct State {
   base::Lock lock;
