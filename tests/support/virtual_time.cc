@@ -26,6 +26,7 @@ using Key = std::pair<int64_t, uint64_t>;
 
 struct QueueState {
   std::weak_ptr<DispatchQueue> queue;
+  bool retired = false;        // Counted as draining already.
   std::map<Key, Task> doomed;  // Delayed tasks of a dropped queue, destroyed as its thread ends.
 };
 
@@ -104,13 +105,23 @@ struct VirtualTime::Core {
     return true;
   }
 
+  void Retire(QueueState* queue) {
+    std::lock_guard<std::mutex> hold(mutex);
+    CountAsDraining(queue);
+  }
+
+  void CountAsDraining(QueueState* queue) {
+    if (!queue->retired) ++draining_queues;
+    queue->retired = true;
+  }
+
   // The last reference to a queue has gone: its deadlines ahead never come, and its thread ends
   // behind what is posted already.
   void CloseQueue(const std::shared_ptr<QueueState>& queue) {
     std::lock_guard<std::mutex> hold(mutex);
     --live_queues;
     if (closed) return;
-    ++draining_queues;
+    CountAsDraining(queue.get());
     for (auto it = entries.upper_bound(Key(now_us, std::numeric_limits<uint64_t>::max()));
          it != entries.end();) {
       if (it->second.queue != queue) {
@@ -163,6 +174,7 @@ class VirtualDispatchQueue : public DispatchQueue {
     return core_->Post(from, state_, std::move(task), delay, true);
   }
   bool CancelDelayedTask(uint64_t id) override { return core_->Cancel(state_.get(), id); }
+  void Retire() override { core_->Retire(state_.get()); }
 
   const std::shared_ptr<QueueState>& state() const { return state_; }
 

@@ -78,7 +78,8 @@ class VirtualTime {
   size_t PendingDeadlines() const;
   // Any thread. Tasks that are due and have not run.
   size_t DueTasks() const;
-  // Any thread. Queues that somebody still holds, and dropped ones whose thread has not ended.
+  // Any thread. Queues that somebody still holds, and retired or dropped ones whose thread has not
+  // ended.
   size_t LiveQueues() const;
   size_t DrainingQueues() const;
 
@@ -87,8 +88,8 @@ class VirtualTime {
   static std::shared_ptr<DispatchQueue> CreateQueue(
       core::BusinessID business, const std::string& name,
       const base::Optional<base::Thread::Options>& options);
-  // The running thread, not from inside a task. Runs what is due now; true when no dropped queue
-  // has work left. False at once on a queue's thread.
+  // The running thread, not from inside a task. Runs what is due now; true when every retired or
+  // dropped queue has ended. False at once on a queue's thread.
   bool Drain();
 
   struct Core;  // Shared with the queues, which may outlive this object.

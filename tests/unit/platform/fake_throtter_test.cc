@@ -42,7 +42,7 @@ TEST(FakeThrotterTest, OpensExactlyAfterAPeriodOfVirtualTime) {
   Throtter throtter(60000);
   ASSERT_TRUE(throtter.ShouldGo());
 
-  time.AdvanceBy(base::TimeDelta::FromMilliseconds(60000) - base::TimeDelta::FromMicroseconds(1));
+  time.AdvanceBy(base::TimeDelta::FromMicroseconds(59999999));
   EXPECT_FALSE(throtter.ShouldGo());
 
   time.AdvanceBy(base::TimeDelta::FromMicroseconds(1));

@@ -1,0 +1,361 @@
+// The real queue: its threads, their settings, and many of them at once.
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "quenor_base/platform/base/thread_create_flag.h"
+#include "tests/conformance/timer_conformance.h"
+
+namespace quenor::conformance {
+namespace {
+
+using base::TimeDelta;
+using core::ThreadManager;
+
+INSTANTIATE_TEST_SUITE_P(Default, DispatchQueueConformance, ::testing::Values(&MakeThreadedHost));
+INSTANTIATE_TEST_SUITE_P(Default, TimerConformance, ::testing::Values(&MakeThreadedHost));
+
+const base::Location kHere = base::Location::CreateFromHere("dispatch_queue_test", 1);
+
+std::shared_ptr<DispatchQueue> NewQueueWithStack(size_t stack_size) {
+  base::Thread::Options options;
+  options.stack_size = stack_size;
+  return ThreadManager::CreateNewDispatchQueue(core::BusinessID::kReliableReport, "stack", options);
+}
+
+class PthreadQueueTest : public ::testing::Test {
+ protected:
+  ~PthreadQueueTest() override {
+    EXPECT_TRUE(ThreadManager::WaitForDrain(TimeDelta::FromSeconds(60)));
+  }
+
+  // Runs `act` on the queue and waits for it.
+  static void OnQueue(const std::shared_ptr<DispatchQueue>& queue, std::function<void()> act) {
+    Gate acted;
+    queue->PostTask(kHere, [&] {
+      act();
+      acted.Open();
+    });
+    ASSERT_TRUE(acted.Wait());
+  }
+  static bool Drain() { return ThreadManager::WaitForDrain(TimeDelta::FromSeconds(60)); }
+};
+
+// --- The thread ---
+
+TEST_F(PthreadQueueTest, EachQueueHasAThreadOfItsOwn) {
+  const auto first = NewQueue();
+  const auto second = NewQueue();
+  std::thread::id first_id;
+  std::thread::id second_id;
+
+  OnQueue(first, [&] { first_id = std::this_thread::get_id(); });
+  OnQueue(second, [&] { second_id = std::this_thread::get_id(); });
+
+  EXPECT_NE(first_id, second_id);
+  EXPECT_NE(first_id, std::this_thread::get_id());
+  OnQueue(first, [&] { EXPECT_EQ(std::this_thread::get_id(), first_id); });
+}
+
+TEST_F(PthreadQueueTest, ThreadIsNamedAfterTheQueueAsFarAsTheSystemAllows) {
+  for (const auto& [name, shown] : std::vector<std::pair<std::string, std::string>>{
+           {"short", "short"}, {"a name of twenty byt", "a name of twent"}, {"", ""}}) {
+    const auto queue = NewQueue(name);
+    char buffer[32] = {};
+
+    OnQueue(queue, [&] { pthread_getname_np(pthread_self(), buffer, sizeof(buffer)); });
+
+    EXPECT_EQ(buffer, shown);
+  }
+}
+
+TEST_F(PthreadQueueTest, EverySignalIsBlockedOnTheThreadAndTheCallersMaskIsKept) {
+  sigset_t before;
+  pthread_sigmask(SIG_SETMASK, nullptr, &before);
+  const auto queue = NewQueue();
+  sigset_t mask;
+  sigset_t after;
+
+  OnQueue(queue, [&] { pthread_sigmask(SIG_SETMASK, nullptr, &mask); });
+  pthread_sigmask(SIG_SETMASK, nullptr, &after);
+
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGUSR1, SIGALRM, SIGCHLD}) {
+    EXPECT_EQ(sigismember(&mask, signal), 1) << signal;
+    EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal)) << signal;
+  }
+}
+
+size_t StackSizeOfThisThread() {
+  pthread_attr_t attributes;
+  size_t size = 0;
+  if (pthread_getattr_np(pthread_self(), &attributes) != 0) return 0;
+  pthread_attr_getstacksize(&attributes, &size);
+  pthread_attr_destroy(&attributes);
+  return size;
+}
+
+TEST_F(PthreadQueueTest, StackSizeIsAsAskedFor) {
+  constexpr size_t kAsked = size_t{24} << 20;  // Beyond the usual default.
+  const auto queue = NewQueueWithStack(kAsked);
+  const auto standard = NewQueueWithStack(0);
+  size_t size = 0;
+  size_t standard_size = 0;
+
+  OnQueue(queue, [&] { size = StackSizeOfThisThread(); });
+  OnQueue(standard, [&] { standard_size = StackSizeOfThisThread(); });
+
+  EXPECT_GE(size, kAsked);
+  EXPECT_GT(standard_size, 0u);
+}
+
+TEST_F(PthreadQueueTest, StackSizeBelowTheMinimumIsRaised) {
+  const auto queue = NewQueueWithStack(1);
+
+  ASSERT_NE(queue, nullptr);
+  // A sanitizer needs room of its own on every stack.
+  OnQueue(queue, [] {});
+}
+
+TEST_F(PthreadQueueTest, StackSizeThatIsNoWholePageIsTaken) {
+  const auto queue = NewQueueWithStack((size_t{1} << 20) + 1);
+
+  ASSERT_NE(queue, nullptr);
+  OnQueue(queue, [] {});
+}
+
+TEST_F(PthreadQueueTest, ThreadThatCannotBeCreatedMakesNoQueueAndNothingToDrain) {
+  EXPECT_EQ(NewQueueWithStack(size_t{1} << 60), nullptr);
+
+  EXPECT_TRUE(ThreadManager::WaitForDrain(TimeDelta()));
+  EXPECT_NE(NewQueue(), nullptr);
+}
+
+// --- Draining ---
+
+TEST_F(PthreadQueueTest, DrainIsFalseWhenTheTimeIsOverFirst) {
+  auto queue = NewQueue();
+  Gate go_on;
+  queue->PostTask(kHere, [&] { go_on.Wait(); });
+  queue.reset();
+
+  EXPECT_FALSE(ThreadManager::WaitForDrain(TimeDelta()));
+  EXPECT_FALSE(ThreadManager::WaitForDrain(TimeDelta::FromMilliseconds(1)));
+  EXPECT_FALSE(ThreadManager::WaitForDrain(TimeDelta::FromSeconds(-1)));
+  go_on.Open();
+
+  EXPECT_TRUE(Drain());
+}
+
+TEST_F(PthreadQueueTest, DrainWithAnEndlessTimeoutReturnsWhenTheQueuesHaveEnded) {
+  NewQueue()->PostTask(kHere, [] {});
+
+  EXPECT_TRUE(ThreadManager::WaitForDrain(TimeDelta::FromMicroseconds(INT64_MAX)));
+}
+
+TEST_F(PthreadQueueTest, DrainOnSeveralThreadsAtOnceIsTrueOnEach) {
+  for (int i = 0; i < 8; ++i) {
+    auto queue = NewQueue();
+    queue->PostTask(kHere, [] {});
+  }
+  std::atomic<int> drained{0};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 4; ++i) waiters.emplace_back([&] { drained += Drain() ? 1 : 0; });
+  for (std::thread& waiter : waiters) waiter.join();
+
+  EXPECT_EQ(drained, 4);
+}
+
+TEST_F(PthreadQueueTest, DrainDoesNotWaitForQueuesThatAreHeld) {
+  const auto held = NewQueue();
+  Gate go_on;
+  held->PostTask(kHere, [&] { go_on.Wait(); });
+
+  EXPECT_TRUE(ThreadManager::WaitForDrain(TimeDelta()));
+
+  go_on.Open();
+  OnQueue(held, [] {});
+}
+
+// --- Many ---
+
+TEST_F(PthreadQueueTest, ThousandQueuesCreatedAndDroppedRunAllTheirTasks) {
+  std::atomic<int> ran{0};
+  std::atomic<int> destroyed{0};
+
+  for (int i = 0; i < 1000; ++i) {
+    auto queue = NewQueue();
+    ASSERT_NE(queue, nullptr) << i;
+    for (int n = 0; n < 3; ++n) queue->PostTask(kHere, [&] { ++ran; });
+    queue->PostDelayedTask(
+        kHere, [bound = Bound([&] { ++destroyed; })] { FAIL(); }, TimeDelta::FromSeconds(3600));
+  }
+
+  ASSERT_TRUE(Drain());
+  EXPECT_EQ(ran, 3000);
+  EXPECT_EQ(destroyed, 1000);
+}
+
+TEST_F(PthreadQueueTest, ProducersAndCancellersOnFourThreadsLoseNothing) {
+  const auto queue = NewQueue();
+  std::atomic<int> ran{0};
+  std::atomic<int> cancelled{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 2000; ++i) {
+        queue->PostTask(kHere, [&] { ++ran; });
+        const uint64_t id = queue->PostCancelableDelayedTask(
+            kHere, [&] { ++ran; }, TimeDelta::FromMicroseconds((i * 7 + t) % 50));
+        if (i % 2 == 0 && queue->CancelDelayedTask(id)) ++cancelled;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  Gate last;
+  queue->PostDelayedTask(
+      kHere, [&] { last.Open(); }, TimeDelta::FromMilliseconds(5));
+  ASSERT_TRUE(last.Wait());
+  OnQueue(queue, [] {});
+
+  EXPECT_EQ(ran + cancelled, 16000);
+}
+
+TEST_F(PthreadQueueTest, QueuesThatPostToEachOtherEndTogether) {
+  std::atomic<int> hops{0};
+  Gate last;
+  {
+    auto first = NewQueue();
+    auto second = NewQueue();
+    // Each hop holds both queues; the last one drops them, on one of their own threads.
+    struct Hop {
+      std::shared_ptr<DispatchQueue> here, there;
+      std::atomic<int>* hops;
+      Gate* last;
+      void operator()() && {
+        if (++*hops == 1000) {
+          here.reset();
+          there.reset();
+          return last->Open();
+        }
+        DispatchQueue* const next = there.get();
+        next->PostTask(kHere, Hop{std::move(there), std::move(here), hops, last});
+      }
+    };
+    DispatchQueue* const start = first.get();
+    start->PostTask(kHere, Hop{std::move(first), std::move(second), &hops, &last});
+  }
+
+  ASSERT_TRUE(last.Wait());
+  ASSERT_TRUE(Drain());
+  EXPECT_EQ(hops, 1000);
+}
+
+TEST_F(PthreadQueueTest, QueueMayBeCreatedAndDroppedOnAnothersThread) {
+  std::atomic<int> ran{0};
+  {
+    auto outer = NewQueue();
+    for (int i = 0; i < 50; ++i) {
+      outer->PostTask(kHere, [&] {
+        auto inner = NewQueue();
+        inner->PostTask(kHere, [&] { ++ran; });
+      });
+    }
+  }
+
+  ASSERT_TRUE(Drain());
+  ASSERT_TRUE(Drain());
+  EXPECT_EQ(ran, 50);
+}
+
+TEST_F(PthreadQueueTest, LastReferencesDroppedOnManyThreadsEndTheQueueOnce) {
+  for (int round = 0; round < 100; ++round) {
+    std::atomic<int> ran{0};
+    {
+      auto queue = NewQueue();
+      std::vector<std::thread> threads;
+      for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&ran, held = queue]() mutable {
+          held->PostTask(kHere, [&ran] { ++ran; });
+          held.reset();
+        });
+      }
+      queue.reset();
+      for (std::thread& thread : threads) thread.join();
+    }
+    ASSERT_TRUE(Drain());
+    EXPECT_EQ(ran, 3);
+  }
+}
+
+// --- Timers, where two threads meet ---
+
+TEST_F(PthreadQueueTest, DestructionOfATimerWaitsForItsTaskInProgress) {
+  const auto queue = NewQueue();
+  auto timer = std::make_unique<base::OneShotTimer>();
+  Gate inside;
+  Gate destroying;
+  std::atomic<bool> finished{false};
+  TimerTarget target{[&] {
+    inside.Open();
+    destroying.Wait();
+    // The other thread is about to enter the destructor, or is inside it.
+    std::this_thread::yield();
+    finished = true;
+  }};
+  OnQueue(queue, [&] { timer->Start(kHere, TimeDelta(), &target, &TimerTarget::Run); });
+  ASSERT_TRUE(inside.Wait());
+
+  destroying.Open();
+  timer.reset();
+
+  EXPECT_TRUE(finished);
+}
+
+TEST_F(PthreadQueueTest, ReceiverMayGoRightAfterItsTimerOnAnotherThread) {
+  const auto queue = NewQueue();
+  for (int round = 0; round < 200; ++round) {
+    auto target = std::make_unique<TimerTarget>();
+    auto counter = std::make_unique<int>(0);
+    target->task = [bare = counter.get()] { ++*bare; };
+    auto timer = std::make_unique<base::RepeatingTimer>();
+    OnQueue(queue, [&] {
+      timer->Start(kHere, TimeDelta::FromMicroseconds(1), target.get(), &TimerTarget::Run);
+    });
+    if (round % 2 == 0) std::this_thread::yield();
+
+    timer.reset();
+    target.reset();
+    counter.reset();
+  }
+}
+
+TEST_F(PthreadQueueTest, TimerStoppedOnAnotherThreadWhileItTicksStaysStopped) {
+  const auto queue = NewQueue();
+  base::RepeatingTimer timer;
+  std::atomic<int> runs{0};
+  TimerTarget target{[&] { ++runs; }};
+  for (int round = 0; round < 200; ++round) {
+    OnQueue(queue, [&] {
+      timer.Start(kHere, TimeDelta::FromMicroseconds(10), &target, &TimerTarget::Run);
+    });
+    timer.AbandonAndStop();
+    EXPECT_FALSE(timer.IsRunning());
+    OnQueue(queue, [] {});  // A task in progress has returned.
+    const int before = runs;
+    OnQueue(queue, [] {});
+    EXPECT_EQ(runs, before);
+  }
+}
+
+}  // namespace
+}  // namespace quenor::conformance
