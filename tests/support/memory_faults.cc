@@ -6,6 +6,8 @@
 extern "C" {
 void* __real_malloc(size_t size);
 void* __wrap_malloc(size_t size);
+void* __real_calloc(size_t count, size_t size);
+void* __wrap_calloc(size_t count, size_t size);
 }
 
 namespace quenor::test {
@@ -48,6 +50,11 @@ void* AllocateForNew(size_t size) {
 
 extern "C" void* __wrap_malloc(size_t size) {
   return quenor::test::NoteMalloc() ? __real_malloc(size) : nullptr;
+}
+
+// An optimiser may turn a malloc and the clearing after it into a calloc.
+extern "C" void* __wrap_calloc(size_t count, size_t size) {
+  return quenor::test::NoteMalloc() ? __real_calloc(count, size) : nullptr;
 }
 
 void* operator new(size_t size) { return quenor::test::AllocateForNew(size); }
