@@ -4,6 +4,7 @@
 #include <limits>
 #include <utility>
 
+#include "cli/deflate.h"
 #include "cli/text.h"
 #include "quenor_base/platform/http_client.h"
 
@@ -40,7 +41,8 @@ std::string DropReason(const ReportEvent& event, const std::string& last_failure
     case ReportEventCause::kTrimmed:
       return "too many messages were waiting";
     case ReportEventCause::kNotCompressed:
-      return "it could not be compressed";
+      return event.size == 0 ? "an empty message cannot be compressed; send it without --compress"
+                             : "deflate does not make it shorter; send it without --compress";
     case ReportEventCause::kReplaced:
       return "another request took its place";
     case ReportEventCause::kOutOfMemory:
@@ -50,6 +52,18 @@ std::string DropReason(const ReportEvent& event, const std::string& last_failure
     default:
       return "the channel gave it up";
   }
+}
+
+// The event is about a message in the channel's store.
+bool IsOfTheStore(const ReportEvent& event) {
+  return event.kind != ReportEventKind::kRefused &&
+         event.cause != ReportEventCause::kNotCompressed &&
+         event.cause != ReportEventCause::kNeverRun;
+}
+
+// The message leaves the channel's store with this event.
+bool EndsInTheStore(const ReportEvent& event) {
+  return event.kind == ReportEventKind::kAcknowledged || event.kind == ReportEventKind::kDropped;
 }
 
 // The channel has stopped, or is about to: the message can be handed over to the next one.
@@ -100,7 +114,14 @@ bool Ledger::Account(const ReportEvent& event) {
     Add(bytes, "a message of an earlier run (" + CountOf(event.size, "byte") + ")");
     return false;
   }
-  const auto entry = outstanding_.find(bytes);
+  if (event.kind == ReportEventKind::kAdmitted) return OnAdmitted(event);
+  const auto stored = IsOfTheStore(event) ? in_store_.find(bytes) : in_store_.end();
+  const bool is_cut = stored != in_store_.end() && stored->second.original == nullptr;
+  const auto entry = is_cut                      ? outstanding_.end()
+                     : stored == in_store_.end() ? outstanding_.find(bytes)
+                                                 : outstanding_.find(*stored->second.original);
+  if (stored != in_store_.end() && EndsInTheStore(event)) Release(stored);
+  if (is_cut) return EndsInTheStore(event);  // There may be room again.
   if (entry == outstanding_.end()) return false;
   switch (event.kind) {
     case ReportEventKind::kSent:
@@ -114,7 +135,7 @@ bool Ledger::Account(const ReportEvent& event) {
       return OnFailed(event);
     case ReportEventKind::kDropped:
       return OnDropped(event, entry);
-    default:  // kAdmitted and kSaved change nothing; what is kKept is left.
+    default:  // kSaved changes nothing; what is kKept is left.
       return false;
   }
 }
@@ -150,6 +171,35 @@ void Ledger::Drop(const std::string& reason, Outstanding::iterator entry) {
   ++counts_.dropped;
 }
 
+bool Ledger::OnAdmitted(const ReportEvent& event) {
+  if (event.original_data == nullptr) return false;
+  const std::string_view original{reinterpret_cast<const char*>(event.original_data),
+                                  event.original_size};
+  const std::string_view bytes = BytesOf(event);
+  const auto entry = outstanding_.find(original);
+  if (entry == outstanding_.end()) return false;
+  Compressed& stored = in_store_.try_emplace(std::string(bytes), Compressed{}).first->second;
+  ++stored.count;
+  // The room for the stream is as large as the message. When it is full before the message has been
+  // read, the channel sends the stream as far as it got.
+  if (bytes.size() != original.size() || IsWholeDeflateStream(bytes)) {
+    stored.original = &entry->first;
+    return false;
+  }
+  ++cut_count_;
+  cut_bytes_ += bytes.size();
+  Drop("deflate does not make it shorter and was cut short; send it without --compress", entry);
+  return true;
+}
+
+void Ledger::Release(InStore::iterator stored) {
+  if (stored->second.original == nullptr) {
+    --cut_count_;
+    cut_bytes_ -= stored->first.size();
+  }
+  if (--stored->second.count == 0) in_store_.erase(stored);
+}
+
 bool Ledger::OnRefused(const ReportEvent& event, Outstanding::iterator entry) {
   if (IsOfTermination(event.cause)) {
     broken_ = broken_ || !closed_;
@@ -183,9 +233,11 @@ bool Ledger::OnDropped(const ReportEvent& event, Outstanding::iterator entry) {
   }
   if (event.cause == ReportEventCause::kReplaced) --counts_.in_flight;
   if (event.cause == ReportEventCause::kResendLimit) {
-    if (!options_.max_resend) {
+    // The bytes of an earlier run are compressed already, and would be again.
+    const bool is_of_earlier_run = options_.compress && BytesOf(event) == entry->first;
+    if (!options_.max_resend && !is_of_earlier_run) {
       // A limit of the server's was in force for a moment.
-      if (!closed_) again_.emplace_back(BytesOf(event));
+      if (!closed_) again_.push_back(entry->first);
       return true;
     }
     --counts_.retries;
@@ -217,7 +269,8 @@ bool Ledger::OnRetuned(const ReportEvent& event) {
 }
 
 bool Ledger::HasRoomLocked() const {
-  return outstanding_count_ < kMaxOutstanding && outstanding_bytes_ < kMaxOutstandingBytes;
+  return outstanding_count_ + cut_count_ < kMaxOutstanding &&
+         outstanding_bytes_ + cut_bytes_ < kMaxOutstandingBytes;
 }
 
 bool Ledger::HasRoom() const {
@@ -228,7 +281,7 @@ bool Ledger::HasRoom() const {
 std::optional<std::string> Ledger::TakeToHandOverAgain() {
   std::lock_guard<std::mutex> hold(mutex_);
   if (again_.empty() || closed_) return std::nullopt;
-  if (outstanding_count_ - again_.size() >= kMaxOutstanding) return std::nullopt;
+  if (outstanding_count_ + cut_count_ - again_.size() >= kMaxOutstanding) return std::nullopt;
   std::string bytes = std::move(again_.front());
   again_.pop_front();
   return bytes;

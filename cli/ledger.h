@@ -1,7 +1,8 @@
 // The books of one run: what was handed over and what became of it, known from the channel's events
-// alone. Messages are told apart by their bytes; of equal ones the oldest name goes first.
-// Threads: OnReportEvent() on any thread; everything else on the main thread.
-// See docs/guide/quenor-report.md for what the numbers mean.
+// alone. Messages are told apart by their bytes; of equal ones the oldest name goes first. A
+// channel that compresses tells its events with the compressed bytes once a message is in its
+// store. Threads: OnReportEvent() on any thread; everything else on the main thread. See
+// docs/guide/quenor-report.md for what the numbers mean.
 #ifndef CLI_LEDGER_H_
 #define CLI_LEDGER_H_
 
@@ -41,6 +42,7 @@ class Ledger : public ReportEventListener {
 
   struct Options {
     bool send_now = false;
+    bool compress = false;
     uint32_t interval_ms = 0;            // The run's own send interval; 0: none.
     std::optional<uint32_t> max_resend;  // Empty: no message is given up for failing.
     // Any thread; must not block. The main thread has something to look at.
@@ -95,13 +97,23 @@ class Ledger : public ReportEventListener {
   // Outstanding messages by their bytes; never an empty queue of names.
   using Outstanding = std::map<std::string, std::deque<Name>, std::less<>>;
 
+  // What the channel keeps under bytes that are not the message's own.
+  struct Compressed {
+    const std::string* original;  // The key in outstanding_; null: cut, and dropped already.
+    uint64_t count;
+  };
+  using InStore = std::map<std::string, Compressed, std::less<>>;
+
   // With mutex_ held. True when the main thread has something to look at.
   bool Account(const ReportEvent& event);
   bool OnHandedOver(std::string_view bytes);
+  bool OnAdmitted(const ReportEvent& event);
   bool OnRefused(const ReportEvent& event, Outstanding::iterator entry);
   bool OnAcknowledged(Outstanding::iterator entry);
   bool OnFailed(const ReportEvent& event);
   bool OnDropped(const ReportEvent& event, Outstanding::iterator entry);
+  // The message is in the store no more.
+  void Release(InStore::iterator stored);
   bool OnRetuned(const ReportEvent& event);
   void Add(std::string_view bytes, std::string name);
   void Drop(const std::string& reason, Outstanding::iterator entry);
@@ -112,6 +124,9 @@ class Ledger : public ReportEventListener {
   const Options options_;
   mutable std::mutex mutex_;  // Guards everything below; never held while the options' calls run.
   Outstanding outstanding_;
+  InStore in_store_;        // Empty unless the channel compresses.
+  uint64_t cut_count_ = 0;  // Messages in the store that are off the books; likewise below.
+  uint64_t cut_bytes_ = 0;
   uint64_t outstanding_count_ = 0;
   uint64_t outstanding_bytes_ = 0;
   uint64_t next_order_ = 0;

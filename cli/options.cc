@@ -21,6 +21,8 @@ constexpr char kFooter[] = R"(Examples:
       each file is one report, given up after ten sends
   curl -s http://127.0.0.1/stats | quenor-report send --url https://collector.example/stats -
       standard input whole is one report
+  quenor-report send --url https://collector.example/crashes --compress a.dmp
+      the server must know that the bodies are raw deflate: no header says so
   quenor-report send --url https://localhost:8443/ --cacert ca.pem --socks5 me:pa%40ss@[::1]:1080 a
       trusts a CA of one's own and goes through a SOCKS5 proxy, the password being "pa@ss"
 
@@ -43,6 +45,10 @@ void AddDelivery(CLI::App* send, Options* options) {
   send->add_flag("--send-now", options->send_now,
                  "send each message at once, not one per 100 ms; without effect while a send "
                  "interval is set, by --interval or by the server");
+  send->add_flag(
+      "--compress", options->compress,
+      "send each message as raw deflate; one that this does not make shorter, as many short "
+      "ones, is dropped");
   send->add_option("--interval", options->interval_ms,
                    "send one message per MS milliseconds (at least 100; 0: none set)")
       ->type_name("MS");

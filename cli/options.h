@@ -15,6 +15,7 @@ struct Options {
   std::string url;
   std::string channel = "quenor-report";
   bool send_now = false;
+  bool compress = false;
   std::string ca_file;  // Empty: the system's certificates.
   bool http1 = false;
   std::optional<Socks5Address> socks5;

@@ -19,7 +19,6 @@ namespace {
 constexpr uint32_t kNoLimit = std::numeric_limits<uint32_t>::max();
 constexpr double kPatienceWithoutWaitS = 30;
 constexpr base::TimeDelta kDrainTime = base::TimeDelta::FromSeconds(10);
-constexpr bool kCompress = false;
 // Every message asks for the cache, so that it is kept there as soon as the channel has one.
 constexpr bool kNeedCache = true;
 
@@ -43,11 +42,12 @@ Session::Session(const Options& options, Input& input, Console& console, Wakeup&
       signals_(signals),
       ledger_(LedgerOptions()),
       channel_(std::make_shared<ReliableReportChannelHttps>(options.channel, options.url, 0,
-                                                            !options.http1, kCompress)) {}
+                                                            !options.http1, options.compress)) {}
 
 Ledger::Options Session::LedgerOptions() {
   Ledger::Options ledger;
   ledger.send_now = options_.send_now;
+  ledger.compress = options_.compress;
   ledger.interval_ms = options_.interval_ms.value_or(0);
   ledger.max_resend = options_.max_resend;
   ledger.wake = [this] { wakeup_.Notify(); };

@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -54,6 +56,21 @@ void ExpectEachArrived(const std::vector<std::string>& messages, const Digests& 
 
 bool Mentions(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
+}
+
+// Noise with so many repetitions of three bytes that deflate's blocks drift against its window, and
+// so few that they save nothing: of this many bytes the output is full while input remains.
+std::string BodyThatIsCutShort() {
+  std::mt19937_64 random(1);
+  std::string body(5701696, '\0');
+  for (size_t i = 0; i < body.size(); i += sizeof(uint64_t)) {
+    const uint64_t noise = random();
+    std::memcpy(body.data() + i, &noise, sizeof(noise));
+  }
+  for (size_t i = 8192; i + 3 < body.size(); i += 400) {
+    std::memcpy(body.data() + i, body.data() + i - 4000, 3);
+  }
+  return body;
 }
 
 TEST_F(ReportTest, DeliversAThousandLinesOnceEachAndUnaltered) {
@@ -116,6 +133,55 @@ TEST_F(ReportTest, DeliversWithoutSendNowAtTheTimersPace) {
 
   EXPECT_EQ("handed_over=3 delivered=3 failed_attempts=0 dropped=0 left=0\n", result.out);
   EXPECT_EQ(DigestsOf({"a", "b", "c"}), collector.Stop());
+}
+
+TEST_F(ReportTest, CompressedLinesArriveWholeAndThoseThatDoNotShrinkAreNamed) {
+  Collector collector(certificates_, {"--inflate"});
+  std::vector<std::string> lines;
+  std::vector<std::string> shorter;
+  for (int i = 1; i <= 100; ++i) {
+    const bool repeats = i % 4 != 0;
+    lines.push_back("line " + std::to_string(i) + (repeats ? std::string(100, 'r') : ""));
+    if (repeats) shorter.push_back(lines.back());
+  }
+
+  const Result result = Send(collector.url(), {"--compress", "--send-now"}, Joined(lines));
+
+  EXPECT_EQ("handed_over=100 delivered=75 failed_attempts=0 dropped=25 left=0\n", result.out);
+  EXPECT_EQ(69, result.exit_code);
+  EXPECT_EQ(25u, CountIn(result.err, "was dropped: deflate does not make it shorter"));
+  EXPECT_TRUE(Mentions(result.err, "line 4 was dropped")) << result.err;
+  EXPECT_TRUE(Mentions(result.err, "line 100 was dropped")) << result.err;
+  EXPECT_EQ(DigestsOf(shorter), collector.Stop());
+}
+
+TEST_F(ReportTest, CompressedMessagesSurviveAServerThatFailsAndLimitsResends) {
+  Collector collector(certificates_, {"--inflate", "--fail-every", "3", "--max-resend", "1"});
+  std::vector<std::string> lines = NumberedLines(8);
+  for (std::string& line : lines) line += std::string(200, 'r');
+
+  const Result result =
+      Send(collector.url(), {"--compress", "--send-now", "--wait", "120"}, Joined(lines));
+
+  EXPECT_EQ(0, result.exit_code) << result.err;
+  EXPECT_EQ(8, Field(result.out, "delivered"));
+  ExpectEachArrived(lines, collector.Stop());
+}
+
+TEST_F(ReportTest, AMessageWhoseCompressionIsCutShortIsNamedAndNeverCalledDelivered) {
+  Collector collector(certificates_, {"--inflate"});
+  const std::string body = certificates_.Write("core.dmp", BodyThatIsCutShort());
+
+  const Result result = Send(collector.url(), {"--compress", "--send-now", body}, "");
+
+  EXPECT_EQ("handed_over=1 delivered=0 failed_attempts=0 dropped=1 left=0\n", result.out);
+  EXPECT_EQ(69, result.exit_code);
+  EXPECT_TRUE(Mentions(result.err,
+                       "core.dmp was dropped: deflate does not make it shorter and was "
+                       "cut short"))
+      << result.err;
+  // It may have reached the server, but not as a whole stream.
+  for (const auto& [digest, count] : collector.Stop()) EXPECT_EQ("truncated", digest) << count;
 }
 
 TEST_F(ReportTest, AnEmptyInputIsDelivered) {

@@ -85,6 +85,36 @@ class LimitedLedgerTest : public LedgerTest {
   }
 };
 
+// Plays a channel that compresses: from admission on its events carry other bytes.
+class CompressedLedgerTest : public LedgerTest {
+ protected:
+  CompressedLedgerTest() : LedgerTest(Compressed()) {}
+  static Ledger::Options Compressed() {
+    Ledger::Options options;
+    options.compress = true;
+    return options;
+  }
+
+  void TellAdmitted(const std::string& original, const std::string& stored) {
+    ReportEvent event{ReportEventKind::kAdmitted, ReportEventCause::kNone, channel_name_};
+    event.data = reinterpret_cast<const uint8_t*>(stored.data());
+    event.size = static_cast<uint32_t>(stored.size());
+    event.original_data = reinterpret_cast<const uint8_t*>(original.data());
+    event.original_size = static_cast<uint32_t>(original.size());
+    ledger_.OnReportEvent(event);
+  }
+  void HandOverCompressed(const std::string& name, const std::string& original,
+                          const std::string& stored) {
+    ledger_.Expect({name, original});
+    Tell(ReportEventKind::kHandedOver, original);
+    TellAdmitted(original, stored);
+  }
+
+  // A stored block of the four bytes "text", which is not the last one.
+  const std::string unfinished_ = std::string("\0\x4\0\xfb\xff", 5) + "text";
+  const std::string nine_bytes_ = "nine byte";
+};
+
 class TunedLedgerTest : public LedgerTest {
  protected:
   TunedLedgerTest() : LedgerTest(Tuned()) {}
@@ -108,6 +138,126 @@ TEST_F(LedgerTest, CountsAMessageFromHandOverToDelivery) {
   EXPECT_EQ(1u, counts.delivered);
   EXPECT_EQ(0u, counts.left);
   EXPECT_EQ(0u, counts.in_flight);
+}
+
+TEST_F(CompressedLedgerTest, CountsAMessageUnderTheBytesThatTheChannelStored) {
+  HandOverCompressed("line 1", "aaaaaaaaaa", "z");
+  Send("z");
+  EXPECT_EQ(1u, ledger_.GetCounts().in_flight);
+  Acknowledge("z");
+
+  const Counts counts = ledger_.GetCounts();
+  EXPECT_EQ(1u, counts.delivered);
+  EXPECT_EQ(0u, counts.left);
+  EXPECT_EQ(0u, counts.in_flight);
+}
+
+TEST_F(CompressedLedgerTest, TellsAMessageFromAnotherThatIsStoredAsItsBytes) {
+  HandOverCompressed("line 1", "zz", "y");
+  HandOverCompressed("line 2", "aaaaaaaaaa", "zz");
+  Send("zz");
+  Acknowledge("zz");
+
+  EXPECT_EQ(std::vector<std::string>{"line 1"}, ledger_.LeftNames(10));
+}
+
+TEST_F(CompressedLedgerTest, EqualMessagesAreDeliveredOneByOne) {
+  HandOverCompressed("line 1", "aaaaaaaaaa", "z");
+  HandOverCompressed("line 2", "aaaaaaaaaa", "z");
+  Send("z");
+  Send("z");
+  Acknowledge("z");
+  EXPECT_EQ(std::vector<std::string>{"line 2"}, ledger_.LeftNames(10));
+  Acknowledge("z");
+
+  EXPECT_EQ(2u, ledger_.GetCounts().delivered);
+  EXPECT_EQ(0u, ledger_.GetCounts().left);
+}
+
+TEST_F(CompressedLedgerTest, NamesWhatDeflateDoesNotMakeShorterAsDropped) {
+  ledger_.Expect({"line 7", "short"});
+  Tell(ReportEventKind::kHandedOver, "short");
+  Tell(ReportEventKind::kDropped, "short", ReportEventCause::kNotCompressed);
+
+  EXPECT_EQ(1u, ledger_.GetCounts().dropped);
+  EXPECT_EQ(0u, ledger_.GetCounts().left);
+  EXPECT_EQ(
+      std::vector<std::string>{"line 7 was dropped: deflate does not make it shorter; send it "
+                               "without --compress"},
+      ledger_.TakeNotices());
+}
+
+TEST_F(CompressedLedgerTest, NamesAnEmptyMessageAsDropped) {
+  ledger_.Expect({"line 8", ""});
+  Tell(ReportEventKind::kHandedOver, "");
+  Tell(ReportEventKind::kDropped, "", ReportEventCause::kNotCompressed);
+
+  EXPECT_EQ(std::vector<std::string>{"line 8 was dropped: an empty message cannot be compressed; "
+                                     "send it without --compress"},
+            ledger_.TakeNotices());
+}
+
+TEST_F(CompressedLedgerTest, AStreamThatIsCutShortIsDroppedAndNeverDelivered) {
+  HandOverCompressed("core.dmp", nine_bytes_, unfinished_);
+
+  EXPECT_EQ(1u, ledger_.GetCounts().dropped);
+  EXPECT_EQ(
+      std::vector<std::string>{"core.dmp was dropped: deflate does not make it shorter and was "
+                               "cut short; send it without --compress"},
+      ledger_.TakeNotices());
+  Send(unfinished_);
+  Acknowledge(unfinished_);
+  EXPECT_EQ(0u, ledger_.GetCounts().delivered);
+  EXPECT_EQ(0u, ledger_.GetCounts().in_flight);
+  ExpectBooksClosed();
+}
+
+TEST_F(CompressedLedgerTest, AWholeStreamAsLongAsTheMessageIsDelivered) {
+  const std::string whole = std::string("\1\x4\0\xfb\xff", 5) + "text";
+  HandOverCompressed("line 1", nine_bytes_, whole);
+  Send(whole);
+  Acknowledge(whole);
+
+  EXPECT_EQ(0u, ledger_.GetCounts().dropped);
+  EXPECT_EQ(1u, ledger_.GetCounts().delivered);
+}
+
+TEST_F(CompressedLedgerTest, AStreamThatIsCutShortTakesItsRoomUntilTheChannelHasDoneWithIt) {
+  for (uint64_t i = 0; i < Ledger::kMaxOutstanding; ++i) {
+    HandOverCompressed("core.dmp", nine_bytes_, unfinished_);
+  }
+  EXPECT_FALSE(ledger_.HasRoom());
+  Send(unfinished_);
+  const int wakes = wakes_;
+  Acknowledge(unfinished_);
+
+  EXPECT_TRUE(ledger_.HasRoom());
+  EXPECT_EQ(wakes + 1, wakes_);
+}
+
+TEST_F(CompressedLedgerTest, HandsTheOriginalOverAgainWhenALimitOfTheServersDroppedIt) {
+  HandOverCompressed("line 1", "aaaaaaaaaa", "z");
+  Send("z");
+  Fail("z", 500);
+  Tell(ReportEventKind::kDropped, "z", ReportEventCause::kResendLimit, 7, 1);
+
+  EXPECT_EQ("aaaaaaaaaa", ledger_.TakeToHandOverAgain());
+  Tell(ReportEventKind::kHandedOver, "aaaaaaaaaa");
+  TellAdmitted("aaaaaaaaaa", "z");
+  Send("z");
+  Acknowledge("z");
+  EXPECT_EQ(1u, ledger_.GetCounts().handed_over);
+  EXPECT_EQ(1u, ledger_.GetCounts().delivered);
+}
+
+TEST_F(CompressedLedgerTest, DoesNotCompressAMessageOfAnEarlierRunASecondTime) {
+  Tell(ReportEventKind::kLoaded, "z");
+  Send("z");
+  Fail("z", 500);
+  Tell(ReportEventKind::kDropped, "z", ReportEventCause::kResendLimit, 7, 1);
+
+  EXPECT_FALSE(ledger_.TakeToHandOverAgain());
+  EXPECT_EQ(1u, ledger_.GetCounts().dropped);
 }
 
 TEST_F(LedgerTest, CountsEmptyMessagesLikeOthers) {

@@ -36,6 +36,7 @@ TEST(OptionsTest, HasDefaultsForAllButTheUrl) {
   EXPECT_EQ(kUrl, options.url);
   EXPECT_EQ("quenor-report", options.channel);
   EXPECT_FALSE(options.send_now);
+  EXPECT_FALSE(options.compress);
   EXPECT_EQ("", options.ca_file);
   EXPECT_FALSE(options.http1);
   EXPECT_FALSE(options.socks5);
@@ -46,12 +47,13 @@ TEST(OptionsTest, HasDefaultsForAllButTheUrl) {
 }
 
 TEST(OptionsTest, TakesEveryOption) {
-  const Options options = Parse({"--channel", "usage", "--send-now", "--cacert", "ca.pem",
-                                 "--http1", "--socks5", "u:p@h:1", "--interval", "250",
+  const Options options = Parse({"--channel", "usage", "--send-now", "--compress", "--cacert",
+                                 "ca.pem", "--http1", "--socks5", "u:p@h:1", "--interval", "250",
                                  "--max-resend", "4294967295", "--wait", "0.5", "a", "-", "/b"});
 
   EXPECT_EQ("usage", options.channel);
   EXPECT_TRUE(options.send_now);
+  EXPECT_TRUE(options.compress);
   EXPECT_EQ("ca.pem", options.ca_file);
   EXPECT_TRUE(options.http1);
   ASSERT_TRUE(options.socks5);

@@ -95,7 +95,10 @@ Digests Collector::Stop() {
     if (digest.empty()) continue;
     ++requests_;
     const std::string status = Between(line, "\"status\":", "}");
-    if (std::atoi(status.c_str()) == 200) ++accepted[digest];
+    if (std::atoi(status.c_str()) != 200) continue;
+    const std::string verdict = Between(line, "\"inflate\":\"", "\"");
+    const std::string inflated = Between(line, "\"inflated_sha256\":\"", "\"");
+    ++accepted[verdict.empty() ? digest : verdict == "ok" ? inflated : verdict];
   }
   return accepted;
 }

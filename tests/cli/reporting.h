@@ -44,7 +44,8 @@ class Collector {
   // Waits until it has put `count` requests on record.
   void WaitForRequests(size_t count);
 
-  // Ends it in order. What it answered 200 to, and how many requests it got.
+  // Ends it in order. What it answered 200 to, and how many requests it got. With "--inflate" the
+  // digests are of the inflated bodies, and of a body that is no whole stream the word for it.
   Digests Stop();
   size_t requests() const { return requests_; }
 
