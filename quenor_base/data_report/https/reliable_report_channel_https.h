@@ -51,7 +51,7 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   // Any thread. Copies the strings; starts nothing. `channel_name` names the queue's thread and the
   // cache file, `url` is where messages are POSTed (https:// or http://); while it is empty no
   // message is taken. The third argument is ignored. `http_client_option` turns HTTP/2 on,
-  // `enable_compress` sends every body as raw deflate; a body that deflate would make longer is
+  // `enable_compress` sends every body as raw deflate; a body that deflate does not make shorter is
   // then dropped.
   ReliableReportChannelHttps(const std::string& channel_name, const std::string& url, unsigned int,
                              bool http_client_option, bool enable_compress);
