@@ -125,14 +125,17 @@ TEST_P(DispatchQueueConformance, TaskPostedAfterAnothersPostReturnedRunsAfterItO
 
 TEST_P(DispatchQueueConformance, TaskMayPostToItsOwnQueue) {
   const auto queue = NewQueue();
-  queue->PostTask(kHere, notes_.Note(1, [this, &queue] {
-    queue->PostTask(kHere, notes_.Note(3, [this] { done_.Open(); }));
-  }));
-  queue->PostTask(kHere, notes_.Note(2));
+  queue->PostTask(kHere, [&] {
+    queue->PostTask(kHere, notes_.Note(2, [&] {
+      queue->PostTask(kHere, notes_.Note(4, [this] { done_.Open(); }));
+    }));
+    queue->PostTask(kHere, notes_.Note(3));
+    notes_.Add(1);
+  });
 
   ASSERT_TRUE(host_->WaitFor(done_));
 
-  EXPECT_EQ(notes_.All(), (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(notes_.All(), (std::vector<int>{1, 2, 3, 4}));
 }
 
 TEST_P(DispatchQueueConformance, BoundValuesGoRightAfterTheirTaskRan) {
@@ -184,10 +187,10 @@ TEST_P(DispatchQueueConformance, QueueIsMadeWithoutOptionsToo) {
 
 TEST_P(DispatchQueueConformance, DelayedTasksRunByTheirDeadlines) {
   const auto queue = NewQueue();
-  queue->PostDelayedTask(kHere, notes_.Note(3, [this] { done_.Open(); }),
-                         TimeDelta::FromMilliseconds(60));
-  queue->PostDelayedTask(kHere, notes_.Note(2), TimeDelta::FromMilliseconds(30));
   queue->PostTask(kHere, notes_.Note(1));
+  queue->PostDelayedTask(kHere, notes_.Note(2), TimeDelta::FromMilliseconds(2));
+  queue->PostDelayedTask(kHere, notes_.Note(3, [this] { done_.Open(); }),
+                         TimeDelta::FromMilliseconds(4));
 
   ASSERT_TRUE(host_->WaitFor(done_));
 
@@ -405,8 +408,9 @@ TEST_P(DispatchQueueConformance, DelayedTaskMayHoldTheLastReferenceToAnotherQueu
 
 TEST_P(DispatchQueueConformance, LastReferenceMayGoOnTheQueuesOwnThread) {
   auto queue = NewQueue();
-  DispatchQueue* const bare = queue.get();
-  bare->PostTask(kHere, [this, held = std::move(queue)]() mutable {
+  Gate dropped_here;
+  queue->PostTask(kHere, [this, &dropped_here, held = queue]() mutable {
+    dropped_here.Wait();
     notes_.Add(1);
     held.reset();
     notes_.Add(2);
@@ -414,9 +418,11 @@ TEST_P(DispatchQueueConformance, LastReferenceMayGoOnTheQueuesOwnThread) {
     done_.Open();
   });
 
+  queue.reset();
+  dropped_here.Open();
+
   ASSERT_TRUE(host_->WaitFor(done_));
   ASSERT_TRUE(host_->Drain());
-
   EXPECT_EQ(notes_.All(), (std::vector<int>{1, 2}));
 }
 

@@ -382,16 +382,18 @@ TEST_P(TimerConformance, StartOnAQueueThatIsShuttingDownLeavesTheTimerStopped) {
   RepeatingTimer timer;
   target_.task = [this] { notes_.Add(1); };
   auto queue = NewQueue();
-  DispatchQueue* const bare = queue.get();
-  bare->PostTask(kHere, [&, held = std::move(queue)]() mutable {
-    held.reset();
+  Gate dropped;
+  queue->PostTask(kHere, [&] {
+    dropped.Wait();
     timer.Start(kHere, Ms(1), &target_, &TimerTarget::Run);
     done_.Open();
   });
 
+  queue.reset();
+  dropped.Open();
+
   ASSERT_TRUE(host_->WaitFor(done_));
   ASSERT_TRUE(host_->Drain());
-
   EXPECT_FALSE(timer.IsRunning());
   EXPECT_TRUE(notes_.All().empty());
 }

@@ -38,6 +38,7 @@ struct FakeHttp::Core {
   std::map<size_t, OpenRequest> outstanding;
   std::deque<int64_t> next_ids;
   std::function<void(const HttpClient::Request&)> on_send;
+  std::function<void()> on_started;
   std::function<void()> on_client_destroyed;
   size_t creation_failures = 0;
   size_t live_clients = 0;
@@ -64,6 +65,9 @@ struct FakeHttp::Core {
     OpenRequest entry{client, request, std::move(callback)};
     entry.request.request_id = id;
     outstanding.emplace(sent.size() - 1, std::move(entry));
+    const std::function<void()> started = on_started;
+    hold.unlock();
+    if (started) started();
     return id;
   }
 
@@ -215,6 +219,11 @@ void FakeHttp::Accept() {
 void FakeHttp::SetOnSend(std::function<void(const HttpClient::Request&)> on_send) {
   std::lock_guard<std::mutex> hold(core_->mutex);
   core_->on_send = std::move(on_send);
+}
+
+void FakeHttp::SetOnStarted(std::function<void()> on_started) {
+  std::lock_guard<std::mutex> hold(core_->mutex);
+  core_->on_started = std::move(on_started);
 }
 
 void FakeHttp::SetOnClientDestroyed(std::function<void()> on_destroyed) {

@@ -57,6 +57,9 @@ class FakeHttp {
   void Accept();
   // Called in each SendRequest(), on its thread, before anything else; null for nothing.
   void SetOnSend(std::function<void(const HttpClient::Request&)> on_send);
+  // Called in each SendRequest() that started a request, on its thread, once the request can be
+  // answered; null for nothing.
+  void SetOnStarted(std::function<void()> on_started);
   // Called as a client is destroyed, on that thread, before its requests end; null for nothing.
   void SetOnClientDestroyed(std::function<void()> on_destroyed);
 

@@ -66,10 +66,7 @@ class ChannelThreadsTest : public ::testing::Test {
     // Levels 1 and 2 need not fill the test's output.
     SetLogSink([](void*, int, const char*, int, const char*, size_t) {}, nullptr);
     // Every request is answered as soon as it is out.
-    http_.SetOnSend([this](const HttpClient::Request&) {
-      network_->PostDelayedTask(
-          base::Location(), [this] { AnswerAll(); }, TimeDelta::FromMicroseconds(200));
-    });
+    http_.SetOnStarted([this] { network_->PostTask(base::Location(), [this] { AnswerAll(); }); });
     channel_ = std::make_shared<ReliableReportChannelHttps>("threads", "https://x.example/", 0u,
                                                             false, false);
   }
@@ -77,6 +74,7 @@ class ChannelThreadsTest : public ::testing::Test {
     channel_->Terminate();
     EXPECT_TRUE(Drain());
     http_.SetOnSend(nullptr);
+    http_.SetOnStarted(nullptr);
     Gate settled;
     network_->PostTask(base::Location(), [&] { settled.Open(); });
     EXPECT_TRUE(settled.Wait());
@@ -184,7 +182,7 @@ TEST_F(ChannelThreadsTest, MessagesOfFourThreadsAreAllDelivered) {
   channel_->Initialize();
   Gate all;
   std::atomic<int> delivered{0};
-  http_.SetOnSend([&](const HttpClient::Request&) {
+  http_.SetOnStarted([&] {
     network_->PostTask(base::Location(), [&] {
       for (const size_t index : http_.Outstanding()) {
         if (http_.Answer(index, 200) && ++delivered == 400) all.Open();

@@ -233,27 +233,28 @@ TEST_F(PthreadQueueTest, ProducersAndCancellersOnFourThreadsLoseNothing) {
 TEST_F(PthreadQueueTest, QueuesThatPostToEachOtherEndTogether) {
   std::atomic<int> hops{0};
   Gate last;
-  {
-    auto first = NewQueue();
-    auto second = NewQueue();
-    // Each hop holds both queues; the last one drops them, on one of their own threads.
-    struct Hop {
-      std::shared_ptr<DispatchQueue> here, there;
-      std::atomic<int>* hops;
-      Gate* last;
-      void operator()() && {
-        if (++*hops == 1000) {
-          here.reset();
-          there.reset();
-          return last->Open();
-        }
-        DispatchQueue* const next = there.get();
-        next->PostTask(kHere, Hop{std::move(there), std::move(here), hops, last});
+  // Each hop holds both queues; the last one drops them, on the thread of one of them.
+  struct Hop {
+    std::shared_ptr<DispatchQueue> here, there;
+    std::atomic<int>* hops;
+    Gate* last;
+    void operator()() && {
+      if (++*hops == 1000) {
+        here.reset();
+        there.reset();
+        return last->Open();
       }
-    };
-    DispatchQueue* const start = first.get();
-    start->PostTask(kHere, Hop{std::move(first), std::move(second), &hops, &last});
-  }
+      // Whoever posts holds the queue until the call has returned.
+      there->PostTask(kHere, Hop{there, here, hops, last});
+    }
+  };
+  auto first = NewQueue();
+  auto second = NewQueue();
+  first->PostTask(kHere, Hop{first, second, &hops, &last});
+  first->Retire();  // The hop before the last may be the one that drops a queue.
+  second->Retire();
+  first.reset();
+  second.reset();
 
   ASSERT_TRUE(last.Wait());
   ASSERT_TRUE(Drain());
