@@ -319,6 +319,20 @@ TEST_P(ChannelIgnoredValueTest, DoesNotKeepTheOtherFieldsFromBeingApplied) {
   EXPECT_EQ(channel_->GetReportInterval(), 30000u);
 }
 
+TEST_P(ChannelIgnoredValueTest, DoesNotSwitchAConfiguredSettingOff) {
+  HandleFields(kAllFields);
+  const std::string value = GetParam();
+
+  HandleFields("\"uint32_send_interval\":" + value + ",\"uint32_max_resend_count\":" + value +
+               ",\"uint32_report_duration\":" + value);
+
+  EXPECT_EQ(peer().resend_interval_ms(), 3000u);
+  EXPECT_EQ(peer().current_interval_ms(), 3000u);
+  EXPECT_EQ(SendPeriod(), 3000);
+  EXPECT_EQ(peer().max_resend_count(), 2u);
+  EXPECT_EQ(channel_->GetReportInterval(), 30000u);
+}
+
 // --- Through a response ---
 
 TEST_F(ChannelControlTest, ReplyOfA200RetunesTheChannel) {
