@@ -134,6 +134,9 @@ class Worker:
         self.runner, self.folder, self.build_jobs = runner, folder, build_jobs
         self.tree = folder / "tree"
         self.log = folder / "log.txt"
+        # Instead of Thread.join(): a Ctrl-C in there makes Python take the thread for ended, and
+        # the next join() returns while the thread still has its file to put back.
+        self.done = threading.Event()
         self.programs = {}  # (build, executable) -> path
         self.env = dict(os.environ, TSAN_OPTIONS="halt_on_error=1", QUENOR_TEST_SEED=os.environ.get(
             "QUENOR_TEST_SEED", "1"), CCACHE_BASEDIR=str(folder))
@@ -295,6 +298,8 @@ def work(worker, todo, limits, table, problems):
     except BaseException as problem:  # Shown by the main thread, which ends the others.
         problems.append(problem)
         worker.runner.stop.set()
+    finally:
+        worker.done.set()
 
 
 def run_all(options, mutants, runner, scratch):
@@ -317,17 +322,15 @@ def run_all(options, mutants, runner, scratch):
     for mutant in mutants:
         todo.put(mutant)
     table, problems = Table(mutants), []
-    threads = [threading.Thread(target=work, args=(worker, todo, limits, table, problems))
-               for worker in workers]
-    for thread in threads:
-        thread.start()
+    for worker in workers:
+        threading.Thread(target=work, args=(worker, todo, limits, table, problems)).start()
     try:
-        for thread in threads:
-            thread.join()
+        for worker in workers:
+            worker.done.wait()
     finally:  # Also after Ctrl-C: let each worker put its file back.
         runner.stop.set()
-        for thread in threads:
-            thread.join()
+        for worker in workers:
+            worker.done.wait()
         table.finish()
     if problems:
         raise problems[0]

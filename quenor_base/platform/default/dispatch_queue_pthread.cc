@@ -121,10 +121,7 @@ class QueueCore {
   void Run() {
     std::vector<Task> batch;
     while (WaitForTasks(&batch)) {
-      for (Task& task : batch) {
-        std::move(task).Run();
-        task = nullptr;
-      }
+      for (Task& task : batch) std::move(task).Run();
       batch.clear();
       if (batch.capacity() > kTasksToKeepRoomFor) std::vector<Task>().swap(batch);
     }

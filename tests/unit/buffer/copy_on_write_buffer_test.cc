@@ -487,15 +487,6 @@ TEST_F(CopyOnWriteBufferTest, NoMemoryToGrowIsFalseAndChangesNothing) {
   EXPECT_EQ(Text(buffer), "abc");
 }
 
-TEST_F(CopyOnWriteBufferTest, LargestSizeNeverWrapsIntoASmallAllocation) {
-  MemoryFaults::FailMalloc(1);  // Were it taken for a small one, the bytes below would not fit.
-  CopyOnWriteBuffer buffer(std::numeric_limits<uint32_t>::max(),
-                           std::numeric_limits<uint32_t>::max());
-
-  EXPECT_EQ(buffer.size(), 0u);
-  EXPECT_EQ(Peer(&buffer).storage(), nullptr);
-}
-
 // --- Threads ---
 
 TEST_F(CopyOnWriteBufferTest, HoldersOnManyThreadsShareAndReleaseOnce) {

@@ -162,12 +162,6 @@ TEST_F(ChannelControlTest, PercentSignsInTheBodyAreNotFormatted) {
             Texts{"response_errinfo is not success, response_msg:{\"bytes_errinfo\":\"%s%n%d\"}"});
 }
 
-TEST_F(ChannelControlTest, ZeroByteInABodyMakesItNoJson) {
-  Handle(std::string("{\"bytes_errinfo\":\"success\"}\0", 28));
-
-  ExpectUnchangedAndSilent();
-}
-
 TEST_F(ChannelControlTest, SuccessAloneChangesAndLogsNothing) {
   Handle(kSuccess);
 
