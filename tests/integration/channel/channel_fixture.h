@@ -29,7 +29,6 @@ class EventCounter : public ReportEventListener {
   void OnReportEvent(const ReportEvent& event) override {
     std::lock_guard<std::mutex> hold(mutex_);
     ++counts_[event.kind];
-    if (event.kind == ReportEventKind::kFailed) last_http_state_ = event.http_state;
     changed_.notify_all();
   }
 
@@ -48,7 +47,6 @@ class EventCounter : public ReportEventListener {
   std::mutex mutex_;
   std::condition_variable changed_;
   std::map<ReportEventKind, size_t> counts_;
-  int32_t last_http_state_ = -1;
 };
 
 class ChannelOverNetworkTest : public ::testing::Test {
