@@ -14,6 +14,10 @@ namespace quenor::config {
 struct BaseConfigKeys {
   // "quenor.report.cache_option". Report cache: 0 none, 1 plain file, 2 memory-mapped file.
   std::string cache_option;
+  // "quenor.report.cache_durability". What a save in the report cache survives besides the end of
+  // the process: 0 nothing more (default), 1 writing to the disk is started and not awaited, 2 a
+  // loss of power too: it is on the disk before the save returns.
+  std::string cache_durability;
 };
 
 // Any thread. The key table; never destroyed.

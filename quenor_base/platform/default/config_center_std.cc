@@ -81,7 +81,7 @@ struct ConfigCenterImpl::State {
 };
 
 const BaseConfigKeys& BaseCfg() {
-  static const BaseConfigKeys* const keys = new BaseConfigKeys{"quenor.report.cache_option"};
+  static const BaseConfigKeys* const keys = new BaseConfigKeys{"quenor.report.cache_option", "quenor.report.cache_durability"};
   return *keys;
 }
 

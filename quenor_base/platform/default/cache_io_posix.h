@@ -1,0 +1,117 @@
+// System calls of the two cache files, each carried through interruptions and short transfers.
+// Functions that fail answer false with errno set. Locks are open-file-description locks (Linux
+// 3.15): they belong to the descriptor, not the process, exclude two instances of one process too,
+// and are dropped by the kernel when the last reference to the description goes, SIGKILL included.
+// A forked child must be no such reference: see Descriptor.
+// Threads: any, each object by one at a time.
+#ifndef QUENOR_BASE_PLATFORM_DEFAULT_CACHE_IO_POSIX_H_
+#define QUENOR_BASE_PLATFORM_DEFAULT_CACHE_IO_POSIX_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace quenor::cache_io {
+
+// What a save survives besides the end of the process.
+enum class Durability { kProcess, kStarted, kOnDisk };
+// From the configuration; a value that means nothing is logged and counts as kProcess.
+Durability ConfiguredDurability();
+
+// An open file that ends with this process: a child that forks has it closed before fork() returns
+// in it, so that neither its locks nor its bytes live on there. Never closed by accident twice: the
+// number may by then be another's.
+class Descriptor {
+ public:
+  Descriptor() = default;
+  ~Descriptor() { Close(); }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  // Opens a regular file for reading and writing; never through a symbolic link as last component,
+  // never waiting for a device. kCreate: must not exist; mode 0600 whatever the umask.
+  // kReplace: created, or emptied when it exists.
+  enum class How { kExisting, kCreate, kReplace, kReadOnly };
+  [[nodiscard]] bool Open(const std::string& path, How how);
+  void Close();
+
+  bool is_open() const { return fd_ >= 0; }
+  int fd() const { return fd_; }
+  // In a forked child, of a descriptor that was open in its parent: nothing may be done with what
+  // was mapped or remembered of the file, not even unmapping (the addresses may be another's).
+  bool is_orphan() const { return orphan_; }
+  void swap(Descriptor& other);
+
+ private:
+  friend struct ForkGuard;
+  void Link();
+  void Unlink();
+
+  int fd_ = -1;
+  bool orphan_ = false;
+  Descriptor* previous_ = nullptr;  // In the list that the fork handlers walk; under its lock.
+  Descriptor* next_ = nullptr;
+};
+
+// Maps `size` bytes at `offset` (of any alignment), shared and writable, not inherited by a forked
+// child. Null with errno on failure. The space must have been allocated.
+class Mapping {
+ public:
+  Mapping() = default;
+  ~Mapping() { Unmap(); }
+  Mapping(const Mapping&) = delete;
+  Mapping& operator=(const Mapping&) = delete;
+
+  [[nodiscard]] bool Map(const Descriptor& file, uint64_t offset, uint64_t size);
+  void Unmap();
+  // In a forked child, where nothing is mapped: forgets it.
+  void Forget();
+  void swap(Mapping& other);
+
+  uint8_t* data() const { return data_; }
+  uint64_t size() const { return size_; }
+  // Writes what [begin, end) of it holds: starts it, or waits until it is on the disk.
+  [[nodiscard]] bool Flush(uint64_t begin, uint64_t end, Durability durability) const;
+
+ private:
+  int fd_ = -1;  // Borrowed.
+  uint64_t file_offset_ = 0;
+  uint8_t* data_ = nullptr;
+  uint64_t size_ = 0;
+  uint8_t* map_base_ = nullptr;  // `data_` rounded down to a page.
+  size_t map_size_ = 0;
+};
+
+// How many bytes were read: fewer than `size` only at the end of the file; -1 on an error.
+[[nodiscard]] int64_t ReadAt(int fd, void* out, size_t size, uint64_t offset);
+// All of them or none that counts: false may leave some written.
+[[nodiscard]] bool WriteAt(int fd, const void* data, size_t size, uint64_t offset);
+// Makes the file at least offset + size long, with disk space for that range.
+[[nodiscard]] bool Allocate(int fd, uint64_t offset, uint64_t size);
+[[nodiscard]] bool Truncate(int fd, uint64_t size);
+// Gives the disk space of a range back, where the file system can; the range then reads as zeros.
+void PunchHole(int fd, uint64_t offset, uint64_t size);
+[[nodiscard]] bool FileSize(int fd, uint64_t* size, uint64_t* links);
+// True when `path` still names the file that `fd` has open.
+bool IsStillAt(int fd, const std::string& path);
+// Waits until a file's content, or a folder's names, are on the disk.
+[[nodiscard]] bool SyncFile(int fd);
+[[nodiscard]] bool SyncFolderOf(const std::string& path);
+[[nodiscard]] bool Rename(const std::string& from, const std::string& to);
+
+// Exclusive locks on a byte range. Try: false with errno EAGAIN when another has it. Wait: asks
+// again at growing intervals for at most `wait_ms`; a holder may be frozen for ever.
+[[nodiscard]] bool TryLock(int fd, uint64_t offset, uint64_t size);
+[[nodiscard]] bool WaitLock(int fd, uint64_t offset, uint64_t size, int wait_ms);
+void Unlock(int fd, uint64_t offset, uint64_t size);
+// 1 another holds a lock in the range, 0 nobody else does, -1 an error.
+[[nodiscard]] int IsLockedByOther(int fd, uint64_t offset, uint64_t size);
+
+// Empty when a cache file may be opened at `path`; else why not, for a message.
+std::string WhyPathIsRefused(const std::string& path);
+// The system's text for an errno value. Any thread.
+std::string ErrnoText(int error);
+
+}  // namespace quenor::cache_io
+
+#endif  // QUENOR_BASE_PLATFORM_DEFAULT_CACHE_IO_POSIX_H_
