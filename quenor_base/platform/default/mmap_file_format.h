@@ -106,7 +106,9 @@ struct PacketHeader {
 };
 static_assert(sizeof(PacketHeader) == 24);
 
-constexpr uint64_t RoundUp(uint64_t value, uint64_t unit) { return (value + unit - 1) / unit * unit; }
+constexpr uint64_t RoundUp(uint64_t value, uint64_t unit) {
+  return (value + unit - 1) / unit * unit;
+}
 // What a packet takes up in an area.
 constexpr uint64_t PacketRoom(uint64_t length) { return RoundUp(sizeof(PacketHeader) + length, 8); }
 
