@@ -103,6 +103,32 @@ class ChannelThreadsTest : public ::testing::Test {
   std::shared_ptr<ReliableReportChannelHttps> channel_;
 };
 
+// Each thread writes and reads until both have done so often: that the other came in between is
+// certain enough for the thread sanitizer on a busy machine too.
+TEST(AtomicSharedPtrMutexTest, TwoThreadsReplaceAndReadThePointer) {
+  constexpr int kRounds = 20000;
+  internal::AtomicSharedPtrMutex<int> holder;
+  holder.store(std::make_shared<int>(0));
+  std::atomic<int> ready{0};
+  std::atomic<bool> never_null{true};
+  const auto replace_and_read = [&](int value) {
+    ++ready;
+    while (ready < 2) std::this_thread::yield();
+    for (int i = 0; i < kRounds; ++i) {
+      holder.store(std::make_shared<int>(value));
+      if (holder.load() == nullptr) never_null = false;
+    }
+  };
+
+  std::thread other([&] { replace_and_read(1); });
+  replace_and_read(2);
+  other.join();
+
+  EXPECT_TRUE(never_null);
+  const int last = *holder.load();
+  EXPECT_TRUE(last == 1 || last == 2) << last;
+}
+
 TEST_F(ChannelThreadsTest, OperationsOnFourThreadsWhileTheChannelRestartsLoseNoBook) {
   std::atomic<bool> stop{false};
   std::vector<std::thread> owners;
