@@ -1,0 +1,323 @@
+// Looks at cache files of both kinds. Reads without any lock: whatever is read is checked, and what
+// an owner changed meanwhile is read again.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <new>
+
+#include "quenor_base/platform/cache_file_inspector.h"
+#include "quenor_base/platform/default/cache_file_reader.h"
+#include "quenor_base/platform/default/cache_io_posix.h"
+#include "quenor_base/platform/default/mmap_file_reader.h"
+
+namespace quenor {
+namespace {
+
+using Owner = CacheFileInspector::Owner;
+using Result = CacheFileInspector::Result;
+using Summary = CacheFileInspector::Summary;
+using Visitor = CacheFileInspector::Visitor;
+using How = cache_io::Descriptor::How;
+
+constexpr int kMostReadings = 50;  // Of content that its owner keeps changing.
+constexpr int kPurgeWaitMs = 1000;
+// A plain file's digests are compared within one reading only.
+constexpr uint64_t kDigestKey = 0;
+
+Result Refused(const std::string& what, const std::string& path, int error, std::string* text) {
+  *text = "cannot " + what + " " + path + ": " + cache_io::ErrnoText(error);
+  if (error == ENOENT) {
+    *text += "; give the path of a cache file, such as .../quenor_report/NAME.mmap";
+    return Result::kNotFound;
+  }
+  if (error == ELOOP || error == EISDIR || error == EINVAL || error == ENXIO) {
+    *text += "; a cache file is a regular file, and no symbolic link is followed";
+    return Result::kNotFound;
+  }
+  *text += error == ENOMEM ? "; free some memory" : "; check its permissions and the disk";
+  return Result::kUnreadable;
+}
+
+Result NotOurs(const std::string& path, uint32_t newer_version, std::string* text) {
+  *text = newer_version != 0 ? path + " is of version " + std::to_string(newer_version) +
+                                   ", newer than this program; use the program of that version"
+                             : path + " is no cache file; give one that ends in .mmap or .cache";
+  return Result::kNotOurs;
+}
+
+bool EndsWith(const std::string& text, const std::string& end) {
+  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+// By what it begins with; one that begins with neither, by its name.
+bool IsPlain(int fd, const std::string& path) {
+  uint64_t magic = 0;
+  const int64_t got = cache_io::ReadAt(fd, &magic, sizeof magic, 0);
+  if (got == sizeof magic && magic == cache_file::kFileMagic) return true;
+  if (got == sizeof magic && magic == mmap_format::kHeaderMagic) return false;
+  return EndsWith(path, ".cache");
+}
+
+// --- The memory-mapped kind
+// ------------------------------------------------------------------------
+
+// One owner's content, all of one completed save; false with errno when it cannot be read.
+class OwnerContent {
+ public:
+  OwnerContent(int fd, uint32_t number) : fd_(fd), number_(number) {}
+
+  [[nodiscard]] bool Read() {
+    for (int reading = 0; reading < kMostReadings; ++reading) {
+      mmap_format::Reader reader(fd_);
+      if (!reader.Load()) return false;
+      is_there_ = ReadOnce(reader);
+      if (error_ != 0) {
+        errno = error_;
+        return false;
+      }
+      const uint64_t save_number = owner_.save_number;
+      if (!reader.Load()) return false;
+      const mmap_format::OwnerView after = reader.Owner(number_);
+      const bool same =
+          after.in_force < 0 ? save_number == 0 : after.seal().save_number == save_number;
+      if (same && (!owner_.live || damage_ == nullptr)) return true;
+    }
+    return true;  // It is never the same twice: what was read last must do.
+  }
+
+  bool is_there() const { return is_there_; }
+  const Owner& owner() const { return owner_; }
+  const char* damage() const { return damage_; }
+
+  void Tell(Visitor* visitor) const {
+    visitor->OnOwner(owner_);
+    size_t at = 0;
+    for (const uint32_t size : sizes_) {
+      visitor->OnPacket(owner_, bodies_.data() + at, size);
+      at += size;
+    }
+  }
+
+ private:
+  // False when there is nothing of that owner.
+  bool ReadOnce(mmap_format::Reader& reader) {
+    owner_ = Owner();
+    owner_.number = number_;
+    sizes_.Clear();
+    bodies_.Clear();
+    error_ = 0;
+    const mmap_format::OwnerView view = reader.Owner(number_);
+    damage_ = view.damage;
+    const int locked = cache_io::IsLockedByOther(fd_, mmap_format::RecordOffset(number_), 1);
+    if (locked < 0) error_ = errno;
+    owner_.live = locked == 1;
+    if ((reader.SupersededOwners() >> number_ & 1) != 0) return owner_.live;
+    if (view.in_force < 0) return owner_.live || damage_ != nullptr;
+    owner_.save_number = view.seal().save_number;
+    mmap_format::PacketPlaces places;
+    const char* damage = nullptr;
+    if (!reader.ReadContent(number_, view.seal(), &places, &damage, &owner_.damaged_packets)) {
+      error_ = errno;
+      return false;
+    }
+    if (damage != nullptr) damage_ = damage;
+    for (const mmap_format::PacketPlace& place : places) {
+      if (!AddBody(reader, place)) return false;
+    }
+    return owner_.live || owner_.packets != 0 || damage_ != nullptr;
+  }
+
+  bool AddBody(mmap_format::Reader& reader, const mmap_format::PacketPlace& place) {
+    if (!reader.ReadBody(place, &body_)) {
+      if (errno != EBADMSG) error_ = errno;
+      damage_ = "a packet";  // Or changed meanwhile: then the seal has changed too.
+      ++owner_.damaged_packets;
+      return errno == EBADMSG;
+    }
+    const size_t before = bodies_.size();
+    if (!sizes_.Add(place.length) || !bodies_.Resize(before + place.length)) {
+      error_ = ENOMEM;
+      return false;
+    }
+    std::copy(body_.begin(), body_.end(), bodies_.begin() + before);
+    ++owner_.packets;
+    owner_.bytes += place.length;
+    return true;
+  }
+
+  const int fd_;
+  const uint32_t number_;
+  Owner owner_;
+  bool is_there_ = false;
+  const char* damage_ = nullptr;
+  int error_ = 0;
+  GrowableArray<uint32_t> sizes_;
+  GrowableArray<uint8_t> bodies_;
+  GrowableArray<uint8_t> body_;
+};
+
+Result InspectMapped(int fd, const std::string& path, Visitor* visitor, Summary* summary,
+                     std::string* error) {
+  mmap_format::Reader reader(fd);
+  if (!reader.Load()) return Refused("read", path, errno, error);
+  const mmap_format::TableState state = reader.table_state();
+  if (state == mmap_format::TableState::kNewer) return NotOurs(path, reader.version(), error);
+  summary->mapped = true;
+  summary->version = mmap_format::kVersion;
+  summary->file_bytes = reader.file_size();
+  const int live =
+      cache_io::IsLockedByOther(fd, mmap_format::RecordOffset(1), mmap_format::kTableSize);
+  if (live < 0) return Refused("ask for the locks of", path, errno, error);
+  if (live == 0 && state != mmap_format::TableState::kFresh) {
+    mmap_format::Survey survey;
+    if (!reader.Examine(&survey)) return Refused("read", path, errno, error);
+    if (state == mmap_format::TableState::kDamaged && survey.packets.empty() &&
+        reader.LargestSaveNumber() == 0) {
+      return NotOurs(path, 0, error);
+    }
+    if (survey.damage != nullptr) summary->damage = survey.damage;
+  }
+  for (uint32_t number = 1; number <= mmap_format::kOwners; ++number) {
+    OwnerContent content(fd, number);
+    if (!content.Read()) return Refused("read", path, errno, error);
+    if (!content.is_there()) continue;
+    if (content.damage() != nullptr && summary->damage.empty()) {
+      summary->damage = content.damage();
+    }
+    if (visitor != nullptr) content.Tell(visitor);
+  }
+  summary->damaged = !summary->damage.empty();
+  return Result::kOk;
+}
+
+// --- The plain kind
+// --------------------------------------------------------------------------------
+
+Result ReadPlain(int fd, const std::string& path, cache_file::Content* content,
+                 std::string* error) {
+  switch (cache_file::ReadContent(fd, kDigestKey, content)) {
+    case cache_file::ReadResult::kOk:
+      break;
+    case cache_file::ReadResult::kNoMemory:
+      return Refused("read", path, ENOMEM, error);
+    case cache_file::ReadResult::kUnreadable:
+      return Refused("read", path, errno, error);
+  }
+  if (content->kind == cache_file::Content::Kind::kNewer) {
+    return NotOurs(path, content->version, error);
+  }
+  if (content->kind == cache_file::Content::Kind::kForeign) return NotOurs(path, 0, error);
+  return Result::kOk;
+}
+
+Result TellPlain(int fd, const std::string& path, const Owner& owner,
+                 const cache_file::Content& content, Visitor* visitor, std::string* error) {
+  visitor->OnOwner(owner);
+  for (const cache_file::Packet& packet : content.packets) {
+    const std::unique_ptr<uint8_t[]> body(new (std::nothrow) uint8_t[packet.size + size_t{1}]);
+    if (body == nullptr) return Refused("read", path, ENOMEM, error);
+    const int64_t got = cache_io::ReadAt(fd, body.get(), packet.size,
+                                         packet.offset + cache_file::kRecordHeaderSize);
+    if (got < 0) return Refused("read", path, errno, error);
+    const bool whole = got == packet.size &&
+                       cache_file::DigestOf(body.get(), packet.size, kDigestKey) == packet.digest;
+    if (whole) visitor->OnPacket(owner, body.get(), packet.size);
+  }
+  return Result::kOk;
+}
+
+Result InspectPlain(int fd, const std::string& path, Visitor* visitor, Summary* summary,
+                    std::string* error) {
+  cache_file::Content content;
+  const Result result = ReadPlain(fd, path, &content, error);
+  if (result != Result::kOk) return result;
+  uint64_t links;
+  if (!cache_io::FileSize(fd, &summary->file_bytes, &links)) {
+    return Refused("read", path, errno, error);
+  }
+  const int live = cache_io::IsLockedByOther(fd, 0, 1);
+  if (live < 0) return Refused("ask for the lock of", path, errno, error);
+  summary->version = cache_file::kVersion;
+  summary->damaged = content.damaged;
+  summary->damage = content.damage;
+  Owner owner;
+  owner.number = 1;
+  owner.live = live == 1;
+  owner.save_number = content.save_number;
+  owner.packets = static_cast<uint32_t>(content.packets.size());
+  for (const cache_file::Packet& packet : content.packets) owner.bytes += packet.size;
+  owner.damaged_packets = content.damaged_packets;
+  if (visitor == nullptr || (!owner.live && owner.packets == 0)) return Result::kOk;
+  return TellPlain(fd, path, owner, content, visitor, error);
+}
+
+// How many intact packets there are; with the file's locks held, and no owner live.
+Result CountPackets(int fd, const std::string& path, bool plain, uint64_t* packets,
+                    std::string* error) {
+  if (plain) {
+    cache_file::Content content;
+    const Result result = ReadPlain(fd, path, &content, error);
+    *packets = content.packets.size();
+    return result;
+  }
+  mmap_format::Reader reader(fd);
+  mmap_format::Survey survey;
+  if (!reader.Load()) return Refused("read", path, errno, error);
+  const mmap_format::TableState state = reader.table_state();
+  if (state == mmap_format::TableState::kNewer) return NotOurs(path, reader.version(), error);
+  if (state == mmap_format::TableState::kFresh) return Result::kOk;
+  if (!reader.Examine(&survey)) return Refused("read", path, errno, error);
+  *packets = survey.packets.size();
+  const bool nothing_of_ours = state == mmap_format::TableState::kDamaged && *packets == 0 &&
+                               reader.LargestSaveNumber() == 0;
+  return nothing_of_ours ? NotOurs(path, 0, error) : Result::kOk;
+}
+
+}  // namespace
+
+Result CacheFileInspector::Inspect(const base::FilePath& path, Visitor* visitor, Summary* summary,
+                                   std::string* error) {
+  *summary = Summary();
+  cache_io::Descriptor file;
+  if (!file.Open(path.value(), How::kReadOnly)) return Refused("open", path.value(), errno, error);
+  return IsPlain(file.fd(), path.value())
+             ? InspectPlain(file.fd(), path.value(), visitor, summary, error)
+             : InspectMapped(file.fd(), path.value(), visitor, summary, error);
+}
+
+Result CacheFileInspector::Purge(const base::FilePath& path, uint64_t* packets,
+                                 std::string* error) {
+  *packets = 0;
+  cache_io::Descriptor file;
+  const std::string& name = path.value();
+  if (!file.Open(name, How::kExisting)) return Refused("open", name, errno, error);
+  const bool plain = IsPlain(file.fd(), name);
+  const char* const in_use = " is in use by a live owner; end that process first";
+  if (!cache_io::WaitLock(file.fd(), 0, 1, plain ? 0 : kPurgeWaitMs)) {
+    if (errno != EAGAIN) return Refused("lock", name, errno, error);
+    *error = name + in_use;
+    return Result::kInUse;
+  }
+  const int live = plain ? 0
+                         : cache_io::IsLockedByOther(file.fd(), mmap_format::RecordOffset(1),
+                                                     mmap_format::kTableSize);
+  if (live < 0) return Refused("ask for the locks of", name, errno, error);
+  if (live == 1) {
+    *error = name + in_use;
+    return Result::kInUse;
+  }
+  const Result counted = CountPackets(file.fd(), name, plain, packets, error);
+  if (counted != Result::kOk) return counted;
+  // The locks are held until the file has no name: whoever waits for them sees that it is gone.
+  if (unlink(name.c_str()) != 0) return Refused("remove", name, errno, error);
+  for (const char* const end : {".set-aside", ".recovered"}) {
+    if (unlink((name + end).c_str()) != 0 && errno != ENOENT) {
+      return Refused("remove", name + end, errno, error);
+    }
+  }
+  return Result::kOk;
+}
+
+}  // namespace quenor
