@@ -209,6 +209,7 @@ struct ReliableReportCacheFile::State {
   bool Lock(const Descriptor& descriptor, const std::string& at, Taken* taken);
   bool ReadOrRepair();
   bool WriteFileHeader();
+  bool SyncAll();
   bool SetAside(const Content& content, const char* why);
   void AdoptBase(NothrowArray<Packet>* packets);
 
@@ -427,7 +428,9 @@ bool ReliableReportCacheFile::State::ReadOrRepair() {
   last_number = content.last_number;
   base_sealed = !content.has_tail;
   AdoptBase(&content.packets);
-  return true;
+  if (SyncAll()) return true;
+  Refuse("get to the disk", path, errno);
+  return false;
 }
 
 void ReliableReportCacheFile::State::AdoptBase(NothrowArray<Packet>* packets) {
@@ -444,6 +447,11 @@ bool ReliableReportCacheFile::State::WriteFileHeader() {
   }
   end = kHeaderSize;
   base_sealed = true;
+  return SyncAll();
+}
+
+// With kOnDisk, what a former owner may have left on its way to the disk; later saves rely on it.
+bool ReliableReportCacheFile::State::SyncAll() {
   return durability != Durability::kOnDisk ||
          (cache_io::SyncFile(file.fd()) && cache_io::SyncFolderOf(path));
 }
