@@ -193,6 +193,11 @@ bool Batch::AddNames(uint32_t magic, uint64_t number, const Packet* first, const
 // --- What an open file is ------------------------------------------------------------------------
 
 struct ReliableReportCacheFile::State {
+  ~State() {
+    // By hand: a child that is being forked has the descriptor until its fork() returns.
+    if (file.is_open()) cache_io::Unlock(file.fd(), 0, 1);
+  }
+
   // --- Opening
   bool Open(const base::FilePath& file_path);
   enum class Taken { kYes, kAgain, kNo };
@@ -204,6 +209,7 @@ struct ReliableReportCacheFile::State {
   bool Lock(const Descriptor& descriptor, const std::string& at, Taken* taken);
   bool ReadOrRepair();
   bool WriteFileHeader();
+  bool SyncAll();
   bool SetAside(const Content& content, const char* why);
   void AdoptBase(NothrowArray<Packet>* packets);
 
@@ -422,7 +428,9 @@ bool ReliableReportCacheFile::State::ReadOrRepair() {
   last_number = content.last_number;
   base_sealed = !content.has_tail;
   AdoptBase(&content.packets);
-  return true;
+  if (SyncAll()) return true;
+  Refuse("get to the disk", path, errno);
+  return false;
 }
 
 void ReliableReportCacheFile::State::AdoptBase(NothrowArray<Packet>* packets) {
@@ -439,6 +447,11 @@ bool ReliableReportCacheFile::State::WriteFileHeader() {
   }
   end = kHeaderSize;
   base_sealed = true;
+  return SyncAll();
+}
+
+// With kOnDisk, what a former owner may have left on its way to the disk; later saves rely on it.
+bool ReliableReportCacheFile::State::SyncAll() {
   return durability != Durability::kOnDisk ||
          (cache_io::SyncFile(file.fd()) && cache_io::SyncFolderOf(path));
 }
@@ -501,14 +514,13 @@ auto ReliableReportCacheFile::State::Read() -> DataPacket {
 // --- Saving --------------------------------------------------------------------------------------
 
 bool ReliableReportCacheFile::State::Begin() {
-  if (refuses_saves) return false;
   reading = false;
   EndSave();
   // Appends are refused unless all of this succeeds.
   save = Save::kVoid;
   saved.Clear();
   saved_bytes = 0;
-  if (!Complete()) return false;
+  if (refuses_saves || !Complete()) return false;
   if (!index.Build(base)) {
     LogFailure("begin a save in", ENOMEM);
     return false;

@@ -193,8 +193,6 @@ TEST_F(CacheFileDamageTest, AHugeHoleIsGivenUpOn) {
 }
 
 TEST_F(CacheFileDamageTest, PacketsBehindALongGapAreFound) {
-  const std::string whole = SmallFile(folder_);
-  // The same records cannot be moved: their place is part of their checks. So damage a long one.
   const std::string large(1000000, 'Q');
   Write({"aaaa", large, "after"});
   std::string bytes = Bytes();

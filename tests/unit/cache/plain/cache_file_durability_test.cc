@@ -47,6 +47,16 @@ TEST_F(CacheFileDurabilityTest, TwoWaitsOncePerNewPacketAndNotForKnownOnes) {
   EXPECT_EQ(DiskCalls::CountOf("fsync"), opened + 4);
 }
 
+TEST_F(CacheFileDurabilityTest, TwoWaitsAtOpenForWhatAFormerOwnerWrote) {
+  Write({"a"});
+  SetDurability(2);
+  ReliableReportCacheFile file;
+
+  ASSERT_TRUE(file.Open(file_path()));
+
+  EXPECT_EQ(DiskCalls::CountOf("fsync"), 2u);
+}
+
 TEST_F(CacheFileDurabilityTest, TwoHasANewFileAndItsNameOnTheDisk) {
   SetDurability(2);
   ReliableReportCacheFile file;

@@ -2,6 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <iterator>
+#include <random>
 
 #include "quenor_base/platform/reliable_report_cache_file.h"
 #include "tests/support/memory_faults.h"
@@ -50,7 +54,10 @@ class CacheFileFaultsTest : public CacheFileTest {
     ReliableReportCacheFile file;
     run.opened = file.Open(file_path());
     if (!run.opened) return run;
+    const size_t read = ReadAll(&file).size();
+    EXPECT_TRUE(read == 3 || DiskCalls::HasFailed() || MemoryFaults::HasFailed());
     bool complete = file.Clear();
+    EXPECT_TRUE(read == 3 || !complete);
     for (const char* packet : {"c", "b", "d"}) {
       const bool appended = Append(&file, packet);
       if (appended) run.appended.push_back(packet);
@@ -118,6 +125,45 @@ TEST_F(CacheFileFaultsTest, EachAllocationFailsOnce) {
       ASSERT_LT(n, 1000u);
     }
   }
+}
+
+TEST_F(CacheFileFaultsTest, RandomFaultsNeverCostAPacketThatWasTaken) {
+  const uint64_t seed =
+      NumberOr("QUENOR_TEST_SEED",
+               static_cast<uint64_t>(std::chrono::system_clock::now().time_since_epoch().count()));
+  std::printf("QUENOR_TEST_SEED=%llu\n", static_cast<unsigned long long>(seed));
+  std::mt19937_64 random(seed);
+  const auto below = [&](size_t end) {
+    return std::uniform_int_distribution<size_t>(0, end - 1)(random);
+  };
+  SetDurability(below(3));
+  ReliableReportCacheFile file;
+  ASSERT_TRUE(file.Open(file_path()));
+  Packets store;
+  Packets promised;  // The last complete save, and what was taken since.
+  size_t complete_saves = 0;
+
+  for (int i = 0; i < 1000 && !HasFailure(); ++i) {
+    if (!store.empty() && below(2) == 0) store.erase(store.begin());
+    if (store.size() > 1 && below(9) == 0) std::swap(store.front(), store.back());
+    store.push_back(std::to_string(i) + std::string(below(5000), 'x'));
+    if (below(3) == 0) {
+      DiskCalls::FailNth(1 + below(12), kErrors[below(std::size(kErrors))], below(2) == 0);
+    }
+    bool complete = file.Clear();
+    for (const std::string& packet : store) {
+      const bool taken = Append(&file, packet);
+      complete = complete && taken;
+      if (taken) promised = Union(promised, {packet});
+    }
+    EXPECT_EQ(file.IsSaveComplete(), complete);
+    if (complete) promised = store;
+    complete_saves += complete;
+    DiskCalls::Reset();
+    EXPECT_TRUE(HoldsAll(AfterKill(), promised)) << "save " << i;
+  }
+  EXPECT_GT(complete_saves, 500u);
+  EXPECT_FALSE(Exists(aside()));
 }
 
 TEST_F(CacheFileFaultsTest, ADiskThatFillsUpAnywhereLosesNothingAndIsUsedAgain) {

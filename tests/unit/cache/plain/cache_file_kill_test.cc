@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <random>
 
@@ -18,20 +17,6 @@ namespace quenor::test {
 namespace {
 
 class CacheFileKillTest : public CacheFileTest {};
-
-// Every packet as often as in whichever of the two has it more often.
-Packets Union(const Packets& a, const Packets& b) {
-  std::map<std::string, size_t> in_a;
-  std::map<std::string, size_t> in_b;
-  for (const std::string& packet : a) ++in_a[packet];
-  for (const std::string& packet : b) ++in_b[packet];
-  Packets both = a;
-  for (const auto& [packet, count] : in_b) {
-    const size_t have = in_a[packet];
-    for (size_t i = have; i < count; ++i) both.push_back(packet);
-  }
-  return both;
-}
 
 bool IsSubsequence(const Packets& part, const Packets& whole) {
   size_t i = 0;

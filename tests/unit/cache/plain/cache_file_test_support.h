@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,20 @@ inline bool HoldsAll(Packets packets, Packets wanted) {
 inline Packets Sorted(Packets packets) {
   std::sort(packets.begin(), packets.end());
   return packets;
+}
+
+// Every packet as often as in whichever of the two has it more often.
+inline Packets Union(const Packets& a, const Packets& b) {
+  std::map<std::string, size_t> in_a;
+  std::map<std::string, size_t> in_b;
+  for (const std::string& packet : a) ++in_a[packet];
+  for (const std::string& packet : b) ++in_b[packet];
+  Packets both = a;
+  for (const auto& [packet, count] : in_b) {
+    const size_t have = in_a[packet];
+    for (size_t i = have; i < count; ++i) both.push_back(packet);
+  }
+  return both;
 }
 
 inline uint64_t FileBytes(const std::string& path) {

@@ -27,9 +27,9 @@ class DiskCalls {
   // No write takes more than this.
   static void SetLongestWrite(size_t bytes);
 
-  // Called at each moment at which a kill would leave something else than at the one before: ahead
-  // of every call that changes a file or a folder, and with a write half done. The library must not
-  // be used on the watched files meanwhile; calls that it makes are passed on.
+  // Called at each moment at which a kill may leave something else than at the one before: ahead of
+  // every write, cut, rename and removal, and with a write begun, half done and almost done. Calls
+  // that `look` causes are passed on.
   static void AtEachChange(std::function<void()> look);
 
   // Passes everything on.
