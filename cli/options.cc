@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <map>
 
+#include "cli/cache_use.h"
 #include "cli/fatal.h"
 #include "cli/text.h"
 #include "cli/version.h"
@@ -63,6 +65,38 @@ void AddDelivery(CLI::App* send, Options* options) {
       ->default_str("30");
 }
 
+// What is parsed further once the whole line is known.
+struct Texts {
+  std::string socks5;
+  std::string cache;
+  std::string cache_dir;
+};
+
+const std::map<std::string, CacheKind>& CacheKinds() {
+  static const auto* const kinds = new std::map<std::string, CacheKind>{
+      {"none", CacheKind::kNone}, {"file", CacheKind::kFile}, {"mmap", CacheKind::kMmap}};
+  return *kinds;
+}
+
+void AddCache(CLI::App* send, Options* options, Texts* texts) {
+  send->add_option("--cache", texts->cache,
+                   "what keeps undelivered messages on disk: none, file (of one run at a time) or "
+                   "mmap (runs share it; the default)")
+      ->type_name("KIND")
+      ->check(CLI::IsMember({"none", "file", "mmap"}));
+  send->add_option("--cache-dir", texts->cache_dir,
+                   "folder in which \"quenor_report\" holds the cache files; not given: "
+                   "$XDG_STATE_HOME/quenor or ~/.local/state/quenor")
+      ->type_name("DIR");
+  send->add_flag("!--no-persist", options->persist,
+                 "keep none of this run's messages on disk; what earlier runs left is delivered "
+                 "all the same");
+  send->add_option("--saved-list", options->saved_list,
+                   "append the number of each line (or name of each file) that need not be handed "
+                   "over again, even if this process dies: saved in the cache, or delivered")
+      ->type_name("FILE");
+}
+
 void AddConnection(CLI::App* send, Options* options, std::string* socks5) {
   send->add_option("--cacert", options->ca_file,
                    "PEM file of CA certificates to trust instead of the system's")
@@ -115,7 +149,7 @@ std::string OneLine(std::string text) {
 
 std::optional<Options> ParseCommandLine(int argc, const char* const* argv) {
   Options options;
-  std::string socks5;
+  Texts texts;
   CLI::App app(
       "Delivers reports to a collection server, each as one HTTPS POST that is repeated "
       "until the server has answered 200.",
@@ -126,7 +160,8 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv) {
   CLI::App* send = app.add_subcommand("send", "deliver lines of standard input, or files");
   send->footer(kFooter);
   AddDelivery(send, &options);
-  AddConnection(send, &options, &socks5);
+  AddCache(send, &options, &texts);
+  AddConnection(send, &options, &texts.socks5);
   AddInput(send, &options);
   try {
     app.parse(argc, argv);
@@ -138,7 +173,9 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv) {
     throw Fatal(kExitUsage, OneLine(error.what()) + "; see quenor-report send --help");
   }
   CheckRest(options);
-  if (send->count("--socks5") > 0) options.socks5 = ParseSocks5(socks5);
+  if (send->count("--socks5") > 0) options.socks5 = ParseSocks5(texts.socks5);
+  if (send->count("--cache") > 0) options.cache = CacheKinds().at(texts.cache);
+  if (send->count("--cache-dir") > 0) options.cache_dir = CacheFolder(texts.cache_dir);
   return options;
 }
 

@@ -11,6 +11,9 @@
 
 namespace quenor::cli {
 
+// What keeps the undelivered messages on disk. The numbers are the cache option's.
+enum class CacheKind : int32_t { kNone = 0, kFile = 1, kMmap = 2 };
+
 struct Options {
   std::string url;
   std::string channel = "quenor-report";
@@ -22,6 +25,10 @@ struct Options {
   std::optional<uint32_t> interval_ms;
   std::optional<uint32_t> max_resend;  // Empty: keeps trying.
   double wait_s = 30;
+  std::optional<CacheKind> cache;        // Empty: as the process is configured, else mmap.
+  std::optional<std::string> cache_dir;  // Empty: the user's own folder.
+  bool persist = true;
+  std::string saved_list;          // Empty: none.
   std::vector<std::string> files;  // Empty: each line of standard input is a message.
 };
 

@@ -43,13 +43,20 @@ TEST(OptionsTest, HasDefaultsForAllButTheUrl) {
   EXPECT_FALSE(options.interval_ms);
   EXPECT_FALSE(options.max_resend);
   EXPECT_EQ(30, options.wait_s);
+  EXPECT_FALSE(options.cache);
+  EXPECT_FALSE(options.cache_dir);
+  EXPECT_TRUE(options.persist);
+  EXPECT_EQ("", options.saved_list);
   EXPECT_TRUE(options.files.empty());
 }
 
 TEST(OptionsTest, TakesEveryOption) {
-  const Options options = Parse({"--channel", "usage", "--send-now", "--compress", "--cacert",
-                                 "ca.pem", "--http1", "--socks5", "u:p@h:1", "--interval", "250",
-                                 "--max-resend", "4294967295", "--wait", "0.5", "a", "-", "/b"});
+  const Options options =
+      Parse({"--channel",    "usage",        "--send-now",  "--compress", "--cacert",
+             "ca.pem",       "--http1",      "--socks5",    "u:p@h:1",    "--interval",
+             "250",          "--max-resend", "4294967295",  "--wait",     "0.5",
+             "--cache",      "file",         "--cache-dir", "/",          "--no-persist",
+             "--saved-list", "saved",        "a",           "-",          "/b"});
 
   EXPECT_EQ("usage", options.channel);
   EXPECT_TRUE(options.send_now);
@@ -61,7 +68,17 @@ TEST(OptionsTest, TakesEveryOption) {
   EXPECT_EQ(250u, options.interval_ms);
   EXPECT_EQ(4294967295u, options.max_resend);
   EXPECT_EQ(0.5, options.wait_s);
+  EXPECT_EQ(CacheKind::kFile, options.cache);
+  EXPECT_EQ("/", options.cache_dir);
+  EXPECT_FALSE(options.persist);
+  EXPECT_EQ("saved", options.saved_list);
   EXPECT_EQ((std::vector<std::string>{"a", "-", "/b"}), options.files);
+}
+
+TEST(OptionsTest, KnowsEveryKindOfCache) {
+  EXPECT_EQ(CacheKind::kNone, Parse({"--cache", "none"}).cache);
+  EXPECT_EQ(CacheKind::kFile, Parse({"--cache", "file"}).cache);
+  EXPECT_EQ(CacheKind::kMmap, Parse({"--cache", "mmap"}).cache);
 }
 
 TEST(OptionsTest, TakesFilesThatLookLikeOptionsAfterTwoDashes) {
@@ -93,6 +110,10 @@ TEST(OptionsTest, RefusesWrongUsageInOneLine) {
       {"send", "--url", kUrl, "--channel", ".."},
       {"send", "--url", kUrl, "--channel", "a/b"},
       {"send", "--url", kUrl, "--channel", "a\nb"},
+      {"send", "--url", kUrl, "--cache", "2"},
+      {"send", "--url", kUrl, "--cache", ""},
+      {"send", "--url", kUrl, "--cache-dir", ""},
+      {"send", "--url", kUrl, "--cache-dir", "/dev/null"},
   };
   for (const auto& arguments : cases) {
     EXPECT_NE("", Objection(arguments))

@@ -105,8 +105,14 @@ Digests Collector::Stop() {
 
 Arguments SendCommand(const Certificates& certificates, const std::string& url,
                       const Arguments& more) {
-  Arguments arguments = {QUENOR_REPORT_PATH,         "send", "--url", url, "--cacert",
-                         certificates.Path("ca.pem")};
+  Arguments arguments = {QUENOR_REPORT_PATH,
+                         "send",
+                         "--url",
+                         url,
+                         "--cacert",
+                         certificates.Path("ca.pem"),
+                         "--cache-dir",
+                         certificates.Path("state")};
   arguments.insert(arguments.end(), more.begin(), more.end());
   return arguments;
 }
