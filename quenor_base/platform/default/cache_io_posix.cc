@@ -269,11 +269,20 @@ bool Truncate(int fd, uint64_t size) {
   return Uninterrupted([&] { return ftruncate(fd, static_cast<off_t>(size)); }) == 0;
 }
 
-void PunchHole(int fd, uint64_t offset, uint64_t size) {
-  Uninterrupted([&] {
+bool ZeroRange(int fd, uint64_t offset, uint64_t size) {
+  const int punched = Uninterrupted([&] {
     return fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),
                      static_cast<off_t>(size));
   });
+  if (punched == 0) return true;
+  // From the end on: the head of what is there tells what it is until the last write.
+  static constexpr uint8_t kZeros[4096] = {};
+  for (uint64_t end = offset + size; end > offset;) {
+    const uint64_t part = std::min<uint64_t>(sizeof kZeros, end - offset);
+    if (!WriteAt(fd, kZeros, part, end - part)) return false;
+    end -= part;
+  }
+  return true;
 }
 
 bool FileSize(int fd, uint64_t* size, uint64_t* links) {

@@ -89,8 +89,9 @@ class Mapping {
 // Makes the file at least offset + size long, with disk space for that range.
 [[nodiscard]] bool Allocate(int fd, uint64_t offset, uint64_t size);
 [[nodiscard]] bool Truncate(int fd, uint64_t size);
-// Gives the disk space of a range back, where the file system can; the range then reads as zeros.
-void PunchHole(int fd, uint64_t offset, uint64_t size);
+// Makes a range inside the file read as zeros, and gives its disk space back where the file system
+// can. Killed on the way, what it has not reached is what was there, from the range's begin on.
+[[nodiscard]] bool ZeroRange(int fd, uint64_t offset, uint64_t size);
 [[nodiscard]] bool FileSize(int fd, uint64_t* size, uint64_t* links);
 // True when `path` still names the file that `fd` has open.
 bool IsStillAt(int fd, const std::string& path);

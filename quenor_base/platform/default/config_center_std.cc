@@ -81,7 +81,8 @@ struct ConfigCenterImpl::State {
 };
 
 const BaseConfigKeys& BaseCfg() {
-  static const BaseConfigKeys* const keys = new BaseConfigKeys{"quenor.report.cache_option", "quenor.report.cache_durability"};
+  static const BaseConfigKeys* const keys =
+      new BaseConfigKeys{"quenor.report.cache_option", "quenor.report.cache_durability"};
   return *keys;
 }
 

@@ -1,16 +1,1172 @@
+// The memory-mapped cache file on Linux. Page: docs/design/mmap-file.md; format:
+// mmap_file_format.h.
+//
+// Locks: the first byte of the table is held, for moments, by whoever looks for dead owners or for
+// room in the file; the first byte of an owner's record is held by that owner for as long as he
+// lives, and by whoever has taken his content until that is in a seal of the taker's own.
+// A process that is killed leaves exactly the stores before that point: their order alone makes a
+// save one step, and each order that matters is said where it is made.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <string>
+#include <utility>
+
+#include "quenor_base/platform/default/cache_io_posix.h"
+#include "quenor_base/platform/default/growable_array.h"
+#include "quenor_base/platform/default/mmap_file_format.h"
+#include "quenor_base/platform/default/mmap_file_reader.h"
+#include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/multi_process_safety_mmap_file.h"
 
 namespace quenor {
+namespace {
 
-struct MultiProcessSafetyMmapFile::State {};
+using cache_io::Durability;
+using mmap_format::ExtentHeader;
+using mmap_format::ExtentShape;
+using mmap_format::Header;
+using mmap_format::kOwners;
+using mmap_format::kTableSize;
+using mmap_format::kUnit;
+using mmap_format::OwnerRecord;
+using mmap_format::OwnerView;
+using mmap_format::PacketHeader;
+using mmap_format::PacketPlace;
+using mmap_format::PacketRoom;
+using mmap_format::Range;
+using mmap_format::RecordOffset;
+using mmap_format::RoundUp;
+using mmap_format::Seal;
+
+constexpr char kLogSource[] = "quenor_base/platform/default/mmap_file_posix";
+constexpr char kTryLater[] = "it stays as it is; the next start tries again";
+constexpr int kOpenWaitMs = 5000;
+constexpr int kSaveWaitMs = 1000;
+constexpr int kOpenAttempts = 16;
+constexpr uint64_t kMostAnnounced = uint64_t{1} << 40;
+constexpr uint64_t kFewestIndexEntries = 256;
+// An extent of more than so many times what its content needs is left for a smaller one.
+constexpr uint64_t kShrinkAt = 16;
+constexpr uint64_t kNeverShrunk = 4 * kUnit;
+// Searches of the whole old content that may fail in one save before only the next few packets are
+// compared: a save of nothing but new packets must not compare each with every old one.
+constexpr int kFullSearches = 2;
+constexpr size_t kShortSearch = 4;
+// What records can name: two seals and two reservations each, and all room when one is damaged.
+constexpr size_t kMostRanges = 5 * kOwners;
+
+constexpr uint64_t Bit(uint32_t owner) { return uint64_t{1} << owner; }
+
+// Where a packet of this owner's stands in his extent.
+struct Entry {
+  uint64_t offset;
+  uint64_t body_check;
+  uint32_t length;
+  bool kept;  // Also part of the save under way.
+};
+
+uint64_t RoomOf(const GrowableArray<Entry>& entries) {
+  uint64_t room = 0;
+  for (const Entry& entry : entries) room += PacketRoom(entry.length);
+  return room;
+}
+
+// An extent of this owner's, mapped.
+struct Extent {
+  cache_io::Mapping map;
+  uint64_t file_offset = 0;  // 0: none.
+  uint64_t epoch = 0;
+  ExtentShape shape;
+
+  explicit operator bool() const { return file_offset != 0; }
+  uint8_t* at(uint64_t offset) const { return map.data() + offset; }
+  ExtentHeader* header() const { return reinterpret_cast<ExtentHeader*>(map.data()); }
+  void Reset() {
+    map.Unmap();
+    file_offset = epoch = 0;
+    shape = ExtentShape();
+  }
+  void swap(Extent& other) {
+    map.swap(other.map);
+    std::swap(file_offset, other.file_offset);
+    std::swap(epoch, other.epoch);
+    std::swap(shape, other.shape);
+  }
+};
+
+// release: whoever sees `value`, in this process's remains or in another process, sees every store
+// before it.
+void StoreLast(uint64_t* to, uint64_t value) { __atomic_store_n(to, value, __ATOMIC_RELEASE); }
+
+void LogFailure(int line, const char* what, const std::string& path, int error,
+                const char* advice) {
+  LocalLog(2, kLogSource, line, "cache: cannot %s %s: %s; %s", what, path.c_str(),
+           cache_io::ErrnoText(error).c_str(), advice);
+}
+
+std::string SetAsidePath(const std::string& path) { return path + ".set-aside"; }
+std::string RecoveredPath(const std::string& path) { return path + ".recovered"; }
+
+}  // namespace
+
+struct MultiProcessSafetyMmapFile::State {
+  // What Open() does with the content of dead owners.
+  enum class Claim { kTake, kLeave };
+  enum class Outcome { kDone, kTryAgain, kFailed };
+
+  State(std::string path_in, uint64_t wished_bytes_in)
+      : path(std::move(path_in)), wished_bytes(wished_bytes_in) {}
+  ~State();
+  void Detach();
+
+  // --- Opening
+  // ------------------------------------------------------------------------------------
+  bool Open(Claim claim);
+  bool OpenFile(bool* try_again);
+  Outcome OpenLocked(Claim claim);
+  Outcome SetNewerAside(uint32_t version);
+  Outcome Repair(const mmap_format::Survey& survey, mmap_format::Reader& reader);
+  bool WriteRecovered(const mmap_format::Survey& survey, mmap_format::Reader& reader);
+  bool WriteGroup(const mmap_format::Survey& survey, size_t begin, size_t end,
+                  mmap_format::Reader& reader);
+  bool PrepareTable(const mmap_format::Reader& reader);
+  uint64_t LockDeadOwners();
+  void SettleDeadOwners(uint64_t dead);
+  bool ChooseOwners(uint64_t dead, Claim claim, mmap_format::Reader& reader);
+  uint64_t OwnersWithContent(uint64_t dead) const;
+  bool TakeContent(uint32_t owner, mmap_format::Reader& reader, bool* go_on);
+  bool TakeEmptyRecord(uint64_t dead);
+  bool MapOwnExtent();
+
+  // --- Records
+  // ------------------------------------------------------------------------------------
+  Header* header() const { return reinterpret_cast<Header*>(table.data()); }
+  OwnerRecord* record(uint32_t owner) const {
+    return reinterpret_cast<OwnerRecord*>(table.data() + RecordOffset(owner));
+  }
+  OwnerView View(uint32_t owner) const;
+  uint64_t NextSaveNumber() const;
+  void WriteSeal(uint32_t owner, int which, const Seal& seal) const;
+  void ReplaceSeal(uint32_t owner, int in_force_now, Seal seal) const;
+  bool FlushTable() const { return table.Flush(0, kTableSize, durability); }
+
+  // --- Room in the file
+  // ---------------------------------------------------------------------------
+  bool MakeExtent(uint64_t area_bytes, uint64_t packets, Extent* extent) const;
+  void WriteExtentHeader(const Extent& extent, uint64_t state) const;
+  bool ReserveRange(uint64_t size, uint64_t* offset) const;
+  bool ReserveLocked(uint64_t size, uint64_t* offset) const;
+  bool UsedRanges(Range* used, size_t* count) const;
+  bool IsFreeUnit(uint64_t at, uint64_t end, uint64_t* skip) const;
+  bool FreeRange(uint64_t begin, uint64_t end) const;
+  void DropReservation(uint64_t offset) const;
+  void GiveBack(uint64_t offset, uint64_t size) const;
+  void GiveBackIfEmpty();
+
+  // --- Saving
+  // -------------------------------------------------------------------------------------
+  bool Clear(int64_t size);
+  bool Append(const MmapDataPacket& packet);
+  bool IsStillThere() const;
+  bool Reopen();
+  void VoidSave();
+  Extent& target() { return building ? building : current; }
+  Entry* Find(const MmapDataPacket& packet);
+  bool Place(const MmapDataPacket& packet);
+  bool HasRoom(uint64_t room);
+  bool MakeRoom(uint64_t room);
+  void SwitchArea();
+  bool MoveToNewExtent(uint64_t room);
+  void CopyNext(const Extent& from, const Extent& to, int to_area);
+  bool SealSave();
+  void RetireOldPackets() const;
+  void FinishMove();
+  void FinishTakeOver();
+  void ShrinkIfWasteful();
+  void TellSaveFailed(int line);
+
+  // --- Reading
+  // ------------------------------------------------------------------------------------
+  MmapDataPacket NextPacket();
+
+  const std::string path;
+  const uint64_t wished_bytes;
+  Durability durability = Durability::kProcess;
+  cache_io::Descriptor file;
+  cache_io::Mapping table;
+  uint32_t own = 0;      // This owner's record; 0: none.
+  int in_force = 0;      // Of its seals.
+  uint32_t index = 0;    // The index that the seal in force names.
+  uint64_t claimed = 0;  // Bit n: owner n's content is part of what Open() found, and locked.
+
+  // The content as Open() found it.
+  mmap_format::PacketPlaces to_read;
+  size_t next_read = 0;
+  GrowableArray<uint8_t> read_buffer;
+  bool may_read = true;
+  bool may_save = true;
+
+  // The content in force, all of it in one area of `current`.
+  Extent current;
+  GrowableArray<Entry> sealed;
+  int area = 0;
+  uint64_t append_at = 0;  // Behind its last packet.
+
+  // The save under way.
+  bool is_saving = false;
+  bool is_complete = true;
+  bool is_shrinking = false;
+  bool told_failure = false;  // Since the last complete save.
+  uint64_t announced = 0;
+  uint64_t appended = 0;
+  Extent building;  // Where the save goes once `current` has not enough room for it.
+  GrowableArray<Entry> next;
+  int next_area = 0;
+  uint64_t next_begin = 0;  // What this save has written: [next_begin, next_at).
+  uint64_t next_at = 0;
+  bool copy_all = false;  // It is not where the old content is: nothing there can be named.
+  size_t cursor = 0;      // Where in the old content the next packet is looked for first.
+  int failed_searches = 0;
+  uint64_t new_bytes = 0;       // Room of the packets that the old content does not have.
+  uint64_t last_new_bytes = 0;  // Likewise, of the save before.
+};
+
+// Opening -----------------------------------------------------------------------------------------
+
+MultiProcessSafetyMmapFile::State::~State() {
+  if (file.is_orphan()) {
+    // Nothing of this is mapped in a forked child, and the addresses may be another's.
+    table.Forget();
+    current.map.Forget();
+    building.map.Forget();
+    return;
+  }
+  if (own != 0) {
+    VoidSave();
+    GiveBackIfEmpty();
+  }
+  Detach();
+}
+
+// The lock goes with the last reference to the description, and a mapping is one.
+void MultiProcessSafetyMmapFile::State::Detach() {
+  own = 0;
+  claimed = 0;
+  to_read.Clear();
+  sealed.Clear();
+  area = 0;
+  append_at = 0;
+  last_new_bytes = 0;
+  current.Reset();
+  building.Reset();
+  table.Unmap();
+  file.Close();
+}
+
+bool MultiProcessSafetyMmapFile::State::Open(Claim claim) {
+  durability = cache_io::ConfiguredDurability();
+  for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
+    bool try_again = false;
+    if (!OpenFile(&try_again)) {
+      if (try_again) continue;
+      LogFailure(__LINE__, "open", path, errno,
+                 errno == ELOOP ? "a symbolic link is not followed; remove it"
+                                : "check the folder, its permissions and the disk");
+      return false;
+    }
+    if (!cache_io::WaitLock(file.fd(), 0, 1, kOpenWaitMs)) {
+      LogFailure(__LINE__, "lock", path, errno,
+                 errno == EAGAIN ? "another process has held its lock for 5 s; end or resume it"
+                                 : "put the cache folder on a file system that has such locks");
+      return false;
+    }
+    // Someone may have set the file aside since it was opened.
+    const Outcome outcome =
+        cache_io::IsStillAt(file.fd(), path) ? OpenLocked(claim) : Outcome::kTryAgain;
+    if (outcome == Outcome::kDone) {
+      cache_io::Unlock(file.fd(), 0, 1);
+      return true;
+    }
+    Detach();
+    if (outcome == Outcome::kFailed) return false;
+  }
+  LocalLog(2, kLogSource, __LINE__,
+           "cache: cannot open %s: it was replaced %d times meanwhile; end what replaces it",
+           path.c_str(), kOpenAttempts);
+  return false;
+}
+
+// False with errno, or with `*try_again`.
+bool MultiProcessSafetyMmapFile::State::OpenFile(bool* try_again) {
+  using How = cache_io::Descriptor::How;
+  if (file.Open(path, How::kExisting)) return true;
+  if (errno != ENOENT) return false;
+  // A repair that was killed between its two renames.
+  if (cache_io::Rename(RecoveredPath(path), path)) {
+    *try_again = true;
+    return false;
+  }
+  if (errno != ENOENT) return false;
+  if (file.Open(path, How::kCreate)) {
+    return durability != Durability::kOnDisk || cache_io::SyncFolderOf(path);
+  }
+  *try_again = errno == EEXIST;
+  return false;
+}
+
+// With the table's lock held.
+MultiProcessSafetyMmapFile::State::Outcome MultiProcessSafetyMmapFile::State::OpenLocked(
+    Claim claim) {
+  using mmap_format::TableState;
+  mmap_format::Reader reader(file.fd());
+  const int others =
+      cache_io::IsLockedByOther(file.fd(), RecordOffset(1), kTableSize - RecordOffset(1));
+  if (others < 0 || !reader.Load()) {
+    LogFailure(__LINE__, "read", path, errno, kTryLater);
+    return Outcome::kFailed;
+  }
+  if (reader.table_state() == TableState::kNewer) {
+    if (others == 0) return SetNewerAside(reader.version());
+    LocalLog(2, kLogSource, __LINE__,
+             "cache: cannot open %s: a newer version of the library has it open; end it first",
+             path.c_str());
+    return Outcome::kFailed;
+  }
+  if (others == 0 && reader.table_state() != TableState::kFresh) {
+    mmap_format::Survey survey;
+    if (!reader.Examine(&survey)) {
+      LogFailure(__LINE__, "read", path, errno, kTryLater);
+      return Outcome::kFailed;
+    }
+    if (survey.damage != nullptr) return Repair(survey, reader);
+    unlink(RecoveredPath(path).c_str());  // Left by a repair that was killed before its renames.
+  }
+  if (!PrepareTable(reader)) {
+    LogFailure(__LINE__, "make room for", path, errno, "free some space on the disk");
+    return Outcome::kFailed;
+  }
+  const uint64_t dead = LockDeadOwners();
+  SettleDeadOwners(dead);
+  if (!reader.Load() || !ChooseOwners(dead, claim, reader)) {
+    LogFailure(__LINE__, "take an owner's place in", path, errno,
+               errno == EUSERS ? "all 63 are taken; close another or use another channel name"
+                               : kTryLater);
+    return Outcome::kFailed;
+  }
+  return Outcome::kDone;
+}
+
+MultiProcessSafetyMmapFile::State::Outcome MultiProcessSafetyMmapFile::State::SetNewerAside(
+    uint32_t version) {
+  if (!cache_io::Rename(path, SetAsidePath(path))) {
+    LogFailure(__LINE__, "set aside", path, errno, "make its folder writable");
+    return Outcome::kFailed;
+  }
+  LocalLog(2, kLogSource, __LINE__,
+           "cache: %s is of version %u, newer than this library's; it is set aside as %s, and a "
+           "new one is begun; let the newer version deliver it",
+           path.c_str(), version, SetAsidePath(path).c_str());
+  return Outcome::kTryAgain;
+}
+
+// Nobody else has the file open. What is intact goes into a new file, which takes its name.
+MultiProcessSafetyMmapFile::State::Outcome MultiProcessSafetyMmapFile::State::Repair(
+    const mmap_format::Survey& survey, mmap_format::Reader& reader) {
+  const std::string recovered = RecoveredPath(path);
+  if (!WriteRecovered(survey, reader)) {
+    LogFailure(__LINE__, "repair", path, errno,
+               "it stays as it is; free some space, the next start tries again");
+    unlink(recovered.c_str());
+    return Outcome::kFailed;
+  }
+  // In this order: an Open() that finds no file at `path` looks for the recovered one first.
+  if (!cache_io::Rename(path, SetAsidePath(path)) || !cache_io::Rename(recovered, path) ||
+      (durability == Durability::kOnDisk && !cache_io::SyncFolderOf(path))) {
+    LogFailure(__LINE__, "replace", path, errno, "make its folder writable");
+    return Outcome::kFailed;
+  }
+  LocalLog(2, kLogSource, __LINE__,
+           "cache: %s was damaged (%s); its %zu intact packets are kept, and the file as it was "
+           "is %s, for whoever wants to look at it",
+           path.c_str(), survey.damage, survey.packets.size(), SetAsidePath(path).c_str());
+  return Outcome::kTryAgain;
+}
+
+bool MultiProcessSafetyMmapFile::State::WriteRecovered(const mmap_format::Survey& survey,
+                                                       mmap_format::Reader& reader) {
+  {
+    cache_io::Descriptor emptied;
+    if (!emptied.Open(RecoveredPath(path), cache_io::Descriptor::How::kReplace)) return false;
+  }
+  size_t begin = 0;
+  uint32_t groups = 0;
+  for (size_t end : survey.group_ends) {
+    if (end <= begin) continue;
+    if (++groups == kOwners) end = survey.packets.size();  // There are no more places than that.
+    if (!WriteGroup(survey, begin, end, reader)) return false;
+    begin = end;
+  }
+  return true;
+}
+
+// As a dead owner's content.
+bool MultiProcessSafetyMmapFile::State::WriteGroup(const mmap_format::Survey& survey, size_t begin,
+                                                   size_t end, mmap_format::Reader& reader) {
+  State writer(RecoveredPath(path), 0);
+  if (!writer.Open(Claim::kLeave)) return false;
+  uint64_t size = 0;
+  for (size_t i = begin; i < end; ++i) size += survey.packets[i].length + uint64_t{4};
+  if (size > kMostAnnounced || !writer.Clear(static_cast<int64_t>(size))) return false;
+  GrowableArray<uint8_t> body;
+  for (size_t i = begin; i < end; ++i) {
+    if (!reader.ReadBody(survey.packets[i], &body)) return false;
+    if (!writer.Append(MmapDataPacket{body.data(), survey.packets[i].length})) return false;
+  }
+  return writer.is_complete;
+}
+
+bool MultiProcessSafetyMmapFile::State::PrepareTable(const mmap_format::Reader& reader) {
+  if (!cache_io::Allocate(file.fd(), 0, kTableSize) || !table.Map(file, 0, kTableSize)) {
+    return false;
+  }
+  Header wanted = {};
+  wanted.magic = mmap_format::kHeaderMagic;
+  wanted.version = mmap_format::kVersion;
+  wanted.table_size = kTableSize;
+  wanted.record_size = mmap_format::kRecordSize;
+  wanted.owners = kOwners;
+  wanted.check = mmap_format::CheckOf(wanted);
+  // Also where someone has written over it while owners live: they know their places by heart.
+  const size_t fixed = offsetof(Header, next_save_number);
+  if (std::memcmp(header(), &wanted, fixed) != 0) std::memcpy(header(), &wanted, fixed);
+  const uint64_t unused = reader.LargestSaveNumber() + 1;
+  if (__atomic_load_n(&header()->next_save_number, __ATOMIC_RELAXED) < unused) {
+    __atomic_store_n(&header()->next_save_number, unused, __ATOMIC_RELAXED);
+  }
+  return true;
+}
+
+uint64_t MultiProcessSafetyMmapFile::State::LockDeadOwners() {
+  uint64_t dead = 0;
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    if (cache_io::TryLock(file.fd(), RecordOffset(owner), 1)) dead |= Bit(owner);
+  }
+  return dead;
+}
+
+// Finishes what dead owners were at: content that a seal of theirs stands for is voided where it
+// came from, and room that they had reserved is free.
+void MultiProcessSafetyMmapFile::State::SettleDeadOwners(uint64_t dead) {
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    if ((dead & Bit(owner)) == 0) continue;
+    for (mmap_format::Reservation& reserved : record(owner)->reserved) {
+      if (reserved.size != 0) reserved.size = 0;
+    }
+    const OwnerView view = View(owner);
+    if (view.in_force < 0 || view.seal().superseded == 0) continue;
+    for (uint32_t other = 1; other <= kOwners; ++other) {
+      // He died holding their locks, so they are dead too.
+      const OwnerView voided = View(other);
+      if ((view.seal().superseded & dead & Bit(other)) == 0 || voided.in_force < 0) continue;
+      ReplaceSeal(other, voided.in_force, Seal());
+    }
+    (void)FlushTable();
+    Seal seal = view.seal();
+    seal.superseded = 0;
+    ReplaceSeal(owner, view.in_force, seal);
+  }
+}
+
+// Of the dead ones, those whose content nobody's seal stands for: not even that of one who was live
+// a moment ago.
+uint64_t MultiProcessSafetyMmapFile::State::OwnersWithContent(uint64_t dead) const {
+  uint64_t owners = 0;
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    if ((dead & Bit(owner)) == 0) continue;
+    const OwnerView view = View(owner);
+    if (view.has_content() && view.damage == nullptr) owners |= Bit(owner);
+  }
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    const OwnerView view = View(owner);
+    if (view.in_force >= 0) owners &= ~view.seal().superseded;
+  }
+  return owners;
+}
+
+bool MultiProcessSafetyMmapFile::State::ChooseOwners(uint64_t dead, Claim claim,
+                                                     mmap_format::Reader& reader) {
+  uint64_t left = claim == Claim::kTake ? OwnersWithContent(dead) : 0;
+  bool go_on = true;
+  while (left != 0 && go_on) {
+    uint32_t oldest = 0;
+    for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+      if ((left & Bit(owner)) == 0) continue;
+      if (oldest == 0 || View(owner).seal().save_number < View(oldest).seal().save_number) {
+        oldest = owner;
+      }
+    }
+    left &= ~Bit(oldest);
+    if (!TakeContent(oldest, reader, &go_on)) return false;
+  }
+  if (own == 0 && !TakeEmptyRecord(dead)) return false;
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    const bool needed = owner == own || (claimed & Bit(owner)) != 0;
+    if ((dead & Bit(owner)) != 0 && !needed) cache_io::Unlock(file.fd(), RecordOffset(owner), 1);
+  }
+  return MapOwnExtent();
+}
+
+// Adds a dead owner's content to what will be read, if it is whole and not too much. False with
+// errno.
+bool MultiProcessSafetyMmapFile::State::TakeContent(uint32_t owner, mmap_format::Reader& reader,
+                                                    bool* go_on) {
+  const OwnerView view = View(owner);
+  const size_t before = to_read.size();
+  if (own != 0 && before + view.seal().packets >= kMaxPacketsOfSeveralOwners) return true;
+  const char* damage;
+  uint32_t damaged_packets;
+  if (!reader.ReadContent(owner, view.seal(), &to_read, &damage, &damaged_packets)) return false;
+  if (damage != nullptr) {
+    LocalLog(2, kLogSource, __LINE__,
+             "cache: the content of owner %u in %s is damaged (%s) and stays where it is while "
+             "other owners are live; a start without them repairs it",
+             owner, path.c_str(), damage);
+    return to_read.Resize(before);
+  }
+  for (size_t i = before; i < to_read.size(); ++i) {
+    // Whoever reads up to an empty packet loses what follows it: let that be nobody else's.
+    if (to_read[i].length == 0) *go_on = false;
+  }
+  if (own != 0) {
+    claimed |= Bit(owner);
+    return true;
+  }
+  own = owner;
+  in_force = view.in_force;
+  index = view.seal().index;
+  for (const PacketPlace& place : to_read) {
+    const uint64_t offset = place.header_offset - view.seal().extent_offset;
+    if (!sealed.Add(Entry{offset, place.body_check, place.length, false})) return false;
+  }
+  return true;
+}
+
+bool MultiProcessSafetyMmapFile::State::TakeEmptyRecord(uint64_t dead) {
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    const OwnerView view = View(owner);
+    if ((dead & Bit(owner)) == 0 || view.has_content() || view.damage != nullptr) continue;
+    own = owner;
+    if (view.in_force >= 0) {
+      in_force = view.in_force;
+      index = view.seal().index;
+      return true;
+    }
+    Seal nothing = {};
+    nothing.save_number = NextSaveNumber();
+    in_force = 0;
+    index = 0;
+    WriteSeal(own, in_force, nothing);
+    return true;
+  }
+  errno = EUSERS;
+  return false;
+}
+
+bool MultiProcessSafetyMmapFile::State::MapOwnExtent() {
+  const Seal seal = View(own).seal();
+  if (seal.extent_offset == 0) return true;
+  // The file may come from a copy that left holes.
+  if (!cache_io::Allocate(file.fd(), seal.extent_offset, seal.extent_size) ||
+      !current.map.Map(file, seal.extent_offset, seal.extent_size)) {
+    return false;
+  }
+  current.file_offset = seal.extent_offset;
+  current.epoch = seal.extent_epoch;
+  current.shape = ExtentShape{seal.extent_size, seal.index_capacity};
+  WriteExtentHeader(current, mmap_format::kInUse);
+  area = !sealed.empty() && sealed[0].offset >= current.shape.area(1) ? 1 : 0;
+  append_at = current.shape.area(area);
+  for (const Entry& entry : sealed) {
+    append_at = std::max(append_at, entry.offset + PacketRoom(entry.length));
+  }
+  return true;
+}
+
+// Records -----------------------------------------------------------------------------------------
+
+// A live owner may be writing: at any instant one of his seals is valid, but not the same one for
+// as long as a copy takes.
+OwnerView MultiProcessSafetyMmapFile::State::View(uint32_t owner) const {
+  constexpr int kMostCopies = 100;
+  OwnerView view;
+  for (int i = 0; i < kMostCopies; ++i) {
+    OwnerRecord copy;
+    std::memcpy(static_cast<void*>(&copy), record(owner), sizeof copy);
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);  // Pairs with StoreLast().
+    view = mmap_format::ViewOf(copy);
+    if (view.is_settled && view.damage == nullptr) break;
+  }
+  return view;
+}
+
+// relaxed: the numbers need only differ, and grow within one owner.
+uint64_t MultiProcessSafetyMmapFile::State::NextSaveNumber() const {
+  return __atomic_fetch_add(&header()->next_save_number, 1, __ATOMIC_RELAXED);
+}
+
+void MultiProcessSafetyMmapFile::State::WriteSeal(uint32_t owner, int which,
+                                                  const Seal& seal) const {
+  Seal* const to = &record(owner)->seals[which];
+  StoreLast(&to->check, mmap_format::kWriting);
+  __atomic_thread_fence(__ATOMIC_RELEASE);  // The mark comes before what it marks.
+  std::memcpy(to, &seal, offsetof(Seal, check));
+  StoreLast(&to->check, mmap_format::CheckOf(seal));
+}
+
+// Puts `seal` in force, under a new save number, and the one that was out of it for good.
+void MultiProcessSafetyMmapFile::State::ReplaceSeal(uint32_t owner, int in_force_now,
+                                                    Seal seal) const {
+  seal.save_number = NextSaveNumber();
+  WriteSeal(owner, 1 - in_force_now, seal);
+  StoreLast(&record(owner)->seals[in_force_now].check, mmap_format::kWriting);
+}
+
+// Room in the file --------------------------------------------------------------------------------
+
+// A new extent, mapped, whose areas each hold `area_bytes`, and which no seal names yet. False with
+// errno.
+bool MultiProcessSafetyMmapFile::State::MakeExtent(uint64_t area_bytes, uint64_t packets,
+                                                   Extent* extent) const {
+  const uint64_t capacity = std::max(kFewestIndexEntries, packets);
+  if (capacity > UINT32_MAX || area_bytes > kMostAnnounced) {
+    errno = EFBIG;
+    return false;
+  }
+  Extent made;
+  made.shape.capacity = static_cast<uint32_t>(capacity);
+  // 16 bytes more for what area_size() rounds away.
+  made.shape.size = RoundUp(made.shape.index(2) + 2 * RoundUp(area_bytes, 8) + 16, kUnit);
+  uint64_t offset;
+  if (!ReserveRange(made.shape.size, &offset)) return false;
+  if (!made.map.Map(file, offset, made.shape.size)) {
+    const int error = errno;
+    DropReservation(offset);
+    GiveBack(offset, made.shape.size);
+    errno = error;
+    return false;
+  }
+  made.file_offset = offset;
+  made.epoch = NextSaveNumber();
+  WriteExtentHeader(made, mmap_format::kBuilding);
+  extent->swap(made);
+  return true;
+}
+
+void MultiProcessSafetyMmapFile::State::WriteExtentHeader(const Extent& extent,
+                                                          uint64_t state) const {
+  ExtentHeader head = {};
+  head.magic = mmap_format::kExtentMagic;
+  head.owner = own;
+  head.index_capacity = extent.shape.capacity;
+  head.size = extent.shape.size;
+  head.epoch = extent.epoch;
+  head.check = mmap_format::CheckOf(head);
+  head.state = state;
+  std::memcpy(extent.header(), &head, sizeof head);
+}
+
+bool MultiProcessSafetyMmapFile::State::ReserveRange(uint64_t size, uint64_t* offset) const {
+  if (!cache_io::WaitLock(file.fd(), 0, 1, kSaveWaitMs)) return false;
+  const bool reserved = ReserveLocked(size, offset);
+  const int error = errno;
+  cache_io::Unlock(file.fd(), 0, 1);
+  errno = error;
+  return reserved;
+}
+
+// With the table's lock held. The first range that is long enough and surely free: what may be
+// content that has lost its seal is left alone.
+bool MultiProcessSafetyMmapFile::State::ReserveLocked(uint64_t size, uint64_t* offset) const {
+  Range used[kMostRanges + 1];
+  size_t count;
+  uint64_t file_size;
+  uint64_t links;
+  if (!UsedRanges(used, &count) || !cache_io::FileSize(file.fd(), &file_size, &links)) return false;
+  used[count] = {UINT64_MAX, UINT64_MAX};
+  uint64_t at = kTableSize;
+  for (size_t i = 0; i <= count; ++i) {
+    if (used[i].begin >= at + size && FreeRange(at, std::min(at + size, file_size))) break;
+    // Behind the last range in use, what is not free is passed over as a whole.
+    at = std::max(at, i < count ? used[i].end : RoundUp(file_size, kUnit));
+  }
+  mmap_format::Reservation* const slots = record(own)->reserved;
+  mmap_format::Reservation& slot = slots[0].size == 0 ? slots[0] : slots[1];
+  slot.offset = at;
+  StoreLast(&slot.size, size);  // Before there is anything to be taken for free.
+  *offset = at;
+  if (cache_io::Allocate(file.fd(), at, size)) return true;
+  const int error = errno;
+  slot.size = 0;
+  // Back with what was allocated before the disk was full.
+  if (at < file_size) (void)cache_io::ZeroRange(file.fd(), at, std::min(size, file_size - at));
+  (void)cache_io::Truncate(file.fd(), file_size);
+  errno = error;
+  return false;
+}
+
+// With the table's lock held. What any owner's record names, in order; the table itself excepted.
+bool MultiProcessSafetyMmapFile::State::UsedRanges(Range* used, size_t* count) const {
+  *count = 0;
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    const OwnerView view = View(owner);
+    for (int i = 0; i < 2; ++i) {
+      const Seal& seal = view.seals[i];
+      if (view.valid[i] && seal.extent_offset != 0) {
+        used[(*count)++] = {seal.extent_offset, seal.extent_offset + seal.extent_size};
+      }
+      if (view.reserved[i].end != 0) used[(*count)++] = view.reserved[i];
+    }
+    if (view.damage == nullptr) continue;
+    // Nobody can say what is his until a repair: only room behind the end is free.
+    uint64_t size;
+    uint64_t links;
+    if (!cache_io::FileSize(file.fd(), &size, &links)) return false;
+    used[(*count)++] = {kTableSize, std::max(kTableSize, RoundUp(size, kUnit))};
+  }
+  std::sort(used, used + *count, [](Range a, Range b) { return a.begin < b.begin; });
+  return true;
+}
+
+// With the table's lock held. Whether nothing of value starts at `at`, which no record names:
+// zeros, or an extent that was given back or whose owner died filling it, which are then made
+// zeros.
+// `*skip` is how far that holds.
+bool MultiProcessSafetyMmapFile::State::IsFreeUnit(uint64_t at, uint64_t end,
+                                                   uint64_t* skip) const {
+  *skip = std::min(kUnit, end - at);
+  ExtentHeader head = {};
+  if (cache_io::ReadAt(file.fd(), &head, sizeof head, at) < 0) return false;
+  const ExtentHeader zeros = {};
+  if (std::memcmp(&head, &zeros, sizeof head) == 0) return true;
+  if (!mmap_format::IsSound(head, at) || !mmap_format::IsLeftOver(head, View(head.owner))) {
+    return false;
+  }
+  *skip = std::min(head.size, end - at);
+  return cache_io::ZeroRange(file.fd(), at, *skip);
+}
+
+// With the table's lock held, of a range that no record names.
+bool MultiProcessSafetyMmapFile::State::FreeRange(uint64_t begin, uint64_t end) const {
+  uint64_t skip;
+  for (uint64_t at = begin; at < end; at += skip) {
+    if (!IsFreeUnit(at, end, &skip)) return false;
+  }
+  return true;
+}
+
+void MultiProcessSafetyMmapFile::State::DropReservation(uint64_t offset) const {
+  for (mmap_format::Reservation& slot : record(own)->reserved) {
+    if (slot.offset == offset) slot.size = 0;
+  }
+}
+
+// Of an extent that no record names any more. Free room reads as zeros, or is not there at all.
+// When the lock is not to be had, the extent's state tells the next who looks for room.
+void MultiProcessSafetyMmapFile::State::GiveBack(uint64_t offset, uint64_t size) const {
+  if (!cache_io::WaitLock(file.fd(), 0, 1, kSaveWaitMs)) return;
+  Range used[kMostRanges];
+  size_t count;
+  uint64_t file_size;
+  uint64_t links;
+  if (UsedRanges(used, &count) && cache_io::FileSize(file.fd(), &file_size, &links)) {
+    uint64_t end = kTableSize;
+    bool in_use = false;
+    for (size_t i = 0; i < count; ++i) {
+      end = std::max(end, used[i].end);
+      in_use = in_use || (used[i].begin < offset + size && used[i].end > offset);
+    }
+    if (!in_use && offset < file_size) {
+      (void)cache_io::ZeroRange(file.fd(), offset, std::min(size, file_size - offset));
+    }
+    if (end < file_size && FreeRange(end, file_size)) (void)cache_io::Truncate(file.fd(), end);
+  }
+  cache_io::Unlock(file.fd(), 0, 1);
+}
+
+// An owner that closes without content needs no room.
+void MultiProcessSafetyMmapFile::State::GiveBackIfEmpty() {
+  if (!current || !sealed.empty() || claimed != 0 || !is_complete) return;
+  const uint64_t offset = current.file_offset;
+  const uint64_t size = current.shape.size;
+  ReplaceSeal(own, in_force, Seal());
+  StoreLast(&current.header()->state, mmap_format::kFree);
+  current.Reset();
+  GiveBack(offset, size);
+}
+
+// Saving ------------------------------------------------------------------------------------------
+
+bool MultiProcessSafetyMmapFile::State::Clear(int64_t size) {
+  if (file.is_orphan()) return false;
+  VoidSave();
+  may_read = false;
+  is_complete = false;
+  if (size < 0 || static_cast<uint64_t>(size) > kMostAnnounced || !may_save) return false;
+  if (!IsStillThere() && !Reopen()) return false;
+  announced = static_cast<uint64_t>(size);
+  appended = 0;
+  next.Clear();
+  next_area = area;
+  next_begin = next_at = append_at;
+  copy_all = false;
+  cursor = 0;
+  failed_searches = 0;
+  new_bytes = 0;
+  for (Entry& entry : sealed) entry.kept = false;
+  // Rather before anything is placed than in the middle.
+  if (current && !HasRoom(last_new_bytes) && 2 * last_new_bytes <= current.shape.area_size()) {
+    SwitchArea();
+  }
+  is_saving = true;
+  return size > 0 || SealSave();
+}
+
+void MultiProcessSafetyMmapFile::State::VoidSave() {
+  is_saving = false;
+  if (!building) return;
+  const uint64_t offset = building.file_offset;
+  const uint64_t size = building.shape.size;
+  StoreLast(&building.header()->state, mmap_format::kFree);
+  building.Reset();
+  DropReservation(offset);
+  GiveBack(offset, size);
+}
+
+bool MultiProcessSafetyMmapFile::State::Append(const MmapDataPacket& packet) {
+  if (file.is_orphan() || !is_saving) return false;
+  const uint64_t cost = uint64_t{packet.size} + 4;
+  if ((packet.data == nullptr && packet.size != 0) || cost > announced - appended) {
+    VoidSave();
+    return false;
+  }
+  if (!Place(packet)) {
+    TellSaveFailed(__LINE__);
+    VoidSave();
+    return false;
+  }
+  appended += cost;
+  return appended < announced || SealSave();
+}
+
+// What is mapped must not be behind the end of the file: touching it would be a signal.
+bool MultiProcessSafetyMmapFile::State::IsStillThere() const {
+  uint64_t size;
+  uint64_t links;
+  const uint64_t end = std::max(kTableSize, current.file_offset + current.shape.size);
+  return own != 0 && cache_io::FileSize(file.fd(), &size, &links) && links > 0 && size >= end;
+}
+
+// Someone has deleted or cut the file: this owner goes on in a new one, or in a new place. What
+// dead owners left there is not taken: nobody would read it.
+bool MultiProcessSafetyMmapFile::State::Reopen() {
+  if (own != 0) {
+    LocalLog(2, kLogSource, __LINE__,
+             "cache: %s was deleted or cut by someone else; it is made anew, and of what it held "
+             "only what is saved now is kept; leave the file alone while it is in use",
+             path.c_str());
+  }
+  Detach();
+  return Open(Claim::kLeave);
+}
+
+// The place in the old content of a packet with the same bytes; null when it has none.
+Entry* MultiProcessSafetyMmapFile::State::Find(const MmapDataPacket& packet) {
+  const size_t count = sealed.size();
+  const bool full = failed_searches < kFullSearches;
+  const size_t tries = full ? count : std::min(count, kShortSearch);
+  size_t at = cursor;
+  for (size_t i = 0; i < tries; ++i, ++at) {
+    if (at >= count) at = 0;
+    Entry& entry = sealed[at];
+    if (entry.length != packet.size) continue;
+    const uint8_t* const body = current.at(entry.offset) + sizeof(PacketHeader);
+    if (packet.size != 0 && std::memcmp(body, packet.data, packet.size) != 0) continue;
+    cursor = at + 1;
+    return &entry;
+  }
+  if (full) ++failed_searches;
+  return nullptr;
+}
+
+bool MultiProcessSafetyMmapFile::State::Place(const MmapDataPacket& packet) {
+  const uint64_t room = PacketRoom(packet.size);
+  Entry* const old = Find(packet);
+  if (old != nullptr && !copy_all && next.size() < current.shape.capacity) {
+    old->kept = true;
+    return next.Add(*old);
+  }
+  if (!HasRoom(room) && !MakeRoom(room)) return false;
+  PacketHeader head = {};
+  head.magic = mmap_format::kPacketMagic;
+  head.state = mmap_format::kLive;
+  head.length = packet.size;
+  head.body_check = old != nullptr ? old->body_check : mmap_format::Check(packet.data, packet.size);
+  head.check = mmap_format::CheckOf(head);
+  if (!next.Add(Entry{next_at, head.body_check, packet.size, false})) return false;
+  uint8_t* const to = target().at(next_at);
+  std::memcpy(to, &head, sizeof head);
+  if (packet.size != 0) std::memcpy(to + sizeof head, packet.data, packet.size);
+  next_at += room;
+  if (old == nullptr) new_bytes += room;
+  return true;
+}
+
+bool MultiProcessSafetyMmapFile::State::HasRoom(uint64_t room) {
+  const Extent& extent = target();
+  return extent && next.size() < extent.shape.capacity &&
+         next_at + room <= extent.shape.area(next_area) + extent.shape.area_size();
+}
+
+// For one more packet.
+bool MultiProcessSafetyMmapFile::State::MakeRoom(uint64_t room) {
+  // An area more than half full would soon be full again.
+  const bool other_area_will_do = current && !copy_all && next.size() < current.shape.capacity &&
+                                  2 * (RoomOf(next) + room) <= current.shape.area_size();
+  if (!other_area_will_do) return MoveToNewExtent(room);
+  SwitchArea();
+  return true;
+}
+
+// Nothing that the seal in force names is in the other area.
+void MultiProcessSafetyMmapFile::State::SwitchArea() {
+  next_area = 1 - area;
+  copy_all = true;
+  CopyNext(current, current, next_area);
+}
+
+bool MultiProcessSafetyMmapFile::State::MoveToNewExtent(uint64_t room) {
+  // The whole save, if its packets are like those so far or as many as the last content's.
+  const uint64_t packets = std::max(next.size() + 1, sealed.size());
+  const uint64_t needed =
+      std::max({RoomOf(next) + room, announced + packets * sizeof(PacketHeader), wished_bytes});
+  Extent made;
+  if (!MakeExtent(2 * needed, 2 * packets, &made)) return false;
+  if (target()) {
+    CopyNext(target(), made, 0);
+  } else {
+    next_begin = next_at = made.shape.area(0);
+  }
+  next_area = 0;
+  copy_all = true;
+  building.swap(made);
+  if (made) {  // A smaller one, begun for the same save.
+    const uint64_t offset = made.file_offset;
+    const uint64_t size = made.shape.size;
+    StoreLast(&made.header()->state, mmap_format::kFree);
+    made.Reset();
+    DropReservation(offset);
+    GiveBack(offset, size);
+  }
+  return true;
+}
+
+// The save's packets so far, with their heads, one behind the other.
+void MultiProcessSafetyMmapFile::State::CopyNext(const Extent& from, const Extent& to,
+                                                 int to_area) {
+  next_begin = next_at = to.shape.area(to_area);
+  for (Entry& entry : next) {
+    std::memcpy(to.at(next_at), from.at(entry.offset), sizeof(PacketHeader) + entry.length);
+    entry.offset = next_at;
+    next_at += PacketRoom(entry.length);
+  }
+}
+
+// The one step: everything that the new seal names is written before it, and nothing that the old
+// one names is touched until it is there.
+bool MultiProcessSafetyMmapFile::State::SealSave() {
+  is_saving = false;
+  Seal seal = {};
+  seal.save_number = NextSaveNumber();
+  seal.superseded = claimed;
+  seal.index = 1 - index;
+  const Extent& extent = target();
+  if (extent) {
+    const uint64_t index_at = extent.shape.index(static_cast<int>(seal.index));
+    uint64_t* const entries = reinterpret_cast<uint64_t*>(extent.at(index_at));
+    for (size_t i = 0; i < next.size(); ++i) entries[i] = next[i].offset;
+    seal.extent_offset = extent.file_offset;
+    seal.extent_size = extent.shape.size;
+    seal.extent_epoch = extent.epoch;
+    seal.index_capacity = extent.shape.capacity;
+    seal.packets = static_cast<uint32_t>(next.size());
+    seal.index_check = mmap_format::Check(entries, next.size() * sizeof(uint64_t));
+    if (!extent.map.Flush(0, extent.shape.index(2), durability) ||
+        !extent.map.Flush(next_begin, next_at, durability)) {
+      TellSaveFailed(__LINE__);
+      VoidSave();
+      return false;
+    }
+  }
+  WriteSeal(own, 1 - in_force, seal);
+  in_force = 1 - in_force;
+  index = seal.index;
+  const bool is_flushed = FlushTable();
+  if (!is_flushed) TellSaveFailed(__LINE__);
+  if (building) {
+    FinishMove();
+  } else {
+    RetireOldPackets();
+  }
+  if (claimed != 0) FinishTakeOver();
+  sealed.swap(next);
+  area = next_area;
+  append_at = sealed.empty() && current ? current.shape.area(area) : next_at;
+  last_new_bytes = new_bytes;
+  is_complete = is_flushed;
+  if (is_flushed) told_failure = false;
+  ShrinkIfWasteful();
+  return is_flushed;
+}
+
+// For whoever must do without an index one day.
+void MultiProcessSafetyMmapFile::State::RetireOldPackets() const {
+  for (const Entry& entry : sealed) {
+    if (!copy_all && entry.kept) continue;
+    PacketHeader* const packet = reinterpret_cast<PacketHeader*>(current.at(entry.offset));
+    __atomic_store_n(&packet->state, mmap_format::kRetired, __ATOMIC_RELAXED);
+  }
+}
+
+void MultiProcessSafetyMmapFile::State::FinishMove() {
+  StoreLast(&building.header()->state, mmap_format::kInUse);
+  const uint64_t offset = current.file_offset;
+  const uint64_t size = current.shape.size;
+  // The older seal still names the extent that goes: from here on none does.
+  StoreLast(&record(own)->seals[1 - in_force].check, mmap_format::kWriting);
+  if (current) StoreLast(&current.header()->state, mmap_format::kFree);
+  current.Reset();
+  current.swap(building);
+  DropReservation(current.file_offset);
+  if (offset != 0) GiveBack(offset, size);
+}
+
+// What was taken over is in this owner's own seal, which says so: it is voided where it came from,
+// then the seal stops saying so, and only then may others use those records. Killed on the way,
+// whoever opens next finishes it.
+void MultiProcessSafetyMmapFile::State::FinishTakeOver() {
+  Range voided[kOwners];
+  size_t count = 0;
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    const OwnerView view = View(owner);
+    if ((claimed & Bit(owner)) == 0 || view.in_force < 0) continue;
+    voided[count++] = {view.seal().extent_offset, view.seal().extent_size};
+    ReplaceSeal(owner, view.in_force, Seal());
+  }
+  (void)FlushTable();
+  Seal seal = record(own)->seals[in_force];
+  seal.superseded = 0;
+  ReplaceSeal(own, in_force, seal);
+  in_force = 1 - in_force;
+  (void)FlushTable();
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    if ((claimed & Bit(owner)) != 0) cache_io::Unlock(file.fd(), RecordOffset(owner), 1);
+  }
+  claimed = 0;
+  for (size_t i = 0; i < count; ++i) GiveBack(voided[i].begin, voided[i].end);
+}
+
+// A complete save of the same content, in a smaller extent.
+void MultiProcessSafetyMmapFile::State::ShrinkIfWasteful() {
+  if (is_shrinking || !current || current.shape.size <= kNeverShrunk) return;
+  const uint64_t needed = RoomOf(sealed) + 2 * sizeof(uint64_t) * sealed.size();
+  if (current.shape.size <= kShrinkAt * std::max(needed, wished_bytes)) return;
+  next.Clear();
+  for (const Entry& entry : sealed) {
+    if (!next.Add(entry)) return;
+  }
+  announced = 0;
+  const bool was_complete = is_complete;
+  is_shrinking = true;
+  if (MoveToNewExtent(0)) (void)SealSave();
+  is_complete = was_complete;  // Whatever came of it, the content is in force.
+  is_shrinking = false;
+}
+
+void MultiProcessSafetyMmapFile::State::TellSaveFailed(int line) {
+  if (!told_failure) {
+    LogFailure(line, "save to", path, errno,
+               "the content of the last save stays, and the next one tries again; free some space "
+               "on the disk");
+  }
+  told_failure = true;
+}
+
+// Reading -----------------------------------------------------------------------------------------
+
+MmapDataPacket MultiProcessSafetyMmapFile::State::NextPacket() {
+  if (file.is_orphan() || !may_read || next_read == to_read.size()) return MmapDataPacket();
+  mmap_format::Reader reader(file.fd());
+  if (!reader.ReadBody(to_read[next_read], &read_buffer)) {
+    LogFailure(__LINE__, "read back from", path, errno,
+               "what it holds stays there, and nothing is saved in this run; start again");
+    may_read = may_save = false;
+    return MmapDataPacket();
+  }
+  return MmapDataPacket{read_buffer.data(), to_read[next_read++].length};
+}
+
+// The class ---------------------------------------------------------------------------------------
 
 MultiProcessSafetyMmapFile::MultiProcessSafetyMmapFile() : state_(nullptr) {}
 
 MultiProcessSafetyMmapFile::~MultiProcessSafetyMmapFile() { Close(); }
 
+bool MultiProcessSafetyMmapFile::Open(const base::FilePath& path,
+                                      base::MemoryMappedFile::Access access, int64_t size) {
+  Close();
+  std::string refused = cache_io::WhyPathIsRefused(path.value());
+  if (refused.empty() && access != base::MemoryMappedFile::READ_WRITE_EXTEND) {
+    refused = "a cache file is opened for reading, writing and growing (READ_WRITE_EXTEND) only";
+  }
+  if (refused.empty() && (size < 0 || static_cast<uint64_t>(size) > kMostAnnounced / 4)) {
+    refused = "the size asked for is negative or too large";
+  }
+  if (!refused.empty()) {
+    LocalLog(2, kLogSource, __LINE__, "cache: cannot open %s: %s", path.AsUTF8Unsafe().c_str(),
+             refused.c_str());
+    return false;
+  }
+  state_ = new (std::nothrow) State(path.value(), static_cast<uint64_t>(size));
+  if (state_ != nullptr && state_->Open(State::Claim::kTake)) return true;
+  Close();
+  return false;
+}
+
+MmapDataPacket MultiProcessSafetyMmapFile::GetNextDataPacket() {
+  return state_ == nullptr ? MmapDataPacket() : state_->NextPacket();
+}
+
+bool MultiProcessSafetyMmapFile::Clear(int64_t size) {
+  return state_ != nullptr && state_->Clear(size);
+}
+
+bool MultiProcessSafetyMmapFile::AppendDataPacket(const MmapDataPacket& packet) {
+  return state_ != nullptr && state_->Append(packet);
+}
+
+bool MultiProcessSafetyMmapFile::IsSaveComplete() const {
+  return state_ != nullptr && !state_->file.is_orphan() && state_->is_complete;
+}
+
 void MultiProcessSafetyMmapFile::Close() {
   delete state_;
   state_ = nullptr;
 }
+
+const char* MultiProcessSafetyMmapFile::ImplementationName() { return "posix"; }
 
 }  // namespace quenor

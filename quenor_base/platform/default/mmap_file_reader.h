@@ -1,0 +1,113 @@
+// Reads a memory-mapped cache file without trusting a byte of it: every length, offset and check is
+// looked at before use, and nothing is read through a mapping, where a bad sector would be a
+// signal. Threads: one at a time. What live owners write meanwhile is noticed, not locked out.
+#ifndef QUENOR_BASE_PLATFORM_DEFAULT_MMAP_FILE_READER_H_
+#define QUENOR_BASE_PLATFORM_DEFAULT_MMAP_FILE_READER_H_
+
+#include <cstdint>
+
+#include "quenor_base/platform/default/growable_array.h"
+#include "quenor_base/platform/default/mmap_file_format.h"
+
+namespace quenor::mmap_format {
+
+// Where an intact packet is.
+struct PacketPlace {
+  uint64_t header_offset;  // In the file.
+  uint32_t length;
+  uint64_t body_check;
+};
+using PacketPlaces = GrowableArray<PacketPlace>;
+
+struct Range {
+  uint64_t begin;
+  uint64_t end;
+};
+
+// What an owner's record says.
+struct OwnerView {
+  Seal seals[2];
+  bool valid[2];
+  Range reserved[2];             // Sane ones; else empty.
+  int in_force = -1;             // The valid seal with the larger save number; -1: none.
+  const char* damage = nullptr;  // What no writer leaves; null: nothing.
+
+  bool is_settled = false;  // Not caught in the middle of a first or a second seal.
+
+  bool has_content() const { return in_force >= 0 && seals[in_force].packets > 0; }
+  const Seal& seal() const { return seals[in_force]; }
+};
+OwnerView ViewOf(const OwnerRecord& record);
+
+// Whether the head of an extent, read at `offset`, is what a writer wrote there.
+bool IsSound(const ExtentHeader& head, uint64_t offset);
+// Of a sound head of an extent that no record names: whether its owner had given it back, had not
+// sealed it yet, or has sealed elsewhere since. Else it is content that has lost its seal.
+bool IsLeftOver(const ExtentHeader& head, const OwnerView& owner);
+
+enum class TableState { kFresh, kGood, kNewer, kDamaged };
+
+// Everything that is intact in a file that nobody has open. Packets of one former owner stand
+// together, in the order of his content.
+struct Survey {
+  const char* damage = nullptr;  // The first thing found; null: the file is whole.
+  PacketPlaces packets;
+  GrowableArray<size_t> group_ends;
+};
+
+class Reader {
+ public:
+  // Of a file that nobody knows, at most so much is searched for packets.
+  static constexpr uint64_t kMaxSearchedBytes = uint64_t{64} << 20;
+
+  // Borrows the descriptor until destruction.
+  explicit Reader(int fd) : fd_(fd) {}
+
+  // Reads the table. False with errno.
+  [[nodiscard]] bool Load();
+  uint64_t file_size() const { return file_size_; }
+  uint32_t version() const { return header().version; }
+  TableState table_state() const;
+  OwnerView Owner(uint32_t owner) const { return ViewOf(records_[owner]); }
+  // Bit n: another owner's content in force stands for what owner n holds.
+  uint64_t SupersededOwners() const;
+  uint64_t LargestSaveNumber() const;
+
+  // The packets of a seal in force, in order. False with errno when the system refuses; else
+  // `*damage` says what was wrong (null: nothing) and `*damaged_packets` counts what is missing.
+  [[nodiscard]] bool ReadContent(uint32_t owner, const Seal& seal, PacketPlaces* packets,
+                                 const char** damage, uint32_t* damaged_packets);
+  // A packet's body; false with errno (EBADMSG: it is not what it was).
+  [[nodiscard]] bool ReadBody(const PacketPlace& place, GrowableArray<uint8_t>* body);
+
+  // Nobody must have the file open. False with errno.
+  [[nodiscard]] bool Examine(Survey* survey);
+
+ private:
+  const Header& header() const { return header_; }
+  bool Read(void* out, size_t size, uint64_t offset, bool* whole);
+  // The header of a packet whose bytes lie inside [.., end) of the file, and whether it is intact.
+  bool ReadPacket(uint64_t offset, uint64_t end, PacketPlace* place, PacketHeader* header,
+                  bool* intact);
+  bool ExamineOwner(uint32_t owner, Survey* survey);
+  bool ExamineGaps(Survey* survey);
+  bool ExamineGap(uint64_t begin, uint64_t end, Survey* survey);
+  // A gap block that is known not to hold anything of value; 0 when that is not known.
+  bool SkipKnown(uint64_t offset, uint64_t end, uint64_t* skip);
+  // Adds every intact packet in the range that was not retired.
+  bool Search(uint64_t begin, uint64_t end, PacketPlaces* packets);
+
+  const int fd_;
+  uint64_t file_size_ = 0;
+  uint64_t searched_ = 0;
+  union {
+    Header header_;
+    OwnerRecord records_[kOwners + 1];
+  };
+  GrowableArray<uint8_t> buffer_;  // Of bodies that are only checked.
+  GrowableArray<uint8_t> window_;  // Of a search.
+};
+
+}  // namespace quenor::mmap_format
+
+#endif  // QUENOR_BASE_PLATFORM_DEFAULT_MMAP_FILE_READER_H_
