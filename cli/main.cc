@@ -9,7 +9,9 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <variant>
 
+#include "cli/cache_command.h"
 #include "cli/cache_use.h"
 #include "cli/channel_log.h"
 #include "cli/console.h"
@@ -85,8 +87,12 @@ int Main(int argc, const char* const* argv) {
   static ChannelLog* const log = new ChannelLog(console);
   SetLogSink(&ChannelLog::Sink, log);
   try {
-    const std::optional<Options> options = ParseCommandLine(argc, argv);
-    return options ? Send(*options, *console, *log) : kExitOk;
+    const std::optional<Command> command = ParseCommandLine(argc, argv);
+    if (!command) return kExitOk;
+    if (const auto* cache = std::get_if<CacheCommand>(&*command)) {
+      return RunCacheCommand(*cache, STDOUT_FILENO, *console);
+    }
+    return Send(std::get<Options>(*command), *console, *log);
   } catch (const Fatal& fatal) {
     console->Line(fatal.what());
     return fatal.exit_code();

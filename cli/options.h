@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "cli/addresses.h"
@@ -32,9 +33,20 @@ struct Options {
   std::vector<std::string> files;  // Empty: each line of standard input is a message.
 };
 
+// "quenor-report cache VERB FILE".
+struct CacheCommand {
+  enum class Verb { kList, kDump, kVerify, kPurge };
+  Verb verb = Verb::kList;
+  std::string file;
+  std::optional<std::string> raw;  // Dump: a folder for the packets as they are; "-": stdout.
+  bool yes = false;                // Purge.
+};
+
+using Command = std::variant<Options, CacheCommand>;
+
 // Parses and checks the command line. Empty if it asked for --help or --version, which has then
 // been printed. Throws Fatal with kExitUsage.
-std::optional<Options> ParseCommandLine(int argc, const char* const* argv);
+std::optional<Command> ParseCommandLine(int argc, const char* const* argv);
 
 }  // namespace quenor::cli
 

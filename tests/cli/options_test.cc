@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "cli/fatal.h"
@@ -14,7 +15,13 @@ constexpr char kUrl[] = "https://collector.example/reports";
 
 Options Parse(std::vector<const char*> arguments) {
   arguments.insert(arguments.begin(), {"quenor-report", "send", "--url", kUrl});
-  return *ParseCommandLine(static_cast<int>(arguments.size()), arguments.data());
+  return std::get<Options>(*ParseCommandLine(static_cast<int>(arguments.size()), arguments.data()));
+}
+
+CacheCommand ParseCache(std::vector<const char*> arguments) {
+  arguments.insert(arguments.begin(), {"quenor-report", "cache"});
+  return std::get<CacheCommand>(
+      *ParseCommandLine(static_cast<int>(arguments.size()), arguments.data()));
 }
 
 // The one line about wrong usage; empty when there is none.
@@ -87,6 +94,23 @@ TEST(OptionsTest, TakesFilesThatLookLikeOptionsAfterTwoDashes) {
 
 TEST(OptionsTest, LinesIsTheDefaultSpelledOut) { EXPECT_TRUE(Parse({"--lines"}).files.empty()); }
 
+TEST(OptionsTest, TakesEveryCacheCommand) {
+  using Verb = CacheCommand::Verb;
+  EXPECT_EQ(Verb::kList, ParseCache({"list", "a"}).verb);
+  EXPECT_EQ(Verb::kDump, ParseCache({"dump", "a"}).verb);
+  EXPECT_EQ(Verb::kVerify, ParseCache({"verify", "a"}).verb);
+  EXPECT_EQ(Verb::kPurge, ParseCache({"purge", "a"}).verb);
+  EXPECT_EQ("a", ParseCache({"purge", "a"}).file);
+}
+
+TEST(OptionsTest, TakesTheOptionsOfCacheCommands) {
+  EXPECT_FALSE(ParseCache({"dump", "a"}).raw);
+  EXPECT_EQ("-", ParseCache({"dump", "a", "--raw", "-"}).raw);
+  EXPECT_EQ("out", ParseCache({"dump", "--raw", "out", "a"}).raw);
+  EXPECT_FALSE(ParseCache({"purge", "a"}).yes);
+  EXPECT_TRUE(ParseCache({"purge", "a", "--yes"}).yes);
+}
+
 TEST(OptionsTest, RefusesWrongUsageInOneLine) {
   const std::vector<std::vector<const char*>> cases = {
       {},
@@ -110,6 +134,14 @@ TEST(OptionsTest, RefusesWrongUsageInOneLine) {
       {"send", "--url", kUrl, "--channel", ".."},
       {"send", "--url", kUrl, "--channel", "a/b"},
       {"send", "--url", kUrl, "--channel", "a\nb"},
+      {"cache"},
+      {"cache", "list"},
+      {"cache", "list", ""},
+      {"cache", "frobnicate", "a"},
+      {"cache", "list", "a", "b"},
+      {"cache", "list", "a", "--yes"},
+      {"cache", "purge", "a", "--raw", "-"},
+      {"cache", "dump", "a", "--raw"},
       {"send", "--url", kUrl, "--cache", "2"},
       {"send", "--url", kUrl, "--cache", ""},
       {"send", "--url", kUrl, "--cache-dir", ""},
