@@ -17,47 +17,6 @@
 namespace quenor::test {
 namespace {
 
-class ReportTest : public ::testing::Test {
- protected:
-  Result Send(const std::string& url, const Arguments& more, const std::string& input) {
-    return RunWhole(SendCommand(certificates_, url, more), input);
-  }
-
-  const Certificates certificates_;
-};
-
-std::string Joined(const std::vector<std::string>& lines) {
-  std::string text;
-  for (const std::string& line : lines) text += line + "\n";
-  return text;
-}
-
-std::vector<std::string> NumberedLines(int count) {
-  std::vector<std::string> lines;
-  for (int i = 1; i <= count; ++i) lines.push_back("report number " + std::to_string(i));
-  return lines;
-}
-
-Digests DigestsOf(const std::vector<std::string>& messages) {
-  Digests digests;
-  for (const std::string& message : messages) ++digests[Sha256Hex(message)];
-  return digests;
-}
-
-// With retries a message may arrive twice, but each must arrive, and nothing else.
-void ExpectEachArrived(const std::vector<std::string>& messages, const Digests& arrived) {
-  const Digests sent = DigestsOf(messages);
-  for (const auto& [digest, count] : sent) {
-    const auto found = arrived.find(digest);
-    EXPECT_TRUE(found != arrived.end() && found->second >= count) << digest;
-  }
-  for (const auto& [digest, count] : arrived) EXPECT_EQ(1u, sent.count(digest)) << digest;
-}
-
-bool Mentions(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 // Noise with so many repetitions of three bytes that deflate's blocks drift against its window, and
 // so few that they save nothing: of this many bytes the output is full while input remains.
 std::string BodyThatIsCutShort() {
@@ -485,6 +444,9 @@ TEST_F(ReportTest, WrongUsageIsNamedInOneLine) {
       {{"--url", url, "--cacert", "/nowhere/ca.pem"}, "/nowhere/ca.pem"},
       {{"--url", url, "--cacert", no_pem}, no_pem},
       {{"--url", url, "--socks5", "proxy"}, "\"proxy\""},
+      {{"--url", url, "--cache", "disk"}, "disk"},
+      {{"--url", url, "--cache-dir", no_pem}, no_pem},
+      {{"--url", url, "--saved-list", "/nowhere/saved"}, "/nowhere/saved"},
       {{"--url", url, "--frobnicate"}, "--frobnicate"},
       {{}, "--url"},
   };
@@ -507,13 +469,22 @@ TEST(ReportProgramTest, HelpHasExamples) {
   EXPECT_TRUE(Mentions(result.out, "quenor-report send --url https://")) << result.out;
 }
 
+TEST(ReportProgramTest, HelpOfTheCacheCommandsHasTheirExitCodes) {
+  const Result result = RunWhole({QUENOR_REPORT_PATH, "cache", "--help"}, "");
+
+  EXPECT_EQ(0, result.exit_code);
+  EXPECT_TRUE(Mentions(result.out, "quenor-report cache verify ")) << result.out;
+  EXPECT_TRUE(Mentions(result.out, "Exit codes: 0 fine, 1 ")) << result.out;
+}
+
 TEST(ReportProgramTest, VersionNamesEveryServiceOnALineOfItsOwn) {
   const Result result = RunWhole({QUENOR_REPORT_PATH, "--version"}, "");
 
   EXPECT_EQ(0, result.exit_code);
   EXPECT_EQ(0u, result.out.find("quenor-report "));
-  for (const char* service : {"http_client", "json", "timer", "dispatch_queue", "config_center",
-                              "path_service", "report_events", "proxy_config", "throtter", "log"}) {
+  for (const char* service :
+       {"http_client", "json", "timer", "dispatch_queue", "config_center", "mmap_file",
+        "cache_file", "path_service", "report_events", "proxy_config", "throtter", "log"}) {
     EXPECT_EQ(1u, CountIn(result.out, "\n" + std::string(service) + ": ")) << result.out;
   }
 }
