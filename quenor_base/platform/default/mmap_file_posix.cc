@@ -65,9 +65,25 @@ constexpr uint64_t Bit(uint32_t owner) { return uint64_t{1} << owner; }
 struct Entry {
   uint64_t offset;
   uint64_t body_check;
+  uint64_t glance;
   uint32_t length;
   bool kept;  // Also part of the save under way.
 };
+
+// Of a few of the body's bytes: packets that differ are mostly told apart by it, without a look at
+// the mapped bytes, which are far from the processor.
+uint64_t Glance(const uint8_t* body, uint32_t length) {
+  uint64_t words[3] = {};
+  if (length < sizeof words[0]) {
+    if (length != 0) std::memcpy(words, body, length);
+  } else {
+    const uint32_t last = length - static_cast<uint32_t>(sizeof words[0]);
+    std::memcpy(&words[0], body, sizeof words[0]);
+    std::memcpy(&words[1], body + last / 2, sizeof words[1]);
+    std::memcpy(&words[2], body + last, sizeof words[2]);
+  }
+  return (words[0] * 31 + words[1]) * 31 + words[2];
+}
 
 uint64_t RoomOf(const GrowableArray<Entry>& entries) {
   uint64_t room = 0;
@@ -84,6 +100,7 @@ struct Extent {
 
   explicit operator bool() const { return file_offset != 0; }
   uint8_t* at(uint64_t offset) const { return map.data() + offset; }
+  const uint8_t* body(const Entry& entry) const { return at(entry.offset) + sizeof(PacketHeader); }
   ExtentHeader* header() const { return reinterpret_cast<ExtentHeader*>(map.data()); }
   void Reset() {
     map.Unmap();
@@ -134,7 +151,7 @@ struct MultiProcessSafetyMmapFile::State {
   bool WriteGroup(const mmap_format::Survey& survey, size_t begin, size_t end,
                   mmap_format::Reader& reader);
   bool PrepareTable(const mmap_format::Reader& reader);
-  uint64_t LockDeadOwners();
+  bool LockDeadOwners(uint64_t* dead);
   void SettleDeadOwners(uint64_t dead);
   bool ChooseOwners(uint64_t dead, Claim claim, mmap_format::Reader& reader);
   uint64_t OwnersWithContent(uint64_t dead) const;
@@ -161,8 +178,8 @@ struct MultiProcessSafetyMmapFile::State {
   bool ReserveRange(uint64_t size, uint64_t* offset) const;
   bool ReserveLocked(uint64_t size, uint64_t* offset) const;
   bool UsedRanges(Range* used, size_t* count) const;
-  bool IsFreeUnit(uint64_t at, uint64_t end, uint64_t* skip) const;
-  bool FreeRange(uint64_t begin, uint64_t end) const;
+  bool IsFreeUnit(uint64_t at, uint64_t gap_end, uint64_t* skip) const;
+  bool FreeRange(uint64_t begin, uint64_t end, uint64_t gap_end) const;
   void DropReservation(uint64_t offset) const;
   void GiveBack(uint64_t offset, uint64_t size) const;
   void GiveBackIfEmpty();
@@ -175,7 +192,7 @@ struct MultiProcessSafetyMmapFile::State {
   bool Reopen();
   void VoidSave();
   Extent& target() { return building ? building : current; }
-  Entry* Find(const MmapDataPacket& packet);
+  Entry* Find(const MmapDataPacket& packet, uint64_t glance);
   bool Place(const MmapDataPacket& packet);
   bool HasRoom(uint64_t room);
   bool MakeRoom(uint64_t room);
@@ -245,15 +262,21 @@ MultiProcessSafetyMmapFile::State::~State() {
     building.map.Forget();
     return;
   }
-  if (own != 0) {
+  if (IsStillThere()) {
     VoidSave();
     GiveBackIfEmpty();
   }
   Detach();
 }
 
-// The lock goes with the last reference to the description, and a mapping is one.
+// The locks go with the last reference to the description, and a mapping is one: should unmapping
+// fail, they go all the same.
 void MultiProcessSafetyMmapFile::State::Detach() {
+  current.Reset();
+  building.Reset();
+  table.Unmap();
+  if (file.is_open()) cache_io::Unlock(file.fd(), 0, kTableSize);
+  file.Close();
   own = 0;
   claimed = 0;
   to_read.Clear();
@@ -261,10 +284,6 @@ void MultiProcessSafetyMmapFile::State::Detach() {
   area = 0;
   append_at = 0;
   last_new_bytes = 0;
-  current.Reset();
-  building.Reset();
-  table.Unmap();
-  file.Close();
 }
 
 bool MultiProcessSafetyMmapFile::State::Open(Claim claim) {
@@ -349,7 +368,11 @@ MultiProcessSafetyMmapFile::State::Outcome MultiProcessSafetyMmapFile::State::Op
     LogFailure(__LINE__, "make room for", path, errno, "free some space on the disk");
     return Outcome::kFailed;
   }
-  const uint64_t dead = LockDeadOwners();
+  uint64_t dead = 0;
+  if (!LockDeadOwners(&dead)) {
+    LogFailure(__LINE__, "lock", path, errno, kTryLater);
+    return Outcome::kFailed;
+  }
   SettleDeadOwners(dead);
   if (!reader.Load() || !ChooseOwners(dead, claim, reader)) {
     LogFailure(__LINE__, "take an owner's place in", path, errno,
@@ -384,7 +407,8 @@ MultiProcessSafetyMmapFile::State::Outcome MultiProcessSafetyMmapFile::State::Re
     return Outcome::kFailed;
   }
   // In this order: an Open() that finds no file at `path` looks for the recovered one first.
-  if (!cache_io::Rename(path, SetAsidePath(path)) || !cache_io::Rename(recovered, path) ||
+  if (!cache_io::Rename(path, SetAsidePath(path)) ||
+      (!cache_io::Rename(recovered, path) && errno != ENOENT) ||  // ENOENT: it did so already.
       (durability == Durability::kOnDisk && !cache_io::SyncFolderOf(path))) {
     LogFailure(__LINE__, "replace", path, errno, "make its folder writable");
     return Outcome::kFailed;
@@ -442,7 +466,12 @@ bool MultiProcessSafetyMmapFile::State::PrepareTable(const mmap_format::Reader& 
   wanted.check = mmap_format::CheckOf(wanted);
   // Also where someone has written over it while owners live: they know their places by heart.
   const size_t fixed = offsetof(Header, next_save_number);
-  if (std::memcmp(header(), &wanted, fixed) != 0) std::memcpy(header(), &wanted, fixed);
+  if (std::memcmp(header(), &wanted, fixed) != 0) {
+    const size_t behind_magic = sizeof wanted.magic;
+    std::memcpy(reinterpret_cast<uint8_t*>(header()) + behind_magic,
+                reinterpret_cast<const uint8_t*>(&wanted) + behind_magic, fixed - behind_magic);
+    StoreLast(&header()->magic, wanted.magic);
+  }
   const uint64_t unused = reader.LargestSaveNumber() + 1;
   if (__atomic_load_n(&header()->next_save_number, __ATOMIC_RELAXED) < unused) {
     __atomic_store_n(&header()->next_save_number, unused, __ATOMIC_RELAXED);
@@ -450,12 +479,24 @@ bool MultiProcessSafetyMmapFile::State::PrepareTable(const mmap_format::Reader& 
   return true;
 }
 
-uint64_t MultiProcessSafetyMmapFile::State::LockDeadOwners() {
-  uint64_t dead = 0;
-  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
-    if (cache_io::TryLock(file.fd(), RecordOffset(owner), 1)) dead |= Bit(owner);
-  }
-  return dead;
+// A process that dies drops all its locks at once, but perhaps in the middle of a pass: whoever got
+// one of them gets the others in the next pass. What remains is whole: with every dead owner, all
+// whose content he had taken.
+// False with errno.
+bool MultiProcessSafetyMmapFile::State::LockDeadOwners(uint64_t* dead) {
+  uint64_t before;
+  do {
+    before = *dead;
+    for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+      if ((*dead & Bit(owner)) != 0) continue;
+      if (cache_io::TryLock(file.fd(), RecordOffset(owner), 1)) {
+        *dead |= Bit(owner);
+      } else if (errno != EAGAIN) {
+        return false;
+      }
+    }
+  } while (*dead != before);
+  return true;
 }
 
 // Finishes what dead owners were at: content that a seal of theirs stands for is voided where it
@@ -467,11 +508,12 @@ void MultiProcessSafetyMmapFile::State::SettleDeadOwners(uint64_t dead) {
       if (reserved.size != 0) reserved.size = 0;
     }
     const OwnerView view = View(owner);
+    // He died holding the locks of those whose content he had taken, so they are dead too.
     if (view.in_force < 0 || view.seal().superseded == 0) continue;
+    if ((view.seal().superseded & ~dead) != 0) continue;
     for (uint32_t other = 1; other <= kOwners; ++other) {
-      // He died holding their locks, so they are dead too.
       const OwnerView voided = View(other);
-      if ((view.seal().superseded & dead & Bit(other)) == 0 || voided.in_force < 0) continue;
+      if ((view.seal().superseded & Bit(other)) == 0 || voided.in_force < 0) continue;
       ReplaceSeal(other, voided.in_force, Seal());
     }
     (void)FlushTable();
@@ -550,7 +592,7 @@ bool MultiProcessSafetyMmapFile::State::TakeContent(uint32_t owner, mmap_format:
   index = view.seal().index;
   for (const PacketPlace& place : to_read) {
     const uint64_t offset = place.header_offset - view.seal().extent_offset;
-    if (!sealed.Add(Entry{offset, place.body_check, place.length, false})) return false;
+    if (!sealed.Add(Entry{offset, place.body_check, 0, place.length, false})) return false;
   }
   return true;
 }
@@ -587,29 +629,35 @@ bool MultiProcessSafetyMmapFile::State::MapOwnExtent() {
   current.file_offset = seal.extent_offset;
   current.epoch = seal.extent_epoch;
   current.shape = ExtentShape{seal.extent_size, seal.index_capacity};
+  // What this owner's saves will name without writing it anew.
+  if (durability == Durability::kOnDisk && !cache_io::SyncFile(file.fd())) return false;
   WriteExtentHeader(current, mmap_format::kInUse);
   area = !sealed.empty() && sealed[0].offset >= current.shape.area(1) ? 1 : 0;
   append_at = current.shape.area(area);
-  for (const Entry& entry : sealed) {
+  for (Entry& entry : sealed) {
     append_at = std::max(append_at, entry.offset + PacketRoom(entry.length));
+    entry.glance = Glance(current.body(entry), entry.length);
   }
   return true;
 }
 
 // Records -----------------------------------------------------------------------------------------
 
-// A live owner may be writing: at any instant one of his seals is valid, but not the same one for
-// as long as a copy takes.
+// A live owner may be writing, and moving: only two copies that agree are of one instant, because
+// save numbers only grow.
 OwnerView MultiProcessSafetyMmapFile::State::View(uint32_t owner) const {
-  constexpr int kMostCopies = 100;
-  OwnerView view;
-  for (int i = 0; i < kMostCopies; ++i) {
-    OwnerRecord copy;
-    std::memcpy(static_cast<void*>(&copy), record(owner), sizeof copy);
+  constexpr int kMostCopies = 1000;
+  OwnerRecord copies[2];
+  std::memcpy(static_cast<void*>(&copies[0]), record(owner), sizeof copies[0]);
+  for (int i = 1; i < kMostCopies; ++i) {
     __atomic_thread_fence(__ATOMIC_ACQUIRE);  // Pairs with StoreLast().
-    view = mmap_format::ViewOf(copy);
-    if (view.is_settled && view.damage == nullptr) break;
+    std::memcpy(static_cast<void*>(&copies[i % 2]), record(owner), sizeof copies[0]);
+    if (std::memcmp(&copies[0], &copies[1], sizeof copies[0]) == 0) {
+      return mmap_format::ViewOf(copies[0]);
+    }
   }
+  OwnerView view = mmap_format::ViewOf(copies[0]);
+  view.damage = "a record that never stays the same";
   return view;
 }
 
@@ -699,7 +747,8 @@ bool MultiProcessSafetyMmapFile::State::ReserveLocked(uint64_t size, uint64_t* o
   used[count] = {UINT64_MAX, UINT64_MAX};
   uint64_t at = kTableSize;
   for (size_t i = 0; i <= count; ++i) {
-    if (used[i].begin >= at + size && FreeRange(at, std::min(at + size, file_size))) break;
+    const uint64_t gap_end = std::min(used[i].begin, file_size);
+    if (used[i].begin >= at + size && FreeRange(at, std::min(at + size, gap_end), gap_end)) break;
     // Behind the last range in use, what is not free is passed over as a whole.
     at = std::max(at, i < count ? used[i].end : RoundUp(file_size, kUnit));
   }
@@ -745,9 +794,9 @@ bool MultiProcessSafetyMmapFile::State::UsedRanges(Range* used, size_t* count) c
 // zeros, or an extent that was given back or whose owner died filling it, which are then made
 // zeros.
 // `*skip` is how far that holds.
-bool MultiProcessSafetyMmapFile::State::IsFreeUnit(uint64_t at, uint64_t end,
+bool MultiProcessSafetyMmapFile::State::IsFreeUnit(uint64_t at, uint64_t gap_end,
                                                    uint64_t* skip) const {
-  *skip = std::min(kUnit, end - at);
+  *skip = kUnit;
   ExtentHeader head = {};
   if (cache_io::ReadAt(file.fd(), &head, sizeof head, at) < 0) return false;
   const ExtentHeader zeros = {};
@@ -755,15 +804,18 @@ bool MultiProcessSafetyMmapFile::State::IsFreeUnit(uint64_t at, uint64_t end,
   if (!mmap_format::IsSound(head, at) || !mmap_format::IsLeftOver(head, View(head.owner))) {
     return false;
   }
-  *skip = std::min(head.size, end - at);
+  // All of it, whatever is wanted: without its head nobody could tell what the rest is.
+  *skip = std::min(head.size, gap_end - at);
   return cache_io::ZeroRange(file.fd(), at, *skip);
 }
 
-// With the table's lock held, of a range that no record names.
-bool MultiProcessSafetyMmapFile::State::FreeRange(uint64_t begin, uint64_t end) const {
+// With the table's lock held. Whether the range, part of a gap that no record names, is free.
+bool MultiProcessSafetyMmapFile::State::FreeRange(uint64_t begin, uint64_t end,
+                                                  uint64_t gap_end) const {
   uint64_t skip;
   for (uint64_t at = begin; at < end; at += skip) {
-    if (!IsFreeUnit(at, end, &skip)) return false;
+    at = cache_io::NextData(file.fd(), at, end) / kUnit * kUnit;
+    if (at < end && !IsFreeUnit(at, gap_end, &skip)) return false;
   }
   return true;
 }
@@ -792,7 +844,9 @@ void MultiProcessSafetyMmapFile::State::GiveBack(uint64_t offset, uint64_t size)
     if (!in_use && offset < file_size) {
       (void)cache_io::ZeroRange(file.fd(), offset, std::min(size, file_size - offset));
     }
-    if (end < file_size && FreeRange(end, file_size)) (void)cache_io::Truncate(file.fd(), end);
+    if (end < file_size && FreeRange(end, file_size, file_size)) {
+      (void)cache_io::Truncate(file.fd(), end);
+    }
   }
   cache_io::Unlock(file.fd(), 0, 1);
 }
@@ -802,9 +856,10 @@ void MultiProcessSafetyMmapFile::State::GiveBackIfEmpty() {
   if (!current || !sealed.empty() || claimed != 0 || !is_complete) return;
   const uint64_t offset = current.file_offset;
   const uint64_t size = current.shape.size;
-  ReplaceSeal(own, in_force, Seal());
+  // Marked and unmapped before it is nobody's: another may then use it, or cut the file.
   StoreLast(&current.header()->state, mmap_format::kFree);
   current.Reset();
+  ReplaceSeal(own, in_force, Seal());
   GiveBack(offset, size);
 }
 
@@ -812,11 +867,20 @@ void MultiProcessSafetyMmapFile::State::GiveBackIfEmpty() {
 
 bool MultiProcessSafetyMmapFile::State::Clear(int64_t size) {
   if (file.is_orphan()) return false;
-  VoidSave();
   may_read = false;
+  is_saving = false;
   is_complete = false;
-  if (size < 0 || static_cast<uint64_t>(size) > kMostAnnounced || !may_save) return false;
-  if (!IsStillThere() && !Reopen()) return false;
+  if (size < 0 || static_cast<uint64_t>(size) > kMostAnnounced) {
+    errno = EINVAL;
+    TellSaveFailed(__LINE__);
+    return false;
+  }
+  if (!may_save) return false;  // Which was told when it began.
+  if (IsStillThere()) {
+    VoidSave();
+  } else if (!Reopen()) {
+    return false;
+  }
   announced = static_cast<uint64_t>(size);
   appended = 0;
   next.Clear();
@@ -827,8 +891,11 @@ bool MultiProcessSafetyMmapFile::State::Clear(int64_t size) {
   failed_searches = 0;
   new_bytes = 0;
   for (Entry& entry : sealed) entry.kept = false;
-  // Rather before anything is placed than in the middle.
-  if (current && !HasRoom(last_new_bytes) && 2 * last_new_bytes <= current.shape.area_size()) {
+  // Rather before anything is placed than in the middle; and content that is mostly new each time
+  // goes to and fro between the same bytes, which the processor then has at hand.
+  const bool will_be_new = last_new_bytes > 0 && 2 * last_new_bytes >= RoomOf(sealed);
+  if (current && (will_be_new || !HasRoom(last_new_bytes)) &&
+      2 * last_new_bytes <= current.shape.area_size()) {
     SwitchArea();
   }
   is_saving = true;
@@ -862,11 +929,13 @@ bool MultiProcessSafetyMmapFile::State::Append(const MmapDataPacket& packet) {
   return appended < announced || SealSave();
 }
 
-// What is mapped must not be behind the end of the file: touching it would be a signal.
+// Asked before anything that is mapped is touched in a new call: behind the end of the file that
+// would be a signal.
 bool MultiProcessSafetyMmapFile::State::IsStillThere() const {
   uint64_t size;
   uint64_t links;
-  const uint64_t end = std::max(kTableSize, current.file_offset + current.shape.size);
+  const uint64_t end = std::max({kTableSize, current.file_offset + current.shape.size,
+                                 building.file_offset + building.shape.size});
   return own != 0 && cache_io::FileSize(file.fd(), &size, &links) && links > 0 && size >= end;
 }
 
@@ -884,7 +953,7 @@ bool MultiProcessSafetyMmapFile::State::Reopen() {
 }
 
 // The place in the old content of a packet with the same bytes; null when it has none.
-Entry* MultiProcessSafetyMmapFile::State::Find(const MmapDataPacket& packet) {
+Entry* MultiProcessSafetyMmapFile::State::Find(const MmapDataPacket& packet, uint64_t glance) {
   const size_t count = sealed.size();
   const bool full = failed_searches < kFullSearches;
   const size_t tries = full ? count : std::min(count, kShortSearch);
@@ -892,9 +961,10 @@ Entry* MultiProcessSafetyMmapFile::State::Find(const MmapDataPacket& packet) {
   for (size_t i = 0; i < tries; ++i, ++at) {
     if (at >= count) at = 0;
     Entry& entry = sealed[at];
-    if (entry.length != packet.size) continue;
-    const uint8_t* const body = current.at(entry.offset) + sizeof(PacketHeader);
-    if (packet.size != 0 && std::memcmp(body, packet.data, packet.size) != 0) continue;
+    if (entry.glance != glance || entry.length != packet.size) continue;
+    if (packet.size != 0 && std::memcmp(current.body(entry), packet.data, packet.size) != 0) {
+      continue;
+    }
     cursor = at + 1;
     return &entry;
   }
@@ -904,7 +974,8 @@ Entry* MultiProcessSafetyMmapFile::State::Find(const MmapDataPacket& packet) {
 
 bool MultiProcessSafetyMmapFile::State::Place(const MmapDataPacket& packet) {
   const uint64_t room = PacketRoom(packet.size);
-  Entry* const old = Find(packet);
+  const uint64_t glance = Glance(packet.data, packet.size);
+  Entry* const old = Find(packet, glance);
   if (old != nullptr && !copy_all && next.size() < current.shape.capacity) {
     old->kept = true;
     return next.Add(*old);
@@ -916,7 +987,7 @@ bool MultiProcessSafetyMmapFile::State::Place(const MmapDataPacket& packet) {
   head.length = packet.size;
   head.body_check = old != nullptr ? old->body_check : mmap_format::Check(packet.data, packet.size);
   head.check = mmap_format::CheckOf(head);
-  if (!next.Add(Entry{next_at, head.body_check, packet.size, false})) return false;
+  if (!next.Add(Entry{next_at, head.body_check, glance, packet.size, false})) return false;
   uint8_t* const to = target().at(next_at);
   std::memcpy(to, &head, sizeof head);
   if (packet.size != 0) std::memcpy(to + sizeof head, packet.data, packet.size);
@@ -1045,11 +1116,12 @@ void MultiProcessSafetyMmapFile::State::FinishMove() {
   StoreLast(&building.header()->state, mmap_format::kInUse);
   const uint64_t offset = current.file_offset;
   const uint64_t size = current.shape.size;
-  // The older seal still names the extent that goes: from here on none does.
-  StoreLast(&record(own)->seals[1 - in_force].check, mmap_format::kWriting);
+  // Marked and unmapped before the older seal stops naming it: then another may use it, or cut the
+  // file.
   if (current) StoreLast(&current.header()->state, mmap_format::kFree);
   current.Reset();
   current.swap(building);
+  StoreLast(&record(own)->seals[1 - in_force].check, mmap_format::kWriting);
   DropReservation(current.file_offset);
   if (offset != 0) GiveBack(offset, size);
 }
