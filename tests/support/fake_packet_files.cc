@@ -36,9 +36,8 @@ void FakePacketFiles::Core::Next(const std::string& path, Reader* reader) {
   FileCall call{FileCall::Operation::kNext, path};
   if (!reader->has_failed && reader->next < reader->packets.size()) {
     call.bytes = reader->packets[reader->next++];
-  }
-  reader->lent_size = static_cast<uint32_t>(call.bytes.size());
-  if (reader->lent_size > 0) {
+    call.had_data = true;
+    reader->lent_size = static_cast<uint32_t>(call.bytes.size());
     reader->lent = std::make_unique<uint8_t[]>(reader->lent_size);
     std::memcpy(reader->lent.get(), call.bytes.data(), reader->lent_size);
   }

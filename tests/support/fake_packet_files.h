@@ -23,7 +23,7 @@ struct FileCall {
   int access = 0;          // kOpen of a mapped file.
   int64_t size = 0;        // kOpen and kClear of a mapped file.
   std::string bytes = {};  // kNext and kAppend.
-  bool had_data = false;   // kAppend: the packet's pointer was not null.
+  bool had_data = false;   // kNext and kAppend: the packet's pointer was not null.
   bool result = true;      // kOpen, kClear and kAppend.
 };
 

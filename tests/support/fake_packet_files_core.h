@@ -40,7 +40,7 @@ struct FakePacketFiles::Core {
   static bool Fails(size_t* countdown) { return *countdown > 0 && --*countdown == 0; }
   static bool HasParentComponent(const std::string& path);
 
-  // The next packet, into `lent`: null for an end mark.
+  // The next packet, into `lent`: null behind the last; not null for one of 0 bytes.
   void Next(const std::string& path, Reader* reader);
   // Makes `packets` the content of `owner`, in place of what it wrote or took before.
   void Replace(const std::string& path, const void* owner, Packets packets);

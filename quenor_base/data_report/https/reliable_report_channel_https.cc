@@ -713,8 +713,8 @@ void ReliableReportChannelHttps::SaveCacheFile() {
     LocalLog(2, kSourcePath, __LINE__, "cache file has been loaded!");
     return;
   }
-  const bool begun = cache_file_.Clear();
-  AppendMessages(&cache_file_, begun);
+  cache_file_.Clear();
+  AppendMessages(&cache_file_);
 }
 
 uint32_t ReliableReportChannelHttps::CalculateCacheSize() {
@@ -748,8 +748,8 @@ void ReliableReportChannelHttps::SaveCacheMmap() {
     LocalLog(2, kSourcePath, __LINE__, "mmap file has been loaded!");
     return;
   }
-  const bool begun = mmap_file_.Clear(int64_t{CalculateCacheSize()});
-  AppendMessages(&mmap_file_, begun);
+  mmap_file_.Clear(int64_t{CalculateCacheSize()});
+  AppendMessages(&mmap_file_);
 }
 
 template <typename Visit>
@@ -784,15 +784,14 @@ bool ReliableReportChannelHttps::LoadMessages(File* file, uint32_t* total_bytes)
 }
 
 template <typename File>
-void ReliableReportChannelHttps::AppendMessages(File* file, bool begun) {
+void ReliableReportChannelHttps::AppendMessages(File* file) {
   using Packet = decltype(file->GetNextDataPacket());
-  bool taken = begun;
   uint32_t count = 0;
   ForEachMessageToSave([&](CachedMessage& message) {
-    taken &= file->AppendDataPacket(Packet{PacketBytes(&message.data), message.data.size()});
+    file->AppendDataPacket(Packet{PacketBytes(&message.data), message.data.size()});
     ++count;
   });
-  if (taken && file->IsSaveComplete()) TellSaved(count);
+  if (file->IsSaveComplete()) TellSaved(count);
 }
 
 void ReliableReportChannelHttps::TellSaved(uint32_t count) {

@@ -219,9 +219,10 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   // loaded so far stays in the store, and what was not must not be replaced in the file.
   template <typename File>
   bool LoadMessages(File* file, uint32_t* total_bytes);
-  // The packets of a save. A failure changes nothing but what the listener is told.
+  // The packets of a save. A refused one, or a refused Clear() before, changes only what the
+  // listener is told, which the file knows.
   template <typename File>
-  void AppendMessages(File* file, bool begun);
+  void AppendMessages(File* file);
   void TellSaved(uint32_t count);
   // True when the file holds all messages of the store that need the cache.
   bool IsCacheWhole() const;

@@ -114,7 +114,7 @@ using Packets = FakePacketFiles::Packets;
 template <typename File>
 Packets ReadAll(File* file) {
   Packets packets;
-  for (auto packet = file->GetNextDataPacket(); packet.data != nullptr;
+  for (auto packet = file->GetNextDataPacket(); packet.size > 0;
        packet = file->GetNextDataPacket()) {
     packets.emplace_back(reinterpret_cast<const char*>(packet.data), packet.size);
   }
