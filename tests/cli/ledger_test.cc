@@ -738,6 +738,19 @@ TEST_F(LedgerTest, OfEqualMessagesAsManyAreKeptAsTheCacheHolds) {
   EXPECT_EQ((std::vector<std::string>{"line 1", "line 2"}), ledger_.LeftNames(true, 10));
 }
 
+TEST_F(LedgerTest, AnEqualMessageWithoutTheCacheTakesNothingFromIt) {
+  Tell(ReportEventKind::kLoaded, "y");
+  need_cache_ = false;
+  HandOver("line 1", "y");
+  Acknowledge("y");
+  need_cache_ = true;
+  ledger_.Close();
+  Tell(ReportEventKind::kKept, "y");
+
+  EXPECT_EQ(1u, ledger_.GetCounts().kept);
+  ExpectBooksClosed();
+}
+
 TEST_F(LedgerTest, WhatIsHandedOverAgainIsNotKeptBeforeItIsSavedAgain) {
   HandOver("line 1", "a");
   Save();
@@ -835,6 +848,18 @@ TEST_F(CompressedLedgerTest, KeepsAMessageUnderTheBytesThatTheChannelStored) {
   Tell(ReportEventKind::kKept, "z", ReportEventCause::kNone, 7, 1);
 
   EXPECT_EQ(std::vector<std::string>{"line 1"}, ledger_.LeftNames(true, 10));
+}
+
+TEST_F(CompressedLedgerTest, WhatIsNotCompressedTakesNothingFromTheCache) {
+  Tell(ReportEventKind::kLoaded, "short");
+  ledger_.Expect({"line 1", "short", "1"});
+  Tell(ReportEventKind::kHandedOver, "short");
+  Tell(ReportEventKind::kDropped, "short", ReportEventCause::kNotCompressed);
+  ledger_.Close();
+  Tell(ReportEventKind::kKept, "short");
+
+  EXPECT_EQ(1u, ledger_.GetCounts().kept);
+  ExpectBooksClosed();
 }
 
 TEST_F(CompressedLedgerTest, AStreamThatIsCutShortIsNotKeptForAnybody) {
