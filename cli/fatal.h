@@ -11,12 +11,15 @@ namespace quenor::cli {
 
 // Exit codes, as sysexits.h numbers them.
 enum ExitCode : int {
-  kExitOk = 0,            // Every message was delivered.
+  kExitOk = 0,            // Every message was delivered; the cache file is fine.
+  kExitDamaged = 1,       // The cache file is damaged.
   kExitUsage = 64,        // Wrong usage: an option, or what one of them names.
-  kExitUnreadable = 65,   // An input could not be read.
+  kExitUnreadable = 65,   // An input could not be read; no cache file of this version.
+  kExitNoInput = 66,      // No cache file there.
   kExitUnavailable = 69,  // At least one message was dropped.
   kExitInternal = 70,     // No memory or no thread.
-  kExitTempFail = 75,     // At least one message is left undelivered.
+  kExitIo = 74,           // The system refused to read or write.
+  kExitTempFail = 75,     // At least one message is left undelivered; the cache file is in use.
 };
 
 class Fatal : public std::runtime_error {

@@ -76,6 +76,11 @@ ByteSource::Result ByteSource::ReadSome(std::string* out) {
   FailToRead(name_, ErrnoText(error));
 }
 
+void LineInput::NameLine(Message* message) {
+  message->id = std::to_string(++lines_);
+  message->name = "line " + message->id;
+}
+
 bool LineInput::TakeLine(Message* message) {
   const void* found = std::memchr(buffer_.data() + scanned_, '\n', buffer_.size() - scanned_);
   if (found == nullptr) {
@@ -85,7 +90,7 @@ bool LineInput::TakeLine(Message* message) {
   }
   const size_t end = static_cast<size_t>(static_cast<const char*>(found) - buffer_.data());
   if (end - begin_ > kMaxMessageBytes) FailTooLong("line " + std::to_string(lines_ + 1));
-  message->name = "line " + std::to_string(++lines_);
+  NameLine(message);
   message->bytes.assign(buffer_, begin_, end - begin_);
   begin_ = scanned_ = end + 1;
   return true;
@@ -95,7 +100,7 @@ Input::Result LineInput::Next(Message* message) {
   while (!TakeLine(message)) {
     if (at_end_) {
       if (begin_ == buffer_.size()) return Result::kEnd;
-      message->name = "line " + std::to_string(++lines_);
+      NameLine(message);
       message->bytes.assign(buffer_, begin_);
       begin_ = scanned_ = buffer_.size();
       return Result::kMessage;
@@ -141,6 +146,7 @@ Input::Result FileInput::Next(Message* message) {
   Close();
   ++next_;
   message->name = name;
+  message->id = name;
   message->bytes = std::move(bytes_);
   bytes_.clear();
   return Result::kMessage;

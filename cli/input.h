@@ -18,6 +18,7 @@ constexpr size_t kMaxMessageBytes = size_t{64} << 20;
 struct Message {
   std::string name;   // "line 17", or the file's name: how messages to people call it.
   std::string bytes;  // Any bytes, NUL included.
+  std::string id;     // As name, for scripts: the line's number alone, or the file's name.
 };
 
 // The input could not be read on. what() says which and why, without a line end.
@@ -74,6 +75,8 @@ class LineInput : public Input {
  private:
   // True when a whole line was buffered.
   bool TakeLine(Message* message);
+  // Counts one more line.
+  void NameLine(Message* message);
 
   ByteSource source_;
   std::string buffer_;

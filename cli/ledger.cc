@@ -110,11 +110,11 @@ bool Ledger::Account(const ReportEvent& event) {
   const std::string_view bytes = BytesOf(event);
   if (event.kind == ReportEventKind::kHandedOver) return OnHandedOver(bytes);
   if (event.kind == ReportEventKind::kRetuned) return OnRetuned(event);
-  if (event.kind == ReportEventKind::kLoaded) {
-    Add(bytes, "a message of an earlier run (" + CountOf(event.size, "byte") + ")");
-    return false;
-  }
+  if (event.kind == ReportEventKind::kLoaded) return OnLoaded(event);
+  if (event.kind == ReportEventKind::kSaved) return OnSaved();
   if (event.kind == ReportEventKind::kAdmitted) return OnAdmitted(event);
+  const bool is_probe = !load_over_ && event.kind == ReportEventKind::kRefused && bytes.empty();
+  if (is_probe) return OnProbeRefused(event.cause);
   const auto stored = IsOfTheStore(event) ? in_store_.find(bytes) : in_store_.end();
   const bool is_cut = stored != in_store_.end() && stored->second.original == nullptr;
   const auto entry = is_cut                      ? outstanding_.end()
@@ -123,6 +123,7 @@ bool Ledger::Account(const ReportEvent& event) {
   if (stored != in_store_.end() && EndsInTheStore(event)) Release(stored);
   if (is_cut) return EndsInTheStore(event);  // There may be room again.
   if (entry == outstanding_.end()) return false;
+  if (IsOfTheStore(event) && EndsInTheStore(event) && event.need_cache) ForgetSaved(entry);
   switch (event.kind) {
     case ReportEventKind::kSent:
       ++counts_.in_flight;
@@ -135,7 +136,10 @@ bool Ledger::Account(const ReportEvent& event) {
       return OnFailed(event);
     case ReportEventKind::kDropped:
       return OnDropped(event, entry);
-    default:  // kSaved changes nothing; what is kKept is left.
+    case ReportEventKind::kKept:
+      if (event.request_id != 0) --counts_.in_flight;
+      return OnKept(entry);
+    default:
       return false;
   }
 }
@@ -143,53 +147,114 @@ bool Ledger::Account(const ReportEvent& event) {
 bool Ledger::OnHandedOver(std::string_view bytes) {
   // Unannounced, it is handed over again and on the books already.
   if (!expected_ || expected_->bytes != bytes) return false;
-  Add(bytes, std::move(expected_->name));
+  Add(bytes, std::move(expected_->name), std::move(expected_->id));
   expected_.reset();
+  ++counts_.handed_over;
   return false;
 }
 
-void Ledger::Add(std::string_view bytes, std::string name) {
-  auto entry = outstanding_.find(bytes);
-  if (entry == outstanding_.end()) entry = outstanding_.try_emplace(std::string(bytes)).first;
-  entry->second.push_back({next_order_++, std::move(name)});
-  ++outstanding_count_;
-  outstanding_bytes_ += bytes.size();
-  ++counts_.handed_over;
+bool Ledger::OnProbeRefused(ReportEventCause cause) {
+  broken_ = broken_ || (!closed_ && IsOfTermination(cause));
+  load_over_ = cause == ReportEventCause::kNoServer;
+  return true;
 }
 
-std::string Ledger::Remove(Outstanding::iterator entry) {
-  std::string name = std::move(entry->second.front().text);
-  entry->second.pop_front();
+bool Ledger::OnLoaded(const ReportEvent& event) {
+  Equal& equal =
+      Add(BytesOf(event), "a message of an earlier run (" + CountOf(event.size, "byte") + ")", "");
+  ++equal.to_save;
+  ++equal.saved;
+  ++counts_.loaded;
+  return false;
+}
+
+// The save holds every message that is in the store and for the cache.
+bool Ledger::OnSaved() {
+  if (!std::exchange(unsaved_, false)) return false;
+  bool listed = false;
+  for (auto& [bytes, equal] : outstanding_) {
+    equal.saved = equal.to_save;
+    for (uint64_t i = 0; i < equal.saved && i < equal.names.size(); ++i) {
+      listed = List(&equal.names[i]) || listed;
+    }
+  }
+  return listed;
+}
+
+// Only what a completed save holds is safe: saves that failed since have left it in place.
+bool Ledger::OnKept(Outstanding::iterator entry) {
+  Equal& equal = entry->second;
+  if (equal.kept == equal.saved) return false;
+  ++equal.kept;
+  ++counts_.kept;
+  return false;
+}
+
+void Ledger::ForgetSaved(Outstanding::iterator entry) {
+  Equal& equal = entry->second;
+  if (equal.to_save > 0) --equal.to_save;
+  equal.saved = std::min(equal.saved, equal.to_save);
+}
+
+bool Ledger::List(Name* name) {
+  if (!options_.list_saved || name->listed || name->id.empty()) return false;
+  name->listed = true;
+  saved_.push_back(name->id);
+  return true;
+}
+
+Ledger::Equal& Ledger::Add(std::string_view bytes, std::string name, std::string id) {
+  auto entry = outstanding_.find(bytes);
+  if (entry == outstanding_.end()) entry = outstanding_.try_emplace(std::string(bytes)).first;
+  entry->second.names.push_back({next_order_++, std::move(name), std::move(id), false});
+  ++outstanding_count_;
+  outstanding_bytes_ += bytes.size();
+  return entry->second;
+}
+
+Ledger::Name Ledger::Remove(Outstanding::iterator entry) {
+  Name name = std::move(entry->second.names.front());
+  entry->second.names.pop_front();
   --outstanding_count_;
   outstanding_bytes_ -= entry->first.size();
-  if (entry->second.empty()) outstanding_.erase(entry);
+  if (entry->second.names.empty()) outstanding_.erase(entry);
   return name;
 }
 
 void Ledger::Drop(const std::string& reason, Outstanding::iterator entry) {
-  notices_.push_back(Remove(entry) + " was dropped: " + reason);
+  notices_.push_back(Remove(entry).text + " was dropped: " + reason);
   ++counts_.dropped;
 }
 
 bool Ledger::OnAdmitted(const ReportEvent& event) {
-  if (event.original_data == nullptr) return false;
-  const std::string_view original{reinterpret_cast<const char*>(event.original_data),
-                                  event.original_size};
+  const bool is_original = event.original_data == nullptr;
   const std::string_view bytes = BytesOf(event);
+  const std::string_view original =
+      is_original ? bytes
+                  : std::string_view{reinterpret_cast<const char*>(event.original_data),
+                                     event.original_size};
   const auto entry = outstanding_.find(original);
   if (entry == outstanding_.end()) return false;
+  if (is_original) return OnInStore(event, entry);
   Compressed& stored = in_store_.try_emplace(std::string(bytes), Compressed{}).first->second;
   ++stored.count;
   // The room for the stream is as large as the message. When it is full before the message has been
   // read, the channel sends the stream as far as it got.
   if (bytes.size() != original.size() || IsWholeDeflateStream(bytes)) {
     stored.original = &entry->first;
-    return false;
+    return OnInStore(event, entry);
   }
   ++cut_count_;
   cut_bytes_ += bytes.size();
   Drop("deflate does not make it shorter and was cut short; send it without --compress", entry);
   return true;
+}
+
+bool Ledger::OnInStore(const ReportEvent& event, Outstanding::iterator entry) {
+  if (!event.need_cache) return false;
+  ++entry->second.to_save;
+  unsaved_ = true;
+  return false;
 }
 
 void Ledger::Release(InStore::iterator stored) {
@@ -211,11 +276,12 @@ bool Ledger::OnRefused(const ReportEvent& event, Outstanding::iterator entry) {
 
 bool Ledger::OnAcknowledged(Outstanding::iterator entry) {
   const bool had_room = HasRoomLocked();
-  Remove(entry);
+  Name name = Remove(entry);
+  const bool listed = List(&name);
   --counts_.in_flight;
   ++counts_.delivered;
   const bool recovered = std::exchange(failing_, false);
-  return recovered || outstanding_count_ == 0 || (!had_room && HasRoomLocked());
+  return listed || recovered || outstanding_count_ == 0 || (!had_room && HasRoomLocked());
 }
 
 bool Ledger::OnFailed(const ReportEvent& event) {
@@ -232,16 +298,20 @@ bool Ledger::OnDropped(const ReportEvent& event, Outstanding::iterator entry) {
     return false;  // Left.
   }
   if (event.cause == ReportEventCause::kReplaced) --counts_.in_flight;
-  if (event.cause == ReportEventCause::kResendLimit) {
-    // The bytes of an earlier run are compressed already, and would be again.
-    const bool is_of_earlier_run = options_.compress && BytesOf(event) == entry->first;
-    if (!options_.max_resend && !is_of_earlier_run) {
-      // A limit of the server's was in force for a moment.
-      if (!closed_) again_.push_back(entry->first);
-      return true;
-    }
-    --counts_.retries;
+  if (event.cause == ReportEventCause::kResendLimit) return OnResendLimit(event, entry);
+  Drop(DropReason(event, last_failure_), entry);
+  return true;
+}
+
+bool Ledger::OnResendLimit(const ReportEvent& event, Outstanding::iterator entry) {
+  // The bytes of an earlier run are compressed already, and would be again.
+  const bool is_of_earlier_run = options_.compress && BytesOf(event) == entry->first;
+  if (!options_.max_resend && !is_of_earlier_run) {
+    // A limit of the server's was in force for a moment.
+    if (!closed_) again_.push_back({entry->first, event.need_cache});
+    return true;
   }
+  --counts_.retries;
   Drop(DropReason(event, last_failure_), entry);
   return true;
 }
@@ -278,13 +348,23 @@ bool Ledger::HasRoom() const {
   return HasRoomLocked();
 }
 
-std::optional<std::string> Ledger::TakeToHandOverAgain() {
+std::optional<Ledger::Again> Ledger::TakeToHandOverAgain() {
   std::lock_guard<std::mutex> hold(mutex_);
   if (again_.empty() || closed_) return std::nullopt;
   if (outstanding_count_ + cut_count_ - again_.size() >= kMaxOutstanding) return std::nullopt;
-  std::string bytes = std::move(again_.front());
+  Again again = std::move(again_.front());
   again_.pop_front();
-  return bytes;
+  return again;
+}
+
+std::vector<std::string> Ledger::TakeSaved() {
+  std::lock_guard<std::mutex> hold(mutex_);
+  return std::exchange(saved_, {});
+}
+
+bool Ledger::IsLoadOver() const {
+  std::lock_guard<std::mutex> hold(mutex_);
+  return load_over_;
 }
 
 void Ledger::Close() {
@@ -319,11 +399,13 @@ std::vector<std::string> Ledger::TakeNotices() {
   return std::exchange(notices_, {});
 }
 
-std::vector<std::string> Ledger::LeftNames(size_t limit) const {
+std::vector<std::string> Ledger::LeftNames(bool kept, size_t limit) const {
   std::lock_guard<std::mutex> hold(mutex_);
   std::vector<const Name*> left;
-  for (const auto& [bytes, names] : outstanding_) {
-    for (const Name& name : names) left.push_back(&name);
+  for (const auto& [bytes, equal] : outstanding_) {
+    for (size_t i = 0; i < equal.names.size(); ++i) {
+      if ((i < equal.kept) == kept) left.push_back(&equal.names[i]);
+    }
   }
   std::sort(left.begin(), left.end(),
             [](const Name* a, const Name* b) { return a->order < b->order; });

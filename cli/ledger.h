@@ -1,8 +1,8 @@
-// The books of one run: what was handed over and what became of it, known from the channel's events
-// alone. Messages are told apart by their bytes; of equal ones the oldest name goes first. A
-// channel that compresses tells its events with the compressed bytes once a message is in its
-// store. Threads: OnReportEvent() on any thread; everything else on the main thread. See
-// docs/guide/quenor-report.md for what the numbers mean.
+// The books of one run: what was handed over, what the channel's cache brought back, and what
+// became of it, known from the channel's events alone. Messages are told apart by their bytes; of
+// equal ones the oldest name goes first. A channel that compresses tells its events with the
+// compressed bytes once a message is in its store. Threads: OnReportEvent() on any thread;
+// everything else on the main thread. See docs/guide/quenor-report.md for what the numbers mean.
 #ifndef CLI_LEDGER_H_
 #define CLI_LEDGER_H_
 
@@ -22,13 +22,15 @@
 
 namespace quenor::cli {
 
-// handed_over = delivered + dropped + left, always.
+// loaded + handed_over = delivered + dropped + left, always.
 struct Counts {
+  uint64_t loaded = 0;  // Brought back from the cache: what earlier runs left.
   uint64_t handed_over = 0;
   uint64_t delivered = 0;
   uint64_t failed_attempts = 0;
   uint64_t dropped = 0;
   uint64_t left = 0;       // Neither delivered nor dropped, so far.
+  uint64_t kept = 0;       // Of `left`, once the channel has ended: safe in the cache.
   uint64_t in_flight = 0;  // Of `left`: at the HTTP client.
   uint64_t retries = 0;    // Failed attempts that are, or were, followed by another.
 };
@@ -45,6 +47,7 @@ class Ledger : public ReportEventListener {
     bool compress = false;
     uint32_t interval_ms = 0;            // The run's own send interval; 0: none.
     std::optional<uint32_t> max_resend;  // Empty: no message is given up for failing.
+    bool list_saved = false;             // TakeSaved() has something to say.
     // Any thread; must not block. The main thread has something to look at.
     std::function<void()> wake = [] {};
     // The channel's queue thread, inside an event; must not block. The server has set a resend
@@ -54,6 +57,11 @@ class Ledger : public ReportEventListener {
 
   explicit Ledger(Options options);
 
+  // The first message handed to the channel must be an empty one, unannounced, while the channel
+  // has no URL: it is no part of the books. Its refusal, on the queue behind the load of the cache
+  // and before anything is trimmed, tells that the load is over.
+  bool IsLoadOver() const;
+
   // Announces the next message that is handed to the channel under this name. Borrows nothing.
   void Expect(const Message& message);
 
@@ -62,9 +70,18 @@ class Ledger : public ReportEventListener {
   // True when one more message may be handed over.
   bool HasRoom() const;
 
+  struct Again {
+    std::string bytes;
+    bool need_cache;  // As it had it before.
+  };
   // A message that the channel gave up although none is to be; it goes to the channel again without
   // being announced. Empty when there is none, or no room for it.
-  std::optional<std::string> TakeToHandOverAgain();
+  std::optional<Again> TakeToHandOverAgain();
+
+  // The ids of the messages that, since the last call, a completed save of the cache came to hold,
+  // or that were delivered before one did: none of them needs to be handed over again, should the
+  // process die. Each once. Only with `list_saved`.
+  std::vector<std::string> TakeSaved();
 
   // From now on the channel is being terminated: what it gives up is left, not dropped.
   void Close();
@@ -83,8 +100,9 @@ class Ledger : public ReportEventListener {
   // The lines for people since the last call: what was dropped, what the server changed.
   std::vector<std::string> TakeNotices();
 
-  // The names of what is left, oldest first; at most `limit`.
-  std::vector<std::string> LeftNames(size_t limit) const;
+  // The names of what is left and kept in the cache, or of what is left and not, oldest first; at
+  // most `limit`.
+  std::vector<std::string> LeftNames(bool kept, size_t limit) const;
 
   // Has the next event, whatever it is, wake the main thread.
   void WakeOnNextEvent();
@@ -93,9 +111,18 @@ class Ledger : public ReportEventListener {
   struct Name {
     uint64_t order;
     std::string text;
+    std::string id;  // Empty: of an earlier run.
+    bool listed;     // By TakeSaved().
   };
-  // Outstanding messages by their bytes; never an empty queue of names.
-  using Outstanding = std::map<std::string, std::deque<Name>, std::less<>>;
+  // Messages of equal bytes. Which of the names goes with which copy nobody can tell.
+  struct Equal {
+    std::deque<Name> names;  // Oldest first; never empty.
+    uint64_t to_save = 0;    // Copies in the channel's store that are for the cache.
+    uint64_t saved = 0;      // Copies in the cache's last completed save that are still owed.
+    uint64_t kept = 0;       // Copies that the channel left there at its end.
+  };
+  // Outstanding messages by their bytes.
+  using Outstanding = std::map<std::string, Equal, std::less<>>;
 
   // What the channel keeps under bytes that are not the message's own.
   struct Compressed {
@@ -107,18 +134,29 @@ class Ledger : public ReportEventListener {
   // With mutex_ held. True when the main thread has something to look at.
   bool Account(const ReportEvent& event);
   bool OnHandedOver(std::string_view bytes);
+  bool OnProbeRefused(ReportEventCause cause);
+  bool OnLoaded(const ReportEvent& event);
+  bool OnSaved();
+  bool OnKept(Outstanding::iterator entry);
+  // A copy that was for the cache is in the store no more, and with the next save not in the cache.
+  void ForgetSaved(Outstanding::iterator entry);
+  // True when there is something new to list.
+  bool List(Name* name);
   bool OnAdmitted(const ReportEvent& event);
+  // The message is in the channel's store, under whatever bytes.
+  bool OnInStore(const ReportEvent& event, Outstanding::iterator entry);
   bool OnRefused(const ReportEvent& event, Outstanding::iterator entry);
   bool OnAcknowledged(Outstanding::iterator entry);
   bool OnFailed(const ReportEvent& event);
   bool OnDropped(const ReportEvent& event, Outstanding::iterator entry);
+  bool OnResendLimit(const ReportEvent& event, Outstanding::iterator entry);
   // The message is in the store no more.
   void Release(InStore::iterator stored);
   bool OnRetuned(const ReportEvent& event);
-  void Add(std::string_view bytes, std::string name);
+  Equal& Add(std::string_view bytes, std::string name, std::string id);
   void Drop(const std::string& reason, Outstanding::iterator entry);
   // Answers the oldest name; the entry is gone when that was the last one.
-  std::string Remove(Outstanding::iterator entry);
+  Name Remove(Outstanding::iterator entry);
   bool HasRoomLocked() const;
 
   const Options options_;
@@ -131,8 +169,11 @@ class Ledger : public ReportEventListener {
   uint64_t outstanding_bytes_ = 0;
   uint64_t next_order_ = 0;
   std::optional<Message> expected_;
-  std::deque<std::string> again_;  // Outstanding, but not in the channel.
-  Counts counts_;                  // But for `left`.
+  std::deque<Again> again_;  // Outstanding, but not in the channel.
+  Counts counts_;            // But for `left`.
+  bool load_over_ = false;
+  bool unsaved_ = false;            // Something was admitted for the cache since the last save.
+  std::vector<std::string> saved_;  // What TakeSaved() is to return.
   bool closed_ = false;
   bool broken_ = false;
   bool failing_ = false;

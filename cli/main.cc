@@ -9,11 +9,16 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <variant>
 
+#include "cli/cache_command.h"
+#include "cli/cache_use.h"
+#include "cli/channel_log.h"
 #include "cli/console.h"
 #include "cli/fatal.h"
 #include "cli/input.h"
 #include "cli/options.h"
+#include "cli/saved_list.h"
 #include "cli/session.h"
 #include "cli/stop_signals.h"
 #include "cli/wakeup.h"
@@ -30,11 +35,6 @@ void FillStandardDescriptors() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (::fcntl(fd, F_GETFD) < 0) ::open("/dev/null", O_WRONLY);
   }
-}
-
-// Errors and warnings only: summaries and refusals are what the closing lines tell better.
-void ToConsole(void* console, int level, const char*, int, const char* text, size_t size) {
-  if (level == 2) static_cast<Console*>(console)->LogLine(std::string(text, size));
 }
 
 void ApplyConnection(const Options& options) {
@@ -67,12 +67,16 @@ std::unique_ptr<Input> MakeInput(const Options& options) {
   }
 }
 
-ExitCode Send(const Options& options, Console& console) {
+ExitCode Send(const Options& options, Console& console, const ChannelLog& log) {
   ApplyConnection(options);
+  const CacheUse cache = ApplyCache(options);
   const std::unique_ptr<Input> input = MakeInput(options);
   static Wakeup* const wakeup = new Wakeup;  // The signals' thread keeps it for the process.
   const StopSignals* const signals = StopSignals::Start(wakeup);
-  Session session(options, *input, console, *wakeup, *signals);
+  std::optional<SavedList> saved_list;
+  if (!options.saved_list.empty()) saved_list.emplace(options.saved_list);
+  Session session(options, cache, *input, console, log, saved_list ? &*saved_list : nullptr,
+                  *wakeup, *signals);
   return session.Run();
 }
 
@@ -80,10 +84,15 @@ int Main(int argc, const char* const* argv) {
   FillStandardDescriptors();
   std::signal(SIGPIPE, SIG_IGN);
   static Console* const console = new Console(STDERR_FILENO);  // Threads may log until the end.
-  SetLogSink(&ToConsole, console);
+  static ChannelLog* const log = new ChannelLog(console);
+  SetLogSink(&ChannelLog::Sink, log);
   try {
-    const std::optional<Options> options = ParseCommandLine(argc, argv);
-    return options ? Send(*options, *console) : kExitOk;
+    const std::optional<Command> command = ParseCommandLine(argc, argv);
+    if (!command) return kExitOk;
+    if (const auto* cache = std::get_if<CacheCommand>(&*command)) {
+      return RunCacheCommand(*cache, STDOUT_FILENO, *console);
+    }
+    return Send(std::get<Options>(*command), *console, *log);
   } catch (const Fatal& fatal) {
     console->Line(fatal.what());
     return fatal.exit_code();

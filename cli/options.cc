@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <map>
 
+#include "cli/cache_use.h"
 #include "cli/fatal.h"
 #include "cli/text.h"
 #include "cli/version.h"
@@ -12,7 +14,7 @@
 namespace quenor::cli {
 namespace {
 
-constexpr char kFooter[] = R"(Examples:
+constexpr char kSendFooter[] = R"(Examples:
   quenor-report send --url https://collector.example/reports --send-now < events.jsonl
       each line is one report; ends when all are delivered, or 30 s after the end of input
   tail -F app.log | quenor-report send --url https://collector.example/reports --wait 300
@@ -26,11 +28,30 @@ constexpr char kFooter[] = R"(Examples:
   quenor-report send --url https://localhost:8443/ --cacert ca.pem --socks5 me:pa%40ss@[::1]:1080 a
       trusts a CA of one's own and goes through a SOCKS5 proxy, the password being "pa@ss"
 
-The last line on standard output is for scripts:
-  handed_over=3 delivered=3 failed_attempts=1 dropped=0 left=0
+What is left undelivered stays in a cache file of the channel's name, and the next run with the same
+--channel delivers it, to its own --url: give each server a channel of its own. A restart of a run
+that died hands over only the lines that --saved-list does not name.
+
+The last line on standard output is for scripts; loaded is what earlier runs left, kept the part of
+left that is in the cache file for the next one:
+  handed_over=3 delivered=3 failed_attempts=1 dropped=0 left=0 loaded=0 kept=0
 
 Exit codes: 0 all delivered, 64 wrong usage, 65 unreadable input, 69 something was dropped,
-70 no memory or thread, 75 something is left. The guide is docs/guide/quenor-report.md.)";
+70 no memory or thread, 75 something is left, kept on disk or not. The guide is
+docs/guide/quenor-report.md.)";
+
+constexpr char kCacheFooter[] = R"(Examples:
+  quenor-report cache list ~/.local/state/quenor/quenor_report/quenor-report.mmap
+      who left how much, and whether a run has it open now
+  quenor-report cache dump usage.mmap | less
+      the messages that wait there, to be read; with --raw DIR as they are, a file each
+  quenor-report cache verify usage.cache || echo damaged, or no such file
+  quenor-report cache purge --yes usage.mmap
+      the messages in it are never delivered
+
+Exit codes: 0 fine, 1 verify found damage, 64 wrong usage, 65 no cache file or a newer version's,
+66 no such file, 74 the system refused, 75 purge: a run has it open. The guide is
+docs/guide/quenor-report.md.)";
 
 constexpr size_t kMaxChannelBytes = 200;
 constexpr double kMaxWaitS = 1e9;
@@ -63,6 +84,40 @@ void AddDelivery(CLI::App* send, Options* options) {
       ->default_str("30");
 }
 
+// What is parsed further once the whole line is known.
+struct Texts {
+  std::string socks5;
+  std::string cache;
+  std::string cache_dir;
+  std::string raw;
+  bool no_persist = false;
+};
+
+const std::map<std::string, CacheKind>& CacheKinds() {
+  static const auto* const kinds = new std::map<std::string, CacheKind>{
+      {"none", CacheKind::kNone}, {"file", CacheKind::kFile}, {"mmap", CacheKind::kMmap}};
+  return *kinds;
+}
+
+void AddCache(CLI::App* send, Options* options, Texts* texts) {
+  send->add_option("--cache", texts->cache,
+                   "what keeps undelivered messages on disk: none, file (of one run at a time) or "
+                   "mmap (runs share it; the default)")
+      ->type_name("KIND")
+      ->check(CLI::IsMember({"none", "file", "mmap"}));
+  send->add_option("--cache-dir", texts->cache_dir,
+                   "folder in which \"quenor_report\" holds the cache files; not given: "
+                   "$XDG_STATE_HOME/quenor or ~/.local/state/quenor")
+      ->type_name("DIR");
+  send->add_flag("--no-persist", texts->no_persist,
+                 "keep none of this run's messages on disk; what earlier runs left is delivered "
+                 "all the same");
+  send->add_option("--saved-list", options->saved_list,
+                   "append the number of each line (or name of each file) that need not be handed "
+                   "over again, even if this process dies: saved in the cache, or delivered")
+      ->type_name("FILE");
+}
+
 void AddConnection(CLI::App* send, Options* options, std::string* socks5) {
   send->add_option("--cacert", options->ca_file,
                    "PEM file of CA certificates to trust instead of the system's")
@@ -82,6 +137,27 @@ void AddInput(CLI::App* send, Options* options) {
           ->type_name("");
   lines->excludes(files);
   files->excludes(lines);
+}
+
+void AddCacheCommands(CLI::App* cache, CacheCommand* command, std::string* raw) {
+  using Verb = CacheCommand::Verb;
+  const auto add = [&](Verb verb, const char* name, const char* text) {
+    CLI::App* const app = cache->add_subcommand(name, text);
+    app->add_option("FILE", command->file, "a cache file, NAME.mmap or NAME.cache")
+        ->type_name("")
+        ->required();
+    app->callback([command, verb] { command->verb = verb; });
+    return app;
+  };
+  add(Verb::kList, "list", "one line for each owner, and one for the file");
+  add(Verb::kDump, "dump", "the messages: one line each, escaped")
+      ->add_option("--raw", *raw,
+                   "write the messages as they are: into this folder, a file each, or with - to "
+                   "standard output")
+      ->type_name("DIR|-");
+  add(Verb::kVerify, "verify", "say whether the file is whole, or what is damaged");
+  add(Verb::kPurge, "purge", "remove the file and the messages in it, unless a run has it open")
+      ->add_flag("--yes", command->yes, "without it nothing is removed");
 }
 
 // The channel's name becomes the name of a thread and of a file.
@@ -113,20 +189,28 @@ std::string OneLine(std::string text) {
 
 }  // namespace
 
-std::optional<Options> ParseCommandLine(int argc, const char* const* argv) {
+std::optional<Command> ParseCommandLine(int argc, const char* const* argv) {
   Options options;
-  std::string socks5;
+  CacheCommand command;
+  Texts texts;
   CLI::App app(
       "Delivers reports to a collection server, each as one HTTPS POST that is repeated "
       "until the server has answered 200.",
       "quenor-report");
-  app.footer(kFooter);
+  app.footer(
+      "Each has its own help: quenor-report send --help, quenor-report cache --help. The "
+      "guide is docs/guide/quenor-report.md.");
   app.set_version_flag("--version", VersionText());
   app.require_subcommand(1);
   CLI::App* send = app.add_subcommand("send", "deliver lines of standard input, or files");
-  send->footer(kFooter);
+  send->footer(kSendFooter);
+  CLI::App* cache = app.add_subcommand("cache", "show, check or remove a cache file");
+  cache->footer(kCacheFooter);
+  cache->require_subcommand(0, 1);
+  AddCacheCommands(cache, &command, &texts.raw);
   AddDelivery(send, &options);
-  AddConnection(send, &options, &socks5);
+  AddCache(send, &options, &texts);
+  AddConnection(send, &options, &texts.socks5);
   AddInput(send, &options);
   try {
     app.parse(argc, argv);
@@ -135,10 +219,25 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv) {
       app.exit(error);
       return std::nullopt;
     }
-    throw Fatal(kExitUsage, OneLine(error.what()) + "; see quenor-report send --help");
+    throw Fatal(kExitUsage, OneLine(error.what()) + "; see quenor-report " +
+                                (cache->parsed() ? "cache" : "send") + " --help");
+  }
+  if (cache->parsed()) {
+    if (cache->get_subcommands().empty()) {
+      throw Fatal(
+          kExitUsage,
+          "cache needs one of list, dump, verify and purge; see quenor-report cache --help");
+    }
+    const CLI::App* const dump = cache->get_subcommand("dump");
+    if (dump->count("--raw") > 0) command.raw = texts.raw;
+    if (command.file.empty()) throw Fatal(kExitUsage, "the name of the cache file is empty");
+    return command;
   }
   CheckRest(options);
-  if (send->count("--socks5") > 0) options.socks5 = ParseSocks5(socks5);
+  if (send->count("--socks5") > 0) options.socks5 = ParseSocks5(texts.socks5);
+  options.persist = !texts.no_persist;
+  if (send->count("--cache") > 0) options.cache = CacheKinds().at(texts.cache);
+  if (send->count("--cache-dir") > 0) options.cache_dir = CacheFolder(texts.cache_dir);
   return options;
 }
 

@@ -5,11 +5,15 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "cli/addresses.h"
 
 namespace quenor::cli {
+
+// What keeps the undelivered messages on disk. The numbers are the cache option's.
+enum class CacheKind : int32_t { kNone = 0, kFile = 1, kMmap = 2 };
 
 struct Options {
   std::string url;
@@ -22,12 +26,27 @@ struct Options {
   std::optional<uint32_t> interval_ms;
   std::optional<uint32_t> max_resend;  // Empty: keeps trying.
   double wait_s = 30;
+  std::optional<CacheKind> cache;        // Empty: as the process is configured, else mmap.
+  std::optional<std::string> cache_dir;  // Empty: the user's own folder.
+  bool persist = true;
+  std::string saved_list;          // Empty: none.
   std::vector<std::string> files;  // Empty: each line of standard input is a message.
 };
 
+// "quenor-report cache VERB FILE".
+struct CacheCommand {
+  enum class Verb { kList, kDump, kVerify, kPurge };
+  Verb verb = Verb::kList;
+  std::string file;
+  std::optional<std::string> raw;  // Dump: a folder for the packets as they are; "-": stdout.
+  bool yes = false;                // Purge.
+};
+
+using Command = std::variant<Options, CacheCommand>;
+
 // Parses and checks the command line. Empty if it asked for --help or --version, which has then
 // been printed. Throws Fatal with kExitUsage.
-std::optional<Options> ParseCommandLine(int argc, const char* const* argv);
+std::optional<Command> ParseCommandLine(int argc, const char* const* argv);
 
 }  // namespace quenor::cli
 

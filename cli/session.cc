@@ -19,8 +19,6 @@ namespace {
 constexpr uint32_t kNoLimit = std::numeric_limits<uint32_t>::max();
 constexpr double kPatienceWithoutWaitS = 30;
 constexpr base::TimeDelta kDrainTime = base::TimeDelta::FromSeconds(10);
-// Every message asks for the cache, so that it is kept there as soon as the channel has one.
-constexpr bool kNeedCache = true;
 
 std::chrono::steady_clock::duration Seconds(double seconds) {
   return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
@@ -33,15 +31,19 @@ const uint8_t* Data(const std::string& bytes) {
 
 }  // namespace
 
-Session::Session(const Options& options, Input& input, Console& console, Wakeup& wakeup,
+Session::Session(const Options& options, const CacheUse& cache, Input& input, Console& console,
+                 const ChannelLog& log, SavedList* saved_list, Wakeup& wakeup,
                  const StopSignals& signals)
     : options_(options),
+      cache_(cache),
       input_(input),
       console_(console),
+      log_(log),
+      saved_list_(saved_list),
       wakeup_(wakeup),
       signals_(signals),
       ledger_(LedgerOptions()),
-      channel_(std::make_shared<ReliableReportChannelHttps>(options.channel, options.url, 0,
+      channel_(std::make_shared<ReliableReportChannelHttps>(options.channel, /*url=*/"", 0,
                                                             !options.http1, options.compress)) {}
 
 Ledger::Options Session::LedgerOptions() {
@@ -50,6 +52,7 @@ Ledger::Options Session::LedgerOptions() {
   ledger.compress = options_.compress;
   ledger.interval_ms = options_.interval_ms.value_or(0);
   ledger.max_resend = options_.max_resend;
+  ledger.list_saved = saved_list_ != nullptr;
   ledger.wake = [this] { wakeup_.Notify(); };
   ledger.lift_resend_limit = [this] { channel_->SetMaxResendCount(kNoLimit); };
   return ledger;
@@ -67,22 +70,41 @@ void Session::Start() {
   channel_->Initialize();
   channel_->SetMaxResendCount(options_.max_resend.value_or(kNoLimit));
   if (options_.interval_ms) channel_->SetResendInterval(*options_.interval_ms);
-  channel_->FlushPacket();
+  channel_->SendPacket(nullptr, 0, /*need_cache=*/false,
+                       /*send_now=*/false);  // As the ledger asks.
+  channel_->SetServerDomain(options_.url);
+  channel_->FlushPacket();  // What the load brought is not sent by itself.
   if (options_.send_now && options_.interval_ms.value_or(0) > 0) {
     console_.Line("--send-now is off while an interval is set, here by --interval " +
                   std::to_string(*options_.interval_ms));
   }
 }
 
+bool Session::IsLoadOver() {
+  if (load_over_) return true;
+  if (!ledger_.IsLoadOver()) return false;
+  load_over_ = true;
+  if (log_.cache_failed()) console_.Line(CacheFailedLine(cache_));
+  const uint64_t loaded = ledger_.GetCounts().loaded;
+  if (loaded > 0) {
+    console_.Line("delivering " + CountOf(loaded, "message") + " that earlier runs left in " +
+                  Printable(cache_.file));
+  }
+  return true;
+}
+
 bool Session::Step() {
   wakeup_.Clear();  // Before anything is looked at: what happens from here on wakes again.
   PrintNotices();
   if (signals_.received() != 0 || ledger_.IsBroken()) return false;
-  HandOverAgain();
   bool poll_input = false;
-  while (Feed(&poll_input)) {
-    if (signals_.received() != 0) return false;
-    ShowProgress(Clock::now());
+  if (IsLoadOver()) {
+    HandOverAgain();
+    while (Feed(&poll_input)) {
+      PrintNotices();
+      if (signals_.received() != 0) return false;
+      ShowProgress(Clock::now());
+    }
   }
   if (input_state_ != InputState::kOpen && ledger_.GetCounts().left == 0) return false;
   const Time now = Clock::now();
@@ -119,15 +141,15 @@ void Session::HandOver(const Message& message) {
   if (first_name_.empty()) first_name_ = message.name;
   last_name_ = message.name;
   ledger_.Expect(message);
-  channel_->SendPacket(Data(message.bytes), static_cast<uint32_t>(message.bytes.size()), kNeedCache,
-                       options_.send_now);
+  channel_->SendPacket(Data(message.bytes), static_cast<uint32_t>(message.bytes.size()),
+                       NeedsCache(message.bytes), options_.send_now);
 }
 
 void Session::HandOverAgain() {
-  while (const std::optional<std::string> bytes = ledger_.TakeToHandOverAgain()) {
+  while (const std::optional<Ledger::Again> again = ledger_.TakeToHandOverAgain()) {
     // In turn with the others: a server that fails is not to be hammered.
-    channel_->SendPacket(Data(*bytes), static_cast<uint32_t>(bytes->size()), kNeedCache,
-                         /*send_now=*/false);
+    channel_->SendPacket(Data(again->bytes), static_cast<uint32_t>(again->bytes.size()),
+                         again->need_cache, /*send_now=*/false);
   }
 }
 
@@ -167,6 +189,21 @@ bool Session::WaitIsOver(Time now) {
 
 void Session::PrintNotices() {
   for (const std::string& notice : ledger_.TakeNotices()) console_.Line(notice);
+  if (saved_list_ == nullptr) return;
+  const std::string failure = saved_list_->Append(ledger_.TakeSaved());
+  if (!failure.empty()) console_.Line(failure);
+}
+
+void Session::PrintLeft(const Counts& counts) {
+  const std::string failure = ledger_.LastFailure();
+  if (counts.kept > 0) {
+    console_.Line(LeftLine(counts.kept, ledger_.LeftNames(/*kept=*/true, kMaxLeftNames),
+                           Printable(cache_.file), failure));
+  }
+  if (counts.left > counts.kept) {
+    console_.Line(LeftLine(counts.left - counts.kept,
+                           ledger_.LeftNames(/*kept=*/false, kMaxLeftNames), "", failure));
+  }
 }
 
 void Session::ShowProgress(Time now) {
@@ -204,9 +241,7 @@ ExitCode Session::Stop() {
     console_.ShowProgress(progress_.Line(Clock::now(), counts));
     console_.EndProgress();
   }
-  if (counts.left > 0) {
-    console_.Line(LeftLine(counts, ledger_.LeftNames(kMaxLeftNames), ledger_.LastFailure()));
-  }
+  PrintLeft(counts);
   if (!WriteAll(STDOUT_FILENO, ClosingLine(counts) + "\n")) {
     console_.Line("cannot write to standard output: " + ErrnoText(errno) + "; " +
                   ClosingLine(counts));

@@ -9,12 +9,15 @@
 #include <optional>
 #include <string>
 
+#include "cli/cache_use.h"
+#include "cli/channel_log.h"
 #include "cli/console.h"
 #include "cli/fatal.h"
 #include "cli/input.h"
 #include "cli/ledger.h"
 #include "cli/options.h"
 #include "cli/progress.h"
+#include "cli/saved_list.h"
 #include "cli/stop_signals.h"
 #include "cli/wakeup.h"
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
@@ -23,9 +26,9 @@ namespace quenor::cli {
 
 class Session {
  public:
-  // Borrows everything until it is destroyed.
-  Session(const Options& options, Input& input, Console& console, Wakeup& wakeup,
-          const StopSignals& signals);
+  // Borrows everything until it is destroyed. `saved_list` may be null.
+  Session(const Options& options, const CacheUse& cache, Input& input, Console& console,
+          const ChannelLog& log, SavedList* saved_list, Wakeup& wakeup, const StopSignals& signals);
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
@@ -45,30 +48,40 @@ class Session {
 
   Ledger::Options LedgerOptions();
   void Start();
+  // False until the cache is loaded. Then everything that is to be said about it was said.
+  bool IsLoadOver();
   // False when the run is over. Else everything that can be done at once was done.
   bool Step();
   // Hands over the next message, if it is there and there is room. False when there was nothing to
   // do; `*poll_input` then tells whether more input is worth waiting for.
   bool Feed(bool* poll_input);
   void HandOver(const Message& message);
+  // An empty packet would end the next load: what is saved behind it would be lost.
+  bool NeedsCache(const std::string& bytes) const { return options_.persist && !bytes.empty(); }
   void HandOverAgain();
   void OnInputFailed(const InputError& error);
   void OnInputOver(InputState state);
   // True when the wait has lasted as long as it may.
   bool WaitIsOver(Time now);
+  // What has happened since the last call, for people and for the saved list.
   void PrintNotices();
+  void PrintLeft(const Counts& counts);
   void ShowProgress(Time now);
   void Sleep(Time now, bool poll_input);
   ExitCode Stop();
 
   const Options& options_;
+  const CacheUse& cache_;
   Input& input_;
   Console& console_;
+  const ChannelLog& log_;
+  SavedList* const saved_list_;
   Wakeup& wakeup_;
   const StopSignals& signals_;
   Ledger ledger_;
   std::shared_ptr<ReliableReportChannelHttps> channel_;
   Progress progress_;
+  bool load_over_ = false;
   InputState input_state_ = InputState::kOpen;
   std::string first_name_;  // Of what was handed over; empty: nothing.
   std::string last_name_;

@@ -8,7 +8,8 @@ std::string ClosingLine(const Counts& counts) {
   return "handed_over=" + std::to_string(counts.handed_over) +
          " delivered=" + std::to_string(counts.delivered) +
          " failed_attempts=" + std::to_string(counts.failed_attempts) +
-         " dropped=" + std::to_string(counts.dropped) + " left=" + std::to_string(counts.left);
+         " dropped=" + std::to_string(counts.dropped) + " left=" + std::to_string(counts.left) +
+         " loaded=" + std::to_string(counts.loaded) + " kept=" + std::to_string(counts.kept);
 }
 
 ExitCode ExitCodeFor(const Counts& counts, bool input_failed) {
@@ -18,16 +19,21 @@ ExitCode ExitCodeFor(const Counts& counts, bool input_failed) {
   return kExitOk;
 }
 
-std::string LeftLine(const Counts& counts, const std::vector<std::string>& names,
-                     const std::string& last_failure) {
-  std::string line = CountOf(counts.left, "message") + " left undelivered (";
+std::string LeftLine(uint64_t count, const std::vector<std::string>& names,
+                     const std::string& cache_file, const std::string& last_failure) {
+  std::string line = CountOf(count, "message") + " left undelivered (";
   for (size_t i = 0; i < names.size(); ++i) line += (i == 0 ? "" : ", ") + names[i];
-  if (counts.left > names.size()) {
-    line += " and " + std::to_string(counts.left - names.size()) + " more";
-  }
+  if (count > names.size()) line += " and " + std::to_string(count - names.size()) + " more";
   line += ")";
+  const std::string them = count == 1 ? "it" : "them";
+  line += cache_file.empty() ? " and not kept on disk"
+                             : ", kept in " + cache_file + " for the next run";
   if (!last_failure.empty()) line += "; at the last failed send " + last_failure;
-  return line + "; hand them over again, or allow more time with --wait";
+  if (!cache_file.empty()) {
+    return line + "; do not hand " + them + " over again: a run of the same channel delivers " +
+           them;
+  }
+  return line + "; hand " + them + " over again, or allow more time with --wait";
 }
 
 }  // namespace quenor::cli

@@ -6,6 +6,8 @@
 #include "quenor_base/platform/config_center.h"
 #include "quenor_base/platform/http_client.h"
 #include "quenor_base/platform/local_log.h"
+#include "quenor_base/platform/multi_process_safety_mmap_file.h"
+#include "quenor_base/platform/reliable_report_cache_file.h"
 #include "quenor_base/platform/report_events.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
 #include "quenor_base/platform/thread_manager.h"
@@ -23,6 +25,8 @@ std::string VersionText() {
       {"timer", base::internal::TimerBase::ImplementationName()},
       {"dispatch_queue", core::ThreadManager::ImplementationName()},
       {"config_center", config::ConfigCenterImpl::ImplementationName()},
+      {"mmap_file", MultiProcessSafetyMmapFile::ImplementationName()},
+      {"cache_file", ReliableReportCacheFile::ImplementationName()},
       {"path_service", base::PathService::ImplementationName()},
       {"report_events", ReportEvents::ImplementationName()},
       {"proxy_config", Socks5ProxyConfigHolder::ImplementationName()},

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Compares the lines of a file with what a collector's log says arrived, by SHA-256.
 
-usage: compare_delivery.py INPUT LOG     exit 0 when every line arrived and nothing else did
-       compare_delivery.py --count INPUT  prints how many messages the file holds
+usage: compare_delivery.py INPUT LOG         exit 0 when every line arrived and nothing else did
+       compare_delivery.py --count INPUT     prints how many messages the file holds
+       compare_delivery.py --rest INPUT LIST  writes the lines that a saved list does not name
 """
 import collections, hashlib, json, sys
 
@@ -16,6 +17,15 @@ def messages(path):
 
 if sys.argv[1] == "--count":
     print(len(messages(sys.argv[2])))
+    sys.exit()
+
+if sys.argv[1] == "--rest":
+    with open(sys.argv[3]) as f:
+        listed = f.read().split("\n")[:-1]  # What has no line end was not written whole.
+    saved = {int(number) for number in listed}
+    for number, message in enumerate(messages(sys.argv[2]), 1):
+        if number not in saved:
+            sys.stdout.buffer.write(message + b"\n")
     sys.exit()
 
 sent = collections.Counter(hashlib.sha256(m).hexdigest() for m in messages(sys.argv[1]))

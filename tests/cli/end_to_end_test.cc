@@ -17,47 +17,6 @@
 namespace quenor::test {
 namespace {
 
-class ReportTest : public ::testing::Test {
- protected:
-  Result Send(const std::string& url, const Arguments& more, const std::string& input) {
-    return RunWhole(SendCommand(certificates_, url, more), input);
-  }
-
-  const Certificates certificates_;
-};
-
-std::string Joined(const std::vector<std::string>& lines) {
-  std::string text;
-  for (const std::string& line : lines) text += line + "\n";
-  return text;
-}
-
-std::vector<std::string> NumberedLines(int count) {
-  std::vector<std::string> lines;
-  for (int i = 1; i <= count; ++i) lines.push_back("report number " + std::to_string(i));
-  return lines;
-}
-
-Digests DigestsOf(const std::vector<std::string>& messages) {
-  Digests digests;
-  for (const std::string& message : messages) ++digests[Sha256Hex(message)];
-  return digests;
-}
-
-// With retries a message may arrive twice, but each must arrive, and nothing else.
-void ExpectEachArrived(const std::vector<std::string>& messages, const Digests& arrived) {
-  const Digests sent = DigestsOf(messages);
-  for (const auto& [digest, count] : sent) {
-    const auto found = arrived.find(digest);
-    EXPECT_TRUE(found != arrived.end() && found->second >= count) << digest;
-  }
-  for (const auto& [digest, count] : arrived) EXPECT_EQ(1u, sent.count(digest)) << digest;
-}
-
-bool Mentions(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 // Noise with so many repetitions of three bytes that deflate's blocks drift against its window, and
 // so few that they save nothing: of this many bytes the output is full while input remains.
 std::string BodyThatIsCutShort() {
@@ -79,7 +38,8 @@ TEST_F(ReportTest, DeliversAThousandLinesOnceEachAndUnaltered) {
 
   const Result result = Send(collector.url(), {"--send-now"}, Joined(lines));
 
-  EXPECT_EQ("handed_over=1000 delivered=1000 failed_attempts=0 dropped=0 left=0\n", result.out);
+  EXPECT_EQ("handed_over=1000 delivered=1000 failed_attempts=0 dropped=0 left=0 loaded=0 kept=0\n",
+            result.out);
   EXPECT_EQ("", result.err);
   EXPECT_EQ(0, result.exit_code);
   EXPECT_EQ(DigestsOf(lines), collector.Stop());
@@ -97,7 +57,8 @@ TEST_F(ReportTest, DeliversLargeEmptyAndBinaryMessagesUnaltered) {
 
   const Result result = Send(collector.url(), files, "");
 
-  EXPECT_EQ("handed_over=4 delivered=4 failed_attempts=0 dropped=0 left=0\n", result.out);
+  EXPECT_EQ("handed_over=4 delivered=4 failed_attempts=0 dropped=0 left=0 loaded=0 kept=0\n",
+            result.out);
   EXPECT_EQ(0, result.exit_code);
   EXPECT_EQ(DigestsOf(messages), collector.Stop());
 }
@@ -131,7 +92,8 @@ TEST_F(ReportTest, DeliversWithoutSendNowAtTheTimersPace) {
 
   const Result result = Send(collector.url(), {}, "a\nb\nc\n");
 
-  EXPECT_EQ("handed_over=3 delivered=3 failed_attempts=0 dropped=0 left=0\n", result.out);
+  EXPECT_EQ("handed_over=3 delivered=3 failed_attempts=0 dropped=0 left=0 loaded=0 kept=0\n",
+            result.out);
   EXPECT_EQ(DigestsOf({"a", "b", "c"}), collector.Stop());
 }
 
@@ -147,7 +109,8 @@ TEST_F(ReportTest, CompressedLinesArriveWholeAndThoseThatDoNotShrinkAreNamed) {
 
   const Result result = Send(collector.url(), {"--compress", "--send-now"}, Joined(lines));
 
-  EXPECT_EQ("handed_over=100 delivered=75 failed_attempts=0 dropped=25 left=0\n", result.out);
+  EXPECT_EQ("handed_over=100 delivered=75 failed_attempts=0 dropped=25 left=0 loaded=0 kept=0\n",
+            result.out);
   EXPECT_EQ(69, result.exit_code);
   EXPECT_EQ(25u, CountIn(result.err, "was dropped: deflate does not make it shorter"));
   EXPECT_TRUE(Mentions(result.err, "line 4 was dropped")) << result.err;
@@ -174,7 +137,8 @@ TEST_F(ReportTest, AMessageWhoseCompressionIsCutShortIsNamedAndNeverCalledDelive
 
   const Result result = Send(collector.url(), {"--compress", "--send-now", body}, "");
 
-  EXPECT_EQ("handed_over=1 delivered=0 failed_attempts=0 dropped=1 left=0\n", result.out);
+  EXPECT_EQ("handed_over=1 delivered=0 failed_attempts=0 dropped=1 left=0 loaded=0 kept=0\n",
+            result.out);
   EXPECT_EQ(69, result.exit_code);
   EXPECT_TRUE(Mentions(result.err,
                        "core.dmp was dropped: deflate does not make it shorter and was "
@@ -189,7 +153,8 @@ TEST_F(ReportTest, AnEmptyInputIsDelivered) {
 
   const Result result = Send("https://" + nobody.Address() + "/", {}, "");
 
-  EXPECT_EQ("handed_over=0 delivered=0 failed_attempts=0 dropped=0 left=0\n", result.out);
+  EXPECT_EQ("handed_over=0 delivered=0 failed_attempts=0 dropped=0 left=0 loaded=0 kept=0\n",
+            result.out);
   EXPECT_EQ(0, result.exit_code);
 }
 
@@ -248,7 +213,8 @@ TEST_F(ReportTest, NamesWhatIsDroppedAtTheResendLimit) {
   const Result lines = Send(collector.url(), {"--send-now", "--max-resend", "1"}, "a\nb\n");
   const Result files = Send(collector.url(), {"--send-now", "--max-resend", "1", file}, "");
 
-  EXPECT_EQ("handed_over=2 delivered=0 failed_attempts=2 dropped=2 left=0\n", lines.out);
+  EXPECT_EQ("handed_over=2 delivered=0 failed_attempts=2 dropped=2 left=0 loaded=0 kept=0\n",
+            lines.out);
   EXPECT_EQ(69, lines.exit_code);
   for (const char* name : {"line 1", "line 2"}) {
     EXPECT_TRUE(Mentions(lines.err, "quenor-report: " + std::string(name) +
@@ -263,24 +229,27 @@ TEST_F(ReportTest, NamesWhatIsDroppedAtTheResendLimit) {
 TEST_F(ReportTest, WhenTheServerIsDownEverythingIsLeftAndNamed) {
   RefusingPort nobody;
 
-  const Result result = Send("https://" + nobody.Address() + "/", {"--wait", "2"}, "a\nb\nc\n");
+  const Result result =
+      Send("https://" + nobody.Address() + "/", {"--wait", "2", "--no-persist"}, "a\nb\nc\n");
 
   EXPECT_EQ(75, result.exit_code);
   EXPECT_EQ(3, Field(result.out, "left"));
+  EXPECT_EQ(0, Field(result.out, "kept"));
   EXPECT_EQ(0, Field(result.out, "delivered"));
   EXPECT_TRUE(Mentions(result.err,
-                       "3 messages left undelivered (line 1, line 2, line 3); at the "
-                       "last failed send the server could not be reached"))
+                       "3 messages left undelivered (line 1, line 2, line 3) and not kept on "
+                       "disk; at the last failed send the server could not be reached"))
       << result.err;
 }
 
 TEST_F(ReportTest, WaitZeroDoesNotWait) {
   Collector collector(certificates_, {"--never-answer-every", "1"});
 
-  const Result result = Send(collector.url(), {"--wait", "0"}, "a\n");
+  const Result result = Send(collector.url(), {"--wait", "0", "--no-persist"}, "a\n");
 
   EXPECT_EQ(75, result.exit_code);
-  EXPECT_EQ("handed_over=1 delivered=0 failed_attempts=0 dropped=0 left=1\n", result.out);
+  EXPECT_EQ("handed_over=1 delivered=0 failed_attempts=0 dropped=0 left=1 loaded=0 kept=0\n",
+            result.out);
 }
 
 TEST_F(ReportTest, StopsReadingAtOneHundredAndFortyNineWhileTheServerIsDown) {
@@ -299,8 +268,9 @@ TEST_F(ReportTest, StopsReadingAtOneHundredAndFortyNineWhileTheServerIsDown) {
 TEST_F(ReportTest, SendsNothingToAServerThatItCannotVerify) {
   Collector collector(certificates_, {});
 
-  const Result result =
-      RunWhole({QUENOR_REPORT_PATH, "send", "--url", collector.url(), "--wait", "2"}, "secret\n");
+  const Result result = RunWhole({QUENOR_REPORT_PATH, "send", "--url", collector.url(), "--wait",
+                                  "2", "--cache-dir", certificates_.Path("state")},
+                                 "secret\n");
 
   EXPECT_EQ(75, result.exit_code);
   EXPECT_EQ(1, Field(result.out, "left"));
@@ -411,7 +381,7 @@ TEST_F(ReportTest, ShowsProgressOnATerminalOnly) {
     Process report(SendCommand(certificates_, collector.url(), {"--send-now"}),
                    Containing(Joined(NumberedLines(20))), std::move(other_side));
     EXPECT_EQ(0, report.Wait());
-    EXPECT_EQ("handed_over=20 delivered=20 failed_attempts=0 dropped=0 left=0\n",
+    EXPECT_EQ("handed_over=20 delivered=20 failed_attempts=0 dropped=0 left=0 loaded=0 kept=0\n",
               report.out().Whole());
   }
 
@@ -444,7 +414,8 @@ TEST_F(ReportTest, AnInputThatFailsInTheMiddleNamesWhatWasHandedOver) {
   const Result result = Send(collector.url(), {"--send-now", a, b, "/proc/self/mem", a}, "");
 
   EXPECT_EQ(65, result.exit_code);
-  EXPECT_EQ("handed_over=2 delivered=2 failed_attempts=0 dropped=0 left=0\n", result.out);
+  EXPECT_EQ("handed_over=2 delivered=2 failed_attempts=0 dropped=0 left=0 loaded=0 kept=0\n",
+            result.out);
   EXPECT_EQ(
       "quenor-report: cannot read /proc/self/mem: Input/output error; handed over before it: " + a +
           " to " + b + "; correct it and hand over the rest\n",
@@ -473,6 +444,9 @@ TEST_F(ReportTest, WrongUsageIsNamedInOneLine) {
       {{"--url", url, "--cacert", "/nowhere/ca.pem"}, "/nowhere/ca.pem"},
       {{"--url", url, "--cacert", no_pem}, no_pem},
       {{"--url", url, "--socks5", "proxy"}, "\"proxy\""},
+      {{"--url", url, "--cache", "disk"}, "disk"},
+      {{"--url", url, "--cache-dir", no_pem}, no_pem},
+      {{"--url", url, "--saved-list", "/nowhere/saved"}, "/nowhere/saved"},
       {{"--url", url, "--frobnicate"}, "--frobnicate"},
       {{}, "--url"},
   };
@@ -495,13 +469,22 @@ TEST(ReportProgramTest, HelpHasExamples) {
   EXPECT_TRUE(Mentions(result.out, "quenor-report send --url https://")) << result.out;
 }
 
+TEST(ReportProgramTest, HelpOfTheCacheCommandsHasTheirExitCodes) {
+  const Result result = RunWhole({QUENOR_REPORT_PATH, "cache", "--help"}, "");
+
+  EXPECT_EQ(0, result.exit_code);
+  EXPECT_TRUE(Mentions(result.out, "quenor-report cache verify ")) << result.out;
+  EXPECT_TRUE(Mentions(result.out, "Exit codes: 0 fine, 1 ")) << result.out;
+}
+
 TEST(ReportProgramTest, VersionNamesEveryServiceOnALineOfItsOwn) {
   const Result result = RunWhole({QUENOR_REPORT_PATH, "--version"}, "");
 
   EXPECT_EQ(0, result.exit_code);
   EXPECT_EQ(0u, result.out.find("quenor-report "));
-  for (const char* service : {"http_client", "json", "timer", "dispatch_queue", "config_center",
-                              "path_service", "report_events", "proxy_config", "throtter", "log"}) {
+  for (const char* service :
+       {"http_client", "json", "timer", "dispatch_queue", "config_center", "mmap_file",
+        "cache_file", "path_service", "report_events", "proxy_config", "throtter", "log"}) {
     EXPECT_EQ(1u, CountIn(result.out, "\n" + std::string(service) + ": ")) << result.out;
   }
 }

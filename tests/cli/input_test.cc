@@ -111,6 +111,16 @@ TEST(LineInputTest, NumbersLinesFromOne) {
   EXPECT_EQ((NamesAndBytes{{"line 1", "a"}, {"line 2", "b"}}), Lines("a\nb\n"));
 }
 
+TEST(LineInputTest, GivesScriptsTheNumberAlone) {
+  Pipe pipe;
+  pipe.Write("a\n");
+  LineInput input(pipe.reader(), "standard input");
+  Message message;
+  ASSERT_EQ(Input::Result::kMessage, input.Next(&message));
+
+  EXPECT_EQ("1", message.id);
+}
+
 TEST(LineInputTest, ALastLineWithoutLineEndIsAMessage) {
   EXPECT_EQ((NamesAndBytes{{"line 1", "a"}, {"line 2", "b"}}), Lines("a\nb"));
 }
@@ -218,6 +228,16 @@ TEST(FileInputTest, EachFileWholeIsAMessage) {
 
   EXPECT_EQ((NamesAndBytes{{a, bytes}, {b, ""}, {a, bytes}}), messages);
   EXPECT_EQ(Input::Result::kEnd, result);
+}
+
+TEST(FileInputTest, GivesScriptsTheNameOfTheFile) {
+  TempFolder folder;
+  const std::string a = folder.Write("a", "1");
+  FileInput input({a});
+  Message message;
+  ASSERT_EQ(Input::Result::kMessage, input.Next(&message));
+
+  EXPECT_EQ(a, message.id);
 }
 
 TEST(FileInputTest, WaitsForANamedPipeWithoutBlocking) {

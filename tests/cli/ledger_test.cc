@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "quenor_base/platform/http_client.h"
 
@@ -31,11 +33,27 @@ class LedgerTest : public ::testing::Test {
     event.size = static_cast<uint32_t>(bytes.size());
     event.request_id = request_id;
     event.send_count = send_count;
+    event.need_cache = need_cache_;
     ledger_.OnReportEvent(event);
   }
 
+  // The bytes; "(none)" when there is none.
+  std::string TakeAgain() {
+    const std::optional<Ledger::Again> again = ledger_.TakeToHandOverAgain();
+    return again ? again->bytes : "(none)";
+  }
+
+  // What the cache holds from now on.
+  void Save() { Tell(ReportEventKind::kSaved, ""); }
+
+  // Hands over the message that tells that the load is over.
+  void RefuseProbe(ReportEventCause cause) {
+    Tell(ReportEventKind::kHandedOver, "");
+    Tell(ReportEventKind::kRefused, "", cause);
+  }
+
   void HandOver(const std::string& name, const std::string& bytes) {
-    ledger_.Expect({name, bytes});
+    ledger_.Expect({name, bytes, name});
     Tell(ReportEventKind::kHandedOver, bytes);
     Tell(ReportEventKind::kAdmitted, bytes);
   }
@@ -66,13 +84,27 @@ class LedgerTest : public ::testing::Test {
 
   void ExpectBooksClosed() {
     const Counts counts = ledger_.GetCounts();
-    EXPECT_EQ(counts.handed_over, counts.delivered + counts.dropped + counts.left);
+    EXPECT_EQ(counts.loaded + counts.handed_over, counts.delivered + counts.dropped + counts.left);
+    EXPECT_LE(counts.kept, counts.left);
   }
 
   const std::string channel_name_ = "test";
   int wakes_ = 0;
   int lifts_ = 0;
+  bool need_cache_ = true;  // Of the messages that events are about.
   Ledger ledger_;
+};
+
+// With a list of what is saved. A message's id is its name.
+class ListingLedgerTest : public LedgerTest {
+ protected:
+  ListingLedgerTest() : LedgerTest(Listing()) {}
+  static Ledger::Options Listing() {
+    Ledger::Options options;
+    options.list_saved = true;
+    return options;
+  }
+  using Ids = std::vector<std::string>;
 };
 
 class LimitedLedgerTest : public LedgerTest {
@@ -101,11 +133,12 @@ class CompressedLedgerTest : public LedgerTest {
     event.size = static_cast<uint32_t>(stored.size());
     event.original_data = reinterpret_cast<const uint8_t*>(original.data());
     event.original_size = static_cast<uint32_t>(original.size());
+    event.need_cache = need_cache_;
     ledger_.OnReportEvent(event);
   }
   void HandOverCompressed(const std::string& name, const std::string& original,
                           const std::string& stored) {
-    ledger_.Expect({name, original});
+    ledger_.Expect({name, original, name});
     Tell(ReportEventKind::kHandedOver, original);
     TellAdmitted(original, stored);
   }
@@ -158,7 +191,7 @@ TEST_F(CompressedLedgerTest, TellsAMessageFromAnotherThatIsStoredAsItsBytes) {
   Send("zz");
   Acknowledge("zz");
 
-  EXPECT_EQ(std::vector<std::string>{"line 1"}, ledger_.LeftNames(10));
+  EXPECT_EQ(std::vector<std::string>{"line 1"}, ledger_.LeftNames(false, 10));
 }
 
 TEST_F(CompressedLedgerTest, EqualMessagesAreDeliveredOneByOne) {
@@ -167,7 +200,7 @@ TEST_F(CompressedLedgerTest, EqualMessagesAreDeliveredOneByOne) {
   Send("z");
   Send("z");
   Acknowledge("z");
-  EXPECT_EQ(std::vector<std::string>{"line 2"}, ledger_.LeftNames(10));
+  EXPECT_EQ(std::vector<std::string>{"line 2"}, ledger_.LeftNames(false, 10));
   Acknowledge("z");
 
   EXPECT_EQ(2u, ledger_.GetCounts().delivered);
@@ -175,7 +208,7 @@ TEST_F(CompressedLedgerTest, EqualMessagesAreDeliveredOneByOne) {
 }
 
 TEST_F(CompressedLedgerTest, NamesWhatDeflateDoesNotMakeShorterAsDropped) {
-  ledger_.Expect({"line 7", "short"});
+  ledger_.Expect({"line 7", "short", "7"});
   Tell(ReportEventKind::kHandedOver, "short");
   Tell(ReportEventKind::kDropped, "short", ReportEventCause::kNotCompressed);
 
@@ -188,7 +221,7 @@ TEST_F(CompressedLedgerTest, NamesWhatDeflateDoesNotMakeShorterAsDropped) {
 }
 
 TEST_F(CompressedLedgerTest, NamesAnEmptyMessageAsDropped) {
-  ledger_.Expect({"line 8", ""});
+  ledger_.Expect({"line 8", "", "8"});
   Tell(ReportEventKind::kHandedOver, "");
   Tell(ReportEventKind::kDropped, "", ReportEventCause::kNotCompressed);
 
@@ -241,7 +274,7 @@ TEST_F(CompressedLedgerTest, HandsTheOriginalOverAgainWhenALimitOfTheServersDrop
   Fail("z", 500);
   Tell(ReportEventKind::kDropped, "z", ReportEventCause::kResendLimit, 7, 1);
 
-  EXPECT_EQ("aaaaaaaaaa", ledger_.TakeToHandOverAgain());
+  EXPECT_EQ("aaaaaaaaaa", TakeAgain());
   Tell(ReportEventKind::kHandedOver, "aaaaaaaaaa");
   TellAdmitted("aaaaaaaaaa", "z");
   Send("z");
@@ -277,7 +310,7 @@ TEST_F(LedgerTest, TellsMessagesApartByAllTheirBytes) {
   Send(zero);
   Acknowledge(zero);
 
-  EXPECT_EQ((std::vector<std::string>{"line 2", "line 3"}), ledger_.LeftNames(10));
+  EXPECT_EQ((std::vector<std::string>{"line 2", "line 3"}), ledger_.LeftNames(false, 10));
 }
 
 TEST_F(LedgerTest, OfEqualMessagesTheOldestGoesFirst) {
@@ -287,7 +320,7 @@ TEST_F(LedgerTest, OfEqualMessagesTheOldestGoesFirst) {
   Send("y");
   Acknowledge("y");
 
-  EXPECT_EQ(std::vector<std::string>{"line 2"}, ledger_.LeftNames(10));
+  EXPECT_EQ(std::vector<std::string>{"line 2"}, ledger_.LeftNames(false, 10));
   EXPECT_EQ(1u, ledger_.GetCounts().in_flight);
 }
 
@@ -296,7 +329,7 @@ TEST_F(LedgerTest, NamesWhatIsLeftInOrderUpToALimit) {
   HandOver("line 2", "a");
   HandOver("line 3", "m");
 
-  EXPECT_EQ((std::vector<std::string>{"line 1", "line 2"}), ledger_.LeftNames(2));
+  EXPECT_EQ((std::vector<std::string>{"line 1", "line 2"}), ledger_.LeftNames(false, 2));
 }
 
 TEST_F(LedgerTest, HasRoomForLessThanOneHundredAndFifty) {
@@ -464,7 +497,7 @@ TEST_F(LedgerTest, HandsOverAgainWhatAServersLimitDropped) {
   Fail("a", 503);
   Tell(ReportEventKind::kDropped, "a", ReportEventCause::kResendLimit, 7, 1);
 
-  EXPECT_EQ("a", ledger_.TakeToHandOverAgain());
+  EXPECT_EQ("a", TakeAgain());
   EXPECT_FALSE(ledger_.TakeToHandOverAgain());
   Tell(ReportEventKind::kHandedOver, "a");  // Not announced: it is on the books already.
   Send("a");
@@ -483,7 +516,7 @@ TEST_F(LedgerTest, HandsOverAgainAnEmptyMessage) {
   HandOver("line 1", "");
   Tell(ReportEventKind::kDropped, "", ReportEventCause::kResendLimit, 7, 1);
 
-  EXPECT_EQ("", ledger_.TakeToHandOverAgain());
+  EXPECT_EQ("", TakeAgain());
 }
 
 TEST_F(LedgerTest, HandsNothingOverAgainWhileTheChannelIsFull) {
@@ -494,7 +527,7 @@ TEST_F(LedgerTest, HandsNothingOverAgainWhileTheChannelIsFull) {
   Send("0");
   Acknowledge("0");
 
-  EXPECT_EQ("a", ledger_.TakeToHandOverAgain());
+  EXPECT_EQ("a", TakeAgain());
 }
 
 TEST_F(LedgerTest, ADropAtTheEndIsLeftNotHandedOverAgain) {
@@ -582,15 +615,261 @@ TEST_F(LedgerTest, IsBrokenWhenTheChannelWasNeverInitialized) {
   EXPECT_EQ(1u, ledger_.GetCounts().left);
 }
 
-TEST_F(LedgerTest, CountsWhatTheChannelLoadedAsHandedOver) {
+TEST_F(LedgerTest, CountsWhatTheChannelLoadedApart) {
   Tell(ReportEventKind::kLoaded, "old");
   EXPECT_EQ(std::vector<std::string>{"a message of an earlier run (3 bytes)"},
-            ledger_.LeftNames(1));
+            ledger_.LeftNames(false, 1));
+  HandOver("line 1", "new");
   Send("old");
   Acknowledge("old");
 
-  EXPECT_EQ(1u, ledger_.GetCounts().handed_over);
-  EXPECT_EQ(1u, ledger_.GetCounts().delivered);
+  const Counts counts = ledger_.GetCounts();
+  EXPECT_EQ(1u, counts.loaded);
+  EXPECT_EQ(1u, counts.handed_over);
+  EXPECT_EQ(1u, counts.delivered);
+  EXPECT_EQ(1u, counts.left);
+  ExpectBooksClosed();
+}
+
+TEST_F(LedgerTest, TheRefusalOfTheFirstMessageForWantOfAUrlEndsTheLoad) {
+  Tell(ReportEventKind::kLoaded, "old");
+  EXPECT_FALSE(ledger_.IsLoadOver());
+  ASSERT_EQ(0, wakes_);
+  RefuseProbe(ReportEventCause::kNoServer);
+
+  EXPECT_TRUE(ledger_.IsLoadOver());
+  EXPECT_EQ(1, wakes_);
+  EXPECT_EQ(0u, ledger_.GetCounts().handed_over);
+  EXPECT_EQ(1u, ledger_.GetCounts().left);
+  EXPECT_TRUE(ledger_.TakeNotices().empty());
+}
+
+TEST_F(LedgerTest, IsBrokenWhenTheChannelHasNoQueueToLoadOn) {
+  RefuseProbe(ReportEventCause::kNotInitialized);
+
+  EXPECT_TRUE(ledger_.IsBroken());
+  EXPECT_FALSE(ledger_.IsLoadOver());
+  EXPECT_EQ(1, wakes_);
+}
+
+TEST_F(LedgerTest, IsNotBrokenWhenItEndsBeforeTheLoadIsOver) {
+  ledger_.Close();
+  RefuseProbe(ReportEventCause::kNotRunning);
+
+  EXPECT_FALSE(ledger_.IsBroken());
+}
+
+TEST_F(LedgerTest, AnEmptyMessageThatIsRefusedAfterTheLoadIsOnTheBooks) {
+  RefuseProbe(ReportEventCause::kNoServer);
+  HandOver("line 1", "");
+  Tell(ReportEventKind::kRefused, "", ReportEventCause::kNoServer);
+
+  EXPECT_EQ(1u, ledger_.GetCounts().dropped);
+  ExpectBooksClosed();
+}
+
+TEST_F(LedgerTest, HasNoRoomUntilFewEnoughOfTheLoadedAreLeft) {
+  for (int i = 0; i < 250; ++i) Tell(ReportEventKind::kLoaded, std::to_string(i));
+  RefuseProbe(ReportEventCause::kNoServer);
+  for (int i = 0; i < 102; ++i) {
+    EXPECT_FALSE(ledger_.HasRoom()) << i;
+    Send(std::to_string(i));
+    Acknowledge(std::to_string(i));
+  }
+
+  EXPECT_TRUE(ledger_.HasRoom()) << "148 are left";
+}
+
+TEST_F(LedgerTest, OnlyWhatACompletedSaveHoldsIsKept) {
+  HandOver("line 1", "saved");
+  Save();
+  HandOver("line 2", "not saved");
+  ledger_.Close();
+  Tell(ReportEventKind::kKept, "saved");
+  Tell(ReportEventKind::kKept, "not saved");
+
+  EXPECT_EQ(1u, ledger_.GetCounts().kept);
+  EXPECT_EQ(2u, ledger_.GetCounts().left);
+  EXPECT_EQ(std::vector<std::string>{"line 1"}, ledger_.LeftNames(true, 10));
+  EXPECT_EQ(std::vector<std::string>{"line 2"}, ledger_.LeftNames(false, 10));
+  ExpectBooksClosed();
+}
+
+TEST_F(LedgerTest, WhatWasLoadedIsKeptWithoutAnotherSave) {
+  Tell(ReportEventKind::kLoaded, "old");
+  Send("old");
+  ledger_.Close();
+  Tell(ReportEventKind::kKept, "old", ReportEventCause::kNone, 7, 1);
+
+  EXPECT_EQ(1u, ledger_.GetCounts().kept);
+  EXPECT_EQ(0u, ledger_.GetCounts().in_flight);
+}
+
+TEST_F(LedgerTest, WhatAFailedSendPutBackIsKept) {
+  HandOver("line 1", "a");
+  Save();
+  Send("a");
+  Fail("a", 503);
+  ledger_.Close();
+  Tell(ReportEventKind::kKept, "a");
+
+  EXPECT_EQ(1u, ledger_.GetCounts().kept);
+}
+
+TEST_F(LedgerTest, WhatTheChannelDoesNotTellAsKeptIsNotKept) {
+  HandOver("line 1", "a");
+  Save();
+  ledger_.Close();
+  Tell(ReportEventKind::kDropped, "a", ReportEventCause::kTerminated);
+
+  EXPECT_EQ(0u, ledger_.GetCounts().kept);
+  EXPECT_EQ(1u, ledger_.GetCounts().left);
+}
+
+TEST_F(LedgerTest, OfEqualMessagesAsManyAreKeptAsTheCacheHolds) {
+  HandOver("line 1", "y");
+  HandOver("line 2", "y");
+  Save();
+  HandOver("line 3", "y");
+  ledger_.Close();
+  for (int i = 0; i < 3; ++i) Tell(ReportEventKind::kKept, "y");
+
+  EXPECT_EQ(2u, ledger_.GetCounts().kept);
+  EXPECT_EQ((std::vector<std::string>{"line 1", "line 2"}), ledger_.LeftNames(true, 10));
+}
+
+TEST_F(LedgerTest, AnEqualMessageWithoutTheCacheTakesNothingFromIt) {
+  Tell(ReportEventKind::kLoaded, "y");
+  need_cache_ = false;
+  HandOver("line 1", "y");
+  Acknowledge("y");
+  need_cache_ = true;
+  ledger_.Close();
+  Tell(ReportEventKind::kKept, "y");
+
+  EXPECT_EQ(1u, ledger_.GetCounts().kept);
+  ExpectBooksClosed();
+}
+
+TEST_F(LedgerTest, WhatIsHandedOverAgainIsNotKeptBeforeItIsSavedAgain) {
+  HandOver("line 1", "a");
+  Save();
+  Tell(ReportEventKind::kDropped, "a", ReportEventCause::kResendLimit, 7, 1);
+  Save();
+  EXPECT_TRUE(ledger_.TakeToHandOverAgain()->need_cache);
+  Tell(ReportEventKind::kHandedOver, "a");
+  Tell(ReportEventKind::kAdmitted, "a");
+  ledger_.Close();
+  Tell(ReportEventKind::kKept, "a");
+
+  EXPECT_EQ(0u, ledger_.GetCounts().kept);
+}
+
+TEST_F(LedgerTest, HandsOverAgainWithoutTheCacheWhatCameWithoutIt) {
+  need_cache_ = false;
+  HandOver("line 1", "a");
+  Tell(ReportEventKind::kDropped, "a", ReportEventCause::kResendLimit, 7, 1);
+
+  EXPECT_FALSE(ledger_.TakeToHandOverAgain()->need_cache);
+}
+
+TEST_F(ListingLedgerTest, ListsAMessageOnceASaveHoldsItAndOnce) {
+  HandOver("1", "a");
+  EXPECT_EQ(Ids{}, ledger_.TakeSaved());
+  const int wakes = wakes_;
+  Save();
+  EXPECT_EQ(wakes + 1, wakes_);
+  EXPECT_EQ(Ids{"1"}, ledger_.TakeSaved());
+  HandOver("2", "b");
+  Send("a");
+  Fail("a", 503);
+  Save();
+  EXPECT_EQ(Ids{"2"}, ledger_.TakeSaved());
+  Send("a");
+  Acknowledge("a");
+  Save();
+
+  EXPECT_EQ(Ids{}, ledger_.TakeSaved());
+}
+
+TEST_F(ListingLedgerTest, DoesNotListWhatIsHandedOverButNotAdmitted) {
+  HandOver("1", "y");
+  ledger_.Expect({"2", "y", "2"});
+  Tell(ReportEventKind::kHandedOver, "y");
+  Save();
+
+  EXPECT_EQ(Ids{"1"}, ledger_.TakeSaved());
+}
+
+TEST_F(ListingLedgerTest, WithoutTheCacheListsWhatIsDelivered) {
+  need_cache_ = false;
+  HandOver("1", "a");
+  Save();
+  EXPECT_EQ(Ids{}, ledger_.TakeSaved());
+  Send("a");
+  const int wakes = wakes_;
+  Acknowledge("a");
+
+  EXPECT_EQ(Ids{"1"}, ledger_.TakeSaved());
+  EXPECT_EQ(wakes + 1, wakes_);
+}
+
+TEST_F(ListingLedgerTest, ListsNothingOfEarlierRuns) {
+  Tell(ReportEventKind::kLoaded, "old");
+  HandOver("1", "a");
+  Save();
+  Send("old");
+  Acknowledge("old");
+
+  EXPECT_EQ(Ids{"1"}, ledger_.TakeSaved());
+}
+
+TEST_F(ListingLedgerTest, DoesNotListWhatIsDropped) {
+  HandOver("1", "a");
+  Tell(ReportEventKind::kDropped, "a", ReportEventCause::kTrimmed);
+  Save();
+
+  EXPECT_EQ(Ids{}, ledger_.TakeSaved());
+}
+
+TEST_F(LedgerTest, ListsNothingUnlessAskedTo) {
+  HandOver("1", "a");
+  Save();
+
+  EXPECT_TRUE(ledger_.TakeSaved().empty());
+  EXPECT_EQ(0, wakes_);
+}
+
+TEST_F(CompressedLedgerTest, KeepsAMessageUnderTheBytesThatTheChannelStored) {
+  HandOverCompressed("line 1", "aaaaaaaaaa", "z");
+  Save();
+  Send("z");
+  ledger_.Close();
+  Tell(ReportEventKind::kKept, "z", ReportEventCause::kNone, 7, 1);
+
+  EXPECT_EQ(std::vector<std::string>{"line 1"}, ledger_.LeftNames(true, 10));
+}
+
+TEST_F(CompressedLedgerTest, WhatIsNotCompressedTakesNothingFromTheCache) {
+  Tell(ReportEventKind::kLoaded, "short");
+  ledger_.Expect({"line 1", "short", "1"});
+  Tell(ReportEventKind::kHandedOver, "short");
+  Tell(ReportEventKind::kDropped, "short", ReportEventCause::kNotCompressed);
+  ledger_.Close();
+  Tell(ReportEventKind::kKept, "short");
+
+  EXPECT_EQ(1u, ledger_.GetCounts().kept);
+  ExpectBooksClosed();
+}
+
+TEST_F(CompressedLedgerTest, AStreamThatIsCutShortIsNotKeptForAnybody) {
+  HandOverCompressed("core.dmp", nine_bytes_, unfinished_);
+  Save();
+  ledger_.Close();
+  Tell(ReportEventKind::kKept, unfinished_);
+
+  EXPECT_EQ(0u, ledger_.GetCounts().kept);
+  ExpectBooksClosed();
 }
 
 }  // namespace

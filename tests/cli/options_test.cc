@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "cli/fatal.h"
@@ -14,7 +15,13 @@ constexpr char kUrl[] = "https://collector.example/reports";
 
 Options Parse(std::vector<const char*> arguments) {
   arguments.insert(arguments.begin(), {"quenor-report", "send", "--url", kUrl});
-  return *ParseCommandLine(static_cast<int>(arguments.size()), arguments.data());
+  return std::get<Options>(*ParseCommandLine(static_cast<int>(arguments.size()), arguments.data()));
+}
+
+CacheCommand ParseCache(std::vector<const char*> arguments) {
+  arguments.insert(arguments.begin(), {"quenor-report", "cache"});
+  return std::get<CacheCommand>(
+      *ParseCommandLine(static_cast<int>(arguments.size()), arguments.data()));
 }
 
 // The one line about wrong usage; empty when there is none.
@@ -43,13 +50,20 @@ TEST(OptionsTest, HasDefaultsForAllButTheUrl) {
   EXPECT_FALSE(options.interval_ms);
   EXPECT_FALSE(options.max_resend);
   EXPECT_EQ(30, options.wait_s);
+  EXPECT_FALSE(options.cache);
+  EXPECT_FALSE(options.cache_dir);
+  EXPECT_TRUE(options.persist);
+  EXPECT_EQ("", options.saved_list);
   EXPECT_TRUE(options.files.empty());
 }
 
 TEST(OptionsTest, TakesEveryOption) {
-  const Options options = Parse({"--channel", "usage", "--send-now", "--compress", "--cacert",
-                                 "ca.pem", "--http1", "--socks5", "u:p@h:1", "--interval", "250",
-                                 "--max-resend", "4294967295", "--wait", "0.5", "a", "-", "/b"});
+  const Options options =
+      Parse({"--channel",    "usage",        "--send-now",  "--compress", "--cacert",
+             "ca.pem",       "--http1",      "--socks5",    "u:p@h:1",    "--interval",
+             "250",          "--max-resend", "4294967295",  "--wait",     "0.5",
+             "--cache",      "file",         "--cache-dir", "/",          "--no-persist",
+             "--saved-list", "saved",        "a",           "-",          "/b"});
 
   EXPECT_EQ("usage", options.channel);
   EXPECT_TRUE(options.send_now);
@@ -61,7 +75,17 @@ TEST(OptionsTest, TakesEveryOption) {
   EXPECT_EQ(250u, options.interval_ms);
   EXPECT_EQ(4294967295u, options.max_resend);
   EXPECT_EQ(0.5, options.wait_s);
+  EXPECT_EQ(CacheKind::kFile, options.cache);
+  EXPECT_EQ("/", options.cache_dir);
+  EXPECT_FALSE(options.persist);
+  EXPECT_EQ("saved", options.saved_list);
   EXPECT_EQ((std::vector<std::string>{"a", "-", "/b"}), options.files);
+}
+
+TEST(OptionsTest, KnowsEveryKindOfCache) {
+  EXPECT_EQ(CacheKind::kNone, Parse({"--cache", "none"}).cache);
+  EXPECT_EQ(CacheKind::kFile, Parse({"--cache", "file"}).cache);
+  EXPECT_EQ(CacheKind::kMmap, Parse({"--cache", "mmap"}).cache);
 }
 
 TEST(OptionsTest, TakesFilesThatLookLikeOptionsAfterTwoDashes) {
@@ -69,6 +93,23 @@ TEST(OptionsTest, TakesFilesThatLookLikeOptionsAfterTwoDashes) {
 }
 
 TEST(OptionsTest, LinesIsTheDefaultSpelledOut) { EXPECT_TRUE(Parse({"--lines"}).files.empty()); }
+
+TEST(OptionsTest, TakesEveryCacheCommand) {
+  using Verb = CacheCommand::Verb;
+  EXPECT_EQ(Verb::kList, ParseCache({"list", "a"}).verb);
+  EXPECT_EQ(Verb::kDump, ParseCache({"dump", "a"}).verb);
+  EXPECT_EQ(Verb::kVerify, ParseCache({"verify", "a"}).verb);
+  EXPECT_EQ(Verb::kPurge, ParseCache({"purge", "a"}).verb);
+  EXPECT_EQ("a", ParseCache({"purge", "a"}).file);
+}
+
+TEST(OptionsTest, TakesTheOptionsOfCacheCommands) {
+  EXPECT_FALSE(ParseCache({"dump", "a"}).raw);
+  EXPECT_EQ("-", ParseCache({"dump", "a", "--raw", "-"}).raw);
+  EXPECT_EQ("out", ParseCache({"dump", "--raw", "out", "a"}).raw);
+  EXPECT_FALSE(ParseCache({"purge", "a"}).yes);
+  EXPECT_TRUE(ParseCache({"purge", "a", "--yes"}).yes);
+}
 
 TEST(OptionsTest, RefusesWrongUsageInOneLine) {
   const std::vector<std::vector<const char*>> cases = {
@@ -93,6 +134,18 @@ TEST(OptionsTest, RefusesWrongUsageInOneLine) {
       {"send", "--url", kUrl, "--channel", ".."},
       {"send", "--url", kUrl, "--channel", "a/b"},
       {"send", "--url", kUrl, "--channel", "a\nb"},
+      {"cache"},
+      {"cache", "list"},
+      {"cache", "list", ""},
+      {"cache", "frobnicate", "a"},
+      {"cache", "list", "a", "b"},
+      {"cache", "list", "a", "--yes"},
+      {"cache", "purge", "a", "--raw", "-"},
+      {"cache", "dump", "a", "--raw"},
+      {"send", "--url", kUrl, "--cache", "2"},
+      {"send", "--url", kUrl, "--cache", ""},
+      {"send", "--url", kUrl, "--cache-dir", ""},
+      {"send", "--url", kUrl, "--cache-dir", "/dev/null"},
   };
   for (const auto& arguments : cases) {
     EXPECT_NE("", Objection(arguments))

@@ -105,8 +105,14 @@ Digests Collector::Stop() {
 
 Arguments SendCommand(const Certificates& certificates, const std::string& url,
                       const Arguments& more) {
-  Arguments arguments = {QUENOR_REPORT_PATH,         "send", "--url", url, "--cacert",
-                         certificates.Path("ca.pem")};
+  Arguments arguments = {QUENOR_REPORT_PATH,
+                         "send",
+                         "--url",
+                         url,
+                         "--cacert",
+                         certificates.Path("ca.pem"),
+                         "--cache-dir",
+                         certificates.Path("state")};
   arguments.insert(arguments.end(), more.begin(), more.end());
   return arguments;
 }
@@ -140,6 +146,37 @@ RefusingPort::RefusingPort() : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOE
 int Field(const std::string& out, const std::string& name) {
   const std::string text = Between(" " + out, " " + name + "=", " ");
   return text.empty() ? -1 : std::atoi(text.c_str());
+}
+
+std::string Joined(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) text += line + "\n";
+  return text;
+}
+
+std::vector<std::string> NumberedLines(int count) {
+  std::vector<std::string> lines;
+  for (int i = 1; i <= count; ++i) lines.push_back("report number " + std::to_string(i));
+  return lines;
+}
+
+Digests DigestsOf(const std::vector<std::string>& messages) {
+  Digests digests;
+  for (const std::string& message : messages) ++digests[Sha256Hex(message)];
+  return digests;
+}
+
+void ExpectEachArrived(const std::vector<std::string>& messages, const Digests& arrived) {
+  const Digests sent = DigestsOf(messages);
+  for (const auto& [digest, count] : sent) {
+    const auto found = arrived.find(digest);
+    EXPECT_TRUE(found != arrived.end() && found->second >= count) << digest;
+  }
+  for (const auto& [digest, count] : arrived) EXPECT_EQ(1u, sent.count(digest)) << digest;
+}
+
+bool Mentions(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
 }
 
 }  // namespace quenor::test

@@ -3,6 +3,8 @@
 #ifndef TESTS_CLI_REPORTING_H_
 #define TESTS_CLI_REPORTING_H_
 
+#include <gtest/gtest.h>
+
 #include <map>
 #include <memory>
 #include <string>
@@ -84,6 +86,25 @@ class RefusingPort {
 
 // The number behind "name=" in a closing line; -1 when it is not there.
 int Field(const std::string& out, const std::string& name);
+
+// One line each.
+std::string Joined(const std::vector<std::string>& lines);
+std::vector<std::string> NumberedLines(int count);
+Digests DigestsOf(const std::vector<std::string>& messages);
+
+// With retries a message may arrive twice, but each must arrive, and nothing else.
+void ExpectEachArrived(const std::vector<std::string>& messages, const Digests& arrived);
+
+bool Mentions(const std::string& text, const std::string& part);
+
+class ReportTest : public ::testing::Test {
+ protected:
+  Result Send(const std::string& url, const Arguments& more, const std::string& input) {
+    return RunWhole(SendCommand(certificates_, url, more), input);
+  }
+
+  const Certificates certificates_;
+};
 
 }  // namespace quenor::test
 
