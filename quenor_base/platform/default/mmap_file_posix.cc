@@ -65,9 +65,25 @@ constexpr uint64_t Bit(uint32_t owner) { return uint64_t{1} << owner; }
 struct Entry {
   uint64_t offset;
   uint64_t body_check;
+  uint64_t glance;
   uint32_t length;
   bool kept;  // Also part of the save under way.
 };
+
+// Of a few of the body's bytes: packets that differ are mostly told apart by it, without a look at
+// the mapped bytes, which are far from the processor.
+uint64_t Glance(const uint8_t* body, uint32_t length) {
+  uint64_t words[3] = {};
+  if (length < sizeof words[0]) {
+    if (length != 0) std::memcpy(words, body, length);
+  } else {
+    const uint32_t last = length - static_cast<uint32_t>(sizeof words[0]);
+    std::memcpy(&words[0], body, sizeof words[0]);
+    std::memcpy(&words[1], body + last / 2, sizeof words[1]);
+    std::memcpy(&words[2], body + last, sizeof words[2]);
+  }
+  return (words[0] * 31 + words[1]) * 31 + words[2];
+}
 
 uint64_t RoomOf(const GrowableArray<Entry>& entries) {
   uint64_t room = 0;
@@ -84,6 +100,7 @@ struct Extent {
 
   explicit operator bool() const { return file_offset != 0; }
   uint8_t* at(uint64_t offset) const { return map.data() + offset; }
+  const uint8_t* body(const Entry& entry) const { return at(entry.offset) + sizeof(PacketHeader); }
   ExtentHeader* header() const { return reinterpret_cast<ExtentHeader*>(map.data()); }
   void Reset() {
     map.Unmap();
@@ -175,7 +192,7 @@ struct MultiProcessSafetyMmapFile::State {
   bool Reopen();
   void VoidSave();
   Extent& target() { return building ? building : current; }
-  Entry* Find(const MmapDataPacket& packet);
+  Entry* Find(const MmapDataPacket& packet, uint64_t glance);
   bool Place(const MmapDataPacket& packet);
   bool HasRoom(uint64_t room);
   bool MakeRoom(uint64_t room);
@@ -550,7 +567,7 @@ bool MultiProcessSafetyMmapFile::State::TakeContent(uint32_t owner, mmap_format:
   index = view.seal().index;
   for (const PacketPlace& place : to_read) {
     const uint64_t offset = place.header_offset - view.seal().extent_offset;
-    if (!sealed.Add(Entry{offset, place.body_check, place.length, false})) return false;
+    if (!sealed.Add(Entry{offset, place.body_check, 0, place.length, false})) return false;
   }
   return true;
 }
@@ -590,8 +607,9 @@ bool MultiProcessSafetyMmapFile::State::MapOwnExtent() {
   WriteExtentHeader(current, mmap_format::kInUse);
   area = !sealed.empty() && sealed[0].offset >= current.shape.area(1) ? 1 : 0;
   append_at = current.shape.area(area);
-  for (const Entry& entry : sealed) {
+  for (Entry& entry : sealed) {
     append_at = std::max(append_at, entry.offset + PacketRoom(entry.length));
+    entry.glance = Glance(current.body(entry), entry.length);
   }
   return true;
 }
@@ -815,7 +833,12 @@ bool MultiProcessSafetyMmapFile::State::Clear(int64_t size) {
   VoidSave();
   may_read = false;
   is_complete = false;
-  if (size < 0 || static_cast<uint64_t>(size) > kMostAnnounced || !may_save) return false;
+  if (size < 0 || static_cast<uint64_t>(size) > kMostAnnounced) {
+    errno = EINVAL;
+    TellSaveFailed(__LINE__);
+    return false;
+  }
+  if (!may_save) return false;  // Which was told when it began.
   if (!IsStillThere() && !Reopen()) return false;
   announced = static_cast<uint64_t>(size);
   appended = 0;
@@ -827,8 +850,11 @@ bool MultiProcessSafetyMmapFile::State::Clear(int64_t size) {
   failed_searches = 0;
   new_bytes = 0;
   for (Entry& entry : sealed) entry.kept = false;
-  // Rather before anything is placed than in the middle.
-  if (current && !HasRoom(last_new_bytes) && 2 * last_new_bytes <= current.shape.area_size()) {
+  // Rather before anything is placed than in the middle; and content that is mostly new each time
+  // goes to and fro between the same bytes, which the processor then has at hand.
+  const bool will_be_new = last_new_bytes > 0 && 2 * last_new_bytes >= RoomOf(sealed);
+  if (current && (will_be_new || !HasRoom(last_new_bytes)) &&
+      2 * last_new_bytes <= current.shape.area_size()) {
     SwitchArea();
   }
   is_saving = true;
@@ -884,7 +910,7 @@ bool MultiProcessSafetyMmapFile::State::Reopen() {
 }
 
 // The place in the old content of a packet with the same bytes; null when it has none.
-Entry* MultiProcessSafetyMmapFile::State::Find(const MmapDataPacket& packet) {
+Entry* MultiProcessSafetyMmapFile::State::Find(const MmapDataPacket& packet, uint64_t glance) {
   const size_t count = sealed.size();
   const bool full = failed_searches < kFullSearches;
   const size_t tries = full ? count : std::min(count, kShortSearch);
@@ -892,9 +918,10 @@ Entry* MultiProcessSafetyMmapFile::State::Find(const MmapDataPacket& packet) {
   for (size_t i = 0; i < tries; ++i, ++at) {
     if (at >= count) at = 0;
     Entry& entry = sealed[at];
-    if (entry.length != packet.size) continue;
-    const uint8_t* const body = current.at(entry.offset) + sizeof(PacketHeader);
-    if (packet.size != 0 && std::memcmp(body, packet.data, packet.size) != 0) continue;
+    if (entry.glance != glance || entry.length != packet.size) continue;
+    if (packet.size != 0 && std::memcmp(current.body(entry), packet.data, packet.size) != 0) {
+      continue;
+    }
     cursor = at + 1;
     return &entry;
   }
@@ -904,7 +931,8 @@ Entry* MultiProcessSafetyMmapFile::State::Find(const MmapDataPacket& packet) {
 
 bool MultiProcessSafetyMmapFile::State::Place(const MmapDataPacket& packet) {
   const uint64_t room = PacketRoom(packet.size);
-  Entry* const old = Find(packet);
+  const uint64_t glance = Glance(packet.data, packet.size);
+  Entry* const old = Find(packet, glance);
   if (old != nullptr && !copy_all && next.size() < current.shape.capacity) {
     old->kept = true;
     return next.Add(*old);
@@ -916,7 +944,7 @@ bool MultiProcessSafetyMmapFile::State::Place(const MmapDataPacket& packet) {
   head.length = packet.size;
   head.body_check = old != nullptr ? old->body_check : mmap_format::Check(packet.data, packet.size);
   head.check = mmap_format::CheckOf(head);
-  if (!next.Add(Entry{next_at, head.body_check, packet.size, false})) return false;
+  if (!next.Add(Entry{next_at, head.body_check, glance, packet.size, false})) return false;
   uint8_t* const to = target().at(next_at);
   std::memcpy(to, &head, sizeof head);
   if (packet.size != 0) std::memcpy(to + sizeof head, packet.data, packet.size);
