@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
+#include "quenor_base/platform/config_center.h"
 #include "quenor_base/platform/thread_manager.h"
 
 namespace {
@@ -83,6 +84,8 @@ double Median(std::vector<double> values) {
 }  // namespace
 
 int main() {
+  quenor::config::ConfigCenterImpl::GetInstance()->SetHostOverride(
+      quenor::config::BaseCfg().cache_option, uint64_t{0});  // Nothing on disk.
   std::printf("hand-over, 1 thread, bursts of %d, %d rounds; ns per message, median (min to max)\n",
               kBurstSize, kRounds);
   for (const size_t size : {size_t{256}, size_t{4096}}) {

@@ -1,6 +1,6 @@
 # Users before what they use: every service may log, so LOG comes last.
-set(QUENOR_SERVICES HTTP_CLIENT JSON TIMER DISPATCH_QUEUE CONFIG_CENTER PATH_SERVICE MMAP_FILE
-  CACHE_FILE REPORT_EVENTS PROXY_CONFIG THROTTER LOG)
+set(QUENOR_SERVICES HTTP_CLIENT JSON TIMER DISPATCH_QUEUE MMAP_FILE CACHE_FILE CONFIG_CENTER
+  PATH_SERVICE REPORT_EVENTS PROXY_CONFIG THROTTER LOG)
 
 # quenor_link_platform(<target> [HTTP_CLIENT <lib>] [JSON <lib>] ...)
 # Links the report channel and exactly one implementation of every platform service to <target>:

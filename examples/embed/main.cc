@@ -8,7 +8,7 @@ int main(int argc, char** argv) {
   channel->Initialize();
   const uint8_t report[] = {'s', 't', 'a', 'r', 't', 'e', 'd'};
   channel->SendPacket(report, sizeof(report), /*need_cache*/ true, /*send_now*/ true);
-  // Here the application runs. What is undelivered when it ends is lost in this version.
+  // Here the application runs. What is undelivered when it ends is kept for the next start.
   channel->Terminate();
   return quenor::core::ThreadManager::WaitForDrain(quenor::base::TimeDelta::FromSeconds(2)) ? 0 : 1;
 }

@@ -12,7 +12,8 @@ namespace quenor::config {
 
 // The keys that the SDK's base reads.
 struct BaseConfigKeys {
-  // "quenor.report.cache_option". Report cache: 0 none, 1 plain file, 2 memory-mapped file.
+  // "quenor.report.cache_option". Report cache: 0 none, 1 plain file, 2 memory-mapped file (what
+  // the channel takes when no source has the key). Read once per process, at a channel's first use.
   std::string cache_option;
   // "quenor.report.cache_durability". What a save in the report cache survives besides the end of
   // the process: 0 nothing more (default), 1 writing to the disk is started and not awaited, 2 a
@@ -33,8 +34,8 @@ class ConfigCenterImpl {
 
   // Any thread. The value of the first source that has the key: the host's override, the process's
   // environment (the key in upper case, "." as "_"; a decimal number of 64 bits, anything else is
-  // logged once per key and skipped), the values built in; else `default_value`. Reads the
-  // environment each time: the host must not change it on another thread meanwhile.
+  // logged once per key and skipped); else `default_value`. Reads the environment each time: the
+  // host must not change it on another thread meanwhile.
   base::Optional<uint64_t> GetValueWithPriority(const std::string& key,
                                                 base::Optional<uint64_t> default_value);
 

@@ -83,6 +83,17 @@ class ReliableReportChannelHttpsTestPeer {
     c_->HandleResponse(body, size, headers);
   }
   void LogoutStatistic() { c_->LogoutStatistic(); }
+  void InitCacheMmap() { c_->InitCacheMmap(); }
+  void LoadCache() { c_->LoadCache(); }
+  bool OpenCache() { return c_->OpenCache(); }
+  void SaveCache() { c_->SaveCache(); }
+  bool OpenCacheFile() { return c_->OpenCacheFile(); }
+  void LoadCacheFile() { c_->LoadCacheFile(); }
+  void SaveCacheFile() { c_->SaveCacheFile(); }
+  uint32_t CalculateCacheSize() { return c_->CalculateCacheSize(); }
+  bool OpenCacheMmap() { return c_->OpenCacheMmap(); }
+  void LoadCacheMmap() { c_->LoadCacheMmap(); }
+  void SaveCacheMmap() { c_->SaveCacheMmap(); }
 
   Channel& channel() { return *c_; }
 

@@ -7,9 +7,12 @@
 
 #include "quenor_base/object_pool/alloc_buffer_from_pool.h"
 #include "quenor_base/platform/base/check.h"
+#include "quenor_base/platform/base/file_path.h"
 #include "quenor_base/platform/base/json_reader.h"
 #include "quenor_base/platform/base/location.h"
+#include "quenor_base/platform/base/memory_mapped_file.h"
 #include "quenor_base/platform/base/optional.h"
+#include "quenor_base/platform/base/path_service.h"
 #include "quenor_base/platform/base/thread.h"
 #include "quenor_base/platform/base/values.h"
 #include "quenor_base/platform/config_center.h"
@@ -51,7 +54,11 @@ constexpr int kDeflateWindowBits = -15;  // Raw deflate, 32 KiB window.
 constexpr int kDeflateMemoryLevel = 9;
 constexpr char kZlibVersion[] = "1.3.1";  // zlib compares the first digit only.
 
+// The values of the cache option; under any other the cache cannot be opened.
 constexpr int kCacheNone = 0;
+constexpr int kCacheFile = 1;
+constexpr int kCacheMmap = 2;
+constexpr uint32_t kPacketLengthBytes = 4;  // What each packet takes besides its bytes.
 
 base::Location Here(int line) { return base::Location::CreateFromHere(kSourcePath, line); }
 
@@ -70,10 +77,34 @@ int GetCacheOption() {
   static const int32_t cache_option = [] {
     const base::Optional<uint64_t> value =
         config::ConfigCenterImpl::GetInstance()->GetValueWithPriority(
-            config::BaseCfg().cache_option, uint64_t{2});
-    return static_cast<int32_t>(static_cast<uint32_t>(value.value_or(2)));
+            config::BaseCfg().cache_option, uint64_t{kCacheMmap});
+    return static_cast<int32_t>(static_cast<uint32_t>(value.value_or(kCacheMmap)));
   }();
   return cache_option;
+}
+
+// Queue thread; blocks on the file system. The folder of that name in which all channels keep their
+// files, created if it was missing; empty, and logged, on failure.
+base::FilePath GetCacheFolerPath(const std::string& folder_name) {
+  base::FilePath folder;
+  if (!base::PathService::Get(base::DIR_RELIABLE_REPORT, &folder)) {
+    LocalLog(2, kSourcePath, __LINE__, "PathService::Get base::DIR_RELIABLE_REPORT failed!");
+    return base::FilePath();
+  }
+  folder = folder.AppendASCII(folder_name);
+  if (!base::PathExists(folder) && !base::CreateDirectory(folder)) {
+    LocalLog(2, kSourcePath, __LINE__, "CreateDirectory failed! path=%s",
+             folder.AsUTF8Unsafe().c_str());
+    return base::FilePath();
+  }
+  return folder;
+}
+
+// The bytes of a packet. The store's own: a body that a request still holds is unshared, once. When
+// memory for that is exhausted the shared bytes are the same ones.
+const uint8_t* PacketBytes(CopyOnWriteBuffer* body) {
+  const uint8_t* const bytes = body->data<uint8_t>();
+  return bytes != nullptr ? bytes : body->cdata<uint8_t>();
 }
 
 void EndAndFreeStream(z_stream* stream) {
@@ -179,9 +210,10 @@ void ReliableReportChannelHttps::DoTerminate() {
   statistic_timer_.AbandonAndStop();
   LogoutStatistic();
   http_client_.reset();
+  const bool cache_is_whole = IsCacheWhole();  // Asked while the files can still tell.
   mmap_file_.Close();
   cache_file_.Close();
-  TellLeftOver();
+  TellLeftOver(cache_is_whole);
   // Not saved first: the cache keeps what the last save wrote, and the next DoInit loads it.
   pending_messages_.clear();
   sending_messages_.clear();
@@ -191,10 +223,10 @@ void ReliableReportChannelHttps::DoTerminate() {
 
 void ReliableReportChannelHttps::DoClean() { http_client_.reset(); }
 
-void ReliableReportChannelHttps::TellLeftOver() {
+void ReliableReportChannelHttps::TellLeftOver(bool cache_is_whole) {
   if (!ReportEvents::HasListener()) return;
-  const auto tell = [this](const CachedMessage& message, int64_t request_id) {
-    const bool kept = cache_loaded_ && message.need_cache;
+  const auto tell = [&](const CachedMessage& message, int64_t request_id) {
+    const bool kept = cache_is_whole && message.need_cache;
     TellMessage(kept ? ReportEventKind::kKept : ReportEventKind::kDropped,
                 kept ? ReportEventCause::kNone : ReportEventCause::kTerminated, channel_name_,
                 message, request_id);
@@ -637,13 +669,142 @@ void ReliableReportChannelHttps::LoadCache() {
     LocalLog(2, kSourcePath, __LINE__, "mmap file has been loaded!");
     return;
   }
-  if (GetCacheOption() == kCacheNone) return;
-  if (!OpenCache()) LocalLog(2, kSourcePath, __LINE__, "open mmap file failed!");
+  const int option = GetCacheOption();
+  if (option == kCacheNone) return;
+  if (!OpenCache()) {
+    LocalLog(2, kSourcePath, __LINE__, "open mmap file failed!");
+    return;
+  }
+  if (option == kCacheMmap) LoadCacheMmap();
+  if (option == kCacheFile) LoadCacheFile();
 }
 
-// This version keeps nothing on disk: no option opens a file, and nothing is saved.
-bool ReliableReportChannelHttps::OpenCache() { return false; }
+bool ReliableReportChannelHttps::OpenCache() {
+  const int option = GetCacheOption();
+  if (option == kCacheMmap) return OpenCacheMmap();
+  return option == kCacheFile && OpenCacheFile();
+}
 
-void ReliableReportChannelHttps::SaveCache() {}
+void ReliableReportChannelHttps::SaveCache() {
+  const int option = GetCacheOption();
+  if (option == kCacheMmap) SaveCacheMmap();
+  if (option == kCacheFile) SaveCacheFile();
+}
+
+bool ReliableReportChannelHttps::OpenCacheFile() {
+  if (GetCacheOption() != kCacheFile) return false;
+  const base::FilePath folder = GetCacheFolerPath(cache_name_);
+  if (folder.empty()) return false;
+  return cache_file_.Open(folder.AppendASCII(channel_name_ + ".cache"));
+}
+
+void ReliableReportChannelHttps::LoadCacheFile() {
+  if (GetCacheOption() != kCacheFile) return;
+  uint32_t total_bytes = 0;
+  if (!LoadMessages(&cache_file_, &total_bytes)) return;
+  cache_loaded_ = true;
+  LocalLog(0, kSourcePath, __LINE__, "load %s.cache successfully, data size is %u",
+           channel_name_.c_str(), total_bytes);
+}
+
+void ReliableReportChannelHttps::SaveCacheFile() {
+  if (GetCacheOption() != kCacheFile) return;
+  if (!cache_loaded_) {
+    LocalLog(2, kSourcePath, __LINE__, "cache file has been loaded!");
+    return;
+  }
+  cache_file_.Clear();
+  AppendMessages(&cache_file_);
+}
+
+uint32_t ReliableReportChannelHttps::CalculateCacheSize() {
+  uint32_t size_bytes = 0;
+  ForEachMessageToSave([&](const CachedMessage& message) {
+    size_bytes += message.data.size() + kPacketLengthBytes;
+  });
+  return size_bytes;
+}
+
+bool ReliableReportChannelHttps::OpenCacheMmap() {
+  if (GetCacheOption() != kCacheMmap) return false;
+  const base::FilePath folder = GetCacheFolerPath(cache_name_);
+  if (folder.empty()) return false;
+  return mmap_file_.Open(folder.AppendASCII(channel_name_ + ".mmap"),
+                         base::MemoryMappedFile::READ_WRITE_EXTEND, 0);
+}
+
+void ReliableReportChannelHttps::LoadCacheMmap() {
+  if (GetCacheOption() != kCacheMmap) return;
+  uint32_t total_bytes = 0;
+  if (!LoadMessages(&mmap_file_, &total_bytes)) return;
+  cache_loaded_ = true;
+  LocalLog(0, kSourcePath, __LINE__, "load %s.mmap successfully, data size is %u",
+           channel_name_.c_str(), total_bytes);
+}
+
+void ReliableReportChannelHttps::SaveCacheMmap() {
+  if (GetCacheOption() != kCacheMmap) return;
+  if (!cache_loaded_) {
+    LocalLog(2, kSourcePath, __LINE__, "mmap file has been loaded!");
+    return;
+  }
+  mmap_file_.Clear(int64_t{CalculateCacheSize()});
+  AppendMessages(&mmap_file_);
+}
+
+template <typename Visit>
+void ReliableReportChannelHttps::ForEachMessageToSave(Visit visit) {
+  for (auto& [request_id, message] : sending_messages_) {
+    if (message.need_cache) visit(message);
+  }
+  for (CachedMessage& message : pending_messages_) {
+    if (message.need_cache) visit(message);
+  }
+}
+
+template <typename File>
+bool ReliableReportChannelHttps::LoadMessages(File* file, uint32_t* total_bytes) {
+  for (;;) {
+    const auto packet = file->GetNextDataPacket();
+    if (packet.data == nullptr || packet.size == 0) return true;
+    CachedMessage message(packet.data, packet.size, true);
+    if (message.data.size() != packet.size) {
+      LocalLog(2, kSourcePath, __LINE__,
+               "cache: no memory to load a message of %u bytes of channel %s; the file stays as it "
+               "is, and nothing is saved until the next Initialize",
+               packet.size, channel_name_.c_str());
+      return false;
+    }
+    pending_messages_.push_back(std::move(message));
+    ++sending_message_needed_count_;
+    *total_bytes += packet.size;
+    TellMessage(ReportEventKind::kLoaded, ReportEventCause::kNone, channel_name_,
+                pending_messages_.back());
+  }
+}
+
+template <typename File>
+void ReliableReportChannelHttps::AppendMessages(File* file) {
+  using Packet = decltype(file->GetNextDataPacket());
+  uint32_t count = 0;
+  ForEachMessageToSave([&](CachedMessage& message) {
+    file->AppendDataPacket(Packet{PacketBytes(&message.data), message.data.size()});
+    ++count;
+  });
+  if (file->IsSaveComplete()) TellSaved(count);
+}
+
+void ReliableReportChannelHttps::TellSaved(uint32_t count) {
+  if (!ReportEvents::HasListener()) return;
+  ReportEvent event{ReportEventKind::kSaved, ReportEventCause::kNone, channel_name_};
+  event.count = count;
+  ReportEvents::Tell(event);
+}
+
+bool ReliableReportChannelHttps::IsCacheWhole() const {
+  if (!cache_loaded_) return false;
+  return GetCacheOption() == kCacheMmap ? mmap_file_.IsSaveComplete()
+                                        : cache_file_.IsSaveComplete();
+}
 
 }  // namespace quenor

@@ -126,7 +126,7 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   // Destroys the HTTP client; the next send makes a new one.
   void DoClean();
   // Tells what becomes of each message that a termination finds in the store.
-  void TellLeftOver();
+  void TellLeftOver(bool cache_is_whole);
   // Any thread. A strong reference to the channel; ends the process when no std::shared_ptr owns
   // it.
   std::shared_ptr<ReliableReportChannelHttps> StrongThis();
@@ -195,10 +195,37 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   void LogoutStatistic();
 
   // --- Cache ----------------------------------------------------------------------------------
+  // Which backend, if any, is the process's cache option; each of these asks for it anew and does
+  // nothing when it is another's. The calls of the files block the queue while they run.
+  // Loads the cache, of either backend, unless it is loaded.
   void InitCacheMmap();
+  // Opens the file and puts its messages behind those in the store. Only then anything is saved.
   void LoadCache();
   bool OpenCache();
+  // Replaces the whole content of the file by the store's messages that need it.
   void SaveCache();
+  bool OpenCacheFile();
+  void LoadCacheFile();
+  void SaveCacheFile();
+  // Of all messages that a save writes: their bytes and 4 for each, modulo 2^32.
+  uint32_t CalculateCacheSize();
+  bool OpenCacheMmap();
+  void LoadCacheMmap();
+  void SaveCacheMmap();
+  // Those that need the cache: first in flight by ascending id, then pending from the front.
+  template <typename Visit>
+  void ForEachMessageToSave(Visit visit);
+  // Up to the end mark; adds the bytes up. False, and logged, when memory was exhausted: what was
+  // loaded so far stays in the store, and what was not must not be replaced in the file.
+  template <typename File>
+  bool LoadMessages(File* file, uint32_t* total_bytes);
+  // The packets of a save. A refused one, or a refused Clear() before, changes only what the
+  // listener is told, which the file knows.
+  template <typename File>
+  void AppendMessages(File* file);
+  void TellSaved(uint32_t count);
+  // True when the file holds all messages of the store that need the cache.
+  bool IsCacheWhole() const;
 
   // The fields, in an order that is part of the class.
   std::string channel_name_;  // Constant after construction.

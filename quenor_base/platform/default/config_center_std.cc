@@ -35,12 +35,6 @@ base::Optional<uint64_t> ParseDecimal(const char* text) {
   return value;
 }
 
-base::Optional<uint64_t> BuiltIn(const std::string& key) {
-  // This version keeps nothing on disk: reports live in memory until they are acknowledged.
-  if (key == BaseCfg().cache_option) return uint64_t{0};
-  return base::nullopt;
-}
-
 }  // namespace
 
 struct ConfigCenterImpl::State {
@@ -95,7 +89,6 @@ base::Optional<uint64_t> ConfigCenterImpl::GetValueWithPriority(
     const std::string& key, base::Optional<uint64_t> default_value) {
   if (const auto value = state_->Override(key)) return value;
   if (const auto value = state_->Environment(key)) return value;
-  if (const auto value = BuiltIn(key)) return value;
   return default_value;
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
+#include "quenor_base/platform/config_center.h"
 #include "quenor_base/platform/http_client.h"
 #include "quenor_base/platform/report_events.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
@@ -53,6 +54,9 @@ class ChannelOverNetworkTest : public ::testing::Test {
  protected:
   ChannelOverNetworkTest() : authority_(folder_.path(), "ca") {
     Trust(authority_);
+    // Nothing on disk: these tests are about the network.
+    config::ConfigCenterImpl::GetInstance()->SetHostOverride(config::BaseCfg().cache_option,
+                                                             uint64_t{0});
     GetSocks5ProxyConfigHolder()->SetConfig({});
   }
 

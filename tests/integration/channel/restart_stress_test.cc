@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
+#include "quenor_base/platform/config_center.h"
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/report_events.h"
 #include "quenor_base/platform/thread_manager.h"
@@ -94,6 +95,8 @@ void CallAnything(ReliableReportChannelHttps* channel, const std::string& url, u
 
 TEST(ChannelRestartStressTest, BooksCloseAfterEveryDrainWhileProducersGoOn) {
   SetLogSink([](void*, int, const char*, int, const char*, size_t) {}, nullptr);
+  config::ConfigCenterImpl::GetInstance()->SetHostOverride(config::BaseCfg().cache_option,
+                                                           uint64_t{0});
   Books books;
   ReportEvents::SetListener(&books);
   const std::string url = "http://127.0.0.1:" + std::to_string(UnusedPort()) + "/";

@@ -9,7 +9,10 @@
 
 #include "quenor_base/platform/base/path_service.h"
 #include "quenor_base/platform/config_center.h"
+#include "tests/conformance/environment_variable.h"
 #include "tests/support/channel_test_fixture.h"
+#include "tests/support/fake_cache_file.h"
+#include "tests/support/fake_mmap_file.h"
 #include "tests/support/temp_folder.h"
 
 namespace quenor::test {
@@ -20,31 +23,32 @@ void SetOption(base::Optional<uint64_t> option) {
 }
 
 // One life of a channel with one cached message, told on standard error line by line.
-void RunChannelOnce() {
+void RunChannelOnce(const std::string& name = kName) {
   const TempFolder folder;
   if (!base::PathService::Override(base::DIR_RELIABLE_REPORT, base::FilePath(folder.path()))) {
     std::exit(3);
   }
   RecordingLog::Clear();
+  FakeMmapFiles().Clear();
+  FakeCacheFiles().Clear();
   RecordingReportEvents events;
   VirtualTime time;
   FakeHttp http([&time](base::OnceClosure task) { time.PostToNetwork(std::move(task)); });
-  const auto channel = std::make_shared<ReliableReportChannelHttps>(kName, kUrl, 0u, false, false);
+  const auto channel = std::make_shared<ReliableReportChannelHttps>(name, kUrl, 0u, false, false);
   channel->Initialize();
   time.RunUntilIdle();
-  std::fprintf(stderr, "started\n");
-  for (const LogLine& line : RecordingLog::Lines()) {
-    std::fprintf(stderr, "level %d in %s: %s\n", line.level, line.file.c_str(), line.text.c_str());
-  }
-  RecordingLog::Clear();
   const uint8_t bytes[] = {'o', 'n', 'e'};
   channel->SendPacket(bytes, 3, true, true);
   time.RunUntilIdle();
   if (!http.Answer(0, 200, kSuccess)) std::exit(4);
   time.RunUntilIdle();
-  std::fprintf(stderr, "acknowledged %zu saved %zu loaded %zu later lines %zu\n",
+  for (const LogLine& line : RecordingLog::Lines()) {
+    std::fprintf(stderr, "level %d in %s: %s\n", line.level, line.file.c_str(), line.text.c_str());
+  }
+  std::fprintf(stderr, "acknowledged %zu saved %zu, folder %d, calls: mmap %zu plain %zu\n",
                events.Count(ReportEventKind::kAcknowledged), events.Count(ReportEventKind::kSaved),
-               events.Count(ReportEventKind::kLoaded), RecordingLog::Texts(2).size());
+               base::PathExists(base::FilePath(folder.File("quenor_report"))),
+               FakeMmapFiles().Calls().size(), FakeCacheFiles().Calls().size());
   channel->Terminate();
   time.RunUntilIdle();
 }
@@ -56,48 +60,67 @@ class ChannelCacheOptionDeathTest : public ::testing::Test {
     RunChannelOnce();
     std::exit(0);
   }
+
+  // Not the environment of whoever runs the tests.
+  const conformance::EnvironmentVariable unset_{"QUENOR_REPORT_CACHE_OPTION", nullptr};
 };
 
-constexpr char kNoCache[] = "started\nacknowledged 1 saved 0 loaded 0 later lines 0\n$";
+constexpr char kNoCache[] = "^acknowledged 1 saved 0, folder 0, calls: mmap 0 plain 0\n$";
 constexpr char kCacheFails[] =
-    "started\n"
-    "level 2 in quenor_base/data_report/https/reliable_report_channel_https: "
+    "^level 2 in quenor_base/data_report/https/reliable_report_channel_https: "
     "open mmap file failed!\n"
-    "acknowledged 1 saved 0 loaded 0 later lines 0\n$";
+    "acknowledged 1 saved 0, folder 0, calls: mmap 0 plain 0\n$";
+// An opening, one reading, and a save by each of the admission and the answer, the first with a
+// packet.
+constexpr char kPlainFile[] =
+    "^level 0 in quenor_base/data_report/https/reliable_report_channel_https: "
+    "load channel.cache successfully, data size is 0\n"
+    "acknowledged 1 saved 2, folder 1, calls: mmap 0 plain 5\n$";
+constexpr char kMappedFile[] =
+    "^level 0 in quenor_base/data_report/https/reliable_report_channel_https: "
+    "load channel.mmap successfully, data size is 0\n"
+    "acknowledged 1 saved 2, folder 1, calls: mmap 5 plain 0\n$";
 
-TEST_F(ChannelCacheOptionDeathTest, ZeroOpensNoCacheAndLogsNothing) {
+TEST_F(ChannelCacheOptionDeathTest, ZeroTouchesNoFileAndLogsNothing) {
   EXPECT_EXIT(RunWith(uint64_t{0}), ::testing::ExitedWithCode(0), kNoCache);
 }
 
-TEST_F(ChannelCacheOptionDeathTest, OneLogsThatTheOpenFailedAndSavesNothing) {
-  EXPECT_EXIT(RunWith(uint64_t{1}), ::testing::ExitedWithCode(0), kCacheFails);
+TEST_F(ChannelCacheOptionDeathTest, OneKeepsThePlainFile) {
+  EXPECT_EXIT(RunWith(uint64_t{1}), ::testing::ExitedWithCode(0), kPlainFile);
 }
 
-TEST_F(ChannelCacheOptionDeathTest, TwoLogsThatTheOpenFailedAndSavesNothing) {
-  EXPECT_EXIT(RunWith(uint64_t{2}), ::testing::ExitedWithCode(0), kCacheFails);
+TEST_F(ChannelCacheOptionDeathTest, TwoKeepsTheMappedFile) {
+  EXPECT_EXIT(RunWith(uint64_t{2}), ::testing::ExitedWithCode(0), kMappedFile);
 }
 
-TEST_F(ChannelCacheOptionDeathTest, UnknownOptionLogsThatTheOpenFailedAndSavesNothing) {
-  EXPECT_EXIT(RunWith(uint64_t{7}), ::testing::ExitedWithCode(0), kCacheFails);
+TEST_F(ChannelCacheOptionDeathTest, WithoutAValueTheMappedFileIsKept) {
+  EXPECT_EXIT(RunWith(base::nullopt), ::testing::ExitedWithCode(0), kMappedFile);
+}
+
+TEST_F(ChannelCacheOptionDeathTest, AnyOtherLogsThatTheOpenFailedAndSavesNothingSilently) {
+  EXPECT_EXIT(RunWith(uint64_t{3}), ::testing::ExitedWithCode(0), kCacheFails);
+  EXPECT_EXIT(RunWith(uint64_t{0xffffffff}), ::testing::ExitedWithCode(0), kCacheFails);
 }
 
 TEST_F(ChannelCacheOptionDeathTest, OnlyTheLowThirtyTwoBitsOfTheOptionCount) {
-  EXPECT_EXIT(RunWith(uint64_t{4294967297}), ::testing::ExitedWithCode(0), kCacheFails);
+  EXPECT_EXIT(RunWith(uint64_t{4294967297}), ::testing::ExitedWithCode(0), kPlainFile);
   EXPECT_EXIT(RunWith(uint64_t{4294967296}), ::testing::ExitedWithCode(0), kNoCache);
 }
 
-TEST_F(ChannelCacheOptionDeathTest, OptionIsReadOncePerProcess) {
+TEST_F(ChannelCacheOptionDeathTest, LaterChangeOfTheOptionIsSeenByNoChannelOfTheProcess) {
   EXPECT_EXIT(
       {
-        SetOption(uint64_t{0});
-        RunChannelOnce();
         SetOption(uint64_t{1});
         RunChannelOnce();
+        SetOption(uint64_t{2});
+        RunChannelOnce("channel");
+        RunChannelOnce("another");
         std::exit(0);
       },
       ::testing::ExitedWithCode(0),
-      "^started\nacknowledged 1 saved 0 loaded 0 later lines 0\n"
-      "started\nacknowledged 1 saved 0 loaded 0 later lines 0\n$");
+      "^level 0 [^\n]*: load channel.cache successfully, data size is 0\n[^\n]*mmap 0 plain 5\n"
+      "level 0 [^\n]*: load channel.cache successfully, data size is 0\n[^\n]*mmap 0 plain 5\n"
+      "level 0 [^\n]*: load another.cache successfully, data size is 0\n[^\n]*mmap 0 plain 5\n$");
 }
 
 }  // namespace

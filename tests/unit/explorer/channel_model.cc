@@ -11,11 +11,18 @@ constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
 
 std::string Number(uint32_t value) { return std::to_string(value); }
 
+// Counts a call down to its failure.
+bool Fails(size_t* countdown) { return *countdown > 0 && --*countdown == 0; }
+
 }  // namespace
 
 ChannelModel::ChannelModel(std::string name_in, std::string url_in, bool compress_in,
-                           WorldAnswers* world)
-    : name(std::move(name_in)), compress(compress_in), url(std::move(url_in)), world_(world) {
+                           bool has_cache_in, WorldAnswers* world)
+    : name(std::move(name_in)),
+      compress(compress_in),
+      has_cache(has_cache_in),
+      url(std::move(url_in)),
+      world_(world) {
   if (deflateInit2(&deflater_, 9, Z_DEFLATED, -15, 9, Z_DEFAULT_STRATEGY) != Z_OK) {
     Fail("the model has no memory for its deflater");
   }
@@ -298,6 +305,7 @@ void ChannelModel::EndClient() {
 
 void ChannelModel::DoInit() {
   if (running) return;
+  LoadCache();
   running = true;
   if (!statistic_timer.running) {
     Start(&statistic_timer, 600000000, true, "statistics", &ChannelModel::Statistics);
@@ -310,12 +318,14 @@ void ChannelModel::DoTerminate() {
   Stop(&statistic_timer);
   Statistics();
   EndClient();
-  for (const auto& [id, message] : sending) {
-    Tell(Kind::kDropped, Cause::kTerminated, message, *message.stored, id);
-  }
-  for (const ModelMessage& message : pending) {
-    Tell(Kind::kDropped, Cause::kTerminated, message, *message.stored);
-  }
+  const auto end = [this](const ModelMessage& message, int64_t id) {
+    const bool kept = message.need_cache && cache.loaded && cache.whole;
+    Tell(kept ? Kind::kKept : Kind::kDropped, kept ? Cause::kNone : Cause::kTerminated, message,
+         *message.stored, id);
+  };
+  for (const auto& [id, message] : sending) end(message, id);
+  for (const ModelMessage& message : pending) end(message, 0);
+  CloseCache();
   pending.clear();
   sending.clear();
   Stop(&clean_timer);
@@ -353,6 +363,7 @@ void ChannelModel::Admit(ModelMessage message, bool send_now) {
   const bool at_once = send_now && resend_interval_ms == 0;
   pending.insert(at_once ? pending.begin() : pending.end(), message);
   if (at_once) DoSend();
+  SaveCache();
   EnsureSendTimer();
 }
 
@@ -451,6 +462,7 @@ void ChannelModel::DoOnResponse(const ModelResponse& response) {
   } else {
     Retry(response, message);
   }
+  SaveCache();
 }
 
 void ChannelModel::Deliver(const ModelReply& reply) {
@@ -507,6 +519,73 @@ void ChannelModel::Retry(const ModelResponse& response, ModelMessage message) {
     EnsureSendTimer();
   }
   ++fail_count;
+}
+
+// --- The cache ---
+
+bool ChannelModel::OpenCache() {
+  if (cache.folder_unknown) {
+    Log(2, "PathService::Get base::DIR_RELIABLE_REPORT failed!");
+    return false;
+  }
+  if (!cache.folder_exists && cache.folder_uncreatable) {
+    Log(2, "CreateDirectory failed! path=" + cache.folder);
+    return false;
+  }
+  cache.folder_exists = true;
+  cache.calls.push_back("open");
+  return !Fails(&cache.open_failure);
+}
+
+void ChannelModel::LoadCache() {
+  if (!has_cache) return;
+  if (!OpenCache()) return Log(2, "open mmap file failed!");
+  cache.open = cache.whole = true;
+  cache.unreadable = false;
+  uint32_t total = 0;
+  for (size_t i = 0;; ++i) {
+    cache.calls.push_back("next");
+    if (Fails(&cache.next_failure)) cache.unreadable = true;
+    if (cache.unreadable || i == cache.packets.size() || cache.packets[i]->empty()) break;
+    ModelMessage message;
+    message.stored = cache.packets[i];
+    message.need_cache = true;
+    pending.push_back(message);
+    ++needed;
+    total += static_cast<uint32_t>(message.stored->size());
+    Tell(Kind::kLoaded, Cause::kNone, message, *message.stored);
+  }
+  cache.loaded = true;
+  Log(0, "load " + name + ".mmap successfully, data size is " + Number(total));
+}
+
+void ChannelModel::SaveCache() {
+  if (!has_cache) return;
+  if (!cache.loaded) return Log(2, "mmap file has been loaded!");
+  std::vector<std::shared_ptr<const std::string>> packets;
+  for (const auto& [id, message] : sending) {
+    if (message.need_cache) packets.push_back(message.stored);
+  }
+  for (const ModelMessage& message : pending) {
+    if (message.need_cache) packets.push_back(message.stored);
+  }
+  size_t room = 0;
+  for (const auto& packet : packets) room += packet->size() + 4;
+  cache.calls.push_back("clear " + std::to_string(room));
+  cache.whole = !Fails(&cache.clear_failure) && !cache.unreadable;
+  for (const auto& packet : packets) {
+    cache.calls.push_back("append " + std::to_string(packet->size()));
+    if (Fails(&cache.append_failure)) cache.whole = false;
+  }
+  if (!cache.whole) return;
+  Tell(Kind::kSaved, Cause::kNone, ModelMessage(), std::string());
+  events_.back().count = static_cast<uint32_t>(packets.size());
+  cache.packets = std::move(packets);
+}
+
+void ChannelModel::CloseCache() {
+  if (cache.open) cache.calls.push_back("close");
+  cache.open = cache.loaded = false;
 }
 
 }  // namespace quenor::test

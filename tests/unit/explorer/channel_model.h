@@ -1,7 +1,8 @@
-// ChannelModel: what a report channel without a cache is to do, written a second time and as
-// plainly as possible: one clock, one ordered list of tasks, messages as strings. It predicts every
-// event, every log line, every timer and the whole store; the explorer compares all of it after
-// each task. Threads: the test's own. Page: docs/design/explorer.md.
+// ChannelModel: what a report channel, without a cache or with a mapped file, is to do, written a
+// second time and as plainly as possible: one clock, one ordered list of tasks, messages and the
+// file's packets as strings. It predicts every event, every log line, every timer, every call of
+// the file and the whole store; the explorer compares all of it after each task. Threads: the
+// test's own. Page: docs/design/explorer.md.
 #ifndef QUENOR_TESTS_UNIT_EXPLORER_CHANNEL_MODEL_H_
 #define QUENOR_TESTS_UNIT_EXPLORER_CHANNEL_MODEL_H_
 
@@ -74,10 +75,27 @@ struct ModelLogLine {
   std::string text;
 };
 
+// The cache's file, and what is to fail of it: the nth call from now, 0 for none.
+struct ModelCache {
+  std::string folder;
+  bool folder_exists = false;
+  bool folder_unknown = false;  // The path service does not know where it is to be.
+  bool folder_uncreatable = false;
+  size_t open_failure = 0, next_failure = 0, clear_failure = 0, append_failure = 0;
+
+  bool open = false;
+  bool loaded = false;
+  bool unreadable = false;  // A packet could not be read, so that nothing may be replaced.
+  bool whole = false;       // No save was begun, or the last one is complete.
+  std::vector<std::shared_ptr<const std::string>> packets;
+  std::vector<std::string> calls;  // Each that reaches the file, in words.
+};
+
 class ChannelModel {
  public:
   // Borrows `world` until destroyed.
-  ChannelModel(std::string name, std::string url, bool compress, WorldAnswers* world);
+  ChannelModel(std::string name, std::string url, bool compress, bool has_cache,
+               WorldAnswers* world);
   ~ChannelModel();
   ChannelModel(const ChannelModel&) = delete;
   ChannelModel& operator=(const ChannelModel&) = delete;
@@ -122,6 +140,8 @@ class ChannelModel {
   // Read by the explorer; written by nobody else.
   const std::string name;
   const bool compress;
+  const bool has_cache;
+  ModelCache cache;  // Its failures are the explorer's to set.
   std::string url;
   int64_t now = 0;
   bool initialized = false;
@@ -200,6 +220,10 @@ class ChannelModel {
   void Deliver(const ModelReply& reply);
   void Apply(const ModelReply& reply);
   void Retry(const ModelResponse& response, ModelMessage message);
+  bool OpenCache();
+  void LoadCache();
+  void SaveCache();
+  void CloseCache();
 
   WorldAnswers* const world_;
   std::map<Key, Task> tasks_;

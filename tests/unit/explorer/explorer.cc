@@ -8,6 +8,10 @@
 #include <tuple>
 #include <utility>
 
+#include "quenor_base/platform/config_center.h"
+#include "tests/support/fake_mmap_file.h"
+#include "tests/support/fake_path_service.h"
+
 namespace quenor::test {
 
 namespace {
@@ -15,6 +19,8 @@ namespace {
 constexpr size_t kNotesKept = 30;
 constexpr size_t kLongestNote = 4000;
 constexpr char kOtherUrl[] = "https://other.example/report";
+constexpr char kCacheFolder[] = "/reports/quenor_report";
+constexpr char kCachePath[] = "/reports/quenor_report/channel.mmap";
 
 std::string Text(const CopyOnWriteBuffer& buffer) {
   const char* bytes = buffer.cdata<char>();
@@ -60,7 +66,28 @@ const uint8_t* Data(const std::string& bytes) {
   return reinterpret_cast<const uint8_t*>(bytes.data());
 }
 
+// A call of the cache's file in the model's words.
+std::string InWords(const FileCall& call) {
+  switch (call.operation) {
+    case FileCall::Operation::kOpen:
+      return call.access == 2 && call.size == 0 ? "open" : "open in another way";
+    case FileCall::Operation::kNext:
+      return "next";
+    case FileCall::Operation::kClear:
+      return "clear " + std::to_string(call.size);
+    case FileCall::Operation::kAppend:
+      return "append " + std::to_string(call.bytes.size());
+    default:
+      return "close";
+  }
+}
+
 }  // namespace
+
+bool Explorer::HasCache() {
+  return config::ConfigCenterImpl::GetInstance()->GetValueWithPriority(
+             config::BaseCfg().cache_option, uint64_t{2}) == uint64_t{2};
+}
 
 Explorer::Character Explorer::MakeCharacter(std::mt19937_64* random) {
   const auto one_of = [random](std::vector<uint32_t> values) {
@@ -89,7 +116,10 @@ Explorer::Explorer(uint64_t seed, Sightings* sightings)
   RecordingLog::Clear();
   GetSocks5ProxyConfigHolder()->SetConfig({});
   const std::string url = OneIn(20) ? "" : kUrl;
-  model_ = std::make_unique<ChannelModel>(kName, url, character_.compress, &world_);
+  FakeMmapFiles().Clear();
+  FakePaths::Clear();
+  model_ = std::make_unique<ChannelModel>(kName, url, character_.compress, HasCache(), &world_);
+  model_->cache.folder = kCacheFolder;
   channel_ = std::make_shared<ReliableReportChannelHttps>(
       kName, url, static_cast<unsigned>(Below(9)), character_.http2, character_.compress);
   http_.SetOnSend([this](const HttpClient::Request& request) { OnSend(request); });
@@ -389,6 +419,7 @@ void Explorer::Retune() {
 }
 
 void Explorer::Disturb() {
+  if (model_->has_cache && OneIn(2)) return DisturbCache();
   switch (Below(12)) {
     case 0: {
       const auto count = static_cast<uint32_t>(Below(4));
@@ -408,6 +439,31 @@ void Explorer::Disturb() {
       Note("requests can be started");
       refuses_ = false;
   }
+}
+
+void Explorer::DisturbCache() {
+  ModelCache& cache = model_->cache;
+  const uint64_t what = Below(16);
+  const size_t nth = 1 + Below(what == 1 ? 2 : what == 2 ? 5 : 60);
+  if (what == 0) cache.folder_unknown = cache.folder_uncreatable = OneIn(2);
+  if (what == 1) cache.open_failure = nth;
+  if (what == 2) cache.clear_failure = nth;
+  if (what == 3) cache.append_failure = nth;
+  if (what == 4) cache.next_failure = nth;
+  if (what == 5) cache.folder_uncreatable = true;
+  if (what > 9) {
+    cache.folder_unknown = cache.folder_uncreatable = false;
+    cache.open_failure = cache.clear_failure = cache.append_failure = cache.next_failure = 0;
+  }
+  Note("the cache: folder %d %d, open %zu, clear %zu, append %zu, next %zu", cache.folder_unknown,
+       cache.folder_uncreatable, cache.open_failure, cache.clear_failure, cache.append_failure,
+       cache.next_failure);
+  FakePaths::FailGet(cache.folder_unknown);
+  FakePaths::FailCreate(cache.folder_uncreatable);
+  FakeMmapFiles().FailOpen(cache.open_failure);
+  FakeMmapFiles().FailClear(cache.clear_failure);
+  FakeMmapFiles().FailAppend(cache.append_failure);
+  FakeMmapFiles().FailNext(cache.next_failure);
 }
 
 void Explorer::Terminate() {
@@ -520,13 +576,18 @@ void Explorer::OnEvent(const ReportEvent& event) {
       return Saw("failed");
     case Kind::kKept:
       ++kept_;
-      return;
+      kept_now_.emplace_back(reinterpret_cast<const char*>(event.data), event.size);
+      return Saw("kept");
+    case Kind::kLoaded:
+      ++loaded_;
+      ++counted_[0];
+      return Saw("loaded");
+    case Kind::kSaved:
+      return Saw("saved");
     case Kind::kRetuned:
       return Saw("retuned");
     case Kind::kDropped:
       break;
-    default:
-      return Fail("an event of a cache, where there is none");
   }
   ++dropped_;
   switch (event.cause) {
@@ -575,6 +636,7 @@ void Explorer::Check() {
   CheckState();
   CheckTimers();
   CheckStore();
+  CheckCache();
   CheckBooks();
   CheckClock();
   Same("requests that nothing called for", world_.sent.size(), 0u);
@@ -609,22 +671,29 @@ void Explorer::CheckEvents() {
 }
 
 void Explorer::CheckLog() {
-  const std::vector<LogLine> is = RecordingLog::Lines();
+  std::vector<LogLine> is = RecordingLog::Lines();
+  const bool any = !is.empty();
+  // The file has words of its own.
+  is.erase(std::remove_if(is.begin(), is.end(),
+                          [](const LogLine& line) { return line.file != kSourcePath; }),
+           is.end());
   const std::vector<ModelLogLine>& ought_to_be = model_->log();
   for (size_t i = 0; i < std::max(is.size(), ought_to_be.size()); ++i) {
     if (i < is.size() && i < ought_to_be.size() && is[i].level == ought_to_be[i].level &&
-        is[i].text == ought_to_be[i].text && is[i].file == kSourcePath) {
-      if (is[i].level == 0) {
+        is[i].text == ought_to_be[i].text) {
+      if (is[i].text.rfind("report channel", 0) == 0) {
         Saw("statistics line");
         counted_ = {};
       }
+      if (is[i].text == "open mmap file failed!") Saw("cache not opened");
+      if (is[i].text == "mmap file has been loaded!") Saw("save refused");
       continue;
     }
     Fail("a log line differs: is \"" + (i < is.size() ? is[i].text : "") + "\", ought to be \"" +
          (i < ought_to_be.size() ? ought_to_be[i].text : "") + "\"");
     break;
   }
-  if (!is.empty()) RecordingLog::Clear();
+  if (any) RecordingLog::Clear();
   model_->log().clear();
 }
 
@@ -686,13 +755,44 @@ void Explorer::CheckStore() {
   if (position >= 200) Saw("200 pending");
 }
 
+void Explorer::CheckCache() {
+  ModelCache& cache = model_->cache;
+  Same("cache_loaded_", peer().cache_loaded(), cache.loaded);
+  const std::vector<FileCall> calls = FakeMmapFiles().Calls();
+  Same("calls of the file", calls.size(), cache.calls.size());
+  if (!error_.empty() || calls.empty()) return;
+  for (size_t i = 0; i < calls.size(); ++i) {
+    Same("a call of the file", InWords(calls[i]), cache.calls[i]);
+  }
+  FakeMmapFiles().ForgetCalls();
+  cache.calls.clear();
+  if (cache.open && !cache.whole) Saw("save failed");
+  if (cache.unreadable) Saw("packet unreadable");
+  const FakePacketFiles::Packets content = FakeMmapFiles().Content(kCachePath);
+  Same("packets in the file", content.size(), cache.packets.size());
+  if (!error_.empty()) return;
+  for (size_t i = 0; i < content.size(); ++i) {
+    Expect(content[i] == *cache.packets[i], "another packet is in the file");
+  }
+  CheckKept(content);
+}
+
+// From the events and the file alone.
+void Explorer::CheckKept(std::vector<std::string> content) {
+  std::sort(content.begin(), content.end());
+  std::sort(kept_now_.begin(), kept_now_.end());
+  Expect(std::includes(content.begin(), content.end(), kept_now_.begin(), kept_now_.end()),
+         "a message is told as kept that is not in the file");
+  kept_now_.clear();
+}
+
 // From the events alone, not from what the model predicts.
 void Explorer::CheckBooks() {
   Peer p = peer();
   const uint64_t inside = p.pending().size() + p.sending().size() + model_->OnTheWay();
-  Same("handed over less ended", handed_over_ - refused_ - acknowledged_ - dropped_ - kept_,
-       inside);
-  Same("kept", kept_, 0u);
+  Same("handed over and loaded less ended",
+       handed_over_ + loaded_ - refused_ - acknowledged_ - dropped_ - kept_, inside);
+  Expect(model_->has_cache || loaded_ + kept_ == 0, "an event of a cache, where there is none");
   Same("sending_message_needed_count_", p.needed(), counted_[0]);
   Same("sending_message_actual_count_", p.actual(), counted_[1]);
   Same("sending_message_successful_count_", p.successful(), counted_[2]);

@@ -23,7 +23,8 @@ using Sightings = std::map<std::string, uint64_t>;
 
 class Explorer {
  public:
-  // Borrows `sightings`, to which it adds, until it is destroyed.
+  // Borrows `sightings`, to which it adds, until it is destroyed. The process's cache option says
+  // whether the channel has a cache: 0 none, 2 the mapped file.
   Explorer(uint64_t seed, Sightings* sightings);
   ~Explorer();
   Explorer(const Explorer&) = delete;
@@ -32,6 +33,8 @@ class Explorer {
   // Once. That many steps, then a termination. Answers what went wrong, with the last 30 steps;
   // empty when nothing did.
   std::string Run(uint64_t steps);
+
+  static bool HasCache();
 
   uint64_t steps() const { return steps_; }
   uint64_t tasks() const { return tasks_; }
@@ -73,6 +76,7 @@ class Explorer {
   static std::unique_ptr<HttpClient::Response> RealResponse(const ModelResponse& response);
   void Retune();
   void Disturb();
+  void DisturbCache();
   void Terminate();
   void Initialize();
   void End();
@@ -91,6 +95,8 @@ class Explorer {
   void CheckState();
   void CheckTimers();
   void CheckStore();
+  void CheckCache();
+  void CheckKept(std::vector<std::string> content);
   void CheckBooks();
   void CheckClock();
   template <typename A, typename B>
@@ -120,7 +126,9 @@ class Explorer {
   uint64_t refused_ = 0;
   uint64_t acknowledged_ = 0;
   uint64_t kept_ = 0;
+  uint64_t loaded_ = 0;
   uint64_t dropped_ = 0;
+  std::vector<std::string> kept_now_;  // By the task that runs.
   // Since the last statistics line, from the events alone.
   std::array<uint32_t, 5> counted_{};
   WorldAnswers world_;

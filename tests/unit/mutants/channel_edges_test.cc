@@ -7,8 +7,11 @@
 #include <random>
 #include <string>
 
+#include "quenor_base/platform/base/path_service.h"
 #include "quenor_base/platform/config_center.h"
 #include "tests/support/channel_test_fixture.h"
+#include "tests/support/fake_mmap_file.h"
+#include "tests/support/temp_folder.h"
 
 namespace quenor::test {
 namespace {
@@ -113,7 +116,11 @@ TEST_F(ChannelStreamEdgeTest, CompressedBodyIsOneStreamWithoutAFlushInside) {
 [[noreturn]] void InitTwiceWithACacheThatFails() {
   config::ConfigCenterImpl::GetInstance()->SetHostOverride(config::BaseCfg().cache_option,
                                                            uint64_t{2});
-  RecordingLog::Clear();
+  const TempFolder folder;
+  if (!base::PathService::Override(base::DIR_RELIABLE_REPORT, base::FilePath(folder.path()))) {
+    std::exit(3);
+  }
+  FakeMmapFiles().FailOpen(1);
   VirtualTime time;
   FakeHttp http([&time](base::OnceClosure task) { time.PostToNetwork(std::move(task)); });
   const auto channel = std::make_shared<ReliableReportChannelHttps>(kName, kUrl, 0u, false, false);
@@ -122,7 +129,8 @@ TEST_F(ChannelStreamEdgeTest, CompressedBodyIsOneStreamWithoutAFlushInside) {
   ReliableReportChannelHttpsTestPeer peer(channel.get());
   peer.queue()->PostTask(base::Location(), [&peer] { peer.DoInit(); });
   time.RunUntilIdle();
-  std::fprintf(stderr, "opened %zu times\n", RecordingLog::Texts(2).size());
+  std::fprintf(stderr, "opened %zu times\n",
+               FakeMmapFiles().Calls(FileCall::Operation::kOpen).size());
   channel->Terminate();
   time.RunUntilIdle();
   std::exit(0);

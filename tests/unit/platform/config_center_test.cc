@@ -13,18 +13,19 @@ INSTANTIATE_TYPED_TEST_SUITE_P(Default, ConfigCenterConformance, config::ConfigC
 namespace quenor::config {
 namespace {
 
-TEST(ConfigCenterTest, BuildsInThatNothingIsKeptOnDisk) {
+TEST(ConfigCenterTest, LeavesTheCacheOptionToItsReaderWhenNoSourceHasIt) {
   const conformance::EnvironmentVariable unset("QUENOR_REPORT_CACHE_OPTION", nullptr);
+  ConfigCenterImpl* const center = ConfigCenterImpl::GetInstance();
 
-  EXPECT_EQ(uint64_t{0},
-            ConfigCenterImpl::GetInstance()->GetValueWithPriority(BaseCfg().cache_option, 2));
+  EXPECT_EQ(uint64_t{2}, center->GetValueWithPriority(BaseCfg().cache_option, 2));
+  EXPECT_EQ(base::nullopt, center->GetValueWithPriority(BaseCfg().cache_option, base::nullopt));
 }
 
-TEST(ConfigCenterTest, FallsBackToTheBuiltInValueBehindATextThatIsNoNumber) {
+TEST(ConfigCenterTest, FallsBackToTheDefaultBehindATextThatIsNoNumber) {
   const conformance::CapturedLog log;
   const conformance::EnvironmentVariable variable("QUENOR_REPORT_CACHE_OPTION", "mmap");
 
-  EXPECT_EQ(uint64_t{0},
+  EXPECT_EQ(uint64_t{2},
             ConfigCenterImpl::GetInstance()->GetValueWithPriority(BaseCfg().cache_option, 2));
 }
 

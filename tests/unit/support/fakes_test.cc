@@ -6,7 +6,11 @@
 #include <vector>
 
 #include "quenor_base/platform/local_log.h"
+#include "quenor_base/platform/multi_process_safety_mmap_file.h"
+#include "quenor_base/platform/reliable_report_cache_file.h"
+#include "tests/support/fake_cache_file.h"
 #include "tests/support/fake_http_client.h"
+#include "tests/support/fake_mmap_file.h"
 #include "tests/support/memory_faults.h"
 #include "tests/support/recording_log.h"
 #include "tests/support/temp_folder.h"
@@ -101,6 +105,233 @@ TEST_F(FakeHttpTest, DroppedRequestIsNeverAnswered) {
 
   EXPECT_TRUE(states_.empty());
   EXPECT_TRUE(http_.Outstanding().empty());
+}
+
+// --- The cache files ---
+
+using Packets = FakePacketFiles::Packets;
+
+template <typename File>
+Packets ReadAll(File* file) {
+  Packets packets;
+  for (auto packet = file->GetNextDataPacket(); packet.size > 0;
+       packet = file->GetNextDataPacket()) {
+    packets.emplace_back(reinterpret_cast<const char*>(packet.data), packet.size);
+  }
+  return packets;
+}
+
+template <typename File>
+bool Append(File* file, const std::string& bytes) {
+  using Packet = decltype(file->GetNextDataPacket());
+  return file->AppendDataPacket(
+      Packet{reinterpret_cast<const uint8_t*>(bytes.data()), static_cast<uint32_t>(bytes.size())});
+}
+
+class FakeMmapFileTest : public ::testing::Test {
+ protected:
+  FakeMmapFileTest() {
+    RecordingLog::Clear();
+    FakeMmapFiles().Clear();
+    FakeMmapFiles().Put(kPath, {"old"});
+  }
+  static bool Open(MultiProcessSafetyMmapFile* file) {
+    return file->Open(base::FilePath(kPath), base::MemoryMappedFile::READ_WRITE_EXTEND, 0);
+  }
+  static Packets Content() { return FakeMmapFiles().Content(kPath); }
+
+  static constexpr char kPath[] = "/folder/a.mmap";
+};
+
+TEST_F(FakeMmapFileTest, SaveCountsOnceExactlyTheAnnouncedSizeHasCome) {
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(Open(&file));
+  EXPECT_TRUE(file.IsSaveComplete());
+  EXPECT_TRUE(file.Clear(14));
+
+  EXPECT_TRUE(Append(&file, "one"));
+  EXPECT_FALSE(file.IsSaveComplete());
+  EXPECT_EQ(Content(), Packets{"old"});
+  EXPECT_TRUE(Append(&file, "two"));
+
+  EXPECT_TRUE(file.IsSaveComplete());
+  EXPECT_EQ(Content(), (Packets{"one", "two"}));
+  EXPECT_FALSE(Append(&file, ""));
+  EXPECT_TRUE(file.IsSaveComplete());
+}
+
+TEST_F(FakeMmapFileTest, TwoHalfSavesNeverMakeAWholeOne) {
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(Open(&file));
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_TRUE(file.Clear(14));
+    EXPECT_TRUE(Append(&file, "one"));
+  }
+
+  EXPECT_FALSE(file.IsSaveComplete());
+  EXPECT_EQ(Content(), Packets{"old"});
+}
+
+TEST_F(FakeMmapFileTest, PacketBeyondTheAnnouncedSizeVoidsTheSave) {
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(Open(&file));
+  EXPECT_TRUE(file.Clear(7));
+
+  EXPECT_FALSE(Append(&file, "four"));
+  EXPECT_FALSE(Append(&file, "one"));
+
+  EXPECT_FALSE(file.IsSaveComplete());
+  EXPECT_EQ(Content(), Packets{"old"});
+}
+
+TEST_F(FakeMmapFileTest, SizeZeroEmptiesTheFileAtOnce) {
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(Open(&file));
+
+  EXPECT_TRUE(file.Clear(0));
+
+  EXPECT_TRUE(file.IsSaveComplete());
+  EXPECT_EQ(Content(), Packets{});
+}
+
+TEST_F(FakeMmapFileTest, RefusedClearAndRefusedPacketKeepTheOldContent) {
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(Open(&file));
+  EXPECT_FALSE(file.Clear(-1));
+  FakeMmapFiles().FailClear(1);
+  EXPECT_FALSE(file.Clear(7));
+  EXPECT_FALSE(Append(&file, "one"));
+  EXPECT_FALSE(file.IsSaveComplete());
+  FakeMmapFiles().FailAppend(1);
+  EXPECT_TRUE(file.Clear(7));
+  EXPECT_FALSE(Append(&file, "one"));
+
+  EXPECT_FALSE(file.IsSaveComplete());
+  EXPECT_EQ(Content(), Packets{"old"});
+}
+
+TEST_F(FakeMmapFileTest, OwnerTakesWhatTheDeadLeftAndItsFirstSaveReplacesThat) {
+  MultiProcessSafetyMmapFile first;
+  MultiProcessSafetyMmapFile second;
+  ASSERT_TRUE(Open(&first));
+  ASSERT_TRUE(Open(&second));
+  EXPECT_EQ(ReadAll(&first), Packets{"old"});
+  EXPECT_EQ(ReadAll(&second), Packets{}) << "the first owner has taken it";
+  EXPECT_TRUE(second.Clear(7) && Append(&second, "its"));
+  EXPECT_EQ(Content(), (Packets{"old", "its"}));
+
+  EXPECT_TRUE(first.Clear(0));
+
+  EXPECT_EQ(Content(), Packets{"its"});
+}
+
+TEST_F(FakeMmapFileTest, ContentThatWasTakenAndNotReplacedIsLeftForTheNext) {
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(Open(&file));
+  EXPECT_TRUE(file.Clear(100));
+  file.Close();
+  EXPECT_FALSE(file.IsSaveComplete());
+
+  ASSERT_TRUE(Open(&file));
+
+  EXPECT_EQ(ReadAll(&file), Packets{"old"});
+}
+
+TEST_F(FakeMmapFileTest, OpenRefusesAnotherAccessAPathThroughAParentAndTooManyOwners) {
+  MultiProcessSafetyMmapFile file;
+  EXPECT_FALSE(file.Open(base::FilePath(kPath), base::MemoryMappedFile::READ_WRITE, 0));
+  EXPECT_FALSE(
+      file.Open(base::FilePath("/folder/../a.mmap"), base::MemoryMappedFile::READ_WRITE_EXTEND, 0));
+  std::vector<MultiProcessSafetyMmapFile> owners(MultiProcessSafetyMmapFile::kMaxOwners);
+  for (MultiProcessSafetyMmapFile& owner : owners) ASSERT_TRUE(Open(&owner));
+
+  EXPECT_FALSE(Open(&file));
+  EXPECT_EQ(RecordingLog::Texts(2).size(), 3u);
+}
+
+TEST_F(FakeMmapFileTest, UnreadablePacketIsAnEndMarkAndRefusesEverySave) {
+  FakeMmapFiles().FailNext(1);
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(Open(&file));
+
+  EXPECT_EQ(ReadAll(&file), Packets{});
+  EXPECT_FALSE(file.Clear(0));
+
+  EXPECT_FALSE(file.IsSaveComplete());
+  EXPECT_EQ(Content(), Packets{"old"});
+}
+
+class FakeCacheFileTest : public ::testing::Test {
+ protected:
+  FakeCacheFileTest() {
+    RecordingLog::Clear();
+    FakeCacheFiles().Clear();
+    FakeCacheFiles().Put(kPath, {"old", "", "behind"});
+  }
+  static bool Open(ReliableReportCacheFile* file) { return file->Open(base::FilePath(kPath)); }
+  static Packets Content() { return FakeCacheFiles().Content(kPath); }
+
+  static constexpr char kPath[] = "/folder/a.cache";
+};
+
+TEST_F(FakeCacheFileTest, EmptyPacketReadsLikeAnEndAndTheCallBehindItGoesOn) {
+  ReliableReportCacheFile file;
+  ASSERT_TRUE(Open(&file));
+
+  EXPECT_EQ(ReadAll(&file), Packets{"old"});
+  EXPECT_EQ(ReadAll(&file), Packets{"behind"});
+  EXPECT_EQ(ReadAll(&file), Packets{});
+}
+
+TEST_F(FakeCacheFileTest, SaveIsWhatWasAppendedSinceTheClear) {
+  ReliableReportCacheFile file;
+  ASSERT_TRUE(Open(&file));
+
+  EXPECT_TRUE(file.Clear());
+  EXPECT_TRUE(Append(&file, "one") && Append(&file, ""));
+  EXPECT_TRUE(file.IsSaveComplete());
+  file.Close();
+
+  EXPECT_EQ(Content(), (Packets{"one", ""}));
+}
+
+TEST_F(FakeCacheFileTest, RefusedPacketVoidsItsSaveAndTheOneBeforeStays) {
+  ReliableReportCacheFile file;
+  ASSERT_TRUE(Open(&file));
+  EXPECT_TRUE(file.Clear() && Append(&file, "whole"));
+  EXPECT_TRUE(file.Clear() && Append(&file, "one"));
+  FakeCacheFiles().FailAppend(1);
+
+  EXPECT_FALSE(Append(&file, "two"));
+  EXPECT_FALSE(Append(&file, "three"));
+
+  EXPECT_FALSE(file.IsSaveComplete());
+  EXPECT_EQ(Content(), Packets{"whole"});
+}
+
+TEST_F(FakeCacheFileTest, RefusedClearKeepsTheSaveBefore) {
+  ReliableReportCacheFile file;
+  ASSERT_TRUE(Open(&file));
+  EXPECT_TRUE(file.Clear() && Append(&file, "whole"));
+  FakeCacheFiles().FailClear(1);
+
+  EXPECT_FALSE(file.Clear());
+  EXPECT_FALSE(Append(&file, "one"));
+
+  EXPECT_FALSE(file.IsSaveComplete());
+  EXPECT_EQ(Content(), Packets{"whole"});
+}
+
+TEST_F(FakeCacheFileTest, SecondOwnerIsRefusedUntilTheFirstHasClosed) {
+  ReliableReportCacheFile first;
+  ReliableReportCacheFile second;
+  ASSERT_TRUE(Open(&first));
+
+  EXPECT_FALSE(Open(&second));
+  first.Close();
+
+  EXPECT_TRUE(Open(&second));
+  EXPECT_EQ(RecordingLog::Texts(2).size(), 1u);
 }
 
 TEST(RecordingLogTest, KeepsLevelFileLineAndTheWholeText) {

@@ -1,0 +1,13 @@
+#include "tests/support/fake_cache_file.h"
+#include "tests/support/fake_mmap_file.h"
+#include "tests/unit/channel_cache/cache_backend.h"
+
+namespace quenor::test {
+
+const CacheBackend& Backend() {
+  static const auto* const backend =
+      new CacheBackend{2, ".mmap", "mmap file has been loaded!", FakeMmapFiles(), FakeCacheFiles()};
+  return *backend;
+}
+
+}  // namespace quenor::test
