@@ -110,6 +110,7 @@ class Worker {
     Require(delivered_ >= 0 && file_->Open(path));
     const Content left = file_->Load();
     messages_.assign(left.begin(), left.end());
+    for (const std::string& message : left) Report(JobEvent::kLoaded, NumberOf(message));
     Report(JobEvent::kReady, left.size());
   }
 
@@ -120,6 +121,10 @@ class Worker {
     while (messages_.size() > random_() % 30) Deliver();
   }
 
+  void DeliverAll() {
+    while (!messages_.empty()) Deliver();
+  }
+
  private:
   void Deliver() {
     // Answers come out of order.
@@ -127,6 +132,7 @@ class Worker {
     const uint64_t number = NumberOf(messages_[at]);
     const std::string line = std::to_string(number) + " " + incarnation_ + "\n";
     Require(write(delivered_, line.data(), line.size()) == static_cast<ssize_t>(line.size()));
+    Tell(JobEvent::kAcknowledged, number);
     messages_.erase(messages_.begin() + static_cast<std::ptrdiff_t>(at));
     Require(Save());
     Tell(JobEvent::kRetired, number);
@@ -159,12 +165,13 @@ class Worker {
 };
 
 // worker PATH DELIVERED INCARNATION FIRST COUNT: sends messages FIRST, FIRST + 1, ... and leaves
-// what it has not delivered by then.
+// what it has not delivered by then; delivers everything when COUNT is 0.
 int Work(const std::vector<std::string>& arguments) {
   Worker worker(arguments[0], arguments[1], arguments[2]);
   const uint64_t first = std::stoull(arguments[3]);
   const uint64_t end = first + std::stoull(arguments[4]);
   for (uint64_t number = first; number < end; ++number) worker.Send(number);
+  if (first == end) worker.DeliverAll();
   return 0;
 }
 

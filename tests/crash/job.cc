@@ -22,12 +22,12 @@ Job::Job(const std::vector<std::string>& arguments) {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, control[0], STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, events[1], STDOUT_FILENO);
-  std::vector<char*> argv = {const_cast<char*>(QUENOR_CRASH_PROGRAM)};
+  std::vector<char*> argv;
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
   const int error = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
-  QUENOR_CHECK(error == 0, "the crash program does not start");
+  QUENOR_CHECK(error == 0, "a program of the crash tests does not start");
   close(control[0]);
   close(events[1]);
   control_ = control[1];
@@ -51,7 +51,6 @@ bool Job::Next(JobEvent* event) {
 }
 
 void Job::Credit() {
-  // A socket would raise SIGPIPE no less; the caller has it ignored.
   const char byte = 1;
   (void)!write(control_, &byte, 1);
 }

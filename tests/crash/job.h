@@ -1,5 +1,5 @@
-// Job: a process of quenor_crash_program, what it reports, and its end. It never outlives the
-// object. Threads: one at a time.
+// Job: a process that reports what it does on its standard output, and its end. It never outlives
+// the object. Threads: one at a time.
 #ifndef QUENOR_TESTS_CRASH_JOB_H_
 #define QUENOR_TESTS_CRASH_JOB_H_
 
@@ -14,10 +14,12 @@ namespace quenor::test {
 // What a job writes to its standard output, each in one write: a reader never sees half of one.
 struct JobEvent {
   enum Kind : uint64_t {
-    kReady = 1,    // It has opened what it was told to; `number`: packets found.
-    kSaved = 2,    // The save that `number` names is complete.
-    kRetired = 3,  // A save without message `number` is complete.
-    kFailed = 4,   // Something that must work did not.
+    kReady = 1,         // It has opened what it was told to; `number`: packets found.
+    kLoaded = 2,        // Message `number` came out of the file.
+    kSaved = 3,         // A save that `number` names, or with message `number`, is complete.
+    kAcknowledged = 4,  // Message `number` is delivered; no save without it is complete yet.
+    kRetired = 5,       // A save without message `number` is complete.
+    kFailed = 6,        // Something that must work did not.
   };
   Kind kind;
   uint64_t number;
@@ -25,7 +27,7 @@ struct JobEvent {
 
 class Job {
  public:
-  // Starts the program with these arguments.
+  // Starts `arguments[0]`, a path.
   explicit Job(const std::vector<std::string>& arguments);
   // Kills it if it still runs.
   ~Job();
@@ -37,7 +39,7 @@ class Job {
   // What Next() reads from.
   int events_fd() const { return events_; }
 
-  // One byte to its standard input; nothing when it has ended.
+  // One byte to its standard input; nothing when it has ended. SIGPIPE must be ignored.
   void Credit();
   // Ends its standard input: the sign to go, for those that wait for one.
   void Release();

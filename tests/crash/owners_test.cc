@@ -47,7 +47,8 @@ class Owners : public ::testing::Test {
 
   // In a process of its own; it lives until the object is gone.
   std::unique_ptr<Job> StartHolder(size_t owners, const std::string& content = "") {
-    std::vector<std::string> arguments = {"holder", "mapped", path_, std::to_string(owners)};
+    std::vector<std::string> arguments = {QUENOR_CRASH_PROGRAM, "holder", "mapped", path_,
+                                          std::to_string(owners)};
     if (!content.empty()) arguments.push_back(content);
     auto job = std::make_unique<Job>(arguments);
     JobEvent event = {};

@@ -34,7 +34,7 @@ class Victim {
 
   // Runs a saver, kills it at a random time, and looks at what it left.
   void KillOne() {
-    Job saver({"saver", NameOf(kind_), path_, std::to_string(base_ + 1)});
+    Job saver({QUENOR_CRASH_PROGRAM, "saver", NameOf(kind_), path_, std::to_string(base_ + 1)});
     const uint64_t reports = random_() % 40;
     uint64_t last = base_;
     JobEvent event;
