@@ -24,7 +24,7 @@ TEST_F(ChannelCacheEventsTest, EachSaveIsToldWithTheMessagesThatItWrote) {
   Send("pending", true);
   Answer(0, 200);
 
-  EXPECT_EQ(SavedCounts(), (Saves{1, 1, 2, 1}));
+  ASSERT_EQ(SavedCounts(), (Saves{1, 1, 2, 1}));
   const RecordedEvent saved = events_.OfKind(Kind::kSaved)[0];
   EXPECT_EQ(saved.channel_name, kName);
   EXPECT_FALSE(saved.has_data);
@@ -126,7 +126,7 @@ TEST_F(ChannelCacheEventsTest, TerminationTellsWhatTheFileKeepsAndWhatIsLost) {
 
   Stop();
 
-  EXPECT_EQ(BodiesTold(Kind::kKept), (Texts{"cached in flight", "cached pending"}));
+  ASSERT_EQ(BodiesTold(Kind::kKept), (Texts{"cached in flight", "cached pending"}));
   EXPECT_EQ(BodiesTold(Kind::kDropped), (Texts{"in flight", "pending"}));
   EXPECT_EQ(events_.Count(Kind::kDropped, Cause::kTerminated), 2u);
   EXPECT_EQ(BodiesTold(Kind::kKept), Content());
