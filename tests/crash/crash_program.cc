@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "quenor_base/platform/base/check.h"
+#include "quenor_base/platform/config_center.h"
 #include "tests/crash/cache_files.h"
 #include "tests/crash/contents.h"
 #include "tests/crash/job.h"
@@ -26,8 +27,14 @@ void Mark() {
   kill(self, SIGSTOP);
 }
 
+void SaveOnDisk() {
+  config::ConfigCenterImpl::GetInstance()->SetHostOverride(config::BaseCfg().cache_durability,
+                                                           uint64_t{2});
+}
+
 // steps KIND PATH COMMAND...: does to one file what each command says, once all are understood.
 //   open, load, close
+//   on-disk        from the next open on, a save returns when it is on the disk
 //   save:CONTENT   as ContentOf() has it
 //   mark           stops itself for whoever watches
 // Exits with the number of the first command that fails.
@@ -43,6 +50,8 @@ int Steps(const std::vector<std::string>& arguments) {
       steps.push_back([&] { return file->Load(), true; });
     } else if (command == "close") {
       steps.push_back([&] { return file->Close(), true; });
+    } else if (command == "on-disk") {
+      steps.push_back([] { return SaveOnDisk(), true; });
     } else if (command == "mark") {
       steps.push_back([] { return Mark(), true; });
     } else {

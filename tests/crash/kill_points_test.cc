@@ -66,6 +66,8 @@ struct Transition {
   std::vector<Expected> phases;
   // Whether the run was what the name says; may be null.
   std::function<bool(const Trace&)> is_proven;
+  // The file is damaged from the start; what is expected is what is intact in it.
+  bool is_damaged = false;
 };
 
 void SaveAsOwner(const std::string& path, const std::string& content) {
@@ -91,6 +93,30 @@ Expected From(const std::string& old, const std::string& now) {
 
 Commands SaveTwice(const std::string& old, const std::string& now) {
   return {"open", "load", "save:" + old, "mark", "save:" + now, "mark"};
+}
+
+// A live owner, in this process, beside the one that is killed. He stays until the next one.
+void LiveBeside(const std::string& path, const std::string& content) {
+  static std::unique_ptr<CacheFile> live;
+  live = CacheFile::Create(FileKind::kMapped);
+  ASSERT_TRUE(live->Open(path));
+  ASSERT_TRUE(live->Save(ContentOf(content)));
+}
+
+// Two owners who have died, and a byte of what the first had is not what he wrote.
+void LeaveDamage(const std::string& path, const std::string& damaged) {
+  {
+    const auto first = CacheFile::Create(FileKind::kMapped);
+    const auto second = CacheFile::Create(FileKind::kMapped);
+    ASSERT_TRUE(first->Open(path) && second->Open(path));
+    ASSERT_TRUE(first->Save(ContentOf("1x200+" + damaged + "+3x200")));
+    ASSERT_TRUE(second->Save(ContentOf("11-14x90")));
+  }
+  std::string bytes = ReadWholeFile(path);
+  const size_t at = bytes.find(ContentOf(damaged).front());
+  ASSERT_NE(std::string::npos, at);
+  bytes[at + 50] = static_cast<char>(~bytes[at + 50]);
+  ASSERT_TRUE(WriteWholeFile(path, bytes));
 }
 
 Transition Simple(const std::string& name, const std::string& old, const std::string& now) {
@@ -184,7 +210,8 @@ const std::vector<NamedMaker>& MappedTransitions() {
        }},
       {"MovingToALargerExtent",
        [] {
-         Transition moving = Simple("moving to a larger extent", "1-4x300", "1-4x300+5-9x12000");
+         const std::string large = IsFullRun() ? "5-9x60000" : "5-9x12000";
+         Transition moving = Simple("moving to a larger extent", "1-4x300", "1-4x300+" + large);
          moving.is_proven = HasMoved;
          return moving;
        }},
@@ -207,6 +234,46 @@ const std::vector<NamedMaker>& MappedTransitions() {
                            {"mark", "open", "mark", "load", "close", "mark"},
                            {From(all, all), From(all, all)},
                            nullptr};
+       }},
+      {"BesideALiveOwner",
+       [] {
+         Transition beside = Simple("beside a live owner", "1-4x300", "2-5x300");
+         beside.prepare = [](const std::string& path) { LiveBeside(path, "11-13x200"); };
+         beside.phases = {From("11-13x200+1-4x300", "11-13x200+2-5x300")};
+         return beside;
+       }},
+      {"OnDisk",
+       [] {
+         Transition on_disk = Simple("on disk", "1-4x300", "");
+         on_disk.commands = {"on-disk", "open",         "load", "save:1-4x300",
+                             "mark",    "save:2-5x300", "mark", "save:2-5x300+6x30000",
+                             "mark"};
+         on_disk.phases = {From("1-4x300", "2-5x300"), From("2-5x300", "2-5x300+6x30000")};
+         on_disk.is_proven = [](const Trace& trace) { return trace.calls().count("msync") > 0; };
+         return on_disk;
+       }},
+      {"TakingOverOnDisk",
+       [] {
+         const std::string all = "1-3x200+11-14x90+21-22x700";
+         return Transition{"taking over, on disk",
+                           LeaveThreeOwners,
+                           {"on-disk", "open", "load", "mark", "save:2x200+31x50", "mark"},
+                           {From(all, "2x200+31x50")},
+                           nullptr};
+       }},
+      {"Repairing",
+       [] {
+         const std::string intact = "1x200+3x200+11-14x90";
+         Transition repairing;
+         repairing.name = "repairing";
+         repairing.prepare = [](const std::string& path) { LeaveDamage(path, "2x200"); };
+         repairing.commands = {"mark", "open", "mark"};
+         repairing.phases = {From(intact, intact)};
+         repairing.is_proven = [](const Trace& trace) {
+           return trace.end.files.count("c.mmap.set-aside") > 0;
+         };
+         repairing.is_damaged = true;
+         return repairing;
        }},
       {"EmptiedAndClosed",
        [] {
@@ -331,7 +398,7 @@ std::string KeyOf(const FolderState& state) {
 }
 
 // What a successor finds at each point: whole, and never the old content again after the new one.
-void LookAtEachPoint(FileKind kind, const Trace& trace, const std::vector<Expected>& phases,
+void LookAtEachPoint(FileKind kind, const Trace& trace, const Transition& transition,
                      Tally* tally) {
   constexpr int kMostFailures = 5;
   Successor successor(kind);
@@ -347,10 +414,10 @@ void LookAtEachPoint(FileKind kind, const Trace& trace, const std::vector<Expect
     ++tally->looked_at;
     tally->torn += point.kind == KillPoint::Kind::kTorn;
     if (point.phase != phase) is_sealed = false;
-    const Expected& expected = phases[phase = point.phase];
+    const Expected& expected = transition.phases[phase = point.phase];
     if (!tally->states.insert(std::to_string(phase) + KeyOf(state)).second) continue;
     Found found = Found::kBroken;
-    const std::string wrong = successor.Check(state, expected, &found);
+    const std::string wrong = successor.Check(state, expected, &found, transition.is_damaged);
     ++tally->found[found];
     EXPECT_EQ("", wrong) << WhereIs(point);
     EXPECT_FALSE(is_sealed && found == Found::kOld) << "old after new, " << WhereIs(point);
@@ -360,6 +427,8 @@ void LookAtEachPoint(FileKind kind, const Trace& trace, const std::vector<Expect
   EXPECT_TRUE(failures == kMostFailures || state == trace.end)
       << "the notes do not lead to where the run ended";
 }
+
+constexpr uint64_t kManySteps = 50000;
 
 class KillPoints : public ::testing::TestWithParam<NamedMaker> {
  protected:
@@ -393,8 +462,10 @@ class KillPoints : public ::testing::TestWithParam<NamedMaker> {
       EXPECT_TRUE(before == after) << "a SIGKILL changes the files, " << WhereIs(point);
       // The step may be the first of the next phase.
       const size_t next = std::min(point.phase + 1, transition.phases.size() - 1);
-      std::string wrong = successor.Check(after, transition.phases[point.phase], nullptr);
-      if (!wrong.empty()) wrong = successor.Check(after, transition.phases[next], nullptr);
+      std::string wrong =
+          successor.Check(after, transition.phases[point.phase], nullptr, transition.is_damaged);
+      if (!wrong.empty())
+        wrong = successor.Check(after, transition.phases[next], nullptr, transition.is_damaged);
       EXPECT_EQ("", wrong) << "killed, " << WhereIs(point);
       ++tally->real_kills;
     }
@@ -410,11 +481,14 @@ class KillPoints : public ::testing::TestWithParam<NamedMaker> {
     const bool proven = transition.is_proven == nullptr || transition.is_proven(trace);
     EXPECT_TRUE(proven) << "the run was not what it is called";
     Tally tally;
-    LookAtEachPoint(kind, trace, transition.phases, &tally);
+    LookAtEachPoint(kind, trace, transition, &tally);
     std::string wrong = Successor(kind).Check(
-        trace.end, Expected{transition.phases.back().now, transition.phases.back().now}, nullptr);
+        trace.end, Expected{transition.phases.back().now, transition.phases.back().now}, nullptr,
+        transition.is_damaged);
     EXPECT_EQ("", wrong) << "at the end";
-    Kill(kind, transition, trace, real_kills, &tally);
+    // A real kill takes as many steps again.
+    const bool is_long = trace.steps > kManySteps && !IsFullRun();
+    Kill(kind, transition, trace, is_long ? 0 : real_kills, &tally);
     Print(transition.name, trace, &tally);
   }
 

@@ -56,11 +56,13 @@ std::string Successor::PathIn(const std::string& folder, FileKind kind) {
   return folder + (kind == FileKind::kMapped ? "/c.mmap" : "/c.cache");
 }
 
-std::string Successor::Check(const FolderState& state, const Expected& expected, Found* found) {
+std::string Successor::Check(const FolderState& state, const Expected& expected, Found* found,
+                             bool is_damaged) {
   state.WriteTo(folder_.path());
   RecordingLog::Clear();
   std::string wrong = CheckContent(expected, found);
   if (wrong.empty()) wrong = CheckNextSave();
+  if (is_damaged) return wrong;
   wrong += LogOfTrouble();
   if (HasSetAside(folder_.path())) wrong += "; the file was set aside";
   return wrong;

@@ -36,8 +36,9 @@ class Successor {
   static std::string PathIn(const std::string& folder, FileKind kind);
 
   // Opens the state and reads it, saves something else and reads that back. What is wrong: empty
-  // when nothing is. `found` may be null.
-  std::string Check(const FolderState& state, const Expected& expected, Found* found);
+  // when nothing is. `found` may be null. Nothing is logged and set aside, unless `is_damaged`.
+  std::string Check(const FolderState& state, const Expected& expected, Found* found,
+                    bool is_damaged = false);
 
  private:
   std::string CheckContent(const Expected& expected, Found* found);
