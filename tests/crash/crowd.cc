@@ -1,0 +1,191 @@
+#include "tests/crash/crowd.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+
+namespace quenor::test {
+namespace {
+
+constexpr uint64_t kNumbersPerPlace = 1000000;
+
+}  // namespace
+
+// One of the processes, and those that took its place.
+struct Crowd::Place {
+  Task task;                 // `count`: still to be sent.
+  std::unique_ptr<Job> job;  // Null when there is nothing to send any more.
+};
+
+Crowd::Crowd(Plan plan, unsigned seed) : plan_(std::move(plan)), random_(seed) {
+  std::signal(SIGPIPE, SIG_IGN);  // Of a process that has just ended.
+  for (int i = 0; i < plan_.processes; ++i) {
+    places_.push_back(std::make_unique<Place>());
+    places_.back()->task.first = static_cast<uint64_t>(i + 1) * kNumbersPerPlace;
+    places_.back()->task.count = plan_.messages;
+  }
+}
+
+Crowd::~Crowd() = default;
+
+void Crowd::Run() {
+  for (const auto& place : places_) Start(place.get());
+  ChooseNextKill();
+  while (WaitForEvents()) {
+  }
+  DrainTheRest();
+}
+
+void Crowd::Start(Place* place) {
+  place->task.incarnation = std::to_string(++incarnations_);
+  place->job = plan_.start(place->task);
+}
+
+void Crowd::ChooseNextKill() {
+  const uint64_t events =
+      static_cast<uint64_t>(plan_.processes) * plan_.messages * plan_.events_per_message;
+  // Half of an even spread: all kills come before the last messages.
+  const uint64_t average = events / 2 / static_cast<uint64_t>(plan_.kills + 1);
+  events_to_kill_ = 1 + random_() % std::max<uint64_t>(1, 2 * average);
+}
+
+// One event of each process that has one. False when all have ended.
+bool Crowd::WaitForEvents() {
+  std::vector<pollfd> fds;
+  std::vector<Place*> who;
+  for (const auto& place : places_) {
+    if (place->job == nullptr) continue;
+    fds.push_back({place->job->events_fd(), POLLIN, 0});
+    who.push_back(place.get());
+  }
+  if (fds.empty()) return false;
+  poll(fds.data(), fds.size(), -1);
+  for (size_t i = 0; i < fds.size(); ++i) {
+    if (fds[i].revents != 0) TakeEvent(who[i]);
+  }
+  return true;
+}
+
+void Crowd::TakeEvent(Place* place) {
+  JobEvent event;
+  if (!place->job->Next(&event)) {
+    failures_ += place->job->Wait() != 0;
+    place->job.reset();
+    return;
+  }
+  Note(event, place);
+  place->job->Credit();
+  if (kills_ < plan_.kills && --events_to_kill_ == 0) KillAndRestart(place);
+}
+
+void Crowd::Note(const JobEvent& event, Place* place) {
+  std::map<std::string, Had>* const had = &had_[event.number];
+  switch (event.kind) {
+    case JobEvent::kLoaded:
+      ++taken_over_;
+      (*had)[place->task.incarnation] = Had::kWaiting;
+      break;
+    case JobEvent::kSaved:
+      saved_.insert(event.number);
+      had->emplace(place->task.incarnation, Had::kWaiting);
+      if (event.number < place->task.first) break;
+      place->task.first = event.number + 1;
+      --place->task.count;
+      break;
+    case JobEvent::kAcknowledged:
+      (*had)[place->task.incarnation] = Had::kAcknowledged;
+      break;
+    case JobEvent::kRetired:
+      (*had)[place->task.incarnation] = Had::kRetired;
+      break;
+    case JobEvent::kFailed:
+      ++failures_;
+      break;
+    case JobEvent::kReady:
+      break;
+  }
+}
+
+void Crowd::KillAndRestart(Place* place) {
+  ChooseNextKill();
+  place->job->Kill();
+  const bool was_killed = place->job->Wait() == -SIGKILL;
+  JobEvent event;
+  while (place->job->Next(&event)) Note(event, place);
+  place->job.reset();
+  if (!was_killed) return;  // It had just done its work.
+  ++kills_;
+  killed_.insert(place->task.incarnation);
+  // Numbers that it may have been at are not used again.
+  place->task.first += kNumbersPerPlace / 1000;
+  if (place->task.count > 0) Start(place);
+}
+
+void Crowd::DrainTheRest() {
+  Place rest;
+  uint64_t before;
+  do {
+    before = taken_over_;
+    Start(&rest);
+    JobEvent event;
+    while (rest.job->Next(&event)) {
+      Note(event, &rest);
+      rest.job->Credit();
+    }
+    if (rest.job->Wait() != 0) {
+      ++failures_;
+      return;
+    }
+  } while (taken_over_ != before);
+}
+
+void Crowd::Count(const std::map<uint64_t, int>& arrivals) {
+  for (const uint64_t saved : saved_) lost_ += arrivals.count(saved) == 0;
+  for (const auto& [number, times] : arrivals) {
+    if (number == 0) {
+      damaged_ += static_cast<size_t>(times);
+      continue;
+    }
+    ++arrived_;
+    unconfirmed_ += saved_.count(number) == 0;
+    size_t again = static_cast<size_t>(times - 1);
+    // Each process that had it, and ended before a save without it, may have delivered it.
+    for (const auto& [incarnation, had] : had_[number]) {
+      const bool was_killed = killed_.count(incarnation) != 0;
+      if (again == 0 || had == Had::kRetired) continue;
+      if (!was_killed && (!plan_.may_end_in_flight || had != Had::kWaiting)) continue;
+      ++(!was_killed                 ? again_ended_
+         : had == Had::kAcknowledged ? again_acknowledged_
+                                     : again_waiting_);
+      --again;
+    }
+    again_needlessly_ += again;
+  }
+}
+
+void Crowd::Print(const std::string& name) const {
+  std::printf(
+      "processes: %s: processes=%d saved=%zu kills=%d arrived=%zu lost=%zu "
+      "arrived_though_its_save_was_not_reported=%zu taken_over=%llu again=%zu (killed while in "
+      "flight=%zu, killed between answer and save=%zu, terminated while in flight=%zu, for no such "
+      "reason=%zu) damaged=%zu "
+      "failures=%d\n",
+      name.c_str(), plan_.processes, saved_.size(), kills_, arrived_, lost_, unconfirmed_,
+      static_cast<unsigned long long>(taken_over_),
+      again_waiting_ + again_acknowledged_ + again_ended_ + again_needlessly_, again_waiting_,
+      again_acknowledged_, again_ended_, again_needlessly_, damaged_, failures_);
+}
+
+void Crowd::ExpectNothingLost() const {
+  EXPECT_LE(static_cast<uint64_t>(plan_.processes) * plan_.messages, saved_.size());
+  EXPECT_EQ(plan_.kills, kills_);
+  EXPECT_EQ(0u, lost_);
+  EXPECT_EQ(0u, again_needlessly_);
+  EXPECT_EQ(0u, damaged_);
+  EXPECT_EQ(0, failures_);
+}
+
+}  // namespace quenor::test

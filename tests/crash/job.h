@@ -1,0 +1,60 @@
+// Job: a process that reports what it does on its standard output, and its end. It never outlives
+// the object. Threads: one at a time.
+#ifndef QUENOR_TESTS_CRASH_JOB_H_
+#define QUENOR_TESTS_CRASH_JOB_H_
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace quenor::test {
+
+// What a job writes to its standard output, each in one write: a reader never sees half of one.
+struct JobEvent {
+  enum Kind : uint64_t {
+    kReady = 1,         // It has opened what it was told to; `number`: packets found.
+    kLoaded = 2,        // Message `number` came out of the file.
+    kSaved = 3,         // A save that `number` names, or with message `number`, is complete.
+    kAcknowledged = 4,  // Message `number` is delivered; no save without it is complete yet.
+    kRetired = 5,       // A save without message `number` is complete.
+    kFailed = 6,        // Something that must work did not.
+  };
+  Kind kind;
+  uint64_t number;
+};
+
+class Job {
+ public:
+  // Starts `arguments[0]`, a path.
+  explicit Job(const std::vector<std::string>& arguments);
+  // Kills it if it still runs.
+  ~Job();
+  Job(const Job&) = delete;
+  Job& operator=(const Job&) = delete;
+
+  // Waits for the next event; false when the job has ended and there is none left.
+  bool Next(JobEvent* event);
+  // What Next() reads from.
+  int events_fd() const { return events_; }
+
+  // One byte to its standard input; nothing when it has ended. SIGPIPE must be ignored.
+  void Credit();
+  // Ends its standard input: the sign to go, for those that wait for one.
+  void Release();
+  void Kill();
+  // Waits for its end: the exit code, or minus the number of the signal that ended it.
+  int Wait();
+
+ private:
+  pid_t pid_ = -1;
+  int control_ = -1;
+  int events_ = -1;
+  bool ended_ = false;
+  int result_ = 0;
+};
+
+}  // namespace quenor::test
+
+#endif  // QUENOR_TESTS_CRASH_JOB_H_

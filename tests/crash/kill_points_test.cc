@@ -1,0 +1,524 @@
+// A process that saves is killed at every instruction that changes its cache file, and before,
+// inside and after every system call. Whoever opens the file next finds what the file promises: the
+// mapped one the whole old or the whole new content, the plain one no less than that. The instants
+// are noted in one run under ptrace and rebuilt from the notes; that a real SIGKILL leaves the same
+// is shown at a random sample of them.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <random>
+#include <set>
+#include <string>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "quenor_base/platform/default/mmap_file_format.h"
+#include "tests/crash/promises.h"
+#include "tests/crash/tracer.h"
+
+namespace quenor::test {
+namespace {
+
+using Commands = std::vector<std::string>;
+
+// Where the content that was saved last is.
+struct Placement {
+  uint64_t extent = 0;
+  int area = 0;
+  bool operator==(const Placement& other) const {
+    return extent == other.extent && area == other.area;
+  }
+};
+
+Placement PlacementIn(const FolderState& state) {
+  namespace format = mmap_format;
+  const std::string& bytes = state.files.at("c.mmap");
+  Placement placement;
+  uint64_t latest = 0;
+  for (uint32_t owner = 1; owner <= format::kOwners; ++owner) {
+    format::OwnerRecord record;
+    std::memcpy(&record, &bytes[format::RecordOffset(owner)], sizeof(record));
+    for (const format::Seal& seal : record.seals) {
+      if (seal.check != format::CheckOf(seal) || seal.save_number < latest) continue;
+      latest = seal.save_number;
+      placement.extent = seal.extent_offset;
+      const format::ExtentShape shape = {seal.extent_size, seal.index_capacity};
+      uint64_t first = 0;
+      if (seal.packets > 0) {
+        std::memcpy(&first, &bytes[seal.extent_offset + shape.index(static_cast<int>(seal.index))],
+                    sizeof(first));
+      }
+      placement.area = first >= shape.area(1) ? 1 : 0;
+    }
+  }
+  return placement;
+}
+
+struct Transition {
+  std::string name;
+  // Makes the file, on this process's own; may be null.
+  std::function<void(const std::string& path)> prepare;
+  // For the program. The first mark is where the kills begin, each further one ends a phase.
+  Commands commands;
+  std::vector<Expected> phases;
+  // Whether the run was what the name says; may be null.
+  std::function<bool(const Trace&)> is_proven;
+  // The file is damaged from the start; what is expected is what is intact in it.
+  bool is_damaged = false;
+};
+
+void SaveAsOwner(const std::string& path, const std::string& content) {
+  const auto owner = CacheFile::Create(FileKind::kMapped);
+  ASSERT_TRUE(owner->Open(path));
+  ASSERT_TRUE(owner->Save(ContentOf(content)));
+}
+
+// Three owners, alive at the same time, who have died since.
+void LeaveThreeOwners(const std::string& path) {
+  const auto first = CacheFile::Create(FileKind::kMapped);
+  const auto second = CacheFile::Create(FileKind::kMapped);
+  const auto third = CacheFile::Create(FileKind::kMapped);
+  ASSERT_TRUE(first->Open(path) && second->Open(path) && third->Open(path));
+  ASSERT_TRUE(first->Save(ContentOf("1-3x200")));
+  ASSERT_TRUE(second->Save(ContentOf("11-14x90")));
+  ASSERT_TRUE(third->Save(ContentOf("21-22x700")));
+}
+
+Expected From(const std::string& old, const std::string& now) {
+  return Expected{ContentOf(old), ContentOf(now)};
+}
+
+Commands SaveTwice(const std::string& old, const std::string& now) {
+  return {"open", "load", "save:" + old, "mark", "save:" + now, "mark"};
+}
+
+// A live owner, in this process, beside the one that is killed. He stays until the next one.
+void LiveBeside(const std::string& path, const std::string& content) {
+  static std::unique_ptr<CacheFile> live;
+  live = CacheFile::Create(FileKind::kMapped);
+  ASSERT_TRUE(live->Open(path));
+  ASSERT_TRUE(live->Save(ContentOf(content)));
+}
+
+// Two owners who have died, and a byte of what the first had is not what he wrote.
+void LeaveDamage(const std::string& path, const std::string& damaged) {
+  {
+    const auto first = CacheFile::Create(FileKind::kMapped);
+    const auto second = CacheFile::Create(FileKind::kMapped);
+    ASSERT_TRUE(first->Open(path) && second->Open(path));
+    ASSERT_TRUE(first->Save(ContentOf("1x200+" + damaged + "+3x200")));
+    ASSERT_TRUE(second->Save(ContentOf("11-14x90")));
+  }
+  std::string bytes = ReadWholeFile(path);
+  const size_t at = bytes.find(ContentOf(damaged).front());
+  ASSERT_NE(std::string::npos, at);
+  bytes[at + 50] = static_cast<char>(~bytes[at + 50]);
+  ASSERT_TRUE(WriteWholeFile(path, bytes));
+}
+
+Transition Simple(const std::string& name, const std::string& old, const std::string& now) {
+  return {name, nullptr, SaveTwice(old, now), {From(old, now)}, nullptr};
+}
+
+// The steady case again and again: one message acknowledged in the middle, one new at the end.
+std::string SteadyContent(int round) {
+  std::string name;
+  for (int i = 0; i < 12; ++i) {
+    const int number = round + i < 6 ? i : round + i - (i < 6 ? 1 : 0);
+    name += (i == 0 ? "" : "+") + std::to_string(100 + number) + "x400";
+  }
+  return name;
+}
+
+// Saves until one of them goes elsewhere in the way that is asked for; the commands end with it.
+Transition Steady(const std::string& name,
+                  const std::function<bool(const Placement&, const Placement&)>& is_asked_for) {
+  Transition steady;
+  steady.name = name;
+  TempFolder folder;
+  const auto file = CacheFile::Create(FileKind::kMapped);
+  EXPECT_TRUE(file->Open(Successor::PathIn(folder.path(), FileKind::kMapped)));
+  steady.commands = {"open", "load"};
+  EXPECT_TRUE(file->Save(ContentOf(SteadyContent(0))));
+  steady.commands.push_back("save:" + SteadyContent(0));
+  Placement last = PlacementIn(FolderState::Of(folder.path()));
+  for (int round = 1; round < 500; ++round) {
+    EXPECT_TRUE(file->Save(ContentOf(SteadyContent(round))));
+    const Placement now = PlacementIn(FolderState::Of(folder.path()));
+    if (is_asked_for(last, now)) {
+      steady.commands.insert(steady.commands.end(),
+                             {"mark", "save:" + SteadyContent(round), "mark"});
+      steady.phases = {From(SteadyContent(round - 1), SteadyContent(round))};
+      break;
+    }
+    steady.commands.push_back("save:" + SteadyContent(round));
+    last = now;
+  }
+  EXPECT_FALSE(steady.phases.empty()) << name << " never happened";
+  steady.is_proven = [is_asked_for](const Trace& trace) {
+    return is_asked_for(PlacementIn(trace.begin), PlacementIn(trace.end));
+  };
+  return steady;
+}
+
+using Maker = std::function<Transition()>;
+struct NamedMaker {
+  const char* name;
+  Maker make;
+};
+void PrintTo(const NamedMaker& maker, std::ostream* out) { *out << maker.name; }
+
+bool HasMoved(const Trace& trace) {
+  return PlacementIn(trace.begin).extent != PlacementIn(trace.end).extent;
+}
+
+const std::vector<NamedMaker>& MappedTransitions() {
+  static const std::vector<NamedMaker> makers = {
+      {"Growing", [] { return Simple("growing", "1-4x300", "1-9x300"); }},
+      {"ShrinkingALittle", [] { return Simple("shrinking a little", "1-9x300", "4-6x300"); }},
+      {"ShrinkingMuch",
+       [] {
+         Transition much = Simple("shrinking much", "1-12x20000", "5x100");
+         much.is_proven = HasMoved;
+         return much;
+       }},
+      {"Equal", [] { return Simple("equal", "1-9x300", "1-9x300"); }},
+      {"Emptied", [] { return Simple("emptied", "1-9x300", ""); }},
+      {"FromEmpty", [] { return Simple("from empty", "", "1-9x300"); }},
+      {"FirstEver",
+       [] {
+         return Transition{
+             "first ever",
+             nullptr,
+             {"mark", "open", "load", "mark", "save:1-5x300", "mark", "close", "mark"},
+             {From("", ""), From("", "1-5x300"), From("1-5x300", "1-5x300")},
+             nullptr};
+       }},
+      {"Reordered", [] { return Simple("reordered", "1-9x300", "9-1x300"); }},
+      {"Steady",
+       [] {
+         return Steady("steady", [](const Placement& a, const Placement& b) { return a == b; });
+       }},
+      {"SwitchingAreas",
+       [] {
+         return Steady("switching areas", [](const Placement& a, const Placement& b) {
+           return a.extent == b.extent && a.area != b.area;
+         });
+       }},
+      {"MovingToALargerExtent",
+       [] {
+         const std::string large = IsFullRun() ? "5-9x60000" : "5-9x12000";
+         Transition moving = Simple("moving to a larger extent", "1-4x300", "1-4x300+" + large);
+         moving.is_proven = HasMoved;
+         return moving;
+       }},
+      {"TakingOver",
+       [] {
+         return Transition{
+             "taking over",
+             LeaveThreeOwners,
+             {"open", "load", "mark", "save:1x200+3x200+11-14x90+21-22x700+31x50", "mark",
+              "save:31x50", "mark"},
+             {From("1-3x200+11-14x90+21-22x700", "1x200+3x200+11-14x90+21-22x700+31x50"),
+              From("1x200+3x200+11-14x90+21-22x700+31x50", "31x50")},
+             nullptr};
+       }},
+      {"OpeningAndClosing",
+       [] {
+         const std::string all = "1-3x200+11-14x90+21-22x700";
+         return Transition{"opening and closing",
+                           LeaveThreeOwners,
+                           {"mark", "open", "mark", "load", "close", "mark"},
+                           {From(all, all), From(all, all)},
+                           nullptr};
+       }},
+      {"BesideALiveOwner",
+       [] {
+         Transition beside = Simple("beside a live owner", "1-4x300", "2-5x300");
+         beside.prepare = [](const std::string& path) { LiveBeside(path, "11-13x200"); };
+         beside.phases = {From("11-13x200+1-4x300", "11-13x200+2-5x300")};
+         return beside;
+       }},
+      {"OnDisk",
+       [] {
+         Transition on_disk = Simple("on disk", "1-4x300", "");
+         on_disk.commands = {"on-disk", "open",         "load", "save:1-4x300",
+                             "mark",    "save:2-5x300", "mark", "save:2-5x300+6x30000",
+                             "mark"};
+         on_disk.phases = {From("1-4x300", "2-5x300"), From("2-5x300", "2-5x300+6x30000")};
+         on_disk.is_proven = [](const Trace& trace) { return trace.calls().count("msync") > 0; };
+         return on_disk;
+       }},
+      {"TakingOverOnDisk",
+       [] {
+         const std::string all = "1-3x200+11-14x90+21-22x700";
+         return Transition{"taking over, on disk",
+                           LeaveThreeOwners,
+                           {"on-disk", "open", "load", "mark", "save:2x200+31x50", "mark"},
+                           {From(all, "2x200+31x50")},
+                           nullptr};
+       }},
+      {"Repairing",
+       [] {
+         const std::string intact = "1x200+3x200+11-14x90";
+         Transition repairing;
+         repairing.name = "repairing";
+         repairing.prepare = [](const std::string& path) { LeaveDamage(path, "2x200"); };
+         repairing.commands = {"mark", "open", "mark"};
+         repairing.phases = {From(intact, intact)};
+         repairing.is_proven = [](const Trace& trace) {
+           return trace.end.files.count("c.mmap.set-aside") > 0;
+         };
+         repairing.is_damaged = true;
+         return repairing;
+       }},
+      {"EmptiedAndClosed",
+       [] {
+         return Transition{"emptied and closed",
+                           [](const std::string& path) { SaveAsOwner(path, "1-5x300"); },
+                           {"open", "load", "mark", "save:", "mark", "close", "mark"},
+                           {From("1-5x300", ""), From("", "")},
+                           nullptr};
+       }},
+  };
+  return makers;
+}
+
+// The plain file: `now` saved over `old`, and closed, which completes it.
+Transition Plain(const std::string& name, const std::string& old, const std::string& now) {
+  const Expected closing = {ContentOf(now), ContentOf(now), ContentOf(old)};
+  return {name,
+          nullptr,
+          {"open", "load", "save:" + old, "mark", "save:" + now, "mark", "close", "mark"},
+          {From(old, now), closing},
+          nullptr};
+}
+
+const std::vector<NamedMaker>& PlainTransitions() {
+  static const std::vector<NamedMaker> makers = {
+      {"Growing", [] { return Plain("growing", "1-4x300", "1-9x300"); }},
+      {"ShrinkingALittle", [] { return Plain("shrinking a little", "1-9x300", "4-6x300"); }},
+      {"Equal", [] { return Plain("equal", "1-9x300", "1-9x300"); }},
+      {"Emptied", [] { return Plain("emptied", "1-9x300", ""); }},
+      {"FromEmpty", [] { return Plain("from empty", "", "1-9x300"); }},
+      {"Reordered", [] { return Plain("reordered", "1-9x300", "9-1x300"); }},
+      {"Steady", [] { return Plain("steady", "1-12x400", "1-5x400+7-13x400"); }},
+      {"LargePackets", [] { return Plain("large packets", "1-2x100", "1x100+3-5x30000+2x100"); }},
+      {"WrittenAnew",
+       [] {
+         // What was large is no longer needed once the save after it is complete.
+         const std::string old = "1-5x30000+6x100";
+         Transition anew = Plain("written anew", old, "6-8x100");
+         anew.commands = {"open", "load",         "save:" + old, "mark",  "save:6-8x100",
+                          "mark", "save:7-9x100", "mark",        "close", "mark"};
+         anew.phases = {From(old, "6-8x100"),
+                        {ContentOf("6-8x100"), ContentOf("7-9x100"), ContentOf(old)},
+                        {ContentOf("7-9x100"), ContentOf("7-9x100"), ContentOf("6-8x100")}};
+         anew.is_proven = [](const Trace& trace) {
+           const auto calls = trace.calls();
+           return calls.count("rename") + calls.count("renameat2") > 0;
+         };
+         return anew;
+       }},
+      {"FirstEver",
+       [] {
+         return Transition{
+             "first ever",
+             nullptr,
+             {"mark", "open", "load", "mark", "save:1-5x300", "mark", "close", "mark"},
+             {From("", ""), From("", "1-5x300"), From("1-5x300", "1-5x300")},
+             nullptr};
+       }},
+      {"OpenedAgain",
+       [] {
+         // What the killed one before it left counts as saved, and is kept by opening it.
+         return Transition{
+             "opened again",
+             [](const std::string& path) {
+               const auto file = CacheFile::Create(FileKind::kPlain);
+               ASSERT_TRUE(file->Open(path) && file->Save(ContentOf("1-5x300")));
+             },
+             {"mark", "open", "load", "mark", "save:2-6x300", "mark", "close", "mark"},
+             {From("1-5x300", "1-5x300"),
+              From("1-5x300", "2-6x300"),
+              {ContentOf("2-6x300"), ContentOf("2-6x300"), ContentOf("1-5x300")}},
+             nullptr};
+       }},
+  };
+  return makers;
+}
+
+// Every point, but of long rows of adjacent stores no more than `most_bulk`, evenly taken.
+std::vector<bool> Chosen(const std::vector<KillPoint>& points, size_t most_bulk) {
+  const size_t bulk = static_cast<size_t>(
+      std::count_if(points.begin(), points.end(), [](const KillPoint& p) { return p.bulk; }));
+  std::vector<bool> chosen(points.size(), true);
+  if (bulk <= most_bulk) return chosen;
+  size_t seen = 0;
+  for (size_t i = 0; i < points.size(); ++i) {
+    if (!points[i].bulk) continue;
+    chosen[i] = seen * most_bulk / bulk != (seen + 1) * most_bulk / bulk;
+    ++seen;
+  }
+  return chosen;
+}
+
+struct Tally {
+  size_t looked_at = 0;
+  size_t torn = 0;
+  size_t real_kills = 0;
+  std::unordered_set<std::string> states;
+  std::map<Found, size_t> found;
+};
+
+void Apply(const KillPoint& point, FolderState* state) {
+  if (point.kind == KillPoint::Kind::kStore) {
+    state->files.at(point.file).replace(point.offset, point.bytes.size(), point.bytes);
+  } else if (point.state != nullptr) {
+    *state = *point.state;
+  }
+}
+
+std::string WhereIs(const KillPoint& point) {
+  static const char* const kinds[] = {"after a store", "before", "inside", "after"};
+  return std::string(kinds[static_cast<int>(point.kind)]) + " " + point.call + " at step " +
+         std::to_string(point.step) + ", phase " + std::to_string(point.phase) + ", offset " +
+         std::to_string(point.offset) + ", " + std::to_string(point.bytes.size()) + " bytes";
+}
+
+std::string KeyOf(const FolderState& state) {
+  std::string key;
+  for (const auto& [name, bytes] : state.files) {
+    key += name + std::to_string(mmap_format::Check(bytes.data(), bytes.size())) + "/";
+  }
+  return key;
+}
+
+// What a successor finds at each point: whole, and never the old content again after the new one.
+void LookAtEachPoint(FileKind kind, const Trace& trace, const Transition& transition,
+                     Tally* tally) {
+  constexpr int kMostFailures = 5;
+  Successor successor(kind);
+  FolderState state = trace.begin;
+  const std::vector<bool> chosen = Chosen(trace.points, IsFullRun() ? 20000 : 200);
+  size_t phase = 0;
+  bool is_sealed = false;
+  int failures = 0;
+  for (size_t i = 0; i < trace.points.size() && failures < kMostFailures; ++i) {
+    const KillPoint& point = trace.points[i];
+    Apply(point, &state);
+    if (!chosen[i]) continue;
+    ++tally->looked_at;
+    tally->torn += point.kind == KillPoint::Kind::kTorn;
+    if (point.phase != phase) is_sealed = false;
+    const Expected& expected = transition.phases[phase = point.phase];
+    if (!tally->states.insert(std::to_string(phase) + KeyOf(state)).second) continue;
+    Found found = Found::kBroken;
+    const std::string wrong = successor.Check(state, expected, &found, transition.is_damaged);
+    ++tally->found[found];
+    EXPECT_EQ("", wrong) << WhereIs(point);
+    EXPECT_FALSE(is_sealed && found == Found::kOld) << "old after new, " << WhereIs(point);
+    failures += !wrong.empty();
+    is_sealed = found == Found::kNow && !(expected.old == expected.now);
+  }
+  EXPECT_TRUE(failures == kMostFailures || state == trace.end)
+      << "the notes do not lead to where the run ended";
+}
+
+constexpr uint64_t kManySteps = 50000;
+
+class KillPoints : public ::testing::TestWithParam<NamedMaker> {
+ protected:
+  // The program's command line on a fresh folder of its own.
+  std::vector<std::string> Prepare(FileKind kind, const Transition& transition,
+                                   const std::string& folder) {
+    const std::string path = Successor::PathIn(folder, kind);
+    if (transition.prepare != nullptr) transition.prepare(path);
+    std::vector<std::string> line = {QUENOR_CRASH_PROGRAM, "steps", NameOf(kind), path};
+    line.insert(line.end(), transition.commands.begin(), transition.commands.end());
+    return line;
+  }
+
+  Trace TraceOf(FileKind kind, const Transition& transition) {
+    TempFolder folder;
+    const auto line = Prepare(kind, transition, folder.path());
+    return TraceProgram(line, folder.path(), transition.phases.size() + 1);
+  }
+
+  // Real kills at points of the trace, in runs of their own.
+  void Kill(FileKind kind, const Transition& transition, const Trace& trace, int times,
+            Tally* tally) {
+    std::minstd_rand random(Seed());
+    Successor successor(kind);
+    for (int i = 0; i < times; ++i) {
+      const KillPoint& point = trace.points[random() % trace.points.size()];
+      TempFolder folder;
+      const auto line = Prepare(kind, transition, folder.path());
+      FolderState before, after;
+      ASSERT_TRUE(KillProgramAtStep(line, folder.path(), point.step, &before, &after));
+      EXPECT_TRUE(before == after) << "a SIGKILL changes the files, " << WhereIs(point);
+      // The step may be the first of the next phase.
+      const size_t next = std::min(point.phase + 1, transition.phases.size() - 1);
+      std::string wrong =
+          successor.Check(after, transition.phases[point.phase], nullptr, transition.is_damaged);
+      if (!wrong.empty())
+        wrong = successor.Check(after, transition.phases[next], nullptr, transition.is_damaged);
+      EXPECT_EQ("", wrong) << "killed, " << WhereIs(point);
+      ++tally->real_kills;
+    }
+  }
+
+  void Run(FileKind kind, int real_kills) {
+    const std::string why_not = WhyNoTracing();
+    if (!why_not.empty()) GTEST_SKIP() << "not traced: " << why_not;
+    const Transition transition = GetParam().make();
+    const Trace trace = TraceOf(kind, transition);
+    ASSERT_EQ("", trace.error);
+    EXPECT_EQ(0u, trace.missed);
+    const bool proven = transition.is_proven == nullptr || transition.is_proven(trace);
+    EXPECT_TRUE(proven) << "the run was not what it is called";
+    Tally tally;
+    LookAtEachPoint(kind, trace, transition, &tally);
+    std::string wrong = Successor(kind).Check(
+        trace.end, Expected{transition.phases.back().now, transition.phases.back().now}, nullptr,
+        transition.is_damaged);
+    EXPECT_EQ("", wrong) << "at the end";
+    // A real kill takes as many steps again.
+    const bool is_long = trace.steps > kManySteps && !IsFullRun();
+    Kill(kind, transition, trace, is_long ? 0 : real_kills, &tally);
+    Print(transition.name, trace, &tally);
+  }
+
+  static void Print(const std::string& name, const Trace& trace, Tally* tally) {
+    std::string calls;
+    for (const auto& [call, count] : trace.calls())
+      calls += " " + call + "=" + std::to_string(count);
+    std::printf(
+        "kill points: %s: steps=%llu stores=%llu calls:%s; points=%zu (inside calls %zu) "
+        "different=%zu old=%zu new=%zu between=%zu broken=%zu real_kills=%zu\n",
+        name.c_str(), static_cast<unsigned long long>(trace.steps),
+        static_cast<unsigned long long>(trace.stores()), calls.c_str(), tally->looked_at,
+        tally->torn, tally->states.size(), tally->found[Found::kOld], tally->found[Found::kNow],
+        tally->found[Found::kBetween], tally->found[Found::kBroken], tally->real_kills);
+  }
+};
+
+class MappedKillPoints : public KillPoints {};
+TEST_P(MappedKillPoints, LeaveTheWholeOldOrTheWholeNewContent) {
+  Run(FileKind::kMapped, IsFullRun() ? 16 : 1);
+}
+INSTANTIATE_TEST_SUITE_P(Each, MappedKillPoints, ::testing::ValuesIn(MappedTransitions()),
+                         [](const auto& each) { return each.param.name; });
+
+class PlainKillPoints : public KillPoints {};
+TEST_P(PlainKillPoints, LeaveTheOldOrTheNewContentWhole) {
+  Run(FileKind::kPlain, IsFullRun() ? 8 : 1);
+}
+INSTANTIATE_TEST_SUITE_P(Each, PlainKillPoints, ::testing::ValuesIn(PlainTransitions()),
+                         [](const auto& each) { return each.param.name; });
+
+}  // namespace
+}  // namespace quenor::test
