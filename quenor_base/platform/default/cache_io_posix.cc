@@ -269,13 +269,14 @@ bool Truncate(int fd, uint64_t size) {
   return Uninterrupted([&] { return ftruncate(fd, static_cast<off_t>(size)); }) == 0;
 }
 
-bool ZeroRange(int fd, uint64_t offset, uint64_t size) {
+namespace {
+
+bool ZeroPart(int fd, uint64_t offset, uint64_t size) {
   const int punched = Uninterrupted([&] {
     return fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),
                      static_cast<off_t>(size));
   });
   if (punched == 0) return true;
-  // From the end on: the head of what is there tells what it is until the last write.
   static constexpr uint8_t kZeros[4096] = {};
   for (uint64_t end = offset + size; end > offset;) {
     const uint64_t part = std::min<uint64_t>(sizeof kZeros, end - offset);
@@ -283,6 +284,21 @@ bool ZeroRange(int fd, uint64_t offset, uint64_t size) {
     end -= part;
   }
   return true;
+}
+
+}  // namespace
+
+bool ZeroRange(int fd, uint64_t offset, uint64_t size) {
+  constexpr uint64_t kHead = 16384;
+  if (size > kHead && !ZeroPart(fd, offset + kHead, size - kHead)) return false;
+  return ZeroPart(fd, offset, std::min(size, kHead));
+}
+
+uint64_t NextData(int fd, uint64_t begin, uint64_t end) {
+  if (begin >= end) return end;
+  const off_t data = lseek(fd, static_cast<off_t>(begin), SEEK_DATA);
+  if (data < 0) return errno == ENXIO ? end : begin;  // ENXIO: nothing but a hole. Else: unknown.
+  return std::min(static_cast<uint64_t>(data), end);
 }
 
 bool FileSize(int fd, uint64_t* size, uint64_t* links) {

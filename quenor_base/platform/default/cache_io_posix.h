@@ -90,8 +90,10 @@ class Mapping {
 [[nodiscard]] bool Allocate(int fd, uint64_t offset, uint64_t size);
 [[nodiscard]] bool Truncate(int fd, uint64_t size);
 // Makes a range inside the file read as zeros, and gives its disk space back where the file system
-// can. Killed on the way, what it has not reached is what was there, from the range's begin on.
+// can. The first 16 KiB go last: until then, what stands there tells what the rest was.
 [[nodiscard]] bool ZeroRange(int fd, uint64_t offset, uint64_t size);
+// Where, in [begin, end), something may be that is not a hole: the first such place, or `end`.
+uint64_t NextData(int fd, uint64_t begin, uint64_t end);
 [[nodiscard]] bool FileSize(int fd, uint64_t* size, uint64_t* links);
 // True when `path` still names the file that `fd` has open.
 bool IsStillAt(int fd, const std::string& path);

@@ -178,8 +178,8 @@ struct MultiProcessSafetyMmapFile::State {
   bool ReserveRange(uint64_t size, uint64_t* offset) const;
   bool ReserveLocked(uint64_t size, uint64_t* offset) const;
   bool UsedRanges(Range* used, size_t* count) const;
-  bool IsFreeUnit(uint64_t at, uint64_t end, uint64_t* skip) const;
-  bool FreeRange(uint64_t begin, uint64_t end) const;
+  bool IsFreeUnit(uint64_t at, uint64_t gap_end, uint64_t* skip) const;
+  bool FreeRange(uint64_t begin, uint64_t end, uint64_t gap_end) const;
   void DropReservation(uint64_t offset) const;
   void GiveBack(uint64_t offset, uint64_t size) const;
   void GiveBackIfEmpty();
@@ -262,7 +262,7 @@ MultiProcessSafetyMmapFile::State::~State() {
     building.map.Forget();
     return;
   }
-  if (own != 0) {
+  if (IsStillThere()) {
     VoidSave();
     GiveBackIfEmpty();
   }
@@ -401,7 +401,8 @@ MultiProcessSafetyMmapFile::State::Outcome MultiProcessSafetyMmapFile::State::Re
     return Outcome::kFailed;
   }
   // In this order: an Open() that finds no file at `path` looks for the recovered one first.
-  if (!cache_io::Rename(path, SetAsidePath(path)) || !cache_io::Rename(recovered, path) ||
+  if (!cache_io::Rename(path, SetAsidePath(path)) ||
+      (!cache_io::Rename(recovered, path) && errno != ENOENT) ||  // ENOENT: it did so already.
       (durability == Durability::kOnDisk && !cache_io::SyncFolderOf(path))) {
     LogFailure(__LINE__, "replace", path, errno, "make its folder writable");
     return Outcome::kFailed;
@@ -459,7 +460,12 @@ bool MultiProcessSafetyMmapFile::State::PrepareTable(const mmap_format::Reader& 
   wanted.check = mmap_format::CheckOf(wanted);
   // Also where someone has written over it while owners live: they know their places by heart.
   const size_t fixed = offsetof(Header, next_save_number);
-  if (std::memcmp(header(), &wanted, fixed) != 0) std::memcpy(header(), &wanted, fixed);
+  if (std::memcmp(header(), &wanted, fixed) != 0) {
+    const size_t behind_magic = sizeof wanted.magic;
+    std::memcpy(reinterpret_cast<uint8_t*>(header()) + behind_magic,
+                reinterpret_cast<const uint8_t*>(&wanted) + behind_magic, fixed - behind_magic);
+    StoreLast(&header()->magic, wanted.magic);
+  }
   const uint64_t unused = reader.LargestSaveNumber() + 1;
   if (__atomic_load_n(&header()->next_save_number, __ATOMIC_RELAXED) < unused) {
     __atomic_store_n(&header()->next_save_number, unused, __ATOMIC_RELAXED);
@@ -467,11 +473,19 @@ bool MultiProcessSafetyMmapFile::State::PrepareTable(const mmap_format::Reader& 
   return true;
 }
 
+// A process that dies drops all its locks at once, but perhaps in the middle of a pass: whoever got
+// one of them gets the others in the next pass. What remains is whole: with every dead owner, all
+// whose content he had taken.
 uint64_t MultiProcessSafetyMmapFile::State::LockDeadOwners() {
   uint64_t dead = 0;
-  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
-    if (cache_io::TryLock(file.fd(), RecordOffset(owner), 1)) dead |= Bit(owner);
-  }
+  uint64_t before;
+  do {
+    before = dead;
+    for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+      if ((dead & Bit(owner)) != 0) continue;
+      if (cache_io::TryLock(file.fd(), RecordOffset(owner), 1)) dead |= Bit(owner);
+    }
+  } while (dead != before);
   return dead;
 }
 
@@ -484,11 +498,12 @@ void MultiProcessSafetyMmapFile::State::SettleDeadOwners(uint64_t dead) {
       if (reserved.size != 0) reserved.size = 0;
     }
     const OwnerView view = View(owner);
+    // He died holding the locks of those whose content he had taken, so they are dead too.
     if (view.in_force < 0 || view.seal().superseded == 0) continue;
+    if ((view.seal().superseded & ~dead) != 0) continue;
     for (uint32_t other = 1; other <= kOwners; ++other) {
-      // He died holding their locks, so they are dead too.
       const OwnerView voided = View(other);
-      if ((view.seal().superseded & dead & Bit(other)) == 0 || voided.in_force < 0) continue;
+      if ((view.seal().superseded & Bit(other)) == 0 || voided.in_force < 0) continue;
       ReplaceSeal(other, voided.in_force, Seal());
     }
     (void)FlushTable();
@@ -604,6 +619,8 @@ bool MultiProcessSafetyMmapFile::State::MapOwnExtent() {
   current.file_offset = seal.extent_offset;
   current.epoch = seal.extent_epoch;
   current.shape = ExtentShape{seal.extent_size, seal.index_capacity};
+  // What this owner's saves will name without writing it anew.
+  if (durability == Durability::kOnDisk && !cache_io::SyncFile(file.fd())) return false;
   WriteExtentHeader(current, mmap_format::kInUse);
   area = !sealed.empty() && sealed[0].offset >= current.shape.area(1) ? 1 : 0;
   append_at = current.shape.area(area);
@@ -616,18 +633,21 @@ bool MultiProcessSafetyMmapFile::State::MapOwnExtent() {
 
 // Records -----------------------------------------------------------------------------------------
 
-// A live owner may be writing: at any instant one of his seals is valid, but not the same one for
-// as long as a copy takes.
+// A live owner may be writing, and moving: only two copies that agree are of one instant, because
+// save numbers only grow.
 OwnerView MultiProcessSafetyMmapFile::State::View(uint32_t owner) const {
-  constexpr int kMostCopies = 100;
-  OwnerView view;
-  for (int i = 0; i < kMostCopies; ++i) {
-    OwnerRecord copy;
-    std::memcpy(static_cast<void*>(&copy), record(owner), sizeof copy);
+  constexpr int kMostCopies = 1000;
+  OwnerRecord copies[2];
+  std::memcpy(static_cast<void*>(&copies[0]), record(owner), sizeof copies[0]);
+  for (int i = 1; i < kMostCopies; ++i) {
     __atomic_thread_fence(__ATOMIC_ACQUIRE);  // Pairs with StoreLast().
-    view = mmap_format::ViewOf(copy);
-    if (view.is_settled && view.damage == nullptr) break;
+    std::memcpy(static_cast<void*>(&copies[i % 2]), record(owner), sizeof copies[0]);
+    if (std::memcmp(&copies[0], &copies[1], sizeof copies[0]) == 0) {
+      return mmap_format::ViewOf(copies[0]);
+    }
   }
+  OwnerView view = mmap_format::ViewOf(copies[0]);
+  view.damage = "a record that never stays the same";
   return view;
 }
 
@@ -717,7 +737,8 @@ bool MultiProcessSafetyMmapFile::State::ReserveLocked(uint64_t size, uint64_t* o
   used[count] = {UINT64_MAX, UINT64_MAX};
   uint64_t at = kTableSize;
   for (size_t i = 0; i <= count; ++i) {
-    if (used[i].begin >= at + size && FreeRange(at, std::min(at + size, file_size))) break;
+    const uint64_t gap_end = std::min(used[i].begin, file_size);
+    if (used[i].begin >= at + size && FreeRange(at, std::min(at + size, gap_end), gap_end)) break;
     // Behind the last range in use, what is not free is passed over as a whole.
     at = std::max(at, i < count ? used[i].end : RoundUp(file_size, kUnit));
   }
@@ -763,9 +784,9 @@ bool MultiProcessSafetyMmapFile::State::UsedRanges(Range* used, size_t* count) c
 // zeros, or an extent that was given back or whose owner died filling it, which are then made
 // zeros.
 // `*skip` is how far that holds.
-bool MultiProcessSafetyMmapFile::State::IsFreeUnit(uint64_t at, uint64_t end,
+bool MultiProcessSafetyMmapFile::State::IsFreeUnit(uint64_t at, uint64_t gap_end,
                                                    uint64_t* skip) const {
-  *skip = std::min(kUnit, end - at);
+  *skip = kUnit;
   ExtentHeader head = {};
   if (cache_io::ReadAt(file.fd(), &head, sizeof head, at) < 0) return false;
   const ExtentHeader zeros = {};
@@ -773,15 +794,18 @@ bool MultiProcessSafetyMmapFile::State::IsFreeUnit(uint64_t at, uint64_t end,
   if (!mmap_format::IsSound(head, at) || !mmap_format::IsLeftOver(head, View(head.owner))) {
     return false;
   }
-  *skip = std::min(head.size, end - at);
+  // All of it, whatever is wanted: without its head nobody could tell what the rest is.
+  *skip = std::min(head.size, gap_end - at);
   return cache_io::ZeroRange(file.fd(), at, *skip);
 }
 
-// With the table's lock held, of a range that no record names.
-bool MultiProcessSafetyMmapFile::State::FreeRange(uint64_t begin, uint64_t end) const {
+// With the table's lock held. Whether the range, part of a gap that no record names, is free.
+bool MultiProcessSafetyMmapFile::State::FreeRange(uint64_t begin, uint64_t end,
+                                                  uint64_t gap_end) const {
   uint64_t skip;
   for (uint64_t at = begin; at < end; at += skip) {
-    if (!IsFreeUnit(at, end, &skip)) return false;
+    at = cache_io::NextData(file.fd(), at, end) / kUnit * kUnit;
+    if (at < end && !IsFreeUnit(at, gap_end, &skip)) return false;
   }
   return true;
 }
@@ -810,7 +834,9 @@ void MultiProcessSafetyMmapFile::State::GiveBack(uint64_t offset, uint64_t size)
     if (!in_use && offset < file_size) {
       (void)cache_io::ZeroRange(file.fd(), offset, std::min(size, file_size - offset));
     }
-    if (end < file_size && FreeRange(end, file_size)) (void)cache_io::Truncate(file.fd(), end);
+    if (end < file_size && FreeRange(end, file_size, file_size)) {
+      (void)cache_io::Truncate(file.fd(), end);
+    }
   }
   cache_io::Unlock(file.fd(), 0, 1);
 }
@@ -820,9 +846,10 @@ void MultiProcessSafetyMmapFile::State::GiveBackIfEmpty() {
   if (!current || !sealed.empty() || claimed != 0 || !is_complete) return;
   const uint64_t offset = current.file_offset;
   const uint64_t size = current.shape.size;
-  ReplaceSeal(own, in_force, Seal());
+  // Marked and unmapped before it is nobody's: another may then use it, or cut the file.
   StoreLast(&current.header()->state, mmap_format::kFree);
   current.Reset();
+  ReplaceSeal(own, in_force, Seal());
   GiveBack(offset, size);
 }
 
@@ -830,8 +857,8 @@ void MultiProcessSafetyMmapFile::State::GiveBackIfEmpty() {
 
 bool MultiProcessSafetyMmapFile::State::Clear(int64_t size) {
   if (file.is_orphan()) return false;
-  VoidSave();
   may_read = false;
+  is_saving = false;
   is_complete = false;
   if (size < 0 || static_cast<uint64_t>(size) > kMostAnnounced) {
     errno = EINVAL;
@@ -839,7 +866,11 @@ bool MultiProcessSafetyMmapFile::State::Clear(int64_t size) {
     return false;
   }
   if (!may_save) return false;  // Which was told when it began.
-  if (!IsStillThere() && !Reopen()) return false;
+  if (IsStillThere()) {
+    VoidSave();
+  } else if (!Reopen()) {
+    return false;
+  }
   announced = static_cast<uint64_t>(size);
   appended = 0;
   next.Clear();
@@ -888,11 +919,13 @@ bool MultiProcessSafetyMmapFile::State::Append(const MmapDataPacket& packet) {
   return appended < announced || SealSave();
 }
 
-// What is mapped must not be behind the end of the file: touching it would be a signal.
+// Asked before anything that is mapped is touched in a new call: behind the end of the file that
+// would be a signal.
 bool MultiProcessSafetyMmapFile::State::IsStillThere() const {
   uint64_t size;
   uint64_t links;
-  const uint64_t end = std::max(kTableSize, current.file_offset + current.shape.size);
+  const uint64_t end = std::max({kTableSize, current.file_offset + current.shape.size,
+                                 building.file_offset + building.shape.size});
   return own != 0 && cache_io::FileSize(file.fd(), &size, &links) && links > 0 && size >= end;
 }
 
@@ -1073,11 +1106,12 @@ void MultiProcessSafetyMmapFile::State::FinishMove() {
   StoreLast(&building.header()->state, mmap_format::kInUse);
   const uint64_t offset = current.file_offset;
   const uint64_t size = current.shape.size;
-  // The older seal still names the extent that goes: from here on none does.
-  StoreLast(&record(own)->seals[1 - in_force].check, mmap_format::kWriting);
+  // Marked and unmapped before the older seal stops naming it: then another may use it, or cut the
+  // file.
   if (current) StoreLast(&current.header()->state, mmap_format::kFree);
   current.Reset();
   current.swap(building);
+  StoreLast(&record(own)->seals[1 - in_force].check, mmap_format::kWriting);
   DropReservation(current.file_offset);
   if (offset != 0) GiveBack(offset, size);
 }

@@ -59,8 +59,6 @@ OwnerView ViewOf(const OwnerRecord& record) {
     view.reserved[i] = sane ? Range{reserved.offset, reserved.offset + reserved.size} : Range{0, 0};
     if (states[i] == SealState::kDamaged) view.damage = "a seal";
   }
-  view.is_settled = view.valid[0] || view.valid[1] ||
-                    (states[0] == SealState::kNever && states[1] == SealState::kNever);
   if (view.valid[0] || view.valid[1]) {
     view.in_force = !view.valid[0]                                          ? 1
                     : !view.valid[1]                                        ? 0
@@ -86,7 +84,11 @@ bool Reader::Load() {
 
 TableState Reader::table_state() const {
   const Header& h = header();
-  if (file_size_ <= kTableSize && IsZero(records_, sizeof records_)) return TableState::kFresh;
+  // The magic is the last that a first Open() writes of the header, before any record.
+  if (file_size_ <= kTableSize && h.magic == 0 &&
+      IsZero(records_ + 1, sizeof records_ - sizeof records_[0])) {
+    return TableState::kFresh;
+  }
   if (h.magic != kHeaderMagic || h.check != CheckOf(h)) return TableState::kDamaged;
   if (h.version > kVersion) return TableState::kNewer;
   const bool ours = h.version == kVersion && h.table_size == kTableSize &&
@@ -265,7 +267,10 @@ bool Reader::ExamineGaps(Survey* survey) {
 bool Reader::ExamineGap(uint64_t begin, uint64_t end, Survey* survey) {
   const size_t before = survey->packets.size();
   uint64_t at = begin;
-  while (at < end) {
+  while (at < end && searched_ < kMaxSearchedBytes) {
+    at = std::max(at, cache_io::NextData(fd_, at, end) / kUnit * kUnit);
+    if (at >= end) break;
+    searched_ += sizeof(ExtentHeader);
     uint64_t skip;
     if (!SkipKnown(at, end, &skip)) return false;
     if (skip == 0) {

@@ -32,8 +32,6 @@ struct OwnerView {
   int in_force = -1;             // The valid seal with the larger save number; -1: none.
   const char* damage = nullptr;  // What no writer leaves; null: nothing.
 
-  bool is_settled = false;  // Not caught in the middle of a first or a second seal.
-
   bool has_content() const { return in_force >= 0 && seals[in_force].packets > 0; }
   const Seal& seal() const { return seals[in_force]; }
 };
