@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <new>
 
 #include "tests/support/memory_faults.h"
 
@@ -31,6 +32,7 @@ ssize_t __real_pwrite(int, const void*, size_t, off_t);
 int __real_fstat(int, struct stat*);
 int __real_lstat(const char*, struct stat*);
 void* __real_realloc(void*, size_t);
+void* __real__ZnwmRKSt9nothrow_t(size_t, const std::nothrow_t&);
 }
 
 namespace quenor::test {
@@ -111,6 +113,9 @@ bool FileCalls::HasFailed() {
 
 uint64_t FileCalls::Count(Call call) { return g_counts[static_cast<int>(call)]; }
 
+FileCalls::Unseen::Unseen() : before_(g_in_observer) { g_in_observer = true; }
+FileCalls::Unseen::~Unseen() { g_in_observer = before_; }
+
 void FileCalls::Observe(CallObserver* observer) { g_observer = observer; }
 
 const char* FileCalls::Name(Call call) {
@@ -118,7 +123,8 @@ const char* FileCalls::Name(Call call) {
       "open",    "close",           "posix_fallocate", "fallocate", "mmap",
       "madvise", "munmap",          "fcntl",           "fsync",     "fdatasync",
       "msync",   "sync_file_range", "rename",          "ftruncate", "pread",
-      "pwrite",  "fstat",           "lstat",           "malloc",    "realloc"};
+      "pwrite",  "fstat",           "lstat",           "malloc",    "operator new (nothrow)",
+      "realloc"};
   return names[static_cast<int>(call)];
 }
 
@@ -234,6 +240,10 @@ int __wrap_fstat(int fd, struct stat* info) {
 }
 int __wrap_lstat(const char* path, struct stat* info) {
   return Pass(Info(Call::kLstat), -1, [&] { return __real_lstat(path, info); });
+}
+void* __wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag) {
+  if (!g_in_observer && NextError(Call::kNothrowNew) != 0) return nullptr;
+  return __real__ZnwmRKSt9nothrow_t(size, tag);
 }
 void* __wrap_realloc(void* memory, size_t size) {
   if (g_in_observer) return __real_realloc(memory, size);

@@ -30,7 +30,8 @@ enum class Call {
   kPwrite,
   kFstat,
   kLstat,
-  kMalloc,  // And calloc.
+  kMalloc,      // And calloc.
+  kNothrowNew,  // operator new that may answer null.
   kRealloc,
   kHowMany,
 };
@@ -68,6 +69,18 @@ class FileCalls {
   static uint64_t Count(Call call);
   // Borrowed until Reset() or the next call; may be null.
   static void Observe(CallObserver* observer);
+
+  // What is called in its scope is passed on, uncounted and unseen. Not for memory.
+  class Unseen {
+   public:
+    Unseen();
+    ~Unseen();
+    Unseen(const Unseen&) = delete;
+    Unseen& operator=(const Unseen&) = delete;
+
+   private:
+    const bool before_;
+  };
 
   static const char* Name(Call call);
   static std::vector<Call> All();
