@@ -151,7 +151,7 @@ struct MultiProcessSafetyMmapFile::State {
   bool WriteGroup(const mmap_format::Survey& survey, size_t begin, size_t end,
                   mmap_format::Reader& reader);
   bool PrepareTable(const mmap_format::Reader& reader);
-  uint64_t LockDeadOwners();
+  bool LockDeadOwners(uint64_t* dead);
   void SettleDeadOwners(uint64_t dead);
   bool ChooseOwners(uint64_t dead, Claim claim, mmap_format::Reader& reader);
   uint64_t OwnersWithContent(uint64_t dead) const;
@@ -269,8 +269,14 @@ MultiProcessSafetyMmapFile::State::~State() {
   Detach();
 }
 
-// The lock goes with the last reference to the description, and a mapping is one.
+// The locks go with the last reference to the description, and a mapping is one: should unmapping
+// fail, they go all the same.
 void MultiProcessSafetyMmapFile::State::Detach() {
+  current.Reset();
+  building.Reset();
+  table.Unmap();
+  if (file.is_open()) cache_io::Unlock(file.fd(), 0, kTableSize);
+  file.Close();
   own = 0;
   claimed = 0;
   to_read.Clear();
@@ -278,10 +284,6 @@ void MultiProcessSafetyMmapFile::State::Detach() {
   area = 0;
   append_at = 0;
   last_new_bytes = 0;
-  current.Reset();
-  building.Reset();
-  table.Unmap();
-  file.Close();
 }
 
 bool MultiProcessSafetyMmapFile::State::Open(Claim claim) {
@@ -366,7 +368,11 @@ MultiProcessSafetyMmapFile::State::Outcome MultiProcessSafetyMmapFile::State::Op
     LogFailure(__LINE__, "make room for", path, errno, "free some space on the disk");
     return Outcome::kFailed;
   }
-  const uint64_t dead = LockDeadOwners();
+  uint64_t dead = 0;
+  if (!LockDeadOwners(&dead)) {
+    LogFailure(__LINE__, "lock", path, errno, kTryLater);
+    return Outcome::kFailed;
+  }
   SettleDeadOwners(dead);
   if (!reader.Load() || !ChooseOwners(dead, claim, reader)) {
     LogFailure(__LINE__, "take an owner's place in", path, errno,
@@ -476,17 +482,21 @@ bool MultiProcessSafetyMmapFile::State::PrepareTable(const mmap_format::Reader& 
 // A process that dies drops all its locks at once, but perhaps in the middle of a pass: whoever got
 // one of them gets the others in the next pass. What remains is whole: with every dead owner, all
 // whose content he had taken.
-uint64_t MultiProcessSafetyMmapFile::State::LockDeadOwners() {
-  uint64_t dead = 0;
+// False with errno.
+bool MultiProcessSafetyMmapFile::State::LockDeadOwners(uint64_t* dead) {
   uint64_t before;
   do {
-    before = dead;
+    before = *dead;
     for (uint32_t owner = 1; owner <= kOwners; ++owner) {
-      if ((dead & Bit(owner)) != 0) continue;
-      if (cache_io::TryLock(file.fd(), RecordOffset(owner), 1)) dead |= Bit(owner);
+      if ((*dead & Bit(owner)) != 0) continue;
+      if (cache_io::TryLock(file.fd(), RecordOffset(owner), 1)) {
+        *dead |= Bit(owner);
+      } else if (errno != EAGAIN) {
+        return false;
+      }
     }
-  } while (dead != before);
-  return dead;
+  } while (*dead != before);
+  return true;
 }
 
 // Finishes what dead owners were at: content that a seal of theirs stands for is voided where it
