@@ -29,9 +29,15 @@ std::vector<std::vector<StoredPacket>> FindMapped(const std::string& image,
   return copies;
 }
 
+// Shorter than a table, or with a table of no owner.
+bool LooksUnusedMapped(const std::string& image) {
+  const size_t size = std::min<size_t>(image.size(), mmap_format::kTableSize);
+  return image.empty() || image.find_first_not_of('\0', mmap_format::kRecordSize) >= size;
+}
+
 }  // namespace
 
-const FileKind kMappedKind = {"mapped", LoadMappedAll, FindMapped};
+const FileKind kMappedKind = {"mapped", LoadMappedAll, FindMapped, LooksUnusedMapped};
 
 DamageBench::DamageBench(const FileKind& kind, std::string image, Packets content, Packets former)
     : kind_(kind), image_(std::move(image)), content_(std::move(content)) {
@@ -101,9 +107,10 @@ void DamageBench::Try(const std::string& damaged, const std::string& what) {
 
   const bool set_aside = Exists(SetAside(path_));
   ++(set_aside ? repaired_ : unnoticed_);
-  // A file of which nothing is left but its header, or nothing at all, has nothing to keep.
-  const bool is_bare = damaged.find_first_not_of('\0', 64) == std::string::npos;
-  if (lost && !is_bare && !set_aside) {
+  // Nothing tells a table without any record, and no packet behind it, from a file never used.
+  const bool is_blank = found.empty() && kind_.looks_unused(damaged);
+  if (lost && is_blank && !set_aside) ++lost_unnoticed_;
+  if (lost && !is_blank && !set_aside) {
     Fault(what, "packets are lost and the file was not set aside", found);
   }
   if (set_aside && ReadWholeFile(SetAside(path_)) != damaged) {
@@ -123,8 +130,10 @@ std::ostream& operator<<(std::ostream& out, const DamageBench& bench) {
              << bench.repaired_ << " repaired, " << bench.unnoticed_
              << " without loss as they are; " << bench.packets_intact_ << " intact packets, "
              << bench.intact_lost_ << " of them lost, " << bench.packets_destroyed_
-             << " destroyed; dropped ones that came back " << bench.came_back_dropped_ << ", twice "
-             << bench.came_back_twice_ << ", other order in " << bench.out_of_order_ << " cases";
+             << " destroyed, in " << bench.lost_unnoticed_
+             << " cases with everything that told of them; dropped ones that came back "
+             << bench.came_back_dropped_ << ", twice " << bench.came_back_twice_
+             << ", other order in " << bench.out_of_order_ << " cases";
 }
 
 }  // namespace quenor::test

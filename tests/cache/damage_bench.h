@@ -22,6 +22,8 @@ struct FileKind {
   // Where an image holds a packet: the bytes that make it what it is, in one or more ranges.
   std::vector<std::vector<StoredPacket>> (*find)(const std::string& image,
                                                  const std::string& packet);
+  // No owner ever wrote to it, as far as its bytes tell.
+  bool (*looks_unused)(const std::string& image);
 };
 extern const FileKind kMappedKind;
 extern const FileKind kPlainKind;
@@ -60,6 +62,7 @@ class DamageBench {
   uint64_t packets_destroyed_ = 0;
   uint64_t packets_intact_ = 0;
   uint64_t intact_lost_ = 0;
+  uint64_t lost_unnoticed_ = 0;     // Cases.
   uint64_t came_back_dropped_ = 0;  // Packets that a completed save had dropped.
   uint64_t came_back_twice_ = 0;
   uint64_t out_of_order_ = 0;  // Cases.
