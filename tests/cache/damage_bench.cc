@@ -37,7 +37,7 @@ bool LooksUnusedMapped(const std::string& image) {
 
 }  // namespace
 
-const FileKind kMappedKind = {"mapped", LoadMappedAll, FindMapped, LooksUnusedMapped};
+const FileKind kMappedKind = {"mapped", LoadMappedAll, FindMapped, LooksUnusedMapped, false};
 
 DamageBench::DamageBench(const FileKind& kind, std::string image, Packets content, Packets former)
     : kind_(kind), image_(std::move(image)), content_(std::move(content)) {
@@ -108,7 +108,8 @@ void DamageBench::Try(const std::string& damaged, const std::string& what) {
   const bool set_aside = Exists(SetAside(path_));
   ++(set_aside ? repaired_ : unnoticed_);
   // Nothing tells a table without any record, and no packet behind it, from a file never used.
-  const bool is_blank = found.empty() && kind_.looks_unused(damaged);
+  const bool is_blank = (found.empty() && kind_.looks_unused(damaged)) ||
+                        (kind_.a_cut_is_no_damage && damaged.size() < image_.size());
   if (lost && is_blank && !set_aside) ++lost_unnoticed_;
   if (lost && !is_blank && !set_aside) {
     Fault(what, "packets are lost and the file was not set aside", found);

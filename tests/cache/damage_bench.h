@@ -24,6 +24,8 @@ struct FileKind {
                                                  const std::string& packet);
   // No owner ever wrote to it, as far as its bytes tell.
   bool (*looks_unused)(const std::string& image);
+  // A file that is cut off is what a kill in the middle of a save leaves.
+  bool a_cut_is_no_damage;
 };
 extern const FileKind kMappedKind;
 extern const FileKind kPlainKind;

@@ -54,6 +54,20 @@ DamageBench CrowdedMapped() {
   return DamageBench(kMappedKind, ReadWholeFile(folder.File("f")), content, former);
 }
 
+// A plain file with a past: dropped packets, a seal, a save that nobody completed.
+DamageBench AgedPlain() {
+  const TempFolder folder;
+  const Packets all = NamedPackets("aged", 40, 130);
+  ReliableReportCacheFile file;
+  EXPECT_TRUE(OpenFile(file, folder.File("f")));
+  EXPECT_TRUE(Save(file, Slice(all, 0, 10)));
+  EXPECT_TRUE(Save(file, Slice(all, 3, 25)));
+  EXPECT_TRUE(Save(file, Slice(all, 8, 40)));
+  file.Close();
+  return DamageBench(kPlainKind, ReadWholeFile(folder.File("f")), Slice(all, 8, 40),
+                     Slice(all, 0, 8));
+}
+
 void Report(const char* test, const DamageBench& bench, uint64_t seed = 0) {
   std::cout << test << ": " << bench;
   if (seed != 0) std::cout << "; QUENOR_TEST_SEED=" << seed;
@@ -208,6 +222,23 @@ TEST(MmapFileDamageTest, RandomCorruptionCostsOnlyWhatItHits) {
   DamageBench crowded = CrowdedMapped();
   CorruptAtRandom(crowded, random, cases);
   Report("corruption, three owners", crowded, seed);
+}
+
+TEST(PlainFileDamageTest, AnyDamageCostsOnlyThePacketsItHits) {
+  const uint64_t seed = TestSeed();
+  Random random(seed);
+  DamageBench flips = AgedPlain();
+  FlipEveryByte(flips);
+  Report("flips", flips);
+  DamageBench cuts = AgedPlain();
+  CutAtEveryLength(cuts);
+  Report("cuts", cuts);
+  DamageBench zeros = AgedPlain();
+  ZeroRanges(zeros, random);
+  Report("zeros", zeros, seed);
+  DamageBench corruption = AgedPlain();
+  CorruptAtRandom(corruption, random, FullLength() ? 10000 : 400);
+  Report("corruption", corruption, seed);
 }
 
 // Damage of someone else's while the file is in use, and files that were never ours.
