@@ -1,16 +1,902 @@
+// The plain cache file as a journal: a packet is written once, a save is a list of packet numbers
+// that is written when the save is complete. What recovery finds after the last such list counts
+// too. How and why: docs/design/cache-file.md. The bytes: docs/formats/cache-file.md.
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "quenor_base/platform/default/cache_file_format.h"
+#include "quenor_base/platform/default/cache_file_reader.h"
+#include "quenor_base/platform/default/cache_io_posix.h"
+#include "quenor_base/platform/default/nothrow_array.h"
+#include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/reliable_report_cache_file.h"
 
 namespace quenor {
+namespace {
 
-struct ReliableReportCacheFile::State {};
+using cache_file::Content;
+using cache_file::Digest;
+using cache_file::FileHeader;
+using cache_file::kHeaderSize;
+using cache_file::kRecordHeaderSize;
+using cache_file::Packet;
+using cache_file::ReadResult;
+using cache_file::RecordHeader;
+using cache_file::Run;
+using cache_io::Descriptor;
+using cache_io::Durability;
+
+constexpr char kLogSource[] = "quenor_base/platform/default/cache_file_posix";
+// The file is written anew when it is longer than this and than kSizeMultiple times what a new one
+// would hold.
+constexpr uint64_t kSizeFloorBytes = 64 * 1024;
+constexpr uint64_t kSizeMultiple = 4;
+// Packets up to this size are copied behind their header and written with one call.
+constexpr size_t kCopyLimitBytes = 64 * 1024;
+// How often Open() starts again because others create, replace and rename the file meanwhile.
+constexpr int kOpenTries = 64;
+constexpr uint32_t kNoPosition = UINT32_MAX;
+
+uint64_t RandomKey() {
+  uint64_t key = 0;
+  if (getrandom(&key, sizeof key, GRND_NONBLOCK) != sizeof key) {
+    key = reinterpret_cast<uintptr_t>(&key) * 0x9e3779b97f4a7c15;
+  }
+  return key;
+}
+
+// Renames unless something is at `to`: then false with errno EEXIST.
+bool RenameToFree(const std::string& from, const std::string& to) {
+  int result;
+  do {
+    result = renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE);
+  } while (result != 0 && errno == EINTR);
+  if (result == 0) return true;
+  if (errno != EINVAL && errno != ENOSYS) return false;
+  // A file system that cannot; whoever creates `to` right now is not seen.
+  struct stat info;
+  if (lstat(to.c_str(), &info) == 0) {
+    errno = EEXIST;
+    return false;
+  }
+  return errno == ENOENT && cache_io::Rename(from, to);
+}
+
+// Finds packets of a sequence by their bytes, each at most once.
+class PacketIndex {
+ public:
+  // Forgets what it was built of before. False when there is no memory: then it finds nothing.
+  [[nodiscard]] bool Build(const NothrowArray<Packet>& packets);
+  // The first position, not yet taken, of a packet with these bytes, and takes it; else
+  // kNoPosition. `packets` is what it was built of.
+  uint32_t Take(const NothrowArray<Packet>& packets, const Digest& digest, uint32_t size);
+
+ private:
+  uint32_t* SlotOf(const NothrowArray<Packet>& packets, const Digest& digest, uint32_t size);
+
+  NothrowArray<uint32_t> slots_;  // A power of two, at most half of them in use.
+  NothrowArray<uint32_t> next_;   // Per position: the next one with the same bytes.
+  NothrowArray<uint8_t> taken_;   // Per position.
+};
+
+bool PacketIndex::Build(const NothrowArray<Packet>& packets) {
+  slots_.Clear();
+  size_t slots = 8;
+  while (slots < 2 * packets.size()) slots *= 2;
+  if (packets.size() >= kNoPosition || !next_.Assign(packets.size(), kNoPosition) ||
+      !taken_.Assign(packets.size(), 0) || !slots_.Assign(slots, kNoPosition)) {
+    return false;
+  }
+  for (size_t i = packets.size(); i > 0; --i) {
+    const uint32_t position = static_cast<uint32_t>(i - 1);
+    uint32_t* const slot = SlotOf(packets, packets[position].digest, packets[position].size);
+    next_[position] = *slot;
+    *slot = position;
+  }
+  return true;
+}
+
+uint32_t* PacketIndex::SlotOf(const NothrowArray<Packet>& packets, const Digest& digest,
+                              uint32_t size) {
+  const size_t mask = slots_.size() - 1;
+  size_t i = static_cast<size_t>(digest.low) & mask;
+  while (slots_[i] != kNoPosition) {
+    const Packet& packet = packets[slots_[i]];
+    if (packet.size == size && packet.digest == digest) break;
+    i = (i + 1) & mask;
+  }
+  return &slots_[i];
+}
+
+uint32_t PacketIndex::Take(const NothrowArray<Packet>& packets, const Digest& digest,
+                           uint32_t size) {
+  if (slots_.empty()) return kNoPosition;
+  uint32_t* const slot = SlotOf(packets, digest, size);
+  const uint32_t position = *slot;
+  if (position == kNoPosition || taken_[position] != 0) return kNoPosition;
+  taken_[position] = 1;
+  // The last of its kind stays, taken: an empty slot would hide those that were put behind it.
+  if (next_[position] != kNoPosition) *slot = next_[position];
+  return position;
+}
+
+// Records that are about to be written at a place of the file, behind one another.
+class Batch {
+ public:
+  void Start(uint64_t offset) {
+    offset_ = offset;
+    bytes_.Clear();
+  }
+  uint64_t end() const { return offset_ + bytes_.size(); }
+  size_t size() const { return bytes_.size(); }
+
+  [[nodiscard]] bool Reserve(size_t size) { return bytes_.Reserve(size); }
+  [[nodiscard]] bool Add(const void* bytes, size_t size) {
+    return bytes_.Append(static_cast<const uint8_t*>(bytes), size);
+  }
+  // The header of a packet whose bytes follow.
+  [[nodiscard]] bool AddPacketHeader(uint64_t number, uint32_t size, uint64_t body_check) {
+    const RecordHeader header =
+        cache_file::MakeRecordHeader(cache_file::kPacketMagic, number, size, body_check, end());
+    return Add(&header, sizeof header);
+  }
+  // An order or a seal that names these packets.
+  [[nodiscard]] bool AddNames(uint32_t magic, uint64_t number, const Packet* first,
+                              const Packet* last);
+  // False with errno: some of it may be in the file.
+  [[nodiscard]] bool Write(int fd) const {
+    return cache_io::WriteAt(fd, bytes_.data(), bytes_.size(), offset_);
+  }
+
+ private:
+  uint64_t offset_ = 0;
+  NothrowArray<uint8_t> bytes_;
+};
+
+bool Batch::AddNames(uint32_t magic, uint64_t number, const Packet* first, const Packet* last) {
+  const uint64_t offset = end();
+  const size_t header_at = bytes_.size();
+  RecordHeader header = {};
+  if (!Add(&header, sizeof header)) return false;
+  Run run = {0, 0};
+  for (const Packet* packet = first; packet != last; ++packet) {
+    if (run.count > 0 && packet->number == run.first + run.count) {
+      ++run.count;
+      continue;
+    }
+    if (run.count > 0 && !Add(&run, sizeof run)) return false;
+    run = {packet->number, 1};
+  }
+  if (run.count > 0 && !Add(&run, sizeof run)) return false;
+  const size_t body_at = header_at + sizeof header;
+  const size_t size = bytes_.size() - body_at;
+  if (size > UINT32_MAX) return false;
+  header = cache_file::MakeRecordHeader(
+      magic, number, static_cast<uint32_t>(size),
+      cache_file::BodyCheckOf(bytes_.data() + body_at, size, offset), offset);
+  std::memcpy(bytes_.data() + header_at, &header, sizeof header);
+  return true;
+}
+
+}  // namespace
+
+// --- What an open file is ------------------------------------------------------------------------
+
+struct ReliableReportCacheFile::State {
+  ~State() {
+    // By hand: a child that is being forked has the descriptor until its fork() returns.
+    if (file.is_open()) cache_io::Unlock(file.fd(), 0, 1);
+  }
+
+  // --- Opening
+  bool Open(const base::FilePath& file_path);
+  enum class Taken { kYes, kAgain, kNo };
+  Taken TakeFile();
+  Taken TakeExisting();
+  Taken TakeRecovered();
+  Taken TakeNew();
+  Taken Refuse(const char* what, const std::string& which, int error);
+  bool Lock(const Descriptor& descriptor, const std::string& at, Taken* taken);
+  bool ReadOrRepair();
+  bool WriteFileHeader();
+  bool SetAside(const Content& content, const char* why);
+  void AdoptBase(NothrowArray<Packet>* packets);
+
+  // --- Saving
+  bool Begin();
+  bool Add(const DataPacket& packet);
+  void Finish();
+  void EndSave();
+  void KeepWhatWasWritten();
+  bool Complete();
+  bool CheckFile();
+  bool Seal();
+  bool CutTail();
+  bool WriteOrder();
+  bool WritePacket(const DataPacket& packet, const Digest& digest);
+  bool WriteRecords(const DataPacket* packet);
+  bool MakeDurable(uint64_t begin);
+  bool IsTooLong() const;
+
+  // --- A new file in place of this one
+  struct Fresh {
+    Descriptor file;
+    NothrowArray<Packet> packets;
+    uint64_t end = 0;
+    uint64_t lost = 0;  // Packets that could not be read any more.
+  };
+  bool Rewrite();
+  bool WriteFresh(const NothrowArray<Packet>& from, uint64_t number, Fresh* fresh);
+  bool CopyPacket(const Packet& packet, Fresh* fresh);
+  bool CopyBody(const Packet& packet, Fresh* fresh);
+  enum class Body { kIntact, kGone, kFailed };
+  Body CheckBody(const Packet& packet, uint64_t fresh_offset, uint64_t* check);
+  bool Flush(const Fresh& fresh);
+  void Adopt(Fresh* fresh);
+
+  DataPacket Read();
+  void LogFailure(const char* what, int error);
+
+  std::string path;
+  std::string recovered_path;
+  std::string aside_path;
+  Descriptor file;
+  Durability durability = Durability::kProcess;
+  uint64_t digest_key = 0;
+
+  uint64_t end = 0;               // Where the next record goes.
+  bool has_litter = false;        // There may be bytes behind `end`, to be cut off before a write.
+  bool is_displaced = false;      // Nobody finds this file at `path` any more.
+  bool must_rewrite = false;      // What is in the file cannot be relied on.
+  uint64_t no_rewrite_below = 0;  // Bytes; after one that failed.
+  uint64_t last_number = 0;
+  uint64_t save_number = 0;
+
+  // What a recovery would now yield, less the save under way.
+  NothrowArray<Packet> base;
+  uint64_t base_bytes = 0;   // Of its records.
+  bool base_sealed = false;  // As one save, in the file.
+  PacketIndex index;         // Over `base`.
+
+  enum class Save { kNone, kOpen, kVoid };
+  Save save = Save::kNone;
+  NothrowArray<Packet> saved;  // Of the save under way.
+  uint64_t saved_bytes = 0;
+  uint64_t first_new_number = 0;  // From it on packets were written by the save under way.
+  size_t in_file = 0;             // So many of `saved` are named in the file, in their order.
+  uint32_t last_position = 0;     // In `base`, of the last one that is not.
+
+  bool reading = false;
+  size_t next_to_read = 0;
+  NothrowArray<uint8_t> read_bytes;  // What GetNextDataPacket() gave out.
+  bool refuses_saves = false;
+
+  Batch batch;
+  NothrowArray<uint8_t> copy_bytes;
+  Fresh spare;  // Keeps its memory from one rewrite to the next.
+  bool failure_logged = false;
+  int logged_error = 0;
+};
+
+// One line for a row of failures with one cause: a full disk fails at every save.
+void ReliableReportCacheFile::State::LogFailure(const char* what, int error) {
+  if (failure_logged && logged_error == error) return;
+  failure_logged = true;
+  logged_error = error;
+  LocalLog(2, kLogSource, __LINE__, "cache: cannot %s %s: %s; its old content stays", what,
+           path.c_str(), cache_io::ErrnoText(error).c_str());
+}
+
+// --- Opening -------------------------------------------------------------------------------------
+
+bool ReliableReportCacheFile::State::Open(const base::FilePath& file_path) {
+  path = file_path.value();
+  recovered_path = path + ".recovered";
+  aside_path = path + ".set-aside";
+  const std::string refusal = cache_io::WhyPathIsRefused(path);
+  if (!refusal.empty()) {
+    LocalLog(2, kLogSource, __LINE__, "cache: will not open \"%s\": %s", path.c_str(),
+             refusal.c_str());
+    return false;
+  }
+  durability = cache_io::ConfiguredDurability();
+  digest_key = RandomKey();
+  for (int i = 0; i < kOpenTries; ++i) {
+    switch (TakeFile()) {
+      case Taken::kYes:
+        return ReadOrRepair();
+      case Taken::kNo:
+        return false;
+      case Taken::kAgain:
+        file.Close();
+        break;
+    }
+  }
+  LocalLog(2, kLogSource, __LINE__, "cache: cannot open %s: others keep replacing it",
+           path.c_str());
+  return false;
+}
+
+auto ReliableReportCacheFile::State::Refuse(const char* what, const std::string& which, int error)
+    -> Taken {
+  const std::string why = error == ELOOP    ? "it is a symbolic link; remove it"
+                          : error == EINVAL ? "it is no regular file; remove it"
+                                            : cache_io::ErrnoText(error);
+  LocalLog(2, kLogSource, __LINE__, "cache: cannot %s %s: %s", what, which.c_str(), why.c_str());
+  return Taken::kNo;
+}
+
+// True when the descriptor has the lock and the file is still the one at that path. Else *taken
+// says what to do.
+bool ReliableReportCacheFile::State::Lock(const Descriptor& descriptor, const std::string& at,
+                                          Taken* taken) {
+  if (!cache_io::TryLock(descriptor.fd(), 0, 1)) {
+    if (errno == EAGAIN) {
+      LocalLog(2, kLogSource, __LINE__,
+               "cache: cannot open %s: another owner has it open; use another channel name or "
+               "another folder",
+               path.c_str());
+      *taken = Taken::kNo;
+    } else {
+      *taken = Refuse("lock", at, errno);
+    }
+    return false;
+  }
+  *taken = Taken::kAgain;
+  return cache_io::IsStillAt(descriptor.fd(), at);
+}
+
+auto ReliableReportCacheFile::State::TakeFile() -> Taken {
+  if (file.Open(path, Descriptor::How::kExisting)) return TakeExisting();
+  if (errno != ENOENT) return Refuse("open", path, errno);
+  // Killed between the two renames of SetAside(): the content is under the other name.
+  if (file.Open(recovered_path, Descriptor::How::kExisting)) return TakeRecovered();
+  if (errno == ELOOP || errno == EINVAL) {
+    return unlink(recovered_path.c_str()) == 0 ? Taken::kAgain
+                                               : Refuse("remove", recovered_path, errno);
+  }
+  if (errno != ENOENT) return Refuse("open", recovered_path, errno);
+  return TakeNew();
+}
+
+auto ReliableReportCacheFile::State::TakeExisting() -> Taken {
+  Taken taken;
+  if (!Lock(file, path, &taken)) return taken;
+  // A rewrite that was killed. Only the owner of `path` has anything to do under this name.
+  unlink(recovered_path.c_str());
+  return Taken::kYes;
+}
+
+auto ReliableReportCacheFile::State::TakeRecovered() -> Taken {
+  Taken taken;
+  if (!Lock(file, recovered_path, &taken)) return taken;
+  if (!RenameToFree(recovered_path, path)) {
+    return errno == EEXIST || errno == ENOENT ? Taken::kAgain
+                                              : Refuse("rename", recovered_path, errno);
+  }
+  return Taken::kYes;
+}
+
+auto ReliableReportCacheFile::State::TakeNew() -> Taken {
+  if (!file.Open(path, Descriptor::How::kCreate)) {
+    return errno == EEXIST ? Taken::kAgain : Refuse("create", path, errno);
+  }
+  Taken taken;
+  return Lock(file, path, &taken) ? Taken::kYes : taken;
+}
+
+bool ReliableReportCacheFile::State::ReadOrRepair() {
+  Content content;
+  const ReadResult result = cache_file::ReadContent(file.fd(), digest_key, &content);
+  if (result != ReadResult::kOk) {
+    Refuse("read", path, result == ReadResult::kNoMemory ? ENOMEM : errno);
+    return false;
+  }
+  reading = true;
+  if (content.kind == Content::Kind::kNew) {
+    if (WriteFileHeader()) return true;
+    Refuse("begin", path, errno);
+    return false;
+  }
+  save_number = content.save_number;
+  if (content.kind == Content::Kind::kNewer) {
+    char why[64];
+    std::snprintf(why, sizeof why, "is of version %" PRIu32 ", newer than this library's %" PRIu32,
+                  content.version, cache_file::kVersion);
+    return SetAside(content, why);
+  }
+  if (content.damaged) {
+    char why[sizeof content.damage + 32];
+    std::snprintf(why, sizeof why, "%s (%s)",
+                  content.kind == Content::Kind::kForeign ? "is no cache file" : "was damaged",
+                  content.damage);
+    return SetAside(content, why);
+  }
+  end = content.end;
+  has_litter = true;
+  last_number = content.last_number;
+  base_sealed = !content.has_tail;
+  AdoptBase(&content.packets);
+  return true;
+}
+
+void ReliableReportCacheFile::State::AdoptBase(NothrowArray<Packet>* packets) {
+  base.swap(*packets);
+  base_bytes = 0;
+  for (const Packet& packet : base) base_bytes += kRecordHeaderSize + packet.size;
+}
+
+bool ReliableReportCacheFile::State::WriteFileHeader() {
+  const FileHeader header = cache_file::MakeFileHeader();
+  if (!cache_io::Truncate(file.fd(), 0) ||
+      !cache_io::WriteAt(file.fd(), &header, sizeof header, 0)) {
+    return false;
+  }
+  end = kHeaderSize;
+  base_sealed = true;
+  return durability != Durability::kOnDisk ||
+         (cache_io::SyncFile(file.fd()) && cache_io::SyncFolderOf(path));
+}
+
+// The repaired content is complete under another name before the file as it was makes room for it.
+bool ReliableReportCacheFile::State::SetAside(const Content& content, const char* why) {
+  Fresh fresh;
+  bool done = WriteFresh(content.packets, content.save_number, &fresh);
+  if (done) {
+    done = cache_io::Rename(path, aside_path);
+    if (!done) {
+      const int error = errno;
+      unlink(recovered_path.c_str());
+      errno = error;
+    }
+  }
+  // Somebody else may make the second step, or the next Open(); see TakeRecovered().
+  done = done && (cache_io::Rename(recovered_path, path) ||
+                  (errno == ENOENT && cache_io::IsStillAt(fresh.file.fd(), path)));
+  if (done && durability == Durability::kOnDisk) done = cache_io::SyncFolderOf(path);
+  if (!done) {
+    LocalLog(2, kLogSource, __LINE__, "cache: %s %s and cannot be set aside as %s: %s",
+             path.c_str(), why, aside_path.c_str(), cache_io::ErrnoText(errno).c_str());
+    return false;
+  }
+  LocalLog(2, kLogSource, __LINE__,
+           "cache: %s %s; %zu intact packets were kept, %" PRIu32
+           " known ones were not; the file as it was is now %s",
+           path.c_str(), why, fresh.packets.size(), content.damaged_packets, aside_path.c_str());
+  Adopt(&fresh);
+  return true;
+}
+
+// --- Reading -------------------------------------------------------------------------------------
+
+auto ReliableReportCacheFile::State::Read() -> DataPacket {
+  if (!reading || next_to_read >= base.size()) return {};
+  const Packet& packet = base[next_to_read++];
+  if (packet.size == 0) return {};
+  read_bytes.Clear();
+  bool intact = false;
+  const char* why = "no memory";
+  if (read_bytes.Reserve(packet.size)) {
+    const int64_t got = cache_io::ReadAt(file.fd(), read_bytes.data(), packet.size,
+                                         packet.offset + kRecordHeaderSize);
+    intact = got == int64_t{packet.size} &&
+             cache_file::DigestOf(read_bytes.data(), packet.size, digest_key) == packet.digest;
+    why = got < 0 ? "the disk failed" : "it was changed since the file was opened";
+  }
+  if (intact) return {read_bytes.data(), packet.size};
+  LocalLog(2, kLogSource, __LINE__,
+           "cache: cannot read packet %zu of %s (%" PRIu32
+           " bytes): %s; nothing is saved until it is opened again",
+           next_to_read, path.c_str(), packet.size, why);
+  refuses_saves = true;
+  reading = false;
+  return {};
+}
+
+// --- Saving --------------------------------------------------------------------------------------
+
+bool ReliableReportCacheFile::State::Begin() {
+  reading = false;
+  EndSave();
+  // Appends are refused unless all of this succeeds.
+  save = Save::kVoid;
+  saved.Clear();
+  saved_bytes = 0;
+  if (refuses_saves || !Complete()) return false;
+  if (!index.Build(base)) {
+    LogFailure("begin a save in", ENOMEM);
+    return false;
+  }
+  first_new_number = last_number + 1;
+  in_file = 0;
+  save = Save::kOpen;
+  return true;
+}
+
+// Makes `base` a completed save in the file, and the file no longer than it may be.
+bool ReliableReportCacheFile::State::Complete() {
+  if (!CheckFile()) return false;
+  if ((must_rewrite || IsTooLong()) && Rewrite()) return true;
+  return !must_rewrite && (base_sealed || Seal());
+}
+
+void ReliableReportCacheFile::State::Finish() {
+  if (save != Save::kOpen) return;
+  EndSave();
+  if (!Complete() || durability != Durability::kOnDisk) return;
+  if (!cache_io::SyncFile(file.fd())) LogFailure("get to the disk", errno);
+}
+
+// The save under way, if there is one, becomes what a recovery has to yield.
+void ReliableReportCacheFile::State::EndSave() {
+  if (save == Save::kOpen) {
+    base.swap(saved);
+    base_bytes = saved_bytes;
+    base_sealed = false;
+    failure_logged = false;
+  } else if (save == Save::kVoid) {
+    KeepWhatWasWritten();
+  }
+}
+
+// Packets of a void save are in the file, and their senders were told so.
+void ReliableReportCacheFile::State::KeepWhatWasWritten() {
+  for (const Packet& packet : saved) {
+    if (packet.number < first_new_number) continue;
+    // Without memory they stay in the file, and are only written once more by the next save.
+    if (!base.Push(packet)) return;
+    base_bytes += kRecordHeaderSize + packet.size;
+  }
+}
+
+bool ReliableReportCacheFile::State::IsTooLong() const {
+  const uint64_t live = kHeaderSize + base_bytes + kRecordHeaderSize + sizeof(Run);
+  return end > std::max({kSizeFloorBytes, kSizeMultiple * live, no_rewrite_below});
+}
+
+// Others may delete, replace or shorten the file. False when it cannot even be asked.
+bool ReliableReportCacheFile::State::CheckFile() {
+  uint64_t size;
+  uint64_t links;
+  if (!cache_io::FileSize(file.fd(), &size, &links)) {
+    LogFailure("look at", errno);
+    return false;
+  }
+  const bool was_well = !must_rewrite;
+  if (links == 0 || !cache_io::IsStillAt(file.fd(), path)) {
+    is_displaced = must_rewrite = true;
+  } else if (size < end) {
+    must_rewrite = true;
+  } else if (size > end) {
+    has_litter = true;
+  }
+  if (was_well && must_rewrite) {
+    LocalLog(2, kLogSource, __LINE__, "cache: %s was %s by somebody else; it is written anew",
+             path.c_str(), is_displaced ? "removed or replaced" : "shortened");
+  }
+  return true;
+}
+
+bool ReliableReportCacheFile::State::CutTail() {
+  if (!has_litter) return true;
+  if (!cache_io::Truncate(file.fd(), end)) return false;
+  has_litter = false;
+  return true;
+}
+
+bool ReliableReportCacheFile::State::Seal() {
+  batch.Start(end);
+  const bool made =
+      batch.AddNames(cache_file::kSealMagic, save_number + 1, base.begin(), base.end());
+  if (!made) errno = ENOMEM;
+  if (!made || !WriteRecords(nullptr)) {
+    LogFailure("complete the save in", errno);
+    return false;
+  }
+  ++save_number;
+  base_sealed = true;
+  return true;
+}
+
+bool ReliableReportCacheFile::State::Add(const DataPacket& packet) {
+  if (save != Save::kOpen) return false;
+  save = Save::kVoid;  // Unless it succeeds.
+  if (packet.data == nullptr && packet.size > 0) return false;
+  if (!saved.Reserve(saved.size() + 1)) {
+    LogFailure("save to", ENOMEM);
+    return false;
+  }
+  const Digest digest = cache_file::DigestOf(packet.data, packet.size, digest_key);
+  const uint32_t position = index.Take(base, digest, packet.size);
+  if (position == kNoPosition) {
+    if (!WritePacket(packet, digest)) return false;
+  } else {
+    // A recovery puts what is not named behind what is, in the order of `base`.
+    const bool breaks_order = in_file < saved.size() && position < last_position;
+    if (breaks_order && !WriteOrder()) return false;
+    last_position = position;
+    static_cast<void>(saved.Push(base[position]));
+  }
+  saved_bytes += kRecordHeaderSize + packet.size;
+  save = Save::kOpen;
+  return true;
+}
+
+bool ReliableReportCacheFile::State::WriteOrder() {
+  batch.Start(end);
+  const bool made = batch.AddNames(cache_file::kOrderMagic, save_number + 1,
+                                   saved.begin() + in_file, saved.end());
+  if (!made) errno = ENOMEM;
+  if (!made || !WriteRecords(nullptr)) {
+    LogFailure("save to", errno);
+    return false;
+  }
+  in_file = saved.size();
+  return true;
+}
+
+bool ReliableReportCacheFile::State::WritePacket(const DataPacket& packet, const Digest& digest) {
+  batch.Start(end);
+  bool made = in_file == saved.size() || batch.AddNames(cache_file::kOrderMagic, save_number + 1,
+                                                        saved.begin() + in_file, saved.end());
+  const uint64_t offset = batch.end();
+  made = made && batch.AddPacketHeader(last_number + 1, packet.size,
+                                       cache_file::BodyCheckOf(packet.data, packet.size, offset));
+  if (!made) errno = ENOMEM;
+  const uint64_t begin = end;
+  if (!made || !WriteRecords(&packet)) {
+    LogFailure("save to", errno);
+    return false;
+  }
+  ++last_number;
+  // There is room: Add() made it.
+  static_cast<void>(saved.Push(Packet{last_number, offset, packet.size, false, digest}));
+  in_file = saved.size();
+  if (!MakeDurable(begin)) {
+    LogFailure("get to the disk", errno);
+    must_rewrite = true;  // The system may have dropped what it could not write.
+    return false;
+  }
+  return true;
+}
+
+// Writes the batch and the bytes of `packet`, which may be null, at `end` and moves it. On false,
+// with errno, nothing that counts is there.
+bool ReliableReportCacheFile::State::WriteRecords(const DataPacket* packet) {
+  if (!CutTail()) return false;
+  const uint32_t size = packet != nullptr ? packet->size : 0;
+  const bool copied = size <= kCopyLimitBytes;
+  if (copied && size > 0 && !batch.Add(packet->data, size)) {
+    errno = ENOMEM;
+    return false;
+  }
+  bool written = batch.Write(file.fd());
+  if (written && !copied) {
+    written = cache_io::WriteAt(file.fd(), packet->data, size, batch.end());
+  }
+  if (!written) {
+    const int error = errno;
+    has_litter = true;
+    static_cast<void>(CutTail());  // Else before the next write.
+    errno = error;
+    return false;
+  }
+  end = batch.end() + (copied ? 0 : size);
+  return true;
+}
+
+// What was written from `begin` on. With kOnDisk this takes what was written before with it.
+bool ReliableReportCacheFile::State::MakeDurable(uint64_t begin) {
+  if (durability == Durability::kOnDisk) return cache_io::SyncFile(file.fd());
+  if (durability == Durability::kStarted) {
+    // Advice only: nobody was promised that it arrives.
+    sync_file_range(file.fd(), static_cast<off_t>(begin), static_cast<off_t>(end - begin),
+                    SYNC_FILE_RANGE_WRITE);
+  }
+  return true;
+}
+
+// --- A new file in place of this one -------------------------------------------------------------
+
+// Writes what `base` holds to a new file, as a completed save, and renames that to `path`. On false
+// this file stays in use.
+bool ReliableReportCacheFile::State::Rewrite() {
+  Fresh& fresh = spare;
+  bool done = WriteFresh(base, save_number + 1, &fresh);
+  if (done) {
+    done =
+        is_displaced ? RenameToFree(recovered_path, path) : cache_io::Rename(recovered_path, path);
+    if (!done) {
+      const int error = errno;
+      unlink(recovered_path.c_str());
+      errno = error;
+    }
+  }
+  if (!done) {
+    LogFailure("write anew", errno);
+    fresh.file.Close();
+    no_rewrite_below = end + end / 4;
+    return false;
+  }
+  if (fresh.lost > 0) {
+    LocalLog(2, kLogSource, __LINE__,
+             "cache: %" PRIu64
+             " packets of %s could not be read any more; only the next save "
+             "brings them back",
+             fresh.lost, path.c_str());
+  }
+  ++save_number;
+  Adopt(&fresh);
+  if (durability == Durability::kOnDisk && !cache_io::SyncFolderOf(path)) {
+    LogFailure("get to the disk", errno);
+    must_rewrite = true;
+    return false;
+  }
+  return true;
+}
+
+void ReliableReportCacheFile::State::Adopt(Fresh* fresh) {
+  file.swap(fresh->file);
+  fresh->file.Close();
+  AdoptBase(&fresh->packets);
+  end = fresh->end;
+  last_number = base.size();
+  base_sealed = true;
+  has_litter = is_displaced = must_rewrite = false;
+  no_rewrite_below = 0;
+}
+
+// Creates the file under its other name, locked before anybody can find it at `path`, with these
+// packets as save `number`. False with errno.
+bool ReliableReportCacheFile::State::WriteFresh(const NothrowArray<Packet>& from, uint64_t number,
+                                                Fresh* fresh) {
+  fresh->packets.Clear();
+  fresh->lost = 0;
+  errno = ENOMEM;
+  if (!fresh->packets.Reserve(from.size()) || !copy_bytes.Reserve(kCopyLimitBytes) ||
+      !batch.Reserve(3 * kCopyLimitBytes)) {
+    return false;
+  }
+  unlink(recovered_path.c_str());
+  if (!fresh->file.Open(recovered_path, Descriptor::How::kCreate)) return false;
+  const FileHeader header = cache_file::MakeFileHeader();
+  batch.Start(0);
+  bool done = cache_io::TryLock(fresh->file.fd(), 0, 1) && batch.Add(&header, sizeof header);
+  for (size_t i = 0; done && i < from.size(); ++i) done = CopyPacket(from[i], fresh);
+  if (done && (number > 0 || !fresh->packets.empty())) {
+    done = batch.AddNames(cache_file::kSealMagic, std::max<uint64_t>(number, 1),
+                          fresh->packets.begin(), fresh->packets.end());
+    if (!done) errno = ENOMEM;
+  }
+  fresh->end = batch.end();
+  done = done && Flush(*fresh);
+  if (done && durability == Durability::kOnDisk) done = cache_io::SyncFile(fresh->file.fd());
+  if (!done) {
+    const int error = errno;
+    unlink(recovered_path.c_str());
+    fresh->file.Close();
+    errno = error;
+  }
+  return done;
+}
+
+bool ReliableReportCacheFile::State::Flush(const Fresh& fresh) {
+  if (!batch.Write(fresh.file.fd())) return false;
+  batch.Start(batch.end());
+  return true;
+}
+
+bool ReliableReportCacheFile::State::CopyPacket(const Packet& packet, Fresh* fresh) {
+  if (batch.size() >= kCopyLimitBytes && !Flush(*fresh)) return false;
+  const uint64_t offset = batch.end();
+  uint64_t check = 0;
+  switch (CheckBody(packet, offset, &check)) {
+    case Body::kFailed:
+      return false;
+    case Body::kGone:
+      ++fresh->lost;
+      return true;
+    case Body::kIntact:
+      break;
+  }
+  const uint64_t number = fresh->packets.size() + 1;
+  if (!batch.AddPacketHeader(number, packet.size, check) || !CopyBody(packet, fresh)) return false;
+  // There is room: WriteFresh() made it.
+  static_cast<void>(fresh->packets.Push(Packet{number, offset, packet.size, true, packet.digest}));
+  return true;
+}
+
+// *check is the body's, for a record at `fresh_offset`. Leaves the last part in copy_bytes.
+auto ReliableReportCacheFile::State::CheckBody(const Packet& packet, uint64_t fresh_offset,
+                                               uint64_t* check) -> Body {
+  cache_file::BodyHasher hasher(fresh_offset, digest_key);
+  for (uint32_t done = 0; done < packet.size;) {
+    const size_t part = std::min<size_t>(kCopyLimitBytes, packet.size - done);
+    const int64_t got = cache_io::ReadAt(file.fd(), copy_bytes.data(), part,
+                                         packet.offset + kRecordHeaderSize + done);
+    if (got < 0) return Body::kFailed;
+    if (got != static_cast<int64_t>(part)) return Body::kGone;
+    hasher.Update(copy_bytes.data(), part);
+    done += static_cast<uint32_t>(part);
+  }
+  *check = hasher.Check();
+  return hasher.ContentDigest() == packet.digest ? Body::kIntact : Body::kGone;
+}
+
+// After CheckBody(): a small body is still in copy_bytes.
+bool ReliableReportCacheFile::State::CopyBody(const Packet& packet, Fresh* fresh) {
+  if (packet.size <= kCopyLimitBytes) {
+    const bool added = batch.Add(copy_bytes.data(), packet.size);
+    if (!added) errno = ENOMEM;
+    return added;
+  }
+  for (uint32_t done = 0; done < packet.size;) {
+    if (!Flush(*fresh)) return false;
+    const size_t part = std::min<size_t>(kCopyLimitBytes, packet.size - done);
+    const int64_t got = cache_io::ReadAt(file.fd(), copy_bytes.data(), part,
+                                         packet.offset + kRecordHeaderSize + done);
+    if (got >= 0 && got != static_cast<int64_t>(part)) errno = EIO;
+    if (got != static_cast<int64_t>(part) || !batch.Add(copy_bytes.data(), part)) return false;
+    done += static_cast<uint32_t>(part);
+  }
+  return true;
+}
+
+// --- The class -----------------------------------------------------------------------------------
 
 ReliableReportCacheFile::ReliableReportCacheFile() : state_(nullptr) {}
 
 ReliableReportCacheFile::~ReliableReportCacheFile() { Close(); }
 
+bool ReliableReportCacheFile::Open(const base::FilePath& path) {
+  Close();
+  State* const state = new (std::nothrow) State;
+  if (state == nullptr) {
+    LocalLog(2, kLogSource, __LINE__, "cache: cannot open %s: no memory", path.value().c_str());
+    return false;
+  }
+  if (!state->Open(path)) {
+    delete state;
+    return false;
+  }
+  state_ = state;
+  return true;
+}
+
+// In a forked child state_->file is not open, and nothing below does anything.
+
+ReliableReportCacheFile::DataPacket ReliableReportCacheFile::GetNextDataPacket() {
+  return state_ != nullptr && state_->file.is_open() ? state_->Read() : DataPacket();
+}
+
+bool ReliableReportCacheFile::Clear() {
+  return state_ != nullptr && state_->file.is_open() && state_->Begin();
+}
+
+bool ReliableReportCacheFile::AppendDataPacket(const DataPacket& packet) {
+  return state_ != nullptr && state_->file.is_open() && state_->Add(packet);
+}
+
+bool ReliableReportCacheFile::IsSaveComplete() const {
+  return state_ != nullptr && state_->file.is_open() && state_->save != State::Save::kVoid;
+}
+
 void ReliableReportCacheFile::Close() {
+  if (state_ != nullptr && state_->file.is_open()) state_->Finish();
   delete state_;
   state_ = nullptr;
 }
+
+const char* ReliableReportCacheFile::ImplementationName() { return "posix"; }
 
 }  // namespace quenor

@@ -115,7 +115,7 @@ bool Descriptor::Open(const std::string& path, How how) {
   if (fd < 0) return false;
   struct stat info;
   int error = 0;
-  if (fstat(fd, &info) != 0) {
+  if (Uninterrupted([&] { return fstat(fd, &info); }) != 0) {
     error = errno;
   } else if (!S_ISREG(info.st_mode)) {
     error = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;

@@ -1,0 +1,125 @@
+// The plain cache file on the disk: a header, then records, each behind the one before it, without
+// gaps. Packets are written once; a save is a list of packet numbers. Little-endian. Byte by byte,
+// with the reasons: docs/formats/cache-file.md. Shared by the writer and the reader.
+#ifndef QUENOR_BASE_PLATFORM_DEFAULT_CACHE_FILE_FORMAT_H_
+#define QUENOR_BASE_PLATFORM_DEFAULT_CACHE_FILE_FORMAT_H_
+
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace quenor::cache_file {
+
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
+              "records are copied as they are in memory");
+
+constexpr uint32_t kVersion = 1;
+constexpr uint64_t kFileMagic = 0x1a50726f6e657571;  // "quenorP\x1a"
+constexpr uint32_t kPacketMagic = 0x1a506351;        // "QcP\x1a": one packet.
+constexpr uint32_t kOrderMagic = 0x1a4f6351;  // "QcO\x1a": packets of the last seal, or after it,
+                                              // that come next in the save under way.
+constexpr uint32_t kSealMagic = 0x1a536351;   // "QcS\x1a": a save is complete; all its packets.
+// Numbers of packets and saves stay below: a larger one was not written by us.
+constexpr uint64_t kNumberLimit = uint64_t{1} << 62;
+
+struct FileHeader {
+  uint64_t magic;
+  uint32_t version;
+  uint32_t reserved;   // 0.
+  uint64_t reserved2;  // 0.
+  uint64_t check;      // Of the 24 bytes before it. Stays here in every later version.
+};
+
+struct RecordHeader {
+  uint32_t magic;
+  uint32_t size;        // Of the body, in bytes.
+  uint64_t number;      // A packet's: larger than of every packet before it. Else the save's.
+  uint64_t body_check;  // Of the body.
+  uint64_t check;       // Of the 24 bytes before it.
+};
+
+// Body of an order or a seal: the packets numbered first, first + 1, ... in this order.
+struct Run {
+  uint64_t first;
+  uint64_t count;  // At least 1.
+};
+
+constexpr uint64_t kHeaderSize = sizeof(FileHeader);
+constexpr uint64_t kRecordHeaderSize = sizeof(RecordHeader);
+static_assert(kHeaderSize == 32 && kRecordHeaderSize == 32 && sizeof(Run) == 16, "as on the disk");
+
+inline uint64_t CheckOf(const FileHeader& header) {
+  return XXH3_64bits(&header, offsetof(FileHeader, check));
+}
+
+// The record's place in the file is part of its checks: bytes of a cache file inside a packet are
+// no records.
+inline uint64_t CheckOf(const RecordHeader& header, uint64_t offset) {
+  return XXH3_64bits_withSeed(&header, offsetof(RecordHeader, check), offset);
+}
+inline uint64_t BodyCheckOf(const void* body, size_t size, uint64_t offset) {
+  return XXH3_64bits_withSeed(body, size, offset);
+}
+
+inline FileHeader MakeFileHeader() {
+  FileHeader header = {kFileMagic, kVersion, 0, 0, 0};
+  header.check = CheckOf(header);
+  return header;
+}
+
+inline RecordHeader MakeRecordHeader(uint32_t magic, uint64_t number, uint32_t size,
+                                     uint64_t body_check, uint64_t offset) {
+  RecordHeader header = {magic, size, number, body_check, 0};
+  header.check = CheckOf(header, offset);
+  return header;
+}
+
+inline bool IsRecord(const RecordHeader& header, uint64_t offset) {
+  return (header.magic == kPacketMagic || header.magic == kOrderMagic ||
+          header.magic == kSealMagic) &&
+         header.number < kNumberLimit && header.check == CheckOf(header, offset);
+}
+
+// Of a packet's bytes, under a key of the process's own, and never in the file. Two packets of one
+// digest and one size count as the same bytes.
+struct Digest {
+  uint64_t low;
+  uint64_t high;
+};
+inline bool operator==(const Digest& a, const Digest& b) {
+  return a.low == b.low && a.high == b.high;
+}
+inline Digest DigestOf(const void* data, size_t size, uint64_t key) {
+  const XXH128_hash_t hash = XXH3_128bits_withSeed(data, size, key);
+  return {hash.low64, hash.high64};
+}
+
+// Body check and digest of bytes that come in parts.
+class BodyHasher {
+ public:
+  BodyHasher(uint64_t offset, uint64_t key) {
+    XXH3_INITSTATE(&check_);
+    XXH3_INITSTATE(&digest_);
+    XXH3_64bits_reset_withSeed(&check_, offset);
+    XXH3_128bits_reset_withSeed(&digest_, key);
+  }
+  void Update(const void* data, size_t size) {
+    XXH3_64bits_update(&check_, data, size);
+    XXH3_128bits_update(&digest_, data, size);
+  }
+  uint64_t Check() const { return XXH3_64bits_digest(&check_); }
+  Digest ContentDigest() const {
+    const XXH128_hash_t hash = XXH3_128bits_digest(&digest_);
+    return {hash.low64, hash.high64};
+  }
+
+ private:
+  XXH3_state_t check_;
+  XXH3_state_t digest_;
+};
+
+}  // namespace quenor::cache_file
+
+#endif  // QUENOR_BASE_PLATFORM_DEFAULT_CACHE_FILE_FORMAT_H_
