@@ -148,6 +148,7 @@ void CorruptAtRandom(DamageBench& bench, Random& random, int cases) {
           what += " zeros";
           break;
         case 3: {  // A sector of the file itself, in another place.
+          if (bytes.size() < 512) break;
           const size_t from = Below(random, bytes.size() / 512) * 512;
           const size_t to = Below(random, bytes.size() / 512) * 512;
           bytes.replace(to, 512, bytes.substr(from, 512));
