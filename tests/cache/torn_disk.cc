@@ -22,6 +22,11 @@ void SetSector(std::string* image, size_t sector, const std::string& bytes) {
   image->replace(begin, bytes.size(), bytes);
 }
 
+uint64_t IdOf(const std::string& path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) == 0 ? info.st_ino : 0;
+}
+
 }  // namespace
 
 std::string PowerLoss::Draw(Random& random) const {
@@ -39,26 +44,55 @@ std::string PowerLoss::Draw(Random& random) const {
   return image;
 }
 
-TornDisk::TornDisk(const std::string& path) : path_(path), now_(ReadWholeFile(path)) {
+TornDisk::TornDisk(const std::string& path)
+    : path_(path), now_(ReadWholeFile(path)), file_id_(IdOf(path)) {
   state_.flushed = now_;
   state_.sizes = {now_.size()};
 }
 
 void TornDisk::SetContents(const Packets& confirmed, const Packets& under_way) {
-  state_.confirmed = confirmed;
-  state_.under_way = under_way;
+  for (PowerLoss* const state : {&state_, replaced_.get()}) {
+    if (state == nullptr) continue;
+    state->confirmed = confirmed;
+    state->under_way = under_way;
+  }
 }
 
 void TornDisk::Look() {
   const FileCalls::Unseen unseen;
   TakeNote();
   losses_.push_back(state_);
+  if (replaced_ != nullptr) losses_.push_back(*replaced_);
 }
 
 bool TornDisk::IsThisFile(int fd) const {
   struct stat by_descriptor, by_name;
   return fstat(fd, &by_descriptor) == 0 && lstat(path_.c_str(), &by_name) == 0 &&
          by_descriptor.st_dev == by_name.st_dev && by_descriptor.st_ino == by_name.st_ino;
+}
+
+void TornDisk::NoteSync(int fd) {
+  struct stat info;
+  if (fstat(fd, &info) != 0) return;
+  if (S_ISDIR(info.st_mode)) {
+    replaced_.reset();
+  } else if (info.st_ino == file_id_) {
+    Flushed(0, UINT64_MAX);
+  } else {
+    ++flushes_;
+    synced_[info.st_ino] = ReadWholeFile("/proc/self/fd/" + std::to_string(fd));
+  }
+}
+
+void TornDisk::NoteRename() {
+  const uint64_t id = IdOf(path_);
+  if (id == file_id_ || id == 0) return;
+  if (replaced_ == nullptr) replaced_ = std::make_unique<PowerLoss>(state_);
+  file_id_ = id;
+  now_ = state_.flushed = synced_[id];
+  state_.sectors.clear();
+  state_.sizes = {now_.size()};
+  Look();
 }
 
 void TornDisk::TakeNote() {
@@ -122,7 +156,10 @@ void TornDisk::After(const CallInfo& info) {
     }
     case Call::kFsync:
     case Call::kFdatasync:
-      if (IsThisFile(info.fd)) Flushed(0, UINT64_MAX);
+      NoteSync(info.fd);
+      break;
+    case Call::kRename:
+      NoteRename();
       break;
     case Call::kPwrite:
     case Call::kFtruncate:

@@ -1,7 +1,8 @@
 // TornDisk: what the disk may hold of one file when the power goes. Watches the calls that write
 // and flush; between two flushes any sector of 512 bytes may be there in any version it has had
-// since, in any order, and the length may be any it has had. Coarser than a disk: stores through a
-// mapping are seen as they are at the next call or Look(). Threads: one.
+// since, in any order, and the length may be any it has had. A renamed file has its new name once
+// its folder was flushed, perhaps before. Coarser than a disk: stores through a mapping are seen as
+// they are at the next call or Look(). Threads: one.
 #ifndef QUENOR_TESTS_CACHE_TORN_DISK_H_
 #define QUENOR_TESTS_CACHE_TORN_DISK_H_
 
@@ -52,12 +53,18 @@ class TornDisk : public CallObserver {
   };
 
   bool IsThisFile(int fd) const;
+  void NoteSync(int fd);
+  void NoteRename();
   void TakeNote();
   void Flushed(uint64_t begin, uint64_t end);
 
   const std::string path_;
   std::string now_;  // As the system shows the file.
   PowerLoss state_;
+  uint64_t file_id_;
+  std::map<uint64_t, std::string> synced_;  // By file: what is certainly there of those beside it.
+  // What had the name before: it may have it still, until the folder is on the disk.
+  std::unique_ptr<PowerLoss> replaced_;
   std::map<const uint8_t*, Mapped> mapped_;
   std::vector<PowerLoss> losses_;
   uint64_t flushes_ = 0;
