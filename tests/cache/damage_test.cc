@@ -1,0 +1,419 @@
+// Damaged files: whatever happens to their bytes, every packet whose own bytes are intact comes
+// back, nothing that was never saved does, and nobody crashes or hangs. QUENOR_CACHE_FULL=1 for all
+// cases.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <memory>
+
+#include "quenor_base/platform/default/mmap_file_format.h"
+#include "tests/cache/damage_bench.h"
+#include "tests/support/recording_log.h"
+
+namespace quenor::test {
+namespace {
+
+Packets Slice(const Packets& packets, size_t begin, size_t end) {
+  return Packets(packets.begin() + static_cast<long>(begin),
+                 packets.begin() + static_cast<long>(end));
+}
+
+// One owner's file with a past: dropped packets, two seals, a content that has moved about.
+DamageBench AgedMapped() {
+  const TempFolder folder;
+  const Packets all = NamedPackets("aged", 12, 90);
+  MultiProcessSafetyMmapFile file;
+  EXPECT_TRUE(OpenFile(file, folder.File("f")));
+  EXPECT_TRUE(Save(file, Slice(all, 0, 4)));
+  EXPECT_TRUE(Save(file, Slice(all, 1, 7)));
+  EXPECT_TRUE(Save(file, Slice(all, 3, 9)));
+  return DamageBench(kMappedKind, ReadWholeFile(folder.File("f")), Slice(all, 3, 9),
+                     Slice(all, 0, 3));
+}
+
+// Three owners' contents, each saved a few times, one begun and not completed.
+DamageBench CrowdedMapped() {
+  const TempFolder folder;
+  Packets content, former;
+  MultiProcessSafetyMmapFile owners[3];
+  for (size_t i = 0; i < 3; ++i) {
+    const Packets all = NamedPackets("owner " + std::to_string(i), 30, 150 + 100 * i);
+    EXPECT_TRUE(OpenFile(owners[i], folder.File("f")));
+    EXPECT_TRUE(Save(owners[i], Slice(all, 0, 20)));
+    EXPECT_TRUE(Save(owners[i], Slice(all, 5, 30)));
+    for (const std::string& packet : Slice(all, 5, 30)) content.push_back(packet);
+    for (const std::string& packet : Slice(all, 0, 5)) former.push_back(packet);
+  }
+  EXPECT_TRUE(owners[1].Clear(1000));
+  EXPECT_TRUE(Append(owners[1], NamedPacket("never complete", 0, 300)));
+  former.push_back(NamedPacket("never complete", 0, 300));
+  return DamageBench(kMappedKind, ReadWholeFile(folder.File("f")), content, former);
+}
+
+// A plain file with a past: dropped packets, a seal, a save that nobody completed.
+DamageBench AgedPlain() {
+  const TempFolder folder;
+  const Packets all = NamedPackets("aged", 40, 130);
+  ReliableReportCacheFile file;
+  EXPECT_TRUE(OpenFile(file, folder.File("f")));
+  EXPECT_TRUE(Save(file, Slice(all, 0, 10)));
+  EXPECT_TRUE(Save(file, Slice(all, 3, 25)));
+  EXPECT_TRUE(Save(file, Slice(all, 8, 40)));
+  file.Close();
+  return DamageBench(kPlainKind, ReadWholeFile(folder.File("f")), Slice(all, 8, 40),
+                     Slice(all, 0, 8));
+}
+
+void Report(const char* test, const DamageBench& bench, uint64_t seed = 0) {
+  std::cout << test << ": " << bench;
+  if (seed != 0) std::cout << "; QUENOR_TEST_SEED=" << seed;
+  std::cout << std::endl;
+  EXPECT_EQ("", bench.fault());
+}
+
+std::string At(const char* what, uint64_t at) { return what + (" at " + std::to_string(at)); }
+
+void FlipEveryByte(DamageBench& bench) {
+  std::string bytes = bench.image();
+  // In the short form only bytes that mean something, those around them, and some others.
+  const auto matters = [&](size_t at) {
+    for (size_t i = at < 8 ? 0 : at - 8; i < std::min(at + 8, bytes.size()); ++i) {
+      if (bytes[i] != 0) return true;
+    }
+    return at % 61 == 0;
+  };
+  for (size_t at = 0; at < bytes.size(); ++at) {
+    if (!FullLength() && !matters(at)) continue;
+    for (const char mask : {char(0x01), char(0x80), char(0xff)}) {
+      if (!FullLength() && mask != 0x01 && at % 7 != 0) continue;
+      bytes[at] = static_cast<char>(bytes[at] ^ mask);
+      bench.Try(bytes, At("a flip", at));
+      bytes[at] = static_cast<char>(bytes[at] ^ mask);
+    }
+  }
+}
+
+void CutAtEveryLength(DamageBench& bench) {
+  const std::string& image = bench.image();
+  for (size_t size = 0; size < image.size(); size += FullLength() || size < 300 ? 1 : 37) {
+    bench.Try(image.substr(0, size), At("cut", size));
+  }
+}
+
+void ZeroRanges(DamageBench& bench, Random& random) {
+  const std::string& image = bench.image();
+  for (const size_t unit : {size_t{512}, size_t{4096}, size_t{16384}}) {
+    for (size_t at = 0; at < image.size(); at += unit) {
+      std::string bytes = image;
+      bytes.replace(at, unit, std::min(unit, image.size() - at), '\0');
+      bench.Try(bytes, At("zeros", at) + " of " + std::to_string(unit));
+    }
+  }
+  for (int i = 0; i < (FullLength() ? 5000 : 300); ++i) {
+    const size_t at = Below(random, image.size());
+    const size_t size = 1 + Below(random, Below(random, 2) == 0 ? 300 : image.size() - at);
+    const size_t fits = std::min(size, image.size() - at);
+    std::string bytes = image;
+    bytes.replace(at, fits, fits, '\0');
+    bench.Try(bytes, At("zeros", at) + " of " + std::to_string(fits));
+  }
+}
+
+void CorruptAtRandom(DamageBench& bench, Random& random, int cases) {
+  const std::string& image = bench.image();
+  for (int i = 0; i < cases; ++i) {
+    std::string bytes = image;
+    std::string what = "corruption " + std::to_string(i) + ":";
+    for (uint64_t wounds = 1 + Below(random, 4); wounds > 0 && !bytes.empty(); --wounds) {
+      // Rather where something is than in the empty rest.
+      size_t at = Below(random, bytes.size());
+      for (int tries = 0; tries < 8 && bytes[at] == 0; ++tries) at = Below(random, bytes.size());
+      const size_t most = std::min<size_t>(bytes.size() - at, 1 + Below(random, 3000));
+      what += " " + std::to_string(at) + "+" + std::to_string(most);
+      switch (Below(random, 7)) {
+        case 0:
+          bytes[at] = static_cast<char>(random());
+          what += " byte";
+          break;
+        case 1:
+          bytes.replace(at, most, RandomBytes(random, most));
+          what += " noise";
+          break;
+        case 2:
+          bytes.replace(at, most, most, '\0');
+          what += " zeros";
+          break;
+        case 3: {  // A sector of the file itself, in another place.
+          if (bytes.size() < 512) break;
+          const size_t from = Below(random, bytes.size() / 512) * 512;
+          const size_t to = Below(random, bytes.size() / 512) * 512;
+          bytes.replace(to, 512, bytes.substr(from, 512));
+          what += " sector " + std::to_string(from) + " to " + std::to_string(to);
+          break;
+        }
+        case 4:
+          bytes.replace(at, most, most, '\xff');
+          what += " ones";
+          break;
+        case 5:
+          for (size_t byte = at; byte < at + std::min<size_t>(most, 64); ++byte) {
+            bytes[byte] = static_cast<char>(bytes[byte] ^ (1 << Below(random, 8)));
+          }
+          what += " flips";
+          break;
+        default:
+          if (Below(random, 4) == 0) {
+            bytes.resize(at);
+            what += " cut";
+          } else {
+            bytes.append(RandomBytes(random, Below(random, 40000)));
+            what += " more";
+          }
+      }
+    }
+    bench.Try(bytes, what);
+  }
+}
+
+TEST(MmapFileDamageTest, AnyByteFlippedCostsOnlyThePacketItIsIn) {
+  DamageBench bench = AgedMapped();
+  FlipEveryByte(bench);
+  Report("flips, one owner", bench);
+}
+
+TEST(MmapFileDamageTest, AnyByteFlippedAmongSeveralOwnersCostsOnlyThePacketItIsIn) {
+  if (!FullLength()) GTEST_SKIP() << "only with QUENOR_CACHE_FULL=1";
+  DamageBench bench = CrowdedMapped();
+  FlipEveryByte(bench);
+  Report("flips, three owners", bench);
+}
+
+TEST(MmapFileDamageTest, CutAtAnyLengthKeepsWhatIsBeforeTheCut) {
+  DamageBench aged = AgedMapped();
+  CutAtEveryLength(aged);
+  Report("cuts, one owner", aged);
+  if (!FullLength()) return;
+  DamageBench crowded = CrowdedMapped();
+  CutAtEveryLength(crowded);
+  Report("cuts, three owners", crowded);
+}
+
+TEST(MmapFileDamageTest, ZeroedRangesCostOnlyWhatIsInThem) {
+  const uint64_t seed = TestSeed();
+  Random random(seed);
+  DamageBench aged = AgedMapped();
+  ZeroRanges(aged, random);
+  Report("zeros, one owner", aged, seed);
+  DamageBench crowded = CrowdedMapped();
+  ZeroRanges(crowded, random);
+  Report("zeros, three owners", crowded, seed);
+}
+
+TEST(MmapFileDamageTest, RandomCorruptionCostsOnlyWhatItHits) {
+  const uint64_t seed = TestSeed();
+  Random random(seed);
+  const int cases = FullLength() ? 5000 : 400;
+  DamageBench aged = AgedMapped();
+  CorruptAtRandom(aged, random, cases);
+  Report("corruption, one owner", aged, seed);
+  DamageBench crowded = CrowdedMapped();
+  CorruptAtRandom(crowded, random, cases);
+  Report("corruption, three owners", crowded, seed);
+}
+
+TEST(PlainFileDamageTest, AnyDamageCostsOnlyThePacketsItHits) {
+  const uint64_t seed = TestSeed();
+  Random random(seed);
+  DamageBench flips = AgedPlain();
+  FlipEveryByte(flips);
+  Report("flips", flips);
+  DamageBench cuts = AgedPlain();
+  CutAtEveryLength(cuts);
+  Report("cuts", cuts);
+  DamageBench zeros = AgedPlain();
+  ZeroRanges(zeros, random);
+  Report("zeros", zeros, seed);
+  DamageBench corruption = AgedPlain();
+  CorruptAtRandom(corruption, random, FullLength() ? 10000 : 400);
+  Report("corruption", corruption, seed);
+}
+
+// Damage of someone else's while the file is in use, and files that were never ours.
+class MmapFileForeignTest : public ::testing::Test {
+ protected:
+  void SetUp() override { RecordingLog::Clear(); }
+
+  // A file that is not ours is put aside as it is, and what follows is as with no file.
+  void ExpectSetAside(const std::string& content) {
+    ASSERT_TRUE(WriteWholeFile(path_, content));
+    RecordingLog::Clear();
+    MultiProcessSafetyMmapFile file;
+
+    ASSERT_TRUE(OpenFile(file, path_));
+
+    EXPECT_EQ(Packets{}, ReadAll(file));
+    EXPECT_TRUE(content == ReadWholeFile(SetAside(path_)));
+    EXPECT_GE(LinesWith(2, SetAside(path_)), 1);
+    EXPECT_TRUE(Save(file, {"new"}));
+    file.Close();
+    EXPECT_EQ(Packets{"new"}, LoadMapped(path_));
+  }
+
+  TempFolder folder_;
+  const std::string path_ = folder_.File("channel.mmap");
+};
+
+TEST_F(MmapFileForeignTest, TextIsSetAside) {
+  ExpectSetAside("Dear reader,\n");
+  ExpectSetAside(std::string(50000, 'a'));
+}
+
+TEST_F(MmapFileForeignTest, AnotherProgramsBinaryIsSetAside) {
+  ExpectSetAside(ReadWholeFile("/proc/self/exe"));
+}
+
+TEST_F(MmapFileForeignTest, NothingButZerosIsNoLoss) {
+  for (const size_t size : {1, 100, 16384, 16385, 100000}) {
+    ASSERT_TRUE(WriteWholeFile(path_, std::string(size, '\0')));
+    {
+      MultiProcessSafetyMmapFile file;
+      ASSERT_TRUE(OpenFile(file, path_)) << size;
+      EXPECT_EQ(Packets{}, ReadAll(file));
+      EXPECT_TRUE(Save(file, {"new"}));
+    }
+    EXPECT_EQ(Packets{"new"}, LoadMapped(path_)) << size;
+  }
+}
+
+TEST_F(MmapFileForeignTest, SparseAndHugeIsSetAsideWithoutReadingItAll) {
+  ASSERT_TRUE(WriteWholeFile(path_, "something"));
+  ASSERT_EQ(0, truncate(path_.c_str(), off_t{1} << 40));
+  MultiProcessSafetyMmapFile file;
+
+  ASSERT_TRUE(OpenFile(file, path_));
+
+  EXPECT_EQ(Packets{}, ReadAll(file));
+  EXPECT_EQ(uint64_t{1} << 40, SizeOf(SetAside(path_)));
+  EXPECT_TRUE(Save(file, {"new"}));
+}
+
+TEST_F(MmapFileForeignTest, OursGrownToAHugeSparseFileKeepsItsContent) {
+  {
+    MultiProcessSafetyMmapFile file;
+    ASSERT_TRUE(OpenFile(file, path_));
+    ASSERT_TRUE(Save(file, {"a", "b"}));
+  }
+  ASSERT_EQ(0, truncate(path_.c_str(), off_t{1} << 40));
+
+  EXPECT_EQ((Packets{"a", "b"}), LoadMapped(path_));
+  EXPECT_EQ((Packets{"a", "b"}), LoadMapped(path_));
+}
+
+TEST_F(MmapFileForeignTest, OfANewerVersionIsKeptAsItIs) {
+  {
+    MultiProcessSafetyMmapFile file;
+    ASSERT_TRUE(OpenFile(file, path_));
+    ASSERT_TRUE(Save(file, {"a", "b"}));
+  }
+  std::string bytes = ReadWholeFile(path_);
+  mmap_format::Header header;
+  std::memcpy(&header, bytes.data(), sizeof header);
+  header.version = mmap_format::kVersion + 1;
+  header.check = mmap_format::CheckOf(header);
+  std::memcpy(bytes.data(), &header, sizeof header);
+
+  ExpectSetAside(bytes);
+}
+
+TEST_F(MmapFileForeignTest, DamageIsLeftAloneWhileAnotherOwnerLives) {
+  auto living = std::make_unique<MultiProcessSafetyMmapFile>();
+  ASSERT_TRUE(OpenFile(*living, path_));
+  ASSERT_TRUE(Save(*living, {"of the living"}));
+  {
+    MultiProcessSafetyMmapFile dead;
+    ASSERT_TRUE(OpenFile(dead, path_));
+    ASSERT_TRUE(Save(dead, NamedPackets("of the dead", 10, 100)));
+  }
+  std::string bytes = ReadWholeFile(path_);
+  const StoredPacket hit = FindPacket(bytes, NamedPacket("of the dead", 3, 100)).at(0);
+  {
+    std::FILE* const out = std::fopen(path_.c_str(), "r+b");
+    ASSERT_NE(nullptr, out);
+    std::fseek(out, static_cast<long>(hit.end - 1), SEEK_SET);
+    std::fputc(0, out);
+    std::fclose(out);
+  }
+  RecordingLog::Clear();
+
+  const Packets found = LoadMapped(path_);
+
+  EXPECT_FALSE(Exists(SetAside(path_)));
+  Packets intact = NamedPackets("of the dead", 10, 100);
+  intact.erase(intact.begin() + 3);
+  // Or it is left for a time when nobody lives.
+  if (!found.empty()) {
+    EXPECT_EQ(intact, found);
+  }
+  ASSERT_TRUE(Save(*living, {"of the living", "again"}));
+  living.reset();
+
+  Packets all = LoadMapped(path_);
+  std::sort(all.begin(), all.end());
+  Packets expected = intact;
+  expected.insert(expected.end(), {"of the living", "again"});
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(expected, all);
+  EXPECT_TRUE(Exists(SetAside(path_)));
+  EXPECT_GE(LinesWith(2, SetAside(path_)), 1);
+}
+
+TEST_F(MmapFileForeignTest, HeirOfADamagedContentDoesNotReplaceWhatHeCouldNotRead) {
+  auto living = std::make_unique<MultiProcessSafetyMmapFile>();
+  ASSERT_TRUE(OpenFile(*living, path_));
+  {
+    MultiProcessSafetyMmapFile dead;
+    ASSERT_TRUE(OpenFile(dead, path_));
+    ASSERT_TRUE(Save(dead, NamedPackets("of the dead", 10, 100)));
+  }
+  std::string bytes = ReadWholeFile(path_);
+  mmap_format::Seal seal;
+  // The index of the dead one's content: no packet is touched, and none can be found by it.
+  for (uint32_t owner = 1; owner <= mmap_format::kOwners; ++owner) {
+    for (const size_t which : {0, 1}) {
+      std::memcpy(&seal, bytes.data() + mmap_format::RecordOffset(owner) + which * sizeof seal,
+                  sizeof seal);
+      if (seal.check != mmap_format::CheckOf(seal) || seal.packets != 10) continue;
+      const mmap_format::ExtentShape shape{seal.extent_size, seal.index_capacity};
+      std::FILE* const out = std::fopen(path_.c_str(), "r+b");
+      ASSERT_NE(nullptr, out);
+      std::fseek(out,
+                 static_cast<long>(seal.extent_offset + shape.index(static_cast<int>(seal.index))),
+                 SEEK_SET);
+      std::fputc(1, out);
+      std::fclose(out);
+    }
+  }
+  {
+    MultiProcessSafetyMmapFile heir;
+    ASSERT_TRUE(OpenFile(heir, path_));
+    ReadAll(heir);
+    ASSERT_TRUE(Save(heir, {"of the heir"}));
+  }
+  EXPECT_FALSE(Exists(SetAside(path_)));
+  ASSERT_TRUE(Save(*living, {}));
+  living.reset();
+
+  Packets all = LoadMapped(path_);
+  std::sort(all.begin(), all.end());
+  Packets expected = NamedPackets("of the dead", 10, 100);
+  expected.push_back("of the heir");
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(expected, all);
+}
+
+}  // namespace
+}  // namespace quenor::test

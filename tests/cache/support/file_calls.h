@@ -1,0 +1,91 @@
+// FileCalls: stands between the cache files and the system. Counts their calls, fails the n-th of a
+// kind, and shows each to an observer. The linker redirects the calls (--wrap) of every archive in
+// the executable, so what is shipped is what is tested.
+// Threads: one, while anything is asked for; calls inside shared objects are not reached.
+#ifndef QUENOR_TESTS_CACHE_SUPPORT_FILE_CALLS_H_
+#define QUENOR_TESTS_CACHE_SUPPORT_FILE_CALLS_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace quenor::test {
+
+enum class Call {
+  kOpen,
+  kClose,
+  kPosixFallocate,
+  kFallocate,
+  kMmap,
+  kMadvise,
+  kMunmap,
+  kFcntl,
+  kFsync,
+  kFdatasync,
+  kMsync,
+  kSyncFileRange,
+  kRename,
+  kFtruncate,
+  kPread,
+  kPwrite,
+  kFstat,
+  kLstat,
+  kMalloc,      // And calloc.
+  kNothrowNew,  // operator new that may answer null.
+  kRealloc,
+  kHowMany,
+};
+
+struct CallInfo {
+  Call call;
+  int fd = -1;                    // -1 where the call has none.
+  const void* address = nullptr;  // Of memory: mmap's result, msync's and munmap's argument.
+  uint64_t offset = 0;            // In the file, or the new length.
+  uint64_t size = 0;
+};
+
+class CallObserver {
+ public:
+  virtual ~CallObserver() = default;
+  // What the observer calls itself is passed on unseen.
+  virtual void Before(const CallInfo&) {}
+  // Only of calls that succeeded.
+  virtual void After(const CallInfo&) {}
+};
+
+class FileCalls {
+ public:
+  // Everything is passed on, counts are 0, nobody observes.
+  static void Reset();
+
+  // From now on the `nth` call of the kind (1 is the next) fails with `error`; later ones do not.
+  static void Fail(Call call, int nth, int error);
+  // Every call of the kind fails, from the next to Reset(). Not for memory.
+  static void FailEach(Call call, int error);
+  // True when the failure asked for with Fail() has happened.
+  static bool HasFailed();
+
+  // Since Reset(). Not of kMalloc.
+  static uint64_t Count(Call call);
+  // Borrowed until Reset() or the next call; may be null.
+  static void Observe(CallObserver* observer);
+
+  // What is called in its scope is passed on, uncounted and unseen. Not for memory.
+  class Unseen {
+   public:
+    Unseen();
+    ~Unseen();
+    Unseen(const Unseen&) = delete;
+    Unseen& operator=(const Unseen&) = delete;
+
+   private:
+    const bool before_;
+  };
+
+  static const char* Name(Call call);
+  static std::vector<Call> All();
+};
+
+}  // namespace quenor::test
+
+#endif  // QUENOR_TESTS_CACHE_SUPPORT_FILE_CALLS_H_

@@ -1,0 +1,205 @@
+// What the file costs: disk space against its content, memory, flushes.
+#include <algorithm>
+#include <iostream>
+
+#include "tests/support/memory_faults.h"
+#include "tests/unit/cache/mmap/mmap_file_fixture.h"
+
+namespace quenor::test {
+namespace {
+
+class MmapFileCostTest : public MmapFileTest {};
+
+// What a content may take on the disk: what an empty file has, and a multiple of its packets with
+// their heads and places in the index.
+constexpr uint64_t kDiskOfNothing = 96 << 10;
+constexpr uint64_t kMultiple = 16;
+uint64_t MostOnDisk(const Packets& packets) {
+  uint64_t needed = 0;
+  for (const std::string& packet : packets) needed += (packet.size() + 31) / 8 * 8 + 16;
+  return kDiskOfNothing + kMultiple * needed;
+}
+
+TEST_F(MmapFileCostTest, DiskSpaceIsBoundedByTheContentOverTenThousandSaves) {
+  const uint64_t seed = TestSeed();
+  Random random(seed);
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  Packets packets;
+  double worst = 0;
+  uint64_t worst_disk = 0, worst_content = 0, least = 0;
+
+  uint64_t most = 200, longest = 300;
+
+  for (int step = 0; step < 10000; ++step) {
+    if (Below(random, 50) == 0) {  // Another load: few or many packets, short or long.
+      most = 1 + Below(random, Below(random, 3) == 0 ? 5 : 200);
+      longest = 1 + Below(random, Below(random, 8) == 0 ? 10000 : 400);
+    }
+    const size_t removed = Below(random, std::min<uint64_t>(packets.size(), 20) + 1);
+    packets.erase(packets.begin(), packets.begin() + static_cast<long>(removed));
+    for (uint64_t added = Below(random, 20); added > 0; --added) {
+      packets.push_back(RandomBytes(random, 1 + Below(random, longest)));
+    }
+    if (packets.size() > most)
+      packets.erase(packets.begin(), packets.end() - static_cast<long>(most));
+    ASSERT_TRUE(Save(file, packets)) << step;
+    const uint64_t content = static_cast<uint64_t>(AnnouncedSize(packets));
+    const uint64_t disk = BytesOnDisk(path_);
+    if (packets.empty()) least = std::max(least, disk);
+    // What is spent whatever the content, and what is spent for each byte of it.
+    ASSERT_LE(disk, MostOnDisk(packets)) << step;
+    const double ratio = static_cast<double>(disk) / static_cast<double>(content + (64 << 10));
+    if (ratio > worst) worst = ratio, worst_disk = disk, worst_content = content;
+  }
+  file.Close();
+
+  std::cout << "size bound: 10000 saves, at most " << worst
+            << " x (content + 64 KiB): " << worst_disk << " bytes on disk for " << worst_content
+            << "; at most " << least << " for an empty content; QUENOR_TEST_SEED=" << seed
+            << std::endl;
+  EXPECT_EQ(packets, LoadMapped(path_));
+}
+
+TEST_F(MmapFileCostTest, DiskSpaceFollowsAContentThatShrinksSlowly) {
+  Packets packets = NamedPackets("p", 1000, 1000);
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  double worst = 0;
+
+  for (; !packets.empty(); packets.pop_back()) {
+    ASSERT_TRUE(Save(file, packets));
+    ASSERT_LE(BytesOnDisk(path_), MostOnDisk(packets)) << packets.size();
+    worst = std::max(worst, static_cast<double>(BytesOnDisk(path_)) /
+                                static_cast<double>(AnnouncedSize(packets) + (64 << 10)));
+  }
+
+  std::cout << "size bound: a megabyte shrinking by a packet a save, at most " << worst
+            << " x (content + 64 KiB)" << std::endl;
+}
+
+TEST_F(MmapFileCostTest, GivesSpaceBackWhenTheContentShrinks) {
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_TRUE(Save(file, NamedPackets("large", 200, 20000)));
+  const uint64_t large = BytesOnDisk(path_);
+  ASSERT_GE(large, 4000000u);
+
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(Save(file, {NamedPacket("small", 1, 100)}));
+
+  EXPECT_LT(BytesOnDisk(path_), large / 8);
+  file.Close();
+  EXPECT_EQ(Packets{NamedPacket("small", 1, 100)}, LoadMapped(path_));
+}
+
+TEST_F(MmapFileCostTest, GivesSpaceBackOfDeadOwners) {
+  {
+    MultiProcessSafetyMmapFile owners[10];
+    for (MultiProcessSafetyMmapFile& owner : owners) {
+      ASSERT_TRUE(OpenFile(owner, path_));
+      ASSERT_TRUE(Save(owner, NamedPackets("large", 15, 20000)));
+    }
+  }
+  const uint64_t large = BytesOnDisk(path_);
+  MultiProcessSafetyMmapFile heir;
+  ASSERT_TRUE(OpenFile(heir, path_));
+  ASSERT_EQ(150u, ReadAll(heir).size());
+
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(Save(heir, {"small"}));
+
+  EXPECT_LT(BytesOnDisk(path_), large / 8);
+}
+
+TEST_F(MmapFileCostTest, NoAllocationPerSaveInTheSteadyState) {
+  Packets packets = NamedPackets("p", 150, 256);
+  std::vector<std::string> fresh = NamedPackets("fresh", 400, 256);
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  size_t next = 0;
+  const auto save_one_new = [&] {
+    std::rotate(packets.begin(), packets.begin() + 1, packets.end());
+    packets.back().swap(fresh[next++]);
+    return Save(file, packets);
+  };
+  for (int i = 0; i < 200; ++i) ASSERT_TRUE(save_one_new());
+  FileCalls::Reset();
+  const MemoryFaults::Counter counter;
+
+  bool saved = true;
+  for (int i = 0; i < 200; ++i) saved = save_one_new() && saved;
+
+  EXPECT_EQ(0u, counter.count());
+  EXPECT_EQ(0u, FileCalls::Count(Call::kRealloc));
+  EXPECT_TRUE(saved);
+  // Nor does it map, allocate or flush: only locks and looks.
+  for (const Call call : {Call::kOpen, Call::kMmap, Call::kMunmap, Call::kPosixFallocate,
+                          Call::kFsync, Call::kMsync, Call::kPwrite}) {
+    EXPECT_EQ(0u, FileCalls::Count(call)) << FileCalls::Name(call);
+  }
+}
+
+uint64_t Flushes() {
+  return FileCalls::Count(Call::kMsync) + FileCalls::Count(Call::kFsync) +
+         FileCalls::Count(Call::kFdatasync);
+}
+
+TEST_F(MmapFileCostTest, DurabilityZeroFlushesNothing) {
+  const DurabilityScope durability(0);
+  MultiProcessSafetyMmapFile file;
+
+  ASSERT_TRUE(OpenFile(file, path_));
+  for (size_t i = 1; i < 30; ++i) ASSERT_TRUE(Save(file, NamedPackets("p", i, 1000)));
+
+  EXPECT_EQ(0u, Flushes());
+  EXPECT_EQ(0u, FileCalls::Count(Call::kSyncFileRange));
+}
+
+TEST_F(MmapFileCostTest, DurabilityOneStartsWritingAndWaitsForNothing) {
+  const DurabilityScope durability(1);
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_TRUE(Save(file, {"a"}));
+  FileCalls::Reset();
+
+  for (int i = 0; i < 10; ++i) ASSERT_TRUE(Save(file, NamedPackets("p", 10, 1000)));
+
+  EXPECT_EQ(0u, Flushes());
+  EXPECT_GE(FileCalls::Count(Call::kSyncFileRange), 10u);
+}
+
+TEST_F(MmapFileCostTest, DurabilityTwoFlushesEverySave) {
+  const DurabilityScope durability(2);
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+
+  for (size_t i = 0; i < 10; ++i) {
+    const uint64_t before = FileCalls::Count(Call::kMsync);
+    ASSERT_TRUE(Save(file, NamedPackets("p", i, 1000)));
+    EXPECT_GE(FileCalls::Count(Call::kMsync), before + 1) << i;
+  }
+  std::cout << "flushes of 10 saves at durability 2: " << Flushes() << std::endl;
+}
+
+TEST_F(MmapFileCostTest, DurabilityIsReadAtOpenOnly) {
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  const DurabilityScope durability(2);
+
+  ASSERT_TRUE(Save(file, {"a"}));
+
+  EXPECT_EQ(0u, FileCalls::Count(Call::kMsync));
+}
+
+TEST_F(MmapFileCostTest, DurabilityThatMeansNothingIsLoggedAndCountsAsZero) {
+  const DurabilityScope durability(3);
+  MultiProcessSafetyMmapFile file;
+
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_TRUE(Save(file, {"a"}));
+
+  EXPECT_EQ(1, LinesWith(2, "quenor.report.cache_durability=3"));
+  EXPECT_EQ(0u, Flushes());
+}
+
+}  // namespace
+}  // namespace quenor::test

@@ -1,0 +1,336 @@
+// Open() and Close(): which paths and states are accepted, and what a refusal leaves.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "tests/unit/cache/mmap/mmap_file_fixture.h"
+
+namespace quenor::test {
+namespace {
+
+class MmapFileOpenTest : public MmapFileTest {
+ protected:
+  // Refused with one line that names the path.
+  void ExpectRefused(const std::string& path) {
+    RecordingLog::Clear();
+    MultiProcessSafetyMmapFile file;
+
+    EXPECT_FALSE(OpenFile(file, path)) << path;
+
+    EXPECT_EQ(1, LinesWith(2, "")) << path;
+    EXPECT_EQ(1, LinesWith(2, path)) << path;
+    EXPECT_EQ(0u, file.GetNextDataPacket().size);
+    EXPECT_FALSE(file.Clear(0));
+    EXPECT_FALSE(Append(file, "x"));
+  }
+};
+
+TEST_F(MmapFileOpenTest, CreatesAFileOfMode0600UnderAnyUmask) {
+  for (const mode_t mask : {0, 022, 077, 0277, 0777}) {
+    const mode_t before = umask(mask);
+    MultiProcessSafetyMmapFile file;
+    const bool opened = OpenFile(file, path_);
+    const bool saved = opened && Save(file, {"a"});
+    umask(before);
+
+    ASSERT_TRUE(opened && saved) << mask;
+    struct stat info;
+    ASSERT_EQ(0, stat(path_.c_str(), &info));
+    EXPECT_EQ(0600u, info.st_mode & 07777) << mask;
+    file.Close();
+    ASSERT_EQ(0, unlink(path_.c_str()));
+  }
+}
+
+TEST_F(MmapFileOpenTest, OfAMissingFileFindsNothing) {
+  MultiProcessSafetyMmapFile file;
+
+  ASSERT_TRUE(OpenFile(file, path_));
+
+  EXPECT_EQ(0u, file.GetNextDataPacket().size);
+  EXPECT_TRUE(Exists(path_));
+  EXPECT_EQ(0, LinesWith(2, ""));
+}
+
+TEST_F(MmapFileOpenTest, OfAnEmptyFileFindsNothingAndSavesInIt) {
+  ASSERT_TRUE(WriteWholeFile(path_, ""));
+  MultiProcessSafetyMmapFile file;
+
+  ASSERT_TRUE(OpenFile(file, path_));
+  EXPECT_EQ(0u, file.GetNextDataPacket().size);
+  ASSERT_TRUE(Save(file, {"a"}));
+  file.Close();
+
+  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
+  EXPECT_FALSE(Exists(SetAside(path_))) << "there was nothing to keep";
+}
+
+TEST_F(MmapFileOpenTest, RefusesEveryAccessButExtend) {
+  using base::MemoryMappedFile;
+  for (const auto access : {MemoryMappedFile::READ_ONLY, MemoryMappedFile::READ_WRITE,
+                            static_cast<MemoryMappedFile::Access>(7)}) {
+    RecordingLog::Clear();
+    MultiProcessSafetyMmapFile file;
+
+    EXPECT_FALSE(file.Open(base::FilePath(path_), access, 0));
+
+    EXPECT_EQ(1, LinesWith(2, path_));
+    EXPECT_FALSE(Exists(path_));
+  }
+}
+
+TEST_F(MmapFileOpenTest, MakesTheRoomThatItsSizeWishes) {
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(file.Open(base::FilePath(path_), base::MemoryMappedFile::READ_WRITE_EXTEND, 1 << 20));
+
+  ASSERT_TRUE(Save(file, {"small"}));
+
+  EXPECT_GE(BytesOnDisk(path_), 1u << 20);
+  file.Close();
+  EXPECT_EQ(Packets{"small"}, LoadMapped(path_));
+}
+
+TEST_F(MmapFileOpenTest, TwiceClosesFirst) {
+  const std::string other = folder_.File("other.mmap");
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_TRUE(Save(file, {"a"}));
+
+  ASSERT_TRUE(OpenFile(file, other));
+  ASSERT_TRUE(Save(file, {"b"}));
+  EXPECT_EQ(Packets{"a"}, LoadMapped(path_)) << "nobody is a live owner there";
+  ASSERT_TRUE(OpenFile(file, path_));
+
+  EXPECT_EQ(Packets{"a"}, ReadAll(file));
+  EXPECT_EQ(Packets{"b"}, LoadMapped(other));
+}
+
+TEST_F(MmapFileOpenTest, OfTheSameFileTwiceStartsReadingAgain) {
+  Leave({"a", "b"});
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_EQ(1u, file.GetNextDataPacket().size);
+
+  ASSERT_TRUE(OpenFile(file, path_));
+
+  EXPECT_EQ((Packets{"a", "b"}), ReadAll(file));
+}
+
+TEST_F(MmapFileOpenTest, ThatIsRefusedClosesWhatWasOpen) {
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_TRUE(Save(file, {"a"}));
+
+  ASSERT_FALSE(OpenFile(file, folder_.path()));
+
+  EXPECT_FALSE(file.Clear(0));
+  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
+}
+
+TEST_F(MmapFileOpenTest, DropsASaveUnderWay) {
+  Leave({"old"});
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_TRUE(file.Clear(10));
+
+  ASSERT_TRUE(OpenFile(file, path_));
+
+  EXPECT_TRUE(file.IsSaveComplete());
+  EXPECT_FALSE(Append(file, "x"));
+  EXPECT_EQ(Packets{"old"}, ReadAll(file));
+}
+
+TEST_F(MmapFileOpenTest, CloseTwiceIsCloseOnce) {
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_TRUE(Save(file, {"a"}));
+
+  file.Close();
+  file.Close();
+
+  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
+}
+
+TEST_F(MmapFileOpenTest, NothingWorksBeforeOpen) {
+  MultiProcessSafetyMmapFile file;
+
+  EXPECT_EQ(0u, file.GetNextDataPacket().size);
+  EXPECT_EQ(nullptr, file.GetNextDataPacket().data);
+  EXPECT_FALSE(file.Clear(0));
+  EXPECT_FALSE(file.Clear(100));
+  EXPECT_FALSE(Append(file, "x"));
+  file.Close();
+}
+
+TEST_F(MmapFileOpenTest, NothingWorksAfterClose) {
+  Leave({"a"});
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_TRUE(file.Clear(AnnouncedSize({"b"})));
+
+  file.Close();
+
+  EXPECT_EQ(0u, file.GetNextDataPacket().size);
+  EXPECT_FALSE(Append(file, "b"));
+  EXPECT_FALSE(file.Clear(0));
+  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
+}
+
+TEST_F(MmapFileOpenTest, RefusesASymbolicLinkAsLastComponent) {
+  Leave({"a"});
+  const std::string link = folder_.File("link.mmap");
+  ASSERT_EQ(0, symlink(path_.c_str(), link.c_str()));
+  const std::string dangling = folder_.File("dangling.mmap");
+  ASSERT_EQ(0, symlink(folder_.File("missing").c_str(), dangling.c_str()));
+
+  ExpectRefused(link);
+  ExpectRefused(dangling);
+
+  EXPECT_FALSE(Exists(folder_.File("missing")));
+  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
+}
+
+TEST_F(MmapFileOpenTest, FollowsASymbolicLinkToTheFolder) {
+  Leave({"a"});
+  const std::string link = folder_.File("folder");
+  ASSERT_EQ(0, symlink(folder_.path().c_str(), link.c_str()));
+
+  EXPECT_EQ(Packets{"a"}, LoadMapped(link + "/channel.mmap"));
+}
+
+TEST_F(MmapFileOpenTest, RefusesAFifoWithoutWaitingForItsOtherEnd) {
+  ASSERT_EQ(0, mkfifo(path_.c_str(), 0600));
+
+  ExpectRefused(path_);
+}
+
+TEST_F(MmapFileOpenTest, RefusesWhatIsNoRegularFile) {
+  ExpectRefused(folder_.path());
+  ExpectRefused("/dev/null");
+  ExpectRefused("/dev/tty");
+}
+
+TEST_F(MmapFileOpenTest, RefusesAWayThroughTheParent) {
+  ASSERT_EQ(0, mkdir(folder_.File("below").c_str(), 0700));
+
+  ExpectRefused(folder_.File("below/../channel.mmap"));
+  ExpectRefused(folder_.File(".."));
+  ExpectRefused("..");
+  ExpectRefused("../channel.mmap");
+
+  EXPECT_FALSE(Exists(path_));
+}
+
+TEST_F(MmapFileOpenTest, TakesDotsThatAreNoWayToTheParent) {
+  for (const char* const name : {"a..b.mmap", "..mmap", "a..", "...", ".hidden"}) {
+    MultiProcessSafetyMmapFile file;
+    EXPECT_TRUE(OpenFile(file, folder_.File(name))) << name;
+  }
+}
+
+TEST_F(MmapFileOpenTest, RefusesPathsThatAreNone) {
+  RecordingLog::Clear();
+  MultiProcessSafetyMmapFile file;
+
+  EXPECT_FALSE(OpenFile(file, ""));
+  EXPECT_FALSE(OpenFile(file, path_ + std::string(1, '\0') + "x"));
+
+  EXPECT_EQ(2, LinesWith(2, ""));
+  EXPECT_FALSE(Exists(path_));
+}
+
+TEST_F(MmapFileOpenTest, RefusesAMissingFolder) {
+  ExpectRefused(folder_.File("missing/channel.mmap"));
+
+  EXPECT_FALSE(Exists(folder_.File("missing")));
+}
+
+TEST_F(MmapFileOpenTest, RefusesAnUnendingName) {
+  ExpectRefused(folder_.File(std::string(300, 'n')));
+  ExpectRefused("/" + std::string(5000, 'n'));
+}
+
+// Root may write everywhere: it becomes nobody for the length of the test.
+class Unprivileged {
+ public:
+  explicit Unprivileged(const std::string& folder) {
+    if (geteuid() == 0 && chown(folder.c_str(), kNobody, kNobody) == 0) {
+      changed_ = seteuid(kNobody) == 0;
+    }
+  }
+  ~Unprivileged() {
+    if (changed_ && seteuid(0) != 0) std::abort();
+  }
+  bool holds() const { return geteuid() != 0; }
+
+ private:
+  static constexpr uid_t kNobody = 65534;
+  bool changed_ = false;
+};
+
+TEST_F(MmapFileOpenTest, RefusesAFolderThatMayNotBeWritten) {
+  const Unprivileged unprivileged(folder_.path());
+  if (!unprivileged.holds()) GTEST_SKIP() << "root cannot become another user here";
+  ASSERT_EQ(0, chmod(folder_.path().c_str(), 0500));
+
+  ExpectRefused(path_);
+
+  ASSERT_EQ(0, chmod(folder_.path().c_str(), 0700));
+}
+
+TEST_F(MmapFileOpenTest, RefusesAFileThatMayNotBeWritten) {
+  const Unprivileged unprivileged(folder_.path());
+  if (!unprivileged.holds()) GTEST_SKIP() << "root cannot become another user here";
+  Leave({"a"});
+  ASSERT_EQ(0, chmod(path_.c_str(), 0400));
+
+  ExpectRefused(path_);
+
+  ASSERT_EQ(0, chmod(path_.c_str(), 0600));
+  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
+}
+
+TEST_F(MmapFileOpenTest, LeavesNothingElseInTheFolder) {
+  Leave(NamedPackets("p", 100, 1000));
+  Leave({});
+
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder_.path())) {
+    names.push_back(entry.path().filename());
+  }
+
+  EXPECT_EQ(std::vector<std::string>{"channel.mmap"}, names);
+}
+
+TEST_F(MmapFileOpenTest, LeavesNoDescriptorBehind) {
+  const auto lowest_free = [] {
+    const int fd = dup(0);
+    close(fd);
+    return fd;
+  };
+  Leave({"a"});
+  const int before = lowest_free();
+
+  for (int i = 0; i < 5; ++i) {
+    Leave(NamedPackets("p", 10, 100));
+    LoadMapped(path_);
+    LoadMapped(folder_.path());
+    LoadMapped("..");
+  }
+
+  EXPECT_EQ(before, lowest_free());
+}
+
+TEST_F(MmapFileOpenTest, NamesItsImplementation) {
+  const char* const name = MultiProcessSafetyMmapFile::ImplementationName();
+
+  ASSERT_NE(nullptr, name);
+  EXPECT_STRNE("", name);
+  EXPECT_EQ(name, MultiProcessSafetyMmapFile::ImplementationName());
+}
+
+}  // namespace
+}  // namespace quenor::test

@@ -1,0 +1,216 @@
+// Clear() and AppendDataPacket(): when a save begins, completes and is void.
+#include <limits>
+
+#include "tests/unit/cache/mmap/mmap_file_fixture.h"
+
+namespace quenor::test {
+namespace {
+
+class MmapFileSaveTest : public MmapFileTest {
+ protected:
+  void SetUp() override {
+    MmapFileTest::SetUp();
+    ASSERT_TRUE(OpenFile(file_, path_));
+    ASSERT_TRUE(Save(file_, {"old one", "old two"}));
+  }
+
+  // What another process finds when this one is killed now.
+  Packets Found() {
+    CopyAsIfKilled(path_, folder_.File("killed"));
+    return LoadMapped(folder_.File("killed"));
+  }
+  const Packets old_ = {"old one", "old two"};
+  MultiProcessSafetyMmapFile file_;
+};
+
+TEST_F(MmapFileSaveTest, OfSizeZeroCompletesAtOnce) {
+  EXPECT_TRUE(file_.Clear(0));
+
+  EXPECT_TRUE(file_.IsSaveComplete());
+  EXPECT_EQ(Packets{}, Found());
+}
+
+TEST_F(MmapFileSaveTest, OfSizeZeroTakesNoPacket) {
+  ASSERT_TRUE(file_.Clear(0));
+
+  EXPECT_FALSE(Append(file_, "x"));
+  EXPECT_FALSE(Append(file_, ""));
+}
+
+TEST_F(MmapFileSaveTest, CompletesWithThePacketThatReachesTheAnnouncedSize) {
+  ASSERT_TRUE(file_.Clear(AnnouncedSize({"a", "bc"})));
+  EXPECT_FALSE(file_.IsSaveComplete());
+  EXPECT_TRUE(Append(file_, "a"));
+  EXPECT_FALSE(file_.IsSaveComplete());
+  EXPECT_EQ(old_, Found());
+
+  EXPECT_TRUE(Append(file_, "bc"));
+
+  EXPECT_TRUE(file_.IsSaveComplete());
+  EXPECT_EQ((Packets{"a", "bc"}), Found());
+}
+
+TEST_F(MmapFileSaveTest, OfAnEmptyPacketWithoutDataCompletes) {
+  ASSERT_TRUE(file_.Clear(4));
+
+  EXPECT_TRUE(file_.AppendDataPacket({nullptr, 0}));
+
+  EXPECT_TRUE(file_.IsSaveComplete());
+  EXPECT_EQ(Packets{}, Found());
+}
+
+TEST_F(MmapFileSaveTest, CompleteTakesNoFurtherPacket) {
+  ASSERT_TRUE(Save(file_, {"a"}));
+
+  EXPECT_FALSE(Append(file_, "b"));
+
+  EXPECT_EQ(Packets{"a"}, Found());
+}
+
+TEST_F(MmapFileSaveTest, OfMoreThanAnnouncedIsVoid) {
+  ASSERT_TRUE(file_.Clear(10));
+  ASSERT_TRUE(Append(file_, "a"));
+
+  EXPECT_FALSE(Append(file_, "two much"));
+
+  EXPECT_FALSE(file_.IsSaveComplete());
+  EXPECT_FALSE(Append(file_, "b")) << "the save is void";
+  EXPECT_EQ(old_, Found());
+  ASSERT_TRUE(Save(file_, {"next"}));
+  EXPECT_EQ(Packets{"next"}, Found());
+}
+
+TEST_F(MmapFileSaveTest, OfOneByteMoreThanAnnouncedIsVoid) {
+  ASSERT_TRUE(file_.Clear(8));
+
+  EXPECT_FALSE(Append(file_, "abcde"));
+
+  EXPECT_EQ(old_, Found());
+}
+
+TEST_F(MmapFileSaveTest, AnnouncedTooSmallForAnyPacketIsVoid) {
+  for (int64_t size = 1; size <= 3; ++size) {
+    ASSERT_TRUE(file_.Clear(size));
+    EXPECT_FALSE(file_.IsSaveComplete());
+    EXPECT_FALSE(Append(file_, ""));
+    EXPECT_EQ(old_, Found());
+  }
+}
+
+TEST_F(MmapFileSaveTest, OfLessThanAnnouncedNeverComes) {
+  ASSERT_TRUE(file_.Clear(AnnouncedSize({"a", "b", "c"})));
+  ASSERT_TRUE(Append(file_, "a"));
+  ASSERT_TRUE(Append(file_, "b"));
+
+  EXPECT_FALSE(file_.IsSaveComplete());
+  EXPECT_EQ(old_, Found());
+  file_.Close();
+
+  EXPECT_EQ(old_, LoadMapped(path_));
+}
+
+TEST_F(MmapFileSaveTest, ClearedBeforeCompletionLeavesTheOldContent) {
+  ASSERT_TRUE(file_.Clear(100));
+  ASSERT_TRUE(Append(file_, "never complete"));
+
+  ASSERT_TRUE(file_.Clear(AnnouncedSize({"a", "b"})));
+  EXPECT_EQ(old_, Found());
+  ASSERT_TRUE(Append(file_, "a"));
+  EXPECT_EQ(old_, Found());
+  ASSERT_TRUE(Append(file_, "b"));
+
+  EXPECT_EQ((Packets{"a", "b"}), Found());
+}
+
+TEST_F(MmapFileSaveTest, ClearedAHundredTimesWithoutCompletionDoesNotGrowTheFile) {
+  const std::string packet(20000, 'p');
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_TRUE(file_.Clear(AnnouncedSize({packet, packet})));
+    ASSERT_TRUE(Append(file_, packet));
+  }
+  const uint64_t size = SizeOf(path_);
+
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_TRUE(file_.Clear(AnnouncedSize({packet, packet})));
+    ASSERT_TRUE(Append(file_, packet));
+  }
+
+  EXPECT_EQ(size, SizeOf(path_));
+  EXPECT_EQ(old_, Found());
+}
+
+TEST_F(MmapFileSaveTest, OfANegativeSizeIsRefusedAndLeavesTheOldContent) {
+  for (const int64_t size : {int64_t{-1}, int64_t{-4}, std::numeric_limits<int64_t>::min()}) {
+    EXPECT_FALSE(file_.Clear(size));
+    EXPECT_FALSE(file_.IsSaveComplete());
+    EXPECT_FALSE(Append(file_, "x"));
+    EXPECT_EQ(old_, Found());
+  }
+}
+
+TEST_F(MmapFileSaveTest, RefusedByANegativeSizeEndsTheOneUnderWay) {
+  ASSERT_TRUE(file_.Clear(AnnouncedSize({"a", "b"})));
+  ASSERT_TRUE(Append(file_, "a"));
+
+  EXPECT_FALSE(file_.Clear(-1));
+
+  EXPECT_FALSE(Append(file_, "b"));
+  EXPECT_EQ(old_, Found());
+}
+
+TEST_F(MmapFileSaveTest, BeyondAnyDiskIsRefusedAndLeavesTheOldContent) {
+  const uint64_t on_disk = BytesOnDisk(path_);
+  for (const int64_t size :
+       {int64_t{1} << 46, int64_t{1} << 61, std::numeric_limits<int64_t>::max() - 5000,
+        std::numeric_limits<int64_t>::max()}) {
+    EXPECT_FALSE(file_.Clear(size)) << size;
+    EXPECT_FALSE(file_.IsSaveComplete());
+    EXPECT_EQ(old_, Found()) << size;
+  }
+  EXPECT_LE(BytesOnDisk(path_), on_disk + (1 << 20));
+  EXPECT_TRUE(Save(file_, {"next"}));
+  EXPECT_EQ(Packets{"next"}, Found());
+}
+
+TEST_F(MmapFileSaveTest, TakesNoPacketBeforeTheFirstClear) {
+  MultiProcessSafetyMmapFile another;
+  ASSERT_TRUE(OpenFile(another, folder_.File("other.mmap")));
+
+  EXPECT_FALSE(Append(another, "x"));
+
+  EXPECT_EQ(Packets{}, ReadAll(another));
+}
+
+TEST_F(MmapFileSaveTest, NeverBegunCountsAsComplete) {
+  file_.Close();
+  ASSERT_TRUE(OpenFile(file_, path_));
+
+  EXPECT_TRUE(file_.IsSaveComplete());
+}
+
+TEST_F(MmapFileSaveTest, BorrowsThePacketOnlyUntilTheAppendReturns) {
+  std::string packet(3000, 'a');
+  ASSERT_TRUE(file_.Clear(2 * 3004));
+
+  ASSERT_TRUE(Append(file_, packet));
+  packet.assign(3000, 'b');
+  ASSERT_TRUE(Append(file_, packet));
+
+  EXPECT_EQ((Packets{std::string(3000, 'a'), std::string(3000, 'b')}), Found());
+}
+
+TEST_F(MmapFileSaveTest, TakesAPacketThatIsItsOwnMappedContent) {
+  file_.Close();
+  ASSERT_TRUE(OpenFile(file_, path_));
+  Packets read;
+  for (MmapDataPacket p = file_.GetNextDataPacket(); p.size != 0; p = file_.GetNextDataPacket()) {
+    read.emplace_back(reinterpret_cast<const char*>(p.data), p.size);
+  }
+
+  ASSERT_TRUE(Save(file_, {read[1], read[0], read[1]}));
+
+  EXPECT_EQ((Packets{"old two", "old one", "old two"}), Found());
+}
+
+}  // namespace
+}  // namespace quenor::test
