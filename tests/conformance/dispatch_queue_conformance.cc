@@ -383,7 +383,9 @@ TEST_P(DispatchQueueConformance, ValueOfADelayedTaskMayUseAnotherQueueAsItIsDest
   const auto other = NewQueue();
   queue->PostDelayedTask(
       kHere,
-      [bound = Bound([&] { other->PostTask(kHere, notes_.Note(1, [this] { done_.Open(); })); })] {},
+      // Holds a reference: whoever posts to a queue must, until the call has returned.
+      [bound = Bound(
+           [this, other] { other->PostTask(kHere, notes_.Note(1, [this] { done_.Open(); })); })] {},
       TimeDelta::FromSeconds(3600));
 
   queue.reset();
