@@ -123,7 +123,7 @@ class Tracee {
     if (pid_ == 0) RunTraced(arguments);
     stopped_by_ = Wait();
     if (stopped_by_ == SIGTRAP) {
-      ptrace(PTRACE_SETOPTIONS, pid_, nullptr, PTRACE_O_EXITKILL);
+      ptrace(PTRACE_SETOPTIONS, pid_, nullptr, PTRACE_O_EXITKILL | PTRACE_O_TRACESYSGOOD);
     }
   }
   ~Tracee() { Kill(); }
@@ -133,6 +133,18 @@ class Tracee {
   // SIGTRAP after a step, SIGSTOP at a mark, 0 when the program has ended, else what it would get.
   int Step() { return Go(PTRACE_SINGLESTEP); }
   int RunToMark() { return Go(PTRACE_CONT); }
+  // Also kAtCall, before a system call and once more behind it.
+  static constexpr int kAtCall = SIGTRAP | 0x80;
+  int RunToCall() { return Go(PTRACE_SYSCALL); }
+  // From now on it gets SIGTRAP each time before it executes this instruction; 0 for none. False
+  // where the processor's breakpoints are not to be had.
+  bool BreakAt(uint64_t address) {
+    constexpr size_t registers = offsetof(struct user, u_debugreg);
+    constexpr size_t control = registers + 7 * sizeof(uint64_t);
+    return ptrace(PTRACE_POKEUSER, pid_, control, nullptr) == 0 &&
+           ptrace(PTRACE_POKEUSER, pid_, registers, address) == 0 &&
+           (address == 0 || ptrace(PTRACE_POKEUSER, pid_, control, uint64_t{1}) == 0);
+  }
   bool has_started() const { return stopped_by_ == SIGTRAP; }
 
   void Kill() {
@@ -259,6 +271,7 @@ class Recorder {
     const user_regs_struct before = tracee_->Registers();
     const Instruction& instruction = tracee_->InstructionAt(before.rip);
     const bool is_call = instruction.is_system_call && !IsMark(before.rax);
+    Visit(before.rip);
     if (is_call) Note(KillPoint::Kind::kEntry).call = NameOfCall(before.rax);
     int signal = tracee_->Step();
     while (signal == SIGSTOP) {
@@ -279,6 +292,35 @@ class Recorder {
     return true;
   }
 
+  // The same, to behind the next system call.
+  bool StepToCall(size_t phases) {
+    constexpr uint64_t call_length = 2;
+    int signal = tracee_->RunToCall();
+    while (signal == SIGSTOP) {
+      if (++phase_ == phases) return false;
+      signal = tracee_->RunToCall();
+    }
+    if (signal == Tracee::kAtCall) {
+      const user_regs_struct before = tracee_->Registers();
+      const bool is_call = !IsMark(before.orig_rax);
+      Visit(before.rip - call_length);
+      const bool changed = LookAtFolder();
+      if (is_call || changed) {
+        KillPoint& point = Note(KillPoint::Kind::kEntry);
+        point.call = NameOfCall(before.orig_rax);
+        if (changed) point.state = std::make_shared<const FolderState>(Seen());
+      }
+      signal = tracee_->RunToCall();
+      if (signal == Tracee::kAtCall) {
+        ++trace_->steps;
+        if (is_call) AfterCall(before.orig_rax, before.rsi);
+        return true;
+      }
+    }
+    trace_->error = "the program ended, or got signal " + std::to_string(signal);
+    return false;
+  }
+
   void Finish() {
     CatchUp();
     trace_->end = Seen();
@@ -291,7 +333,14 @@ class Recorder {
     point.kind = kind;
     point.phase = phase_;
     point.step = trace_->steps;
+    point.address = address_;
+    point.visit = visits_[address_];
     return point;
+  }
+
+  void Visit(uint64_t address) {
+    address_ = address;
+    ++visits_[address];
   }
 
   FolderState Seen() const {
@@ -436,6 +485,8 @@ class Recorder {
   std::string folder_;
   Trace* trace_;
   size_t phase_ = 0;
+  uint64_t address_ = 0;  // Of the instruction of this step.
+  std::unordered_map<uint64_t, uint64_t> visits_;
   size_t row_ = 0;
   size_t row_end_ = 0;
   std::map<std::string, std::unique_ptr<Watched>> files_;
@@ -453,7 +504,7 @@ std::string WhyNoTracing() {
 }
 
 Trace TraceProgram(const std::vector<std::string>& arguments, const std::string& folder,
-                   size_t marks) {
+                   size_t marks, Detail detail) {
   Trace trace;
   Tracee tracee(arguments);
   if (!tracee.has_started() || tracee.RunToMark() != SIGSTOP) {
@@ -461,24 +512,31 @@ Trace TraceProgram(const std::vector<std::string>& arguments, const std::string&
     return trace;
   }
   Recorder recorder(&tracee, folder, &trace);
-  while (recorder.Step(marks - 1)) {
+  while (detail == Detail::kCalls ? recorder.StepToCall(marks - 1) : recorder.Step(marks - 1)) {
   }
   recorder.Finish();
   return trace;
 }
 
-bool KillProgramAtStep(const std::vector<std::string>& arguments, const std::string& folder,
-                       uint64_t steps, FolderState* before, FolderState* after) {
+bool CanKillAt(const KillPoint& point) {
+  return point.kind != KillPoint::Kind::kTorn && point.address != 0;
+}
+
+bool KillProgramAt(const std::vector<std::string>& arguments, const KillPoint& point) {
   Tracee tracee(arguments);
   if (!tracee.has_started() || tracee.RunToMark() != SIGSTOP) return false;
-  for (uint64_t i = 0; i < steps;) {
-    const int signal = tracee.Step();
+  QUENOR_CHECK(tracee.BreakAt(point.address), "this processor has no breakpoints");
+  for (uint64_t visit = 0; visit < point.visit;) {
+    const int signal = tracee.RunToMark();
     if (signal != SIGTRAP && signal != SIGSTOP) return false;
-    if (signal == SIGTRAP) ++i;
+    visit += signal == SIGTRAP;
   }
-  *before = FolderState::Of(folder);
+  if (tracee.Registers().rip != point.address) return false;
+  if (point.kind != KillPoint::Kind::kEntry) {
+    tracee.BreakAt(0);
+    if (tracee.Step() != SIGTRAP) return false;
+  }
   tracee.Kill();
-  *after = FolderState::Of(folder);
   return true;
 }
 
@@ -489,11 +547,11 @@ bool KillProgramAtStep(const std::vector<std::string>& arguments, const std::str
 namespace quenor::test {
 
 std::string WhyNoTracing() { return "instructions are understood on x86-64 only"; }
-Trace TraceProgram(const std::vector<std::string>&, const std::string&, size_t) { return Trace(); }
-bool KillProgramAtStep(const std::vector<std::string>&, const std::string&, uint64_t, FolderState*,
-                       FolderState*) {
-  return false;
+Trace TraceProgram(const std::vector<std::string>&, const std::string&, size_t, Detail) {
+  return Trace();
 }
+bool CanKillAt(const KillPoint&) { return false; }
+bool KillProgramAt(const std::vector<std::string>&, const KillPoint&) { return false; }
 
 }  // namespace quenor::test
 

@@ -24,7 +24,11 @@ struct KillPoint {
   };
   Kind kind = Kind::kStore;
   size_t phase = 0;   // How many marks the program passed since the first.
-  uint64_t step = 0;  // How many instructions it made since the first mark.
+  uint64_t step = 0;  // How many steps it made since the first mark.
+  // The instruction, and how often it was reached since the first mark, this time included. No
+  // instruction for what a trace of calls cannot tell.
+  uint64_t address = 0;
+  uint64_t visit = 0;
   std::string call;   // Name of the system call.
   std::string file;   // kStore: name of the file,
   size_t offset = 0;  // where the change begins,
@@ -51,15 +55,20 @@ struct Trace {
 // Empty when programs can be traced here, else the reason.
 std::string WhyNoTracing();
 
+// What is a step: an instruction; or a system call, many times faster, and then what is stored
+// between two calls is seen at the second one.
+enum class Detail { kInstructions, kCalls };
+
 // Runs `arguments`, which stops itself with SIGSTOP as a mark, `marks` times at least, and then
 // ends it. What comes before the first mark runs at full speed. `folder`: where the files are.
 Trace TraceProgram(const std::vector<std::string>& arguments, const std::string& folder,
-                   size_t marks);
+                   size_t marks, Detail detail = Detail::kInstructions);
 
-// Runs it in the same way, but ends it with SIGKILL after so many steps. `before`: the folder the
-// instant before; `after`: with the process gone. False when it ended by itself before.
-bool KillProgramAtStep(const std::vector<std::string>& arguments, const std::string& folder,
-                       uint64_t steps, FolderState* before, FolderState* after);
+// True when KillProgramAt() can end a program at this point: not inside a call.
+bool CanKillAt(const KillPoint& point);
+// Runs it at full speed and ends it with SIGKILL at this point of its trace. True when it came
+// there.
+bool KillProgramAt(const std::vector<std::string>& arguments, const KillPoint& point);
 
 }  // namespace quenor::test
 
