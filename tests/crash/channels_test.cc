@@ -1,9 +1,11 @@
 // Processes with report channels, all of one name and in one folder, are killed while they send to
 // a collector. Every message that a channel reported as saved arrives, sent by a successor if need
-// be. The channels' resend limit is set as high as it goes after each Initialize().
+// be. The channels' resend limit is set as high as it goes after each Initialize(). And a host that
+// forks: its child has no part in any of it.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -50,34 +52,102 @@ class Collector {
   std::string url_;
 };
 
-class Channels : public ::testing::TestWithParam<int> {};
+constexpr uint32_t kResendLimit = UINT32_MAX;
+
+std::unique_ptr<Job> StartSender(const TempFolder& folder, const Collector& collector,
+                                 FileKind kind, uint64_t first, uint64_t count,
+                                 const std::string& mode = "") {
+  std::vector<std::string> arguments = {
+      QUENOR_CRASH_SENDER,          folder.path(),         collector.url(),      NameOf(kind),
+      std::to_string(kResendLimit), std::to_string(first), std::to_string(count)};
+  if (!mode.empty()) arguments.push_back(mode);
+  return std::make_unique<Job>(arguments);
+}
+
+struct Case {
+  FileKind kind;
+  int processes;
+  uint64_t messages;
+  int kills;
+};
+
+std::string NameOfCase(const ::testing::TestParamInfo<Case>& info) {
+  return std::string(NameOf(info.param.kind)) + "Of" + std::to_string(info.param.processes);
+}
+
+class Channels : public ::testing::TestWithParam<Case> {};
 
 TEST_P(Channels, DeliverEveryMessageThatTheyReportedAsSaved) {
+  const Case& of = GetParam();
   TempFolder folder;
   Collector collector;
   Crowd::Plan plan;
-  plan.processes = GetParam();
-  plan.messages = IsFullRun() ? 2000 : 100;
-  plan.kills = IsFullRun() ? GetParam() == 1 ? 500 : 100 : 8;
-  plan.events_per_message = 3;
+  plan.processes = of.processes;
+  plan.messages = IsFullRun() ? of.messages : 100;
+  plan.kills = IsFullRun() ? of.kills : 8;
+  plan.events_per_message = 4;
   plan.may_end_in_flight = true;
+  plan.resend_limit = kResendLimit;
   plan.start = [&](const Crowd::Task& task) {
-    return std::make_unique<Job>(
-        std::vector<std::string>{QUENOR_CRASH_SENDER, folder.path(), collector.url(),
-                                 std::to_string(task.first), std::to_string(task.count)});
+    return StartSender(folder, collector, of.kind, task.first, task.count);
   };
   Crowd crowd(plan, Seed());
 
   crowd.Run();
 
   crowd.Count(collector.Arrivals());
-  crowd.Print("channels");
+  crowd.Print(std::string("channels, ") + NameOf(of.kind) + " file");
   crowd.ExpectNothingLost();
   EXPECT_FALSE(HasSetAside(folder.File("quenor_report")));
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, Channels, ::testing::Values(1, 2, 4, 8),
-                         ::testing::PrintToStringParamName());
+// The plain file has one owner at a time.
+INSTANTIATE_TEST_SUITE_P(Each, Channels,
+                         ::testing::Values(Case{FileKind::kMapped, 1, 10000, 500},
+                                           Case{FileKind::kPlain, 1, 10000, 500},
+                                           Case{FileKind::kMapped, 2, 2000, 100},
+                                           Case{FileKind::kMapped, 4, 2000, 100},
+                                           Case{FileKind::kMapped, 8, 2000, 100}),
+                         NameOfCase);
+
+class ForkedHosts : public ::testing::TestWithParam<FileKind> {};
+
+// The host has saved messages that it does not send. It forks, and is killed; its child stays.
+TEST_P(ForkedHosts, AChildSendsNothingAndKeepsNothingFromASuccessor) {
+  constexpr uint64_t kFirst = 100;
+  constexpr uint64_t kCount = 20;
+  TempFolder folder;
+  Collector collector;
+  const auto host = StartSender(folder, collector, GetParam(), kFirst, kCount, "fork");
+  std::map<uint64_t, int> saved;
+  JobEvent event = {};
+  while (event.kind != JobEvent::kReady && host->Next(&event)) {
+    EXPECT_NE(JobEvent::kFailed, event.kind);
+    if (event.kind == JobEvent::kSaved) ++saved[event.number];
+  }
+  ASSERT_EQ(JobEvent::kReady, event.kind);
+  ASSERT_EQ(kCount, saved.size());
+  const pid_t child = static_cast<pid_t>(event.number);
+
+  host->Kill();
+  EXPECT_EQ(-SIGKILL, host->Wait());
+  EXPECT_EQ(0, kill(child, 0)) << "the child has ended too";
+  EXPECT_EQ(0u, collector.Arrivals().size());
+  const auto successor = StartSender(folder, collector, GetParam(), 0, 0);
+  EXPECT_EQ(0, successor->Wait());
+  EXPECT_EQ(saved, collector.Arrivals()) << "each once";
+
+  EXPECT_EQ(0, kill(child, 0)) << "the child has ended too";
+  host->Release();
+  EXPECT_FALSE(host->Next(&event));  // The child ends in order.
+  const auto last = StartSender(folder, collector, GetParam(), 0, 0);
+  EXPECT_EQ(0, last->Wait());
+  EXPECT_EQ(saved, collector.Arrivals());
+  EXPECT_FALSE(HasSetAside(folder.File("quenor_report")));
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, ForkedHosts, ::testing::Values(FileKind::kMapped, FileKind::kPlain),
+                         [](const auto& each) { return std::string(NameOf(each.param)); });
 
 }  // namespace
 }  // namespace quenor::test

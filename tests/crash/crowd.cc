@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 
@@ -95,6 +96,9 @@ void Crowd::Note(const JobEvent& event, Place* place) {
       place->task.first = event.number + 1;
       --place->task.count;
       break;
+    case JobEvent::kSent:
+      (*had)[place->task.incarnation] = Had::kSent;
+      break;
     case JobEvent::kAcknowledged:
       (*had)[place->task.incarnation] = Had::kAcknowledged;
       break;
@@ -111,6 +115,10 @@ void Crowd::Note(const JobEvent& event, Place* place) {
 
 void Crowd::KillAndRestart(Place* place) {
   ChooseNextKill();
+  // Anywhere in what it does next, not always just behind an event.
+  std::atomic<uint64_t> turns{random_() % 200000};
+  while (turns-- != 0) {
+  }
   place->job->Kill();
   const bool was_killed = place->job->Wait() == -SIGKILL;
   JobEvent event;
@@ -156,9 +164,10 @@ void Crowd::Count(const std::map<uint64_t, int>& arrivals) {
     for (const auto& [incarnation, had] : had_[number]) {
       const bool was_killed = killed_.count(incarnation) != 0;
       if (again == 0 || had == Had::kRetired) continue;
-      if (!was_killed && (!plan_.may_end_in_flight || had != Had::kWaiting)) continue;
+      if (!was_killed && (!plan_.may_end_in_flight || had != Had::kSent)) continue;
       ++(!was_killed                 ? again_ended_
          : had == Had::kAcknowledged ? again_acknowledged_
+         : had == Had::kSent         ? again_sent_
                                      : again_waiting_);
       --again;
     }
@@ -167,16 +176,18 @@ void Crowd::Count(const std::map<uint64_t, int>& arrivals) {
 }
 
 void Crowd::Print(const std::string& name) const {
+  const size_t again =
+      again_waiting_ + again_sent_ + again_acknowledged_ + again_ended_ + again_needlessly_;
   std::printf(
-      "processes: %s: processes=%d saved=%zu kills=%d arrived=%zu lost=%zu "
-      "arrived_though_its_save_was_not_reported=%zu taken_over=%llu again=%zu (killed while in "
-      "flight=%zu, killed between answer and save=%zu, terminated while in flight=%zu, for no such "
-      "reason=%zu) damaged=%zu "
-      "failures=%d\n",
-      name.c_str(), plan_.processes, saved_.size(), kills_, arrived_, lost_, unconfirmed_,
-      static_cast<unsigned long long>(taken_over_),
-      again_waiting_ + again_acknowledged_ + again_ended_ + again_needlessly_, again_waiting_,
-      again_acknowledged_, again_ended_, again_needlessly_, damaged_, failures_);
+      "processes: %s: processes=%d resend_limit=%s saved=%zu kills=%d arrived=%zu lost=%zu "
+      "arrived_though_its_save_was_not_reported=%zu taken_over=%llu again=%zu (killed before it "
+      "told the sending=%zu, killed while in flight=%zu, killed between answer and save=%zu, "
+      "terminated while in flight=%zu, for no such reason=%zu) damaged=%zu failures=%d\n",
+      name.c_str(), plan_.processes,
+      plan_.resend_limit == 0 ? "none" : std::to_string(plan_.resend_limit).c_str(), saved_.size(),
+      kills_, arrived_, lost_, unconfirmed_, static_cast<unsigned long long>(taken_over_), again,
+      again_waiting_, again_sent_, again_acknowledged_, again_ended_, again_needlessly_, damaged_,
+      failures_);
 }
 
 void Crowd::ExpectNothingLost() const {

@@ -33,6 +33,8 @@ class Crowd {
     unsigned events_per_message = 1;  // About so many, to spread the kills over the run.
     // Whether a process may end in order while it waits for answers: these messages come again.
     bool may_end_in_flight = false;
+    // How often a message may be sent, to be printed; 0 where there is no such limit.
+    uint32_t resend_limit = 0;
     std::function<std::unique_ptr<Job>(const Task&)> start;
   };
 
@@ -51,7 +53,7 @@ class Crowd {
  private:
   struct Place;
   // What one process had of one message when it ended.
-  enum class Had { kWaiting, kAcknowledged, kRetired };
+  enum class Had { kWaiting, kSent, kAcknowledged, kRetired };
 
   void Start(Place* place);
   void ChooseNextKill();
@@ -79,6 +81,7 @@ class Crowd {
   size_t lost_ = 0;
   size_t unconfirmed_ = 0;
   size_t again_waiting_ = 0;
+  size_t again_sent_ = 0;
   size_t again_acknowledged_ = 0;
   size_t again_ended_ = 0;
   size_t again_needlessly_ = 0;

@@ -20,6 +20,7 @@ struct JobEvent {
     kAcknowledged = 4,  // Message `number` is delivered; no save without it is complete yet.
     kRetired = 5,       // A save without message `number` is complete.
     kFailed = 6,        // Something that must work did not.
+    kSent = 7,          // Message `number` is on its way to the server.
   };
   Kind kind;
   uint64_t number;

@@ -1,12 +1,16 @@
-// quenor_crash_sender FOLDER URL FIRST COUNT: a process with a report channel, as an application
-// has it, with the cache in FOLDER. Sends the messages FIRST, FIRST + 1, ..., COUNT of them, and
-// ends with whatever is not answered by then in the cache. With COUNT 0 it sends what the cache
-// holds, all of it. Reports on standard output, as tests/crash/job.h has it, from the channel's own
-// events.
+// quenor_crash_sender FOLDER URL KIND LIMIT FIRST COUNT [fork]: a process with a report channel, as
+// an application has it, with a cache of the KIND in FOLDER and LIMIT as resend limit. Sends the
+// messages FIRST, FIRST + 1, ..., COUNT of them, and ends with whatever is not answered by then in
+// the cache. With COUNT 0 it sends what the cache holds, all of it. With "fork" see Fork().
+// Reports on standard output, as tests/crash/job.h has it. That a save is complete it says on the
+// channel's own thread, once the channel has returned from the save and before it does anything
+// else; which messages are in it follows from its own books of what was admitted and answered.
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -15,6 +19,7 @@
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
 #include "quenor_base/platform/base/check.h"
 #include "quenor_base/platform/base/path_service.h"
+#include "quenor_base/platform/config_center.h"
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/report_events.h"
 #include "quenor_base/platform/thread_manager.h"
@@ -39,20 +44,27 @@ class Books : public ReportEventListener {
     switch (event.kind) {
       case ReportEventKind::kLoaded:
         ++open_;
+        ++stored_;
         Report(JobEvent::kLoaded, number);
         break;
       case ReportEventKind::kHandedOver:
         ++open_;
         break;
       case ReportEventKind::kAdmitted:
+        ++stored_;
         admitted_.push_back(number);
+        break;
+      case ReportEventKind::kSent:
+        Report(JobEvent::kSent, number);
         break;
       case ReportEventKind::kAcknowledged:
         --open_;
+        --stored_;
         acknowledged_.push_back(number);
         Report(JobEvent::kAcknowledged, number);
         break;
       case ReportEventKind::kSaved:
+        if (event.count != stored_) Report(JobEvent::kFailed, event.count);
         ReportAll(JobEvent::kSaved, &admitted_);
         ReportAll(JobEvent::kRetired, &acknowledged_);
         break;
@@ -73,7 +85,7 @@ class Books : public ReportEventListener {
       std::fprintf(stderr, "%s\n", text.c_str());
       Report(JobEvent::kFailed, 0);
     }
-    is_loaded_ = is_loaded_ || text.find(".mmap successfully") != std::string::npos;
+    is_loaded_ = is_loaded_ || text.find(" successfully, data size is ") != std::string::npos;
     changed_.notify_all();
   }
 
@@ -104,51 +116,116 @@ class Books : public ReportEventListener {
   bool is_loaded_ = false;
   size_t open_ = 0;
   uint64_t saved_ = 0;
+  size_t stored_ = 0;                   // What a save must write.
   std::vector<uint64_t> admitted_;      // And not yet in a complete save.
   std::vector<uint64_t> acknowledged_;  // And not yet gone by a complete save.
 };
 
-// Far from what is trimmed, whatever is loaded besides: that is sent by ten messages a second.
-constexpr size_t kMostOpen = 8;
+// Far from what is trimmed, whatever is loaded besides.
+constexpr size_t kMostOpen = 32;
+// One message at a time, soon one after the other, and failures are answered without a pause.
+constexpr unsigned kFastMs = 2;
+constexpr unsigned kNeverMs = 3600 * 1000;
 
-int Run(const std::vector<std::string>& arguments) {
-  const uint64_t first = std::stoull(arguments[2]);
-  const uint64_t count = std::stoull(arguments[3]);
-  QUENOR_CHECK(base::PathService::Override(base::DIR_RELIABLE_REPORT, base::FilePath(arguments[0])),
+struct Orders {
+  base::FilePath folder;
+  std::string url;
+  bool plain;
+  uint32_t limit;
+  uint64_t first;
+  uint64_t count;
+};
+
+// What the host has: the process's settings, and a channel.
+std::shared_ptr<ReliableReportChannelHttps> Begin(const Orders& orders, Books* books) {
+  QUENOR_CHECK(base::PathService::Override(base::DIR_RELIABLE_REPORT, orders.folder),
                "no such folder");
-  static Books books;
-  ReportEvents::SetListener(&books);
-  SetLogSink([](void*, int level, const char*, int, const char* text,
-                size_t size) { books.OnLog(level, std::string(text, size)); },
-             nullptr);
-  const auto channel =
-      std::make_shared<ReliableReportChannelHttps>("crash", arguments[1], 0, false, false);
+  config::ConfigCenterImpl::GetInstance()->SetHostOverride(config::BaseCfg().cache_option,
+                                                           uint64_t{orders.plain ? 1u : 2u});
+  ReportEvents::SetListener(books);
+  SetLogSink([](void* to, int level, const char*, int, const char* text,
+                size_t size) { static_cast<Books*>(to)->OnLog(level, std::string(text, size)); },
+             books);
+  auto channel = std::make_shared<ReliableReportChannelHttps>("crash", orders.url, 0, false, false);
   channel->Initialize();
   // Each Initialize() sets 5; a server that is slow to answer must not cost a message here.
-  channel->SetMaxResendCount(UINT32_MAX);
+  channel->SetMaxResendCount(orders.limit);
+  return channel;
+}
+
+void Send(uint64_t number, ReliableReportChannelHttps* channel) {
+  const std::string message = Message(number, 40 + number * 37 % 700);
+  channel->SendPacket(reinterpret_cast<const uint8_t*>(message.data()),
+                      static_cast<uint32_t>(message.size()), true, true);
+}
+
+int Run(const Orders& orders) {
+  static Books books;
+  const auto channel = Begin(orders, &books);
+  channel->SetResendInterval(kFastMs);
   channel->FlushPacket();
   books.WaitUntilLoaded();
-  for (uint64_t number = first; number < first + count; ++number) {
+  if (orders.count > 0) {
+    // What others left goes first; then each message at once.
+    books.WaitForFewerThan(kMostOpen / 2);
+    channel->SetResendInterval(0);
+  }
+  for (uint64_t i = 0; i < orders.count; ++i) {
     books.WaitForFewerThan(kMostOpen);
-    const std::string message = Message(number, 40 + number * 37 % 700);
-    channel->SendPacket(reinterpret_cast<const uint8_t*>(message.data()),
-                        static_cast<uint32_t>(message.size()), true, true);
+    Send(orders.first + i, channel.get());
   }
-  books.WaitUntilSaved(count);
-  if (count == 0) {
-    channel->SetResendInterval(100);  // Failures are answered without a pause.
-    books.WaitForFewerThan(1);
-  }
+  books.WaitUntilSaved(orders.count);
+  if (orders.count == 0) books.WaitForFewerThan(1);
   channel->Terminate();
   const bool drained = core::ThreadManager::WaitForDrain(base::TimeDelta::FromSeconds(60));
   ReportEvents::SetListener(nullptr);
   return drained ? 0 : 1;
 }
 
+// Blocks until standard input ends.
+void AwaitRelease() {
+  char byte;
+  while (read(STDIN_FILENO, &byte, 1) > 0) {
+  }
+}
+
+// Saves its messages and sends none of them, and forks: a child that ends at once, in order, and
+// one that does so when standard input ends. Then it waits for its end.
+int Fork(const Orders& orders) {
+  static Books books;
+  const auto channel = Begin(orders, &books);
+  channel->SetResendInterval(kNeverMs);
+  for (uint64_t i = 0; i < orders.count; ++i) Send(orders.first + i, channel.get());
+  books.WaitUntilSaved(orders.count);
+  const pid_t brief = fork();
+  QUENOR_CHECK(brief >= 0, "fork failed");
+  if (brief == 0) std::exit(0);
+  int status = -1;
+  if (waitpid(brief, &status, 0) != brief || status != 0) Report(JobEvent::kFailed, 0);
+  const pid_t lasting = fork();
+  QUENOR_CHECK(lasting >= 0, "fork failed");
+  if (lasting == 0) {
+    AwaitRelease();
+    std::exit(0);
+  }
+  Report(JobEvent::kReady, static_cast<uint64_t>(lasting));
+  for (;;) pause();
+}
+
+int Main(const std::vector<std::string>& arguments) {
+  QUENOR_CHECK(arguments[2] == "plain" || arguments[2] == "mapped", "no kind of cache");
+  const Orders orders = {
+      base::FilePath(arguments[0]), arguments[1],
+      arguments[2] == "plain",      static_cast<uint32_t>(std::stoul(arguments[3])),
+      std::stoull(arguments[4]),    std::stoull(arguments[5])};
+  return arguments.size() > 6 ? Fork(orders) : Run(orders);
+}
+
 }  // namespace
 }  // namespace quenor::test
 
 int main(int argc, char** argv) {
-  QUENOR_CHECK(argc == 5, "quenor_crash_sender FOLDER URL FIRST COUNT");
-  return quenor::test::Run(std::vector<std::string>(argv + 1, argv + argc));
+  QUENOR_CHECK(argc == 7 || (argc == 8 && std::string(argv[7]) == "fork"),
+               "quenor_crash_sender FOLDER URL KIND LIMIT FIRST COUNT [fork]");
+  return quenor::test::Main(std::vector<std::string>(argv + 1, argv + argc));
 }
