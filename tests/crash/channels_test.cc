@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -71,9 +72,7 @@ struct Case {
   int kills;
 };
 
-std::string NameOfCase(const ::testing::TestParamInfo<Case>& info) {
-  return std::string(NameOf(info.param.kind)) + "Of" + std::to_string(info.param.processes);
-}
+void PrintTo(const Case& of, std::ostream* out) { *out << NameOf(of.kind) << "Of" << of.processes; }
 
 class Channels : public ::testing::TestWithParam<Case> {};
 
@@ -84,9 +83,10 @@ TEST_P(Channels, DeliverEveryMessageThatTheyReportedAsSaved) {
   Crowd::Plan plan;
   plan.processes = of.processes;
   plan.messages = IsFullRun() ? of.messages : 100;
-  plan.kills = IsFullRun() ? of.kills : 8;
+  plan.kills = IsFullRun() ? of.kills : 5;
   plan.events_per_message = 4;
   plan.may_end_in_flight = true;
+  plan.completes_with_next_save = of.kind == FileKind::kPlain;
   plan.resend_limit = kResendLimit;
   plan.start = [&](const Crowd::Task& task) {
     return StartSender(folder, collector, of.kind, task.first, task.count);
@@ -108,7 +108,7 @@ INSTANTIATE_TEST_SUITE_P(Each, Channels,
                                            Case{FileKind::kMapped, 2, 2000, 100},
                                            Case{FileKind::kMapped, 4, 2000, 100},
                                            Case{FileKind::kMapped, 8, 2000, 100}),
-                         NameOfCase);
+                         ::testing::PrintToStringParamName());
 
 class ForkedHosts : public ::testing::TestWithParam<FileKind> {};
 

@@ -91,6 +91,7 @@ void Crowd::Note(const JobEvent& event, Place* place) {
       break;
     case JobEvent::kSaved:
       saved_.insert(event.number);
+      dropped_last_[place->task.incarnation] = 0;
       had->emplace(place->task.incarnation, Had::kWaiting);
       if (event.number < place->task.first) break;
       place->task.first = event.number + 1;
@@ -104,6 +105,7 @@ void Crowd::Note(const JobEvent& event, Place* place) {
       break;
     case JobEvent::kRetired:
       (*had)[place->task.incarnation] = Had::kRetired;
+      dropped_last_[place->task.incarnation] = event.number;
       break;
     case JobEvent::kFailed:
       ++failures_;
@@ -160,29 +162,45 @@ void Crowd::Count(const std::map<uint64_t, int>& arrivals) {
     ++arrived_;
     unconfirmed_ += saved_.count(number) == 0;
     size_t again = static_cast<size_t>(times - 1);
-    // Each process that had it, and ended before a save without it, may have delivered it.
     for (const auto& [incarnation, had] : had_[number]) {
-      const bool was_killed = killed_.count(incarnation) != 0;
-      if (again == 0 || had == Had::kRetired) continue;
-      if (!was_killed && (!plan_.may_end_in_flight || had != Had::kSent)) continue;
-      ++(!was_killed                 ? again_ended_
-         : had == Had::kAcknowledged ? again_acknowledged_
-         : had == Had::kSent         ? again_sent_
-                                     : again_waiting_);
+      size_t* const cause = CauseOfReturn(number, incarnation, had);
+      if (again == 0 || cause == nullptr) continue;
+      ++*cause;
       --again;
     }
     again_needlessly_ += again;
   }
 }
 
+// Why a process that had it may have delivered it, and left it to another all the same: a count,
+// or null when it may not have.
+size_t* Crowd::CauseOfReturn(uint64_t number, const std::string& incarnation, Had had) {
+  if (killed_.count(incarnation) == 0) {
+    return plan_.may_end_in_flight && had == Had::kSent ? &again_ended_ : nullptr;
+  }
+  switch (had) {
+    case Had::kWaiting:
+      return &again_waiting_;
+    case Had::kSent:
+      return &again_sent_;
+    case Had::kAcknowledged:
+      return &again_acknowledged_;
+    case Had::kRetired:
+      break;
+  }
+  const bool is_unsealed = plan_.completes_with_next_save && dropped_last_[incarnation] == number;
+  return is_unsealed ? &again_unsealed_ : nullptr;
+}
+
 void Crowd::Print(const std::string& name) const {
-  const size_t again =
-      again_waiting_ + again_sent_ + again_acknowledged_ + again_ended_ + again_needlessly_;
+  const size_t again = again_waiting_ + again_sent_ + again_acknowledged_ + again_unsealed_ +
+                       again_ended_ + again_needlessly_;
   std::printf(
       "processes: %s: processes=%d resend_limit=%s saved=%zu kills=%d arrived=%zu lost=%zu "
       "arrived_though_its_save_was_not_reported=%zu taken_over=%llu again=%zu (killed before it "
       "told the sending=%zu, killed while in flight=%zu, killed between answer and save=%zu, "
-      "terminated while in flight=%zu, for no such reason=%zu) damaged=%zu failures=%d\n",
+      "killed before the save without it was complete=%zu, terminated while in flight=%zu, for no "
+      "such reason=%zu) damaged=%zu failures=%d\n",
       name.c_str(), plan_.processes,
       plan_.resend_limit == 0 ? "none" : std::to_string(plan_.resend_limit).c_str(), saved_.size(),
       kills_, arrived_, lost_, unconfirmed_, static_cast<unsigned long long>(taken_over_), again,

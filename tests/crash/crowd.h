@@ -33,6 +33,9 @@ class Crowd {
     unsigned events_per_message = 1;  // About so many, to spread the kills over the run.
     // Whether a process may end in order while it waits for answers: these messages come again.
     bool may_end_in_flight = false;
+    // Whether a save without a message may bring it back until the next save begins: the plain
+    // file's are complete only then.
+    bool completes_with_next_save = false;
     // How often a message may be sent, to be printed; 0 where there is no such limit.
     uint32_t resend_limit = 0;
     std::function<std::unique_ptr<Job>(const Task&)> start;
@@ -60,6 +63,7 @@ class Crowd {
   bool WaitForEvents();
   void TakeEvent(Place* place);
   void Note(const JobEvent& event, Place* place);
+  size_t* CauseOfReturn(uint64_t number, const std::string& incarnation, Had had);
   void KillAndRestart(Place* place);
   void DrainTheRest();
 
@@ -76,6 +80,9 @@ class Crowd {
   std::set<uint64_t> saved_;
   std::map<uint64_t, std::map<std::string, Had>> had_;  // By number, then incarnation.
 
+  // By incarnation: the message that its last save dropped, or 0.
+  std::map<std::string, uint64_t> dropped_last_;
+
   size_t arrived_ = 0;
   size_t damaged_ = 0;
   size_t lost_ = 0;
@@ -83,6 +90,7 @@ class Crowd {
   size_t again_waiting_ = 0;
   size_t again_sent_ = 0;
   size_t again_acknowledged_ = 0;
+  size_t again_unsealed_ = 0;
   size_t again_ended_ = 0;
   size_t again_needlessly_ = 0;
 };

@@ -197,12 +197,14 @@ const std::vector<NamedMaker>& MappedTransitions() {
       {"FromEmpty", [] { return Simple("from empty", "", "1-9x300"); }},
       {"FirstEver",
        [] {
-         return Transition{
+         Transition first = {
              "first ever",
              nullptr,
              {"mark", "open", "load", "mark", "save:1-5x300", "mark", "close", "mark"},
              {From("", ""), From("", "1-5x300"), From("1-5x300", "1-5x300")},
              nullptr};
+         first.is_long = true;
+         return first;
        }},
       {"Reordered", [] { return Simple("reordered", "1-9x300", "9-1x300"); }},
       {"Steady",
@@ -264,11 +266,13 @@ const std::vector<NamedMaker>& MappedTransitions() {
       {"TakingOverOnDisk",
        [] {
          const std::string all = "1-3x200+11-14x90+21-22x700";
-         return Transition{"taking over, on disk",
-                           LeaveThreeOwners,
-                           {"on-disk", "open", "load", "mark", "save:2x200+31x50", "mark"},
-                           {From(all, "2x200+31x50")},
-                           nullptr};
+         Transition taking = {"taking over, on disk",
+                              LeaveThreeOwners,
+                              {"on-disk", "open", "load", "mark", "save:2x200+31x50", "mark"},
+                              {From(all, "2x200+31x50")},
+                              nullptr};
+         taking.is_long = true;
+         return taking;
        }},
       {"Repairing",
        [] {

@@ -37,6 +37,9 @@ void Report(JobEvent::Kind kind, uint64_t number) {
 // Turns the channel's events into reports, and knows how much is under way.
 class Books : public ReportEventListener {
  public:
+  // Its own messages are [first, end).
+  Books(uint64_t first, uint64_t end) : first_(first), end_(end) {}
+
   void OnReportEvent(const ReportEvent& event) override {
     const uint64_t number = NumberOf(std::string(reinterpret_cast<const char*>(event.data),
                                                  event.data == nullptr ? 0 : event.size));
@@ -49,6 +52,7 @@ class Books : public ReportEventListener {
         break;
       case ReportEventKind::kHandedOver:
         ++open_;
+        ++own_open_;
         break;
       case ReportEventKind::kAdmitted:
         ++stored_;
@@ -60,6 +64,7 @@ class Books : public ReportEventListener {
       case ReportEventKind::kAcknowledged:
         --open_;
         --stored_;
+        if (number >= first_ && number < end_) --own_open_;
         acknowledged_.push_back(number);
         Report(JobEvent::kAcknowledged, number);
         break;
@@ -93,10 +98,11 @@ class Books : public ReportEventListener {
     std::unique_lock<std::mutex> hold(mutex_);
     changed_.wait(hold, [&] { return is_loaded_; });
   }
-  // Waits until fewer than so many messages have no answer yet.
-  void WaitForFewerThan(size_t most) {
+  // Waits until fewer than `most` messages have no answer yet, and fewer than `most_own` of its
+  // own.
+  void WaitForFewerThan(size_t most, size_t most_own) {
     std::unique_lock<std::mutex> hold(mutex_);
-    changed_.wait(hold, [&] { return open_ < most; });
+    changed_.wait(hold, [&] { return open_ < most && own_open_ < most_own; });
   }
   // Waits until every message that was handed over is in the cache.
   void WaitUntilSaved(uint64_t saved) {
@@ -111,20 +117,23 @@ class Books : public ReportEventListener {
     numbers->clear();
   }
 
+  const uint64_t first_;
+  const uint64_t end_;
   std::mutex mutex_;
   std::condition_variable changed_;
   bool is_loaded_ = false;
   size_t open_ = 0;
+  size_t own_open_ = 0;
   uint64_t saved_ = 0;
   size_t stored_ = 0;                   // What a save must write.
   std::vector<uint64_t> admitted_;      // And not yet in a complete save.
   std::vector<uint64_t> acknowledged_;  // And not yet gone by a complete save.
 };
 
-// Far from what is trimmed, whatever is loaded besides.
-constexpr size_t kMostOpen = 32;
-// One message at a time, soon one after the other, and failures are answered without a pause.
-constexpr unsigned kFastMs = 2;
+// Far from what is trimmed.
+constexpr size_t kMostOpen = 40;
+// What was loaded is sent by ten messages a second: a killed sender must not leave many.
+constexpr size_t kMostOwnOpen = 4;
 constexpr unsigned kNeverMs = 3600 * 1000;
 
 struct Orders {
@@ -160,22 +169,16 @@ void Send(uint64_t number, ReliableReportChannelHttps* channel) {
 }
 
 int Run(const Orders& orders) {
-  static Books books;
+  static Books books(orders.first, orders.first + orders.count);
   const auto channel = Begin(orders, &books);
-  channel->SetResendInterval(kFastMs);
   channel->FlushPacket();
   books.WaitUntilLoaded();
-  if (orders.count > 0) {
-    // What others left goes first; then each message at once.
-    books.WaitForFewerThan(kMostOpen / 2);
-    channel->SetResendInterval(0);
-  }
   for (uint64_t i = 0; i < orders.count; ++i) {
-    books.WaitForFewerThan(kMostOpen);
+    books.WaitForFewerThan(kMostOpen, kMostOwnOpen);
     Send(orders.first + i, channel.get());
   }
   books.WaitUntilSaved(orders.count);
-  if (orders.count == 0) books.WaitForFewerThan(1);
+  if (orders.count == 0) books.WaitForFewerThan(1, 1);
   channel->Terminate();
   const bool drained = core::ThreadManager::WaitForDrain(base::TimeDelta::FromSeconds(60));
   ReportEvents::SetListener(nullptr);
@@ -192,7 +195,7 @@ void AwaitRelease() {
 // Saves its messages and sends none of them, and forks: a child that ends at once, in order, and
 // one that does so when standard input ends. Then it waits for its end.
 int Fork(const Orders& orders) {
-  static Books books;
+  static Books books(orders.first, orders.first + orders.count);
   const auto channel = Begin(orders, &books);
   channel->SetResendInterval(kNeverMs);
   for (uint64_t i = 0; i < orders.count; ++i) Send(orders.first + i, channel.get());
