@@ -124,7 +124,10 @@ void Crowd::KillAndRestart(Place* place) {
   place->job->Kill();
   const bool was_killed = place->job->Wait() == -SIGKILL;
   JobEvent event;
-  while (place->job->Next(&event)) Note(event, place);
+  while (place->job->Next(&event)) {
+    Note(event, place);
+    if (events_to_kill_ > 1) --events_to_kill_;
+  }
   place->job.reset();
   if (!was_killed) return;  // It had just done its work.
   ++kills_;
@@ -204,8 +207,8 @@ void Crowd::Print(const std::string& name) const {
       name.c_str(), plan_.processes,
       plan_.resend_limit == 0 ? "none" : std::to_string(plan_.resend_limit).c_str(), saved_.size(),
       kills_, arrived_, lost_, unconfirmed_, static_cast<unsigned long long>(taken_over_), again,
-      again_waiting_, again_sent_, again_acknowledged_, again_ended_, again_needlessly_, damaged_,
-      failures_);
+      again_waiting_, again_sent_, again_acknowledged_, again_unsealed_, again_ended_,
+      again_needlessly_, damaged_, failures_);
 }
 
 void Crowd::ExpectNothingLost() const {
