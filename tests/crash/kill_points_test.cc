@@ -97,8 +97,11 @@ Expected From(const std::string& old, const std::string& now) {
   return Expected{ContentOf(old), ContentOf(now)};
 }
 
-Commands SaveTwice(const std::string& old, const std::string& now) {
-  return {"open", "load", "save:" + old, "mark", "save:" + now, "mark"};
+// Without an older save, the seal that is written has no valid one to replace.
+constexpr char kOlder[] = "701-704x150";
+Commands SaveThrice(const std::string& old, const std::string& now) {
+  return {"open",        "load", std::string("save:") + kOlder, "save:" + old, "mark",
+          "save:" + now, "mark"};
 }
 
 // A live owner, in this process, beside the one that is killed. He stays until the next one.
@@ -126,7 +129,16 @@ void LeaveDamage(const std::string& path, const std::string& damaged) {
 }
 
 Transition Simple(const std::string& name, const std::string& old, const std::string& now) {
-  return {name, nullptr, SaveTwice(old, now), {From(old, now)}, nullptr};
+  return {name, nullptr, SaveThrice(old, now), {From(old, now)}, nullptr};
+}
+
+// With nothing in the file, not even room for it.
+Transition FromNothing(const std::string& name, const std::string& now) {
+  return {name,
+          nullptr,
+          {"open", "load", "save:", "mark", "save:" + now, "mark"},
+          {From("", now)},
+          nullptr};
 }
 
 // The steady case again and again: one message acknowledged in the middle, one new at the end.
@@ -147,7 +159,8 @@ Transition Steady(const std::string& name,
   TempFolder folder;
   const auto file = CacheFile::Create(FileKind::kMapped);
   EXPECT_TRUE(file->Open(Successor::PathIn(folder.path(), FileKind::kMapped)));
-  steady.commands = {"open", "load"};
+  steady.commands = {"open", "load", std::string("save:") + kOlder};
+  EXPECT_TRUE(file->Save(ContentOf(kOlder)));
   EXPECT_TRUE(file->Save(ContentOf(SteadyContent(0))));
   steady.commands.push_back("save:" + SteadyContent(0));
   Placement last = PlacementIn(FolderState::Of(folder.path()));
@@ -193,7 +206,8 @@ const std::vector<NamedMaker>& MappedTransitions() {
        }},
       {"Equal", [] { return Simple("equal", "1-9x300", "1-9x300"); }},
       {"Emptied", [] { return Simple("emptied", "1-9x300", ""); }},
-      {"StillEmpty", [] { return Simple("still empty", "", ""); }},
+      {"StillEmpty", [] { return FromNothing("still empty", ""); }},
+      {"FromNothing", [] { return FromNothing("from nothing", "1-9x300"); }},
       {"FromEmpty", [] { return Simple("from empty", "", "1-9x300"); }},
       {"FirstEver",
        [] {
@@ -256,9 +270,9 @@ const std::vector<NamedMaker>& MappedTransitions() {
       {"OnDisk",
        [] {
          Transition on_disk = Simple("on disk", "1-4x300", "");
-         on_disk.commands = {"on-disk", "open",         "load", "save:1-4x300",
-                             "mark",    "save:2-5x300", "mark", "save:2-5x300+6x20000",
-                             "mark"};
+         on_disk.commands = {
+             "on-disk", "open",         "load", std::string("save:") + kOlder, "save:1-4x300",
+             "mark",    "save:2-5x300", "mark", "save:2-5x300+6x20000",        "mark"};
          on_disk.phases = {From("1-4x300", "2-5x300"), From("2-5x300", "2-5x300+6x20000")};
          on_disk.is_proven = [](const Trace& trace) { return trace.calls().count("msync") > 0; };
          return on_disk;

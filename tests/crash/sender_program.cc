@@ -4,16 +4,20 @@
 // the cache. With COUNT 0 it sends what the cache holds, all of it. With "fork" see Fork().
 // Reports on standard output, as tests/crash/job.h has it. That a save is complete it says on the
 // channel's own thread, once the channel has returned from the save and before it does anything
-// else; which messages are in it follows from its own books of what was admitted and answered.
+// else, and when it has found the message's bytes in the file itself; how many messages the save
+// must have follows from its own books of what was admitted and answered.
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
@@ -38,11 +42,13 @@ void Report(JobEvent::Kind kind, uint64_t number) {
 class Books : public ReportEventListener {
  public:
   // Its own messages are [first, end).
-  Books(uint64_t first, uint64_t end) : first_(first), end_(end) {}
+  Books(uint64_t first, uint64_t end, std::string cache_file)
+      : first_(first), end_(end), cache_file_(std::move(cache_file)) {}
 
   void OnReportEvent(const ReportEvent& event) override {
-    const uint64_t number = NumberOf(std::string(reinterpret_cast<const char*>(event.data),
-                                                 event.data == nullptr ? 0 : event.size));
+    const std::string message(reinterpret_cast<const char*>(event.data),
+                              event.data == nullptr ? 0 : event.size);
+    const uint64_t number = NumberOf(message);
     std::lock_guard<std::mutex> hold(mutex_);
     switch (event.kind) {
       case ReportEventKind::kLoaded:
@@ -56,7 +62,7 @@ class Books : public ReportEventListener {
         break;
       case ReportEventKind::kAdmitted:
         ++stored_;
-        admitted_.push_back(number);
+        admitted_.push_back(message);
         break;
       case ReportEventKind::kSent:
         Report(JobEvent::kSent, number);
@@ -70,8 +76,9 @@ class Books : public ReportEventListener {
         break;
       case ReportEventKind::kSaved:
         if (event.count != stored_) Report(JobEvent::kFailed, event.count);
-        ReportAll(JobEvent::kSaved, &admitted_);
-        ReportAll(JobEvent::kRetired, &acknowledged_);
+        ReportSaved();
+        for (const uint64_t gone : acknowledged_) Report(JobEvent::kRetired, gone);
+        acknowledged_.clear();
         break;
       case ReportEventKind::kRefused:
       case ReportEventKind::kDropped:
@@ -83,12 +90,13 @@ class Books : public ReportEventListener {
     changed_.notify_all();
   }
 
-  // A line of the log. Any error counts: none is to be expected here.
+  // A line of the log. Any error ends the process: none is to be expected here.
   void OnLog(int level, const std::string& text) {
     std::lock_guard<std::mutex> hold(mutex_);
     if (level == 2) {
       std::fprintf(stderr, "%s\n", text.c_str());
       Report(JobEvent::kFailed, 0);
+      _exit(1);
     }
     is_loaded_ = is_loaded_ || text.find(" successfully, data size is ") != std::string::npos;
     changed_.notify_all();
@@ -111,14 +119,25 @@ class Books : public ReportEventListener {
   }
 
  private:
-  void ReportAll(JobEvent::Kind kind, std::vector<uint64_t>* numbers) {
-    for (const uint64_t number : *numbers) Report(kind, number);
-    if (kind == JobEvent::kSaved) saved_ += numbers->size();
-    numbers->clear();
+  // Whatever the channel says: the bytes must be in its file by now.
+  void ReportSaved() {
+    const std::string bytes = admitted_.empty() ? "" : ReadAll(cache_file_);
+    for (const std::string& message : admitted_) {
+      const bool is_there = bytes.find(message) != std::string::npos;
+      Report(is_there ? JobEvent::kSaved : JobEvent::kFailed, NumberOf(message));
+    }
+    saved_ += admitted_.size();
+    admitted_.clear();
+  }
+
+  static std::string ReadAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
 
   const uint64_t first_;
   const uint64_t end_;
+  const std::string cache_file_;
   std::mutex mutex_;
   std::condition_variable changed_;
   bool is_loaded_ = false;
@@ -126,7 +145,7 @@ class Books : public ReportEventListener {
   size_t own_open_ = 0;
   uint64_t saved_ = 0;
   size_t stored_ = 0;                   // What a save must write.
-  std::vector<uint64_t> admitted_;      // And not yet in a complete save.
+  std::vector<std::string> admitted_;   // And not yet in a complete save.
   std::vector<uint64_t> acknowledged_;  // And not yet gone by a complete save.
 };
 
@@ -144,6 +163,11 @@ struct Orders {
   uint64_t first;
   uint64_t count;
 };
+
+std::string CacheFileOf(const Orders& orders) {
+  const char* const name = orders.plain ? "crash.cache" : "crash.mmap";
+  return orders.folder.AppendASCII("quenor_report").AppendASCII(name).value();
+}
 
 // What the host has: the process's settings, and a channel.
 std::shared_ptr<ReliableReportChannelHttps> Begin(const Orders& orders, Books* books) {
@@ -169,7 +193,7 @@ void Send(uint64_t number, ReliableReportChannelHttps* channel) {
 }
 
 int Run(const Orders& orders) {
-  static Books books(orders.first, orders.first + orders.count);
+  static Books books(orders.first, orders.first + orders.count, CacheFileOf(orders));
   const auto channel = Begin(orders, &books);
   channel->FlushPacket();
   books.WaitUntilLoaded();
@@ -195,7 +219,7 @@ void AwaitRelease() {
 // Saves its messages and sends none of them, and forks: a child that ends at once, in order, and
 // one that does so when standard input ends. Then it waits for its end.
 int Fork(const Orders& orders) {
-  static Books books(orders.first, orders.first + orders.count);
+  static Books books(orders.first, orders.first + orders.count, CacheFileOf(orders));
   const auto channel = Begin(orders, &books);
   channel->SetResendInterval(kNeverMs);
   for (uint64_t i = 0; i < orders.count; ++i) Send(orders.first + i, channel.get());
@@ -208,10 +232,11 @@ int Fork(const Orders& orders) {
   const pid_t lasting = fork();
   QUENOR_CHECK(lasting >= 0, "fork failed");
   if (lasting == 0) {
+    // Not by the parent: a child that is still in fork() has all that its parent has.
+    Report(JobEvent::kReady, static_cast<uint64_t>(getpid()));
     AwaitRelease();
     std::exit(0);
   }
-  Report(JobEvent::kReady, static_cast<uint64_t>(lasting));
   for (;;) pause();
 }
 
