@@ -233,7 +233,7 @@ const std::vector<NamedMaker>& MappedTransitions() {
        }},
       {"MovingToALargerExtent",
        [] {
-         const std::string large = IsFullRun() ? "5-9x60000" : "5-8x4000";
+         const std::string large = IsFullRun() ? "5-9x60000" : "5-6x4000";
          Transition moving = Simple("moving to a larger extent", "1-4x300", "1-4x300+" + large);
          moving.is_proven = HasMoved;
          return moving;
@@ -274,6 +274,7 @@ const std::vector<NamedMaker>& MappedTransitions() {
              "on-disk", "open",         "load", std::string("save:") + kOlder, "save:1-4x300",
              "mark",    "save:2-5x300", "mark", "save:2-5x300+6x20000",        "mark"};
          on_disk.phases = {From("1-4x300", "2-5x300"), From("2-5x300", "2-5x300+6x20000")};
+         on_disk.is_long = true;
          on_disk.is_proven = [](const Trace& trace) { return trace.calls().count("msync") > 0; };
          return on_disk;
        }},
