@@ -1,0 +1,696 @@
+/* The protocol of the memory-mapped cache file: open, claim, take over, save, move, close, kill.
+ * Page: docs/design/mmap-file.md. scripts/check_model runs it.
+ *
+ * One step is one store, lock or look that another process, or whoever comes after a kill, can tell
+ * from the next one. Before every step a process may be killed: its locks go, what it stored stays.
+ * It then starts again, a bounded number of times.
+ *
+ * A seal is written in two steps, "being written" and "valid": what comes between is under a check
+ * and looks like the first. Save numbers only tell which of two valid seals of a record is newer,
+ * and which dead owner is older; the model keeps the former and tries every order of the latter.
+ * Packets are messages, one bit each. What an extent holds is kept apart from what seals say, so
+ * that zeroed or foreign room is noticed. Sizes, damage and repair are not modelled.
+ */
+#ifndef PROCESSES
+#define PROCESSES 2
+#endif
+#ifndef KILLS
+#define KILLS 2 /* Of all processes together. */
+#endif
+#ifndef OPENS
+#define OPENS 3 /* Of all processes together. */
+#endif
+#ifndef SAVES
+#define SAVES 1 /* Of each life. */
+#endif
+#ifndef RECORDS
+#define RECORDS 3
+#endif
+#ifndef EXTENTS
+#define EXTENTS 5
+#endif
+
+#define S(r, s) (2 * (r) + (s))
+#define BIT(n) (1 << (n))
+#define HAS(set, n) (((set) >> (n)) & 1)
+#define NOBODY 0
+#ifdef CLAIM_ALL /* Else any of them may be left: too many packets, or damaged. */
+#define LEAVES_SOME false
+#else
+#define LEAVES_SOME true
+#endif
+#ifdef SETTLE_PART
+#define MAY_SETTLE(set) true
+#else /* Only all of what a dead owner's seal stands for. */
+#define MAY_SETTLE(set) (((set) & ~dead) == 0)
+#endif
+
+/* --- The file ---------------------------------------------------------------------------------- */
+bool valid[2 * RECORDS + 2];  /* Of a seal: its check is right. */
+byte mask[2 * RECORDS + 2];   /* Superseded records. */
+byte cont[2 * RECORDS + 2];   /* Messages that the index names. */
+byte ext[2 * RECORDS + 2];    /* 0: none. */
+bit newer[RECORDS + 1];       /* The seal of a record that was written last. */
+bool sealed[RECORDS + 1];     /* The record was ever used. */
+byte reserved[RECORDS + 1];   /* An extent; 0: none. */
+byte data[EXTENTS + 1];       /* Messages that are whole in an extent. */
+bool there[EXTENTS + 1];      /* Not behind the end of the file. */
+
+/* --- The kernel -------------------------------------------------------------------------------- */
+byte table_lock;
+byte record_lock[RECORDS + 1];
+
+/* --- What must be true: known to nobody -------------------------------------------------------- */
+byte saved;                  /* In a completed save, and not dropped by its owner since. */
+byte held[PROCESSES + 1];    /* What a live owner took at Open() or saved since. */
+byte kills = KILLS;
+byte begun;                  /* How many processes have opened the file. */
+byte opens = OPENS;
+hidden byte h_r, h_sup, h_once, h_c, h_x, h_named; /* No state: set before each use. */
+
+/* The seal in force; 2: none. */
+#define INF(r) (valid[S(r, newer[r])] -> newer[r] : (valid[S(r, 1 - newer[r])] -> 1 - newer[r] : 2))
+#define CONTENT(r) (INF(r) == 2 -> 0 : cont[S(r, INF(r))])
+
+/* What records other than `mine` name, truly. */
+inline NamedByOthers(mine) {
+  h_named = 0;
+  for (h_r : 1 .. RECORDS) {
+    if
+    :: h_r != mine ->
+       h_named = h_named | (valid[S(h_r, 0)] -> BIT(ext[S(h_r, 0)]) : 0) |
+                 (valid[S(h_r, 1)] -> BIT(ext[S(h_r, 1)]) : 0) | BIT(reserved[h_r])
+    :: else
+    fi
+  }
+  h_r = 0
+}
+
+/* After every store. A reader finds each saved message in exactly one content, and nothing else:
+ * what is in a content counts unless a seal in force of another record stands for that content. */
+inline Check() {
+  d_step {
+    h_sup = 0;
+    for (h_r : 1 .. RECORDS) {
+      if
+      :: INF(h_r) != 2 -> h_sup = h_sup | mask[S(h_r, INF(h_r))]
+      :: else
+      fi
+    }
+    h_once = 0;
+    for (h_r : 1 .. RECORDS) {
+      if
+      :: INF(h_r) != 2 && !HAS(h_sup, h_r) ->
+         h_c = cont[S(h_r, INF(h_r))];
+         h_x = ext[S(h_r, INF(h_r))];
+         assert((h_c & ~data[h_x]) == 0); /* INTACT: what a seal in force names is whole. */
+         assert((h_once & h_c) == 0);     /* ONCE: no message is in two contents. */
+         h_once = h_once | h_c
+      :: else
+      fi
+    }
+    for (h_r : 1 .. RECORDS) {
+      assert(!sealed[h_r] || INF(h_r) != 2) /* NO DAMAGE: a kill leaves a seal in force. */
+    }
+    assert((saved & ~h_once) == 0); /* NOT LOST */
+    assert((h_once & ~saved) == 0); /* NOT BACK: a dropped or unfinished one is found by nobody. */
+    /* What is in room that nobody names is of no account: fewer states. */
+    NamedByOthers(0);
+    for (h_r : 1 .. EXTENTS) {
+      if
+      :: !HAS(h_named, h_r) -> data[h_r] = 0
+      :: else
+      fi
+    }
+    h_r = 0
+  }
+}
+
+/* A store into an extent of one's own through the mapping. */
+inline Touch(e) {
+  d_step {
+    assert(there[e]);           /* NO SIGBUS: not behind the end. */
+    NamedByOthers(own);
+    assert(!HAS(h_named, e))    /* NOT FOREIGN */
+  }
+}
+
+/* An extent is about to be zeroed, cut off or built on. */
+inline MustBeFree(e) {
+  d_step {
+    NamedByOthers(0);
+    assert(!HAS(h_named, e)) /* NOT IN USE: no seal and no reservation names it. */
+  }
+}
+
+/* --- Killing ----------------------------------------------------------------------------------- */
+inline LeaveAll() {
+  d_step {
+    for (h_r : 1 .. RECORDS) {
+      if
+      :: record_lock[h_r] == p -> record_lock[h_r] = NOBODY
+      :: else
+      fi
+    }
+    if
+    :: table_lock == p -> table_lock = NOBODY
+    :: else
+    fi;
+    /* CLAIMABLE: what this owner had is in records that nobody holds. */
+    h_sup = 0;
+    h_once = 0;
+    for (h_r : 1 .. RECORDS) {
+      if
+      :: INF(h_r) != 2 -> h_sup = h_sup | mask[S(h_r, INF(h_r))]
+      :: else
+      fi
+    }
+    for (h_r : 1 .. RECORDS) {
+      if
+      :: !HAS(h_sup, h_r) && record_lock[h_r] == NOBODY -> h_once = h_once | CONTENT(h_r)
+      :: else
+      fi
+    }
+    assert((held[p] & ~h_once) == 0);
+    held[p] = 0;
+    own = 0; cur = 0; claimed = 0; dead = 0; left = 0; used = 0; i = 0; bld = 0; old = 0; next = 0;
+    voided = 0; slot = 0; r = 0; more = 0; saves = 0; part = 0; seen = 0; x = 0; move = 0;
+    h_r = 0
+  }
+}
+#define DIE kills > 0 -> kills--; LeaveAll(); goto end_of_life
+#define KILL atomic { DIE }
+/* A step that others may see before or after any of theirs. */
+#define STEP(...) if :: atomic { __VA_ARGS__ } :: KILL fi
+/* Between two steps that no other process can tell apart, because it would need a lock that is
+ * held: only a kill. */
+#define OR_DIE if :: true :: DIE fi
+
+/* --- Seals ------------------------------------------------------------------------------------- */
+inline Wipe(q) { valid[q] = 0; mask[q] = 0; cont[q] = 0; ext[q] = 0 }
+inline Write(rec, s, c, e, m) {
+  valid[S(rec, s)] = 1; cont[S(rec, s)] = c; ext[S(rec, s)] = e; mask[S(rec, s)] = m;
+  newer[rec] = s; sealed[rec] = 1;
+  cont[S(rec, 1 - (s))] = 0; mask[S(rec, 1 - (s))] = 0 /* Of no account any more. */
+}
+/* An empty seal in force, and the one that was out of it for good; then THEN, which others cannot
+ * see. A seal that is marked already need not be marked again. */
+#define REPLACE(rec, c, e, THEN)                                                              \
+  if                                                                                          \
+  :: atomic { valid[S(rec, 1 - INF(rec))] -> slot = 1 - INF(rec); Wipe(S(rec, slot)) };       \
+     STEP(Write(rec, slot, c, e, 0); slot = 1 - slot; Check())                                \
+  :: atomic { !valid[S(rec, 1 - INF(rec))] -> slot = INF(rec);                                \
+       Write(rec, 1 - slot, c, e, 0); Check() }                                               \
+  :: KILL                                                                                     \
+  fi;                                                                                         \
+  STEP(Wipe(S(rec, slot)); slot = 0; Check(); THEN)
+#define VOID(rec, THEN) REPLACE(rec, 0, 0, THEN)
+/* The same content, standing for nobody else's any more. */
+#define RESEAL(rec, THEN) \
+  REPLACE(rec, cont[S(rec, newer[rec])], ext[S(rec, newer[rec])], THEN)
+/* The first step of a save's seal. */
+#define MARK_SEAL slot = 1 - INF(own); Wipe(S(own, slot)); Check()
+/* Both of a dead owner's record, by one who holds the table's lock. */
+inline ReplaceDead(rec, c, e) {
+  OR_DIE; slot = INF(rec); Wipe(S(rec, 1 - slot));
+  OR_DIE; Write(rec, 1 - slot, c, e, 0); Check();
+  OR_DIE; Wipe(S(rec, slot)); slot = 0; Check()
+}
+#define VOID_DEAD(rec) ReplaceDead(rec, 0, 0)
+#define RESEAL_DEAD(rec) ReplaceDead(rec, cont[S(rec, slot)], ext[S(rec, slot)])
+
+/* --- Room -------------------------------------------------------------------------------------- */
+#define NAMED(r, s) (valid[S(r, s)] -> BIT(ext[S(r, s)]) : 0)
+#define IS_ANOTHERS(r) (record_lock[r] != NOBODY && record_lock[r] != p)
+
+#ifdef TORN_VIEW
+inline ScanStable() { skip }
+/* One seal, the other, the reservations; again when neither seal was valid. */
+inline ScanNext() {
+  if
+  :: part < 2 ->
+     if
+     :: valid[S(i, part)] -> used = used | NAMED(i, part); seen = 1
+     :: else
+     fi;
+     part++
+  :: else ->
+     if
+     :: seen || !sealed[i] -> used = used | BIT(reserved[i]); i++
+     :: else
+     fi;
+     part = 0; seen = 0
+  fi
+}
+#else
+/* Records that nobody else writes to may as well be read at once. */
+inline ScanStable() {
+  do
+  :: i <= RECORDS && !IS_ANOTHERS(i) ->
+     used = used | NAMED(i, 0) | NAMED(i, 1) | BIT(reserved[i]);
+     i++
+  :: else -> break
+  od
+}
+inline ScanNext() {
+  used = used | NAMED(i, 0) | NAMED(i, 1) | BIT(reserved[i]);
+  i++;
+  ScanStable()
+}
+#endif
+
+#define ALL_EXTENTS (BIT(EXTENTS + 1) - 2)
+/* Locks the table, looks which extents are named, record by record, and does the rest with the lock
+ * held to the end of it. */
+#define LOCK_TABLE table_lock == NOBODY -> table_lock = p; used = 0; i = 1; ScanStable()
+#define SCAN_THEN(...)                                                     \
+  do                                                                       \
+  :: atomic { i <= RECORDS -> ScanNext() }                                 \
+  :: atomic { i > RECORDS -> i = 0; __VA_ARGS__; break }                   \
+  :: KILL                                                                  \
+  od
+#define UNLOCK_TABLE used = 0; table_lock = NOBODY
+
+/* Zeroes an extent that nobody names, and cuts off what nobody names at the end. */
+inline ZeroAndCut(e) {
+  if
+  :: !HAS(used, e) && there[e] -> MustBeFree(e); data[e] = 0
+  :: else
+  fi;
+  OR_DIE;
+  x = EXTENTS;
+  do
+  :: x > 0 && !HAS(used, x) ->
+     if
+     :: there[x] -> MustBeFree(x); data[x] = 0; there[x] = 0
+     :: else
+     fi;
+     x--
+  :: else -> break
+  od;
+  x = 0;
+  UNLOCK_TABLE;
+  Check()
+}
+/* The lowest in a set; 0: none. */
+inline Lowest(set) {
+  r = 0;
+  do
+  :: set == 0 || HAS(set, r) -> break
+  :: else -> r++
+  od;
+  if
+  :: set == 0 -> r = 0
+  :: else
+  fi
+}
+/* The next whose content was taken, and is to be voided where it came from. */
+inline NextTaken() {
+  Lowest(left);
+  if
+  :: left != 0 && ext[S(r, INF(r))] != 0 -> voided = voided | BIT(ext[S(r, INF(r))])
+  :: else
+  fi
+}
+/* Or does not: the lock was not to be had in time. */
+#define GIVE_BACK(e, THEN)                 \
+  if                                       \
+  :: atomic { LOCK_TABLE };                \
+     SCAN_THEN(ZeroAndCut(e); THEN)        \
+  :: atomic { true -> THEN }               \
+  :: KILL                                  \
+  fi
+
+/* Tries the lock of every record: those that are free, or taken already, up to the next that is
+ * held, in one step. */
+inline TryLocks() {
+  do
+  :: i <= RECORDS && record_lock[i] == NOBODY ->
+     record_lock[i] = p; dead = dead | BIT(i); more = 1; i++
+  :: i <= RECORDS && record_lock[i] == p -> i++
+  :: else -> break
+  od;
+  i++;
+  if
+#ifdef ONE_PASS
+  :: i > RECORDS -> i = 0; more = 0
+#else
+  /* Until a pass adds none: one whose owner died meanwhile may be standing for another. */
+  :: i > RECORDS && more -> i = 1; more = 0
+  :: i > RECORDS && !more -> i = 0
+#endif
+  :: else
+  fi
+}
+
+/* --- One process after another, under one number ------------------------------------------------ */
+proctype Process(byte p) {
+  byte own, cur, claimed, dead, left, used, i, bld, old, next, voided, r, x, part, saves, slot;
+  bool more, seen, made, move;
+
+  /* Processes are alike: in which order they open first makes no difference. */
+end_of_none:
+  atomic { begun == p - 1 && table_lock == NOBODY && opens > 0 -> begun++ }
+end_of_life:
+  atomic { opens > 0 && table_lock == NOBODY -> opens--; table_lock = p; i = 1; TryLocks() };
+  do
+  :: atomic { i != 0 -> TryLocks() }
+
+  :: atomic { i == 0 ->
+       /* Settle what the dead were at. */
+       i = 1;
+       do
+       :: i <= RECORDS && HAS(dead, i) ->
+          reserved[i] = 0;
+#ifndef NO_SUPERSESSION
+          if
+          :: INF(i) != 2 -> left = mask[S(i, INF(i))]
+          :: else -> left = 0
+          fi;
+          if
+          :: left != 0 && MAY_SETTLE(left) ->
+             left = left & dead;
+#ifdef SETTLE_RESEAL_FIRST
+             RESEAL_DEAD(i);
+#endif
+             r = 1;
+             do
+             :: r <= RECORDS && HAS(left, r) && INF(r) != 2 -> VOID_DEAD(r); r++
+             :: r <= RECORDS && !(HAS(left, r) && INF(r) != 2) -> r++
+             :: r > RECORDS -> break
+             od;
+             r = 0; left = 0;
+#ifndef SETTLE_RESEAL_FIRST
+             RESEAL_DEAD(i)
+#endif
+          :: else -> left = 0
+          fi;
+#endif
+          i++
+       :: i <= RECORDS && !HAS(dead, i) -> i++
+       :: i > RECORDS -> break
+       od;
+       OR_DIE;
+
+       /* Whose content may be taken: not what another's seal, live or dead, stands for. */
+       left = dead;
+       i = 1;
+       do
+       :: i <= RECORDS ->
+#ifndef NO_SUPERSESSION
+          if
+          :: INF(i) != 2 -> left = left & ~mask[S(i, INF(i))]
+          :: else
+          fi;
+#endif
+          if
+          :: CONTENT(i) == 0 -> left = left & ~BIT(i)
+          :: else
+          fi;
+          i++
+       :: i > RECORDS -> i = 0; break
+       od;
+
+       /* One as this owner's own, and of further ones any: by age, size and damage. */
+       if
+       :: left != 0 ->
+          own = 1;
+          do
+          :: (left >> (own + 1)) != 0 -> own++
+          :: HAS(left, own) -> break
+          od;
+          left = left & ~BIT(own);
+          r = 1;
+          do
+          :: r <= RECORDS && HAS(left, r) -> claimed = claimed | BIT(r); r++
+          :: r <= RECORDS && (LEAVES_SOME || !HAS(left, r)) -> r++
+          :: r > RECORDS -> break
+          od;
+          r = 0; left = 0;
+          cur = ext[S(own, INF(own))]
+       /* Else an empty one. */
+       :: else ->
+          own = 1;
+          do
+          :: own <= RECORDS && (!HAS(dead, own) || CONTENT(own) != 0) -> own++
+          :: else -> break
+          od;
+          if
+          :: own > RECORDS -> LeaveAll(); goto end_of_life /* All are taken: refused. */
+          :: else
+          fi;
+          if
+          :: INF(own) == 2 -> OR_DIE; Write(own, 0, 0, 0, 0); Check()
+          :: else -> cur = ext[S(own, INF(own))]
+          fi
+       fi;
+       OR_DIE;
+       /* Without the table's lock nobody tries the others, so they may go in one step. */
+       r = 1;
+       do
+       :: r <= RECORDS ->
+          if
+          :: r == own || HAS(claimed, r) -> held[p] = held[p] | CONTENT(r)
+          :: else ->
+             if
+             :: HAS(dead, r) -> record_lock[r] = NOBODY
+             :: else
+             fi
+          fi;
+          r++
+       :: else -> break
+       od;
+       r = 0; dead = 0;
+       table_lock = NOBODY;
+       d_step {
+         for (h_r : 1 .. PROCESSES) {
+           assert(h_r == p || (held[h_r] & held[p]) == 0) /* ONE OWNER */
+         }
+         h_r = 0
+       };
+       break }
+  :: KILL
+  od;
+
+ready:
+  if
+  /* A save. Of what it holds nothing, a part or everything has been delivered, and there is a new
+   * message or not. */
+  :: atomic { saves < SAVES ->
+       saves++;
+       if
+       :: next = held[p]
+       :: held[p] != 0 -> next = 0
+       :: (held[p] & (held[p] - 1)) != 0 -> next = held[p] & (held[p] - 1)
+       fi;
+       if
+       :: !made -> made = 1; next = next | BIT(p + 1)
+       :: made || next != held[p]
+       fi;
+       /* In place, in a new extent, or without one. */
+       if
+       :: cur != 0 -> Touch(cur); data[cur] = data[cur] | next; Check()
+       :: !(cur == 0 && next == 0) -> move = 1
+       :: cur == 0 && next == 0
+       fi }
+  :: atomic { true -> skip }; goto close
+  :: KILL
+  fi;
+
+  if
+  :: atomic { move && LOCK_TABLE };
+     SCAN_THEN(
+       if
+       :: (used & ALL_EXTENTS) == ALL_EXTENTS -> next = 0; move = 0 /* The disk is full. */
+       :: else -> /* The first that nobody names. */
+          bld = 1;
+          do
+          :: HAS(used, bld) -> bld++
+          :: else -> break
+          od
+       fi;
+       if
+       :: bld != 0 ->
+          MustBeFree(bld);
+          data[bld] = 0;
+#ifndef NO_RESERVATION
+          reserved[own] = bld;
+#endif
+          x = bld;
+          do
+          :: x > 0 -> there[x] = 1; x--
+          :: else -> break
+          od
+       :: else
+       fi;
+       UNLOCK_TABLE;
+       Check();
+       if
+       :: !move -> goto ready
+       :: else
+       fi);
+     if
+#ifndef SEAL_BEFORE_FILL
+     :: atomic { move -> Touch(bld); data[bld] = next; Check() };
+#else
+     :: atomic { move -> skip };
+#endif
+#ifdef FREE_BEFORE_SEAL
+        STEP(
+          if
+          :: cur != 0 -> data[cur] = 0; Check()
+          :: else
+          fi);
+#endif
+        if
+        :: atomic { MARK_SEAL }
+        /* Something was refused: the save is void. */
+        :: atomic { true -> Touch(bld); old = bld; bld = 0; next = 0; move = 0 };
+           STEP(reserved[own] = 0);
+           GIVE_BACK(old, old = 0; goto ready)
+        :: KILL
+        fi
+     :: KILL
+     fi
+  :: atomic { !move -> MARK_SEAL }
+  :: KILL
+  fi;
+
+  /* The one step. */
+  STEP(
+    x = (bld != 0 -> bld : cur);
+#ifdef NO_MASK
+    Write(own, slot, next, x, 0);
+#else
+    Write(own, slot, next, x, claimed);
+#endif
+    x = 0;
+    saved = (saved & ~held[p]) | next;
+    held[p] = next;
+    next = 0; slot = 0;
+    Check();
+    left = claimed;
+    NextTaken();
+    if
+    :: move
+    :: !move && claimed == 0 -> goto ready
+    :: !move && claimed != 0 -> goto take_over
+    fi);
+
+  /* It moved. */
+#ifdef DROP_BEFORE_VOID
+  STEP(reserved[own] = 0; Check());
+#endif
+#ifdef FREE_AFTER_VOID
+  STEP(slot = 1 - INF(own); Wipe(S(own, slot)); slot = 0; Check());
+#endif
+  STEP(
+    Touch(bld);
+    if
+    :: cur != 0 -> Touch(cur)
+    :: else
+    fi;
+    old = cur; cur = bld; bld = 0);
+#ifndef FREE_AFTER_VOID
+  STEP(slot = 1 - INF(own); Wipe(S(own, slot)); slot = 0; Check());
+#endif
+  STEP(
+    reserved[own] = 0; move = 0;
+    if
+    :: old == 0 && claimed == 0 -> goto ready
+    :: old == 0 && claimed != 0 -> goto take_over
+    :: else
+    fi);
+  GIVE_BACK(old,
+    old = 0;
+    if
+    :: claimed == 0 -> goto ready
+    :: else
+    fi);
+
+take_over:
+#ifdef UNLOCK_BEFORE_VOID
+  STEP(
+    for (h_r : 1 .. RECORDS) {
+      if
+      :: HAS(claimed, h_r) -> record_lock[h_r] = NOBODY
+      :: else
+      fi
+    }
+    h_r = 0);
+#endif
+#ifdef RESEAL_BEFORE_VOID
+  RESEAL(own, skip);
+#endif
+void_next:
+  VOID(r,
+    left = left & ~BIT(r);
+    NextTaken();
+    if
+    :: left != 0 -> goto void_next
+    :: else
+    fi;
+    Lowest(claimed));
+#ifndef RESEAL_BEFORE_VOID
+  RESEAL(own, skip);
+#endif
+unlock_next:
+  STEP(
+    if
+    :: record_lock[r] == p -> record_lock[r] = NOBODY
+    :: else
+    fi;
+    claimed = claimed & ~BIT(r);
+    Lowest(claimed);
+    if
+    :: claimed != 0 -> goto unlock_next
+    :: else
+    fi;
+    Lowest(voided);
+    if
+    :: voided == 0 -> goto ready
+    :: else
+    fi);
+give_next:
+  GIVE_BACK(r,
+    voided = voided & ~BIT(r);
+    Lowest(voided);
+    if
+    :: voided != 0 -> goto give_next
+    :: else -> goto ready
+    fi);
+
+close:
+  /* An owner without content needs no room. */
+  if
+  :: atomic { cur != 0 && held[p] == 0 && claimed == 0 ->
+       old = cur; cur = 0;
+#ifndef FREE_AFTER_VOID
+       Touch(old)
+#endif
+     };
+     VOID(own, skip);
+#ifdef FREE_AFTER_VOID
+     STEP(Touch(old));
+#endif
+     GIVE_BACK(old, LeaveAll(); goto end_of_life)
+  :: atomic { !(cur != 0 && held[p] == 0 && claimed == 0) -> LeaveAll(); goto end_of_life }
+  :: KILL
+  fi
+}
+
+init {
+  d_step { /* What two dead owners left. */
+    Write(1, 0, 1, 1, 0);
+    Write(2, 0, 2, 2, 0);
+    data[1] = 1; there[1] = 1;
+    data[2] = 2; there[2] = 1;
+    saved = 3
+  }
+  atomic {
+    byte n;
+    for (n : 1 .. PROCESSES) {
+      run Process(n)
+    }
+  }
+}
