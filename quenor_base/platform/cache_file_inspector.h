@@ -23,7 +23,8 @@ class CacheFileInspector {
 
   // One owner's content. The plain file has exactly one, of number 1.
   struct Owner {
-    uint32_t number = 0;           // Its place in the file, from 1.
+    uint32_t number = 0;           // Its place in the file, from 1; 0 for what was found in a
+                                   // damaged file and is in nobody's content.
     bool live = false;             // Open in some process now.
     uint64_t save_number = 0;      // Of its last completed save; larger is later, over all owners.
     uint32_t packets = 0;          // Intact ones.

@@ -1,11 +1,13 @@
-// Looks at cache files of both kinds. Reads without any lock: whatever is read is checked, and what
-// an owner changed meanwhile is read again.
+// Looks at cache files of both kinds. While nobody has the file open, whoever wants to waits until
+// it was looked at. Live owners wait for nothing: whatever is read is checked, and what they
+// changed meanwhile is read again.
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <new>
+#include <vector>
 
 #include "quenor_base/platform/cache_file_inspector.h"
 #include "quenor_base/platform/default/cache_file_reader.h"
@@ -22,7 +24,8 @@ using Visitor = CacheFileInspector::Visitor;
 using How = cache_io::Descriptor::How;
 
 constexpr int kMostReadings = 50;  // Of content that its owner keeps changing.
-constexpr int kPurgeWaitMs = 1000;
+constexpr int kMostRounds = 10;    // Of all owners, while they take over one from another.
+constexpr int kWaitMs = 1000;
 // A plain file's digests are compared within one reading only.
 constexpr uint64_t kDigestKey = 0;
 
@@ -60,35 +63,39 @@ bool IsPlain(int fd, const std::string& path) {
   return EndsWith(path, ".cache");
 }
 
-// --- The memory-mapped kind
-// ------------------------------------------------------------------------
+// --- The memory-mapped kind ----------------------------------------------------------------------
 
-// One owner's content, all of one completed save; false with errno when it cannot be read.
+// One owner's content, all of one completed save.
 class OwnerContent {
  public:
-  OwnerContent(int fd, uint32_t number) : fd_(fd), number_(number) {}
+  OwnerContent(int fd, uint32_t number) : fd_(fd) { owner_.number = number; }
 
-  [[nodiscard]] bool Read() {
+  // What the owner's seal in force says. False with errno when it cannot be read.
+  [[nodiscard]] bool ReadSealed() {
     for (int reading = 0; reading < kMostReadings; ++reading) {
       mmap_format::Reader reader(fd_);
-      if (!reader.Load()) return false;
-      is_there_ = ReadOnce(reader);
-      if (error_ != 0) {
-        errno = error_;
-        return false;
-      }
-      const uint64_t save_number = owner_.save_number;
-      if (!reader.Load()) return false;
-      const mmap_format::OwnerView after = reader.Owner(number_);
-      const bool same =
-          after.in_force < 0 ? save_number == 0 : after.seal().save_number == save_number;
+      if (!reader.Load() || !ReadOnce(reader) || !reader.Load()) return false;
+      const mmap_format::OwnerView after = reader.Owner(owner_.number);
+      const uint64_t save_number = after.in_force < 0 ? 0 : after.seal().save_number;
+      const bool same = save_number == owner_.save_number;
       if (same && (!owner_.live || damage_ == nullptr)) return true;
     }
     return true;  // It is never the same twice: what was read last must do.
   }
+  // What a search of a damaged file has found of the owner's, in a file that nobody has open.
+  [[nodiscard]] bool ReadFound(const mmap_format::PacketPlace* places, size_t count) {
+    mmap_format::Reader reader(fd_);
+    for (size_t i = 0; i < count; ++i) {
+      if (!AddBody(reader, places[i])) return false;
+    }
+    return true;
+  }
+  void SetSaveNumber(uint64_t number) { owner_.save_number = number; }
+  void SetDamagedPackets(uint32_t count) { owner_.damaged_packets = count; }
 
-  bool is_there() const { return is_there_; }
-  const Owner& owner() const { return owner_; }
+  bool is_there() const {
+    return owner_.live || owner_.packets != 0 || owner_.damaged_packets != 0 || damage_ != nullptr;
+  }
   const char* damage() const { return damage_; }
 
   void Tell(Visitor* visitor) const {
@@ -101,65 +108,114 @@ class OwnerContent {
   }
 
  private:
-  // False when there is nothing of that owner.
   bool ReadOnce(mmap_format::Reader& reader) {
+    const uint32_t number = owner_.number;
     owner_ = Owner();
-    owner_.number = number_;
+    owner_.number = number;
     sizes_.Clear();
     bodies_.Clear();
-    error_ = 0;
-    const mmap_format::OwnerView view = reader.Owner(number_);
+    const mmap_format::OwnerView view = reader.Owner(number);
     damage_ = view.damage;
-    const int locked = cache_io::IsLockedByOther(fd_, mmap_format::RecordOffset(number_), 1);
-    if (locked < 0) error_ = errno;
+    const int locked = cache_io::IsLockedByOther(fd_, mmap_format::RecordOffset(number), 1);
+    if (locked < 0) return false;
     owner_.live = locked == 1;
-    if ((reader.SupersededOwners() >> number_ & 1) != 0) return owner_.live;
-    if (view.in_force < 0) return owner_.live || damage_ != nullptr;
+    if (view.in_force < 0) return true;
     owner_.save_number = view.seal().save_number;
+    if ((reader.SupersededOwners() >> number & 1) != 0) return true;
     mmap_format::PacketPlaces places;
     const char* damage = nullptr;
-    if (!reader.ReadContent(number_, view.seal(), &places, &damage, &owner_.damaged_packets)) {
-      error_ = errno;
+    if (!reader.ReadContent(number, view.seal(), &places, &damage, &owner_.damaged_packets)) {
       return false;
     }
     if (damage != nullptr) damage_ = damage;
     for (const mmap_format::PacketPlace& place : places) {
       if (!AddBody(reader, place)) return false;
     }
-    return owner_.live || owner_.packets != 0 || damage_ != nullptr;
+    return true;
   }
 
+  // False with errno.
   bool AddBody(mmap_format::Reader& reader, const mmap_format::PacketPlace& place) {
     if (!reader.ReadBody(place, &body_)) {
-      if (errno != EBADMSG) error_ = errno;
+      if (errno != EBADMSG) return false;
       damage_ = "a packet";  // Or changed meanwhile: then the seal has changed too.
       ++owner_.damaged_packets;
-      return errno == EBADMSG;
+      return true;
     }
     const size_t before = bodies_.size();
-    if (!sizes_.Push(place.length) || !bodies_.Resize(before + place.length)) {
-      error_ = ENOMEM;
+    if (!sizes_.Push(place.length) || !bodies_.Append(body_.data(), body_.size())) {
+      errno = ENOMEM;
       return false;
     }
-    std::copy(body_.begin(), body_.end(), bodies_.begin() + before);
     ++owner_.packets;
-    owner_.bytes += place.length;
+    owner_.bytes += bodies_.size() - before;
     return true;
   }
 
   const int fd_;
-  const uint32_t number_;
   Owner owner_;
-  bool is_there_ = false;
   const char* damage_ = nullptr;
-  int error_ = 0;
   NothrowArray<uint32_t> sizes_;
   NothrowArray<uint8_t> bodies_;
   NothrowArray<uint8_t> body_;
 };
+using OwnerContents = std::vector<std::unique_ptr<OwnerContent>>;
+
+// Bit n: owner n has content that no other owner's stands for.
+uint64_t OwnersWithContent(const mmap_format::Reader& reader) {
+  uint64_t owners = 0;
+  for (uint32_t number = 1; number <= mmap_format::kOwners; ++number) {
+    if (reader.Owner(number).has_content()) owners |= uint64_t{1} << number;
+  }
+  return owners & ~reader.SupersededOwners();
+}
+
+// By what each owner's seal says. False with errno.
+bool ReadSealed(int fd, OwnerContents* contents) {
+  for (int round = 0; round < kMostRounds; ++round) {
+    contents->clear();
+    mmap_format::Reader reader(fd);
+    if (!reader.Load()) return false;
+    const uint64_t before = OwnersWithContent(reader);
+    for (uint32_t number = 1; number <= mmap_format::kOwners; ++number) {
+      contents->push_back(std::make_unique<OwnerContent>(fd, number));
+      if (!contents->back()->ReadSealed()) return false;
+    }
+    if (!reader.Load()) return false;
+    if (OwnersWithContent(reader) == before) return true;
+  }
+  return true;
+}
+
+// What the next Open() will find in a damaged file. What no owner's record names counts as that of
+// owner 0. False with errno.
+bool ReadFound(int fd, const mmap_format::Reader& reader, const mmap_format::Survey& survey,
+               OwnerContents* contents) {
+  size_t begin = 0;
+  for (size_t group = 0; group < survey.groups.size(); ++group) {
+    const mmap_format::Survey::Group& found = survey.groups[group];
+    contents->push_back(std::make_unique<OwnerContent>(fd, found.owner));
+    OwnerContent& content = *contents->back();
+    if (!content.ReadFound(survey.packets.data() + begin, found.end - begin)) return false;
+    if (found.owner != 0) {
+      const mmap_format::OwnerView view = reader.Owner(found.owner);
+      content.SetSaveNumber(view.in_force < 0 ? 0 : view.seal().save_number);
+      content.SetDamagedPackets(found.damaged_packets);
+    }
+    begin = found.end;
+  }
+  return true;
+}
 
 Result InspectMapped(int fd, const std::string& path, Visitor* visitor, Summary* summary,
                      std::string* error) {
+  const auto count_live = [fd] {
+    return cache_io::IsLockedByOther(fd, mmap_format::RecordOffset(1), mmap_format::kTableSize);
+  };
+  int live = count_live();
+  // Kept until the descriptor is closed. When it is not to be had: somebody opens it just now.
+  if (live == 0 && cache_io::WaitSharedLock(fd, 0, 1, kWaitMs)) live = count_live();
+  if (live < 0) return Refused("ask for the locks of", path, errno, error);
   mmap_format::Reader reader(fd);
   if (!reader.Load()) return Refused("read", path, errno, error);
   const mmap_format::TableState state = reader.table_state();
@@ -167,33 +223,31 @@ Result InspectMapped(int fd, const std::string& path, Visitor* visitor, Summary*
   summary->mapped = true;
   summary->version = mmap_format::kVersion;
   summary->file_bytes = reader.file_size();
-  const int live =
-      cache_io::IsLockedByOther(fd, mmap_format::RecordOffset(1), mmap_format::kTableSize);
-  if (live < 0) return Refused("ask for the locks of", path, errno, error);
+  OwnerContents contents;
+  mmap_format::Survey survey;
   if (live == 0 && state != mmap_format::TableState::kFresh) {
-    mmap_format::Survey survey;
     if (!reader.Examine(&survey)) return Refused("read", path, errno, error);
     if (state == mmap_format::TableState::kDamaged && survey.packets.empty() &&
         reader.LargestSaveNumber() == 0) {
       return NotOurs(path, 0, error);
     }
-    if (survey.damage != nullptr) summary->damage = survey.damage;
   }
-  for (uint32_t number = 1; number <= mmap_format::kOwners; ++number) {
-    OwnerContent content(fd, number);
-    if (!content.Read()) return Refused("read", path, errno, error);
-    if (!content.is_there()) continue;
-    if (content.damage() != nullptr && summary->damage.empty()) {
-      summary->damage = content.damage();
+  const bool read = survey.damage == nullptr ? ReadSealed(fd, &contents)
+                                             : ReadFound(fd, reader, survey, &contents);
+  if (!read) return Refused("read", path, errno, error);
+  if (survey.damage != nullptr) summary->damage = survey.damage;
+  for (const std::unique_ptr<OwnerContent>& content : contents) {
+    if (!content->is_there()) continue;
+    if (content->damage() != nullptr && summary->damage.empty()) {
+      summary->damage = content->damage();
     }
-    if (visitor != nullptr) content.Tell(visitor);
+    if (visitor != nullptr) content->Tell(visitor);
   }
   summary->damaged = !summary->damage.empty();
   return Result::kOk;
 }
 
-// --- The plain kind
-// --------------------------------------------------------------------------------
+// --- The plain kind ------------------------------------------------------------------------------
 
 Result ReadPlain(int fd, const std::string& path, cache_file::Content* content,
                  std::string* error) {
@@ -295,7 +349,7 @@ Result CacheFileInspector::Purge(const base::FilePath& path, uint64_t* packets,
   if (!file.Open(name, How::kExisting)) return Refused("open", name, errno, error);
   const bool plain = IsPlain(file.fd(), name);
   const char* const in_use = " is in use by a live owner; end that process first";
-  if (!cache_io::WaitLock(file.fd(), 0, 1, plain ? 0 : kPurgeWaitMs)) {
+  if (!cache_io::WaitLock(file.fd(), 0, 1, plain ? 0 : kWaitMs)) {
     if (errno != EAGAIN) return Refused("lock", name, errno, error);
     *error = name + in_use;
     return Result::kInUse;

@@ -51,7 +51,28 @@ bool SetLock(int fd, short type, uint64_t offset, uint64_t size) {
   lock.l_whence = SEEK_SET;
   lock.l_start = static_cast<off_t>(offset);
   lock.l_len = static_cast<off_t>(size);
-  return Uninterrupted([&] { return fcntl(fd, F_OFD_SETLK, &lock); }) == 0;
+  const bool set = Uninterrupted([&] { return fcntl(fd, F_OFD_SETLK, &lock); }) == 0;
+  if (!set && errno == EACCES) errno = EAGAIN;  // Two names for "another has it".
+  return set;
+}
+
+// Asks again, at growing intervals, while the answer is EAGAIN.
+template <typename Try>
+bool KeepTrying(Try attempt, int wait_ms) {
+  if (attempt()) return true;
+  const int64_t deadline_ns = MonotonicNs() + int64_t{wait_ms} * 1000000;
+  int64_t pause_ns = kFirstPauseNs;
+  while (errno == EAGAIN) {
+    if (MonotonicNs() >= deadline_ns) {
+      errno = EAGAIN;
+      return false;
+    }
+    const struct timespec pause = {0, static_cast<long>(pause_ns)};
+    nanosleep(&pause, nullptr);
+    pause_ns = std::min(2 * pause_ns, kLongestPauseNs);
+    if (attempt()) return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -328,27 +349,14 @@ bool Rename(const std::string& from, const std::string& to) {
   return Uninterrupted([&] { return rename(from.c_str(), to.c_str()); }) == 0;
 }
 
-bool TryLock(int fd, uint64_t offset, uint64_t size) {
-  const bool locked = SetLock(fd, F_WRLCK, offset, size);
-  if (!locked && errno == EACCES) errno = EAGAIN;
-  return locked;
-}
+bool TryLock(int fd, uint64_t offset, uint64_t size) { return SetLock(fd, F_WRLCK, offset, size); }
 
 bool WaitLock(int fd, uint64_t offset, uint64_t size, int wait_ms) {
-  if (TryLock(fd, offset, size)) return true;
-  const int64_t deadline_ns = MonotonicNs() + int64_t{wait_ms} * 1000000;
-  int64_t pause_ns = kFirstPauseNs;
-  while (errno == EAGAIN) {
-    if (MonotonicNs() >= deadline_ns) {
-      errno = EAGAIN;
-      return false;
-    }
-    const struct timespec pause = {0, static_cast<long>(pause_ns)};
-    nanosleep(&pause, nullptr);
-    pause_ns = std::min(2 * pause_ns, kLongestPauseNs);
-    if (TryLock(fd, offset, size)) return true;
-  }
-  return false;
+  return KeepTrying([&] { return TryLock(fd, offset, size); }, wait_ms);
+}
+
+bool WaitSharedLock(int fd, uint64_t offset, uint64_t size, int wait_ms) {
+  return KeepTrying([&] { return SetLock(fd, F_RDLCK, offset, size); }, wait_ms);
 }
 
 void Unlock(int fd, uint64_t offset, uint64_t size) { SetLock(fd, F_UNLCK, offset, size); }

@@ -107,6 +107,8 @@ bool IsStillAt(int fd, const std::string& path);
 [[nodiscard]] bool TryLock(int fd, uint64_t offset, uint64_t size);
 [[nodiscard]] bool WaitLock(int fd, uint64_t offset, uint64_t size, int wait_ms);
 void Unlock(int fd, uint64_t offset, uint64_t size);
+// As WaitLock(), of a lock that readers share; the file may be open for reading only.
+[[nodiscard]] bool WaitSharedLock(int fd, uint64_t offset, uint64_t size, int wait_ms);
 // 1 another holds a lock in the range, 0 nobody else does, -1 an error.
 [[nodiscard]] int IsLockedByOther(int fd, uint64_t offset, uint64_t size);
 

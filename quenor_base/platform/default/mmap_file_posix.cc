@@ -429,7 +429,8 @@ bool MultiProcessSafetyMmapFile::State::WriteRecovered(const mmap_format::Survey
   }
   size_t begin = 0;
   uint32_t groups = 0;
-  for (size_t end : survey.group_ends) {
+  for (const mmap_format::Survey::Group& group : survey.groups) {
+    size_t end = group.end;
     if (end <= begin) continue;
     if (++groups == kOwners) end = survey.packets.size();  // There are no more places than that.
     if (!WriteGroup(survey, begin, end, reader)) return false;
@@ -514,8 +515,9 @@ void MultiProcessSafetyMmapFile::State::SettleDeadOwners(uint64_t dead) {
     if ((view.seal().superseded & ~dead) != 0) continue;
     for (uint32_t other = 1; other <= kOwners; ++other) {
       const OwnerView voided = View(other);
-      if ((view.seal().superseded & Bit(other)) == 0 || voided.in_force < 0) continue;
-      ReplaceSeal(other, voided.in_force, Seal());
+      if ((view.seal().superseded & Bit(other)) == 0) continue;
+      if (voided.in_force < 0 && voided.damage == nullptr) continue;
+      ReplaceSeal(other, std::max(voided.in_force, 0), Seal());  // Also in place of a damaged one.
     }
     (void)FlushTable();
     Seal seal = view.seal();

@@ -105,6 +105,18 @@ uint64_t Reader::SupersededOwners() const {
   return superseded;
 }
 
+// Whether a save of another owner's stands for what the extent held.
+bool Reader::IsSuperseded(const ExtentHeader& head) const {
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    const OwnerView view = Owner(owner);
+    if (view.in_force >= 0 && (view.seal().superseded >> head.owner & 1) != 0 &&
+        view.seal().save_number > head.epoch) {
+      return true;
+    }
+  }
+  return false;
+}
+
 uint64_t Reader::LargestSaveNumber() const {
   uint64_t largest = 0;
   for (uint32_t owner = 1; owner <= kOwners; ++owner) {
@@ -158,11 +170,13 @@ bool Reader::ReadContent(uint32_t owner, const Seal& seal, PacketPlaces* packets
                          const char** damage, uint32_t* damaged_packets) {
   *damage = nullptr;
   *damaged_packets = 0;
+  // A writer makes the room before he names it.
+  const bool is_cut = seal.extent_offset + seal.extent_size > file_size_;
+  if (is_cut) *damage = "an extent behind the end of the file";
   if (seal.packets == 0) return true;
   const ExtentShape shape{seal.extent_size, seal.index_capacity};
   const uint64_t end = std::min(seal.extent_offset + seal.extent_size, file_size_);
   if (end < seal.extent_offset + shape.index(2)) {
-    *damage = "an extent behind the end of the file";
     *damaged_packets = seal.packets;
     return true;
   }
@@ -211,24 +225,24 @@ bool Reader::Examine(Survey* survey) {
   const uint64_t superseded = SupersededOwners();
   for (uint32_t owner = 1; owner <= kOwners; ++owner) {
     if ((superseded >> owner & 1) != 0) continue;
-    if (!ExamineOwner(owner, survey)) return false;
-    if (!survey->group_ends.Push(survey->packets.size())) return false;
+    uint32_t damaged_packets = 0;
+    if (!ExamineOwner(owner, survey, &damaged_packets)) return false;
+    if (!survey->groups.Push({owner, damaged_packets, survey->packets.size()})) return false;
   }
-  return ExamineGaps(survey) && survey->group_ends.Push(survey->packets.size());
+  return ExamineGaps(survey) && survey->groups.Push({0, 0, survey->packets.size()});
 }
 
-bool Reader::ExamineOwner(uint32_t owner, Survey* survey) {
+bool Reader::ExamineOwner(uint32_t owner, Survey* survey, uint32_t* damaged_packets) {
   const OwnerView view = Owner(owner);
   const size_t before = survey->packets.size();
   bool index_is_good = view.in_force >= 0 && view.damage == nullptr;
   if (view.damage != nullptr) survey->damage = view.damage;
   if (index_is_good) {
     const char* damage;
-    uint32_t damaged_packets;
-    if (!ReadContent(owner, view.seal(), &survey->packets, &damage, &damaged_packets)) return false;
+    if (!ReadContent(owner, view.seal(), &survey->packets, &damage, damaged_packets)) return false;
     if (damage != nullptr) survey->damage = damage;
-    index_is_good = survey->packets.size() - before + damaged_packets == view.seal().packets &&
-                    (damaged_packets < view.seal().packets || view.seal().packets == 0);
+    index_is_good = survey->packets.size() - before + *damaged_packets == view.seal().packets &&
+                    (*damaged_packets < view.seal().packets || view.seal().packets == 0);
   }
   if (index_is_good) return true;
   // Without an index: whatever the extents hold that was not retired.
@@ -241,6 +255,9 @@ bool Reader::ExamineOwner(uint32_t owner, Survey* survey) {
     const ExtentShape shape{seal.extent_size, seal.index_capacity};
     if (!Search(seal.extent_offset + shape.index(2), end, &survey->packets)) return false;
   }
+  const size_t found = survey->packets.size() - before;
+  const size_t sealed = view.in_force >= 0 && view.damage == nullptr ? view.seal().packets : 0;
+  *damaged_packets = static_cast<uint32_t>(sealed > found ? sealed - found : 0);
   return true;
 }
 
@@ -298,7 +315,8 @@ bool Reader::SkipKnown(uint64_t offset, uint64_t end, uint64_t* skip) {
   ExtentHeader header;
   bool whole;
   if (!Read(&header, sizeof header, offset, &whole)) return false;
-  if (whole && IsSound(header, offset) && IsLeftOver(header, Owner(header.owner))) {
+  if (whole && IsSound(header, offset) &&
+      (IsLeftOver(header, Owner(header.owner)) || IsSuperseded(header))) {
     *skip = std::min(header.size, end - offset);
   }
   return true;

@@ -48,9 +48,15 @@ enum class TableState { kFresh, kGood, kNewer, kDamaged };
 // Everything that is intact in a file that nobody has open. Packets of one former owner stand
 // together, in the order of his content.
 struct Survey {
+  struct Group {
+    uint32_t owner;  // 0: what no owner's record names.
+    uint32_t damaged_packets;
+    size_t end;  // Behind its last packet; it begins where the group before it ends.
+  };
+
   const char* damage = nullptr;  // The first thing found; null: the file is whole.
   PacketPlaces packets;
-  NothrowArray<size_t> group_ends;
+  NothrowArray<Group> groups;
 };
 
 class Reader {
@@ -83,11 +89,12 @@ class Reader {
 
  private:
   const Header& header() const { return header_; }
+  bool IsSuperseded(const ExtentHeader& head) const;
   bool Read(void* out, size_t size, uint64_t offset, bool* whole);
   // The header of a packet whose bytes lie inside [.., end) of the file, and whether it is intact.
   bool ReadPacket(uint64_t offset, uint64_t end, PacketPlace* place, PacketHeader* header,
                   bool* intact);
-  bool ExamineOwner(uint32_t owner, Survey* survey);
+  bool ExamineOwner(uint32_t owner, Survey* survey, uint32_t* damaged_packets);
   bool ExamineGaps(Survey* survey);
   bool ExamineGap(uint64_t begin, uint64_t end, Survey* survey);
   // A gap block that is known not to hold anything of value; 0 when that is not known.
