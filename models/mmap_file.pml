@@ -39,11 +39,7 @@
 #else
 #define LEAVES_SOME true
 #endif
-#ifdef SETTLE_PART
-#define MAY_SETTLE(set) true
-#else /* Only all of what a dead owner's seal stands for. */
 #define MAY_SETTLE(set) (((set) & ~dead) == 0)
-#endif
 
 /* --- The file ---------------------------------------------------------------------------------- */
 bool valid[2 * RECORDS + 2];  /* Of a seal: its check is right. */
@@ -223,26 +219,6 @@ inline ReplaceDead(rec, c, e) {
 #define NAMED(r, s) (valid[S(r, s)] -> BIT(ext[S(r, s)]) : 0)
 #define IS_ANOTHERS(r) (record_lock[r] != NOBODY && record_lock[r] != p)
 
-#ifdef TORN_VIEW
-inline ScanStable() { skip }
-/* One seal, the other, the reservations; again when neither seal was valid. */
-inline ScanNext() {
-  if
-  :: part < 2 ->
-     if
-     :: valid[S(i, part)] -> used = used | NAMED(i, part); seen = 1
-     :: else
-     fi;
-     part++
-  :: else ->
-     if
-     :: seen || !sealed[i] -> used = used | BIT(reserved[i]); i++
-     :: else
-     fi;
-     part = 0; seen = 0
-  fi
-}
-#else
 /* Records that nobody else writes to may as well be read at once. */
 inline ScanStable() {
   do
@@ -257,7 +233,6 @@ inline ScanNext() {
   i++;
   ScanStable()
 }
-#endif
 
 #define ALL_EXTENTS (BIT(EXTENTS + 1) - 2)
 /* Locks the table, looks which extents are named, record by record, and does the rest with the lock
@@ -370,9 +345,6 @@ end_of_life:
           if
           :: left != 0 && MAY_SETTLE(left) ->
              left = left & dead;
-#ifdef SETTLE_RESEAL_FIRST
-             RESEAL_DEAD(i);
-#endif
              r = 1;
              do
              :: r <= RECORDS && HAS(left, r) && INF(r) != 2 -> VOID_DEAD(r); r++
@@ -380,9 +352,7 @@ end_of_life:
              :: r > RECORDS -> break
              od;
              r = 0; left = 0;
-#ifndef SETTLE_RESEAL_FIRST
              RESEAL_DEAD(i)
-#endif
           :: else -> left = 0
           fi;
 #endif
@@ -530,11 +500,7 @@ ready:
        :: else
        fi);
      if
-#ifndef SEAL_BEFORE_FILL
      :: atomic { move -> Touch(bld); data[bld] = next; Check() };
-#else
-     :: atomic { move -> skip };
-#endif
 #ifdef FREE_BEFORE_SEAL
         STEP(
           if
@@ -578,9 +544,6 @@ ready:
     fi);
 
   /* It moved. */
-#ifdef DROP_BEFORE_VOID
-  STEP(reserved[own] = 0; Check());
-#endif
 #ifdef FREE_AFTER_VOID
   STEP(slot = 1 - INF(own); Wipe(S(own, slot)); slot = 0; Check());
 #endif
