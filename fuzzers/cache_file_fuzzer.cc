@@ -266,5 +266,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FUZZ_CHECK(ReadAll(&file, size + 35) == saved);
   file.Close();
   FUZZ_CHECK(InspectWhole().packets == saved);
+  FUZZ_CHECK(PurgeFuzzed() == saved.size());
   return 0;
 }

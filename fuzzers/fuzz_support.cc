@@ -118,6 +118,15 @@ Inspected InspectWhole() {
   return inspected;
 }
 
+uint64_t PurgeFuzzed() {
+  uint64_t packets = 0;
+  std::string error;
+  FUZZ_CHECK(CacheFileInspector::Purge(base::FilePath(FuzzedPath()), &packets, &error) ==
+             CacheFileInspector::Result::kOk);
+  FUZZ_CHECK(!std::filesystem::exists(FuzzedPath()));
+  return packets;
+}
+
 uint64_t Interesting(Random& random, uint64_t other) {
   constexpr uint64_t kNumbers[] = {0,          1,          2,          63,
                                    64,         16384,      32768,      UINT32_MAX,

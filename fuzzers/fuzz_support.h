@@ -67,6 +67,8 @@ inline bool BeginsWith(const uint8_t* data, size_t size, uint64_t magic) {
 
 // Of a file as a writer left it, killed or not.
 Inspected InspectWhole();
+// Has the inspector remove the file; how many packets it counted before.
+uint64_t PurgeFuzzed();
 
 // Lets libFuzzer change a part of `bytes`, to at most `max_part` bytes.
 inline void MutatePart(Bytes* bytes, size_t begin, size_t size, size_t max_part) {

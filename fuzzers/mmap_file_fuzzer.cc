@@ -60,26 +60,33 @@ bool Holds(const Bytes& file, uint64_t offset, uint64_t size) {
   return size <= file.size() && offset <= file.size() - size;
 }
 
-// What a search of the whole file finds intact; `*damaged` when it is not as a writer leaves it.
-Packets SurveyFuzzed(bool* damaged) {
+// What a search of the whole file finds intact.
+struct Surveyed {
+  Packets packets;
+  bool damaged = false;  // It is not as a writer leaves it.
+  // One of no bytes: Open() takes the content of no other owner beside the one that has it.
+  bool has_empty_packet = false;
+};
+
+Surveyed SurveyFuzzed() {
   cache_io::Descriptor file;
   FUZZ_CHECK(file.Open(FuzzedPath(), cache_io::Descriptor::How::kReadOnly));
   Reader reader(file.fd());
   FUZZ_CHECK(reader.Load());
-  *damaged = false;
-  Packets packets;
+  Surveyed surveyed;
   if (reader.table_state() == TableState::kNewer || reader.table_state() == TableState::kFresh) {
-    return packets;
+    return surveyed;
   }
   Survey survey;
   FUZZ_CHECK(reader.Examine(&survey));
-  *damaged = survey.damage != nullptr;
+  surveyed.damaged = survey.damage != nullptr;
   GrowableArray<uint8_t> body;
   for (const PacketPlace& place : survey.packets) {
     FUZZ_CHECK(reader.ReadBody(place, &body) && body.size() == place.length);
-    if (!body.empty()) packets.emplace_back(body.begin(), body.end());
+    surveyed.has_empty_packet = surveyed.has_empty_packet || body.empty();
+    if (!body.empty()) surveyed.packets.emplace_back(body.begin(), body.end());
   }
-  return packets;
+  return surveyed;
 }
 
 // A seal in force whose extent the file does not hold whole, if all of its packets: Open() takes
@@ -285,12 +292,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // The inspector is slow: it looks at each owner's record for each of them.
   const bool inspects = size % 8 == 0;
   const size_t file_size = WriteFuzzedSparse(data, size);
-  bool was_damaged;
-  const Packets before = SurveyFuzzed(&was_damaged);
+  const Surveyed before = SurveyFuzzed();
   if (inspects) {
     const Inspected inspected = InspectFuzzed();
-    FUZZ_CHECK(was_damaged || !inspected.summary.mapped ||
-               CountMissing(before, inspected.packets) == 0);
+    FUZZ_CHECK(before.damaged || !inspected.summary.mapped ||
+               CountMissing(before.packets, inspected.packets) == 0);
   }
 
   quenor::MultiProcessSafetyMmapFile file;
@@ -300,18 +306,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   Packets found = ReadAll(&file);
   file.Close();
-  bool damaged;
-  const Packets opened = SurveyFuzzed(&damaged);
-  FUZZ_CHECK(CountMissing(opened, found) == 0);
-  FUZZ_CHECK(CountMissing(opened, before) == 0);
+  const Surveyed opened = SurveyFuzzed();
+  FUZZ_CHECK(CountMissing(opened.packets, found) == 0);
+  FUZZ_CHECK(CountMissing(opened.packets, before.packets) == 0);
   for (const std::string& packet : found) FUZZ_CHECK(packet.size() <= file_size);
 
   FUZZ_CHECK(Open(&file));
   // Damage in the record of an owner whose content another's stands for shows at the second Open().
   const Packets found_again = ReadAll(&file);
-  FUZZ_CHECK(found_again == found || damaged);
+  FUZZ_CHECK(found_again == found || opened.damaged);
   found = found_again;
-  const bool has_all = found.size() == opened.size() && !damaged;
+  const bool has_all =
+      found.size() == opened.packets.size() && !opened.damaged && !opened.has_empty_packet;
   Packets saved = found;
   if (drops_first && !saved.empty()) saved.erase(saved.begin());
   saved.push_back("new");
@@ -319,15 +325,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::rotate(saved.begin(), saved.begin() + 1, saved.end());
   Save(&file, saved);
   file.Close();
-  const Packets after = SurveyFuzzed(&damaged);
-  FUZZ_CHECK(!damaged);
-  FUZZ_CHECK(CountMissing(after, saved) == 0);
-  FUZZ_CHECK(!has_all || after.size() == saved.size());
+  const Surveyed after = SurveyFuzzed();
+  FUZZ_CHECK(!after.damaged);
+  FUZZ_CHECK(CountMissing(after.packets, saved) == 0);
+  FUZZ_CHECK(!has_all || after.packets.size() == saved.size());
   if (inspects) FUZZ_CHECK(CountMissing(InspectWhole().packets, saved) == 0);
 
   FUZZ_CHECK(Open(&file));
   const Packets again = ReadAll(&file);
   FUZZ_CHECK(!has_all || again == saved);
   file.Close();
+  FUZZ_CHECK(!has_all || PurgeFuzzed() == saved.size());
   return 0;
 }
