@@ -167,8 +167,8 @@ extern "C" int __wrap_ftruncate(int fd, off_t size) {
   return __real_ftruncate(fd, size);
 }
 
-// Counted and failed, never waited for: no test here takes the machine's power away, and a busy disk
-// needs a second for each.
+// Counted and failed, never waited for: no test here takes the machine's power away, and a busy
+// disk needs a second for each.
 extern "C" int __wrap_fsync(int) { return MayGo("fsync") ? 0 : -1; }
 
 extern "C" int __wrap_rename(const char* from, const char* to) {
