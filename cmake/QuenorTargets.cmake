@@ -39,6 +39,10 @@ function(quenor_flags target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow -Wnon-virtual-dtor
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
     $<$<BOOL:${QUENOR_WERROR}>:-Werror>)
+  if(QUENOR_BUILD_FUZZERS)
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
+    target_link_options(${target} PUBLIC -fsanitize=fuzzer-no-link)
+  endif()
   if(QUENOR_SANITIZE STREQUAL "address")
     target_compile_options(${target} PRIVATE
       -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)

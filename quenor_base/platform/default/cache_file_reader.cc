@@ -16,6 +16,8 @@ constexpr size_t kWindowBytes = 64 * 1024;
 // Steps that sorting out the order of an unsealed save may take. Only a forged file needs more; the
 // rest of its packets then come in the order of the file.
 constexpr uint64_t kMaxOrderSteps = uint64_t{1} << 24;
+// No writer counts up to here. Whoever went on from such a number would reach the limit.
+constexpr uint64_t kForgedNumber = kNumberLimit / 2;
 
 class Reader {
  public:
@@ -356,6 +358,10 @@ bool Reader::PutInOrder() {
   }
   content_->damaged_packets = damaged_in_tail_ + static_cast<uint32_t>(named - sealed);
   if (named != sealed) NoteDamage(content_->end, "packets of the last save are missing");
+  if (std::max(content_->save_number, content_->last_number) >= kForgedNumber) {
+    NoteDamage(content_->end, "numbers that no writer reaches before");
+    if (content_->save_number >= kForgedNumber) content_->save_number = 1;
+  }
   return true;
 }
 

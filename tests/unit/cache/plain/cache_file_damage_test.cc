@@ -248,6 +248,32 @@ TEST_F(CacheFileDamageTest, ForgedListsNeitherCrashNorHang) {
   }
 }
 
+// Whoever counted on from such a number would write records that nobody reads.
+TEST_F(CacheFileDamageTest, AForgedNumberDoesNotMakeTheNextSavesUnreadable) {
+  const std::string start = SmallFile(folder_);
+  for (const uint32_t magic : {cache_file::kPacketMagic, cache_file::kSealMagic}) {
+    const cache_file::RecordHeader header = cache_file::MakeRecordHeader(
+        magic, cache_file::kNumberLimit - 1, 0, cache_file::BodyCheckOf(nullptr, 0, start.size()),
+        start.size());
+    std::string bytes = start;
+    bytes.append(reinterpret_cast<const char*>(&header), sizeof header);
+    Open(bytes);
+    ExpectSetAside(bytes, "numbers");
+
+    RecordingLog::Clear();
+    remove(aside().c_str());
+    {
+      ReliableReportCacheFile file;
+      ASSERT_TRUE(file.Open(file_path()));
+      ASSERT_TRUE(Save(&file, {"one"}));
+      ASSERT_TRUE(Save(&file, {"one", "two"}));
+    }
+
+    EXPECT_EQ(Reopened(), (Packets{"one", "two"}));
+    ExpectNothingSetAside();
+  }
+}
+
 TEST_F(CacheFileDamageTest, RandomDamageNeverInventsAPacket) {
   const uint64_t seed =
       NumberOr("QUENOR_TEST_SEED",

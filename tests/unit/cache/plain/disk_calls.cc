@@ -16,7 +16,6 @@ int __real_open(const char* path, int flags, ...);
 ssize_t __real_pread(int fd, void* out, size_t size, off_t offset);
 ssize_t __real_pwrite(int fd, const void* data, size_t size, off_t offset);
 int __real_ftruncate(int fd, off_t size);
-int __real_fsync(int fd);
 int __real_rename(const char* from, const char* to);
 int __real_renameat2(int from_fd, const char* from, int to_fd, const char* to, unsigned flags);
 int __real_unlink(const char* path);
@@ -168,7 +167,9 @@ extern "C" int __wrap_ftruncate(int fd, off_t size) {
   return __real_ftruncate(fd, size);
 }
 
-extern "C" int __wrap_fsync(int fd) { return MayGo("fsync") ? __real_fsync(fd) : -1; }
+// Counted and failed, never waited for: no test here takes the machine's power away, and a busy
+// disk needs a second for each.
+extern "C" int __wrap_fsync(int) { return MayGo("fsync") ? 0 : -1; }
 
 extern "C" int __wrap_rename(const char* from, const char* to) {
   if (!MayGo("rename")) return -1;
