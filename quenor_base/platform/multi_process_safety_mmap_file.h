@@ -63,6 +63,8 @@ class MultiProcessSafetyMmapFile {
   // for each, `size` bytes together; 0 completes it at once. False when the save cannot begin (not
   // open, a negative size, a vanished file that cannot be replaced, ...): the old content stays,
   // and appends are refused until the next Clear().
+  // A file that others deleted or cut is noticed here and made anew. One that is cut between here
+  // and the last append is not: touching what is mapped is then a SIGBUS, as with every mapping.
   bool Clear(int64_t size);
 
   // Queue thread; may block on the file system. Adds a packet to the save that Clear() began,
@@ -72,7 +74,9 @@ class MultiProcessSafetyMmapFile {
   // and the old content stays whole.
   bool AppendDataPacket(const MmapDataPacket& packet);
 
-  // Queue thread. True when the last save begun is complete, and when none was begun since Open().
+  // Queue thread. Whether the file holds what the application last asked for: true when the last
+  // save is complete, and when none was begun since Open(). False while one is under way, after a
+  // refused Clear() or append, and when nothing is open.
   bool IsSaveComplete() const;
 
   // Queue thread. Unmaps and closes; nothing when no file is open. Another owner may then take the

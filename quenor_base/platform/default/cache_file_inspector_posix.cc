@@ -137,7 +137,7 @@ class OwnerContent {
       return errno == EBADMSG;
     }
     const size_t before = bodies_.size();
-    if (!sizes_.Add(place.length) || !bodies_.Resize(before + place.length)) {
+    if (!sizes_.Push(place.length) || !bodies_.Resize(before + place.length)) {
       error_ = ENOMEM;
       return false;
     }
@@ -153,9 +153,9 @@ class OwnerContent {
   bool is_there_ = false;
   const char* damage_ = nullptr;
   int error_ = 0;
-  GrowableArray<uint32_t> sizes_;
-  GrowableArray<uint8_t> bodies_;
-  GrowableArray<uint8_t> body_;
+  NothrowArray<uint32_t> sizes_;
+  NothrowArray<uint8_t> bodies_;
+  NothrowArray<uint8_t> body_;
 };
 
 Result InspectMapped(int fd, const std::string& path, Visitor* visitor, Summary* summary,

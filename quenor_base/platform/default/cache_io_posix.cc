@@ -269,9 +269,7 @@ bool Truncate(int fd, uint64_t size) {
   return Uninterrupted([&] { return ftruncate(fd, static_cast<off_t>(size)); }) == 0;
 }
 
-namespace {
-
-bool ZeroPart(int fd, uint64_t offset, uint64_t size) {
+bool ZeroRange(int fd, uint64_t offset, uint64_t size) {
   const int punched = Uninterrupted([&] {
     return fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),
                      static_cast<off_t>(size));
@@ -284,14 +282,6 @@ bool ZeroPart(int fd, uint64_t offset, uint64_t size) {
     end -= part;
   }
   return true;
-}
-
-}  // namespace
-
-bool ZeroRange(int fd, uint64_t offset, uint64_t size) {
-  constexpr uint64_t kHead = 16384;
-  if (size > kHead && !ZeroPart(fd, offset + kHead, size - kHead)) return false;
-  return ZeroPart(fd, offset, std::min(size, kHead));
 }
 
 uint64_t NextData(int fd, uint64_t begin, uint64_t end) {

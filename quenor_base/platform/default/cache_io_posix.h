@@ -90,7 +90,7 @@ class Mapping {
 [[nodiscard]] bool Allocate(int fd, uint64_t offset, uint64_t size);
 [[nodiscard]] bool Truncate(int fd, uint64_t size);
 // Makes a range inside the file read as zeros, and gives its disk space back where the file system
-// can. The first 16 KiB go last: until then, what stands there tells what the rest was.
+// can. From its end to its begin, when a kill can come between.
 [[nodiscard]] bool ZeroRange(int fd, uint64_t offset, uint64_t size);
 // Where, in [begin, end), something may be that is not a hole: the first such place, or `end`.
 uint64_t NextData(int fd, uint64_t begin, uint64_t end);

@@ -16,9 +16,9 @@
 #include <utility>
 
 #include "quenor_base/platform/default/cache_io_posix.h"
-#include "quenor_base/platform/default/growable_array.h"
 #include "quenor_base/platform/default/mmap_file_format.h"
 #include "quenor_base/platform/default/mmap_file_reader.h"
+#include "quenor_base/platform/default/nothrow_array.h"
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/multi_process_safety_mmap_file.h"
 
@@ -52,6 +52,9 @@ constexpr uint64_t kFewestIndexEntries = 256;
 // An extent of more than so many times what its content needs is left for a smaller one.
 constexpr uint64_t kShrinkAt = 16;
 constexpr uint64_t kNeverShrunk = 4 * kUnit;
+// No packet begins in it: the head of an extent and its indexes are longer.
+constexpr uint64_t kHeadErasedLast = 4096;
+static_assert(kHeadErasedLast <= sizeof(ExtentHeader) + 2 * kFewestIndexEntries * sizeof(uint64_t));
 // Searches of the whole old content that may fail in one save before only the next few packets are
 // compared: a save of nothing but new packets must not compare each with every old one.
 constexpr int kFullSearches = 2;
@@ -85,7 +88,7 @@ uint64_t Glance(const uint8_t* body, uint32_t length) {
   return (words[0] * 31 + words[1]) * 31 + words[2];
 }
 
-uint64_t RoomOf(const GrowableArray<Entry>& entries) {
+uint64_t RoomOf(const NothrowArray<Entry>& entries) {
   uint64_t room = 0;
   for (const Entry& entry : entries) room += PacketRoom(entry.length);
   return room;
@@ -140,8 +143,7 @@ struct MultiProcessSafetyMmapFile::State {
   ~State();
   void Detach();
 
-  // --- Opening
-  // ------------------------------------------------------------------------------------
+  // --- Opening -----------------------------------------------------------------------------------
   bool Open(Claim claim);
   bool OpenFile(bool* try_again);
   Outcome OpenLocked(Claim claim);
@@ -159,8 +161,7 @@ struct MultiProcessSafetyMmapFile::State {
   bool TakeEmptyRecord(uint64_t dead);
   bool MapOwnExtent();
 
-  // --- Records
-  // ------------------------------------------------------------------------------------
+  // --- Records -----------------------------------------------------------------------------------
   Header* header() const { return reinterpret_cast<Header*>(table.data()); }
   OwnerRecord* record(uint32_t owner) const {
     return reinterpret_cast<OwnerRecord*>(table.data() + RecordOffset(owner));
@@ -171,8 +172,7 @@ struct MultiProcessSafetyMmapFile::State {
   void ReplaceSeal(uint32_t owner, int in_force_now, Seal seal) const;
   bool FlushTable() const { return table.Flush(0, kTableSize, durability); }
 
-  // --- Room in the file
-  // ---------------------------------------------------------------------------
+  // --- Room in the file --------------------------------------------------------------------------
   bool MakeExtent(uint64_t area_bytes, uint64_t packets, Extent* extent) const;
   void WriteExtentHeader(const Extent& extent, uint64_t state) const;
   bool ReserveRange(uint64_t size, uint64_t* offset) const;
@@ -180,15 +180,16 @@ struct MultiProcessSafetyMmapFile::State {
   bool UsedRanges(Range* used, size_t* count) const;
   bool IsFreeUnit(uint64_t at, uint64_t gap_end, uint64_t* skip) const;
   bool FreeRange(uint64_t begin, uint64_t end, uint64_t gap_end) const;
+  bool EraseExtent(uint64_t offset, uint64_t size) const;
+  void Discard(Extent* extent) const;
   void DropReservation(uint64_t offset) const;
   void GiveBack(uint64_t offset, uint64_t size) const;
   void GiveBackIfEmpty();
 
-  // --- Saving
-  // -------------------------------------------------------------------------------------
+  // --- Saving ------------------------------------------------------------------------------------
   bool Clear(int64_t size);
   bool Append(const MmapDataPacket& packet);
-  bool IsStillThere() const;
+  bool LookAgain(bool* is_there) const;
   bool Reopen();
   void VoidSave();
   Extent& target() { return building ? building : current; }
@@ -201,13 +202,12 @@ struct MultiProcessSafetyMmapFile::State {
   void CopyNext(const Extent& from, const Extent& to, int to_area);
   bool SealSave();
   void RetireOldPackets() const;
-  void FinishMove();
+  void FinishMove(bool is_flushed);
   void FinishTakeOver();
   void ShrinkIfWasteful();
   void TellSaveFailed(int line);
 
-  // --- Reading
-  // ------------------------------------------------------------------------------------
+  // --- Reading -----------------------------------------------------------------------------------
   MmapDataPacket NextPacket();
 
   const std::string path;
@@ -223,13 +223,13 @@ struct MultiProcessSafetyMmapFile::State {
   // The content as Open() found it.
   mmap_format::PacketPlaces to_read;
   size_t next_read = 0;
-  GrowableArray<uint8_t> read_buffer;
+  NothrowArray<uint8_t> read_buffer;
   bool may_read = true;
   bool may_save = true;
 
   // The content in force, all of it in one area of `current`.
   Extent current;
-  GrowableArray<Entry> sealed;
+  NothrowArray<Entry> sealed;
   int area = 0;
   uint64_t append_at = 0;  // Behind its last packet.
 
@@ -241,7 +241,7 @@ struct MultiProcessSafetyMmapFile::State {
   uint64_t announced = 0;
   uint64_t appended = 0;
   Extent building;  // Where the save goes once `current` has not enough room for it.
-  GrowableArray<Entry> next;
+  NothrowArray<Entry> next;
   int next_area = 0;
   uint64_t next_begin = 0;  // What this save has written: [next_begin, next_at).
   uint64_t next_at = 0;
@@ -262,7 +262,8 @@ MultiProcessSafetyMmapFile::State::~State() {
     building.map.Forget();
     return;
   }
-  if (IsStillThere()) {
+  bool is_there;
+  if (LookAgain(&is_there) && is_there) {
     VoidSave();
     GiveBackIfEmpty();
   }
@@ -445,7 +446,7 @@ bool MultiProcessSafetyMmapFile::State::WriteGroup(const mmap_format::Survey& su
   uint64_t size = 0;
   for (size_t i = begin; i < end; ++i) size += survey.packets[i].length + uint64_t{4};
   if (size > kMostAnnounced || !writer.Clear(static_cast<int64_t>(size))) return false;
-  GrowableArray<uint8_t> body;
+  NothrowArray<uint8_t> body;
   for (size_t i = begin; i < end; ++i) {
     if (!reader.ReadBody(survey.packets[i], &body)) return false;
     if (!writer.Append(MmapDataPacket{body.data(), survey.packets[i].length})) return false;
@@ -592,7 +593,7 @@ bool MultiProcessSafetyMmapFile::State::TakeContent(uint32_t owner, mmap_format:
   index = view.seal().index;
   for (const PacketPlace& place : to_read) {
     const uint64_t offset = place.header_offset - view.seal().extent_offset;
-    if (!sealed.Add(Entry{offset, place.body_check, 0, place.length, false})) return false;
+    if (!sealed.Push(Entry{offset, place.body_check, 0, place.length, false})) return false;
   }
   return true;
 }
@@ -710,6 +711,14 @@ bool MultiProcessSafetyMmapFile::State::MakeExtent(uint64_t area_bytes, uint64_t
   made.file_offset = offset;
   made.epoch = NextSaveNumber();
   WriteExtentHeader(made, mmap_format::kBuilding);
+  // On the disk before its packets are, which without a head would count as content that lost its
+  // seal.
+  if (durability == Durability::kOnDisk && !made.map.Flush(0, sizeof(ExtentHeader), durability)) {
+    const int error = errno;
+    Discard(&made);
+    errno = error;
+    return false;
+  }
   extent->swap(made);
   return true;
 }
@@ -806,7 +815,7 @@ bool MultiProcessSafetyMmapFile::State::IsFreeUnit(uint64_t at, uint64_t gap_end
   }
   // All of it, whatever is wanted: without its head nobody could tell what the rest is.
   *skip = std::min(head.size, gap_end - at);
-  return cache_io::ZeroRange(file.fd(), at, *skip);
+  return EraseExtent(at, *skip);
 }
 
 // With the table's lock held. Whether the range, part of a gap that no record names, is free.
@@ -818,6 +827,26 @@ bool MultiProcessSafetyMmapFile::State::FreeRange(uint64_t begin, uint64_t end,
     if (at < end && !IsFreeUnit(at, gap_end, &skip)) return false;
   }
   return true;
+}
+
+// The head goes last: as long as anything is there, it tells what that is. With kOnDisk also after
+// a loss of power.
+bool MultiProcessSafetyMmapFile::State::EraseExtent(uint64_t offset, uint64_t size) const {
+  const uint64_t head = std::min(kHeadErasedLast, size);
+  if (size > head && !cache_io::ZeroRange(file.fd(), offset + head, size - head)) return false;
+  if (durability == Durability::kOnDisk && !cache_io::SyncFile(file.fd())) return false;
+  return cache_io::ZeroRange(file.fd(), offset, head);
+}
+
+// Of an extent that no seal has named. Marked and unmapped before it is nobody's: another may then
+// use it, or cut the file.
+void MultiProcessSafetyMmapFile::State::Discard(Extent* extent) const {
+  const uint64_t offset = extent->file_offset;
+  const uint64_t size = extent->shape.size;
+  StoreLast(&extent->header()->state, mmap_format::kFree);
+  extent->Reset();
+  DropReservation(offset);
+  GiveBack(offset, size);
 }
 
 void MultiProcessSafetyMmapFile::State::DropReservation(uint64_t offset) const {
@@ -842,7 +871,7 @@ void MultiProcessSafetyMmapFile::State::GiveBack(uint64_t offset, uint64_t size)
       in_use = in_use || (used[i].begin < offset + size && used[i].end > offset);
     }
     if (!in_use && offset < file_size) {
-      (void)cache_io::ZeroRange(file.fd(), offset, std::min(size, file_size - offset));
+      (void)EraseExtent(offset, std::min(size, file_size - offset));
     }
     if (end < file_size && FreeRange(end, file_size, file_size)) {
       (void)cache_io::Truncate(file.fd(), end);
@@ -860,7 +889,7 @@ void MultiProcessSafetyMmapFile::State::GiveBackIfEmpty() {
   StoreLast(&current.header()->state, mmap_format::kFree);
   current.Reset();
   ReplaceSeal(own, in_force, Seal());
-  GiveBack(offset, size);
+  if (FlushTable()) GiveBack(offset, size);
 }
 
 // Saving ------------------------------------------------------------------------------------------
@@ -876,7 +905,12 @@ bool MultiProcessSafetyMmapFile::State::Clear(int64_t size) {
     return false;
   }
   if (!may_save) return false;  // Which was told when it began.
-  if (IsStillThere()) {
+  bool is_there;
+  if (!LookAgain(&is_there)) {
+    TellSaveFailed(__LINE__);
+    return false;
+  }
+  if (is_there) {
     VoidSave();
   } else if (!Reopen()) {
     return false;
@@ -904,13 +938,7 @@ bool MultiProcessSafetyMmapFile::State::Clear(int64_t size) {
 
 void MultiProcessSafetyMmapFile::State::VoidSave() {
   is_saving = false;
-  if (!building) return;
-  const uint64_t offset = building.file_offset;
-  const uint64_t size = building.shape.size;
-  StoreLast(&building.header()->state, mmap_format::kFree);
-  building.Reset();
-  DropReservation(offset);
-  GiveBack(offset, size);
+  if (building) Discard(&building);
 }
 
 bool MultiProcessSafetyMmapFile::State::Append(const MmapDataPacket& packet) {
@@ -931,12 +959,15 @@ bool MultiProcessSafetyMmapFile::State::Append(const MmapDataPacket& packet) {
 
 // Asked before anything that is mapped is touched in a new call: behind the end of the file that
 // would be a signal.
-bool MultiProcessSafetyMmapFile::State::IsStillThere() const {
-  uint64_t size;
-  uint64_t links;
+// False with errno when that cannot be told.
+bool MultiProcessSafetyMmapFile::State::LookAgain(bool* is_there) const {
+  uint64_t size = 0;
+  uint64_t links = 0;
+  if (own != 0 && !cache_io::FileSize(file.fd(), &size, &links)) return false;
   const uint64_t end = std::max({kTableSize, current.file_offset + current.shape.size,
                                  building.file_offset + building.shape.size});
-  return own != 0 && cache_io::FileSize(file.fd(), &size, &links) && links > 0 && size >= end;
+  *is_there = own != 0 && links > 0 && size >= end;
+  return true;
 }
 
 // Someone has deleted or cut the file: this owner goes on in a new one, or in a new place. What
@@ -978,7 +1009,7 @@ bool MultiProcessSafetyMmapFile::State::Place(const MmapDataPacket& packet) {
   Entry* const old = Find(packet, glance);
   if (old != nullptr && !copy_all && next.size() < current.shape.capacity) {
     old->kept = true;
-    return next.Add(*old);
+    return next.Push(*old);
   }
   if (!HasRoom(room) && !MakeRoom(room)) return false;
   PacketHeader head = {};
@@ -987,7 +1018,7 @@ bool MultiProcessSafetyMmapFile::State::Place(const MmapDataPacket& packet) {
   head.length = packet.size;
   head.body_check = old != nullptr ? old->body_check : mmap_format::Check(packet.data, packet.size);
   head.check = mmap_format::CheckOf(head);
-  if (!next.Add(Entry{next_at, head.body_check, glance, packet.size, false})) return false;
+  if (!next.Push(Entry{next_at, head.body_check, glance, packet.size, false})) return false;
   uint8_t* const to = target().at(next_at);
   std::memcpy(to, &head, sizeof head);
   if (packet.size != 0) std::memcpy(to + sizeof head, packet.data, packet.size);
@@ -1034,14 +1065,7 @@ bool MultiProcessSafetyMmapFile::State::MoveToNewExtent(uint64_t room) {
   next_area = 0;
   copy_all = true;
   building.swap(made);
-  if (made) {  // A smaller one, begun for the same save.
-    const uint64_t offset = made.file_offset;
-    const uint64_t size = made.shape.size;
-    StoreLast(&made.header()->state, mmap_format::kFree);
-    made.Reset();
-    DropReservation(offset);
-    GiveBack(offset, size);
-  }
+  if (made) Discard(&made);  // A smaller one, begun for the same save.
   return true;
 }
 
@@ -1088,7 +1112,7 @@ bool MultiProcessSafetyMmapFile::State::SealSave() {
   const bool is_flushed = FlushTable();
   if (!is_flushed) TellSaveFailed(__LINE__);
   if (building) {
-    FinishMove();
+    FinishMove(is_flushed);
   } else {
     RetireOldPackets();
   }
@@ -1112,7 +1136,9 @@ void MultiProcessSafetyMmapFile::State::RetireOldPackets() const {
   }
 }
 
-void MultiProcessSafetyMmapFile::State::FinishMove() {
+// An extent that a seal on the disk may still name is left there: whoever looks for room one day
+// sees that its owner has moved.
+void MultiProcessSafetyMmapFile::State::FinishMove(bool is_flushed) {
   StoreLast(&building.header()->state, mmap_format::kInUse);
   const uint64_t offset = current.file_offset;
   const uint64_t size = current.shape.size;
@@ -1123,7 +1149,7 @@ void MultiProcessSafetyMmapFile::State::FinishMove() {
   current.swap(building);
   StoreLast(&record(own)->seals[1 - in_force].check, mmap_format::kWriting);
   DropReservation(current.file_offset);
-  if (offset != 0) GiveBack(offset, size);
+  if (offset != 0 && is_flushed) GiveBack(offset, size);
 }
 
 // What was taken over is in this owner's own seal, which says so: it is voided where it came from,
@@ -1138,7 +1164,7 @@ void MultiProcessSafetyMmapFile::State::FinishTakeOver() {
     voided[count++] = {view.seal().extent_offset, view.seal().extent_size};
     ReplaceSeal(owner, view.in_force, Seal());
   }
-  (void)FlushTable();
+  const bool is_flushed = FlushTable();
   Seal seal = record(own)->seals[in_force];
   seal.superseded = 0;
   ReplaceSeal(own, in_force, seal);
@@ -1148,7 +1174,7 @@ void MultiProcessSafetyMmapFile::State::FinishTakeOver() {
     if ((claimed & Bit(owner)) != 0) cache_io::Unlock(file.fd(), RecordOffset(owner), 1);
   }
   claimed = 0;
-  for (size_t i = 0; i < count; ++i) GiveBack(voided[i].begin, voided[i].end);
+  for (size_t i = 0; i < count && is_flushed; ++i) GiveBack(voided[i].begin, voided[i].end);
 }
 
 // A complete save of the same content, in a smaller extent.
@@ -1158,7 +1184,7 @@ void MultiProcessSafetyMmapFile::State::ShrinkIfWasteful() {
   if (current.shape.size <= kShrinkAt * std::max(needed, wished_bytes)) return;
   next.Clear();
   for (const Entry& entry : sealed) {
-    if (!next.Add(entry)) return;
+    if (!next.Push(entry)) return;
   }
   announced = 0;
   const bool was_complete = is_complete;

@@ -140,7 +140,7 @@ bool Reader::ReadPacket(uint64_t offset, uint64_t end, PacketPlace* place, Packe
   return *intact || errno == EBADMSG;
 }
 
-bool Reader::ReadBody(const PacketPlace& place, GrowableArray<uint8_t>* body) {
+bool Reader::ReadBody(const PacketPlace& place, NothrowArray<uint8_t>* body) {
   if (!body->Resize(place.length)) {
     errno = ENOMEM;
     return false;
@@ -174,7 +174,7 @@ bool Reader::ReadContent(uint32_t owner, const Seal& seal, PacketPlaces* packets
       header.index_capacity != seal.index_capacity) {
     *damage = "the head of an extent";
   }
-  GrowableArray<uint64_t> index;
+  NothrowArray<uint64_t> index;
   if (!index.Resize(seal.packets)) {
     errno = ENOMEM;
     return false;
@@ -198,7 +198,7 @@ bool Reader::ReadContent(uint32_t owner, const Seal& seal, PacketPlaces* packets
     if (!intact) {
       *damage = "a packet";
       ++*damaged_packets;
-    } else if (!packets->Add(place)) {
+    } else if (!packets->Push(place)) {
       errno = ENOMEM;
       return false;
     }
@@ -212,9 +212,9 @@ bool Reader::Examine(Survey* survey) {
   for (uint32_t owner = 1; owner <= kOwners; ++owner) {
     if ((superseded >> owner & 1) != 0) continue;
     if (!ExamineOwner(owner, survey)) return false;
-    if (!survey->group_ends.Add(survey->packets.size())) return false;
+    if (!survey->group_ends.Push(survey->packets.size())) return false;
   }
-  return ExamineGaps(survey) && survey->group_ends.Add(survey->packets.size());
+  return ExamineGaps(survey) && survey->group_ends.Push(survey->packets.size());
 }
 
 bool Reader::ExamineOwner(uint32_t owner, Survey* survey) {
@@ -329,7 +329,7 @@ bool Reader::Search(uint64_t begin, uint64_t end, PacketPlaces* packets) {
         return false;
       }
       at += intact ? PacketRoom(place.length) : 8;
-      if (intact && header.state != kRetired && !packets->Add(place)) {
+      if (intact && header.state != kRetired && !packets->Push(place)) {
         errno = ENOMEM;
         return false;
       }

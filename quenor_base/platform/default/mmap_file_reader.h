@@ -6,8 +6,8 @@
 
 #include <cstdint>
 
-#include "quenor_base/platform/default/growable_array.h"
 #include "quenor_base/platform/default/mmap_file_format.h"
+#include "quenor_base/platform/default/nothrow_array.h"
 
 namespace quenor::mmap_format {
 
@@ -17,7 +17,7 @@ struct PacketPlace {
   uint32_t length;
   uint64_t body_check;
 };
-using PacketPlaces = GrowableArray<PacketPlace>;
+using PacketPlaces = NothrowArray<PacketPlace>;
 
 struct Range {
   uint64_t begin;
@@ -50,7 +50,7 @@ enum class TableState { kFresh, kGood, kNewer, kDamaged };
 struct Survey {
   const char* damage = nullptr;  // The first thing found; null: the file is whole.
   PacketPlaces packets;
-  GrowableArray<size_t> group_ends;
+  NothrowArray<size_t> group_ends;
 };
 
 class Reader {
@@ -76,7 +76,7 @@ class Reader {
   [[nodiscard]] bool ReadContent(uint32_t owner, const Seal& seal, PacketPlaces* packets,
                                  const char** damage, uint32_t* damaged_packets);
   // A packet's body; false with errno (EBADMSG: it is not what it was).
-  [[nodiscard]] bool ReadBody(const PacketPlace& place, GrowableArray<uint8_t>* body);
+  [[nodiscard]] bool ReadBody(const PacketPlace& place, NothrowArray<uint8_t>* body);
 
   // Nobody must have the file open. False with errno.
   [[nodiscard]] bool Examine(Survey* survey);
@@ -102,8 +102,8 @@ class Reader {
     Header header_;
     OwnerRecord records_[kOwners + 1];
   };
-  GrowableArray<uint8_t> buffer_;  // Of bodies that are only checked.
-  GrowableArray<uint8_t> window_;  // Of a search.
+  NothrowArray<uint8_t> buffer_;  // Of bodies that are only checked.
+  NothrowArray<uint8_t> window_;  // Of a search.
 };
 
 }  // namespace quenor::mmap_format

@@ -52,6 +52,12 @@ class NothrowArray {
     size_ = count;
     return true;
   }
+  // New values are not initialised.
+  [[nodiscard]] bool Resize(size_t size) {
+    if (!Reserve(size)) return false;
+    size_ = size;
+    return true;
+  }
   void Clear() { size_ = 0; }
   void swap(NothrowArray& other) {
     std::swap(data_, other.data_);
