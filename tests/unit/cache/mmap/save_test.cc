@@ -59,6 +59,20 @@ TEST_F(MmapFileSaveTest, OfAnEmptyPacketWithoutDataCompletes) {
   EXPECT_EQ(Packets{}, Found());
 }
 
+TEST_F(MmapFileSaveTest, OfASizeWithoutDataIsVoid) {
+  Leave({"old"});
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_TRUE(file.Clear(100));
+
+  EXPECT_FALSE(file.AppendDataPacket(MmapDataPacket{nullptr, 5}));
+
+  EXPECT_FALSE(file.IsSaveComplete());
+  EXPECT_FALSE(Append(file, "x"));
+  file.Close();
+  EXPECT_EQ(Packets{"old"}, LoadMapped(path_));
+}
+
 TEST_F(MmapFileSaveTest, CompleteTakesNoFurtherPacket) {
   ASSERT_TRUE(Save(file_, {"a"}));
 
