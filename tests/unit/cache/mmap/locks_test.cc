@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -75,6 +76,37 @@ TEST_F(MmapFileLocksTest, OpenWaitsForWhoHoldsTheTable) {
 
   EXPECT_GT(attempts, 3);
   EXPECT_EQ(Packets{"a"}, ReadAll(file));
+}
+
+// From any call on: a file system whose locks stop working.
+TEST_F(MmapFileLocksTest, OpenSaysSoWhenThereAreNoLocks) {
+  Leave({"a"});
+  int refused = 0;
+
+  for (int nth = 1;; ++nth) {
+    RecordingLog::Clear();
+    FileCalls::Reset();
+    Watcher watcher;
+    int calls = 0;
+    watcher.after = [&](const CallInfo& info) {
+      if (info.call == Call::kFcntl && ++calls == nth) FileCalls::FailEach(Call::kFcntl, ENOLCK);
+    };
+    MultiProcessSafetyMmapFile file;
+    const bool opened = OpenFile(file, path_);
+    const bool has_failed = calls >= nth;
+    FileCalls::Reset();
+    if (opened) {
+      EXPECT_EQ(Packets{"a"}, ReadAll(file)) << nth;
+      if (!has_failed) break;
+      continue;
+    }
+    ++refused;
+    EXPECT_EQ(1, LinesWith(2, "")) << nth;
+    EXPECT_EQ(1, LinesWith(2, "No locks available")) << nth;
+  }
+
+  EXPECT_GT(refused, 63);
+  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
 }
 
 TEST_F(MmapFileLocksTest, RoomIsTakenAndGivenBackOnlyUnderTheTablesLock) {

@@ -313,6 +313,25 @@ TEST_F(MmapFileOpenTest, EndsARepairThatWasKilledBetweenItsTwoRenames) {
   EXPECT_FALSE(Exists(path_ + ".recovered"));
 }
 
+TEST_F(MmapFileOpenTest, RepairDoesNotWriteToWhereALinkLeads) {
+  const Packets all = NamedPackets("p", 5, 300);
+  Leave(all);
+  std::string bytes = ReadWholeFile(path_);
+  const StoredPacket hit = FindPacket(bytes, all[3]).at(0);
+  bytes[hit.end - 1] = static_cast<char>(bytes[hit.end - 1] ^ 1);
+  ASSERT_TRUE(WriteWholeFile(path_, bytes));
+  const std::string elsewhere = folder_.File("elsewhere");
+  ASSERT_TRUE(WriteWholeFile(elsewhere, "somebody else's"));
+  ASSERT_EQ(0, symlink(elsewhere.c_str(), (path_ + ".recovered").c_str()));
+
+  LoadMapped(path_);
+
+  EXPECT_EQ("somebody else's", ReadWholeFile(elsewhere));
+  // At the latest the next start has repaired it.
+  EXPECT_EQ((Packets{all[0], all[1], all[2], all[4]}), LoadMapped(path_));
+  EXPECT_EQ("somebody else's", ReadWholeFile(elsewhere));
+}
+
 TEST_F(MmapFileOpenTest, ReadsOnceMoreWhatTheDiskFailedToRead) {
   Leave(NamedPackets("p", 5, 300));
   int reads = 0;

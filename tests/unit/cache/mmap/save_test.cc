@@ -59,6 +59,24 @@ TEST_F(MmapFileSaveTest, OfAnEmptyPacketWithoutDataCompletes) {
   EXPECT_EQ(Packets{}, Found());
 }
 
+TEST_F(MmapFileSaveTest, OfMorePacketsThanTheRoomWishedForHasPlacesComesBack) {
+  // Much room, and few places in its index.
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(file.Open(base::FilePath(path_), base::MemoryMappedFile::READ_WRITE_EXTEND, 200000));
+
+  Packets packets;
+  for (size_t count = 0; count < 600; ++count) {
+    packets.push_back(NamedPacket("p", count, 20));
+    ASSERT_TRUE(Save(file, packets)) << count;
+    if (count % 64 > 2) continue;
+    CopyAsIfKilled(path_, folder_.File("copy"));
+    ASSERT_EQ(packets, LoadMapped(folder_.File("copy"))) << count;
+  }
+  file.Close();
+
+  EXPECT_EQ(packets, LoadMapped(path_));
+}
+
 TEST_F(MmapFileSaveTest, OfASizeWithoutDataIsVoid) {
   Leave({"old"});
   MultiProcessSafetyMmapFile file;
