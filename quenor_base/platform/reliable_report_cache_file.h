@@ -57,7 +57,7 @@ class ReliableReportCacheFile {
   bool AppendDataPacket(const DataPacket& packet);
 
   // Queue thread. True when nothing of the save under way was refused, and when none was begun
-  // since Open().
+  // since Open(). False after a Clear() that was refused, and when no file is open.
   bool IsSaveComplete() const;
 
   // Queue thread. Completes the save under way, unless part of it was refused, and closes; nothing

@@ -72,6 +72,25 @@ bool RenameToFree(const std::string& from, const std::string& to) {
   return errno == ENOENT && cache_io::Rename(from, to);
 }
 
+// Whether nobody finds the open file at `path`. False with errno when that cannot be told: a file
+// that only could not be looked at must not be taken for one that is gone.
+bool IsGoneFrom(const std::string& path, int fd, bool* gone) {
+  struct stat open_file;
+  struct stat named_file;
+  int result;
+  do {
+    result = fstat(fd, &open_file);
+  } while (result != 0 && errno == EINTR);
+  if (result != 0) return false;
+  do {
+    result = lstat(path.c_str(), &named_file);
+  } while (result != 0 && errno == EINTR);
+  if (result != 0 && errno != ENOENT && errno != ENOTDIR) return false;
+  *gone =
+      result != 0 || open_file.st_dev != named_file.st_dev || open_file.st_ino != named_file.st_ino;
+  return true;
+}
+
 // Finds packets of a sequence by their bytes, each at most once.
 class PacketIndex {
  public:
@@ -576,13 +595,15 @@ bool ReliableReportCacheFile::State::IsTooLong() const {
 bool ReliableReportCacheFile::State::CheckFile() {
   uint64_t size;
   uint64_t links;
-  if (!cache_io::FileSize(file.fd(), &size, &links)) {
+  bool gone;
+  if (!cache_io::FileSize(file.fd(), &size, &links) || !IsGoneFrom(path, file.fd(), &gone)) {
     LogFailure("look at", errno);
     return false;
   }
   const bool was_well = !must_rewrite;
-  if (links == 0 || !cache_io::IsStillAt(file.fd(), path)) {
-    is_displaced = must_rewrite = true;
+  is_displaced = links == 0 || gone;  // It may be back.
+  if (is_displaced) {
+    must_rewrite = true;
   } else if (size < end) {
     must_rewrite = true;
   } else if (size > end) {

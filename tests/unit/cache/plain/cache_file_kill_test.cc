@@ -157,7 +157,7 @@ TEST_F(CacheFileKillTest, RandomSavesKilledAnywhereLoseNothing) {
       NumberOr("QUENOR_TEST_SEED",
                static_cast<uint64_t>(std::chrono::system_clock::now().time_since_epoch().count()));
   std::printf("QUENOR_TEST_SEED=%llu\n", static_cast<unsigned long long>(seed));
-  const uint64_t saves = NumberOr("QUENOR_TEST_CACHE_SAVES", 600);
+  const uint64_t saves = NumberOr("QUENOR_TEST_CACHE_SAVES", 200);
 
   Model model(seed);
   for (uint64_t i = 0; i < saves && !HasFailure(); ++i) model.Step();

@@ -202,12 +202,29 @@ TEST_F(CacheFileOwnerTest, AFileThatTookItsPlaceIsLeftAlone) {
   ASSERT_TRUE(Save(&second, {"second"}));
 
   EXPECT_FALSE(file.Clear());
+  EXPECT_FALSE(file.IsSaveComplete());
   EXPECT_FALSE(Append(&file, "a"));
   EXPECT_FALSE(file.IsSaveComplete());
 
   second.Close();
   file.Close();
   EXPECT_EQ(Reopened(), Packets{"second"});
+}
+
+TEST_F(CacheFileOwnerTest, AFileThatIsPutBackIsUsedAgain) {
+  const std::string elsewhere = folder_.File("elsewhere");
+  ReliableReportCacheFile file;
+  ASSERT_TRUE(file.Open(file_path()));
+  ASSERT_TRUE(Save(&file, {"a"}));
+  ASSERT_EQ(rename(path().c_str(), elsewhere.c_str()), 0);
+  ASSERT_TRUE(WriteWholeFile(path(), "another's"));
+  ASSERT_FALSE(file.Clear());
+  ASSERT_EQ(rename(elsewhere.c_str(), path().c_str()), 0);
+
+  EXPECT_TRUE(Save(&file, {"a", "b"}));
+
+  file.Close();
+  EXPECT_EQ(Reopened(), (Packets{"a", "b"}));
 }
 
 TEST_F(CacheFileOwnerTest, AShortenedFileIsWrittenAnew) {

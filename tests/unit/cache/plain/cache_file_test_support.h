@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "quenor_base/platform/base/file_path.h"
@@ -47,10 +48,12 @@ inline Packets ReadAll(ReliableReportCacheFile* file) {
 }
 
 // True when each of `wanted` is in `packets`, as often as it is in `wanted`.
-inline bool HoldsAll(Packets packets, Packets wanted) {
-  std::sort(packets.begin(), packets.end());
-  std::sort(wanted.begin(), wanted.end());
-  return std::includes(packets.begin(), packets.end(), wanted.begin(), wanted.end());
+inline bool HoldsAll(const Packets& packets, const Packets& wanted) {
+  std::vector<std::string_view> have(packets.begin(), packets.end());
+  std::vector<std::string_view> need(wanted.begin(), wanted.end());
+  std::sort(have.begin(), have.end());
+  std::sort(need.begin(), need.end());
+  return std::includes(have.begin(), have.end(), need.begin(), need.end());
 }
 
 inline Packets Sorted(Packets packets) {
