@@ -60,35 +60,32 @@ TEST_F(MmapFileSaveTest, OfAnEmptyPacketWithoutDataCompletes) {
 }
 
 TEST_F(MmapFileSaveTest, OfMorePacketsThanTheRoomWishedForHasPlacesComesBack) {
+  const std::string path = folder_.File("roomy.mmap");
   // Much room, and few places in its index.
   MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(file.Open(base::FilePath(path_), base::MemoryMappedFile::READ_WRITE_EXTEND, 200000));
+  ASSERT_TRUE(file.Open(base::FilePath(path), base::MemoryMappedFile::READ_WRITE_EXTEND, 200000));
 
   Packets packets;
   for (size_t count = 0; count < 600; ++count) {
     packets.push_back(NamedPacket("p", count, 20));
     ASSERT_TRUE(Save(file, packets)) << count;
     if (count % 64 > 2) continue;
-    CopyAsIfKilled(path_, folder_.File("copy"));
+    CopyAsIfKilled(path, folder_.File("copy"));
     ASSERT_EQ(packets, LoadMapped(folder_.File("copy"))) << count;
   }
   file.Close();
 
-  EXPECT_EQ(packets, LoadMapped(path_));
+  EXPECT_EQ(packets, LoadMapped(path));
 }
 
 TEST_F(MmapFileSaveTest, OfASizeWithoutDataIsVoid) {
-  Leave({"old"});
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(OpenFile(file, path_));
-  ASSERT_TRUE(file.Clear(100));
+  ASSERT_TRUE(file_.Clear(100));
 
-  EXPECT_FALSE(file.AppendDataPacket(MmapDataPacket{nullptr, 5}));
+  EXPECT_FALSE(file_.AppendDataPacket(MmapDataPacket{nullptr, 5}));
 
-  EXPECT_FALSE(file.IsSaveComplete());
-  EXPECT_FALSE(Append(file, "x"));
-  file.Close();
-  EXPECT_EQ(Packets{"old"}, LoadMapped(path_));
+  EXPECT_FALSE(file_.IsSaveComplete());
+  EXPECT_FALSE(Append(file_, "x"));
+  EXPECT_EQ(old_, Found());
 }
 
 TEST_F(MmapFileSaveTest, CompleteTakesNoFurtherPacket) {
