@@ -70,12 +70,6 @@ struct Plain {
   static constexpr char kName[] = "plain";
   static Packets Load(const std::string& path) { return LoadPlain(path); }
 };
-struct KindNames {
-  template <typename Kind>
-  static std::string GetName(int) {
-    return Kind::kName;
-  }
-};
 
 template <typename Kind>
 class FullDiskTest : public ::testing::Test {
@@ -111,7 +105,7 @@ class FullDiskTest : public ::testing::Test {
 };
 
 using Kinds = ::testing::Types<Mapped, Plain>;
-TYPED_TEST_SUITE(FullDiskTest, Kinds, KindNames);
+TYPED_TEST_SUITE(FullDiskTest, Kinds);
 
 TYPED_TEST(FullDiskTest, SavesUntilItIsFullAndAgainWhenThereIsRoom) {
   typename TypeParam::File file;
