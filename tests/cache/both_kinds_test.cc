@@ -221,7 +221,7 @@ TEST(BothKindsTest, AgreeOnEveryShortSequence) {
 TEST(BothKindsTest, AgreeOnLongRandomSequences) {
   const uint64_t seed = TestSeed();
   Random random(seed);
-  const int sequences = FullLength() ? 400 : 20;
+  const int sequences = FullLength() ? 1500 : 20;
   for (int i = 0; i < sequences; ++i) {
     std::vector<Step> steps(300);
     for (Step& step : steps) {

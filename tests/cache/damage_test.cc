@@ -10,6 +10,7 @@
 #include <iostream>
 #include <memory>
 
+#include "quenor_base/platform/default/cache_file_format.h"
 #include "quenor_base/platform/default/mmap_file_format.h"
 #include "tests/cache/damage_bench.h"
 #include "tests/support/recording_log.h"
@@ -240,6 +241,28 @@ TEST(PlainFileDamageTest, AnyDamageCostsOnlyThePacketsItHits) {
   DamageBench corruption = AgedPlain();
   CorruptAtRandom(corruption, random, FullLength() ? 10000 : 400);
   Report("corruption", corruption, seed);
+}
+
+// One version more is enough: nobody here knows what it keeps, and how.
+TEST(PlainFileForeignTest, OfTheNextVersionIsKeptAsItIs) {
+  const TempFolder folder;
+  const std::string path = folder.File("channel.cache");
+  {
+    ReliableReportCacheFile file;
+    ASSERT_TRUE(OpenFile(file, path));
+    ASSERT_TRUE(Save(file, {"a", "b"}));
+  }
+  std::string bytes = ReadWholeFile(path);
+  cache_file::FileHeader header;
+  std::memcpy(&header, bytes.data(), sizeof header);
+  header.version = cache_file::kVersion + 1;
+  header.check = cache_file::CheckOf(header);
+  std::memcpy(bytes.data(), &header, sizeof header);
+  ASSERT_TRUE(WriteWholeFile(path, bytes));
+
+  EXPECT_EQ(Packets{}, LoadPlain(path));
+
+  EXPECT_TRUE(bytes == ReadWholeFile(SetAside(path)));
 }
 
 // Damage of someone else's while the file is in use, and files that were never ours.

@@ -2,7 +2,6 @@
 // save confirmed is lost, a save that failed leaves the old or the new content whole, and the next
 // one works.
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 #include <memory>
 #include <string>
 
+#include "tests/cache/faults_bench.h"
 #include "tests/cache/support/cache_files.h"
 #include "tests/cache/support/file_calls.h"
 #include "tests/support/recording_log.h"
@@ -22,47 +22,11 @@
 namespace quenor::test {
 namespace {
 
-struct Fault {
-  Call call;
-  int error;
-};
-
-const Call kCalls[] = {Call::kOpen,    Call::kPosixFallocate, Call::kFallocate, Call::kMmap,
-                       Call::kMadvise, Call::kFcntl,          Call::kFsync,     Call::kFdatasync,
-                       Call::kMsync,   Call::kSyncFileRange,  Call::kRename,    Call::kFtruncate,
-                       Call::kPread,   Call::kPwrite,         Call::kFstat,     Call::kLstat,
-                       Call::kMalloc,  Call::kRealloc,        Call::kNothrowNew};
-const int kErrors[] = {ENOSPC, EIO, EMFILE, EINTR, ENOMEM};
-
-const char* ErrnoName(int error) {
-  switch (error) {
-    case ENOSPC:
-      return "ENOSPC";
-    case EIO:
-      return "EIO";
-    case EMFILE:
-      return "EMFILE";
-    case EINTR:
-      return "EINTR";
-    default:
-      return "ENOMEM";
-  }
-}
-
-bool IsMemory(Call call) {
-  return call == Call::kMalloc || call == Call::kRealloc || call == Call::kNothrowNew;
-}
-// A call that the system interrupts and a caller repeats.
-bool IsRepeated(const Fault& fault) {
-  return fault.error == EINTR && !IsMemory(fault.call) && fault.call != Call::kMmap &&
-         fault.call != Call::kMadvise;
-}
-// What fails without any harm to a save: advice, and giving space back.
-bool IsHarmless(Call call) { return call == Call::kFallocate || call == Call::kSyncFileRange; }
-
 // One life of a file with one fault in it. What the saves confirmed is remembered.
 class Life {
  public:
+  static constexpr char kKind[] = "mapped";
+
   Life(const std::string& path, const Packets& content)
       : path_(path), confirmed_(content), attempted_(content) {}
 
@@ -164,13 +128,6 @@ class Life {
   std::string error_;
 };
 
-// What to do to a file; `fault` is armed where it begins to count.
-struct Scenario {
-  std::string image;  // Of the file at first; empty: none.
-  Packets content;
-  std::function<void(Life&)> run;
-};
-
 std::string ImageOfTwoDeadOwners() {
   const TempFolder folder;
   MultiProcessSafetyMmapFile first, second;
@@ -208,60 +165,12 @@ void OpenSaveGrowShrinkReopen(Life& life) {
   life.Close();
 }
 
-int OneErrorOf(Call call) {
-  const int errors[] = {ENOSPC, EIO, EMFILE, ENOMEM};
-  return errors[static_cast<int>(call) % 4];
-}
-
-// Fails each call of each kind in turn until the scenario makes no more of them.
-void FailEveryCall(const char* name, const Scenario& scenario, uint64_t durability) {
-  const DurabilityScope scope(durability);
-  const TempFolder folder;
-  uint64_t lives = 0, failed_saves = 0, faults = 0;
-  std::string places;
-  for (const Call call : kCalls) {
-    int places_of_call = 0;
-    for (const int error : kErrors) {
-      if (IsMemory(call) && error != ENOMEM) continue;
-      // In the short form each place fails in two ways, and all ways are met.
-      if (!FullLength() && !IsMemory(call) && error != EINTR && error != OneErrorOf(call)) continue;
-      for (int nth = 1;; ++nth) {
-        const std::string path = folder.File("channel.mmap");
-        for (const char* suffix : {"", ".set-aside", ".recovered", ".killed"}) {
-          std::remove((path + suffix).c_str());
-        }
-        ASSERT_TRUE(scenario.image.empty() || WriteWholeFile(path, scenario.image));
-        FileCalls::Reset();
-        Life life(path, scenario.content);
-        life.Arm({call, error}, nth);
-        scenario.run(life);
-        ++lives;
-        failed_saves += life.failed_saves();
-        if (!life.error().empty()) {
-          ++faults;
-          const std::string fault = std::string(FileCalls::Name(call)) + " number " +
-                                    std::to_string(nth) + " fails with " + ErrnoName(error) + ": " +
-                                    life.error();
-          if (faults <= 5) ADD_FAILURE() << name << ": " << fault;
-        }
-        places_of_call = std::max(places_of_call, nth - 1);
-        if (!FileCalls::HasFailed()) break;
-      }
-    }
-    if (places_of_call > 0) {
-      places += std::string(" ") + FileCalls::Name(call) + " " + std::to_string(places_of_call);
-    }
-  }
-  FileCalls::Reset();
-  std::cout << name << ", durability " << durability << ": " << lives << " lives, " << failed_saves
-            << " saves failed, " << faults << " faults; places:" << places << std::endl;
-}
-
 TEST(MmapFileFaultsTest, AnyFailingCallLosesNothingThatWasConfirmed) {
   for (const uint64_t durability : {2, 1, 0}) {
     if (durability != 2 && !FullLength()) break;
-    FailEveryCall("open, save, grow, shrink",
-                  {ImageOfTwoDeadOwners(), TwoDeadOwners(), OpenSaveGrowShrinkReopen}, durability);
+    FailEveryCall<Life>("open, save, grow, shrink",
+                        {ImageOfTwoDeadOwners(), TwoDeadOwners(), OpenSaveGrowShrinkReopen},
+                        durability);
   }
 }
 
@@ -282,18 +191,18 @@ TEST(MmapFileFaultsTest, UnmappingThatFailsLeavesNoLiveOwnerBehind) {
 }
 
 TEST(MmapFileFaultsTest, AnyFailingCallInANewFileLosesNothing) {
-  FailEveryCall("a new file",
-                {"",
-                 {},
-                 [](Life& life) {
-                   life.Open();
-                   life.SaveAs({"a"});
-                   life.SaveAs({"a", "b"});
-                   life.Close();
-                   life.Open();
-                   life.Close();
-                 }},
-                2);
+  FailEveryCall<Life>("a new file",
+                      {"",
+                       {},
+                       [](Life& life) {
+                         life.Open();
+                         life.SaveAs({"a"});
+                         life.SaveAs({"a", "b"});
+                         life.Close();
+                         life.Open();
+                         life.Close();
+                       }},
+                      2);
 }
 
 TEST(MmapFileFaultsTest, AnyFailingCallInARepairLosesNoIntactPacket) {
@@ -303,40 +212,40 @@ TEST(MmapFileFaultsTest, AnyFailingCallInARepairLosesNoIntactPacket) {
   Packets content = TwoDeadOwners();
   content.erase(content.begin() + 2);
 
-  FailEveryCall("repair",
-                {image, content,
-                 [image](Life& life) {
-                   life.Open();
-                   life.Expect(ReadWholeFile(SetAside(life.path())) == image,
-                               "the file as it was is not set aside");
-                   life.SaveAs({"a"});
-                   life.Close();
-                   life.Open();
-                   life.Close();
-                 }},
-                2);
+  FailEveryCall<Life>("repair",
+                      {image, content,
+                       [image](Life& life) {
+                         life.Open();
+                         life.Expect(ReadWholeFile(SetAside(life.path())) == image,
+                                     "the file as it was is not set aside");
+                         life.SaveAs({"a"});
+                         life.Close();
+                         life.Open();
+                         life.Close();
+                       }},
+                      2);
 }
 
 TEST(MmapFileFaultsTest, AnyFailingCallAfterTheFileWasDeletedLosesNothing) {
   for (const bool cut : {false, true}) {
-    FailEveryCall(cut ? "cut while open" : "deleted while open",
-                  {"",
-                   {},
-                   [cut](Life& life) {
-                     life.Open();
-                     life.SaveAs(NamedPackets("p", 20, 1000));
-                     if (cut) {
-                       life.Expect(truncate(life.path().c_str(), 5000) == 0, "cannot cut");
-                     } else {
-                       life.Expect(unlink(life.path().c_str()) == 0, "cannot delete");
-                     }
-                     life.SaveAnew({"a", "b"});
-                     life.SaveAs({"b", "c"});
-                     life.Close();
-                     life.Open();
-                     life.Close();
-                   }},
-                  0);
+    FailEveryCall<Life>(cut ? "cut while open" : "deleted while open",
+                        {"",
+                         {},
+                         [cut](Life& life) {
+                           life.Open();
+                           life.SaveAs(NamedPackets("p", 20, 1000));
+                           if (cut) {
+                             life.Expect(truncate(life.path().c_str(), 5000) == 0, "cannot cut");
+                           } else {
+                             life.Expect(std::remove(life.path().c_str()) == 0, "cannot delete");
+                           }
+                           life.SaveAnew({"a", "b"});
+                           life.SaveAs({"b", "c"});
+                           life.Close();
+                           life.Open();
+                           life.Close();
+                         }},
+                        0);
   }
 }
 
@@ -419,116 +328,6 @@ TEST_F(MmapFileTakenAwayTest, ReplacedByANewFileOfAnotherOwnerIsSharedWithHim) {
   other.Close();
 
   EXPECT_EQ((Packets{"of the other", "a"}), LoadMapped(path_));
-}
-
-// A file system of its own that is full.
-class SmallDisk {
- public:
-  explicit SmallDisk(const char* size) {
-    mounted_ =
-        mount("quenor-test", folder_.path().c_str(), "tmpfs", MS_NOSUID | MS_NODEV, size) == 0;
-  }
-  ~SmallDisk() {
-    if (mounted_ && umount(folder_.path().c_str()) != 0) std::perror("umount");
-  }
-  bool is_mounted() const { return mounted_; }
-  std::string File(const std::string& name) const { return folder_.File(name); }
-  // Until nothing more fits.
-  void Fill() const {
-    std::FILE* const out = std::fopen(File("filler").c_str(), "wb");
-    const std::string block(4096, 'f');
-    while (std::fwrite(block.data(), 1, block.size(), out) == block.size() &&
-           std::fflush(out) == 0) {
-    }
-    std::fclose(out);
-  }
-  void Free() const { std::remove(File("filler").c_str()); }
-
- private:
-  TempFolder folder_;
-  bool mounted_ = false;
-};
-
-TEST(MmapFileFullDiskTest, SavesUntilTheDiskIsFullAndAgainWhenThereIsRoom) {
-  const SmallDisk disk("size=1m,mode=0700");
-  if (!disk.is_mounted()) GTEST_SKIP() << "a file system can only be mounted by root";
-  const std::string path = disk.File("channel.mmap");
-  const TempFolder folder;
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(OpenFile(file, path));
-  Packets packets, confirmed;
-  size_t refused_at = 0;
-  int refused = 0;
-
-  for (size_t i = 0; i < 400; ++i) {
-    packets.push_back(NamedPacket("p", i, 4000));
-    const bool saved = Save(file, packets);
-    if (saved) confirmed = packets;
-    if (!saved && refused++ == 0) refused_at = i;
-    ASSERT_EQ(saved, file.IsSaveComplete());
-    if (i % 20 != 0 && saved) continue;
-    CopyAsIfKilled(path, folder.File("copy"));
-    ASSERT_EQ(confirmed, LoadMapped(folder.File("copy"))) << i;
-  }
-  EXPECT_GT(refused, 100);
-  EXPECT_GT(LinesWith(2, "No space left on device"), 0);
-  disk.Fill();
-  EXPECT_FALSE(Save(file, packets));
-  // The same content, or less, fits where it is.
-  EXPECT_TRUE(Save(file, confirmed));
-  confirmed.pop_back();
-  EXPECT_TRUE(Save(file, confirmed));
-  disk.Free();
-  EXPECT_TRUE(Save(file, NamedPackets("after", 20, 4000)));
-  file.Close();
-
-  EXPECT_EQ(NamedPackets("after", 20, 4000), LoadMapped(path));
-  std::cout << "full disk of 1 MiB: the save of " << refused_at + 1
-            << " packets of 4000 bytes was the "
-            << "first that was refused" << std::endl;
-}
-
-TEST(MmapFileFullDiskTest, OpenOnAFullDiskFailsOrWorksAndRecovers) {
-  const SmallDisk disk("size=1m,mode=0700");
-  if (!disk.is_mounted()) GTEST_SKIP() << "a file system can only be mounted by root";
-  const std::string path = disk.File("channel.mmap");
-  MultiProcessSafetyMmapFile file;
-  disk.Fill();
-
-  const bool opened = OpenFile(file, path);
-  EXPECT_FALSE(opened && Save(file, NamedPackets("p", 20, 4000)));
-  disk.Free();
-  ASSERT_TRUE(opened || OpenFile(file, path));
-
-  EXPECT_TRUE(Save(file, NamedPackets("p", 20, 4000)));
-  file.Close();
-  EXPECT_EQ(NamedPackets("p", 20, 4000), LoadMapped(path));
-}
-
-TEST(MmapFileFullDiskTest, RepairOnAFullDiskLosesNothing) {
-  const SmallDisk disk("size=1m,mode=0700");
-  if (!disk.is_mounted()) GTEST_SKIP() << "a file system can only be mounted by root";
-  const std::string path = disk.File("channel.mmap");
-  const Packets all = NamedPackets("p", 20, 4000);
-  {
-    MultiProcessSafetyMmapFile file;
-    ASSERT_TRUE(OpenFile(file, path));
-    ASSERT_TRUE(Save(file, all));
-  }
-  std::string bytes = ReadWholeFile(path);
-  const StoredPacket hit = FindPacket(bytes, all[7]).at(0);
-  bytes[hit.end - 1] = static_cast<char>(bytes[hit.end - 1] ^ 1);
-  ASSERT_TRUE(WriteWholeFile(path, bytes));
-  Packets intact = all;
-  intact.erase(intact.begin() + 7);
-  disk.Fill();
-
-  const Packets found = LoadMapped(path);
-  EXPECT_TRUE(found == intact || found == Packets{"cannot open"}) << Show(found);
-  disk.Free();
-
-  EXPECT_EQ(intact, LoadMapped(path));
-  EXPECT_TRUE(ReadWholeFile(SetAside(path)) == bytes);
 }
 
 }  // namespace

@@ -159,6 +159,7 @@ void TornDisk::After(const CallInfo& info) {
       NoteSync(info.fd);
       break;
     case Call::kRename:
+    case Call::kRenameat2:
       NoteRename();
       break;
     case Call::kPwrite:

@@ -26,6 +26,8 @@ int __real_fdatasync(int);
 int __real_msync(void*, size_t, int);
 int __real_sync_file_range(int, off_t, off_t, unsigned);
 int __real_rename(const char*, const char*);
+int __real_renameat2(int, const char*, int, const char*, unsigned);
+int __real_unlink(const char*);
 int __real_ftruncate(int, off_t);
 ssize_t __real_pread(int, void*, size_t, off_t);
 ssize_t __real_pwrite(int, const void*, size_t, off_t);
@@ -119,12 +121,29 @@ FileCalls::Unseen::~Unseen() { g_in_observer = before_; }
 void FileCalls::Observe(CallObserver* observer) { g_observer = observer; }
 
 const char* FileCalls::Name(Call call) {
-  static const char* const names[kKinds] = {
-      "open",    "close",           "posix_fallocate", "fallocate", "mmap",
-      "madvise", "munmap",          "fcntl",           "fsync",     "fdatasync",
-      "msync",   "sync_file_range", "rename",          "ftruncate", "pread",
-      "pwrite",  "fstat",           "lstat",           "malloc",    "operator new (nothrow)",
-      "realloc"};
+  static const char* const names[kKinds] = {"open",
+                                            "close",
+                                            "posix_fallocate",
+                                            "fallocate",
+                                            "mmap",
+                                            "madvise",
+                                            "munmap",
+                                            "fcntl",
+                                            "fsync",
+                                            "fdatasync",
+                                            "msync",
+                                            "sync_file_range",
+                                            "rename",
+                                            "renameat2",
+                                            "unlink",
+                                            "ftruncate",
+                                            "pread",
+                                            "pwrite",
+                                            "fstat",
+                                            "lstat",
+                                            "malloc",
+                                            "operator new (nothrow)",
+                                            "realloc"};
   return names[static_cast<int>(call)];
 }
 
@@ -222,6 +241,14 @@ int __wrap_sync_file_range(int fd, off_t offset, off_t size, unsigned flags) {
 }
 int __wrap_rename(const char* from, const char* to) {
   return Pass(Info(Call::kRename), -1, [&] { return __real_rename(from, to); });
+}
+int __wrap_renameat2(int from_folder, const char* from, int to_folder, const char* to,
+                     unsigned flags) {
+  return Pass(Info(Call::kRenameat2), -1,
+              [&] { return __real_renameat2(from_folder, from, to_folder, to, flags); });
+}
+int __wrap_unlink(const char* path) {
+  return Pass(Info(Call::kUnlink), -1, [&] { return __real_unlink(path); });
 }
 int __wrap_ftruncate(int fd, off_t size) {
   return Pass(Info(Call::kFtruncate, fd, static_cast<uint64_t>(size)), -1,

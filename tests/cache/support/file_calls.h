@@ -25,6 +25,8 @@ enum class Call {
   kMsync,
   kSyncFileRange,
   kRename,
+  kRenameat2,
+  kUnlink,
   kFtruncate,
   kPread,
   kPwrite,

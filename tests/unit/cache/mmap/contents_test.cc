@@ -202,6 +202,20 @@ TEST_F(MmapFileContentsTest, OfEqualLengthsAndOtherBytesIsTheNewOne) {
   }
 }
 
+TEST_F(MmapFileContentsTest, WithAnotherByteAnywhereIsTheNewOne) {
+  Packets packets(3, std::string(200, 'x'));
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_TRUE(Save(file, packets));
+
+  for (size_t at = 0; at < 200; ++at) {
+    packets[at % 3][at] = 'y';
+    ASSERT_TRUE(Save(file, packets));
+    CopyAsIfKilled(path_, folder_.File("copy"));
+    ASSERT_EQ(packets, LoadMapped(folder_.File("copy"))) << at;
+  }
+}
+
 // One acknowledged, one new, some put back, some dropped; every few saves the process is killed.
 TEST_F(MmapFileContentsTest, OfAnyHistoryIsTheLastSaved) {
   const uint64_t seed = TestSeed();

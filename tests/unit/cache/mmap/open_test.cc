@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
@@ -291,6 +293,61 @@ TEST_F(MmapFileOpenTest, RefusesAFileThatMayNotBeWritten) {
 
   ASSERT_EQ(0, chmod(path_.c_str(), 0600));
   EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
+}
+
+TEST_F(MmapFileOpenTest, RemovesWhatARepairLeftThatWasKilledAtItsWork) {
+  Leave({"a"});
+  ASSERT_TRUE(WriteWholeFile(path_ + ".recovered", "half of a file"));
+
+  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
+
+  EXPECT_FALSE(Exists(path_ + ".recovered"));
+}
+
+TEST_F(MmapFileOpenTest, EndsARepairThatWasKilledBetweenItsTwoRenames) {
+  Leave({"a"});
+  ASSERT_EQ(0, rename(path_.c_str(), (path_ + ".recovered").c_str()));
+
+  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
+
+  EXPECT_FALSE(Exists(path_ + ".recovered"));
+}
+
+TEST_F(MmapFileOpenTest, RepairDoesNotWriteToWhereALinkLeads) {
+  const Packets all = NamedPackets("p", 5, 300);
+  Leave(all);
+  std::string bytes = ReadWholeFile(path_);
+  const StoredPacket hit = FindPacket(bytes, all[3]).at(0);
+  bytes[hit.end - 1] = static_cast<char>(bytes[hit.end - 1] ^ 1);
+  ASSERT_TRUE(WriteWholeFile(path_, bytes));
+  const std::string elsewhere = folder_.File("elsewhere");
+  ASSERT_TRUE(WriteWholeFile(elsewhere, "somebody else's"));
+  ASSERT_EQ(0, symlink(elsewhere.c_str(), (path_ + ".recovered").c_str()));
+
+  LoadMapped(path_);
+
+  EXPECT_EQ("somebody else's", ReadWholeFile(elsewhere));
+  // At the latest the next start has repaired it.
+  EXPECT_EQ((Packets{all[0], all[1], all[2], all[4]}), LoadMapped(path_));
+  EXPECT_EQ("somebody else's", ReadWholeFile(elsewhere));
+}
+
+TEST_F(MmapFileOpenTest, ReadsOnceMoreWhatTheDiskFailedToRead) {
+  Leave(NamedPackets("p", 5, 300));
+  int reads = 0;
+
+  for (int nth = 1;; ++nth) {
+    FileCalls::Reset();
+    FileCalls::Fail(Call::kPread, nth, EIO);
+    MultiProcessSafetyMmapFile file;
+    ASSERT_TRUE(OpenFile(file, path_)) << nth;
+    ASSERT_EQ(NamedPackets("p", 5, 300), ReadAll(file)) << nth;
+    if (!FileCalls::HasFailed()) break;
+    ++reads;
+  }
+
+  EXPECT_GT(reads, 10);
+  EXPECT_FALSE(Exists(SetAside(path_)));
 }
 
 TEST_F(MmapFileOpenTest, LeavesNothingElseInTheFolder) {

@@ -142,6 +142,24 @@ TEST_F(MmapFileOwnersTest, AllSixtyThreeDeadLeaveEveryPacket) {
   EXPECT_EQ(Packets{}, LoadMapped(path_));
 }
 
+TEST_F(MmapFileOwnersTest, DeadLeaveTheirPlacesOnceTheirHeirHasSaved) {
+  std::vector<Owner> owners;
+  for (size_t i = 0; i < MultiProcessSafetyMmapFile::kMaxOwners; ++i) {
+    owners.push_back(Join());
+    ASSERT_TRUE(Save(*owners.back(), {NamedPacket("of", i, 30)}));
+  }
+  owners.clear();
+  const Owner heir = Join();
+  ASSERT_EQ(static_cast<size_t>(MultiProcessSafetyMmapFile::kMaxOwners), ReadAll(*heir).size());
+
+  ASSERT_TRUE(Save(*heir, {"new"}));
+
+  while (owners.size() + 1 < MultiProcessSafetyMmapFile::kMaxOwners) {
+    owners.push_back(Join());
+    ASSERT_EQ(Packets{}, ReadAll(*owners.back()));
+  }
+}
+
 TEST_F(MmapFileOwnersTest, WhoSavesNothingNeverReplacesTheDead) {
   Leave({"a"});
   {

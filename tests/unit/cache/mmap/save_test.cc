@@ -59,6 +59,35 @@ TEST_F(MmapFileSaveTest, OfAnEmptyPacketWithoutDataCompletes) {
   EXPECT_EQ(Packets{}, Found());
 }
 
+TEST_F(MmapFileSaveTest, OfMorePacketsThanTheRoomWishedForHasPlacesComesBack) {
+  const std::string path = folder_.File("roomy.mmap");
+  // Much room, and few places in its index.
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(file.Open(base::FilePath(path), base::MemoryMappedFile::READ_WRITE_EXTEND, 200000));
+
+  Packets packets;
+  for (size_t count = 0; count < 600; ++count) {
+    packets.push_back(NamedPacket("p", count, 20));
+    ASSERT_TRUE(Save(file, packets)) << count;
+    if (count % 64 > 2) continue;
+    CopyAsIfKilled(path, folder_.File("copy"));
+    ASSERT_EQ(packets, LoadMapped(folder_.File("copy"))) << count;
+  }
+  file.Close();
+
+  EXPECT_EQ(packets, LoadMapped(path));
+}
+
+TEST_F(MmapFileSaveTest, OfASizeWithoutDataIsVoid) {
+  ASSERT_TRUE(file_.Clear(100));
+
+  EXPECT_FALSE(file_.AppendDataPacket(MmapDataPacket{nullptr, 5}));
+
+  EXPECT_FALSE(file_.IsSaveComplete());
+  EXPECT_FALSE(Append(file_, "x"));
+  EXPECT_EQ(old_, Found());
+}
+
 TEST_F(MmapFileSaveTest, CompleteTakesNoFurtherPacket) {
   ASSERT_TRUE(Save(file_, {"a"}));
 

@@ -1,0 +1,220 @@
+// What happens under which lock, and what an owner does who has to wait, or comes too late.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+
+#include "quenor_base/platform/default/mmap_file_format.h"
+#include "tests/unit/cache/mmap/mmap_file_fixture.h"
+
+namespace quenor::test {
+namespace {
+
+// A stranger's descriptor, with locks of its own.
+class Stranger {
+ public:
+  explicit Stranger(const std::string& path) : fd_(open(path.c_str(), O_RDWR | O_CLOEXEC)) {}
+  ~Stranger() { Leave(); }
+
+  bool LockTable() const {
+    struct flock lock = TableLock();
+    return fcntl(fd_, F_OFD_SETLK, &lock) == 0;
+  }
+  bool SeesTableLocked() const {
+    struct flock lock = TableLock();
+    return fcntl(fd_, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+  }
+  void Leave() {
+    if (fd_ >= 0) close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  static struct flock TableLock() {
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_len = 1;
+    return lock;
+  }
+
+  int fd_;
+};
+
+class Watcher : public CallObserver {
+ public:
+  Watcher() { FileCalls::Observe(this); }
+  ~Watcher() override { FileCalls::Observe(nullptr); }
+  void Before(const CallInfo& info) override {
+    if (before) before(info);
+  }
+  void After(const CallInfo& info) override {
+    if (after) after(info);
+  }
+
+  std::function<void(const CallInfo&)> before;
+  std::function<void(const CallInfo&)> after;
+};
+
+class MmapFileLocksTest : public MmapFileTest {};
+
+TEST_F(MmapFileLocksTest, OpenWaitsForWhoHoldsTheTable) {
+  Leave({"a"});
+  Stranger stranger(path_);
+  ASSERT_TRUE(stranger.LockTable());
+  int attempts = 0;
+  Watcher watcher;
+  watcher.before = [&](const CallInfo& info) {
+    if (info.call == Call::kFcntl && ++attempts == 3) stranger.Leave();
+  };
+  MultiProcessSafetyMmapFile file;
+
+  ASSERT_TRUE(OpenFile(file, path_));
+
+  EXPECT_GT(attempts, 3);
+  EXPECT_EQ(Packets{"a"}, ReadAll(file));
+}
+
+// From any call on: a file system whose locks stop working.
+TEST_F(MmapFileLocksTest, OpenSaysSoWhenThereAreNoLocks) {
+  Leave({"a"});
+  int refused = 0;
+
+  for (int nth = 1;; ++nth) {
+    RecordingLog::Clear();
+    FileCalls::Reset();
+    Watcher watcher;
+    int calls = 0;
+    watcher.after = [&](const CallInfo& info) {
+      if (info.call == Call::kFcntl && ++calls == nth) FileCalls::FailEach(Call::kFcntl, ENOLCK);
+    };
+    MultiProcessSafetyMmapFile file;
+    const bool opened = OpenFile(file, path_);
+    const bool has_failed = calls >= nth;
+    FileCalls::Reset();
+    if (opened) {
+      EXPECT_EQ(Packets{"a"}, ReadAll(file)) << nth;
+      if (!has_failed) break;
+      continue;
+    }
+    ++refused;
+    EXPECT_EQ(1, LinesWith(2, "")) << nth;
+    EXPECT_EQ(1, LinesWith(2, "No locks available")) << nth;
+  }
+
+  EXPECT_GT(refused, 63);
+  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
+}
+
+TEST_F(MmapFileLocksTest, RoomIsTakenAndGivenBackOnlyUnderTheTablesLock) {
+  Leave({"a"});
+  const Stranger stranger(path_);
+  uint64_t seen[static_cast<int>(Call::kHowMany)] = {};
+  Watcher watcher;
+  watcher.before = [&](const CallInfo& info) {
+    if (info.call != Call::kPosixFallocate && info.call != Call::kFallocate &&
+        info.call != Call::kFtruncate) {
+      return;
+    }
+    ++seen[static_cast<int>(info.call)];
+    EXPECT_TRUE(stranger.SeesTableLocked()) << FileCalls::Name(info.call) << " at " << info.offset;
+  };
+  MultiProcessSafetyMmapFile file;
+
+  ASSERT_TRUE(OpenFile(file, path_));
+  for (const size_t count : {1, 50, 400, 3}) {
+    ASSERT_TRUE(Save(file, NamedPackets("p", count, 1000)));
+    EXPECT_FALSE(stranger.SeesTableLocked());
+  }
+
+  for (const Call call : {Call::kPosixFallocate, Call::kFallocate, Call::kFtruncate}) {
+    EXPECT_GT(seen[static_cast<int>(call)], 0u) << FileCalls::Name(call);
+  }
+}
+
+TEST_F(MmapFileLocksTest, AFileThatIsReplacedWhileItIsOpenedIsLeftForTheNewOne) {
+  const std::string elsewhere = folder_.File("elsewhere");
+  bool replaced = false;
+  Watcher watcher;
+  watcher.after = [&](const CallInfo& info) {
+    if (info.call != Call::kOpen || replaced) return;
+    replaced = true;
+    ASSERT_EQ(0, std::rename(path_.c_str(), elsewhere.c_str()));
+    ASSERT_TRUE(WriteWholeFile(path_, ""));
+  };
+  MultiProcessSafetyMmapFile file;
+
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_TRUE(Save(file, {"a"}));
+  file.Close();
+
+  EXPECT_TRUE(replaced);
+  EXPECT_EQ(0u, SizeOf(elsewhere));
+  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
+}
+
+TEST_F(MmapFileLocksTest, AFileThatANewerVersionHasOpenIsLeftAlone) {
+  MultiProcessSafetyMmapFile living;
+  ASSERT_TRUE(OpenFile(living, path_));
+  ASSERT_TRUE(Save(living, {"a"}));
+  // As if a newer version had made it.
+  const std::string bytes = ReadWholeFile(path_);
+  mmap_format::Header header;
+  std::memcpy(&header, bytes.data(), sizeof header);
+  header.version = mmap_format::kVersion + 1;
+  header.check = mmap_format::CheckOf(header);
+  std::FILE* const out = std::fopen(path_.c_str(), "r+b");
+  ASSERT_NE(nullptr, out);
+  ASSERT_EQ(1u, std::fwrite(&header, offsetof(mmap_format::Header, next_save_number), 1, out));
+  ASSERT_EQ(0, std::fclose(out));
+  RecordingLog::Clear();
+  MultiProcessSafetyMmapFile late;
+
+  EXPECT_FALSE(OpenFile(late, path_));
+
+  EXPECT_EQ(1, LinesWith(2, path_));
+  EXPECT_TRUE(Exists(path_));
+  EXPECT_FALSE(Exists(SetAside(path_)));
+  EXPECT_TRUE(Save(living, {"a", "b"}));
+}
+
+// At each moment at which something has to be on the disk.
+TEST_F(MmapFileLocksTest, AnHeirWhoIsKilledWhileHeSavesLeavesTheOldOrTheNewContent) {
+  const DurabilityScope durability(2);
+  {
+    MultiProcessSafetyMmapFile first, second;
+    ASSERT_TRUE(OpenFile(first, path_) && OpenFile(second, path_));
+    ASSERT_TRUE(Save(first, {"1"}) && Save(second, {"2"}));
+  }
+  MultiProcessSafetyMmapFile heir;
+  ASSERT_TRUE(OpenFile(heir, path_));
+  ASSERT_EQ((Packets{"1", "2"}), ReadAll(heir));
+  size_t killed = 0;
+  Packets found[100];
+  {
+    Watcher watcher;
+    const auto kill = [&](const CallInfo& info) {
+      if (info.call != Call::kMsync || killed == 100) return;
+      CopyAsIfKilled(path_, folder_.File("killed"));
+      found[killed++] = LoadMapped(folder_.File("killed"));
+    };
+    watcher.before = watcher.after = kill;
+
+    ASSERT_TRUE(Save(heir, {"2", "new"}));
+  }
+
+  EXPECT_GT(killed, 5u);
+  EXPECT_EQ((Packets{"1", "2"}), found[0]);
+  bool is_new = false;
+  for (size_t i = 0; i < killed; ++i) {
+    is_new = is_new || found[i] == Packets{"2", "new"};
+    EXPECT_EQ(is_new ? (Packets{"2", "new"}) : (Packets{"1", "2"}), found[i]) << i;
+  }
+  EXPECT_TRUE(is_new);
+}
+
+}  // namespace
+}  // namespace quenor::test
