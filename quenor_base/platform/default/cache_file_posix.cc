@@ -45,6 +45,9 @@ constexpr uint64_t kSizeMultiple = 4;
 constexpr size_t kCopyLimitBytes = 64 * 1024;
 // How often Open() starts again because others create, replace and rename the file meanwhile.
 constexpr int kOpenTries = 64;
+// How long a lock is waited for. A child that a dead owner forked has it until fork() is over
+// there.
+constexpr int kForkWaitMs = 200;
 constexpr uint32_t kNoPosition = UINT32_MAX;
 
 uint64_t RandomKey() {
@@ -360,7 +363,7 @@ auto ReliableReportCacheFile::State::Refuse(const char* what, const std::string&
 // says what to do.
 bool ReliableReportCacheFile::State::Lock(const Descriptor& descriptor, const std::string& at,
                                           Taken* taken) {
-  if (!cache_io::TryLock(descriptor.fd(), 0, 1)) {
+  if (!cache_io::WaitLock(descriptor.fd(), 0, 1, kForkWaitMs)) {
     if (errno == EAGAIN) {
       LocalLog(2, kLogSource, __LINE__,
                "cache: cannot open %s: another owner has it open; use another channel name or "

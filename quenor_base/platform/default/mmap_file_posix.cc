@@ -515,7 +515,7 @@ void MultiProcessSafetyMmapFile::State::SettleDeadOwners(uint64_t dead) {
     if ((view.seal().superseded & ~dead) != 0) continue;
     for (uint32_t other = 1; other <= kOwners; ++other) {
       const OwnerView voided = View(other);
-      if ((view.seal().superseded & Bit(other)) == 0) continue;
+      if (!mmap_format::Supersedes(view, other, voided)) continue;
       if (voided.in_force < 0 && voided.damage == nullptr) continue;
       ReplaceSeal(other, std::max(voided.in_force, 0), Seal());  // Also in place of a damaged one.
     }
@@ -535,9 +535,12 @@ uint64_t MultiProcessSafetyMmapFile::State::OwnersWithContent(uint64_t dead) con
     const OwnerView view = View(owner);
     if (view.has_content() && view.damage == nullptr) owners |= Bit(owner);
   }
-  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
-    const OwnerView view = View(owner);
-    if (view.in_force >= 0) owners &= ~view.seal().superseded;
+  for (uint32_t heir = 1; heir <= kOwners; ++heir) {
+    const OwnerView view = View(heir);
+    if (view.in_force < 0 || view.seal().superseded == 0) continue;
+    for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+      if (mmap_format::Supersedes(view, owner, View(owner))) owners &= ~Bit(owner);
+    }
   }
   return owners;
 }

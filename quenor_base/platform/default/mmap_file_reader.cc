@@ -74,6 +74,11 @@ OwnerView ViewOf(const OwnerRecord& record) {
   return view;
 }
 
+bool Supersedes(const OwnerView& heir, uint32_t owner, const OwnerView& view) {
+  return heir.in_force >= 0 && (heir.seal().superseded >> owner & 1) != 0 &&
+         (view.in_force < 0 || heir.seal().save_number > view.seal().save_number);
+}
+
 bool Reader::Load() {
   uint64_t links;
   if (!cache_io::FileSize(fd_, &file_size_, &links)) return false;
@@ -98,19 +103,22 @@ TableState Reader::table_state() const {
 
 uint64_t Reader::SupersededOwners() const {
   uint64_t superseded = 0;
-  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
-    const OwnerView view = Owner(owner);
-    if (view.in_force >= 0) superseded |= view.seal().superseded;
+  for (uint32_t heir = 1; heir <= kOwners; ++heir) {
+    const OwnerView view = Owner(heir);
+    if (view.in_force < 0 || view.seal().superseded == 0) continue;
+    for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+      if (Supersedes(view, owner, Owner(owner))) superseded |= uint64_t{1} << owner;
+    }
   }
   return superseded;
 }
 
 // Whether a save of another owner's stands for what the extent held.
 bool Reader::IsSuperseded(const ExtentHeader& head) const {
-  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
-    const OwnerView view = Owner(owner);
-    if (view.in_force >= 0 && (view.seal().superseded >> head.owner & 1) != 0 &&
-        view.seal().save_number > head.epoch) {
+  const OwnerView view = Owner(head.owner);
+  for (uint32_t heir = 1; heir <= kOwners; ++heir) {
+    const OwnerView of_heir = Owner(heir);
+    if (Supersedes(of_heir, head.owner, view) && of_heir.seal().save_number > head.epoch) {
       return true;
     }
   }

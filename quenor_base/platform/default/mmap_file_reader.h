@@ -36,6 +36,9 @@ struct OwnerView {
   const Seal& seal() const { return seals[in_force]; }
 };
 OwnerView ViewOf(const OwnerRecord& record);
+// Whether the content of `heir` stands for what `owner`, with that view, still holds. Only for what
+// is older: so no forged seal stands for itself, or for one that stands for it.
+bool Supersedes(const OwnerView& heir, uint32_t owner, const OwnerView& view);
 
 // Whether the head of an extent, read at `offset`, is what a writer wrote there.
 bool IsSound(const ExtentHeader& head, uint64_t offset);
