@@ -18,6 +18,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_annotations.h"
 #include "quenor_base/platform/base/thread_local_storage.h"
@@ -32,6 +33,8 @@ template <typename T, typename Resetter, typename Allocator, typename Destroyer>
 class TLSObjectPoolImpl;
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
 class GlobalObjectPool;
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+class ObjectPool;
 
 namespace objpool {
 
@@ -227,6 +230,7 @@ class GlobalObjectPool {
   }
 
  private:
+  friend class ObjectPool<T, Resetter, Allocator, Destroyer>;
   friend class ObjectPoolTestPeer;
   friend class TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>;
   friend struct objpool::SharedTier<T, Resetter, Allocator, Destroyer>;
@@ -255,7 +259,9 @@ class ObjectPool {
   // A pool of arrays of `object_size` elements. `capacity` bounds each of a thread's two lists and
   // is the size of a batch (0 is taken as 1); `max_batches` bounds the shared tier.
   ObjectPool(uint32_t object_size, uint32_t capacity, uint32_t max_batches)
-      : tls_pool_(std::make_unique<TLSPool>(object_size, capacity)), max_batches_(max_batches) {}
+      : tls_pool_(std::make_unique<TLSPool>(object_size, capacity)),
+        max_batches_(max_batches),
+        held_at_fork_(this, &LockForFork, &UnlockAfterFork) {}
   ObjectPool(const ObjectPool&) = delete;
   ObjectPool& operator=(const ObjectPool&) = delete;
 
@@ -286,10 +292,15 @@ class ObjectPool {
  private:
   friend class ObjectPoolTestPeer;
 
+  static void LockForFork(void* pool);
+  static void UnlockAfterFork(void* pool);
+
   std::unique_ptr<TLSPool> tls_pool_;
   base::Lock lock_;
   std::weak_ptr<Global> global_pool_ QUENOR_GUARDED_BY(lock_);
+  std::shared_ptr<Global> forking_;  // The shared tier, held while the process forks.
   uint32_t max_batches_;
+  base::HeldAtFork held_at_fork_;
 };
 
 namespace objpool {
@@ -475,6 +486,24 @@ auto ObjectPool<T, Resetter, Allocator, Destroyer>::GetGlobalObjectPool(void* po
     self->global_pool_ = global;
   }
   return global;
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+void ObjectPool<T, Resetter, Allocator, Destroyer>::LockForFork(void* pool)
+    QUENOR_NO_THREAD_SAFETY_ANALYSIS {
+  auto* self = static_cast<ObjectPool*>(pool);
+  self->lock_.Acquire();
+  self->forking_ = self->global_pool_.lock();
+  if (self->forking_ != nullptr) self->forking_->mutex_.lock();
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+void ObjectPool<T, Resetter, Allocator, Destroyer>::UnlockAfterFork(void* pool)
+    QUENOR_NO_THREAD_SAFETY_ANALYSIS {
+  auto* self = static_cast<ObjectPool*>(pool);
+  const std::shared_ptr<Global> tier = std::move(self->forking_);  // Dropped after the lock.
+  if (tier != nullptr) tier->mutex_.unlock();
+  self->lock_.Release();
 }
 
 }  // namespace quenor

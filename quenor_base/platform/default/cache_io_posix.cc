@@ -1,7 +1,6 @@
 #include "quenor_base/platform/default/cache_io_posix.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -14,6 +13,7 @@
 #include <mutex>
 #include <utility>
 
+#include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/config_center.h"
 #include "quenor_base/platform/local_log.h"
 
@@ -83,12 +83,13 @@ struct ForkGuard {
   std::mutex lock;
   Descriptor* first = nullptr;
 
+  const base::HeldAtFork held_at_fork{this, [](void* guard) { Of(guard).lock.lock(); },
+                                      [](void* guard) { Of(guard).lock.unlock(); },
+                                      [](void* guard) { Of(guard).InChild(); }};
+
+  static ForkGuard& Of(void* guard) { return *static_cast<ForkGuard*>(guard); }
   static ForkGuard& Get() {
-    static ForkGuard* const guard = [] {
-      pthread_atfork([] { Get().lock.lock(); }, [] { Get().lock.unlock(); },
-                     [] { Get().InChild(); });
-      return new ForkGuard;
-    }();
+    static ForkGuard* const guard = new ForkGuard;
     return *guard;
   }
 

@@ -5,6 +5,7 @@
 #include <map>
 #include <set>
 
+#include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_annotations.h"
 #include "quenor_base/platform/config_center.h"
@@ -39,6 +40,7 @@ base::Optional<uint64_t> ParseDecimal(const char* text) {
 
 struct ConfigCenterImpl::State {
   base::Lock lock;
+  const base::HeldAtFork held_at_fork{&lock};
   std::map<std::string, uint64_t> overrides QUENOR_GUARDED_BY(lock);
   std::set<std::string> complained QUENOR_GUARDED_BY(lock);  // Keys with an unreadable variable.
 

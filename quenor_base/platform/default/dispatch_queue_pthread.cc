@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <climits>
 #include <condition_variable>
@@ -13,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/thread_create_flag.h"
 #include "quenor_base/platform/thread_manager.h"
 
@@ -44,10 +46,16 @@ struct Registry {
   std::vector<pthread_t> ended;  // Threads at their very end, to be joined.
 };
 
-Registry& TheRegistry() {
-  static Registry* registry = new Registry;
+std::atomic<Registry*>& TheRegistryPointer() {
+  static std::atomic<Registry*>* const registry = [] {
+    // None of the threads is in a forked child, and any of them may hold the lock there.
+    pthread_atfork(nullptr, nullptr, [] { TheRegistryPointer().store(new Registry); });
+    return new std::atomic<Registry*>(new Registry);
+  }();
   return *registry;
 }
+
+Registry& TheRegistry() { return *TheRegistryPointer().load(std::memory_order_acquire); }
 
 void JoinEnded() {
   Registry& registry = TheRegistry();
@@ -65,16 +73,18 @@ void JoinEnded() {
 }
 
 // What a queue's thread runs on; shared by the thread and the queue object, so that either may go
-// first.
+// first. In a forked child, where the thread is not: everything is dropped, no lock is taken.
 class QueueCore {
  public:
   void Post(Task task) {
+    if (IsInForkedChild()) return;
     std::unique_lock<std::mutex> hold(mutex_);
     tasks_.push_back(std::move(task));
     WakeAndUnlock(&hold);
   }
 
   uint64_t PostDelayed(Task task, base::TimeDelta delay) {
+    if (IsInForkedChild()) return 0;
     const Clock::time_point due = DeadlineAfter(delay);
     std::unique_lock<std::mutex> hold(mutex_);
     const uint64_t id = ++last_delayed_id_;
@@ -87,6 +97,7 @@ class QueueCore {
   }
 
   bool Cancel(uint64_t id) {
+    if (IsInForkedChild()) return false;
     Task cancelled;  // Destroyed after the lock is released.
     std::unique_lock<std::mutex> hold(mutex_);
     const auto due = due_by_id_.find(id);
@@ -104,6 +115,7 @@ class QueueCore {
 
   // Counts the queue as draining, once.
   void Retire() {
+    if (IsInForkedChild()) return;
     std::lock_guard<std::mutex> hold(TheRegistry().mutex);
     if (!retired_) ++TheRegistry().draining;
     retired_ = true;
@@ -111,6 +123,7 @@ class QueueCore {
 
   // The last reference to the queue has gone. Nothing is run or destroyed here.
   void Close() {
+    if (IsInForkedChild()) return;
     Retire();
     std::unique_lock<std::mutex> hold(mutex_);
     closed_ = true;
@@ -129,6 +142,8 @@ class QueueCore {
   }
 
  private:
+  bool IsInForkedChild() const { return generation_ != base::ForkGeneration(); }
+
   void WakeAndUnlock(std::unique_lock<std::mutex>* hold) {
     const bool wake = waiting_;
     waiting_ = false;  // One wake-up per sleep.
@@ -174,6 +189,7 @@ class QueueCore {
     }
   }
 
+  const uint32_t generation_ = base::ForkGeneration();
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<Task> tasks_;

@@ -5,6 +5,7 @@
 #include <sys/uio.h>
 #include <time.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -242,15 +243,28 @@ void WriteToStderr(int level, const char* file, int line, const char* text, size
 
 struct State {
   base::Lock lock;
-  LogSink sink QUENOR_GUARDED_BY(lock) = nullptr;  // Null: standard error.
-  void* context QUENOR_GUARDED_BY(lock) = nullptr;
+  // Guarded by the lock; atomic for a child that is forked meanwhile.
+  std::atomic<LogSink> sink{nullptr};  // Null: standard error.
+  std::atomic<void*> context{nullptr};
 };
 
 // Never destroyed: lines may still come while the process exits.
-State& GetState() {
-  static State* const state = new State;
+std::atomic<State*>& TheState() {
+  static std::atomic<State*>* const state = [] {
+    pthread_atfork(nullptr, nullptr, [] {
+      // A thread that does not exist here may have been in the sink: it is in the state left.
+      State* const old = TheState().load();
+      State* const forked = new State;
+      forked->context.store(old->context.load());
+      forked->sink.store(old->sink.load());
+      TheState().store(forked);
+    });
+    return new std::atomic<State*>(new State);
+  }();
   return *state;
 }
+
+State& GetState() { return *TheState().load(std::memory_order_acquire); }
 
 // Set while this thread is inside the sink and so holds the lock.
 thread_local bool in_sink = false;
@@ -262,19 +276,22 @@ void Deliver(int level, const char* file, int line, const char* text, size_t siz
   }
   State& state = GetState();
   base::AutoLock hold(state.lock);
-  if (state.sink == nullptr) {
+  const LogSink sink = state.sink.load();
+  if (sink == nullptr) {
     WriteToStderr(level, file, line, text, size);
     return;
   }
   in_sink = true;
-  state.sink(state.context, level, file, line, text, size);
+  sink(state.context.load(), level, file, line, text, size);
   in_sink = false;
 }
 
-// The calling thread must hold the lock.
+// The calling thread must hold the lock. In an order in which no sink ever stands beside another's
+// context.
 void Replace(State* state, LogSink sink, void* context) QUENOR_REQUIRES(state->lock) {
-  state->sink = sink;
-  state->context = context;
+  state->sink.store(nullptr);
+  state->context.store(context);
+  state->sink.store(sink);
 }
 
 // From inside the sink: the calling thread holds the lock further up its stack.

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/path_service.h"
 #include "quenor_base/platform/base/thread_annotations.h"
@@ -93,6 +94,7 @@ FilePath DefaultReportFolder() {
 
 struct Overrides {
   Lock lock;
+  const HeldAtFork held_at_fork{&lock};
   std::map<int, FilePath> paths QUENOR_GUARDED_BY(lock);
 };
 

@@ -1,4 +1,5 @@
 // The process-wide SOCKS5 proxy settings, behind one lock. Any thread. Never destroyed.
+#include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
 
@@ -6,6 +7,7 @@ namespace quenor {
 
 struct Socks5ProxyConfigHolder::State {
   base::Lock lock;
+  const base::HeldAtFork held_at_fork{&lock};
   Socks5ProxyConfig config QUENOR_GUARDED_BY(lock);
 };
 

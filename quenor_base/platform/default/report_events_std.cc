@@ -1,4 +1,7 @@
 // Report events over std::shared_mutex: many tell at once, a change of listener waits for them.
+#include <pthread.h>
+
+#include <atomic>
 #include <mutex>
 #include <shared_mutex>
 
@@ -10,7 +13,8 @@ namespace {
 
 struct State {
   std::shared_mutex in_call;  // Shared while the listener is called, exclusive to replace it.
-  ReportEventListener* listener = nullptr;  // Borrowed; may be null; guarded by `in_call`.
+  // Borrowed; may be null; guarded by `in_call`. Atomic for a child that is forked meanwhile.
+  std::atomic<ReportEventListener*> listener{nullptr};
   // A listener that is told of one event after another would keep a change waiting for ever,
   // because the shared mutex lets readers pass a waiting writer. So a change shuts this gate first;
   // only those already inside go on.
@@ -19,10 +23,20 @@ struct State {
 };
 
 // Never destroyed: events may still be told while the process exits.
-State& GetState() {
-  static State* const state = new State;
+std::atomic<State*>& TheState() {
+  static std::atomic<State*>* const state = [] {
+    pthread_atfork(nullptr, nullptr, [] {
+      // Threads that do not exist here may have been in the listener: they are in the state left.
+      State* const forked = new State;
+      forked->listener.store(TheState().load()->listener.load());
+      TheState().store(forked);
+    });
+    return new std::atomic<State*>(new State);
+  }();
   return *state;
 }
+
+State& GetState() { return *TheState().load(std::memory_order_acquire); }
 
 // Set while this thread is inside the listener and so holds `in_call`. A listener that calls the
 // channel is told of that on the same thread; taking `in_call` again there would deadlock with a
@@ -54,7 +68,7 @@ void ReportEvents::SetListener(ReportEventListener* listener) {
 void ReportEvents::Tell(const ReportEvent& event) {
   State& state = GetState();
   if (in_listener) {
-    state.listener->OnReportEvent(event);
+    state.listener.load()->OnReportEvent(event);
     return;
   }
   // relaxed: see SetListener.
@@ -62,9 +76,10 @@ void ReportEvents::Tell(const ReportEvent& event) {
     std::lock_guard<std::mutex> wait(state.gate);
   }
   std::shared_lock<std::shared_mutex> inside(state.in_call);
-  if (state.listener == nullptr) return;
+  ReportEventListener* const listener = state.listener.load();
+  if (listener == nullptr) return;
   in_listener = true;
-  state.listener->OnReportEvent(event);
+  listener->OnReportEvent(event);
   in_listener = false;
 }
 

@@ -6,6 +6,7 @@
 #include <thread>
 #include <utility>
 
+#include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/timer.h"
 #include "quenor_base/platform/dispatch_queue.h"
 
@@ -21,6 +22,10 @@ constexpr TimeDelta kNotRunning = TimeDelta::FromMilliseconds(-1);
 // it is still the current one.
 struct TimerBase::State {
   struct Shared {
+    // The timer's queue is a thread that does not exist there, and may hold the mutex.
+    bool IsInForkedChild() const { return fork_generation != ForkGeneration(); }
+
+    const uint32_t fork_generation = ForkGeneration();
     std::mutex mutex;
     std::condition_variable idle;
     std::shared_ptr<const RepeatingClosure> task;  // Shared with the run in progress.
@@ -53,6 +58,7 @@ struct TimerBase::State {
   }
 
   static void StopTimer(Shared* shared, bool release_task) {
+    if (shared->IsInForkedChild()) return;
     std::shared_ptr<const RepeatingClosure> released;  // Destroyed without the mutex.
     std::pair<std::shared_ptr<DispatchQueue>, uint64_t> deadline;
     {
@@ -93,7 +99,7 @@ TimerBase::TimerBase(Kind kind) : state_(new State) {
 TimerBase::~TimerBase() {
   State::Shared* shared = state_->shared.get();
   State::StopTimer(shared, true);
-  {
+  if (!shared->IsInForkedChild()) {
     std::unique_lock<std::mutex> hold(shared->mutex);
     if (shared->executing_thread != std::this_thread::get_id()) {
       shared->idle.wait(hold, [shared] { return !shared->executing; });
@@ -103,6 +109,7 @@ TimerBase::~TimerBase() {
 }
 
 bool TimerBase::IsRunning() const {
+  if (state_->shared->IsInForkedChild()) return false;
   std::lock_guard<std::mutex> hold(state_->shared->mutex);
   return state_->shared->running;
 }
@@ -112,13 +119,15 @@ void TimerBase::Stop() { State::StopTimer(state_->shared.get(), false); }
 void TimerBase::AbandonAndStop() { State::StopTimer(state_->shared.get(), true); }
 
 TimeDelta TimerBase::GetCurrentDelay() const {
+  if (state_->shared->IsInForkedChild()) return kNotRunning;
   std::lock_guard<std::mutex> hold(state_->shared->mutex);
   return state_->shared->running ? state_->shared->delay : kNotRunning;
 }
 
 void TimerBase::StartTask(const Location& from, TimeDelta delay, RepeatingClosure task) {
-  State::StopTimer(state_->shared.get(), true);
   State::Shared* shared = state_->shared.get();
+  if (shared->IsInForkedChild()) return;
+  State::StopTimer(shared, true);
   std::lock_guard<std::mutex> hold(shared->mutex);
   shared->task = std::make_shared<const RepeatingClosure>(std::move(task));
   shared->from = from;
