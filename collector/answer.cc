@@ -153,7 +153,10 @@ bool PutHead(const Plan& plan, const AnswerContext& context, const std::string& 
 }
 
 bool PutAll(const Plan& plan, const AnswerContext& context, Outlet* out) {
-  if (plan.body == BodyKind::kRaw) return out->Put(*plan.text);
+  if (plan.body == BodyKind::kRaw) {
+    out->BeginBody();
+    return out->Put(*plan.text);
+  }
   const bool is_filler = plan.body == BodyKind::kFiller;
   const bool may_have_body = plan.status != 204 && plan.status != 304;
   const bool has_body = plan.body != BodyKind::kReply || may_have_body;

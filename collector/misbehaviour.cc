@@ -360,6 +360,19 @@ std::string ParseWord(const Word& word, bool of_connections, Setting* setting) {
   return "\"" + word.source + "\" is not understood; write " + kind->name + kind->usage;
 }
 
+// False for what an ending or a raw answer leaves no room for.
+bool TakesEffect(const Setting& setting, const Plan& plan) {
+  const std::string& slot = setting.slot;
+  const Ending& ending = plan.ending;
+  if (slot == "ending") return true;
+  if (ending.kind != EndKind::kNone && ending.place == Place::kRequest) return false;
+  if (slot == "delay") return true;
+  const bool is_silent =
+      ending.kind != EndKind::kNone && ending.place == Place::kAnswer && ending.offset == 0;
+  if (is_silent) return false;
+  return plan.body != BodyKind::kRaw || slot == "body" || slot == "drip-body";
+}
+
 uint64_t Mix(uint64_t bits) {
   bits += 0x9e3779b97f4a7c15;
   bits = (bits ^ (bits >> 30)) * 0xbf58476d1ce4e5b9;
@@ -485,9 +498,10 @@ Plan Misbehaviour::Merge(bool of_connections, uint64_t number) const {
     }
   }
   Plan plan;
+  for (const Setting* setting : settings) setting->apply(&plan);
   for (const Setting* setting : settings) {
+    if (!TakesEffect(*setting, plan)) continue;
     plan.words += (plan.words.empty() ? "" : " ") + setting->word;
-    setting->apply(&plan);
   }
   return plan;
 }

@@ -71,7 +71,8 @@ enum class Length {
 
 // What is done to one request.
 struct Plan {
-  std::string words;  // The actions as the script has them; empty: the request is served as usual.
+  // The actions that take effect, as the script has them; empty: the request is served as usual.
+  std::string words;
   int status = 200;
   uint64_t delay_ms = 0;
   Drip head_drip;

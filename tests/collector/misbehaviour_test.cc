@@ -105,9 +105,21 @@ TEST(ScriptTest, LinesAddUpAndTheLaterOneDecides) {
   EXPECT_EQ(script.PlanFor(2).delay_ms, 2'000u);
   EXPECT_EQ(script.PlanFor(2).status, 429);
   EXPECT_EQ(script.PlanFor(2).ending.place, Place::kBody);
-  EXPECT_EQ(script.PlanFor(4).words, "delay=2s status=429 hang");
+  EXPECT_EQ(script.PlanFor(4).words, "delay=2s hang");
   EXPECT_EQ(script.PlanFor(4).ending.kind, EndKind::kHang);
   EXPECT_EQ(script.PlanFor(4).ending.place, Place::kAnswer);
+}
+
+TEST(ScriptTest, WordsTellOnlyWhatTakesEffect) {
+  const auto words_of = [](const std::string& actions) {
+    return ScriptOf("1: " + actions).PlanFor(1).words;
+  };
+
+  EXPECT_EQ(words_of("delay=1 status=503 close=request"), "close=request");
+  EXPECT_EQ(words_of("delay=1 status=503 close"), "delay=1 close");
+  EXPECT_EQ(words_of("delay=1 status=503 close=1"), "delay=1 status=503 close=1");
+  EXPECT_EQ(words_of("delay=1 status=503 raw=x drip-body=1/1 drip-head=1/1 cut=end"),
+            "delay=1 raw=x drip-body=1/1 cut=end");
 }
 
 TEST(ScriptTest, HeadersOfSeveralNamesAddUp) {
