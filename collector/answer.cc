@@ -169,7 +169,6 @@ bool PutAll(const Plan& plan, const AnswerContext& context, Outlet* out) {
   out->BeginBody();
   const bool chunked = plan.length == Length::kChunked;
   const auto put = [&](std::string_view block) {
-    if (body_bytes == kUnlimited && !context.pause(0)) return false;
     if (!chunked) return out->Put(block);
     char size[24];
     std::snprintf(size, sizeof(size), "%zx\r\n", block.size());

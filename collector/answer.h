@@ -17,8 +17,8 @@ struct AnswerContext {
   std::string reply;    // The usual body.
   std::string framing;  // The header lines about the connection, each with its CRLF.
   uint64_t seed = 0;    // Of generated bodies.
-  // Waits; false once the server is stopping, which cuts waits short and ends endless bodies.
-  std::function<bool(uint64_t pause_ms)> pause;
+  // Waits, unless the server is stopping.
+  std::function<void(uint64_t pause_ms)> pause;
 };
 
 // Writes the answer up to the place where the plan ends it, and sends what it has written. False:

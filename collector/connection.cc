@@ -140,7 +140,7 @@ void Connection::Mute() {
 
 void Connection::RefuseHandshake(int alert) {
   refusal_alert_ = alert;
-  SSL_set_app_data(ssl_.get(), &refusal_alert_);
+  if (ssl_) SSL_set_app_data(ssl_.get(), &refusal_alert_);
 }
 
 // OpenSSL has no call that sends an alert. It sends one for input that is no record of the peer's.

@@ -590,22 +590,21 @@ void CollectorServer::AnswerPost(const httplib::Request& request, const std::str
 // Answers as the plan says and mutes what httplib would answer.
 void CollectorServer::Misbehave(const Plan& plan) {
   Exchange* const exchange = current_exchange_;
-  (void)Pause(plan.delay_ms);
+  Pause(plan.delay_ms);
   AnswerContext context;
   context.reply = reply_;
   context.framing = exchange->close
                         ? "Connection: close\r\n"
                         : "Keep-Alive: timeout=" + std::to_string(options_.idle_timeout_s) + "\r\n";
   context.seed = options_.misbehaviour.seed();
-  context.pause = [this](uint64_t pause_ms) { return Pause(pause_ms); };
+  context.pause = [this](uint64_t pause_ms) { Pause(pause_ms); };
   exchange->drop = !WriteAnswer(plan, context, exchange->connection);
   exchange->connection->Mute();
 
-  const bool is_endless = plan.body == BodyKind::kFiller && plan.filler_bytes == kUnlimited;
   const Ending& ending = plan.ending;
   if (ending.kind == EndKind::kNone) {
     // Only the end of the connection tells the peer where such a body ends.
-    if (plan.length == Length::kNone || is_endless) exchange->end = EndKind::kClose;
+    if (plan.length == Length::kNone) exchange->end = EndKind::kClose;
   } else if (ending.place == Place::kNext) {
     exchange->end_at_input = ending.kind;
   } else {
@@ -632,11 +631,11 @@ void CollectorServer::RefusePost(const httplib::Request& request, uint64_t size_
                         kJson);
 }
 
-// Waits for so long, or until the server stops; false if it does.
-bool CollectorServer::Pause(uint64_t pause_ms) {
-  if (pause_ms == 0) return !stopping_.load();
+// Waits for so long, or until the server stops.
+void CollectorServer::Pause(uint64_t pause_ms) {
+  if (pause_ms == 0) return;
   std::unique_lock<std::mutex> lock(mutex_);
-  return !stop_cv_.wait_for(lock, milliseconds(pause_ms), [this] { return stopping_.load(); });
+  stop_cv_.wait_for(lock, milliseconds(pause_ms), [this] { return stopping_.load(); });
 }
 
 // Reads the body, and one that is too large away, so that the connection can go on. *size_bytes is

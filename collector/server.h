@@ -103,7 +103,7 @@ class CollectorServer : private httplib::Server {
   void RefusePost(const httplib::Request& request, uint64_t size_bytes, int status,
                   httplib::Response* response);
   void Misbehave(const Plan& plan);
-  bool Pause(uint64_t pause_ms);
+  void Pause(uint64_t pause_ms);
   BodyOutcome ReadBody(const Exchange& exchange, std::string* body, uint64_t* size_bytes) const;
 
   const ServerOptions options_;

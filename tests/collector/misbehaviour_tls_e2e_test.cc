@@ -114,6 +114,7 @@ TEST_F(MisbehaviourTlsTest, AHandshakeThatIsNeverAnsweredSparesTheWorker) {
   EXPECT_EQ(Post(*collector.NewClient(), "body"), 200);
 
   EXPECT_EQ(client.ReadWhatIsThere(), "");
+  EXPECT_FALSE(client.has_ended());
   const Ended ended = collector.Stop();
   EXPECT_EQ(ended.exit_code, 0) << ended.err;
 }

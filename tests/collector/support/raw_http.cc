@@ -42,6 +42,7 @@ bool RawClient::ReadMore(int flags) {
   char step[64 * 1024];
   const ssize_t got = ::recv(fd_, step, sizeof(step), flags);
   if (got < 0 && errno == ECONNRESET) was_reset_ = true;
+  has_ended_ = got == 0 || was_reset_;
   if (got > 0) unread_.append(step, static_cast<size_t>(got));
   return got > 0;
 }

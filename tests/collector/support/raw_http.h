@@ -26,7 +26,9 @@ class RawClient {
   std::string Read(size_t size);
   // What has come by now; does not wait.
   std::string ReadWhatIsThere();
-  // After the end of input: it came with RST, not with FIN.
+  // The end of input has been read.
+  bool has_ended() const { return has_ended_; }
+  // It came with RST, not with FIN.
   bool was_reset() const { return was_reset_; }
   int fd() const { return fd_; }
 
@@ -34,6 +36,7 @@ class RawClient {
   bool ReadMore(int flags = 0);
 
   int fd_ = -1;
+  bool has_ended_ = false;
   bool was_reset_ = false;
   std::string unread_;
 };
