@@ -1,8 +1,10 @@
 #include "collector/connection.h"
 
+#include <linux/sockios.h>
 #include <netdb.h>
 #include <openssl/err.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,6 +18,7 @@ namespace {
 
 constexpr int kIoTimeoutMs = 30'000;
 constexpr int kLingerMs = 1'000;
+constexpr int kResetStepMs = 2;
 constexpr size_t kInputBufferBytes = 16 * 1024;
 constexpr size_t kOutputBufferBytes = 64 * 1024;
 
@@ -82,6 +85,8 @@ bool Connection::HasBufferedInput() const {
 }
 
 ssize_t Connection::read(char* data, size_t size) {
+  size = static_cast<size_t>(std::min<uint64_t>(size, input_left_));
+  if (input_left_ == 0) return -1;
   if (input_used_ == input_.size()) {
     if (!Flush()) return -1;
     input_.resize(kInputBufferBytes);
@@ -101,6 +106,7 @@ ssize_t Connection::read(char* data, size_t size) {
   const size_t count = std::min(size, input_.size() - input_used_);
   std::memcpy(data, input_.data() + input_used_, count);
   input_used_ += count;
+  if (input_left_ != std::numeric_limits<uint64_t>::max()) input_left_ -= count;
   return static_cast<ssize_t>(count);
 }
 
@@ -132,10 +138,44 @@ void Connection::Mute() {
   muted_ = true;
 }
 
+void Connection::RefuseHandshake(int alert) {
+  refusal_alert_ = alert;
+  if (ssl_) SSL_set_app_data(ssl_.get(), &refusal_alert_);
+}
+
+// OpenSSL has no call that sends an alert. It sends one for input that is no record of the peer's.
+void Connection::SendAlert() {
+  static constexpr char kForged[] =
+      "\x17\x03\x03\x00\x20"
+      "0123456789abcdef0123456789abcdef";
+  if (!Flush()) return;
+  SSL_set0_rbio(ssl_.get(), BIO_new_mem_buf(kForged, sizeof(kForged) - 1));
+  char scratch[kInputBufferBytes];
+  ERR_clear_error();
+  while (SSL_read(ssl_.get(), scratch, sizeof(scratch)) > 0) {
+  }
+  ERR_clear_error();
+  broken_ = true;
+}
+
+void Connection::Reset() {
+  using std::chrono::steady_clock;
+  const auto deadline = steady_clock::now() + std::chrono::milliseconds(kLingerMs);
+  int unsent = 0;
+  Flush();
+  while (::ioctl(fd_, SIOCOUTQ, &unsent) == 0 && unsent > 0 && steady_clock::now() < deadline &&
+         !stopping_.load(std::memory_order_acquire)) {
+    ::poll(nullptr, 0, kResetStepMs);
+  }
+  const linger at_once{1, 0};
+  ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
+  broken_ = true;
+}
+
 void Connection::Linger() {
   using std::chrono::steady_clock;
-  if (!Flush()) return;
-  if (ssl_) {
+  if (!broken_ && !Flush()) return;
+  if (ssl_ && handshaken_ && !broken_) {
     ERR_clear_error();
     SSL_shutdown(ssl_.get());
     ERR_clear_error();

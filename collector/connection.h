@@ -11,6 +11,8 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
+#include <limits>
 #include <string>
 
 #include "collector/tls.h"
@@ -43,6 +45,26 @@ class Connection : public httplib::Stream {
   // Drops all output not yet sent and all output to come.
   void Mute();
 
+  // Lets output through again.
+  void Unmute() { muted_ = false; }
+
+  // After `bytes` more bytes of input read() returns -1. input_left() tells how many are left.
+  void LimitInput(uint64_t bytes) { input_left_ = bytes; }
+  uint64_t input_left() const { return input_left_; }
+
+  // Before the handshake: answers the peer's hello with the fatal alert `alert`.
+  void RefuseHandshake(int alert);
+
+  // TLS only. Sends a fatal alert, bad_record_mac, and leaves out the farewell.
+  void SendAlert();
+
+  // Leaves out the farewell of TLS when the connection ends.
+  void ForgoFarewell() { broken_ = true; }
+
+  // Waits, for at most about a second, until the peer's kernel has everything, and lets the
+  // destructor reset the connection.
+  void Reset();
+
   // Ends our side and reads away, for at most about a second, what the peer is still sending, so
   // that the kernel does not reset the connection before the peer has read our last reply.
   void Linger();
@@ -74,6 +96,8 @@ class Connection : public httplib::Stream {
   bool handshaken_;
   bool broken_ = false;  // The stream is in no state for a farewell.
   bool muted_ = false;
+  int refusal_alert_ = 0;  // 0: none.
+  uint64_t input_left_ = std::numeric_limits<uint64_t>::max();
   std::string input_;
   size_t input_used_ = 0;
   std::string output_;

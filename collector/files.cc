@@ -21,6 +21,23 @@ int WriteAll(int fd, std::string_view bytes) {
   return 0;
 }
 
+int ReadFileWhole(const std::string& path, std::string* bytes) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return errno;
+  bytes->clear();
+  int error = 0;
+  for (;;) {
+    char step[64 * 1024];
+    const ssize_t got = ::read(fd, step, sizeof(step));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) error = errno;
+    if (got <= 0) break;
+    bytes->append(step, static_cast<size_t>(got));
+  }
+  ::close(fd);
+  return error;
+}
+
 int WriteFileWhole(const std::string& path, std::string_view bytes) {
   const std::string part = path + ".part";
   const int fd = ::open(part.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);

@@ -12,6 +12,9 @@ namespace quenor::collector {
 // outlives the process, not a power cut. Returns 0 or an errno; on failure `path` is as before.
 [[nodiscard]] int WriteFileWhole(const std::string& path, std::string_view bytes);
 
+// Reads the whole of `path` into *bytes. Returns 0 or an errno; on failure *bytes is undefined.
+[[nodiscard]] int ReadFileWhole(const std::string& path, std::string* bytes);
+
 // Writes all of `bytes` to descriptor `fd`. Returns 0 or an errno.
 [[nodiscard]] int WriteAll(int fd, std::string_view bytes);
 

@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <limits>
+#include <string>
+#include <vector>
 
 #include "collector/fatal.h"
 
@@ -20,8 +22,10 @@ constexpr char kFooter[] = R"(Examples:
       HTTPS, every request as one JSON line on standard output
   quenor-collector --out bodies --log requests.jsonl --inflate
       one file per report, decompressed
-  quenor-collector --fail-every 3 --delay-ms 200 --send-interval 1000
-      every third request answered 503, all of them late, senders told to send once a second
+  quenor-collector --misbehave 'all: delay=200ms' --misbehave 'every 3: status=503'
+      every third request answered 503, all of them late
+  quenor-collector --misbehave storm.txt --seed 7
+      what the lines of storm.txt say, with the draws of seed 7
 
 A throw-away certificate:
   openssl req -x509 -newkey rsa:2048 -nodes -keyout key.pem -out cert.pem -days 30 \
@@ -46,7 +50,6 @@ CLI::Validator WholeNumber(uint64_t low, uint64_t high) {
 constexpr uint64_t kMaxCount = std::numeric_limits<int64_t>::max();
 constexpr uint64_t kMaxControlField = std::numeric_limits<uint32_t>::max();
 constexpr uint64_t kMaxSizeBytes = uint64_t{1} << 40;
-constexpr uint64_t kMaxDelayMs = 86'400'000;
 
 void AddControlFields(CLI::App* app, ReplyOptions* reply) {
   app->add_option("--errinfo", reply->errinfo, "\"bytes_errinfo\" of the reply")
@@ -66,40 +69,42 @@ void AddControlFields(CLI::App* app, ReplyOptions* reply) {
       ->check(WholeNumber(0, kMaxControlField));
 }
 
-void AddMisbehaviour(CLI::App* app, MisbehaviourOptions* misbehaviour) {
-  app->add_option("--fail-every", misbehaviour->fail_every,
-                  "answer every N-th request with --fail-status")
-      ->type_name("N")
-      ->check(WholeNumber(0, kMaxCount));
-  app->add_option("--fail-status", misbehaviour->fail_status, "status for --fail-every")
-      ->type_name("CODE")
-      ->check(WholeNumber(200, 599))
-      ->capture_default_str();
-  app->add_option("--status", misbehaviour->status, "status of all other answers")
-      ->type_name("CODE")
-      ->check(WholeNumber(200, 599))
-      ->capture_default_str();
-  app->add_option("--delay-ms", misbehaviour->delay_ms, "wait before each answer")
-      ->type_name("MS")
-      ->check(WholeNumber(0, kMaxDelayMs));
-  app->add_option("--close-every", misbehaviour->close_every,
-                  "close the connection of every N-th request without an answer")
-      ->type_name("N")
-      ->check(WholeNumber(0, kMaxCount));
-  app->add_option("--garbage-every", misbehaviour->garbage_every,
-                  "answer every N-th request 200 with a body that is not JSON")
-      ->type_name("N")
-      ->check(WholeNumber(0, kMaxCount));
-  app->add_option("--never-answer-every", misbehaviour->never_answer_every,
-                  "leave every N-th request unanswered until shutdown")
-      ->type_name("N")
-      ->check(WholeNumber(0, kMaxCount));
-}
-
 // An empty name is a variable of a script that was never set, not a wish to do without.
 CLI::Validator NotEmpty() {
   return CLI::Validator(
       [](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); }, "");
+}
+
+void AddMisbehaviour(CLI::App* app, std::vector<std::string>* scripts, uint64_t* seed) {
+  app->add_option(
+         "--misbehave", *scripts,
+         "what to do to which request: a FILE of lines, or with a colon in it one line, as "
+         "in 'every 3: status=503'; may be repeated")
+      ->type_name("SCRIPT")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->check(NotEmpty());
+  app->add_option("--seed", *seed, "of the chances and noise of --misbehave")
+      ->type_name("N")
+      ->check(WholeNumber(0, kMaxCount))
+      ->capture_default_str();
+}
+
+// Throws Fatal.
+void ReadScripts(const std::vector<std::string>& scripts, Options* options) {
+  Misbehaviour* const misbehaviour = &options->server.misbehaviour;
+  for (const std::string& script : scripts) {
+    if (script.find(':') != std::string::npos) {
+      misbehaviour->AddText(script, "--misbehave");
+    } else {
+      misbehaviour->AddFile(script);
+    }
+  }
+  if (options->cert_path.empty() && !misbehaviour->needs_tls().empty()) {
+    throw Fatal(kExitUsage, misbehaviour->needs_tls() +
+                                ": only TLS has alerts; give --cert and --key, or write close or "
+                                "reset");
+  }
 }
 
 // A size in bytes with an optional unit: 65536, 64KiB, 64MiB.
@@ -190,7 +195,9 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv) {
   AddServing(&app, &listen, &options);
   AddRecording(&app, &options.recorder);
   AddControlFields(&app, &options.server.reply);
-  AddMisbehaviour(&app, &options.server.misbehaviour);
+  std::vector<std::string> scripts;
+  uint64_t seed = 0;
+  AddMisbehaviour(&app, &scripts, &seed);
 
   try {
     app.parse(argc, argv);
@@ -201,6 +208,8 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv) {
     }
     throw Fatal(kExitUsage, std::string(error.what()) + "; see quenor-collector --help");
   }
+  options.server.misbehaviour.set_seed(seed);
+  ReadScripts(scripts, &options);
   std::tie(options.server.host, options.server.port) = ParseAddress(listen);
   return options;
 }

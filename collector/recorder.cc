@@ -94,13 +94,15 @@ JsonObject LogLine(const Received& received, uint64_t size_bytes, const std::str
       .AddNumber("size", size_bytes)
       .Add("sha256", sha256)
       .AddNumber("status", static_cast<uint64_t>(received.status));
+  if (!received.misbehaviour.empty()) line.Add("misbehaviour", received.misbehaviour);
   return line;
 }
 
 }  // namespace
 
 Recorder::Recorder(const RecorderOptions& options) : options_(options) {
-  if (!options_.out_dir.empty()) next_seq_ = PrepareFolder(options_.out_dir) + 1;
+  if (!options_.out_dir.empty()) first_seq_ = PrepareFolder(options_.out_dir) + 1;
+  next_seq_ = first_seq_;
   if (options_.log_path == "-") {
     log_fd_ = STDOUT_FILENO;
   } else if (!options_.log_path.empty()) {
@@ -123,7 +125,10 @@ bool Recorder::Record(const Received& received) {
   if (IsAccepted(received.status) && !options_.out_dir.empty()) {
     const bool keep_raw = inflated && inflated->verdict != InflateVerdict::kOk;
     recorded = FileBody(received, sha256, inflated ? &inflated->output : nullptr, keep_raw);
-    if (!recorded) answered.status = kCannotRecordStatus;
+    if (!recorded) {
+      answered.status = kCannotRecordStatus;
+      answered.misbehaviour = "";
+    }
   }
   JsonObject line = LogLine(answered, received.body.size(), sha256);
   if (inflated) {
@@ -132,14 +137,17 @@ bool Recorder::Record(const Received& received) {
         .Add("inflate", InflateVerdictName(inflated->verdict));
   }
   recorded = WriteLine(line.Finish()) && recorded;
-  Count(recorded && IsAccepted(answered.status), received.body.size(), sha256);
+  // What could not be recorded is refused, not done as the script says.
+  const bool misbehaved =
+      !received.misbehaviour.empty() && (recorded || !IsAccepted(received.status));
+  Count(recorded && IsAccepted(answered.status), misbehaved, received.body.size(), sha256);
   return recorded;
 }
 
 void Recorder::RecordRefused(const Received& received, uint64_t size_bytes) {
   // The answer is a refusal whether or not the line could be written.
   (void)WriteLine(LogLine(received, size_bytes, "").Finish());
-  Count(false, 0, "");
+  Count(false, !received.misbehaviour.empty(), 0, "");
 }
 
 bool Recorder::FileBody(const Received& received, const std::string& sha256,
@@ -174,9 +182,10 @@ bool Recorder::WriteLine(std::string line) {
   return error == 0;
 }
 
-void Recorder::Count(bool accepted, size_t size_bytes, const std::string& sha256) {
+void Recorder::Count(bool accepted, bool misbehaved, size_t size_bytes, const std::string& sha256) {
   const std::lock_guard<std::mutex> lock(counts_mutex_);
   ++counts_.requests;
+  counts_.misbehaved += misbehaved ? 1 : 0;
   if (!accepted) {
     ++counts_.failed;
     return;
@@ -191,6 +200,7 @@ Counts Recorder::GetCounts() const {
   const std::lock_guard<std::mutex> lock(counts_mutex_);
   Counts counts = counts_;
   counts.incomplete = incomplete_.load(std::memory_order_relaxed);
+  counts.misbehaved_connections = misbehaved_connections_.load(std::memory_order_relaxed);
   return counts;
 }
 
@@ -223,6 +233,8 @@ std::string CountsJson(const Counts& counts) {
       .AddNumber("bytes", counts.bytes)
       .AddNumber("distinct_sha256", counts.distinct_sha256)
       .AddNumber("incomplete", counts.incomplete)
+      .AddNumber("misbehaved", counts.misbehaved)
+      .AddNumber("misbehaved_connections", counts.misbehaved_connections)
       .Finish();
 }
 

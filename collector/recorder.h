@@ -32,7 +32,8 @@ struct Received {
   std::string_view path;
   std::string_view content_type;
   std::string_view body;
-  int status = 0;  // What will be answered; 0 when nothing will be.
+  std::string_view misbehaviour;  // What a script does to it; empty: nothing.
+  int status = 0;                 // What will be answered; 0 when nothing will be.
 };
 
 struct Counts {
@@ -42,6 +43,8 @@ struct Counts {
   uint64_t bytes = 0;            // Of accepted bodies, as received.
   uint64_t distinct_sha256 = 0;  // Of accepted bodies, as received.
   uint64_t incomplete = 0;       // Requests whose body never arrived whole; in no other count.
+  uint64_t misbehaved = 0;       // Requests that a script did something to.
+  uint64_t misbehaved_connections = 0;  // Connections ended by a script before their first request.
 };
 
 class Recorder {
@@ -56,6 +59,9 @@ class Recorder {
   // already holds, so that no record of an earlier run is overwritten.
   uint64_t NextSeq() { return next_seq_.fetch_add(1, std::memory_order_relaxed); }
 
+  // What NextSeq returned or will return first.
+  uint64_t first_seq() const { return first_seq_; }
+
   // Files the body if the status accepts it, writes the log line and counts. When it returns true,
   // all of it has been handed to the kernel, so a kill cannot undo it. False when a file or the log
   // could not be written: the reason is on standard error, the request counts as failed and must
@@ -63,11 +69,15 @@ class Recorder {
   // line.
   [[nodiscard]] bool Record(const Received& received);
 
-  // Logs and counts as failed a request whose body was too large to take. `size_bytes` is the
-  // announced size, or for a chunked body what arrived.
+  // Logs and counts as failed a request whose body was not taken. `size_bytes` is the announced
+  // size, or what arrived.
   void RecordRefused(const Received& received, uint64_t size_bytes);
 
   void CountIncomplete() { incomplete_.fetch_add(1, std::memory_order_relaxed); }
+
+  void CountMisbehavedConnection() {
+    misbehaved_connections_.fetch_add(1, std::memory_order_relaxed);
+  }
 
   Counts GetCounts() const;
 
@@ -75,7 +85,7 @@ class Recorder {
   bool FileBody(const Received& received, const std::string& sha256, const std::string* inflated,
                 bool keep_raw);
   bool WriteLine(std::string line);
-  void Count(bool accepted, size_t size_bytes, const std::string& sha256);
+  void Count(bool accepted, bool misbehaved, size_t size_bytes, const std::string& sha256);
 
   const RecorderOptions options_;
   int log_fd_ = -1;
@@ -83,9 +93,11 @@ class Recorder {
   std::mutex log_mutex_;   // Keeps lines whole; guards log_torn_.
   bool log_torn_ = false;  // The last line could not be written, or not all of it.
 
+  uint64_t first_seq_ = 1;  // Set before any worker runs.
   // relaxed: plain numbers that order nothing.
   std::atomic<uint64_t> next_seq_{1};
   std::atomic<uint64_t> incomplete_{0};
+  std::atomic<uint64_t> misbehaved_connections_{0};
 
   mutable std::mutex counts_mutex_;  // Guards the two below.
   Counts counts_;

@@ -15,6 +15,7 @@
 #include <limits>
 #include <utility>
 
+#include "collector/answer.h"
 #include "collector/fatal.h"
 #include "collector/files.h"
 
@@ -23,6 +24,10 @@ namespace quenor::collector {
 // What a worker knows about the request at hand beside httplib's view of it.
 struct CollectorServer::Exchange {
   Connection* connection = nullptr;
+  uint64_t seq = 0;  // Of a POST.
+  Plan plan;
+  EndKind end = EndKind::kNone;           // How the connection ends now,
+  EndKind end_at_input = EndKind::kNone;  // or when the next bytes arrive.
   bool inspected = false;  // False after process_request: the head could not be parsed.
   bool chunked = false;
   uint64_t length_bytes = 0;  // Announced; meaningless when chunked.
@@ -30,7 +35,6 @@ struct CollectorServer::Exchange {
   bool close = false;         // After the reply.
   bool unread = false;        // The peer may still be sending what we will not read.
   bool drop = false;          // Close without a reply.
-  bool hold = false;          // Keep open without a reply.
 };
 
 namespace {
@@ -47,7 +51,6 @@ constexpr size_t kBodyStepBytes = 16 * 1024;
 constexpr size_t kMaxReserveBytes = size_t{1} << 20;
 constexpr size_t kMaxLineBytes = 8 * 1024;
 constexpr char kJson[] = "application/json";
-constexpr char kGarbage[] = "<html>this is not the reply you are looking for";
 
 std::string LowerCase(std::string text) {
   for (char& c : text) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
@@ -126,7 +129,10 @@ CollectorServer::CollectorServer(const ServerOptions& options, Recorder& recorde
   set_keep_alive_max_count(std::numeric_limits<uint32_t>::max());
   set_expect_100_continue_handler(
       [this](const httplib::Request& request, httplib::Response& response) {
-        if (current_exchange_->refusal == 0) return 100;
+        const Ending& ending = current_exchange_->plan.ending;
+        const bool ends_here =
+            ending.kind != EndKind::kNone && ending.place == Place::kRequest && ending.offset == 0;
+        if (current_exchange_->refusal == 0 && !ends_here) return 100;
         Handle(request, &response);
         return response.status;
       });
@@ -249,6 +255,13 @@ void CollectorServer::AcceptAll() {
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     auto peer = std::make_unique<Peer>();
     peer->connection = std::make_unique<Connection>(fd, tls_, stopping_);
+    const Ending ending = options_.misbehaviour.ConnectionEnding(++connections_);
+    if (ending.kind != EndKind::kNone) recorder_.CountMisbehavedConnection();
+    if (ending.kind == EndKind::kRefuse) {
+      peer->connection->RefuseHandshake(ending.alert);
+    } else {
+      peer->end_at_input = ending.kind;
+    }
     peer->state = State::kBusy;
     epoll_event disarmed{};
     disarmed.events = EPOLLONESHOT;
@@ -346,6 +359,7 @@ void CollectorServer::Work() {
 
 void CollectorServer::Serve(Peer* peer) {
   Connection* const connection = peer->connection.get();
+  if (peer->end_at_input != EndKind::kNone) return End(peer, peer->end_at_input);
   if (!connection->is_handshaken()) {
     if (!connection->Handshake()) return Drop(peer);
     if (!connection->HasBufferedInput()) return Park(peer, State::kIdle);
@@ -360,7 +374,9 @@ void CollectorServer::Serve(Peer* peer) {
                       [&](httplib::Request& request) { Inspect(&exchange, &request); });
   current_exchange_ = nullptr;
 
-  if (exchange.hold) return Park(peer, State::kHeld);
+  if (exchange.end != EndKind::kNone && !exchange.drop) return End(peer, exchange.end);
+  peer->end_at_input = exchange.end_at_input;
+  if (!exchange.drop) connection->Unmute();
   const bool sent = !exchange.drop && connection->Flush();
   if (!answered || !sent || peer_closes || exchange.close || !exchange.inspected) {
     if (sent && (exchange.unread || !exchange.inspected)) connection->Linger();
@@ -368,6 +384,21 @@ void CollectorServer::Serve(Peer* peer) {
   }
   if (connection->HasBufferedInput()) return Enqueue(peer);
   Park(peer, State::kIdle);
+}
+
+// Ends the connection of a peer as a script wants it.
+void CollectorServer::End(Peer* peer, EndKind kind) {
+  Connection* const connection = peer->connection.get();
+  connection->Unmute();
+  if (kind == EndKind::kHang) return Park(peer, State::kHeld);
+  if (kind == EndKind::kAlert) connection->SendAlert();
+  if (kind == EndKind::kCut) connection->ForgoFarewell();
+  if (kind == EndKind::kReset) {
+    connection->Reset();
+  } else {
+    connection->Linger();
+  }
+  Drop(peer);
 }
 
 // Hands the peer to the watching thread. It may be served by another worker, or be gone, before
@@ -425,6 +456,11 @@ void CollectorServer::Inspect(Exchange* exchange, httplib::Request* request) con
     if (token == "keep-alive") keep_alive = true;
   });
   exchange->close = exchange->close || !keep_alive;
+
+  if (request->method == "POST") {
+    exchange->seq = recorder_.NextSeq();
+    exchange->plan = options_.misbehaviour.PlanFor(exchange->seq - recorder_.first_seq() + 1);
+  }
 
   const size_t lengths = request->headers.count("Content-Length");
   const size_t codings = request->headers.count("Transfer-Encoding");
@@ -494,8 +530,18 @@ void CollectorServer::HandleGet(const httplib::Request& request, httplib::Respon
 
 void CollectorServer::HandlePost(const httplib::Request& request, httplib::Response* response) {
   Exchange* const exchange = current_exchange_;
+  const Ending& ending = exchange->plan.ending;
   std::string body;
   uint64_t size_bytes = 0;
+  if (ending.kind != EndKind::kNone && ending.place == Place::kRequest) {
+    exchange->connection->LimitInput(ending.offset);
+    (void)ReadBody(*exchange, &body, &size_bytes);
+    exchange->end = ending.kind;
+    exchange->connection->Flush();  // What httplib has said so far: "100 Continue".
+    exchange->connection->Mute();
+    size_bytes = ending.offset - exchange->connection->input_left();
+    return RefusePost(request, size_bytes, StatusOnRecord(exchange->plan), response);
+  }
   switch (ReadBody(*exchange, &body, &size_bytes)) {
     case BodyOutcome::kWhole:
       return AnswerPost(request, body, response);
@@ -518,59 +564,78 @@ void CollectorServer::AnswerPost(const httplib::Request& request, const std::str
   Exchange* const exchange = current_exchange_;
   const std::string content_type = request.get_header_value("Content-Type");
   Received received;
-  received.seq = recorder_.NextSeq();
+  received.seq = exchange->seq;
   received.time = UtcNow();
   received.peer = exchange->connection->peer();
   received.path = request.target;
   received.content_type = content_type;
   received.body = body;
-  const Action action = ActionFor(options_.misbehaviour, received.seq);
-  received.status = StatusFor(options_.misbehaviour, action);
+  received.misbehaviour = exchange->plan.words;
+  received.status = StatusOnRecord(exchange->plan);
 
   // On record first: what is acknowledged must survive a kill that comes right after the reply.
   const bool recorded = recorder_.Record(received);
-  if (action == Action::kNeverAnswer || action == Action::kClose) {
-    exchange->hold = action == Action::kNeverAnswer;
-    exchange->drop = action == Action::kClose;
-    exchange->connection->Mute();
-  }
-  if (!exchange->hold) Delay();
-
-  response->status = received.status != 0 ? received.status : 500;
   if (!recorded && IsAccepted(received.status)) {
     response->status = kCannotRecordStatus;
     response->set_content(R"({"bytes_errinfo":"cannot record"})", kJson);
-  } else if (action == Action::kFail) {
-    response->set_content(R"({"bytes_errinfo":"refused"})", kJson);
-  } else if (action == Action::kGarbage) {
-    response->set_content(kGarbage, "text/html");
-  } else if (response->status != 204 && response->status != 304) {
+  } else if (!exchange->plan.words.empty()) {
+    Misbehave(exchange->plan);
+    response->status = 500;  // Seen by nobody: the answer has gone.
+  } else {
+    response->status = received.status;
     response->set_content(reply_, kJson);
+  }
+}
+
+// Answers as the plan says and mutes what httplib would answer.
+void CollectorServer::Misbehave(const Plan& plan) {
+  Exchange* const exchange = current_exchange_;
+  Pause(plan.delay_ms);
+  AnswerContext context;
+  context.reply = reply_;
+  context.framing = exchange->close
+                        ? "Connection: close\r\n"
+                        : "Keep-Alive: timeout=" + std::to_string(options_.idle_timeout_s) + "\r\n";
+  context.seed = options_.misbehaviour.seed();
+  context.pause = [this](uint64_t pause_ms) { Pause(pause_ms); };
+  exchange->drop = !WriteAnswer(plan, context, exchange->connection);
+  exchange->connection->Mute();
+
+  const Ending& ending = plan.ending;
+  if (ending.kind == EndKind::kNone) {
+    // Only the end of the connection tells the peer where such a body ends.
+    if (plan.length == Length::kNone) exchange->end = EndKind::kClose;
+  } else if (ending.place == Place::kNext) {
+    exchange->end_at_input = ending.kind;
+  } else {
+    exchange->end = ending.kind;
   }
 }
 
 void CollectorServer::RefusePost(const httplib::Request& request, uint64_t size_bytes, int status,
                                  httplib::Response* response) {
+  Exchange* const exchange = current_exchange_;
   const std::string content_type = request.get_header_value("Content-Type");
   Received received;
-  received.seq = recorder_.NextSeq();
+  received.seq = exchange->seq;
   received.time = UtcNow();
-  received.peer = current_exchange_->connection->peer();
+  received.peer = exchange->connection->peer();
   received.path = request.target;
   received.content_type = content_type;
   received.status = status;
+  if (exchange->end != EndKind::kNone) received.misbehaviour = exchange->plan.words;
   recorder_.RecordRefused(received, size_bytes);
-  response->status = status;
+  response->status = status != 0 ? status : 500;
   response->set_content(status == 413 ? R"({"bytes_errinfo":"body too large"})"
                                       : R"({"bytes_errinfo":"bad request"})",
                         kJson);
 }
 
-void CollectorServer::Delay() {
-  if (options_.misbehaviour.delay_ms == 0) return;
+// Waits for so long, or until the server stops.
+void CollectorServer::Pause(uint64_t pause_ms) {
+  if (pause_ms == 0) return;
   std::unique_lock<std::mutex> lock(mutex_);
-  stop_cv_.wait_for(lock, milliseconds(options_.misbehaviour.delay_ms),
-                    [this] { return stopping_.load(); });
+  stop_cv_.wait_for(lock, milliseconds(pause_ms), [this] { return stopping_.load(); });
 }
 
 // Reads the body, and one that is too large away, so that the connection can go on. *size_bytes is

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "collector/connection.h"
+#include "collector/misbehaviour.h"
 #include "collector/recorder.h"
 #include "collector/reply.h"
 #include "collector/tls.h"
@@ -36,7 +37,7 @@ struct ServerOptions {
   uint64_t max_body_bytes = uint64_t{64} << 20;
   uint64_t idle_timeout_s = 300;
   ReplyOptions reply;
-  MisbehaviourOptions misbehaviour;
+  Misbehaviour misbehaviour;
 };
 
 class CollectorServer : private httplib::Server {
@@ -66,6 +67,7 @@ class CollectorServer : private httplib::Server {
   struct Peer {
     std::unique_ptr<Connection> connection;
     State state = State::kIdle;
+    EndKind end_at_input = EndKind::kNone;  // How it ends when the next bytes arrive.
     std::chrono::steady_clock::time_point idle_since;
     std::list<Peer*>::iterator idle_place;  // Valid while kIdle.
   };
@@ -86,6 +88,7 @@ class CollectorServer : private httplib::Server {
   // Workers.
   void Work();
   void Serve(Peer* peer);
+  void End(Peer* peer, EndKind kind);
   void Park(Peer* peer, State state);
   void Enqueue(Peer* peer);
   void Drop(Peer* peer);
@@ -99,7 +102,8 @@ class CollectorServer : private httplib::Server {
                   httplib::Response* response);
   void RefusePost(const httplib::Request& request, uint64_t size_bytes, int status,
                   httplib::Response* response);
-  void Delay();
+  void Misbehave(const Plan& plan);
+  void Pause(uint64_t pause_ms);
   BodyOutcome ReadBody(const Exchange& exchange, std::string* body, uint64_t* size_bytes) const;
 
   const ServerOptions options_;
@@ -110,6 +114,7 @@ class CollectorServer : private httplib::Server {
   int epoll_fd_ = -1;
   int port_ = 0;
   bool accept_paused_ = false;  // The thread of Run only: out of descriptors.
+  uint64_t connections_ = 0;    // The thread of Run only: accepted so far.
 
   std::atomic<bool> stopping_{false};
   std::mutex mutex_;  // Guards everything below.

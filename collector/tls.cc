@@ -44,6 +44,13 @@ int SelectHttp11(SSL* /*ssl*/, const unsigned char** chosen, unsigned char* chos
   return outcome == OPENSSL_NPN_NEGOTIATED ? SSL_TLSEXT_ERR_OK : SSL_TLSEXT_ERR_NOACK;
 }
 
+int RefuseIfTold(SSL* ssl, int* alert, void* /*unused*/) {
+  const int* const refusal = static_cast<const int*>(SSL_get_app_data(ssl));
+  if (refusal == nullptr) return SSL_CLIENT_HELLO_SUCCESS;
+  *alert = *refusal;
+  return SSL_CLIENT_HELLO_ERROR;
+}
+
 }  // namespace
 
 SslCtxPtr LoadTlsContext(const std::string& cert_path, const std::string& key_path) {
@@ -60,6 +67,7 @@ SslCtxPtr LoadTlsContext(const std::string& cert_path, const std::string& key_pa
                    SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
   SSL_CTX_set_default_passwd_cb(context.get(), NoPassphrase);
   SSL_CTX_set_alpn_select_cb(context.get(), SelectHttp11, nullptr);
+  SSL_CTX_set_client_hello_cb(context.get(), RefuseIfTold, nullptr);
 
   if (SSL_CTX_use_certificate_chain_file(context.get(), cert_path.c_str()) != 1) {
     throw Fatal(kExitNoInput, "cannot use certificate " + cert_path +

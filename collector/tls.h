@@ -21,7 +21,9 @@ struct SslDeleter {
 using SslPtr = std::unique_ptr<SSL, SslDeleter>;
 
 // TLS 1.2 or newer, HTTP/1.1 by ALPN. Both files are PEM; the certificate may be followed by its
-// chain. Throws Fatal, naming the file, when one cannot be read or the two do not belong together.
+// chain. A connection whose SSL has an int as its app data refuses the peer's hello with the fatal
+// alert of that number. Throws Fatal, naming the file, when one cannot be read or the two do not
+// belong together.
 SslCtxPtr LoadTlsContext(const std::string& cert_path, const std::string& key_path);
 
 }  // namespace quenor::collector

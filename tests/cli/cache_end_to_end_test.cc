@@ -166,7 +166,7 @@ TEST_P(EachCacheTest, LeftoversAreKeptUntilAServerTakesThem) {
 TEST_P(EachCacheTest, AKilledRunHasItsSavedLinesDeliveredByTheNext) {
   const std::vector<std::string> lines = NumberedLines(60);
   const std::string some = Joined({lines.begin(), lines.begin() + 40});
-  Collector first_collector(certificates_, {"--never-answer-every", "3"});
+  Collector first_collector(certificates_, {"--misbehave", "every 3: hang"});
   {
     Pipe input;
     Process report(SendCommand(certificates_, first_collector.url(),
@@ -303,7 +303,7 @@ TEST_P(EachCacheTest, CommandsShowAndRemoveWhatARunLeft) {
 }
 
 TEST_P(EachCacheTest, CommandsLeaveALiveRunAlone) {
-  Collector collector(certificates_, {"--never-answer-every", "1"});
+  Collector collector(certificates_, {"--misbehave", "all: hang"});
   Pipe input;
   Process report(SendCommand(certificates_, collector.url(), {"--cache", GetParam(), "--send-now"}),
                  std::move(input.reader));
@@ -397,7 +397,7 @@ TEST_F(CachedReportTest, CacheNoneTouchesNothing) {
 }
 
 TEST_F(CachedReportTest, WithoutACacheTheSavedListHasWhatWasDelivered) {
-  Collector collector(certificates_, {"--status", "503"});
+  Collector collector(certificates_, {"--misbehave", "all: status=503"});
   const Arguments arguments = {"--cache",      "none", "--saved-list", SavedList(), "--send-now",
                                "--max-resend", "1"};
   EXPECT_EQ(69, Send(collector.url(), arguments, "a\n").exit_code);
@@ -422,7 +422,7 @@ TEST_F(CachedReportTest, TheSavedListNamesFiles) {
 }
 
 TEST_F(CachedReportTest, TwoRunsShareTheMappedFileAndEachKeepsItsOwn) {
-  Collector silent(certificates_, {"--never-answer-every", "1"});
+  Collector silent(certificates_, {"--misbehave", "all: hang"});
   Collector collector(certificates_, {});
   Pipe input;
   Process first(SendCommand(certificates_, silent.url(), {"--send-now"}), std::move(input.reader));
@@ -445,7 +445,7 @@ TEST_F(CachedReportTest, TwoRunsShareTheMappedFileAndEachKeepsItsOwn) {
 }
 
 TEST_F(CachedReportTest, ASecondRunOnThePlainFileGoesOnInMemoryAndSaysWhatToDo) {
-  Collector silent(certificates_, {"--never-answer-every", "1"});
+  Collector silent(certificates_, {"--misbehave", "all: hang"});
   Collector collector(certificates_, {});
   Pipe input;
   Process first(SendCommand(certificates_, silent.url(), {"--cache", "file", "--send-now"}),

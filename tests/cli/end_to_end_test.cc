@@ -119,7 +119,8 @@ TEST_F(ReportTest, CompressedLinesArriveWholeAndThoseThatDoNotShrinkAreNamed) {
 }
 
 TEST_F(ReportTest, CompressedMessagesSurviveAServerThatFailsAndLimitsResends) {
-  Collector collector(certificates_, {"--inflate", "--fail-every", "3", "--max-resend", "1"});
+  Collector collector(certificates_,
+                      {"--inflate", "--misbehave", "every 3: status=503", "--max-resend", "1"});
   std::vector<std::string> lines = NumberedLines(8);
   for (std::string& line : lines) line += std::string(200, 'r');
 
@@ -159,7 +160,7 @@ TEST_F(ReportTest, AnEmptyInputIsDelivered) {
 }
 
 TEST_F(ReportTest, LosesNothingToAServerThatFailsEveryThirdRequest) {
-  Collector collector(certificates_, {"--fail-every", "3"});
+  Collector collector(certificates_, {"--misbehave", "every 3: status=503"});
   const std::vector<std::string> lines = NumberedLines(8);
 
   const Result result = Send(collector.url(), {"--send-now", "--wait", "120"}, Joined(lines));
@@ -171,7 +172,7 @@ TEST_F(ReportTest, LosesNothingToAServerThatFailsEveryThirdRequest) {
 }
 
 TEST_F(ReportTest, LosesNothingToAServerThatLowersTheResendLimit) {
-  Collector collector(certificates_, {"--fail-every", "3", "--max-resend", "1"});
+  Collector collector(certificates_, {"--misbehave", "every 3: status=503", "--max-resend", "1"});
   const std::vector<std::string> lines = NumberedLines(8);
 
   const Result result = Send(collector.url(), {"--send-now", "--wait", "120"}, Joined(lines));
@@ -207,7 +208,7 @@ TEST_F(ReportTest, SaysThatItsOwnIntervalSwitchesSendNowOff) {
 }
 
 TEST_F(ReportTest, NamesWhatIsDroppedAtTheResendLimit) {
-  Collector collector(certificates_, {"--status", "503"});
+  Collector collector(certificates_, {"--misbehave", "all: status=503"});
   const std::string file = certificates_.Write("crash.dmp", "x");
 
   const Result lines = Send(collector.url(), {"--send-now", "--max-resend", "1"}, "a\nb\n");
@@ -243,7 +244,7 @@ TEST_F(ReportTest, WhenTheServerIsDownEverythingIsLeftAndNamed) {
 }
 
 TEST_F(ReportTest, WaitZeroDoesNotWait) {
-  Collector collector(certificates_, {"--never-answer-every", "1"});
+  Collector collector(certificates_, {"--misbehave", "all: hang"});
 
   const Result result = Send(collector.url(), {"--wait", "0", "--no-persist"}, "a\n");
 
@@ -295,7 +296,7 @@ TEST_F(ReportTest, NeverGoesAroundAProxyThatIsDown) {
 class StopSignalTest : public ReportTest, public ::testing::WithParamInterface<int> {};
 
 TEST_P(StopSignalTest, EndsInOrderAndSaysWhatIsLeft) {
-  Collector collector(certificates_, {"--never-answer-every", "3"});
+  Collector collector(certificates_, {"--misbehave", "every 3: hang"});
   Pipe input;
   Process report(SendCommand(certificates_, collector.url(), {"--send-now", "--wait", "300"}),
                  std::move(input.reader));
@@ -331,7 +332,7 @@ TEST_F(ReportTest, ASignalEndsItWhileItWaitsForInput) {
 }
 
 TEST_F(ReportTest, ASecondSignalEndsItAtOnce) {
-  Collector collector(certificates_, {"--never-answer-every", "1"});
+  Collector collector(certificates_, {"--misbehave", "all: hang"});
   Pipe input;
   // Nobody reads this pipe and it is full: the line about what is left cannot be written.
   Pipe error;

@@ -187,7 +187,7 @@ TEST_F(BodiesTest, BodyCutShortIsNoRequest) {
   const httplib::Result stats = collector.NewClient()->Get("/stats");
   ASSERT_TRUE(stats);
   EXPECT_EQ(stats->body, R"({"requests":0,"accepted":0,"failed":0,"bytes":0,"distinct_sha256":0,)"
-                         R"("incomplete":1})");
+                         R"("incomplete":1,"misbehaved":0,"misbehaved_connections":0})");
   EXPECT_EQ(ReadFile(dir_ / "log"), "");
 }
 

@@ -1,7 +1,10 @@
 #include "collector/options.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <utility>
@@ -37,8 +40,7 @@ TEST(OptionsTest, DefaultsListenOnAFreeLoopbackPort) {
   EXPECT_EQ(options.server.port, 0);
   EXPECT_EQ(options.server.threads, 64u);
   EXPECT_EQ(options.server.max_body_bytes, 64u << 20);
-  EXPECT_EQ(options.server.misbehaviour.fail_status, 503);
-  EXPECT_EQ(options.server.misbehaviour.status, 200);
+  EXPECT_EQ(options.server.misbehaviour.PlanFor(1).words, "");
   EXPECT_FALSE(options.recorder.inflate);
 }
 
@@ -75,16 +77,13 @@ TEST(OptionsTest, WrongAddressesAreNamed) {
 
 TEST(OptionsTest, WrongValuesNameTheirOption) {
   const std::vector<std::pair<std::string, std::string>> wrong = {
-      {"--fail-every", "-3"},
-      {"--fail-every", "x"},
-      {"--status", "199"},
-      {"--status", "600"},
-      {"--fail-status", "2e2"},
+      {"--seed", "-3"},
+      {"--seed", "x"},
+      {"--misbehave", ""},
       {"--max-body", "-1"},
       {"--max-body", "1 parsec"},
       {"--threads", "0"},
       {"--send-interval", "4294967296"},
-      {"--delay-ms", "1.5"},
       {"--idle-timeout", "0"},
       {"--out", ""},
       {"--log", ""},
@@ -93,6 +92,29 @@ TEST(OptionsTest, WrongValuesNameTheirOption) {
   for (const auto& [option, value] : wrong) {
     EXPECT_NE(UsageError({option, value}).find(option), std::string::npos) << option << value;
   }
+}
+
+TEST(OptionsTest, ScriptLinesAndFilesAddUpInTheirOrder) {
+  const std::string path = ::testing::TempDir() + "quenor-script-" + std::to_string(::getpid());
+  std::ofstream(path) << "2: status=502\n3: status=502\n";
+
+  const Options options = *Parse({"--misbehave", "all: status=501", "--misbehave", path,
+                                  "--misbehave", "3: status=503\n4: status=504", "--seed", "9"});
+  std::remove(path.c_str());
+
+  const Misbehaviour& misbehaviour = options.server.misbehaviour;
+  EXPECT_EQ(misbehaviour.seed(), 9u);
+  for (int number = 1; number <= 4; ++number) {
+    EXPECT_EQ(misbehaviour.PlanFor(number).status, 500 + number) << number;
+  }
+}
+
+TEST(OptionsTest, AlertsNeedACertificate) {
+  const std::string error = UsageError({"--misbehave", "all: alert"});
+
+  EXPECT_NE(error.find("--misbehave:1: "), std::string::npos) << error;
+  EXPECT_NE(error.find("--cert"), std::string::npos) << error;
+  EXPECT_TRUE(Parse({"--cert", "c", "--key", "k", "--misbehave", "all: alert"}));
 }
 
 TEST(OptionsTest, UnknownOptionsAndStrayWordsAreNamed) {

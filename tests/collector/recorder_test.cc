@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -181,6 +182,23 @@ TEST_F(RecorderTest, BodyThatCannotBeFiledIsNotAccepted) {
   EXPECT_EQ(CountsLine(recorder.GetCounts()), "requests=1 accepted=0 failed=1 distinct=0 bytes=0");
 }
 
+TEST_F(RecorderTest, WhatAScriptDoesIsLoggedOnlyIfItIsDone) {
+  Recorder recorder(options_);
+  Received received;
+  received.seq = recorder.NextSeq();
+  received.status = 200;
+  received.misbehaviour = "close=body";
+  ASSERT_TRUE(recorder.Record(received));
+  std::filesystem::remove_all(options_.out_dir);
+
+  EXPECT_FALSE(recorder.Record(received));
+
+  const auto log = ReadLog(options_.log_path);
+  EXPECT_STREQ(log.at(0)["misbehaviour"].GetString(), "close=body");
+  EXPECT_FALSE(log.at(1).HasMember("misbehaviour"));
+  EXPECT_EQ(recorder.GetCounts().misbehaved, 1u);
+}
+
 TEST_F(RecorderTest, BodyThatCannotBeLoggedIsNotAccepted) {
   options_.log_path = "/dev/full";
   Recorder recorder(options_);
@@ -253,7 +271,7 @@ TEST(RecorderTextTest, CountsAsJson) {
 
   EXPECT_EQ(CountsJson(counts),
             R"({"requests":7,"accepted":5,"failed":2,"bytes":99,"distinct_sha256":4,)"
-            R"("incomplete":1})");
+            R"("incomplete":1,"misbehaved":0,"misbehaved_connections":0})");
 }
 
 }  // namespace

@@ -6,8 +6,11 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <random>
 #include <stdexcept>
+#include <utility>
 
 namespace quenor::collector::test {
 
@@ -35,9 +38,11 @@ void RawClient::Send(const std::string& bytes) const {
 
 void RawClient::EndSending() const { ::shutdown(fd_, SHUT_WR); }
 
-bool RawClient::ReadMore() {
-  char step[4096];
-  const ssize_t got = ::recv(fd_, step, sizeof(step), 0);
+bool RawClient::ReadMore(int flags) {
+  char step[64 * 1024];
+  const ssize_t got = ::recv(fd_, step, sizeof(step), flags);
+  if (got < 0 && errno == ECONNRESET) was_reset_ = true;
+  has_ended_ = got == 0 || was_reset_;
   if (got > 0) unread_.append(step, static_cast<size_t>(got));
   return got > 0;
 }
@@ -55,6 +60,21 @@ std::string RawClient::ReadAll() {
   while (ReadMore()) {
   }
   return std::move(unread_);
+}
+
+std::string RawClient::Read(size_t size) {
+  while (unread_.size() < size && ReadMore()) {
+  }
+  const size_t end = std::min(size, unread_.size());
+  std::string text = unread_.substr(0, end);
+  unread_.erase(0, end);
+  return text;
+}
+
+std::string RawClient::ReadWhatIsThere() {
+  while (ReadMore(MSG_DONTWAIT)) {
+  }
+  return std::exchange(unread_, "");
 }
 
 std::string Exchange(int port, const std::string& request) {

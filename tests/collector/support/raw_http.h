@@ -20,13 +20,24 @@ class RawClient {
 
   // Reads until `mark` has come; what came up to its end. At the end of input, all that came.
   std::string ReadThrough(const std::string& mark);
-  // Reads until the server closes.
+  // Reads until the server closes or resets the connection.
   std::string ReadAll();
+  // Reads `size` bytes, or up to the end of input.
+  std::string Read(size_t size);
+  // What has come by now; does not wait.
+  std::string ReadWhatIsThere();
+  // The end of input has been read.
+  bool has_ended() const { return has_ended_; }
+  // It came with RST, not with FIN.
+  bool was_reset() const { return was_reset_; }
+  int fd() const { return fd_; }
 
  private:
-  bool ReadMore();
+  bool ReadMore(int flags = 0);
 
   int fd_ = -1;
+  bool has_ended_ = false;
+  bool was_reset_ = false;
   std::string unread_;
 };
 
