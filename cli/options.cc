@@ -118,13 +118,37 @@ void AddCache(CLI::App* send, Options* options, Texts* texts) {
       ->type_name("FILE");
 }
 
-void AddConnection(CLI::App* send, Options* options, std::string* socks5) {
-  send->add_option("--cacert", options->ca_file,
-                   "PEM file of CA certificates to trust instead of the system's")
-      ->type_name("FILE");
-  send->add_flag("--http1", options->http1, "speak HTTP/1.1 only; HTTP/2 is offered otherwise");
-  send->add_option("--socks5", *socks5,
-                   "go through this SOCKS5 proxy; user and password percent-encoded")
+void AddConnection(CLI::App* app, Connection* connection, std::string* socks5) {
+  const CLI::Validator not_empty(
+      [](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); }, "");
+  app->add_option("--cacert", connection->ca_file,
+                  "PEM file of CA certificates to trust instead of the system's")
+      ->type_name("FILE")
+      ->check(not_empty);
+  app->add_option("--capath", connection->ca_folder,
+                  "folder of CA certificates, prepared by \"openssl rehash\", to trust instead of "
+                  "the system's")
+      ->type_name("DIR")
+      ->check(not_empty);
+  app->add_option("--pin", connection->pins,
+                  "trust the server only with this public key, beside its certificate; give it "
+                  "again for a spare")
+      ->type_name("sha256//BASE64")
+      ->allow_extra_args(false);
+  CLI::Option* const certificate =
+      app->add_option("--client-cert", connection->client_certificate_file,
+                      "PEM certificate to show to a server that asks for one; its key may be in it")
+          ->type_name("FILE")
+          ->check(not_empty);
+  app->add_option("--client-key", connection->client_key_file,
+                  "PEM private key of --client-cert, not encrypted")
+      ->type_name("FILE")
+      ->check(not_empty)
+      ->needs(certificate);
+  app->add_flag("--http1", connection->http1, "speak HTTP/1.1 only; HTTP/2 is offered otherwise");
+  app->add_option("--socks5,--proxy", *socks5,
+                  "go through this SOCKS5 proxy, which also resolves the server's name; user and "
+                  "password percent-encoded; \"socks5h://\" may stand before it")
       ->type_name("[user:pass@]host:port");
 }
 

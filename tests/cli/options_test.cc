@@ -45,6 +45,10 @@ TEST(OptionsTest, HasDefaultsForAllButTheUrl) {
   EXPECT_FALSE(options.send_now);
   EXPECT_FALSE(options.compress);
   EXPECT_EQ("", options.ca_file);
+  EXPECT_EQ("", options.ca_folder);
+  EXPECT_TRUE(options.pins.empty());
+  EXPECT_EQ("", options.client_certificate_file);
+  EXPECT_EQ("", options.client_key_file);
   EXPECT_FALSE(options.http1);
   EXPECT_FALSE(options.socks5);
   EXPECT_FALSE(options.interval_ms);
@@ -80,6 +84,20 @@ TEST(OptionsTest, TakesEveryOption) {
   EXPECT_FALSE(options.persist);
   EXPECT_EQ("saved", options.saved_list);
   EXPECT_EQ((std::vector<std::string>{"a", "-", "/b"}), options.files);
+}
+
+TEST(OptionsTest, TakesWhatTheServerMustProveAndWhatItIsShown) {
+  const Options options =
+      Parse({"--capath", "cas", "--pin", "sha256//a", "--pin", "sha256//b", "--client-cert",
+             "c.pem", "--client-key", "c.key", "--proxy", "socks5h://p:1", "file"});
+
+  EXPECT_EQ("cas", options.ca_folder);
+  EXPECT_EQ((std::vector<std::string>{"sha256//a", "sha256//b"}), options.pins);
+  EXPECT_EQ("c.pem", options.client_certificate_file);
+  EXPECT_EQ("c.key", options.client_key_file);
+  ASSERT_TRUE(options.socks5);
+  EXPECT_EQ("p", options.socks5->host);
+  EXPECT_EQ((std::vector<std::string>{"file"}), options.files);
 }
 
 TEST(OptionsTest, KnowsEveryKindOfCache) {
@@ -123,6 +141,12 @@ TEST(OptionsTest, RefusesWrongUsageInOneLine) {
       {"send", "--url", kUrl, "-", "-"},
       {"send", "--url", kUrl, "--socks5", "host"},
       {"send", "--url", kUrl, "--socks5", ""},
+      {"send", "--url", kUrl, "--socks5", "a:1", "--proxy", "b:1"},
+      {"send", "--url", kUrl, "--cacert", ""},
+      {"send", "--url", kUrl, "--capath", ""},
+      {"send", "--url", kUrl, "--pin"},
+      {"send", "--url", kUrl, "--client-cert", ""},
+      {"send", "--url", kUrl, "--client-key", "k"},
       {"send", "--url", kUrl, "--interval", "-1"},
       {"send", "--url", kUrl, "--interval", "4294967296"},
       {"send", "--url", kUrl, "--interval", "soon"},
