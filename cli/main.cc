@@ -16,6 +16,7 @@
 #include "cli/channel_log.h"
 #include "cli/connection.h"
 #include "cli/console.h"
+#include "cli/doctor.h"
 #include "cli/fatal.h"
 #include "cli/input.h"
 #include "cli/options.h"
@@ -75,6 +76,9 @@ int Main(int argc, const char* const* argv) {
     if (!command) return kExitOk;
     if (const auto* cache = std::get_if<CacheCommand>(&*command)) {
       return RunCacheCommand(*cache, STDOUT_FILENO, *console);
+    }
+    if (const auto* doctor = std::get_if<DoctorCommand>(&*command)) {
+      return RunDoctor(*doctor, STDOUT_FILENO);
     }
     return Send(std::get<Options>(*command), *console, *log);
   } catch (const Fatal& fatal) {

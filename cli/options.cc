@@ -53,6 +53,18 @@ Exit codes: 0 fine, 1 verify found damage, 64 wrong usage, 65 no cache file or a
 66 no such file, 74 the system refused, 75 purge: a run has it open. The guide is
 docs/guide/quenor-report.md.)";
 
+constexpr char kDoctorFooter[] = R"(Examples:
+  quenor-report doctor --url https://collector.example/reports
+      name, connection and TLS; the server gets no report
+  quenor-report doctor --url https://collector.example/reports --probe
+      sends one small report too, and says what the channel would make of the answer
+  quenor-report doctor --url https://collector.example/ --socks5 proxy.example:1080 --json
+      a line of JSON for each step, for scripts
+
+Exit codes: 0 no step failed (there may be warnings), 64 wrong usage, 69 a step failed, 70 no memory
+or thread, 74 standard output cannot be written to. The guide is docs/guide/quenor-report.md.)";
+
+constexpr double kMaxTimeoutS = 3600;
 constexpr size_t kMaxChannelBytes = 200;
 constexpr double kMaxWaitS = 1e9;
 
@@ -184,6 +196,25 @@ void AddCacheCommands(CLI::App* cache, CacheCommand* command, std::string* raw) 
       ->add_flag("--yes", command->yes, "without it nothing is removed");
 }
 
+void AddDoctor(CLI::App* doctor, DoctorCommand* command) {
+  doctor->add_option("--url", command->url, "where reports would be POSTed: https:// or http://")
+      ->type_name("URL")
+      ->required();
+  doctor->add_option("--timeout", command->timeout_s, "how long each step may take")
+      ->type_name("SECONDS")
+      ->default_str("10");
+  doctor->add_flag("--probe", command->probe,
+                   "POST one small report at the end; the server takes it like any other");
+  doctor->add_flag("--json", command->json, "a line of JSON for each step");
+}
+
+void CheckDoctor(const DoctorCommand& command) {
+  CheckUrl(command.url);
+  // Below a millisecond nothing could ever succeed.
+  if (command.timeout_s >= 0.001 && command.timeout_s <= kMaxTimeoutS) return;
+  throw Fatal(kExitUsage, "--timeout is not a number of seconds from 0.001 to 3600");
+}
+
 // The channel's name becomes the name of a thread and of a file.
 void CheckChannel(const std::string& name) {
   const bool usable = !name.empty() && name.size() <= kMaxChannelBytes && name != "." &&
@@ -216,14 +247,15 @@ std::string OneLine(std::string text) {
 std::optional<Command> ParseCommandLine(int argc, const char* const* argv) {
   Options options;
   CacheCommand command;
+  DoctorCommand diagnosis;
   Texts texts;
   CLI::App app(
       "Delivers reports to a collection server, each as one HTTPS POST that is repeated "
       "until the server has answered 200.",
       "quenor-report");
   app.footer(
-      "Each has its own help: quenor-report send --help, quenor-report cache --help. The "
-      "guide is docs/guide/quenor-report.md.");
+      "Each has its own help: quenor-report send --help, quenor-report cache --help, "
+      "quenor-report doctor --help. The guide is docs/guide/quenor-report.md.");
   app.set_version_flag("--version", VersionText());
   app.require_subcommand(1);
   CLI::App* send = app.add_subcommand("send", "deliver lines of standard input, or files");
@@ -232,6 +264,10 @@ std::optional<Command> ParseCommandLine(int argc, const char* const* argv) {
   cache->footer(kCacheFooter);
   cache->require_subcommand(0, 1);
   AddCacheCommands(cache, &command, &texts.raw);
+  CLI::App* doctor = app.add_subcommand("doctor", "find out why reports do not arrive");
+  doctor->footer(kDoctorFooter);
+  AddDoctor(doctor, &diagnosis);
+  AddConnection(doctor, &diagnosis, &texts.socks5);
   AddDelivery(send, &options);
   AddCache(send, &options, &texts);
   AddConnection(send, &options, &texts.socks5);
@@ -244,7 +280,10 @@ std::optional<Command> ParseCommandLine(int argc, const char* const* argv) {
       return std::nullopt;
     }
     throw Fatal(kExitUsage, OneLine(error.what()) + "; see quenor-report " +
-                                (cache->parsed() ? "cache" : "send") + " --help");
+                                (cache->parsed()    ? "cache"
+                                 : doctor->parsed() ? "doctor"
+                                                    : "send") +
+                                " --help");
   }
   if (cache->parsed()) {
     if (cache->get_subcommands().empty()) {
@@ -256,6 +295,11 @@ std::optional<Command> ParseCommandLine(int argc, const char* const* argv) {
     if (dump->count("--raw") > 0) command.raw = texts.raw;
     if (command.file.empty()) throw Fatal(kExitUsage, "the name of the cache file is empty");
     return command;
+  }
+  if (doctor->parsed()) {
+    CheckDoctor(diagnosis);
+    if (doctor->count("--socks5") > 0) diagnosis.socks5 = ParseSocks5(texts.socks5);
+    return diagnosis;
   }
   CheckRest(options);
   if (send->count("--socks5") > 0) options.socks5 = ParseSocks5(texts.socks5);

@@ -40,7 +40,15 @@ struct CacheCommand {
   bool yes = false;                // Purge.
 };
 
-using Command = std::variant<Options, CacheCommand>;
+// "quenor-report doctor".
+struct DoctorCommand : Connection {
+  std::string url;
+  double timeout_s = 10;  // Of each step.
+  bool probe = false;
+  bool json = false;
+};
+
+using Command = std::variant<Options, CacheCommand, DoctorCommand>;
 
 // Parses and checks the command line. Empty if it asked for --help or --version, which has then
 // been printed. Throws Fatal with kExitUsage.
