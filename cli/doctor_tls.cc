@@ -8,6 +8,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -420,12 +421,13 @@ void FailHandshake(const Connection& connection, const Seen& seen, Step* step) {
 }
 
 void JudgePins(const Connection& connection, const std::string& pin, Step* step) {
+  step->Add("pin", pin);
   if (connection.pins.empty()) {
-    step->Add("pin", pin + " (no pins are set)");
+    step->Add("pinned", "no keys are");
     return;
   }
   const bool matches = std::count(connection.pins.begin(), connection.pins.end(), pin) > 0;
-  step->Add("pin", pin + (matches ? " (matches --pin)" : " (matches no --pin)"));
+  step->Add("pinned", matches ? "this key is" : "other keys are");
   if (matches || step->result == Step::Result::kFailed) return;
   step->Fail("pin_mismatch", "the server's public key is none of those pinned",
              "if its key was changed on purpose, add --pin " + pin +
@@ -506,13 +508,20 @@ Step CheckTls(int fd, const std::string& given_host, const Connection& connectio
               const CaSource& ca, uint32_t timeout_ms) {
   Step step("tls");
   Seen seen;
-  const Deadline deadline(timeout_ms);
   const std::string host = WithoutLastDot(given_host);
   ERR_clear_error();
   const ContextPtr context = MakeContext(connection, ca, &seen, &step);
   if (context == nullptr) return step;
   const SslPtr ssl = MakeSsl(context.get(), fd, host, connection.http1);
+  // Only now: to load the system's certificates takes longer than many a handshake.
+  const auto begin = std::chrono::steady_clock::now();
+  const Deadline deadline(timeout_ms);
   Outcome outcome = Drive(ssl.get(), deadline, [&] { return SSL_connect(ssl.get()); });
+  const std::chrono::duration<double, std::milli> taken_ms =
+      std::chrono::steady_clock::now() - begin;
+  char handshake[32];
+  std::snprintf(handshake, sizeof(handshake), "%.1f ms", taken_ms.count());
+  step.Add("handshake", handshake);
   Outcome verdict = Outcome::kDone;
   if (outcome == Outcome::kDone) {
     step.summary = std::string(SSL_get_version(ssl.get())) + ", the server is who it should be";
