@@ -333,6 +333,50 @@ TEST_F(DoctorTest, NamesASelfSignedCertificateUnlessItIsTheTrustedOne) {
   ExpectWell(Examine(collector.url(), {"--cacert", own.certificate_file, "--probe"}));
 }
 
+// The doctor's handshake is not the one of reports, and must judge alike.
+TEST_F(DoctorTest, AcceptsAndRefusesTheServersThatSendDoes) {
+  const CertificateAuthority stranger(folder_.path(), "stranger");
+  CertificateAuthority second(folder_.path(), "second");
+  const Certificate for_address = authority_.Issue("localhost", "IP:127.0.0.1");
+  const struct {
+    const char* what;
+    Certificate certificate;
+    std::string ca_file;
+    bool as_address;  // Whether https://127.0.0.1 is accepted.
+    bool as_name;     // Whether https://localhost is.
+  } cases[] = {
+      {"good", good_, authority_.ca_file(), true, true},
+      {"the server's own certificate as CA", good_, good_.certificate_file, true, true},
+      {"stranger", good_, stranger.ca_file(), false, false},
+      {"expired", authority_.Issue("a", kNames, -7200, -3600), authority_.ca_file(), false, false},
+      {"future", authority_.Issue("b", kNames, 3600, 7200), authority_.ca_file(), false, false},
+      {"name", authority_.Issue("c", "DNS:localhost"), authority_.ca_file(), false, true},
+      {"address and common name", for_address, authority_.ca_file(), true, false},
+      {"address as a name", authority_.Issue("d", "DNS:127.0.0.1"), authority_.ca_file(), false,
+       false},
+      {"common name alone", second.Issue("localhost", "email:a@b"), second.ca_file(), false, true},
+      {"neither", second.Issue("other", "email:a@b"), second.ca_file(), false, false},
+      {"wildcard", authority_.Issue("e", "DNS:*"), authority_.ca_file(), false, false},
+  };
+  for (const auto& test : cases) {
+    TlsCollector collector(test.certificate);
+    for (const bool by_name : {false, true}) {
+      const std::string url =
+          by_name ? "https://localhost:" + collector.port() + "/" : collector.url();
+      const int expected = (by_name ? test.as_name : test.as_address) ? 0 : 69;
+
+      const Result diagnosis = Examine(url, {"--cacert", test.ca_file});
+      const Result delivery =
+          RunWhole({QUENOR_REPORT_PATH, "send", "--url", url, "--cacert", test.ca_file, "--cache",
+                    "none", "--send-now", "--max-resend", "1"},
+                   "a\n");
+
+      EXPECT_EQ(expected, diagnosis.exit_code) << test.what << " " << by_name << diagnosis.out;
+      EXPECT_EQ(expected, delivery.exit_code) << test.what << " " << by_name << delivery.err;
+    }
+  }
+}
+
 TEST_F(DoctorTest, TheSystemsCertificatesDoNotTrustTheTests) {
   TlsCollector collector(good_);
 
