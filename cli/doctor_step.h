@@ -5,6 +5,7 @@
 #define CLI_DOCTOR_STEP_H_
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace quenor::cli {
