@@ -150,7 +150,7 @@ std::string Outcome(const Attempt& attempt) {
 
 // The error that says most of several.
 int Telling(const std::vector<Attempt>& attempts) {
-  for (const int error : {ECONNREFUSED, ETIMEDOUT, EACCES, EPERM, EHOSTUNREACH}) {
+  for (const int error : {ECONNRESET, ECONNREFUSED, ETIMEDOUT, EACCES, EPERM, EHOSTUNREACH}) {
     for (const Attempt& attempt : attempts) {
       if (attempt.error == error) return error;
     }
@@ -170,6 +170,10 @@ void FailConnect(int error, const std::string& what, Step* step) {
     step->Fail("timeout", summary,
                "look for a firewall that drops packets, a wrong address, or a machine that is down "
                "or overloaded; a slow network needs a larger --timeout");
+  } else if (error == ECONNRESET) {
+    step->Fail("closed", what + " accepted the connection and reset it at once",
+               "look into its log, and for a firewall or load balancer before it that has nowhere "
+               "to hand connections to");
   } else if (error == EACCES || error == EPERM) {
     step->Fail("forbidden", summary,
                "a firewall or sandbox of this machine forbids the connection; allow it there");

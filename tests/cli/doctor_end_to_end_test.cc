@@ -478,12 +478,23 @@ TEST_F(DoctorTest, NamesPlainHttpOnTheTlsPort) {
                "not_tls", "does not speak TLS");
 }
 
-TEST_F(DoctorTest, NamesAConnectionThatIsCutWithinTheHandshake) {
-  const ScriptedServer server(
-      [](ScriptedServer::Connection& connection) { connection.ResetNow(); });
+TEST_F(DoctorTest, NamesAConnectionThatIsClosedWithinTheHandshake) {
+  const ScriptedServer server([](ScriptedServer::Connection&) {});
 
   ExpectFailed(ExamineTrusting("https://127.0.0.1:" + std::to_string(server.port()) + "/"), "tls",
                "closed", "closed within the handshake");
+}
+
+TEST_F(DoctorTest, NamesAConnectionThatIsResetAtOnce) {
+  const ScriptedServer server(
+      [](ScriptedServer::Connection& connection) { connection.ResetNow(); });
+
+  const Result result =
+      ExamineTrusting("https://127.0.0.1:" + std::to_string(server.port()) + "/", {"--json"});
+
+  // The reset comes before the connection is seen to be made, or after that.
+  EXPECT_EQ(69, result.exit_code);
+  EXPECT_EQ("failed closed", CauseOf(result, "verdict")) << result.out;
 }
 
 TEST_F(DoctorTest, NamesAServerThatIsSilentInTheHandshake) {
