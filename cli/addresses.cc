@@ -158,8 +158,17 @@ std::string ParseCredentials(const std::string& text, Socks5Address* out) {
   return "";
 }
 
+// Whether the first `size` bytes of `text` can be a scheme and no user with a password.
+bool IsScheme(const std::string& text, size_t size) {
+  return std::all_of(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(size),
+                     [](char c) { return IsAsciiAlnum(c) || c == '+' || c == '.' || c == '-'; });
+}
+
 std::string JudgeSocks5(const std::string& text, Socks5Address* out) {
   if (const std::string reason = JudgeBytes(text); !reason.empty()) return reason;
+  if (const size_t end = text.find("://"); end != std::string::npos && IsScheme(text, end)) {
+    return "its scheme is not socks5h; only SOCKS5 proxies that resolve names themselves are used";
+  }
   const size_t at = text.rfind('@');
   if (at != std::string::npos) {
     const std::string reason = ParseCredentials(text.substr(0, at), out);
@@ -191,8 +200,11 @@ void CheckUrl(const std::string& url) {
 }
 
 Socks5Address ParseSocks5(const std::string& text) {
+  constexpr char kScheme[] = "socks5h://";
+  constexpr size_t kSchemeBytes = sizeof(kScheme) - 1;
   Socks5Address address;
-  const std::string reason = JudgeSocks5(text, &address);
+  const bool has_scheme = LowerCase(text.substr(0, kSchemeBytes)) == kScheme;
+  const std::string reason = JudgeSocks5(has_scheme ? text.substr(kSchemeBytes) : text, &address);
   if (reason.empty()) return address;
   throw Fatal(kExitUsage, "cannot use the proxy address \"" +
                               WithoutCredentials(text, 0, text.size()) + "\": " + reason +

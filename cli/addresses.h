@@ -19,8 +19,8 @@ struct Socks5Address {
 // it has one, and no blank or control byte. Never prints a password that the URL holds.
 void CheckUrl(const std::string& url);
 
-// Parses "[user:password@]host:port"; user and password percent-decoded, an IPv6 host in brackets.
-// Throws Fatal with kExitUsage, never printing the password.
+// Parses "[socks5h://][user:password@]host:port"; user and password percent-decoded, an IPv6 host
+// in brackets. Throws Fatal with kExitUsage, never printing the password.
 Socks5Address ParseSocks5(const std::string& text);
 
 }  // namespace quenor::cli

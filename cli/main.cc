@@ -14,7 +14,9 @@
 #include "cli/cache_command.h"
 #include "cli/cache_use.h"
 #include "cli/channel_log.h"
+#include "cli/connection.h"
 #include "cli/console.h"
+#include "cli/doctor.h"
 #include "cli/fatal.h"
 #include "cli/input.h"
 #include "cli/options.h"
@@ -22,9 +24,7 @@
 #include "cli/session.h"
 #include "cli/stop_signals.h"
 #include "cli/wakeup.h"
-#include "quenor_base/platform/http_client.h"
 #include "quenor_base/platform/local_log.h"
-#include "quenor_base/platform/socks5_proxy_config.h"
 
 namespace quenor::cli {
 namespace {
@@ -35,21 +35,6 @@ void FillStandardDescriptors() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (::fcntl(fd, F_GETFD) < 0) ::open("/dev/null", O_WRONLY);
   }
-}
-
-void ApplyConnection(const Options& options) {
-  HttpDefaults defaults = GetHttpDefaults();
-  if (!options.ca_file.empty()) defaults.ca_file = options.ca_file;
-  const std::string reason = SetHttpDefaults(defaults);
-  if (!reason.empty()) throw Fatal(kExitUsage, reason);
-  if (!options.socks5) return;
-  Socks5ProxyConfigHolder::Socks5ProxyConfig proxy;
-  proxy.host = options.socks5->host;
-  proxy.port = options.socks5->port;
-  proxy.user = options.socks5->user;
-  proxy.password = options.socks5->password;
-  proxy.enabled = true;
-  GetSocks5ProxyConfigHolder()->SetConfig(proxy);
 }
 
 // Opens nothing that cannot be read, as far as that can be told beforehand.
@@ -91,6 +76,9 @@ int Main(int argc, const char* const* argv) {
     if (!command) return kExitOk;
     if (const auto* cache = std::get_if<CacheCommand>(&*command)) {
       return RunCacheCommand(*cache, STDOUT_FILENO, *console);
+    }
+    if (const auto* doctor = std::get_if<DoctorCommand>(&*command)) {
+      return RunDoctor(*doctor, STDOUT_FILENO);
     }
     return Send(std::get<Options>(*command), *console, *log);
   } catch (const Fatal& fatal) {

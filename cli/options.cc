@@ -53,6 +53,18 @@ Exit codes: 0 fine, 1 verify found damage, 64 wrong usage, 65 no cache file or a
 66 no such file, 74 the system refused, 75 purge: a run has it open. The guide is
 docs/guide/quenor-report.md.)";
 
+constexpr char kDoctorFooter[] = R"(Examples:
+  quenor-report doctor --url https://collector.example/reports
+      name, connection and TLS; the server gets no report
+  quenor-report doctor --url https://collector.example/reports --probe
+      sends one small report too, and says what the channel would make of the answer
+  quenor-report doctor --url https://collector.example/ --socks5 proxy.example:1080 --json
+      a line of JSON for each step, for scripts
+
+Exit codes: 0 no step failed (there may be warnings), 64 wrong usage, 69 a step failed, 70 no memory
+or thread, 74 standard output cannot be written to. The guide is docs/guide/quenor-report.md.)";
+
+constexpr double kMaxTimeoutS = 3600;
 constexpr size_t kMaxChannelBytes = 200;
 constexpr double kMaxWaitS = 1e9;
 
@@ -118,13 +130,37 @@ void AddCache(CLI::App* send, Options* options, Texts* texts) {
       ->type_name("FILE");
 }
 
-void AddConnection(CLI::App* send, Options* options, std::string* socks5) {
-  send->add_option("--cacert", options->ca_file,
-                   "PEM file of CA certificates to trust instead of the system's")
-      ->type_name("FILE");
-  send->add_flag("--http1", options->http1, "speak HTTP/1.1 only; HTTP/2 is offered otherwise");
-  send->add_option("--socks5", *socks5,
-                   "go through this SOCKS5 proxy; user and password percent-encoded")
+void AddConnection(CLI::App* app, Connection* connection, std::string* socks5) {
+  const CLI::Validator not_empty(
+      [](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); }, "");
+  app->add_option("--cacert", connection->ca_file,
+                  "PEM file of CA certificates to trust instead of the system's")
+      ->type_name("FILE")
+      ->check(not_empty);
+  app->add_option("--capath", connection->ca_folder,
+                  "folder of CA certificates, prepared by \"openssl rehash\", to trust instead of "
+                  "the system's")
+      ->type_name("DIR")
+      ->check(not_empty);
+  app->add_option("--pin", connection->pins,
+                  "trust the server only with this public key, beside its certificate; give it "
+                  "again for a spare")
+      ->type_name("sha256//BASE64")
+      ->allow_extra_args(false);
+  CLI::Option* const certificate =
+      app->add_option("--client-cert", connection->client_certificate_file,
+                      "PEM certificate to show to a server that asks for one; its key may be in it")
+          ->type_name("FILE")
+          ->check(not_empty);
+  app->add_option("--client-key", connection->client_key_file,
+                  "PEM private key of --client-cert, not encrypted")
+      ->type_name("FILE")
+      ->check(not_empty)
+      ->needs(certificate);
+  app->add_flag("--http1", connection->http1, "speak HTTP/1.1 only; HTTP/2 is offered otherwise");
+  app->add_option("--socks5,--proxy", *socks5,
+                  "go through this SOCKS5 proxy, which also resolves the server's name; user and "
+                  "password percent-encoded; \"socks5h://\" may stand before it")
       ->type_name("[user:pass@]host:port");
 }
 
@@ -160,6 +196,25 @@ void AddCacheCommands(CLI::App* cache, CacheCommand* command, std::string* raw) 
       ->add_flag("--yes", command->yes, "without it nothing is removed");
 }
 
+void AddDoctor(CLI::App* doctor, DoctorCommand* command) {
+  doctor->add_option("--url", command->url, "where reports would be POSTed: https:// or http://")
+      ->type_name("URL")
+      ->required();
+  doctor->add_option("--timeout", command->timeout_s, "how long each step may take")
+      ->type_name("SECONDS")
+      ->default_str("10");
+  doctor->add_flag("--probe", command->probe,
+                   "POST one small report at the end; the server takes it like any other");
+  doctor->add_flag("--json", command->json, "a line of JSON for each step");
+}
+
+void CheckDoctor(const DoctorCommand& command) {
+  CheckUrl(command.url);
+  // Below a millisecond nothing could ever succeed.
+  if (command.timeout_s >= 0.001 && command.timeout_s <= kMaxTimeoutS) return;
+  throw Fatal(kExitUsage, "--timeout is not a number of seconds from 0.001 to 3600");
+}
+
 // The channel's name becomes the name of a thread and of a file.
 void CheckChannel(const std::string& name) {
   const bool usable = !name.empty() && name.size() <= kMaxChannelBytes && name != "." &&
@@ -192,14 +247,15 @@ std::string OneLine(std::string text) {
 std::optional<Command> ParseCommandLine(int argc, const char* const* argv) {
   Options options;
   CacheCommand command;
+  DoctorCommand diagnosis;
   Texts texts;
   CLI::App app(
       "Delivers reports to a collection server, each as one HTTPS POST that is repeated "
       "until the server has answered 200.",
       "quenor-report");
   app.footer(
-      "Each has its own help: quenor-report send --help, quenor-report cache --help. The "
-      "guide is docs/guide/quenor-report.md.");
+      "Each has its own help: quenor-report send --help, quenor-report cache --help, "
+      "quenor-report doctor --help. The guide is docs/guide/quenor-report.md.");
   app.set_version_flag("--version", VersionText());
   app.require_subcommand(1);
   CLI::App* send = app.add_subcommand("send", "deliver lines of standard input, or files");
@@ -208,6 +264,10 @@ std::optional<Command> ParseCommandLine(int argc, const char* const* argv) {
   cache->footer(kCacheFooter);
   cache->require_subcommand(0, 1);
   AddCacheCommands(cache, &command, &texts.raw);
+  CLI::App* doctor = app.add_subcommand("doctor", "find out why reports do not arrive");
+  doctor->footer(kDoctorFooter);
+  AddDoctor(doctor, &diagnosis);
+  AddConnection(doctor, &diagnosis, &texts.socks5);
   AddDelivery(send, &options);
   AddCache(send, &options, &texts);
   AddConnection(send, &options, &texts.socks5);
@@ -220,7 +280,10 @@ std::optional<Command> ParseCommandLine(int argc, const char* const* argv) {
       return std::nullopt;
     }
     throw Fatal(kExitUsage, OneLine(error.what()) + "; see quenor-report " +
-                                (cache->parsed() ? "cache" : "send") + " --help");
+                                (cache->parsed()    ? "cache"
+                                 : doctor->parsed() ? "doctor"
+                                                    : "send") +
+                                " --help");
   }
   if (cache->parsed()) {
     if (cache->get_subcommands().empty()) {
@@ -232,6 +295,11 @@ std::optional<Command> ParseCommandLine(int argc, const char* const* argv) {
     if (dump->count("--raw") > 0) command.raw = texts.raw;
     if (command.file.empty()) throw Fatal(kExitUsage, "the name of the cache file is empty");
     return command;
+  }
+  if (doctor->parsed()) {
+    CheckDoctor(diagnosis);
+    if (doctor->count("--socks5") > 0) diagnosis.socks5 = ParseSocks5(texts.socks5);
+    return diagnosis;
   }
   CheckRest(options);
   if (send->count("--socks5") > 0) options.socks5 = ParseSocks5(texts.socks5);

@@ -8,21 +8,19 @@
 #include <variant>
 #include <vector>
 
-#include "cli/addresses.h"
+#include "cli/connection.h"
 
 namespace quenor::cli {
 
 // What keeps the undelivered messages on disk. The numbers are the cache option's.
 enum class CacheKind : int32_t { kNone = 0, kFile = 1, kMmap = 2 };
 
-struct Options {
+// "quenor-report send".
+struct Options : Connection {
   std::string url;
   std::string channel = "quenor-report";
   bool send_now = false;
   bool compress = false;
-  std::string ca_file;  // Empty: the system's certificates.
-  bool http1 = false;
-  std::optional<Socks5Address> socks5;
   std::optional<uint32_t> interval_ms;
   std::optional<uint32_t> max_resend;  // Empty: keeps trying.
   double wait_s = 30;
@@ -42,7 +40,15 @@ struct CacheCommand {
   bool yes = false;                // Purge.
 };
 
-using Command = std::variant<Options, CacheCommand>;
+// "quenor-report doctor".
+struct DoctorCommand : Connection {
+  std::string url;
+  double timeout_s = 10;  // Of each step.
+  bool probe = false;
+  bool json = false;
+};
+
+using Command = std::variant<Options, CacheCommand, DoctorCommand>;
 
 // Parses and checks the command line. Empty if it asked for --help or --version, which has then
 // been printed. Throws Fatal with kExitUsage.

@@ -99,6 +99,15 @@ TEST(ParseSocks5Test, TakesHostAndPort) {
   EXPECT_EQ("", address.password);
 }
 
+TEST(ParseSocks5Test, TakesTheSchemeThatSaysWhoResolves) {
+  const Socks5Address address = ParseSocks5("SOCKS5h://me:p@[::1]:1080");
+
+  EXPECT_EQ("::1", address.host);
+  EXPECT_EQ(1080, address.port);
+  EXPECT_EQ("me", address.user);
+  EXPECT_EQ("p", address.password);
+}
+
 TEST(ParseSocks5Test, TakesIpv6InBrackets) {
   const Socks5Address address = ParseSocks5("[2001:db8::1]:65535");
 
@@ -112,6 +121,10 @@ TEST(ParseSocks5Test, DecodesUserAndPassword) {
   EXPECT_EQ("me@home", address.user);
   EXPECT_EQ("p:a%:\xc3\xa4@ss", address.password);
   EXPECT_EQ("::1", address.host);
+}
+
+TEST(ParseSocks5Test, TakesAPasswordThatLooksLikeAnAddress) {
+  EXPECT_EQ("http://p", ParseSocks5("me:http://p@host:1").password);
 }
 
 TEST(ParseSocks5Test, TakesAUserWithoutPassword) {
@@ -134,7 +147,10 @@ TEST(ParseSocks5Test, NamesWhatIsWrong) {
       {":1080", "no host"},
       {"::1:1080", "told apart"},
       {"[::1:1080", "told apart"},
-      {"socks5://host:1080", "told apart"},
+      {"socks5://host:1080", "not socks5h"},
+      {"http://host:1080", "not socks5h"},
+      {"socks5h://socks5h://host:1080", "not socks5h"},
+      {"socks5h://", "no host"},
       {"@host:1", "no user"},
       {":pass@host:1", "no user"},
       {"u%:p@host:1", "two hexadecimal digits"},

@@ -24,6 +24,12 @@ CacheCommand ParseCache(std::vector<const char*> arguments) {
       *ParseCommandLine(static_cast<int>(arguments.size()), arguments.data()));
 }
 
+DoctorCommand ParseDoctor(std::vector<const char*> arguments) {
+  arguments.insert(arguments.begin(), {"quenor-report", "doctor", "--url", kUrl});
+  return std::get<DoctorCommand>(
+      *ParseCommandLine(static_cast<int>(arguments.size()), arguments.data()));
+}
+
 // The one line about wrong usage; empty when there is none.
 std::string Objection(std::vector<const char*> arguments) {
   arguments.insert(arguments.begin(), "quenor-report");
@@ -45,6 +51,10 @@ TEST(OptionsTest, HasDefaultsForAllButTheUrl) {
   EXPECT_FALSE(options.send_now);
   EXPECT_FALSE(options.compress);
   EXPECT_EQ("", options.ca_file);
+  EXPECT_EQ("", options.ca_folder);
+  EXPECT_TRUE(options.pins.empty());
+  EXPECT_EQ("", options.client_certificate_file);
+  EXPECT_EQ("", options.client_key_file);
   EXPECT_FALSE(options.http1);
   EXPECT_FALSE(options.socks5);
   EXPECT_FALSE(options.interval_ms);
@@ -82,6 +92,20 @@ TEST(OptionsTest, TakesEveryOption) {
   EXPECT_EQ((std::vector<std::string>{"a", "-", "/b"}), options.files);
 }
 
+TEST(OptionsTest, TakesWhatTheServerMustProveAndWhatItIsShown) {
+  const Options options =
+      Parse({"--capath", "cas", "--pin", "sha256//a", "--pin", "sha256//b", "--client-cert",
+             "c.pem", "--client-key", "c.key", "--proxy", "socks5h://p:1", "file"});
+
+  EXPECT_EQ("cas", options.ca_folder);
+  EXPECT_EQ((std::vector<std::string>{"sha256//a", "sha256//b"}), options.pins);
+  EXPECT_EQ("c.pem", options.client_certificate_file);
+  EXPECT_EQ("c.key", options.client_key_file);
+  ASSERT_TRUE(options.socks5);
+  EXPECT_EQ("p", options.socks5->host);
+  EXPECT_EQ((std::vector<std::string>{"file"}), options.files);
+}
+
 TEST(OptionsTest, KnowsEveryKindOfCache) {
   EXPECT_EQ(CacheKind::kNone, Parse({"--cache", "none"}).cache);
   EXPECT_EQ(CacheKind::kFile, Parse({"--cache", "file"}).cache);
@@ -111,6 +135,34 @@ TEST(OptionsTest, TakesTheOptionsOfCacheCommands) {
   EXPECT_TRUE(ParseCache({"purge", "a", "--yes"}).yes);
 }
 
+TEST(OptionsTest, DoctorHasDefaultsForAllButTheUrl) {
+  const DoctorCommand command = ParseDoctor({});
+
+  EXPECT_EQ(kUrl, command.url);
+  EXPECT_EQ(10, command.timeout_s);
+  EXPECT_FALSE(command.probe);
+  EXPECT_FALSE(command.json);
+  EXPECT_FALSE(command.socks5);
+}
+
+TEST(OptionsTest, DoctorTakesItsOptionsAndThoseOfSendThatConnect) {
+  const DoctorCommand command = ParseDoctor(
+      {"--timeout", "0.5", "--probe", "--json", "--cacert", "ca.pem", "--capath", "cas", "--pin",
+       "p", "--http1", "--socks5", "u:p@h:1", "--client-cert", "c.pem", "--client-key", "c.key"});
+
+  EXPECT_EQ(0.5, command.timeout_s);
+  EXPECT_TRUE(command.probe);
+  EXPECT_TRUE(command.json);
+  EXPECT_EQ("ca.pem", command.ca_file);
+  EXPECT_EQ("cas", command.ca_folder);
+  EXPECT_EQ(std::vector<std::string>{"p"}, command.pins);
+  EXPECT_TRUE(command.http1);
+  ASSERT_TRUE(command.socks5);
+  EXPECT_EQ("u", command.socks5->user);
+  EXPECT_EQ("c.pem", command.client_certificate_file);
+  EXPECT_EQ("c.key", command.client_key_file);
+}
+
 TEST(OptionsTest, RefusesWrongUsageInOneLine) {
   const std::vector<std::vector<const char*>> cases = {
       {},
@@ -123,6 +175,12 @@ TEST(OptionsTest, RefusesWrongUsageInOneLine) {
       {"send", "--url", kUrl, "-", "-"},
       {"send", "--url", kUrl, "--socks5", "host"},
       {"send", "--url", kUrl, "--socks5", ""},
+      {"send", "--url", kUrl, "--socks5", "a:1", "--proxy", "b:1"},
+      {"send", "--url", kUrl, "--cacert", ""},
+      {"send", "--url", kUrl, "--capath", ""},
+      {"send", "--url", kUrl, "--pin"},
+      {"send", "--url", kUrl, "--client-cert", ""},
+      {"send", "--url", kUrl, "--client-key", "k"},
       {"send", "--url", kUrl, "--interval", "-1"},
       {"send", "--url", kUrl, "--interval", "4294967296"},
       {"send", "--url", kUrl, "--interval", "soon"},
@@ -134,6 +192,17 @@ TEST(OptionsTest, RefusesWrongUsageInOneLine) {
       {"send", "--url", kUrl, "--channel", ".."},
       {"send", "--url", kUrl, "--channel", "a/b"},
       {"send", "--url", kUrl, "--channel", "a\nb"},
+      {"doctor"},
+      {"doctor", "--url", "no url"},
+      {"doctor", "--url", kUrl, "--timeout", "0"},
+      {"doctor", "--url", kUrl, "--timeout", "-1"},
+      {"doctor", "--url", kUrl, "--timeout", "nan"},
+      {"doctor", "--url", kUrl, "--timeout", "3601"},
+      {"doctor", "--url", kUrl, "--socks5", "host"},
+      {"doctor", "--url", kUrl, "--client-key", "k"},
+      {"doctor", "--url", kUrl, "--channel", "c"},
+      {"doctor", "--url", kUrl, "--insecure"},
+      {"doctor", "--url", kUrl, "file"},
       {"cache"},
       {"cache", "list"},
       {"cache", "list", ""},

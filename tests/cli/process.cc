@@ -66,6 +66,20 @@ std::string Collected::FirstLine() {
   return text_.substr(0, text_.find('\n'));
 }
 
+size_t Collected::LineAt(const std::string& begin) const {
+  const size_t found = ("\n" + text_).find("\n" + begin);
+  if (found == std::string::npos) return found;
+  const size_t at = found + begin.size();
+  return text_.find('\n', at) == std::string::npos ? std::string::npos : at;
+}
+
+std::string Collected::LineAfter(const std::string& begin) {
+  std::unique_lock<std::mutex> hold(mutex_);
+  changed_.wait(hold, [&] { return ended_ || LineAt(begin) != std::string::npos; });
+  const size_t at = LineAt(begin);
+  return at == std::string::npos ? "" : text_.substr(at, text_.find('\n', at) - at);
+}
+
 const std::string& Collected::Whole() {
   std::unique_lock<std::mutex> hold(mutex_);
   changed_.wait(hold, [&] { return ended_; });

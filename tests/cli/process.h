@@ -51,11 +51,16 @@ class Collected {
   // Waits until a line is whole, or the end; the line without its end.
   std::string FirstLine();
 
+  // Waits until a line that begins with `begin` is whole, or the end; what follows `begin` in it.
+  std::string LineAfter(const std::string& begin);
+
   // Waits for the end; everything that came.
   const std::string& Whole();
 
  private:
   void Run();
+  // The mutex is held. Where what follows `begin` starts, npos before its line is whole.
+  size_t LineAt(const std::string& begin) const;
 
   Fd fd_;
   std::mutex mutex_;
