@@ -504,6 +504,8 @@ bool MultiProcessSafetyMmapFile::State::LockDeadOwners(uint64_t* dead) {
 // Finishes what dead owners were at: content that a seal of theirs stands for is voided where it
 // came from, and room that they had reserved is free.
 void MultiProcessSafetyMmapFile::State::SettleDeadOwners(uint64_t dead) {
+  uint64_t heirs = 0;
+  uint64_t superseded = 0;
   for (uint32_t owner = 1; owner <= kOwners; ++owner) {
     if ((dead & Bit(owner)) == 0) continue;
     for (mmap_format::Reservation& reserved : record(owner)->reserved) {
@@ -513,13 +515,21 @@ void MultiProcessSafetyMmapFile::State::SettleDeadOwners(uint64_t dead) {
     // He died holding the locks of those whose content he had taken, so they are dead too.
     if (view.in_force < 0 || view.seal().superseded == 0) continue;
     if ((view.seal().superseded & ~dead) != 0) continue;
+    heirs |= Bit(owner);
     for (uint32_t other = 1; other <= kOwners; ++other) {
-      const OwnerView voided = View(other);
-      if (!mmap_format::Supersedes(view, other, voided)) continue;
-      if (voided.in_force < 0 && voided.damage == nullptr) continue;
-      ReplaceSeal(other, std::max(voided.in_force, 0), Seal());  // Also in place of a damaged one.
+      if (mmap_format::Supersedes(view, other, View(other))) superseded |= Bit(other);
     }
-    (void)FlushTable();
+  }
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    const OwnerView voided = View(owner);
+    if ((superseded & Bit(owner)) == 0) continue;
+    if (voided.in_force < 0 && voided.damage == nullptr) continue;
+    ReplaceSeal(owner, std::max(voided.in_force, 0), Seal());  // Also in place of a damaged one.
+  }
+  if (heirs != 0) (void)FlushTable();
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    const OwnerView view = View(owner);
+    if ((heirs & Bit(owner)) == 0 || view.in_force < 0) continue;
     Seal seal = view.seal();
     seal.superseded = 0;
     ReplaceSeal(owner, view.in_force, seal);
