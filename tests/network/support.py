@@ -296,20 +296,22 @@ class Collector:
         self.child.close()
         self.child = None
 
-    def accepted(self):
-        """How often each body was answered 200, by SHA-256."""
-        counts = collections.Counter()
+    def records(self):
+        """What was answered 200, in the order of the log."""
+        records = []
         if not os.path.exists(self.log):
-            return counts
+            return records
         with open(self.log, "rb") as file:
             for line in file:
                 try:
-                    record = json.loads(line)
+                    records.append(json.loads(line))
                 except ValueError:
-                    continue  # Torn off by a kill.
-                if record["status"] == 200:
-                    counts[record["sha256"]] += 1
-        return counts
+                    pass  # Torn off by a kill.
+        return [record for record in records if record["status"] == 200]
+
+    def accepted(self):
+        """How often each body was answered 200, by SHA-256."""
+        return collections.Counter(record["sha256"] for record in self.records())
 
 
 def sha256(body):
