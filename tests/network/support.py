@@ -262,7 +262,12 @@ class Collector:
         self.scheme = "https" if tls else "http"
         self.port = 0
         self.child = None
-        self.placeholder = None
+        if namespace is None:
+            # Bound and never listening: the collector can take the port, nobody else is given it.
+            self.placeholder = socket.socket()
+            self.placeholder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            self.placeholder.bind((address, 0))
+            self.port = self.placeholder.getsockname()[1]
 
     def start(self):
         if os.path.exists(self.port_file):
@@ -277,10 +282,6 @@ class Collector:
                 raise RuntimeError("the collector has ended: " + file.read())
         with open(self.port_file) as file:
             self.port = int(file.read())
-        if self.namespace is None and self.placeholder is None:
-            # Nobody is given this port while the collector is away.
-            self.placeholder = socket.socket()
-            self.placeholder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         return self
 
     def url(self, host):
@@ -290,6 +291,11 @@ class Collector:
         if self.child is not None:
             self.child.kill()
             self.child = None
+
+    def end(self):
+        self.kill()
+        if self.namespace is None:
+            self.placeholder.close()
 
     def stop(self):
         self.child.process.terminate()
@@ -477,7 +483,7 @@ class Case(unittest.TestCase):
         return self.ending(Wire(near, far, seed), "close")
 
     def collector(self, *arguments, **options):
-        return self.ending(Collector(self.folder, *arguments, **options), "kill").start()
+        return self.ending(Collector(self.folder, *arguments, **options), "end").start()
 
     def sender(self, *arguments, **options):
         sender = Sender(self.folder, *arguments, **options)
