@@ -50,11 +50,18 @@ void WriteLine(const std::string& line) {
   _exit(way == "_exit" ? 0 : 64);
 }
 
-void AnnounceEnd(uint64_t saved) {
+// What the books say at this moment.
+struct Kept {
+  uint64_t saved = 0;  // Messages that the last saves wrote.
+  uint64_t safe = 0;   // Messages that had been admitted when the last save was complete.
+};
+
+void AnnounceEnd(const Kept& kept) {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
   const int64_t us = now.tv_sec * int64_t{1000000} + now.tv_nsec / 1000;
-  WriteLine("ending saved=" + std::to_string(saved) + " at_us=" + std::to_string(us));
+  WriteLine("ending saved=" + std::to_string(kept.saved) + " safe=" + std::to_string(kept.safe) +
+            " at_us=" + std::to_string(us));
 }
 
 // ---- What becomes of the messages ---------------------------------------------------------------
@@ -63,24 +70,35 @@ class Books : public ReportEventListener {
  public:
   void OnReportEvent(const ReportEvent& event) override {
     std::string end_by;
-    uint64_t saved = 0;
+    Kept kept;
     {
       std::lock_guard<std::mutex> hold(mutex_);
       ++counts_[event.kind];
-      if (event.kind == ReportEventKind::kSaved) saved_[event.channel_name] = event.count;
-      if (event.kind == ReportEventKind::kHandedOver || event.kind == ReportEventKind::kLoaded) {
-        ++open_[event.channel_name];
+      switch (event.kind) {
+        case ReportEventKind::kSaved:
+          saved_[event.channel_name] = event.count;
+          safe_ = counts_[ReportEventKind::kAdmitted];
+          break;
+        case ReportEventKind::kHandedOver:
+        case ReportEventKind::kLoaded:
+          ++open_[event.channel_name];
+          break;
+        case ReportEventKind::kAcknowledged:
+        case ReportEventKind::kDropped:
+        case ReportEventKind::kRefused:
+          --open_[event.channel_name];
+          break;
+        case ReportEventKind::kAdmitted:
+          end_by.swap(end_on_queue_);
+          break;
+        default:
+          break;
       }
-      if (event.kind == ReportEventKind::kAcknowledged || event.kind == ReportEventKind::kDropped ||
-          event.kind == ReportEventKind::kRefused) {
-        --open_[event.channel_name];
-      }
-      if (event.kind == ReportEventKind::kAdmitted) end_by.swap(end_on_queue_);
-      for (const auto& [name, count] : saved_) saved += count;
+      kept = {Saved(), safe_};
       changed_.notify_all();
     }
     if (end_by.empty()) return;
-    AnnounceEnd(saved);
+    AnnounceEnd(kept);
     End(end_by);
   }
 
@@ -98,9 +116,9 @@ class Books : public ReportEventListener {
     std::unique_lock<std::mutex> hold(mutex_);
     changed_.wait(hold, [&] { return Saved() >= count; });
   }
-  uint64_t NowSaved() {
+  Kept NowKept() {
     std::lock_guard<std::mutex> hold(mutex_);
-    return Saved();
+    return {Saved(), safe_};
   }
   // The next message that is admitted ends the process, on the channel's thread.
   void EndOnQueue(const std::string& way) {
@@ -131,6 +149,7 @@ class Books : public ReportEventListener {
   std::condition_variable changed_;
   std::map<ReportEventKind, uint64_t> counts_;
   std::map<std::string, uint64_t> saved_;
+  uint64_t safe_ = 0;
   std::map<std::string, uint64_t> open_;
   std::string end_on_queue_;
 };
@@ -266,12 +285,12 @@ bool Application::EndFrom(const std::string& where, const std::string& way) {
   }
   if (where == "thread") {
     std::thread([this, way] {
-      AnnounceEnd(books_.NowSaved());
+      AnnounceEnd(books_.NowKept());
       End(way);
     }).detach();
     for (;;) pause();
   }
-  AnnounceEnd(books_.NowSaved());
+  AnnounceEnd(books_.NowKept());
   if (way == "return") return false;
   End(way);
 }
@@ -321,6 +340,15 @@ bool Application::Do(const std::string& line) {
   } else if (command == "end") {  // WHERE WAY
     words >> text >> other;
     return EndFrom(text, other);
+  } else if (command == "end-busy") {  // WAY MS: another thread ends it so long from now
+    int ms = 0;
+    words >> text >> ms;
+    std::thread([this, text, ms] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+      AnnounceEnd(books_.NowKept());
+      End(text);
+    }).detach();
+    for (;;) SendEvenly(1000, 0);
   } else if (command != "counts") {
     WriteLine("unknown command: " + line);
     return true;
