@@ -41,7 +41,8 @@ class ExitTest(support.Case):
 
     def packets(self, app):
         """How many messages its cache file holds, as the tool reads it."""
-        done = subprocess.run([REPORT, "cache", "list", self.cache_file(app)], capture_output=True, text=True)
+        done = subprocess.run([REPORT, "cache", "list", self.cache_file(app)],
+                              capture_output=True, text=True)
         self.assertEqual(0, done.returncode, done.stdout + done.stderr)
         summary = done.stdout.splitlines()[-1]
         self.assertIn("damaged=no", summary)

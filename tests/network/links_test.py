@@ -20,7 +20,7 @@ class LinksTest(support.Case):
         self.home = self.namespace("home", ipv6)
         self.away = self.namespace("away", ipv6)
         self.link = self.wire(self.home, self.away, self.seed)
-        # On one network: an address that nobody has is silent, as on the way to a host that is gone.
+        # On one network: an address that nobody has is silent, as that of a host that is gone.
         addresses = ("fd77::1/64", "fd77::2/64") if ipv6 else ("10.77.0.1/16", "10.77.1.1/16")
         self.link.address(self.home, addresses[0])
         self.link.address(self.away, addresses[1])

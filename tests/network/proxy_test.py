@@ -29,8 +29,8 @@ class ProxyTest(support.Case):
         self.url = self.judge.url(NAME)
 
     def proxy(self, address):
-        child = support.Child(["microsocks", "-i", address, "-p", str(PORT), "-b", address], self.away,
-                              self.folder + "/proxy.output")
+        child = support.Child(["microsocks", "-i", address, "-p", str(PORT), "-b", address],
+                              self.away, self.folder + "/proxy.output")
         self.ending(child, "kill")
         table = f"/proc/{self.away.holder.pid}/net/tcp"
         local = "".join(f"{int(part):02X}" for part in reversed(address.split(".")))

@@ -42,7 +42,7 @@ def why_no_namespaces():
     if not os.access("/dev/net/tun", os.R_OK | os.W_OK):
         return "no /dev/net/tun that may be opened"
     probe = subprocess.run(
-        ["unshare", "-n", "-m", "sh", "-c", "ip link set lo up && ip tuntap add dev probe mode tun"],
+        ["unshare", "-n", "-m", "sh", "-c", "ip link set lo up && ip tuntap add probe mode tun"],
         stdin=subprocess.DEVNULL, capture_output=True, text=True)
     return probe.stderr.strip().replace("\n", "; ") if probe.returncode != 0 else ""
 
