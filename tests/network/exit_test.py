@@ -9,8 +9,8 @@ MESSAGES = 50
 RUNS = 20 if FULL else 2
 WAYS = [("main", "return"), *((where, way) for where in ("main", "thread", "queue")
                               for way in ("exit", "quick_exit", "_exit"))]
-# Far above what an end takes, below what waiting for the network would take.
-LIMIT_S = 15
+# Far above what an end takes, below any wait for the network and the exit handler's own limit.
+LIMIT_S = 4
 
 
 class ExitTest(support.Case):
