@@ -43,7 +43,7 @@ void WriteLine(const std::string& line) {
   if (write(STDOUT_FILENO, text.data(), text.size()) < 0) _exit(3);  // Nobody listens.
 }
 
-// Says what had been saved and when it is, and ends the process. "return" is main's own.
+// Ends the process. "return" is main's own way.
 [[noreturn]] void End(const std::string& way) {
   if (way == "exit") std::exit(0);
   if (way == "quick_exit") std::quick_exit(0);
@@ -56,6 +56,7 @@ struct Kept {
   uint64_t safe = 0;   // Messages that had been admitted when the last save was complete.
 };
 
+// Says what had been saved and when it is.
 void AnnounceEnd(const Kept& kept) {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
