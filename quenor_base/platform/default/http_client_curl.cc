@@ -43,6 +43,7 @@ constexpr size_t kLogCauses = 64;      // Remembered for the pause; beyond, the 
 constexpr size_t kIdleTransfers = 64;  // Kept for reuse with their easy handles.
 constexpr long kIdleConnections = 32;  // Kept open, over all hosts.
 constexpr long kSystemCaCacheSeconds = 3600;
+constexpr long kNameCacheSeconds = 5;  // A server that has moved is found with the next attempts.
 constexpr int kExitWaitSeconds = 5;
 constexpr uint32_t kKeptReceiveBytes = 4096;  // A receive buffer up to this size is recycled.
 constexpr size_t kMaxPemBytes = 16 << 20;
@@ -357,6 +358,7 @@ bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
   options.Set(CURLOPT_HTTP_CONTENT_DECODING, 0L);
   options.Set(CURLOPT_TCP_NODELAY, 1L);
   options.Set(CURLOPT_TCP_KEEPALIVE, 1L);
+  options.Set(CURLOPT_DNS_CACHE_TIMEOUT, kNameCacheSeconds);
   options.Set(CURLOPT_USERAGENT, defaults.user_agent.c_str());
   options.Set(CURLOPT_CONNECTTIMEOUT_MS,
               static_cast<long>(std::min<uint32_t>(defaults.connect_timeout_ms, INT_MAX)));
