@@ -1,0 +1,112 @@
+// The matrix: every misbehaviour of a server, over both protocols, against the channel as shipped.
+// The channel's queue runs in virtual time; network, TLS and client are real. The resend limit is
+// set to its highest value: no message may be given up.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <random>
+
+#include "tests/integration/matrix/row_runner.h"
+
+namespace quenor::test {
+namespace {
+
+bool IsFull() {
+  const char* const full = std::getenv("QUENOR_NETWORK_FULL");
+  return full != nullptr && *full == '1';
+}
+
+// One cell of the matrix.
+struct Cell {
+  Row row;
+  Protocol protocol;
+};
+
+std::vector<Cell> CellsOf(const Rows& rows, bool has_peer) {
+  std::vector<Cell> cells;
+  for (const Row& row : rows) {
+    if (row.http1 || (has_peer && row.peer_also_http1)) cells.push_back({row, Protocol::kHttp1});
+    if (has_peer && !row.peer.empty()) cells.push_back({row, Protocol::kHttp2});
+  }
+  return cells;
+}
+
+const char* Name(Protocol protocol) { return protocol == Protocol::kHttp1 ? "1.1" : "2  "; }
+
+std::string Text(const Expected& expected) {
+  switch (expected.what) {
+    case Expected::kDelivered:
+      return "delivered";
+    case Expected::kEither:
+      return "either";
+    case Expected::kStatus:
+      return "status";
+    case Expected::kFails:
+      break;
+  }
+  return "fails";
+}
+
+class MatrixTest : public ::testing::Test {
+ protected:
+  MatrixTest() : why_no_peer_(PeerProcess::WhyNot()) {
+    if (why_no_peer_.empty()) peer_ = std::make_unique<PeerProcess>();
+    if (!why_no_peer_.empty()) std::cout << "HTTP/2 and TLS rows left out: " << why_no_peer_ << "\n";
+    runner_ = std::make_unique<RowRunner>(peer_.get());
+    // What the first request ever leaves open stays: the client's own wake-up pair.
+    Row good;
+    good.name = "warm-up";
+    good.expected = Expected::Delivered();
+    good.http1 = [](ScriptedServer::Connection& connection) {
+      return connection.Respond(200, "{}");
+    };
+    runner_->Run(good, Protocol::kHttp1, 1);
+  }
+
+  // Each row is failed so often that the back-off has reached its longest; a row that has to wait
+  // for a real limit, once in a short run.
+  static int Failures(const Row& row) {
+    if (row.is_slow || row.low_speed) return IsFull() ? 3 : 1;
+    return row.is_big && !IsFull() ? 2 : 5;
+  }
+
+  void RunAll(const Rows& rows) {
+    const size_t before = runner_->rounds();
+    bool seen[2] = {false, false};
+    for (const Cell& cell : CellsOf(rows, peer_ != nullptr)) {
+      const size_t open = OpenDescriptors();
+      const std::string ending = runner_->Run(cell.row, cell.protocol, Failures(cell.row));
+      const size_t left = OpenDescriptors();
+      EXPECT_EQ(open, left) << cell.row.name << ", HTTP/" << Name(cell.protocol);
+      std::printf("%s | %-9s | %-9s | %s\n", Name(cell.protocol), Text(cell.row.expected).c_str(),
+                  ending.c_str(), cell.row.name.c_str());
+      seen[cell.protocol == Protocol::kHttp2] = true;
+    }
+    std::printf("%zu misbehaviours x %d protocols, rounds %zu, lost %zu\n", rows.size(),
+                seen[0] + seen[1], runner_->rounds() - before, runner_->lost());
+    EXPECT_EQ(0u, runner_->lost());
+  }
+
+  const std::string why_no_peer_;
+  std::unique_ptr<PeerProcess> peer_;
+  std::unique_ptr<RowRunner> runner_;
+};
+
+TEST_F(MatrixTest, TcpAndTlsMisbehaviourLosesNothing) {
+  if (peer_ == nullptr) GTEST_SKIP() << why_no_peer_;
+  RunAll(TlsRows());
+}
+
+TEST_F(MatrixTest, OddRepliesLoseNothingAndRetuneAsTheyMay) { RunAll(ReplyRows()); }
+
+TEST_F(MatrixTest, Http1MisbehaviourLosesNothing) { RunAll(Http1Rows()); }
+
+TEST_F(MatrixTest, Http2MisbehaviourLosesNothing) {
+  if (peer_ == nullptr) GTEST_SKIP() << why_no_peer_;
+  RunAll(Http2Rows());
+}
+
+}  // namespace
+}  // namespace quenor::test
