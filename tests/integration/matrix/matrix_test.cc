@@ -3,6 +3,7 @@
 // set to its highest value: no message may be given up.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -12,6 +13,12 @@
 
 namespace quenor::test {
 namespace {
+
+// QUENOR_MATRIX_ROW: only the rows whose names contain it.
+bool IsWanted(const Row& row) {
+  const char* const part = std::getenv("QUENOR_MATRIX_ROW");
+  return part == nullptr || row.name.find(part) != std::string::npos;
+}
 
 bool IsFull() {
   const char* const full = std::getenv("QUENOR_NETWORK_FULL");
@@ -27,6 +34,7 @@ struct Cell {
 std::vector<Cell> CellsOf(const Rows& rows, bool has_peer) {
   std::vector<Cell> cells;
   for (const Row& row : rows) {
+    if (!IsWanted(row)) continue;
     if (row.http1 || (has_peer && row.peer_also_http1)) cells.push_back({row, Protocol::kHttp1});
     if (has_peer && !row.peer.empty()) cells.push_back({row, Protocol::kHttp2});
   }
@@ -77,11 +85,15 @@ class MatrixTest : public ::testing::Test {
     bool seen[2] = {false, false};
     for (const Cell& cell : CellsOf(rows, peer_ != nullptr)) {
       const size_t open = OpenDescriptors();
+      const auto before_row = std::chrono::steady_clock::now();
       const std::string ending = runner_->Run(cell.row, cell.protocol, Failures(cell.row));
+      const auto took = std::chrono::steady_clock::now() - before_row;
       const size_t left = OpenDescriptors();
       EXPECT_EQ(open, left) << cell.row.name << ", HTTP/" << Name(cell.protocol);
-      std::printf("%s | %-9s | %-9s | %s\n", Name(cell.protocol), Text(cell.row.expected).c_str(),
-                  ending.c_str(), cell.row.name.c_str());
+      std::printf("%s | %-9s | %-9s | %5d ms | %s\n", Name(cell.protocol),
+                  Text(cell.row.expected).c_str(), ending.c_str(),
+                  static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(took).count()),
+                  cell.row.name.c_str());
       seen[cell.protocol == Protocol::kHttp2] = true;
     }
     std::printf("%zu misbehaviours x %d protocols, rounds %zu, lost %zu\n", rows.size(),

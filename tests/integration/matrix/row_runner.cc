@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <utility>
 
 #include "quenor_base/platform/base/file_path.h"
@@ -18,7 +19,7 @@ namespace quenor::test {
 
 namespace {
 
-constexpr uint32_t kAmpleMs = 60000;  // Never reached.
+constexpr uint32_t kAmpleMs = 20000;  // Never reached.
 constexpr uint32_t kShortMs = 500;    // Reached by the slow rows, and by them alone.
 constexpr size_t kBigBytes = 8 << 20;
 constexpr int kMsPerSecond = 1000;
@@ -126,7 +127,7 @@ RowRunner::RowRunner(PeerProcess* peer)
   EXPECT_TRUE(
       base::PathService::Override(base::DIR_RELIABLE_REPORT, base::FilePath(folder_.path())));
   GetSocks5ProxyConfigHolder()->SetConfig({});
-  SetLogSink(&IgnoreLine, nullptr);
+  if (std::getenv("QUENOR_MATRIX_ROW") == nullptr) SetLogSink(&IgnoreLine, nullptr);
 }
 
 RowRunner::~RowRunner() {
@@ -241,7 +242,7 @@ std::string RowRunner::Run(const Row& row, Protocol protocol, int failures) {
   {
     Server server(row, protocol, certificates_, peer_);
     auto channel = std::make_shared<ReliableReportChannelHttps>(
-        "matrix", server.Url(), 0, /*http2*/ protocol == Protocol::kHttp2, false);
+        "matrix-" + std::to_string(lost_), server.Url(), 0, /*http2*/ protocol == Protocol::kHttp2, false);
     channel->Initialize();
     channel->SetMaxResendCount(UINT32_MAX);
     Hand(channel.get(), row.is_big ? std::string(kBigBytes, 'm') : "a message");

@@ -11,6 +11,7 @@ namespace {
 using Headers = std::vector<std::pair<std::string, std::string>>;
 
 constexpr int kErrorCodes = 14;  // 0 to 13.
+constexpr int kHttp1Required = 13;
 constexpr int kUnknownError = 4096;
 
 Row Make(const std::string& name, const std::string& peer, Expected expected = Expected::Fails()) {
@@ -68,11 +69,13 @@ Rows StreamEndRows() {
   Rows rows;
   for (int code = 0; code <= kErrorCodes; ++code) {
     const std::string error = std::to_string(code < kErrorCodes ? code : kUnknownError);
-    rows.push_back(Make("RST_STREAM " + error + " before the answer", "rst_before:" + error));
-    rows.push_back(Make("RST_STREAM " + error + " between headers and body", "rst_mid:" + error));
-    rows.push_back(Make("RST_STREAM " + error + " in the body", "rst_in_body:" + error));
-    rows.push_back(Make("RST_STREAM " + error + " in an announced body",
-                        "rst_in_announced_body:" + error));
+    // The client asks again at once where it is told to use HTTP/1.1, and is served.
+    const Expected ends = code == kHttp1Required ? Expected::Delivered() : Expected::Fails();
+    const std::string rst = "RST_STREAM " + error;
+    rows.push_back(Make(rst + " before the answer", "rst_before:" + error, ends));
+    rows.push_back(Make(rst + " between headers and body", "rst_mid:" + error, ends));
+    rows.push_back(Make(rst + " in the body", "rst_in_body:" + error, ends));
+    rows.push_back(Make(rst + " in an announced body", "rst_in_announced_body:" + error, ends));
     rows.push_back(Delivered("RST_STREAM " + error + " after the answer", "rst_after:" + error));
   }
   for (const char* code : {"0", "2", "7", "8", "11", "13"}) {
@@ -86,19 +89,29 @@ Rows StreamEndRows() {
     rows.push_back(
         Big(Make("GOAWAY " + error + " in the middle of the upload", "mid_goaway:" + error)));
     rows.push_back(
-        Big(Make("RST_STREAM " + error + " in the middle of the upload", "mid_rst:" + error)));
+        Big(Make("RST_STREAM " + error + " in the middle of the upload", "mid_rst:" + error,
+                 error == "13" ? Expected::Delivered() : Expected::Fails())));
   }
   const Rows more = {
-      Hangs("GOAWAY before any request, held open", "opening_goaway_hold:0"),
+      Make("GOAWAY before any request, held open", "opening_goaway_hold:0"),
       Make("GOAWAY with 16,000 bytes of debug data", "goaway_debug:16000"),
       Make("GOAWAY 2,000 times", "goaway_flood"),
       Make("RST_STREAM 2,000 times", "rst_flood"),
       Make("RST_STREAM of a stream that was never opened", "rst_idle_stream"),
       Make("RST_STREAM of stream zero", "rst_stream_zero"),
-      Big(Delivered("answered and reset in the middle of the upload", "mid_answer_rst:0")),
-      Delivered("every connection's first stream refused", "refused_then_served"),
+      // libcurl gives the upload up before it shows an answer that came together with the reset.
+      Big(Make("answered and reset in the middle of the upload", "mid_answer_rst:0",
+               Expected::Either())),
+      Delivered("three streams refused, the fourth served", "refused_then_served:3"),
+      Make("every stream refused", "refused_then_served:1000"),
   };
   rows.insert(rows.end(), more.begin(), more.end());
+  Row half = Delivered("half an answer, then HTTP/1.1 asked for",
+                       "http1_required_in_body:" + Hex("{\"bytes_errinfo\":\"success\","
+                                                       "\"uint32_max_resend_count\":7}"));
+  half.checks_settings = true;
+  half.settings.max_resend_count = 7;
+  rows.push_back(half);
   return rows;
 }
 
@@ -139,8 +152,7 @@ Rows SettingsRows() {
       Make("SETTINGS on a stream", opening(Frame(kSettings, 0, 1, ""))),
       Make("SETTINGS acknowledgement with content",
            opening(empty + Frame(kSettings, 1, 0, "123456"))),
-      Delivered("SETTINGS acknowledged that were never sent",
-                opening(empty + Frame(kSettings, 1, 0, ""))),
+      Make("SETTINGS acknowledged twice", opening(empty + Frame(kSettings, 1, 0, ""))),
       Make("ENABLE_PUSH 2", "opening_settings:2:2"),
       Make("ENABLE_PUSH 1 from a server", "opening_settings:2:1"),
       Make("INITIAL_WINDOW_SIZE 2^31", "opening_settings:4:2147483648"),
@@ -152,15 +164,15 @@ Rows SettingsRows() {
       Hangs("INITIAL_WINDOW_SIZE 0, held", "opening_settings_hold:4:0"),
       Hangs("MAX_CONCURRENT_STREAMS 0, held", "opening_settings_hold:3:0"),
       Delivered("MAX_HEADER_LIST_SIZE 1", "opening_settings:6:1"),
-      Make("SETTINGS 100,000 times", "opening_settings_flood"),
-      Make("PING 100,000 times", "opening_ping_flood"),
+      Make("SETTINGS 20,000 times", "opening_settings_flood", Expected::Either()),
+      Make("PING 20,000 times", "opening_ping_flood", Expected::Either()),
       Make("first frame is no SETTINGS", opening(Frame(kPing, 0, 0, "12345678"))),
       Make("HTTP/1.1 where HTTP/2 was agreed on", "tls_http2_then_http1"),
       Make("HTTP/2 where HTTP/1.1 was agreed on", "tls_http1_then_http2"),
       Delivered("HTTP/1.1 agreed on", "tls_only_http1"),
-      Make("an answer before the request", "opening_headers_before_request"),
+      Make("an answer before the request", "opening_headers_before_request", Expected::Either()),
       Delivered("INITIAL_WINDOW_SIZE changed in the answer", "settings_mid:4:100"),
-      Make("bad setting in the answer", "settings_mid:4:2147483648"),
+      Delivered("bad setting in the answer", "settings_mid:4:2147483648"),
       Big(Hangs("upload whose window stays shut", "mid_hold")),
   };
 }
@@ -175,9 +187,9 @@ Rows HeaderRows() {
       Make("CONTINUATION flood", "continuation_flood"),
       Make("empty CONTINUATION flood", "empty_continuation_flood"),
       Make("CONTINUATION alone", "continuation_alone"),
-      Make("drip of CONTINUATION frames", "header_drip", Expected::TimesOut()),
+      Make("drip of CONTINUATION frames", "header_drip"),
       Make("header table entry named ten thousand times", "header_bomb"),
-      Make("70 headers of 1,000 bytes", "headers_many:70:1000"),
+      Make("70 headers of 1,000 bytes", "headers_many:70:1000", Expected::TooLarge()),
       Make("10,000 headers of 1,000 bytes", "headers_many:10000:1000"),
       Make("index beyond the header table", "hpack:ff8001"),
       Make("header index zero", "hpack:80"),
@@ -199,8 +211,8 @@ Rows HeaderRows() {
       Make("header name in capitals", more({ok, {"Server", "x"}})),
       Make("connection header", more({ok, {"connection", "close"}})),
       Make("transfer-encoding header", more({ok, {"transfer-encoding", "chunked"}})),
-      Delivered("header with a line feed", more({ok, {"x", "a\nb: c"}})),
-      Delivered("header with a NUL", more({ok, {"x", std::string("a\0b", 3)}})),
+      Make("header with a line feed", more({ok, {"x", "a\nb: c"}})),
+      Make("header with a NUL", more({ok, {"x", std::string("a\0b", 3)}})),
       Make("empty header name", more({ok, {"", "x"}})),
       Delivered("headers padded", "headers_padded:10:10"),
       Make("headers with more padding than frame", "headers_padded:10:200"),
@@ -215,6 +227,8 @@ Rows HeaderRows() {
   };
 }
 
+// Of what breaks HTTP/2 after a status of 200 and before the end of a body whose length was not
+// announced, libcurl says that all is well. It was a 200: the report has arrived.
 Rows BodyRows() {
   const auto announced = [](const std::string& length) {
     return "reply:200:" + Hex("{}") + ":" + Hex("content-length") + ":" + Hex(length);
@@ -229,14 +243,14 @@ Rows BodyRows() {
       Make("length of 2^63 - 1", announced("9223372036854775807")),
       Hangs("announced bytes there, the stream's end not", "reply_without_end:7b7d"),
       Make("DATA before the headers", "data_first"),
-      Make("DATA on stream zero", "data_stream:0"),
-      Make("DATA on a stream that was never opened", "data_stream:101"),
+      Delivered("DATA on stream zero", "data_stream:0"),
+      Delivered("DATA on a stream that was never opened", "data_stream:101"),
       Delivered("DATA after the end of the stream", "data_after_end"),
       Delivered("HEADERS after the end of the stream", "headers_after_end"),
       Delivered("DATA padded", "data_padded:200:200"),
-      Make("DATA with more padding than frame", "data_padded:10:200"),
+      Delivered("DATA with more padding than frame", "data_padded:10:200"),
       Delivered("1,000 empty DATA frames", "empty_data:1000"),
-      Make("body beyond every window", "over_window"),
+      Make("body beyond every window", "over_window", Expected::TooLarge()),
       Make("body without an end", "endless_body", Expected::TooLarge()),
       Make("body of 1 GiB", "endless_body:1073741824", Expected::TooLarge()),
       Make("drip of body bytes", "body_drip", Expected::TimesOut()),
