@@ -1026,11 +1026,11 @@ void Engine::Finish(Io* io, Transfer* transfer) {
   io->finished.push_back(transfer);
 }
 
-// libcurl keeps an HTTP/2 connection after a stream on it has failed, and puts every further request
-// there, the resent one first. Where the server has gone without a word, all of them would time out
-// until the kernel gives the connection up, a quarter of an hour later; where it sends without end
-// and heeds no reset, they would wait behind that. So a connection on which nothing arrived for
-// half of a timed-out exchange, or too much, is cut, with whatever else waits on it.
+// libcurl keeps an HTTP/2 connection after a stream on it has failed, and puts every further
+// request there, the resent one first. Where the server has gone without a word, all of them would
+// time out until the kernel gives the connection up, a quarter of an hour later; where it sends
+// without end and heeds no reset, they would wait behind that. So a connection on which nothing
+// arrived for half of a timed-out exchange, or too much, is cut, with whatever else waits on it.
 void Engine::CutBadConnection(Io* io, const Transfer& transfer) {
   long port = 0;
   curl_easy_getinfo(transfer.easy, CURLINFO_LOCAL_PORT, &port);

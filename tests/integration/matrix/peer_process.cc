@@ -59,9 +59,9 @@ PeerProcess::~PeerProcess() { close(control_); }
 
 int PeerProcess::Tell(const std::string& line) {
   const std::string text = line + "\n";
-  QUENOR_CHECK(send(control_, text.data(), text.size(), MSG_NOSIGNAL) ==
-                   static_cast<ssize_t>(text.size()),
-               ReadWholeFile(folder_.File("output")).c_str());
+  QUENOR_CHECK(
+      send(control_, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size()),
+      ReadWholeFile(folder_.File("output")).c_str());
   std::string answer;
   char c;
   while (recv(control_, &c, 1, 0) == 1) {

@@ -1,5 +1,5 @@
-// PeerProcess: support/h2_peer.py as a child, told over a socket what to do. One listener at a time,
-// on a free port of 127.0.0.1. Threads: one. Life cycle: the destructor ends the child.
+// PeerProcess: support/h2_peer.py as a child, told over a socket what to do. One listener at a
+// time, on a free port of 127.0.0.1. Threads: one. Life cycle: the destructor ends the child.
 #ifndef QUENOR_TESTS_INTEGRATION_MATRIX_PEER_PROCESS_H_
 #define QUENOR_TESTS_INTEGRATION_MATRIX_PEER_PROCESS_H_
 

@@ -61,20 +61,20 @@ struct Row {
   enum Kind { kGood, kExpired, kNotYetValid, kOtherHost, kOtherAuthority, kOtherKeyOnly };
   Kind certificate = kGood;
 
-  bool is_slow = false;           // Ends by a time limit, which is set low.
-  bool is_big = false;            // The message is larger than the sockets' buffers.
-  bool low_speed = false;         // The limit is that of the speed.
-  bool checks_settings = false;   // `settings` are in force once the message is delivered.
+  bool is_slow = false;          // Ends by a time limit, which is set low.
+  bool is_big = false;           // The message is larger than the sockets' buffers.
+  bool low_speed = false;        // The limit is that of the speed.
+  bool checks_settings = false;  // `settings` are in force once the message is delivered.
   Settings settings;
 };
 
 using Rows = std::vector<Row>;
 
 // The table, in groups.
-Rows TlsRows();        // TCP and TLS: both protocols.
-Rows ReplyRows();      // Whole replies of every status and body: both protocols.
-Rows Http1Rows();      // What only HTTP/1.1 can get wrong.
-Rows Http2Rows();      // What only HTTP/2 can get wrong.
+Rows TlsRows();    // TCP and TLS: both protocols.
+Rows ReplyRows();  // Whole replies of every status and body: both protocols.
+Rows Http1Rows();  // What only HTTP/1.1 can get wrong.
+Rows Http2Rows();  // What only HTTP/2 can get wrong.
 
 std::string Hex(const std::string& bytes);
 

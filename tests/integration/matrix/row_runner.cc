@@ -181,8 +181,9 @@ void RowRunner::PassBackOff(size_t failed) {
   EXPECT_EQ(sent + 1, events_.Count(ReportEventKind::kSent)) << "after " << ms << " ms";
 }
 
-// Waits until the message of the exchange that was sent as the `*number`-th, and that failed `failed`
-// times before, is delivered. On a slow machine a row's low time limit may catch a good server too.
+// Waits until the message of the exchange that was sent as the `*number`-th, and that failed
+// `failed` times before, is delivered. On a slow machine a row's low time limit may catch a good
+// server too.
 void RowRunner::AwaitDelivery(const Row& row, size_t failed, size_t* number) {
   for (size_t excuses = 0; !IsDelivered(NextEnding(*number)); ++excuses) {
     const bool excused = row.is_slow && excuses < kMostExcuses;
@@ -242,7 +243,8 @@ std::string RowRunner::Run(const Row& row, Protocol protocol, int failures) {
   {
     Server server(row, protocol, certificates_, peer_);
     auto channel = std::make_shared<ReliableReportChannelHttps>(
-        "matrix-" + std::to_string(lost_), server.Url(), 0, /*http2*/ protocol == Protocol::kHttp2, false);
+        "matrix-" + std::to_string(lost_), server.Url(), 0, /*http2*/ protocol == Protocol::kHttp2,
+        false);
     channel->Initialize();
     channel->SetMaxResendCount(UINT32_MAX);
     Hand(channel.get(), row.is_big ? std::string(kBigBytes, 'm') : "a message");

@@ -105,8 +105,8 @@ Rows StatusLineRows() {
             Expected::Delivered()),
       Bytes("HTTP/2 frames in answer to HTTP/1.1", std::string("\0\0\0\4\0\0\0\0\0", 9), kCloses,
             Expected::Fails()),
-      Bytes("empty lines before the status line", "\r\n\r\n" + Answer("Content-Length: 2\r\n", "{}"),
-            kCloses, Expected::Fails()),
+      Bytes("empty lines before the status line",
+            "\r\n\r\n" + Answer("Content-Length: 2\r\n", "{}"), kCloses, Expected::Fails()),
       Bytes("random bytes", "\x8f\x01\xff\x7f\x03\x99\r\n\r\n\x01\x02", kCloses, Expected::Fails()),
   };
 }
@@ -263,13 +263,13 @@ Rows PaceRows() {
              connection.ResetNow();
              return false;
            }),
-      Bytes("two answers to one request",
-            Answer("Content-Length: 2\r\n", "{}") +
-                "HTTP/1.1 500 Late\r\nContent-Length: 0\r\n\r\n",
-            kCloses, Expected::Delivered()),
+      Bytes(
+          "two answers to one request",
+          Answer("Content-Length: 2\r\n", "{}") + "HTTP/1.1 500 Late\r\nContent-Length: 0\r\n\r\n",
+          kCloses, Expected::Delivered()),
   };
-  Row speed = Endless("drip below the speed limit", Answer("", ""), "x", kDripMs,
-                      Expected::TimesOut());
+  Row speed =
+      Endless("drip below the speed limit", Answer("", ""), "x", kDripMs, Expected::TimesOut());
   speed.low_speed = true;
   rows.push_back(speed);
   return rows;

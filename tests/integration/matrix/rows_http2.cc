@@ -285,7 +285,8 @@ Rows FrameRows() {
       Make("PUSH_PROMISE, which was forbidden", "push_promise:2"),
       Make("PUSH_PROMISE of an odd stream", "push_promise:3"),
       Make("PUSH_PROMISE of stream zero", "push_promise:0"),
-      Delivered("ALTSVC", before(HexFrame(kAltSvc, 0, 0, std::string("\0\4abcd", 6) + "h2=\":1\""))),
+      Delivered("ALTSVC",
+                before(HexFrame(kAltSvc, 0, 0, std::string("\0\4abcd", 6) + "h2=\":1\""))),
       Delivered("ORIGIN", before(HexFrame(kOrigin, 0, 0, std::string("\0\4abcd", 6)))),
   };
 }
@@ -294,8 +295,8 @@ Rows FrameRows() {
 
 Rows Http2Rows() {
   Rows rows;
-  for (const Rows& more : {StreamEndRows(), CloseRows(), SettingsRows(), HeaderRows(), BodyRows(),
-                           FrameRows()}) {
+  for (const Rows& more :
+       {StreamEndRows(), CloseRows(), SettingsRows(), HeaderRows(), BodyRows(), FrameRows()}) {
     rows.insert(rows.end(), more.begin(), more.end());
   }
   return rows;

@@ -58,9 +58,9 @@ Settings MaxResend(uint32_t count) {
 
 Rows StatusRows() {
   Rows rows;
-  for (int status : {201, 202, 203, 206, 400, 402, 403, 404, 405, 406, 407, 408, 409, 410, 411, 412,
-                     413, 414, 415, 416, 417, 418, 421, 422, 423, 425, 426, 428, 431, 451, 499, 500,
-                     501, 502, 504, 505, 507, 511, 599, 600, 700, 999}) {
+  for (int status : {201, 202, 203, 206, 400, 402, 403, 404, 405, 406, 407, 408, 409, 410,
+                     411, 412, 413, 414, 415, 416, 417, 418, 421, 422, 423, 425, 426, 428,
+                     431, 451, 499, 500, 501, 502, 504, 505, 507, 511, 599, 600, 700, 999}) {
     rows.push_back(Reply("status " + std::to_string(status), status, "{}"));
   }
   for (int status : {300, 301, 302, 303, 307, 308}) {
@@ -121,8 +121,8 @@ Rows NumberRows() {
       Json("a number with a leading zero", Success("\"uint32_max_resend_count\":07")),
       Json("a number with a plus", Success("\"uint32_max_resend_count\":+7")),
       Json("NaN", Success("\"uint32_send_interval\":NaN," + seven)),
-      Json("duplicate keys",
-           Success("\"uint32_max_resend_count\":5,\"uint32_max_resend_count\":7"), MaxResend(7)),
+      Json("duplicate keys", Success("\"uint32_max_resend_count\":5,\"uint32_max_resend_count\":7"),
+           MaxResend(7)),
       Json("a duplicate verdict", Success("\"bytes_errinfo\":\"no\"," + seven)),
   };
 }
@@ -172,8 +172,8 @@ Rows TextRows() {
            Success("\"x\":" + std::string(250, '[') + std::string(250, ']') + "," + seven)),
       Json("half a million opening brackets", std::string(500000, '[')),
       Json("half a million opening braces", Success("\"x\":" + std::string(500000, '{'))),
-      Json("a string of 900,000 bytes", Success("\"x\":\"" + std::string(900000, 'y') + "\"," + seven),
-           MaxResend(7)),
+      Json("a string of 900,000 bytes",
+           Success("\"x\":\"" + std::string(900000, 'y') + "\"," + seven), MaxResend(7)),
       Json("cookies and HSTS", good, MaxResend(7),
            {{"set-cookie", "a=b"}, {"strict-transport-security", "max-age=1"}}),
       Json("another server announced", good, MaxResend(7), {{"alt-svc", "h2=\"localhost:1\""}}),

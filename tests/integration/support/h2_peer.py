@@ -448,6 +448,8 @@ def opening_headers_before_request(c):
     c.start()
     c.stream = 1
     c.raw(c.headers(), c.data(b"{}"))
+    c.request()
+    raise Gone
 
 
 # ---- HTTP/2, while the request arrives: f(c, *args) -------------------------------------------------------
