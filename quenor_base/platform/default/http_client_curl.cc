@@ -951,8 +951,11 @@ void Engine::Run(Io* io) {
     CollectFinished(io);
     ExpireDeadlines(io);
     EndWork(io);
+    // libcurl gives a connection that has become free to a request that waits for one, and may
+    // forget the timer that would have it look at that request: it looks at all of them when asked.
+    const bool look_again = !io->finished.empty() && !io->active.empty();
     Report(io);
-    Wait(io);
+    if (!look_again) Wait(io);
   }
 }
 
