@@ -38,6 +38,9 @@ class RowRunner {
   // the row's name. Answers what was seen, for a line of the table.
   std::string Run(const Row& row, Protocol protocol, int failures);
 
+  // Drops what was recorded of the last round, with the messages' bytes.
+  void Forget() { events_.Clear(); }
+
   size_t rounds() const { return rounds_; }
   size_t lost() const { return lost_; }
 

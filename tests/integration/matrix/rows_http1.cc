@@ -231,7 +231,7 @@ Rows HeaderRows() {
 
 Rows PaceRows() {
   Rows rows = {
-      Endless("drip: status line", "", "H", kDripMs, Expected::TimesOut()),
+      Endless("drip: status line", "HTTP/1.1 200 ", "O", kDripMs, Expected::TimesOut()),
       Endless("drip: headers", "HTTP/1.1 200 OK\r\n", "X: y\r\n", kDripMs, Expected::TimesOut()),
       Endless("drip: one header's bytes", "HTTP/1.1 200 OK\r\nX: ", "y", kDripMs,
               Expected::TimesOut()),
