@@ -1252,8 +1252,7 @@ int64_t HttpClientCurl::SendRequest(const Request& request, CompletionCallback c
   transfer->request.request_id = id;
   transfer->callback = std::move(callback);
   transfer->started_ms = NowMs();
-  transfer->deadline_ms =
-      transfer->started_ms + (request.timeout_ms > 0 ? request.timeout_ms : total_ms);
+  transfer->deadline_ms = NowMs() + (request.timeout_ms > 0 ? request.timeout_ms : total_ms);
   engine->Submit(transfer);
   return id;
 }
