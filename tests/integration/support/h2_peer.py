@@ -886,7 +886,9 @@ def refused_then_served(c, count):
 def http1_required_in_body(c, body):
     """What is then asked for over HTTP/1.1 is this."""
     c.peer.http1_body = bytes.fromhex(body)
-    c.raw(c.headers(), c.data(b"half an answer", 0), rst(c.stream, 13))
+    c.raw(c.headers(), c.data(b"half an answer", 0))
+    c.peer.pause(0.1)  # The client has taken it.
+    c.raw(rst(c.stream, 13))
 
 
 # ---- The server --------------------------------------------------------------------------------------
