@@ -535,21 +535,21 @@ TEST_F(DoctorTest, ASignalEndsItAtOnce) {
 // ---- The probe ----------------------------------------------------------------------------------
 
 TEST_F(DoctorTest, AStatusOtherThan200FailsTheProbe) {
-  TlsCollector collector(good_, {"--status", "503"});
+  TlsCollector collector(good_, {"--misbehave", "all: status=503"});
 
   ExpectFailed(ExamineTrusting(collector.url(), {"--probe"}), "probe", "http_status",
                "answered 503");
 }
 
 TEST_F(DoctorTest, AnAnswerThatDoesNotComeFailsTheProbe) {
-  TlsCollector collector(good_, {"--never-answer-every", "1"});
+  TlsCollector collector(good_, {"--misbehave", "all: hang=0"});
 
   ExpectFailed(ExamineTrusting(collector.url(), {"--probe", "--timeout", "1"}), "probe", "timeout",
                "no whole answer in time");
 }
 
 TEST_F(DoctorTest, AConnectionThatIsClosedWithoutAnAnswerFailsTheProbeInTheClientsWords) {
-  TlsCollector collector(good_, {"--close-every", "1"});
+  TlsCollector collector(good_, {"--misbehave", "all: close=0"});
 
   ExpectFailed(ExamineTrusting(collector.url(), {"--probe"}), "probe", "no_answer",
                "client: http: cannot post to " + collector.url());

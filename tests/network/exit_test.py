@@ -70,7 +70,7 @@ class ExitTest(support.Case):
                 f"(longest {max(hanging):.1f} ms); messages kept {min(kept)} of {MESSAGES}")
 
     def test_server_that_never_answers(self):
-        server = self.collector(options=["--never-answer-every", "1"])
+        server = self.collector(options=["--misbehave", "all: hang=0"])
         self.measure(server.url("localhost"))
 
     def test_server_that_never_shakes_hands(self):

@@ -53,7 +53,7 @@ class SoakTest(support.Case):
         feed_s = MINUTES * 60 * 0.75 if MINUTES <= 2 else MINUTES * 60 - 60
         say(f"soak: {messages} messages over {CHANNELS} channels in {feed_s:.0f} s, seed={seed}")
         # Some of what is on record is not yet answered when it is killed.
-        judge = self.collector(options=["--delay-ms", "20"])
+        judge = self.collector(options=["--misbehave", "all: delay=20"])
         app = self.application(judge.url("127.0.0.1"), channels=CHANNELS, cache=True)
         app.do("start")
         sampler = Sampler(app.pid)

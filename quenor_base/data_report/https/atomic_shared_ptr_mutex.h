@@ -1,13 +1,10 @@
-// A shared pointer that any thread may read and replace, behind one mutex. Empty in a forked child,
-// where another thread may have left the mutex locked.
+// A shared pointer that any thread may read and replace, behind one mutex.
 #ifndef QUENOR_BASE_DATA_REPORT_HTTPS_ATOMIC_SHARED_PTR_MUTEX_H_
 #define QUENOR_BASE_DATA_REPORT_HTTPS_ATOMIC_SHARED_PTR_MUTEX_H_
 
 #include <memory>
 #include <mutex>
 #include <utility>
-
-#include "quenor_base/platform/base/fork.h"
 
 namespace quenor::internal {
 
@@ -16,7 +13,6 @@ class AtomicSharedPtrMutex {
  public:
   // Any thread. A copy of the held pointer, taken under the lock.
   std::shared_ptr<T> load() const {
-    if (generation_ != base::ForkGeneration()) return nullptr;
     std::lock_guard<std::mutex> hold(mutex_);
     return pointer_;
   }
@@ -24,13 +20,11 @@ class AtomicSharedPtrMutex {
   // Any thread. Replaces the held pointer. The old one is released under the lock: when it was the
   // last reference, T's destructor runs there, so it must not come back to this holder.
   void store(std::shared_ptr<T> value) {
-    if (generation_ != base::ForkGeneration()) return;
     std::lock_guard<std::mutex> hold(mutex_);
     pointer_ = std::move(value);
   }
 
  private:
-  const uint32_t generation_ = base::ForkGeneration();
   // A plain std::mutex, held only for one pointer copy or swap and that release.
   mutable std::mutex mutex_;
   std::shared_ptr<T> pointer_;

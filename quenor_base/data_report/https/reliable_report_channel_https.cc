@@ -165,13 +165,14 @@ ReliableReportChannelHttps::ReliableReportChannelHttps(const std::string& channe
 ReliableReportChannelHttps::~ReliableReportChannelHttps() = default;
 
 void ReliableReportChannelHttps::Initialize() {
+  if (IsForkedCopy()) return;
   int32_t expected = kNotInitialized;
   if (!state_.compare_exchange_strong(expected, kInitializing)) return;
   max_resend_count_ = kDefaultMaxResendCount;
   dispatch_queue_.store(core::ThreadManager::CreateNewDispatchQueue(
       core::BusinessID::kReliableReport, channel_name_,
       base::Optional<base::Thread::Options>(base::Thread::Options())));
-  const std::shared_ptr<DispatchQueue> queue = dispatch_queue_.load();
+  const std::shared_ptr<DispatchQueue> queue = Queue();
   if (queue == nullptr) {
     state_.store(kNotInitialized);
     return;
@@ -184,13 +185,13 @@ void ReliableReportChannelHttps::Initialize() {
 void ReliableReportChannelHttps::Terminate() {
   int32_t expected = kInitialized;
   if (!state_.compare_exchange_strong(expected, kTerminating)) return;
-  const std::shared_ptr<DispatchQueue> queue = dispatch_queue_.load();
+  const std::shared_ptr<DispatchQueue> queue = Queue();
   if (queue != nullptr) {
     queue->PostTask(Here(__LINE__),
                     base::BindOnce(&ReliableReportChannelHttps::DoTerminate, StrongThis()));
     queue->Retire();  // Another thread may hold it past the next line: the drain counts from here.
   }
-  dispatch_queue_.store(nullptr);
+  if (!IsForkedCopy()) dispatch_queue_.store(nullptr);
   state_.store(kNotInitialized);
 }
 
@@ -272,6 +273,11 @@ struct ReliableReportChannelHttps::AdmissionTask {
   }
 };
 
+// Another thread of the parent's may have held the holder's lock for ever.
+std::shared_ptr<DispatchQueue> ReliableReportChannelHttps::Queue() const {
+  return IsForkedCopy() ? nullptr : dispatch_queue_.load();
+}
+
 bool ReliableReportChannelHttps::CheckInitialized(const char* operation, int line) {
   // relaxed: a call that races with Initialize() or Terminate() may see either state.
   if (state_.load(std::memory_order_relaxed) == kInitialized) return true;
@@ -306,7 +312,7 @@ void ReliableReportChannelHttps::HandOver(const char* operation, int line, const
              operation, size);
     return tell(ReportEventKind::kRefused, ReportEventCause::kOutOfMemory);
   }
-  const std::shared_ptr<DispatchQueue> queue = dispatch_queue_.load();
+  const std::shared_ptr<DispatchQueue> queue = Queue();
   if (queue == nullptr) return tell(ReportEventKind::kRefused, ReportEventCause::kQueueGone);
   AdmissionTask task(StrongThis(), std::move(body), need_cache, send_now);
   if (delay != nullptr) {
@@ -321,7 +327,7 @@ void ReliableReportChannelHttps::PostOperation(
     const char* operation, int line, void (ReliableReportChannelHttps::*method)(Params...),
     Args&&... args) {
   if (!CheckInitialized(operation, line)) return;
-  const std::shared_ptr<DispatchQueue> queue = dispatch_queue_.load();
+  const std::shared_ptr<DispatchQueue> queue = Queue();
   if (queue == nullptr) return;
   queue->PostTask(Here(line), base::BindOnce(method, StrongThis(), std::forward<Args>(args)...));
 }

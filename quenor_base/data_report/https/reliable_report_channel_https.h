@@ -20,6 +20,7 @@
 
 #include "quenor_base/buffer/copy_on_write_buffer.h"
 #include "quenor_base/data_report/https/atomic_shared_ptr_mutex.h"
+#include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/time.h"
 #include "quenor_base/platform/base/timer.h"
 #include "quenor_base/platform/dispatch_queue.h"
@@ -134,6 +135,10 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   // --- Owner operations -----------------------------------------------------------------------
   // Any thread. True in state 2; else logs "OPERATION, channel is not initialized", throttled.
   bool CheckInitialized(const char* operation, int line);
+  // Any thread. In a child that the host forked: the channel is the parent's, and does nothing.
+  bool IsForkedCopy() const { return fork_generation_ != base::ForkGeneration(); }
+  // Any thread. Null when there is none, and in a child that the host forked.
+  std::shared_ptr<DispatchQueue> Queue() const;
   // Queue thread. True while running; else logs "OPERATION, channel is not running", throttled.
   bool CheckRunning(const char* operation, int line);
   // Any thread. The steps of the two operations that carry a message; a null `delay` posts at once.
@@ -260,6 +265,7 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   std::string cache_name_ = "quenor_report";
   std::atomic<uint32_t> report_interval_ms_{10000};  // Written by the queue, read by any thread.
   std::unique_ptr<z_stream, void (*)(z_stream*)> z_stream_{nullptr, nullptr};
+  const uint32_t fork_generation_ = base::ForkGeneration();
 };
 
 }  // namespace quenor

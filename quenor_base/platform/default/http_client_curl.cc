@@ -8,6 +8,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/sockios.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -157,6 +159,7 @@ struct Transfer {
   HttpClient::Request request;
   HttpClient::CompletionCallback callback;
   curl_slist* own_headers = nullptr;
+  int64_t started_ms = 0;
   int64_t deadline_ms = 0;
   size_t active_index = 0;
 
@@ -239,8 +242,10 @@ size_t OnHeaderLine(char* data, size_t, size_t size, void* user) {
   if (length == 0) {
     transfer->headers_complete = true;
   } else if (length >= 5 && std::memcmp(data, "HTTP/", 5) == 0) {
-    // An interim answer (1xx) is followed by another: only the last one's headers count.
+    // An interim answer (1xx) is followed by another, and so is one that libcurl gives up to ask
+    // again in HTTP/1.1, as the server told it: only the last one counts.
     transfer->response->headers.clear();
+    transfer->size_bytes = 0;
     transfer->headers_complete = false;
   } else {
     AddHeader(transfer->response.get(), data, length);
@@ -269,8 +274,40 @@ int OnProgress(void* user, curl_off_t, curl_off_t down, curl_off_t up_total, cur
   return transfer->whole_early ? 1 : 0;
 }
 
-curl_socket_t OpenSocket(void*, curlsocktype, curl_sockaddr* address) {
-  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+// The sockets of all connections. I/O thread only.
+using Sockets = std::vector<int>;
+
+curl_socket_t OpenSocket(void* user, curlsocktype, curl_sockaddr* address) {
+  const int fd = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  if (fd >= 0) static_cast<Sockets*>(user)->push_back(fd);
+  return fd;
+}
+
+int CloseSocket(void* user, curl_socket_t fd) {
+  Sockets* sockets = static_cast<Sockets*>(user);
+  sockets->erase(std::remove(sockets->begin(), sockets->end(), fd), sockets->end());
+  return close(fd);
+}
+
+// The local port of an internet socket; 0 for any other.
+int LocalPort(int fd) {
+  union {
+    sockaddr any;
+    sockaddr_in v4;
+    sockaddr_in6 v6;
+  } address{};
+  socklen_t length = sizeof(address);
+  if (getsockname(fd, &address.any, &length) != 0) return 0;
+  if (address.any.sa_family == AF_INET) return ntohs(address.v4.sin_port);
+  return address.any.sa_family == AF_INET6 ? ntohs(address.v6.sin6_port) : 0;
+}
+
+// For how long nothing has arrived on a TCP connection; 0 when that cannot be known.
+int64_t SilentMs(int fd) {
+  tcp_info info{};
+  socklen_t length = sizeof(info);
+  if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) != 0) return 0;
+  return info.tcpi_last_data_recv;
 }
 
 // Gathers whether every option was taken.
@@ -352,6 +389,7 @@ bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
   options.Set(CURLOPT_XFERINFODATA, transfer);
   options.Set(CURLOPT_NOPROGRESS, 0L);
   options.Set(CURLOPT_OPENSOCKETFUNCTION, &OpenSocket);
+  options.Set(CURLOPT_CLOSESOCKETFUNCTION, &CloseSocket);
   options.Set(CURLOPT_PROTOCOLS_STR, "http,https");
   options.Set(CURLOPT_FOLLOWLOCATION, 0L);
   options.Set(CURLOPT_ACCEPT_ENCODING, nullptr);
@@ -620,6 +658,7 @@ struct Io {
   std::vector<Transfer*> active;  // In the multi handle; each knows its index.
   std::vector<Transfer*> finished;
   std::vector<Transfer*> surplus;
+  Sockets sockets;
   int64_t next_deadline_ms = kNever;  // No active transfer's deadline is earlier.
   uint32_t host_connections = 0;      // As last set in the multi handle.
   uint64_t progress = 0;              // Counts whatever moved.
@@ -723,6 +762,7 @@ class Engine {
   void ExpireDeadlines(Io* io);
   void CollectFinished(Io* io);
   void Finish(Io* io, Transfer* transfer);
+  void CutBadConnection(Io* io, const Transfer& transfer);
   void Report(Io* io) QUENOR_EXCLUDES(lock_);
   void LogFailure(const Transfer& transfer) QUENOR_EXCLUDES(lock_);
   void Wait(Io* io) QUENOR_EXCLUDES(lock_);
@@ -913,8 +953,11 @@ void Engine::Run(Io* io) {
     CollectFinished(io);
     ExpireDeadlines(io);
     EndWork(io);
+    // libcurl gives a connection that has become free to a request that waits for one, and may
+    // forget the timer that would have it look at that request: it looks at all of them when asked.
+    const bool look_again = !io->finished.empty() && !io->active.empty();
     Report(io);
-    Wait(io);
+    if (!look_again) Wait(io);
   }
 }
 
@@ -953,6 +996,8 @@ void Engine::StartSubmitted(Io* io) {
     }
     transfer->state = HttpClient::State::kFailed;
     transfer->progress = &io->progress;
+    curl_easy_setopt(transfer->easy, CURLOPT_OPENSOCKETDATA, &io->sockets);
+    curl_easy_setopt(transfer->easy, CURLOPT_CLOSESOCKETDATA, &io->sockets);
     ++io->progress;
     transfer->response.reset(new HttpClient::Response);
     // acquire: pairs with the release in Close().
@@ -973,6 +1018,10 @@ void Engine::StartSubmitted(Io* io) {
 // closes, an HTTP/2 stream is reset.
 void Engine::Finish(Io* io, Transfer* transfer) {
   curl_multi_remove_handle(io->multi, transfer->easy);
+  if (transfer->state == HttpClient::State::kTimedOut ||
+      transfer->state == HttpClient::State::kTooLarge) {
+    CutBadConnection(io, *transfer);
+  }
   Transfer* last = io->active.back();
   io->active[transfer->active_index] = last;
   last->active_index = transfer->active_index;
@@ -980,6 +1029,24 @@ void Engine::Finish(Io* io, Transfer* transfer) {
   if (io->active.empty()) io->next_deadline_ms = kNever;
   ++io->progress;
   io->finished.push_back(transfer);
+}
+
+// libcurl keeps an HTTP/2 connection after a stream on it has failed, and puts every further
+// request there, the resent one first. Where the server has gone without a word, all of them would
+// time out until the kernel gives the connection up, a quarter of an hour later; where it sends
+// without end and heeds no reset, they would wait behind that. So a connection on which nothing
+// arrived for half of a timed-out exchange, or too much, is cut, with whatever else waits on it.
+void Engine::CutBadConnection(Io* io, const Transfer& transfer) {
+  long port = 0;
+  curl_easy_getinfo(transfer.easy, CURLINFO_LOCAL_PORT, &port);
+  if (port <= 0) return;
+  const int64_t waited_ms = NowMs() - transfer.started_ms;
+  for (int fd : io->sockets) {
+    if (LocalPort(fd) != port) continue;
+    if (transfer.state == HttpClient::State::kTooLarge || SilentMs(fd) >= waited_ms / 2) {
+      shutdown(fd, SHUT_RDWR);
+    }
+  }
 }
 
 void Engine::CollectFinished(Io* io) {
@@ -1186,6 +1253,7 @@ int64_t HttpClientCurl::SendRequest(const Request& request, CompletionCallback c
   const uint32_t total_ms = settings_->defaults.total_timeout_ms;
   transfer->request.request_id = id;
   transfer->callback = std::move(callback);
+  transfer->started_ms = NowMs();
   transfer->deadline_ms = NowMs() + (request.timeout_ms > 0 ? request.timeout_ms : total_ms);
   engine->Submit(transfer);
   return id;

@@ -32,6 +32,10 @@ constexpr uint64_t kHeaderMagic = 0x1a4d726f6e657571;  // "quenorM\x1a"
 constexpr uint64_t kExtentMagic = 0x1a58726f6e657571;  // "quenorX\x1a"
 constexpr uint32_t kPacketMagic = 0x1a504e51;          // "QNP\x1a"
 
+// No file gets that far. What is numbered from here on is repaired, which numbers it anew; from
+// twice that on it does not even count, so that numbers never begin again.
+constexpr uint64_t kSaveNumberLimit = uint64_t{1} << 61;
+
 struct Header {
   uint64_t magic;
   uint32_t version;

@@ -475,7 +475,8 @@ bool MultiProcessSafetyMmapFile::State::PrepareTable(const mmap_format::Reader& 
     StoreLast(&header()->magic, wanted.magic);
   }
   const uint64_t unused = reader.LargestSaveNumber() + 1;
-  if (__atomic_load_n(&header()->next_save_number, __ATOMIC_RELAXED) < unused) {
+  const uint64_t next_number = __atomic_load_n(&header()->next_save_number, __ATOMIC_RELAXED);
+  if (next_number < unused || next_number >= mmap_format::kSaveNumberLimit) {
     __atomic_store_n(&header()->next_save_number, unused, __ATOMIC_RELAXED);
   }
   return true;

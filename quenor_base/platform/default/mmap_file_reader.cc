@@ -27,7 +27,7 @@ SealState StateOf(const Seal& seal) {
   if (IsZero(&seal, sizeof seal)) return SealState::kNever;
   if (seal.check != CheckOf(seal)) return SealState::kDamaged;
   const bool sane =
-      seal.index <= 1 && (seal.superseded & 1) == 0 &&
+      seal.save_number < 2 * kSaveNumberLimit && seal.index <= 1 && (seal.superseded & 1) == 0 &&
       (seal.extent_offset == 0 ? seal.packets == 0
                                : IsSaneExtent(seal.extent_offset, seal.extent_size) &&
                                      ExtentShape{seal.extent_size, seal.index_capacity}.IsSane() &&
@@ -245,6 +245,9 @@ bool Reader::ExamineOwner(uint32_t owner, Survey* survey, uint32_t* damaged_pack
   const size_t before = survey->packets.size();
   bool index_is_good = view.in_force >= 0 && view.damage == nullptr;
   if (view.damage != nullptr) survey->damage = view.damage;
+  if (view.in_force >= 0 && view.seal().save_number >= kSaveNumberLimit) {
+    survey->damage = "a save's number";
+  }
   if (index_is_good) {
     const char* damage;
     if (!ReadContent(owner, view.seal(), &survey->packets, &damage, damaged_packets)) return false;

@@ -216,6 +216,40 @@ TEST_F(InspectorTest, SealOfNothingInAnExtentBehindTheEndIsRepaired) {
   EXPECT_LT(SizeOf(mapped_), uint64_t{1} << 20);
 }
 
+// The next number is under no check: numbers that began again would put old content in force.
+TEST_F(InspectorTest, NumbersNearTheirEndDoNotBeginAgain) {
+  for (const uint64_t number : {UINT64_MAX, uint64_t{1} << 63, mmap_format::kSaveNumberLimit}) {
+    LeaveMapped({"old"});
+    std::string bytes = ReadWholeFile(mapped_);
+    std::memcpy(bytes.data() + offsetof(mmap_format::Header, next_save_number), &number,
+                sizeof number);
+    ASSERT_TRUE(WriteWholeFile(mapped_, bytes));
+    {
+      MultiProcessSafetyMmapFile file;
+      ASSERT_TRUE(OpenFile(file, mapped_) && Save(file, {"new"}) && Save(file, {"newer"}));
+    }
+    EXPECT_EQ(Packets{"newer"}, LoadMapped(mapped_)) << number;
+    EXPECT_FALSE(Exists(SetAside(mapped_)));
+  }
+}
+
+TEST_F(InspectorTest, SealWithANumberBeyondAnyFileIsRepaired) {
+  LeaveMapped({"one"});
+  ChangeRecord(1, [](OwnerRecord* record) {
+    Seal* const seal = InForce(record);
+    ASSERT_NE(nullptr, seal);
+    seal->save_number = 2 * mmap_format::kSaveNumberLimit - 1;
+    seal->check = mmap_format::CheckOf(*seal);
+  });
+  {
+    MultiProcessSafetyMmapFile file;
+    ASSERT_TRUE(OpenFile(file, mapped_));
+    EXPECT_EQ(Packets{"one"}, ReadAll(file));
+    ASSERT_TRUE(Save(file, {"two"}) && Save(file, {"three"}));
+  }
+  EXPECT_EQ(Packets{"three"}, LoadMapped(mapped_));
+}
+
 // A dead heir's seal stands for that record: once settled it must not come back to life.
 TEST_F(InspectorTest, DamagedRecordThatAnotherStandsForIsEmptiedAtTheNextOpen) {
   LeaveMapped({"mine"});

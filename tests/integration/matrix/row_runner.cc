@@ -1,0 +1,281 @@
+#include "tests/integration/matrix/row_runner.h"
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+#include "quenor_base/platform/base/file_path.h"
+#include "quenor_base/platform/base/path_service.h"
+#include "quenor_base/platform/config_center.h"
+#include "quenor_base/platform/local_log.h"
+#include "quenor_base/platform/socks5_proxy_config.h"
+
+namespace quenor::test {
+
+namespace {
+
+constexpr uint32_t kAmpleMs = 20000;  // Never reached.
+constexpr uint32_t kShortMs = 500;    // Reached by the slow rows, and by them alone.
+constexpr size_t kBigBytes = 8 << 20;
+constexpr int kMsPerSecond = 1000;
+constexpr size_t kMostExcuses = 20;  // Failures of a good server that a low limit may explain.
+
+void IgnoreLine(void*, int, const char*, int, const char*, size_t) {}
+
+bool IsDelivered(const Ending& ending) {
+  return ending.state == HttpClient::State::kCompleted && ending.status == 200;
+}
+
+std::string Text(const Ending& ending) {
+  static const char* const kNames[] = {"failed", "cancelled", "completed", "timed out",
+                                       "too large"};
+  if (ending.state == HttpClient::State::kCompleted) return std::to_string(ending.status);
+  return kNames[static_cast<int>(ending.state)];
+}
+
+void Hand(ReliableReportChannelHttps* channel, const std::string& bytes) {
+  channel->SendPacket(reinterpret_cast<const uint8_t*>(bytes.data()),
+                      static_cast<uint32_t>(bytes.size()), true, true);
+}
+
+}  // namespace
+
+size_t OpenDescriptors() {
+  DIR* folder = opendir("/proc/self/fd");
+  if (folder == nullptr) return 0;
+  size_t count = 0;
+  while (readdir(folder) != nullptr) ++count;
+  closedir(folder);
+  return count - 3;  // "." and "..", and the folder's own.
+}
+
+size_t ResidentKib() {
+  size_t size = 0;
+  size_t resident = 0;
+  std::FILE* file = std::fopen("/proc/self/statm", "re");
+  if (file == nullptr) return 0;
+  if (std::fscanf(file, "%zu %zu", &size, &resident) != 2) resident = 0;
+  std::fclose(file);
+  return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE)) / 1024;
+}
+
+// The misbehaving server of one row, of either kind.
+class RowRunner::Server {
+ public:
+  Server(const Row& row, Protocol protocol, const std::map<Row::Kind, Certificate>& certificates,
+         PeerProcess* peer)
+      : row_(row), good_(certificates.at(Row::kGood)) {
+    const Certificate& certificate = certificates.at(row.certificate);
+    if (protocol == Protocol::kHttp1 && row.http1) {
+      scripted_ = std::make_unique<ScriptedServer>(
+          [this](ScriptedServer::Connection& connection) { Serve(connection); }, &certificate);
+      port_ = scripted_->port();
+    } else {
+      peer_ = peer;
+      port_ = peer->Arm(row.peer, certificate);
+    }
+  }
+  ~Server() {
+    if (peer_ != nullptr) peer_->Disarm();
+  }
+
+  std::string Url() const { return "https://127.0.0.1:" + std::to_string(port_) + "/reports"; }
+  void Behave() {
+    behaves_ = true;
+    if (peer_ != nullptr) peer_->Behave(good_);
+  }
+
+ private:
+  void Serve(ScriptedServer::Connection& connection) {
+    if (row_.at_once && !behaves_) {
+      row_.http1(connection);
+      return;
+    }
+    ReceivedRequest request;
+    while (connection.ReadRequest(&request)) {
+      if (behaves_) {
+        connection.Respond(200, "{}", {{"Connection", "close"}});
+        return;
+      }
+      if (!row_.http1(connection)) return;
+    }
+  }
+
+  const Row& row_;
+  const Certificate& good_;
+  std::atomic<bool> behaves_{false};
+  PeerProcess* peer_ = nullptr;
+  uint16_t port_ = 0;
+  std::unique_ptr<ScriptedServer> scripted_;  // Last: its threads use what is above.
+};
+
+RowRunner::RowRunner(PeerProcess* peer)
+    : peer_(peer), authority_(folder_.path(), "ca"), unknown_authority_(folder_.path(), "other") {
+  constexpr char kNames[] = "DNS:localhost,IP:127.0.0.1";
+  certificates_[Row::kGood] = authority_.Issue("good", kNames);
+  certificates_[Row::kExpired] = authority_.Issue("expired", kNames, -7000, -3600);
+  certificates_[Row::kNotYetValid] = authority_.Issue("not-yet", kNames, 3600, 7000);
+  certificates_[Row::kOtherHost] = authority_.Issue("other-host", "DNS:example.com,IP:127.0.0.2");
+  certificates_[Row::kOtherAuthority] = unknown_authority_.Issue("unknown", kNames);
+  config::ConfigCenterImpl::GetInstance()->SetHostOverride(config::BaseCfg().cache_option,
+                                                           uint64_t{2});
+  EXPECT_TRUE(
+      base::PathService::Override(base::DIR_RELIABLE_REPORT, base::FilePath(folder_.path())));
+  GetSocks5ProxyConfigHolder()->SetConfig({});
+  if (std::getenv("QUENOR_MATRIX_ROW") == nullptr) SetLogSink(&IgnoreLine, nullptr);
+}
+
+RowRunner::~RowRunner() {
+  SetLogSink(nullptr, nullptr);
+  (void)base::PathService::Override(base::DIR_RELIABLE_REPORT, base::FilePath());
+}
+
+void RowRunner::SetLimits(const Row& row) {
+  HttpDefaults defaults;
+  defaults.ca_file = authority_.ca_file();
+  defaults.connect_timeout_ms = defaults.total_timeout_ms = row.is_slow ? kShortMs : kAmpleMs;
+  if (row.low_speed) {
+    defaults.connect_timeout_ms = defaults.total_timeout_ms = kAmpleMs;
+    defaults.low_speed_bytes_per_second = 4096;
+    defaults.low_speed_seconds = 1;
+  }
+  EXPECT_EQ("", SetHttpDefaults(defaults));
+}
+
+Ending RowRunner::NextEnding(size_t number) {
+  const Ending ending = watch_->WaitFor(number);
+  clock_.RunUntilIdle();
+  EXPECT_EQ(number, watch_->started());
+  EXPECT_EQ(number, events_.Count(ReportEventKind::kSent));
+  return ending;
+}
+
+size_t RowRunner::InCache() const {
+  const std::vector<RecordedEvent> saves = events_.OfKind(ReportEventKind::kSaved);
+  return saves.empty() ? 0 : saves.back().count;
+}
+
+void RowRunner::CheckFailed(const Row& row, const Ending& ending, size_t number) {
+  if (row.expected.what == Expected::kStatus) {
+    EXPECT_EQ(std::to_string(row.expected.status), Text(ending));
+  } else {
+    EXPECT_EQ(Text(Ending{row.expected.state, 0}), Text(ending));
+    EXPECT_NE(Expected::kDelivered, row.expected.what);
+  }
+  EXPECT_EQ(number, events_.Count(ReportEventKind::kFailed));
+  EXPECT_EQ(0u, events_.Count(ReportEventKind::kAcknowledged));
+  EXPECT_EQ(1u, InCache());
+}
+
+void RowRunner::PassBackOff(size_t failed) {
+  const int64_t ms = kMsPerSecond << std::min<size_t>(failed - 1, 3);
+  const size_t sent = events_.Count(ReportEventKind::kSent);
+  clock_.AdvanceBy(base::TimeDelta::FromMilliseconds(ms - 1));
+  EXPECT_EQ(sent, events_.Count(ReportEventKind::kSent)) << "before " << ms << " ms had passed";
+  clock_.AdvanceBy(base::TimeDelta::FromMilliseconds(1));
+  EXPECT_EQ(sent + 1, events_.Count(ReportEventKind::kSent)) << "after " << ms << " ms";
+}
+
+// Waits until the message of the exchange that was sent as the `*number`-th, and that failed
+// `failed` times before, is delivered. On a slow machine a row's low time limit may catch a good
+// server too.
+void RowRunner::AwaitDelivery(const Row& row, size_t failed, size_t* number) {
+  for (size_t excuses = 0; !IsDelivered(NextEnding(*number)); ++excuses) {
+    EXPECT_TRUE(row.is_slow || row.expected.what == Expected::kEither)
+        << "the server behaves and the message is not delivered";
+    if (excuses == kMostExcuses) return;
+    PassBackOff(++failed);
+    ++*number;
+  }
+}
+
+// The server behaves. One more message goes there and arrives.
+void RowRunner::SendAnother(ReliableReportChannelHttps* channel, const Row& row, size_t sent) {
+  Hand(channel, "and another");
+  clock_.RunUntilIdle();
+  // With an interval of its own the channel waits for its tick.
+  if (watch_->started() == sent) {
+    clock_.AdvanceBy(base::TimeDelta::FromMilliseconds(
+        std::max<int64_t>(row.settings.send_interval_ms, kMsPerSecond)));
+  }
+  ++sent;
+  AwaitDelivery(row, 0, &sent);
+}
+
+void RowRunner::CheckSettings(const Row& row) {
+  const std::vector<RecordedEvent> told = events_.OfKind(ReportEventKind::kRetuned);
+  Settings in_force;
+  if (!told.empty()) {
+    in_force = {told.back().send_interval_ms, told.back().max_resend_count,
+                told.back().report_interval_ms};
+  }
+  EXPECT_EQ(row.settings.send_interval_ms, in_force.send_interval_ms);
+  EXPECT_EQ(row.settings.max_resend_count, in_force.max_resend_count);
+  EXPECT_EQ(row.settings.report_interval_ms, in_force.report_interval_ms);
+}
+
+void RowRunner::CheckEnd() {
+  EXPECT_EQ(2u, events_.Count(ReportEventKind::kAcknowledged));
+  EXPECT_EQ(0u, events_.Count(ReportEventKind::kDropped));
+  EXPECT_EQ(0u, events_.Count(ReportEventKind::kRefused));
+  EXPECT_EQ(0u, events_.Count(ReportEventKind::kLoaded));
+  EXPECT_EQ(0u, events_.Count(ReportEventKind::kKept));
+  EXPECT_EQ(0, events_.OpenMessages());
+  EXPECT_EQ(0u, InCache());
+  EXPECT_EQ(watch_->started(), watch_->ended());
+  EXPECT_EQ(0u, watch_->repeated());
+  EXPECT_EQ(0u, watch_->unrun());
+  lost_ += 2 - std::min<size_t>(2, events_.Count(ReportEventKind::kAcknowledged));
+  ++rounds_;
+}
+
+std::string RowRunner::Run(const Row& row, Protocol protocol, int failures) {
+  SCOPED_TRACE(row.name + (protocol == Protocol::kHttp2 ? " (HTTP/2)" : " (HTTP/1.1)"));
+  SetLimits(row);
+  events_.Clear();
+  watch_->Clear();
+  std::string seen;
+  {
+    Server server(row, protocol, certificates_, peer_);
+    auto channel = std::make_shared<ReliableReportChannelHttps>(
+        "matrix-" + std::to_string(lost_), server.Url(), 0, /*http2*/ protocol == Protocol::kHttp2,
+        false);
+    channel->Initialize();
+    channel->SetMaxResendCount(UINT32_MAX);
+    Hand(channel.get(), row.is_big ? std::string(kBigBytes, 'm') : "a message");
+    clock_.RunUntilIdle();
+    size_t sent = 1;
+    for (;; ++sent) {
+      const Ending ending = NextEnding(sent);
+      if (sent == 1) seen = Text(ending);
+      if (IsDelivered(ending)) {
+        EXPECT_TRUE(row.expected.what == Expected::kDelivered ||
+                    row.expected.what == Expected::kEither);
+        if (row.checks_settings) CheckSettings(row);
+        server.Behave();
+        break;
+      }
+      CheckFailed(row, ending, sent);
+      const bool enough = sent >= static_cast<size_t>(failures);
+      if (enough) server.Behave();
+      PassBackOff(sent);
+      if (enough) {
+        const size_t failed = sent++;
+        AwaitDelivery(row, failed, &sent);
+        break;
+      }
+    }
+    SendAnother(channel.get(), row, sent);
+    channel->Terminate();
+    clock_.RunUntilIdle();
+  }
+  CheckEnd();
+  return seen;
+}
+
+}  // namespace quenor::test
