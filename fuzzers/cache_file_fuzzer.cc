@@ -54,8 +54,8 @@ Packets PacketsThatCount(const uint8_t* data, size_t size) {
       if (!sealed.empty()) std::memcpy(sealed.data(), body, header.size);
       uint64_t left = packets.size();
       for (const Run& run : sealed) {
-        // No writer names more packets than there are, or none.
-        if (run.count == 0 || run.count > left) return {};
+        // No writer names more packets than there are, or none, or numbers that no file reaches.
+        if (run.count == 0 || run.count > left || run.first >> 61 != 0) return {};
         left -= run.count;
       }
       first_unsealed = packets.size();
