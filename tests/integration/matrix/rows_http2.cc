@@ -31,6 +31,11 @@ Row Hangs(const std::string& name, const std::string& peer) {
   return Make(name, peer, Expected::TimesOut());
 }
 
+Row ClosesBehind(Row row) {
+  row.closes_behind = true;
+  return row;
+}
+
 Row Big(Row row) {
   row.is_big = true;
   return row;
@@ -127,7 +132,7 @@ Rows CloseRows() {
       Make("close_notify in a body of no announced length", "goodbye_in_body"),
       Big(Make("closed in the middle of the upload", "mid_close")),
       Big(Make("reset in the middle of the upload", "mid_reset")),
-      Delivered("closed after the answer", "answer_then_close"),
+      ClosesBehind(Delivered("closed after the answer", "answer_then_close")),
       Make("closed after an interim answer", "interim_only:100"),
   };
   for (int size : {1, 8, 9, 10, 14}) {
