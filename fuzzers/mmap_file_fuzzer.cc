@@ -274,14 +274,13 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace quenor::fuzz;
   const bool drops_first = size > 0 && data[size - 1] % 2 == 0;
-  // The inspector is slow: it looks at each owner's record for each of them.
+  // The inspector is slow: it reads each owner's content by itself.
   const bool inspects = size % 8 == 0;
   const size_t file_size = WriteFuzzedSparse(data, size);
   const Surveyed before = SurveyFuzzed();
   if (inspects) {
     const Inspected inspected = InspectFuzzed();
-    FUZZ_CHECK(before.damaged || !inspected.summary.mapped ||
-               CountMissing(before.packets, inspected.packets) == 0);
+    FUZZ_CHECK(!inspected.summary.mapped || CountMissing(before.packets, inspected.packets) == 0);
   }
 
   quenor::MultiProcessSafetyMmapFile file;
@@ -295,8 +294,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   FUZZ_CHECK(Open(&file));
   FUZZ_CHECK(!opened.damaged && ReadAll(&file) == found);
-  const bool has_all =
-      found.size() == opened.packets.size() && !opened.damaged && !opened.has_empty_packet;
+  const bool has_all = found.size() == opened.packets.size() && !opened.has_empty_packet;
   Packets saved = found;
   if (drops_first && !saved.empty()) saved.erase(saved.begin());
   saved.push_back("new");
