@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <set>
 
 #include "tests/integration/http_client_fixture.h"
@@ -215,6 +216,25 @@ TEST_F(HttpClientTlsTest, CertificateOfAnotherAuthorityIsRefused) {
   EXPECT_NE(line.find("http: cannot post to https://127.0.0.1:"), std::string::npos) << line;
   EXPECT_NE(line.find("HttpDefaults::ca_file"), std::string::npos) << line;
   EXPECT_EQ(line.find("key=1"), std::string::npos) << line;
+}
+
+TEST_F(HttpClientTlsTest, FolderOfAuthoritiesTakesThePlaceOfTheSystems) {
+  const TempFolder trusted, others;
+  const auto fill = [&](const TempFolder& folder, const CertificateAuthority& authority) {
+    std::filesystem::copy_file(authority.ca_file(), folder.File("ca.pem"));
+    ChildProcess rehash({"openssl", "rehash", folder.path()}, folder_.File("rehash.log"));
+    return rehash.Wait();
+  };
+  ASSERT_EQ(fill(trusted, authority_), 0);
+  ASSERT_EQ(fill(others, CertificateAuthority(folder_.path(), "other")), 0);
+  HttpDefaults defaults;
+
+  defaults.ca_folder = trusted.path();
+  EXPECT_EQ(StateWith(certificate_, defaults), State::kCompleted);
+
+  defaults.ca_folder = others.path();
+  EXPECT_EQ(StateWith(certificate_, defaults), State::kFailed);
+  EXPECT_NE(OnlyLogLine().find("HttpDefaults::ca_file"), std::string::npos) << OnlyLogLine();
 }
 
 TEST_F(HttpClientTlsTest, SystemAuthoritiesDoNotTrustTheTestsOwn) {
