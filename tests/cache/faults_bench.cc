@@ -88,6 +88,8 @@ bool IsMet(const Fault& fault) {
   return fault.error == errors[static_cast<int>(fault.call) % 4];
 }
 
+int PlaceStep(Call call) { return call == Call::kFcntl && !FullLength() ? 8 : 1; }
+
 void CountFailure(const std::string& kind, const Fault& fault) {
   ++Tallies()[{kind, fault.call}].failures[fault.error];
 }
