@@ -237,6 +237,7 @@ void MakeUrls(const std::string& path) {
                           "https://host:0/",
                           "https://h%41/",
                           "https://127.1/a/../b",
+                          "https://u@3333%333333/",
                           "ftp://host/",
                           "collector.example/reports",
                           "https://h\\@g/",

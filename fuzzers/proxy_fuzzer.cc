@@ -1,9 +1,7 @@
 // A SOCKS5 proxy: what the HTTP client accepts means to libcurl exactly this host, this port, this
 // user and this password; and what quenor-report takes from its command line is all of that.
 // The input: a bit that chooses, then a text for quenor-report; or port, host, user and password.
-#include <arpa/inet.h>
 #include <curl/curl.h>
-#include <netinet/in.h>
 
 #include <algorithm>
 #include <cctype>
@@ -14,6 +12,7 @@
 
 #include "cli/addresses.h"
 #include "cli/fatal.h"
+#include "fuzzers/address_text.h"
 #include "fuzzers/fuzz_support.h"
 #include "quenor_base/platform/default/http_address.h"
 
@@ -26,29 +25,6 @@ std::string Part(CURLU* url, CURLUPart part, unsigned flags = 0) {
   const std::string result = text == nullptr ? "" : text;
   curl_free(text);
   return result;
-}
-
-// As libcurl decodes what it is given for user and password of a proxy.
-std::string Decoded(const std::string& text) {
-  if (text.empty()) return text;
-  int size = 0;
-  char* const decoded = curl_easy_unescape(nullptr, text.c_str(), 0, &size);
-  FUZZ_CHECK(decoded != nullptr);
-  const std::string result(decoded, size);
-  curl_free(decoded);
-  return result;
-}
-
-// An address or a name in one spelling.
-std::string Canonical(const std::string& host) {
-  in6_addr v6;
-  in_addr v4;
-  char text[INET6_ADDRSTRLEN] = {};
-  if (inet_pton(AF_INET6, host.c_str(), &v6) == 1)
-    return inet_ntop(AF_INET6, &v6, text, sizeof text);
-  // Also the short and the hexadecimal spellings, which every resolver takes for addresses.
-  if (inet_aton(host.c_str(), &v4) == 1) return inet_ntop(AF_INET, &v4, text, sizeof text);
-  return host;
 }
 
 std::string WithoutBrackets(const std::string& host) {

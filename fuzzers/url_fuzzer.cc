@@ -11,6 +11,7 @@
 
 #include "cli/addresses.h"
 #include "cli/fatal.h"
+#include "fuzzers/address_text.h"
 #include "fuzzers/fuzz_support.h"
 #include "quenor_base/platform/default/http_address.h"
 
@@ -113,16 +114,6 @@ std::string Escaped(const std::string& text) {
   return escaped;
 }
 
-// libcurl decodes a host.
-std::string Decoded(const std::string& text) {
-  int size = 0;
-  char* const decoded = curl_easy_unescape(nullptr, text.c_str(), 0, &size);
-  FUZZ_CHECK(decoded != nullptr);
-  const std::string result(decoded, size);
-  curl_free(decoded);
-  return result;
-}
-
 // Between the slashes stands nothing but host and port, behind them nothing but the path.
 void CheckByHand(const std::string& shown, const Url& url) {
   const size_t begin = shown.find("://") + 3;
@@ -139,7 +130,7 @@ void CheckShown(const std::string& shown, const Url& url) {
   CheckByHand(shown, url);
   const Url again = Parse(shown);
   FUZZ_CHECK(again.code == CURLUE_OK && again.scheme == url.scheme);
-  FUZZ_CHECK(Decoded(again.host) == Decoded(url.host));
+  FUZZ_CHECK(Canonical(Decoded(again.host)) == Canonical(Decoded(url.host)));
   FUZZ_CHECK(again.zone == url.zone && again.port == url.port && again.path == Escaped(url.path));
   FUZZ_CHECK(!again.has_user && !again.has_query && !again.has_fragment);
 }
