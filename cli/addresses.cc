@@ -12,6 +12,7 @@ namespace {
 
 constexpr size_t kMaxHostBytes = 253;        // What DNS and SOCKS5 take.
 constexpr size_t kMaxCredentialBytes = 255;  // What SOCKS5 takes.
+constexpr size_t kMaxZoneBytes = 15;         // What the HTTP client takes.
 
 bool IsAsciiAlnum(char c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
@@ -22,12 +23,20 @@ std::string LowerCase(std::string text) {
   return text;
 }
 
-// `text` for a message: what stands before the last '@' of [begin, end) is replaced, as it may be a
-// password.
-std::string WithoutCredentials(const std::string& text, size_t begin, size_t end) {
-  const size_t at = text.substr(0, end).rfind('@');
-  if (at == std::string::npos || at < begin) return Printable(text);
-  return Printable(text.substr(0, begin) + "***" + text.substr(at));
+// Whether the first `size` bytes of `text` can be a scheme and no user with a password.
+bool IsScheme(const std::string& text, size_t size) {
+  return std::all_of(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(size),
+                     [](char c) { return IsAsciiAlnum(c) || c == '+' || c == '.' || c == '-'; });
+}
+
+// `text` for a message: what stands between a scheme and the last '@' is replaced, as it may be a
+// password; one may hold '/', '?' and '#' that were meant to be encoded.
+std::string WithoutCredentials(const std::string& text) {
+  const size_t at = text.rfind('@');
+  if (at == std::string::npos) return Printable(text);
+  const size_t scheme_end = text.find("://");
+  const bool has_scheme = scheme_end < at && IsScheme(text, scheme_end);
+  return Printable((has_scheme ? text.substr(0, scheme_end + 3) : "") + "***" + text.substr(at));
 }
 
 // A host and perhaps a port, split but not judged.
@@ -37,6 +46,20 @@ struct Authority {
   bool has_port = false;
   std::string port;
 };
+
+// An IPv6 address, perhaps with "%ZONE" or "%25ZONE" behind it.
+bool IsIpv6(const std::string& text) {
+  const size_t percent = text.find('%');
+  in6_addr ignored;
+  if (::inet_pton(AF_INET6, text.substr(0, percent).c_str(), &ignored) != 1) return false;
+  if (percent == std::string::npos) return true;
+  std::string zone = text.substr(percent + 1);
+  if (zone.size() > 2 && zone.compare(0, 2, "25") == 0) zone.erase(0, 2);
+  return !zone.empty() && zone.size() <= kMaxZoneBytes &&
+         std::all_of(zone.begin(), zone.end(), [](char c) {
+           return IsAsciiAlnum(c) || c == '.' || c == '-' || c == '_' || c == '~';
+         });
+}
 
 // False when brackets or colons stand where none may.
 bool SplitAuthority(const std::string& text, Authority* out) {
@@ -64,10 +87,7 @@ std::string JudgeHost(const Authority& authority) {
   const std::string& host = authority.host;
   if (host.empty()) return "it has no host";
   if (authority.bracketed) {
-    in6_addr ignored;
-    const std::string literal = host.substr(0, host.find('%'));  // A zone may follow.
-    if (::inet_pton(AF_INET6, literal.c_str(), &ignored) == 1) return "";
-    return "what stands in brackets is no IPv6 address";
+    return IsIpv6(host) ? "" : "what stands in brackets is no IPv6 address";
   }
   if (host.size() > kMaxHostBytes) return "its host is longer than 253 bytes";
   for (const char c : host) {
@@ -109,7 +129,14 @@ std::string JudgeUrl(const std::string& url, size_t scheme_end, size_t authority
   const std::string scheme = LowerCase(url.substr(0, scheme_end));
   if (scheme != "https" && scheme != "http") return "its scheme is neither https nor http";
   std::string text = url.substr(scheme_end + 3, authority_end - scheme_end - 3);
-  if (const size_t at = text.rfind('@'); at != std::string::npos) text = text.substr(at + 1);
+  if (const size_t at = text.rfind('@'); at != std::string::npos) {
+    const std::string credentials = text.substr(0, at);
+    if (credentials.find('@') != std::string::npos) {
+      return "its user or password holds an @; write it as %40";
+    }
+    if (credentials.find("%00") != std::string::npos) return "its user or password holds %00";
+    text = text.substr(at + 1);
+  }
   Authority authority;
   if (!SplitAuthority(text, &authority)) return "its host and port cannot be told apart";
   if (const std::string reason = JudgeHost(authority); !reason.empty()) return reason;
@@ -158,12 +185,6 @@ std::string ParseCredentials(const std::string& text, Socks5Address* out) {
   return "";
 }
 
-// Whether the first `size` bytes of `text` can be a scheme and no user with a password.
-bool IsScheme(const std::string& text, size_t size) {
-  return std::all_of(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(size),
-                     [](char c) { return IsAsciiAlnum(c) || c == '+' || c == '.' || c == '-'; });
-}
-
 std::string JudgeSocks5(const std::string& text, Socks5Address* out) {
   if (const std::string reason = JudgeBytes(text); !reason.empty()) return reason;
   if (const size_t end = text.find("://"); end != std::string::npos && IsScheme(text, end)) {
@@ -194,8 +215,7 @@ void CheckUrl(const std::string& url) {
   const size_t end = std::min(url.find_first_of("/?#", begin), url.size());
   const std::string reason = JudgeUrl(url, scheme_end, end);
   if (reason.empty()) return;
-  throw Fatal(kExitUsage, "cannot use the URL \"" + WithoutCredentials(url, begin, end) +
-                              "\": " + reason +
+  throw Fatal(kExitUsage, "cannot use the URL \"" + WithoutCredentials(url) + "\": " + reason +
                               "; give --url a whole one, as in https://collector.example/reports");
 }
 
@@ -206,8 +226,8 @@ Socks5Address ParseSocks5(const std::string& text) {
   const bool has_scheme = LowerCase(text.substr(0, kSchemeBytes)) == kScheme;
   const std::string reason = JudgeSocks5(has_scheme ? text.substr(kSchemeBytes) : text, &address);
   if (reason.empty()) return address;
-  throw Fatal(kExitUsage, "cannot use the proxy address \"" +
-                              WithoutCredentials(text, 0, text.size()) + "\": " + reason +
+  throw Fatal(kExitUsage, "cannot use the proxy address \"" + WithoutCredentials(text) +
+                              "\": " + reason +
                               "; give --socks5 [user:password@]host:port, as in 127.0.0.1:1080 or "
                               "[::1]:1080");
 }

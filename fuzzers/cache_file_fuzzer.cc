@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "fuzzers/fuzz_support.h"
+#include "fuzzers/fuzzed_file.h"
 #include "quenor_base/platform/default/cache_file_format.h"
 #include "quenor_base/platform/default/mmap_file_format.h"
 #include "quenor_base/platform/reliable_report_cache_file.h"

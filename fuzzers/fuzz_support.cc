@@ -1,131 +1,10 @@
 #include "fuzzers/fuzz_support.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdarg>
-#include <filesystem>
+#include <cstring>
 #include <iterator>
 
-#include "quenor_base/platform/local_log.h"
-
-namespace quenor {
-
-// Only when asked for: what is said of damaged files would drown the fuzzer's own lines.
-void LocalLog(int, const char*, int, const char* format, ...) {
-  static const bool shows = std::getenv("QUENOR_FUZZ_LOG") != nullptr;
-  if (!shows) return;
-  va_list arguments;
-  va_start(arguments, format);
-  std::vfprintf(stderr, format, arguments);
-  va_end(arguments);
-  std::fputc('\n', stderr);
-}
-const char* LocalLogImplementationName() { return "silent"; }
-
-namespace fuzz {
-namespace {
-
-struct Folder {
-  Folder() {
-    char name[] = "/dev/shm/quenor-fuzz-XXXXXX";
-    FUZZ_CHECK(mkdtemp(name) != nullptr);
-    path = name;
-    file = path + "/fuzzed" + kFuzzedEnd;
-  }
-  ~Folder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-  }
-  std::string path;
-  std::string file;
-};
-
-class Collector : public CacheFileInspector::Visitor {
- public:
-  explicit Collector(Packets* packets) : packets_(packets) {}
-  void OnOwner(const CacheFileInspector::Owner& owner) override {
-    CheckCounts();
-    owner_ = owner;
-  }
-  void OnPacket(const CacheFileInspector::Owner& owner, const uint8_t* data,
-                uint32_t size) override {
-    FUZZ_CHECK(owner.number == owner_.number);
-    ++seen_;
-    seen_bytes_ += size;
-    // One of no bytes reads like an end mark.
-    if (size > 0) packets_->emplace_back(reinterpret_cast<const char*>(data), size);
-  }
-  void CheckCounts() {
-    FUZZ_CHECK(seen_ == owner_.packets && seen_bytes_ == owner_.bytes);
-    seen_ = 0;
-    seen_bytes_ = 0;
-  }
-
- private:
-  Packets* const packets_;
-  CacheFileInspector::Owner owner_;
-  uint64_t seen_ = 0;
-  uint64_t seen_bytes_ = 0;
-};
-
-}  // namespace
-
-const std::string& FuzzedPath() {
-  static const Folder folder;
-  return folder.file;
-}
-
-void RemoveFuzzed() {
-  for (const char* const end : {"", ".recovered", ".set-aside"}) {
-    unlink((FuzzedPath() + end).c_str());
-  }
-}
-
-void WriteFuzzed(const uint8_t* data, size_t size) {
-  RemoveFuzzed();
-  const int fd = open(FuzzedPath().c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
-  FUZZ_CHECK(fd >= 0 && write(fd, data, size) == static_cast<ssize_t>(size) && close(fd) == 0);
-}
-
-size_t CountMissing(Packets packets, Packets wanted) {
-  std::sort(packets.begin(), packets.end());
-  std::sort(wanted.begin(), wanted.end());
-  Packets missing;
-  std::set_difference(wanted.begin(), wanted.end(), packets.begin(), packets.end(),
-                      std::back_inserter(missing));
-  return missing.size();
-}
-
-Inspected InspectFuzzed() {
-  Inspected inspected;
-  Collector collector(&inspected.packets);
-  std::string error;
-  inspected.result = CacheFileInspector::Inspect(base::FilePath(FuzzedPath()), &collector,
-                                                 &inspected.summary, &error);
-  collector.CheckCounts();
-  using Result = CacheFileInspector::Result;
-  FUZZ_CHECK(inspected.result == Result::kOk || inspected.result == Result::kNotOurs);
-  FUZZ_CHECK(error.empty() == (inspected.result == Result::kOk));
-  return inspected;
-}
-
-Inspected InspectWhole() {
-  Inspected inspected = InspectFuzzed();
-  if (inspected.summary.damaged) std::fprintf(stderr, "%s\n", inspected.summary.damage.c_str());
-  FUZZ_CHECK(inspected.result == CacheFileInspector::Result::kOk && !inspected.summary.damaged);
-  return inspected;
-}
-
-uint64_t PurgeFuzzed() {
-  uint64_t packets = 0;
-  std::string error;
-  FUZZ_CHECK(CacheFileInspector::Purge(base::FilePath(FuzzedPath()), &packets, &error) ==
-             CacheFileInspector::Result::kOk);
-  FUZZ_CHECK(!std::filesystem::exists(FuzzedPath()));
-  return packets;
-}
+namespace quenor::fuzz {
 
 uint64_t Interesting(Random& random, uint64_t other) {
   constexpr uint64_t kNumbers[] = {0,          1,          2,          63,
@@ -144,5 +23,47 @@ uint64_t Interesting(Random& random, uint64_t other) {
   }
 }
 
-}  // namespace fuzz
-}  // namespace quenor
+namespace {
+
+void ChangeOne(Bytes* bytes, size_t begin, const std::vector<std::string>& words, Random& random) {
+  begin = std::min(begin, bytes->size());
+  const size_t size = bytes->size() - begin;
+  const auto at = bytes->begin() + begin + Below(random, size + 1);
+  const size_t left = bytes->end() - at;
+  const size_t length = Below(random, std::min<size_t>(left, OneIn(random, 8) ? 256 : 8) + 1);
+  const std::string& word = words[Below(random, words.size())];
+  switch (Below(random, 8)) {
+    case 0:
+    case 1:
+    case 2:
+      bytes->insert(at, word.begin(), word.end());
+      break;
+    case 3:
+      bytes->insert(bytes->erase(at, at + length), word.begin(), word.end());
+      break;
+    case 4:
+      bytes->erase(at, at + length);
+      break;
+    case 5: {
+      const Bytes copy(at, at + length);
+      bytes->insert(bytes->begin() + begin + Below(random, size + 1), copy.begin(), copy.end());
+      break;
+    }
+    default:
+      MutatePart(bytes, begin, size, size + 16);
+  }
+}
+
+}  // namespace
+
+void MutateText(Bytes* bytes, size_t begin, const std::vector<std::string>& words, Random& random) {
+  for (size_t i = 1 + Below(random, 4); i > 0; --i) ChangeOne(bytes, begin, words, random);
+}
+
+size_t PutBack(const Bytes& bytes, uint8_t* data, size_t max_size) {
+  const size_t size = std::min(bytes.size(), max_size);
+  if (size > 0) std::memcpy(data, bytes.data(), size);
+  return size;
+}
+
+}  // namespace quenor::fuzz

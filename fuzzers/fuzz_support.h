@@ -1,5 +1,4 @@
-// What the fuzzers of the cache files share: a file in memory, its packets as a multiset, and a
-// check that ends the process. One thread.
+// What the fuzzers share: a check that ends the process, and ways to change an input. One thread.
 #ifndef QUENOR_FUZZERS_FUZZ_SUPPORT_H_
 #define QUENOR_FUZZERS_FUZZ_SUPPORT_H_
 
@@ -7,13 +6,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
-
-#include "quenor_base/platform/base/file_path.h"
-#include "quenor_base/platform/cache_file_inspector.h"
 
 #define FUZZ_CHECK(condition)                                                            \
   do {                                                                                   \
@@ -33,42 +28,10 @@ size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t max_size);
 namespace quenor::fuzz {
 
 using Bytes = std::vector<uint8_t>;
-using Packets = std::vector<std::string>;
 using Random = std::minstd_rand;
 
 inline size_t Below(Random& random, size_t end) { return random() % end; }
 inline bool OneIn(Random& random, size_t n) { return Below(random, n) == 0; }
-
-// How the name of the file under test ends: the inspector goes by it when the first bytes tell
-// nothing. Each program has its own.
-extern const char* const kFuzzedEnd;
-// The path of the file under test: in memory, in a folder of this process, removed at its end.
-const std::string& FuzzedPath();
-// Removes the file and those beside it.
-void RemoveFuzzed();
-void WriteFuzzed(const uint8_t* data, size_t size);
-
-// How much of `wanted` is missing in `packets`, each as often as it is in `wanted`.
-size_t CountMissing(Packets packets, Packets wanted);
-
-struct Inspected {
-  CacheFileInspector::Result result;
-  CacheFileInspector::Summary summary;
-  Packets packets;  // Of all owners.
-};
-// Asks the inspector, and checks that what it says of the packets is what it shows.
-Inspected InspectFuzzed();
-// Whether the file begins like one of the kind with this magic; it is then taken for one.
-inline bool BeginsWith(const uint8_t* data, size_t size, uint64_t magic) {
-  uint64_t first = 0;
-  if (size >= sizeof first) std::memcpy(&first, data, sizeof first);
-  return first == magic;
-}
-
-// Of a file as a writer left it, killed or not.
-Inspected InspectWhole();
-// Has the inspector remove the file; how many packets it counted before.
-uint64_t PurgeFuzzed();
 
 // Lets libFuzzer change a part of `bytes`, to at most `max_part` bytes.
 inline void MutatePart(Bytes* bytes, size_t begin, size_t size, size_t max_part) {
@@ -81,6 +44,12 @@ inline void MutatePart(Bytes* bytes, size_t begin, size_t size, size_t max_part)
 }
 // A number that is near a limit, or near `other`.
 uint64_t Interesting(Random& random, uint64_t other);
+
+// Changes a text that begins at `begin`, which may be beyond its end, in one to four places: a word
+// put in, or in the place of some bytes, bytes doubled or left out, or any change of libFuzzer's.
+void MutateText(Bytes* bytes, size_t begin, const std::vector<std::string>& words, Random& random);
+// The bytes as a custom mutator gives them back: `data` has room for `max_size`.
+size_t PutBack(const Bytes& bytes, uint8_t* data, size_t max_size);
 
 }  // namespace quenor::fuzz
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "fuzzers/fuzz_support.h"
+#include "fuzzers/fuzzed_file.h"
 #include "fuzzers/sparse_file.h"
 #include "quenor_base/platform/default/cache_io_posix.h"
 #include "quenor_base/platform/default/mmap_file_format.h"

@@ -4,7 +4,7 @@
 #ifndef QUENOR_FUZZERS_SPARSE_FILE_H_
 #define QUENOR_FUZZERS_SPARSE_FILE_H_
 
-#include "fuzzers/fuzz_support.h"
+#include "fuzzers/fuzzed_file.h"
 
 namespace quenor::fuzz {
 

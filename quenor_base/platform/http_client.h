@@ -106,7 +106,8 @@ class HttpClient {
 class HttpClientFactory {
  public:
   // Any thread. A new client, or null when none can be made: a proxy without host or port, or with
-  // one that cannot be meant. Cheap: the network library starts with the first request.
+  // one that cannot be meant, or a user or password that SOCKS5 cannot carry. Cheap: the network
+  // library starts with the first request.
   static std::unique_ptr<HttpClient> Create(const HttpClient::Config& config);
 
   // Any thread. Names the implementation that is linked, with the versions beneath it.

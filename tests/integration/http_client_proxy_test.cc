@@ -127,6 +127,16 @@ TEST_F(HttpClientProxyTest, OtherCredentialsDoNotShareAConnection) {
   EXPECT_EQ(Send(wrong.get(), MakeRequest(LocalhostUrl(), "x")).state, State::kFailed);
 }
 
+TEST_F(HttpClientProxyTest, CredentialsThatLookEncodedReachTheProxyAsTheyAre) {
+  constexpr char kLooksEncoded[] = "p%41%zz+%";
+  SocksProxy proxy("u%42", kLooksEncoded);
+  HttpClient::Config config;
+  config.SetSocks5Proxy("127.0.0.1", proxy.port(), "u%42", kLooksEncoded);
+  const auto client = MakeClient(TrustingDefaults(), config);
+
+  EXPECT_EQ(Send(client.get(), MakeRequest(LocalhostUrl(), "x")).status(), 200);
+}
+
 TEST_F(HttpClientProxyTest, SilentProxyTimesOut) {
   ScriptedServer silent([](Connection& connection) { connection.HoldUntilClosed(); });
   HttpDefaults defaults = TrustingDefaults();
@@ -157,7 +167,8 @@ TEST_F(HttpClientProxyTest, Ipv6ProxyMayBeWrittenWithAndWithoutBrackets) {
 }
 
 TEST_F(HttpClientProxyTest, ProxyThatCannotBeMeantMakesNoClient) {
-  for (const char* host : {"", "a b", "user@host", "host/path", "socks5://host", "h\r\nx"}) {
+  for (const char* host :
+       {"", "a b", "user@host", "host/path", "socks5://host", "h\r\nx", "a%41", "[::1"}) {
     HttpClient::Config config;
     config.SetSocks5Proxy(host, 1080, "", "");
     EXPECT_EQ(HttpClientFactory::Create(config), nullptr) << host;

@@ -28,6 +28,7 @@
 
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_create_flag.h"
+#include "quenor_base/platform/default/http_address.h"
 #include "quenor_base/platform/http_client.h"
 #include "quenor_base/platform/local_log.h"
 
@@ -89,18 +90,6 @@ bool IsFieldValue(const std::string& text) {
   return true;
 }
 
-// A usable URL without user, password, query and fragment: what may stand in a log.
-std::string LoggableUrl(const std::string& url) {
-  const size_t scheme_end = url.find("://");
-  if (scheme_end == std::string::npos) return "(no scheme)";
-  const size_t authority = scheme_end + 3;
-  const size_t authority_end = std::min(url.find_first_of("/?#", authority), url.size());
-  const size_t end = std::min(url.find_first_of("?#", authority), url.size());
-  const size_t at = url.substr(0, authority_end).rfind('@');
-  const size_t host = at == std::string::npos || at < authority ? authority : at + 1;
-  return url.substr(0, authority) + url.substr(host, end - host);
-}
-
 // ---- Settings -----------------------------------------------------------------------------------
 
 // What a client's requests share with it; it lives as long as the last of them.
@@ -122,22 +111,6 @@ struct ClientSettings {
   // is seen by the callbacks.
   std::atomic<bool> closed{false};
 };
-
-// A host that can stand in "socks5h://HOST:PORT" and mean nothing else.
-bool IsProxyHost(const std::string& host) {
-  for (char c : host) {
-    const bool alnum = (c >= '0' && c <= '9') || (LowerAscii(c) >= 'a' && LowerAscii(c) <= 'z');
-    if (!alnum && (c == '\0' || std::strchr(".-_:[]%", c) == nullptr)) return false;
-  }
-  return !host.empty();
-}
-
-std::string ProxyUrl(const HttpClient::Config& config) {
-  if (!config.use_socks5) return std::string();
-  std::string host = config.socks5_host;
-  if (host.find(':') != std::string::npos && host[0] != '[') host = "[" + host + "]";
-  return "socks5h://" + host + ":" + std::to_string(config.socks5_port);
-}
 
 // ---- One exchange -------------------------------------------------------------------------------
 
@@ -337,8 +310,10 @@ void SetProxyOptions(const ClientSettings& client, EasyOptions* options) {
   if (client.proxy.empty()) return;
   options->Set(CURLOPT_SOCKS5_AUTH, static_cast<long>(CURLAUTH_BASIC));
   if (client.config.socks5_user.empty()) return;
-  options->Set(CURLOPT_PROXYUSERNAME, client.config.socks5_user.c_str());
-  options->Set(CURLOPT_PROXYPASSWORD, client.config.socks5_password.c_str());
+  const std::string user = http_address::ProxyCredential(client.config.socks5_user);
+  const std::string password = http_address::ProxyCredential(client.config.socks5_password);
+  options->Set(CURLOPT_PROXYUSERNAME, user.c_str());
+  options->Set(CURLOPT_PROXYPASSWORD, password.c_str());
 }
 
 // The system's certificates: the bundle alone where libcurl knows one that can be read, because
@@ -1117,7 +1092,7 @@ void Engine::Report(Io* io) {
 }
 
 void Engine::LogFailure(const Transfer& transfer) {
-  const std::string url = LoggableUrl(transfer.request.url);
+  const std::string url = http_address::LoggableUrl(transfer.request.url);
   const std::string cause = Cause(transfer);
   if (!MayLog(url + '\n' + std::to_string(transfer.code) + '\n' +
               std::to_string(transfer.verify_result))) {
@@ -1180,23 +1155,8 @@ std::string HttpClientCurl::UrlProblem(const std::string& url) {
     base::AutoLock hold(lock_);
     if (!good_url_.empty() && good_url_ == url) return std::string();
   }
-  const std::string what = "the URL (" + std::to_string(url.size()) + " bytes) cannot be used: ";
-  const std::string hint = "; give https://HOST[:PORT]/PATH";
-  if (url.find('\0') != std::string::npos) return what + "it holds a NUL" + hint;
-  CURLU* parsed = curl_url();
-  if (parsed == nullptr) return what + "out of memory";
-  char* scheme = nullptr;
-  char* host = nullptr;
-  CURLUcode code = curl_url_set(parsed, CURLUPART_URL, url.c_str(), 0);
-  if (code == CURLUE_OK) code = curl_url_get(parsed, CURLUPART_SCHEME, &scheme, 0);
-  if (code == CURLUE_OK) code = curl_url_get(parsed, CURLUPART_HOST, &host, 0);
-  const bool is_http = code == CURLUE_OK && host[0] != '\0' &&
-                       (std::strcmp(scheme, "https") == 0 || std::strcmp(scheme, "http") == 0);
-  curl_free(scheme);
-  curl_free(host);
-  curl_url_cleanup(parsed);
-  if (code != CURLUE_OK) return what + curl_url_strerror(code) + hint;
-  if (!is_http) return what + "it is neither https nor http" + hint;
+  std::string problem = http_address::UrlProblem(url);
+  if (!problem.empty()) return problem;
   base::AutoLock hold(lock_);
   good_url_ = url;
   return std::string();
@@ -1441,17 +1401,16 @@ std::string DefaultsProblem(const HttpDefaults& defaults) {
 
 std::unique_ptr<HttpClient> HttpClientFactory::Create(const HttpClient::Config& config) {
   Engine* engine = Engine::Get();
-  if (config.use_socks5 && (!IsProxyHost(config.socks5_host) || config.socks5_port == 0)) {
-    if (engine->MayLog("proxy host")) {
-      LocalLog(kLogError, kLogFile, __LINE__,
-               "http: cannot make a client: the SOCKS5 proxy's host or port is empty or malformed; "
-               "give a host name or an address, and a port, or disable the proxy");
+  const std::string problem = http_address::ProxyProblem(config);
+  if (!problem.empty()) {
+    if (engine->MayLog(problem)) {
+      LocalLog(kLogError, kLogFile, __LINE__, "http: cannot make a client: %s", problem.c_str());
     }
     return nullptr;
   }
   auto settings = std::make_shared<ClientSettings>(config, InForce(engine->GetDefaults()));
   settings->serial = engine->NextSerial();
-  settings->proxy = ProxyUrl(config);
+  settings->proxy = http_address::ProxyUrl(config);
   for (const std::string& pin : settings->defaults.pinned_public_keys) {
     settings->pins += (settings->pins.empty() ? "" : ";") + pin;
   }

@@ -1,0 +1,32 @@
+// What the HTTP client on libcurl takes for an address, of a server or of a SOCKS5 proxy, and how
+// it writes one down. Internal to that client. Pure functions; any thread.
+#ifndef QUENOR_BASE_PLATFORM_DEFAULT_HTTP_ADDRESS_H_
+#define QUENOR_BASE_PLATFORM_DEFAULT_HTTP_ADDRESS_H_
+
+#include <string>
+
+#include "quenor_base/platform/http_client.h"
+
+namespace quenor::http_address {
+
+// Empty when a request can be sent to `url`, else why not and what to do: nothing of the URL itself
+// is in that.
+std::string UrlProblem(const std::string& url);
+
+// A URL without user, password, query and fragment, as libcurl takes it apart: what may stand in a
+// log. Printable ASCII: any other byte is written as %XX.
+std::string LoggableUrl(const std::string& url);
+
+// Empty when `config` has no proxy or one that can be meant, else why it cannot and what to do:
+// nothing of the values is in that.
+std::string ProxyProblem(const HttpClient::Config& config);
+
+// "socks5h://HOST:PORT" of a proxy without a problem; empty when there is none.
+std::string ProxyUrl(const HttpClient::Config& config);
+
+// A user or password of the proxy as libcurl wants it: it decodes what looks percent-encoded.
+std::string ProxyCredential(const std::string& text);
+
+}  // namespace quenor::http_address
+
+#endif  // QUENOR_BASE_PLATFORM_DEFAULT_HTTP_ADDRESS_H_
