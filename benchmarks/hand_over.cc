@@ -1,9 +1,7 @@
 // What SendPacket costs its caller, against a floor measured in the same run, round by round in
 // turn: the same bytes copied into a mutex-guarded deque that a thread of its own empties.
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -11,14 +9,13 @@
 #include <thread>
 #include <vector>
 
+#include "benchmarks/support/area.h"
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
 #include "quenor_base/platform/config_center.h"
 #include "quenor_base/platform/thread_manager.h"
 
 namespace {
 
-constexpr int kRounds = 9;
-constexpr int kBursts = 200;
 constexpr int kBurstSize = 100;
 
 class FloorQueue {
@@ -65,29 +62,24 @@ class FloorQueue {
 
 // Mean nanoseconds per call of a round of bursts, with a pause in which the receiver catches up.
 template <typename Send>
-double Round(const Send& send) {
+double Round(int bursts, const Send& send) {
   std::chrono::nanoseconds spent{0};
-  for (int burst = 0; burst < kBursts; ++burst) {
+  for (int burst = 0; burst < bursts; ++burst) {
     const auto begin = std::chrono::steady_clock::now();
     for (int i = 0; i < kBurstSize; ++i) send();
     spent += std::chrono::steady_clock::now() - begin;
     std::this_thread::sleep_for(std::chrono::microseconds(200));
   }
-  return static_cast<double>(spent.count()) / (kBursts * kBurstSize);
-}
-
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
+  return static_cast<double>(spent.count()) / (bursts * kBurstSize);
 }
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  quenor::bench::Area area(argc, argv, "hand_over", "Hand-over: what SendPacket costs its caller");
   quenor::config::ConfigCenterImpl::GetInstance()->SetHostOverride(
       quenor::config::BaseCfg().cache_option, uint64_t{0});  // Nothing on disk.
-  std::printf("hand-over, 1 thread, bursts of %d, %d rounds; ns per message, median (min to max)\n",
-              kBurstSize, kRounds);
+  const int bursts = area.Scale(200, 20);
   for (const size_t size : {size_t{256}, size_t{4096}}) {
     const std::vector<uint8_t> bytes(size, 0x5a);
     // Without a server every message goes through the queue and is then refused.
@@ -95,24 +87,22 @@ int main() {
         std::make_shared<quenor::ReliableReportChannelHttps>("bench", "", 0, false, false);
     channel->Initialize();
     FloorQueue floor_queue;
-    std::vector<double> ours;
-    std::vector<double> floor;
-    for (int round = 0; round < kRounds; ++round) {
-      ours.push_back(Round([&] {
-        channel->SendPacket(bytes.data(), static_cast<uint32_t>(bytes.size()), false, false);
-      }));
-      floor.push_back(Round([&] { floor_queue.Send(bytes); }));
-    }
+    quenor::bench::Row row{std::to_string(size) + " bytes, 1 thread, bursts of 100", "ns"};
+    row.contenders = {{"SendPacket",
+                       [&] {
+                         return Round(bursts, [&] {
+                           channel->SendPacket(bytes.data(), static_cast<uint32_t>(size), false,
+                                               false);
+                         });
+                       }},
+                      {"copy + mutex + deque + condition variable",
+                       [&] { return Round(bursts, [&] { floor_queue.Send(bytes); }); }}};
+    row.targets = {
+        {quenor::bench::Target::Kind::kAtMost, 1.0, {"copy + mutex + deque + condition variable"}}};
+    area.Measure(row);
     channel->Terminate();
     if (!quenor::core::ThreadManager::WaitForDrain(quenor::base::TimeDelta::FromSeconds(60)))
       return 1;
-    const auto range = [](const std::vector<double>& values) {
-      return std::minmax_element(values.begin(), values.end());
-    };
-    std::printf(
-        "%5zu bytes: SendPacket %.0f (%.0f to %.0f), copy + mutex + deque + condition "
-        "variable %.0f (%.0f to %.0f), ratio %.2f\n",
-        size, Median(ours), *range(ours).first, *range(ours).second, Median(floor),
-        *range(floor).first, *range(floor).second, Median(ours) / Median(floor));
   }
+  return area.Finish();
 }
