@@ -1,3 +1,4 @@
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -24,7 +25,8 @@ class Channels : public HandOver {
   }
   ~Channels() override {
     for (const Channel& channel : channels_) channel->Terminate();
-    core::ThreadManager::WaitForDrain(base::TimeDelta::FromSeconds(60));
+    const bool drained = core::ThreadManager::WaitForDrain(base::TimeDelta::FromSeconds(60));
+    if (!drained) std::fprintf(stderr, "bench: a channel's queue does not end\n");
   }
 
   std::unique_ptr<Sender> MakeSender() override {

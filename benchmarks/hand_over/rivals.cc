@@ -133,9 +133,8 @@ class Asio : public Plain {
 
  private:
   void Send(const uint8_t* bytes, uint32_t size) override {
-    asio::post(context_, [copy = Bytes(bytes, bytes + size)]() mutable {
-      Refuse(std::move(copy));
-    });
+    asio::post(context_,
+               [copy = Bytes(bytes, bytes + size)]() mutable { Refuse(std::move(copy)); });
   }
 
   asio::io_context context_{1};  // One thread runs it.
