@@ -6,6 +6,8 @@
 #include <mutex>
 #include <utility>
 
+#include "quenor_base/platform/base/lock.h"
+
 namespace quenor::internal {
 
 template <typename T>
@@ -13,7 +15,8 @@ class AtomicSharedPtrMutex {
  public:
   // Any thread. A copy of the held pointer, taken under the lock.
   std::shared_ptr<T> load() const {
-    std::lock_guard<std::mutex> hold(mutex_);
+    base::LockSoon(&mutex_);
+    std::lock_guard<std::mutex> hold(mutex_, std::adopt_lock);
     return pointer_;
   }
 

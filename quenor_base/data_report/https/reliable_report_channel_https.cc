@@ -169,6 +169,8 @@ void ReliableReportChannelHttps::Initialize() {
   int32_t expected = kNotInitialized;
   if (!state_.compare_exchange_strong(expected, kInitializing)) return;
   max_resend_count_ = kDefaultMaxResendCount;
+  // Written once, before the queue is there: whoever has loaded the queue may read it.
+  if (self_.expired()) self_ = weak_from_this();
   dispatch_queue_.store(core::ThreadManager::CreateNewDispatchQueue(
       core::BusinessID::kReliableReport, channel_name_,
       base::Optional<base::Thread::Options>(base::Thread::Options())));
@@ -237,6 +239,7 @@ void ReliableReportChannelHttps::TellLeftOver(bool cache_is_whole) {
 }
 
 std::shared_ptr<ReliableReportChannelHttps> ReliableReportChannelHttps::StrongThis() {
+  if (std::shared_ptr<ReliableReportChannelHttps> strong = self_.lock()) return strong;
   std::shared_ptr<ReliableReportChannelHttps> strong = weak_from_this().lock();
   QUENOR_CHECK(strong != nullptr,
                "a report channel is used that no std::shared_ptr owns; make it with "

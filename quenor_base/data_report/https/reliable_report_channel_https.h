@@ -266,6 +266,8 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   std::atomic<uint32_t> report_interval_ms_{10000};  // Written by the queue, read by any thread.
   std::unique_ptr<z_stream, void (*)(z_stream*)> z_stream_{nullptr, nullptr};
   const uint32_t fork_generation_ = base::ForkGeneration();
+  // What weak_from_this() answers, which counts each copy that it makes. Set by Initialize().
+  std::weak_ptr<ReliableReportChannelHttps> self_;
 };
 
 }  // namespace quenor

@@ -1,5 +1,5 @@
-// Dispatch queues on a pthread each: a mutex, a condition variable, a vector of tasks that the
-// thread swaps out whole, and an ordered map of deadlines. An idle queue waits without a time-out.
+// Dispatch queues on a pthread each: a vector of tasks under a short lock, which the thread swaps
+// out whole, and an ordered map of deadlines under a mutex. An idle queue waits without a time-out.
 #include <pthread.h>
 #include <signal.h>
 
@@ -11,10 +11,12 @@
 #include <map>
 #include <mutex>
 #include <new>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "quenor_base/platform/base/fork.h"
+#include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_create_flag.h"
 #include "quenor_base/platform/thread_manager.h"
 
@@ -30,6 +32,13 @@ constexpr int64_t kForeverUs = int64_t{100} * 365 * 24 * 3600 * 1000000;
 
 // Room that a queue keeps after a burst; more goes back to the heap.
 constexpr size_t kTasksToKeepRoomFor = 256;
+
+// A queue that is woken this soon after it fell asleep, or finds more tasks than these, is in a
+// burst ...
+constexpr std::chrono::microseconds kShortSleep(20);
+constexpr size_t kFewTasks = 4;
+// ... and lets tasks pile up for this long (and what the system adds) before it looks again.
+constexpr std::chrono::microseconds kNap(20);
 
 Clock::time_point DeadlineAfter(base::TimeDelta delay) {
   const int64_t us = std::clamp<int64_t>(delay.InMicroseconds(), 0, kForeverUs);
@@ -76,9 +85,10 @@ void JoinEnded() {
 // first. In a forked child, where the thread is not: everything is dropped, no lock is taken.
 class QueueCore {
  public:
-  void Post(Task task) {
+  void Post(Task&& task) {
     if (IsInForkedChild()) return;
-    std::unique_lock<std::mutex> hold(mutex_);
+    std::unique_lock<base::ShortLock> hold(lock_);
+    if (tasks_.size() == tasks_.capacity()) return MakeRoomAndPost(std::move(task), &hold);
     tasks_.push_back(std::move(task));
     WakeAndUnlock(&hold);
   }
@@ -86,20 +96,21 @@ class QueueCore {
   uint64_t PostDelayed(Task task, base::TimeDelta delay) {
     if (IsInForkedChild()) return 0;
     const Clock::time_point due = DeadlineAfter(delay);
-    std::unique_lock<std::mutex> hold(mutex_);
+    std::unique_lock<std::mutex> hold(delayed_mutex_);
     const uint64_t id = ++last_delayed_id_;
     const bool earliest = delayed_.empty() || due < delayed_.begin()->first.first;
     delayed_.emplace(std::make_pair(due, id), std::move(task));
     due_by_id_.emplace(id, due);
+    hold.unlock();
     // A later deadline than the one the thread waits for needs no wake-up.
-    if (earliest) WakeAndUnlock(&hold);
+    if (earliest) LookAgain();
     return id;
   }
 
   bool Cancel(uint64_t id) {
     if (IsInForkedChild()) return false;
     Task cancelled;  // Destroyed after the lock is released.
-    std::unique_lock<std::mutex> hold(mutex_);
+    std::unique_lock<std::mutex> hold(delayed_mutex_);
     const auto due = due_by_id_.find(id);
     if (due == due_by_id_.end()) return false;
     const auto entry = delayed_.find({due->second, id});
@@ -107,9 +118,9 @@ class QueueCore {
     cancelled = std::move(entry->second);
     delayed_.erase(entry);
     due_by_id_.erase(due);
+    hold.unlock();
     // The thread may be waiting for this very deadline: have it take the next one.
-    if (earliest) WakeAndUnlock(&hold);
-    if (hold.owns_lock()) hold.unlock();
+    if (earliest) LookAgain();
     return true;
   }
 
@@ -125,7 +136,7 @@ class QueueCore {
   void Close() {
     if (IsInForkedChild()) return;
     Retire();
-    std::unique_lock<std::mutex> hold(mutex_);
+    std::unique_lock<base::ShortLock> hold(lock_);
     closed_ = true;
     WakeAndUnlock(&hold);
   }
@@ -136,7 +147,10 @@ class QueueCore {
     while (WaitForTasks(&batch)) {
       for (Task& task : batch) std::move(task).Run();
       batch.clear();
-      if (batch.capacity() > kTasksToKeepRoomFor) std::vector<Task>().swap(batch);
+      if (batch.capacity() > kTasksToKeepRoomFor) {
+        std::vector<Task>().swap(batch);
+        batch.reserve(kTasksToKeepRoomFor);
+      }
     }
     DestroyDelayed();
   }
@@ -144,62 +158,145 @@ class QueueCore {
  private:
   bool IsInForkedChild() const { return generation_ != base::ForkGeneration(); }
 
-  void WakeAndUnlock(std::unique_lock<std::mutex>* hold) {
+  // Allocates and frees without the lock.
+  [[gnu::noinline]] void MakeRoomAndPost(Task&& task, std::unique_lock<base::ShortLock>* hold) {
+    std::vector<Task> roomy;  // In the end the vector that was too small, which goes last of all.
+    while (tasks_.size() == tasks_.capacity()) {
+      const size_t wanted = std::max<size_t>(2 * tasks_.capacity(), 16);
+      hold->unlock();
+      roomy.reserve(wanted);
+      hold->lock();
+      if (tasks_.capacity() >= roomy.capacity()) continue;  // Another thread was faster.
+      for (Task& waiting : tasks_) roomy.push_back(std::move(waiting));
+      tasks_.swap(roomy);
+    }
+    tasks_.push_back(std::move(task));
+    WakeAndUnlock(hold);
+  }
+
+  void WakeAndUnlock(std::unique_lock<base::ShortLock>* hold) {
     const bool wake = waiting_;
     waiting_ = false;  // One wake-up per sleep.
     hold->unlock();
-    if (wake) changed_.notify_one();
+    if (wake) Wake();
+  }
+
+  [[gnu::noinline]] void Wake() {
+    {
+      std::lock_guard<std::mutex> hold(sleep_mutex_);
+      woken_ = true;
+    }
+    awake_.notify_one();
+  }
+
+  // The first deadline has changed: the thread may not go to sleep on what it has read.
+  void LookAgain() {
+    std::unique_lock<base::ShortLock> hold(lock_);
+    look_again_ = true;
+    WakeAndUnlock(&hold);
   }
 
   // Waits until something is to be run and moves it into `batch`, in order; false when the queue is
   // closed and everything that was posted has run.
   bool WaitForTasks(std::vector<Task>* batch) {
-    std::unique_lock<std::mutex> hold(mutex_);
+    if (in_burst_) Nap();
+    bool woken_soon = false;
     for (;;) {
-      batch->swap(tasks_);
-      if (!delayed_.empty()) TakeDue(Clock::now(), batch);
-      if (!batch->empty()) return true;
-      if (closed_) return false;
-      waiting_ = true;
-      if (delayed_.empty()) {
-        changed_.wait(hold, [this] { return !waiting_; });
-      } else {
-        const Clock::time_point due = delayed_.begin()->first.first;
-        changed_.wait_until(hold, due, [this] { return !waiting_; });
+      const Clock::time_point due = Take(batch);
+      if (!batch->empty()) {
+        in_burst_ = woken_soon || batch->size() > kFewTasks;
+        return true;
       }
-      waiting_ = false;
+      {
+        std::lock_guard<base::ShortLock> hold(lock_);
+        const bool again = look_again_ || !tasks_.empty();
+        look_again_ = false;
+        if (again) continue;
+        if (closed_) return false;
+        waiting_ = true;
+      }
+      const Clock::time_point begin = Clock::now();
+      Sleep(due);
+      woken_soon = Clock::now() - begin < kShortSleep;
     }
   }
 
-  void TakeDue(Clock::time_point now, std::vector<Task>* batch) {
+  // Moves what is to be run now into `batch`, which is empty; answers the next deadline.
+  Clock::time_point Take(std::vector<Task>* batch) {
+    // Deadlines stand still meanwhile, and the clock is read before the tasks are taken: a deadline
+    // that has passed finds every task in front of it that was posted before.
+    std::lock_guard<std::mutex> hold_deadlines(delayed_mutex_);
+    const Clock::time_point now = delayed_.empty() ? Clock::time_point() : Clock::now();
+    {
+      std::lock_guard<base::ShortLock> hold(lock_);
+      batch->swap(tasks_);
+    }
     while (!delayed_.empty() && delayed_.begin()->first.first <= now) {
       const auto entry = delayed_.begin();
       batch->push_back(std::move(entry->second));
       due_by_id_.erase(entry->first.second);
       delayed_.erase(entry);
     }
+    return delayed_.empty() ? Clock::time_point::max() : delayed_.begin()->first.first;
+  }
+
+  // Until somebody has woken the thread, or until `due`.
+  void Sleep(Clock::time_point due) {
+    {
+      std::unique_lock<std::mutex> hold(sleep_mutex_);
+      const auto woken = [this] { return woken_; };
+      if (due == Clock::time_point::max()) {
+        awake_.wait(hold, woken);
+      } else {
+        awake_.wait_until(hold, due, woken);
+      }
+      woken_ = false;
+    }
+    // Who has cleared it already and not yet come to wake the thread ends its next sleep early.
+    std::lock_guard<base::ShortLock> hold(lock_);
+    waiting_ = false;
+  }
+
+  // A pause in a burst, in which nobody has to wake the thread and the thread is in nobody's way.
+  void Nap() {
+    Clock::time_point until = Clock::now() + kNap;
+    {
+      std::lock_guard<std::mutex> hold(delayed_mutex_);
+      if (!delayed_.empty()) until = std::min(until, delayed_.begin()->first.first);
+    }
+    std::this_thread::sleep_until(until);
   }
 
   void DestroyDelayed() {
     std::map<std::pair<Clock::time_point, uint64_t>, Task> doomed;
     {
-      std::lock_guard<std::mutex> hold(mutex_);
+      std::lock_guard<std::mutex> hold(delayed_mutex_);
       doomed.swap(delayed_);
       due_by_id_.clear();
     }
   }
 
-  const uint32_t generation_ = base::ForkGeneration();
-  std::mutex mutex_;
-  std::condition_variable changed_;
+  // What every post touches, on a cache line of its own.
+  alignas(64) const uint32_t generation_ = base::ForkGeneration();
+  base::ShortLock lock_;
+  bool waiting_ = false;  // The thread sleeps, or is about to, and nobody has woken it yet.
+  bool look_again_ = false;
+  bool closed_ = false;
   std::vector<Task> tasks_;
-  // Ordered by deadline, equal ones by age.
+
+  // Guarded by delayed_mutex_, under which lock_ may be taken. Ordered by deadline, equal ones by
+  // age.
+  alignas(64) std::mutex delayed_mutex_;
   std::map<std::pair<Clock::time_point, uint64_t>, Task> delayed_;
   std::map<uint64_t, Clock::time_point> due_by_id_;
   uint64_t last_delayed_id_ = 0;
-  bool waiting_ = false;  // The thread sleeps and nobody has woken it yet.
-  bool closed_ = false;
-  bool retired_ = false;  // Guarded by the registry's mutex.
+
+  std::mutex sleep_mutex_;  // Guards woken_; nothing is taken under it.
+  std::condition_variable awake_;
+  bool woken_ = false;
+
+  bool in_burst_ = false;  // The thread's own.
+  bool retired_ = false;   // Guarded by the registry's mutex.
 };
 
 class PthreadDispatchQueue : public DispatchQueue {

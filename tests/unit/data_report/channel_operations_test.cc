@@ -610,6 +610,20 @@ TEST_F(ChannelOperationsTest, SendPacketAllocatesAtMostTwiceOnTheCallersThread) 
   ReportEvents::SetListener(&events_);
 }
 
+TEST_F(ChannelOperationsTest, BodyMovesFromTheCallIntoTheStoreWithoutAnotherCopy) {
+  Start();
+  channel_->SendPacket(kBytes, 3, false, false);
+
+  MemoryFaults::FailMalloc(1);  // Where a copy of the body would come from.
+  time_.RunUntilIdle();
+  const bool failed = MemoryFaults::HasFailed();
+  MemoryFaults::FailMalloc(0);
+
+  EXPECT_FALSE(failed);
+  ASSERT_EQ(peer().pending().size(), 1u);
+  EXPECT_EQ(peer().pending().front().data.size(), 3u);
+}
+
 TEST_F(ChannelOperationsTest, ListenerAddsNoAllocationOfTheChannelsOwn) {
   Start();
   struct Silent : ReportEventListener {

@@ -236,13 +236,15 @@ TEST_F(ChannelThreadsTest, MessagesOfFourThreadsAreAllDelivered) {
 
 TEST_F(ChannelThreadsTest, SendPacketAllocatesAtMostTwiceOnTheCallersThread) {
   channel_->Initialize();
-  const uint8_t body[] = {'m', 'n'};
   ReportEvents::SetListener(nullptr);
 
-  for (int i = 0; i < 500; ++i) {
-    MemoryFaults::Counter allocations;
-    channel_->SendPacket(body, 2, false, false);
-    EXPECT_LE(allocations.count(), 2u) << "call " << i;
+  for (const uint32_t size : {0u, 2u, 256u, 4096u, 1048576u}) {
+    const std::vector<uint8_t> body(size, 'm');
+    for (int i = 0; i < 500; ++i) {
+      MemoryFaults::Counter allocations;
+      channel_->SendPacket(body.data(), size, false, i % 100 == 0);
+      EXPECT_LE(allocations.count(), 2u) << "call " << i << " with " << size << " bytes";
+    }
   }
 
   channel_->Terminate();

@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -15,6 +16,7 @@
 
 #include "quenor_base/platform/base/thread_create_flag.h"
 #include "tests/conformance/timer_conformance.h"
+#include "tests/support/memory_faults.h"
 
 namespace quenor::conformance {
 namespace {
@@ -228,6 +230,116 @@ TEST_F(PthreadQueueTest, ProducersAndCancellersOnFourThreadsLoseNothing) {
   OnQueue(queue, [] {});
 
   EXPECT_EQ(ran + cancelled, 16000);
+}
+
+// --- Many posts at once ---
+
+TEST_F(PthreadQueueTest, BurstBeyondTheRoomThatIsKeptRunsInOrder) {
+  const auto queue = NewQueue();
+  std::vector<int> ran;
+  for (const int count : {5000, 1, 300}) {
+    Gate go_on;
+    ran.clear();
+    queue->PostTask(kHere, [&] { go_on.Wait(); });
+    for (int i = 0; i < count; ++i) queue->PostTask(kHere, [&ran, i] { ran.push_back(i); });
+    go_on.Open();
+    OnQueue(queue, [] {});
+
+    ASSERT_EQ(ran.size(), static_cast<size_t>(count));
+    for (int i = 0; i < count; ++i) ASSERT_EQ(ran[static_cast<size_t>(i)], i);
+  }
+}
+
+TEST_F(PthreadQueueTest, ThreadsThatMakeRoomTogetherLoseNothingAndKeepTheirOrder) {
+  constexpr int kThreads = 4;
+  constexpr int kPosts = 3000;
+  const auto queue = NewQueue();
+  Gate go_on;
+  queue->PostTask(kHere, [&] { go_on.Wait(); });
+  std::vector<int> next(kThreads, 0);
+  int out_of_order = 0;
+  std::vector<std::thread> threads;
+  for (size_t t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kPosts; ++i) {
+        queue->PostTask(kHere, [&next, &out_of_order, t, i] { out_of_order += next[t]++ != i; });
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  go_on.Open();
+  OnQueue(queue, [] {});
+
+  EXPECT_EQ(next, std::vector<int>(kThreads, kPosts));
+  EXPECT_EQ(out_of_order, 0);
+}
+
+// Some posts meet a thread that is at work, some one that sleeps, some one that pauses in a burst.
+TEST_F(PthreadQueueTest, PostsInTurnOnFourThreadsRunInTheOrderOfTheTurns) {
+  constexpr int kThreads = 4;
+  constexpr int kTurns = 4000;
+  const auto queue = NewQueue();
+  std::atomic<int> turn{0};
+  std::vector<int> ran;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int mine = t; mine < kTurns; mine += kThreads) {
+        while (turn.load() != mine) std::this_thread::yield();
+        queue->PostTask(kHere, [&ran, mine] { ran.push_back(mine); });
+        turn.store(mine + 1);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  OnQueue(queue, [] {});
+
+  ASSERT_EQ(ran.size(), static_cast<size_t>(kTurns));
+  EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
+}
+
+TEST_F(PthreadQueueTest, DeadlineInABurstWaitsForWhatWasPostedBeforeIt) {
+  const auto queue = NewQueue();
+  int overtaken = 0;
+  int due = 0;
+  std::atomic<int> posted_before{0};
+  std::atomic<int> ran{0};
+  for (int i = 0; i < 2000; ++i) {
+    queue->PostTask(kHere, [&] { ++ran; });
+    const int before = ++posted_before;
+    queue->PostDelayedTask(
+        kHere,
+        [&, before] {
+          ++due;
+          if (ran < before) ++overtaken;
+        },
+        TimeDelta::FromMicroseconds(1 + i % 3));
+  }
+  Gate last;
+  queue->PostDelayedTask(
+      kHere, [&] { last.Open(); }, TimeDelta::FromMilliseconds(5));
+  ASSERT_TRUE(last.Wait());
+  OnQueue(queue, [] {});
+
+  EXPECT_EQ(due, 2000);
+  EXPECT_EQ(overtaken, 0);
+}
+
+TEST_F(PthreadQueueTest, PostAllocatesOnlyUntilTheQueueHasRoom) {
+  const auto queue = NewQueue();
+  size_t count = 0;
+  for (int round = 0; round < 20; ++round) {
+    Gate go_on;
+    queue->PostTask(kHere, [&] { go_on.Wait(); });
+    const test::MemoryFaults::Counter allocations;
+    for (int i = 0; i < 200; ++i) queue->PostTask(kHere, [] {});
+    count += allocations.count();
+    go_on.Open();
+    OnQueue(queue, [] {});
+  }
+
+  // Two lists, one of which the thread works on, grow to 256 tasks from 16.
+  EXPECT_LE(count, 10u);
 }
 
 TEST_F(PthreadQueueTest, QueuesThatPostToEachOtherEndTogether) {
