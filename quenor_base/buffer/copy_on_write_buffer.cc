@@ -39,27 +39,7 @@ CopyOnWriteBuffer::CopyOnWriteBuffer(std::unique_ptr<uint8_t[], void (*)(void*)>
   buffer_->AddRef();
 }
 
-CopyOnWriteBuffer::CopyOnWriteBuffer(const CopyOnWriteBuffer& other) noexcept
-    : buffer_(other.buffer_), offset_(other.offset_), size_(other.size_) {
-  if (buffer_ != nullptr) buffer_->AddRef();
-}
-
-CopyOnWriteBuffer::CopyOnWriteBuffer(CopyOnWriteBuffer&& other) noexcept
-    : buffer_(std::exchange(other.buffer_, nullptr)),
-      offset_(std::exchange(other.offset_, 0)),
-      size_(std::exchange(other.size_, 0)) {}
-
-CopyOnWriteBuffer& CopyOnWriteBuffer::operator=(CopyOnWriteBuffer&& other) noexcept {
-  CopyOnWriteBuffer taken(std::move(other));
-  std::swap(buffer_, taken.buffer_);
-  std::swap(offset_, taken.offset_);
-  std::swap(size_, taken.size_);
-  return *this;
-}
-
-bool CopyOnWriteBuffer::UnshareAndEnsureCapacity(uint32_t capacity) {
-  const uint32_t room = buffer_ != nullptr ? buffer_->capacity - offset_ : 0;
-  if (buffer_ == nullptr ? capacity == 0 : buffer_->HasOneRef() && capacity <= room) return true;
+bool CopyOnWriteBuffer::Replace(uint32_t capacity, uint32_t room) {
   uint32_t wanted = std::max(capacity, size_);
   if (wanted > room) {
     const uint64_t grown = uint64_t{room} + room / 2;

@@ -54,9 +54,15 @@ class CopyOnWriteBuffer {
   CopyOnWriteBuffer(std::unique_ptr<uint8_t[], void (*)(void*)> array, uint32_t size,
                     uint32_t capacity);
 
-  CopyOnWriteBuffer(const CopyOnWriteBuffer& other) noexcept;
+  CopyOnWriteBuffer(const CopyOnWriteBuffer& other) noexcept
+      : buffer_(other.buffer_), offset_(other.offset_), size_(other.size_) {
+    if (buffer_ != nullptr) buffer_->AddRef();
+  }
   // Leaves `other` empty.
-  CopyOnWriteBuffer(CopyOnWriteBuffer&& other) noexcept;
+  CopyOnWriteBuffer(CopyOnWriteBuffer&& other) noexcept
+      : buffer_(std::exchange(other.buffer_, nullptr)),
+        offset_(std::exchange(other.offset_, 0)),
+        size_(std::exchange(other.size_, 0)) {}
   CopyOnWriteBuffer& operator=(const CopyOnWriteBuffer& other) noexcept {
     // The new reference first: both may be views of the same storage.
     if (other.buffer_ != nullptr) other.buffer_->AddRef();
@@ -68,7 +74,13 @@ class CopyOnWriteBuffer {
     return *this;
   }
   // Leaves `other` empty; assigning a buffer to itself changes nothing.
-  CopyOnWriteBuffer& operator=(CopyOnWriteBuffer&& other) noexcept;
+  CopyOnWriteBuffer& operator=(CopyOnWriteBuffer&& other) noexcept {
+    CopyOnWriteBuffer taken(std::move(other));
+    std::swap(buffer_, taken.buffer_);
+    std::swap(offset_, taken.offset_);
+    std::swap(size_, taken.size_);
+    return *this;
+  }
   ~CopyOnWriteBuffer() { ReleaseStorage(buffer_); }
 
   // Writable bytes of the view, private to this buffer; null when it has no storage, and null when
@@ -94,10 +106,18 @@ class CopyOnWriteBuffer {
   // Makes the storage this buffer's own, with at least `capacity` bytes from the view's start on;
   // the view's bytes stay. A storage that has to grow grows by half at least. False, and nothing
   // changed, when memory is exhausted.
-  bool UnshareAndEnsureCapacity(uint32_t capacity);
+  bool UnshareAndEnsureCapacity(uint32_t capacity) {
+    const uint32_t room = buffer_ != nullptr ? buffer_->capacity - offset_ : 0;
+    if (buffer_ == nullptr ? capacity == 0 : buffer_->HasOneRef() && capacity <= room) return true;
+    return Replace(capacity, room);
+  }
 
  private:
   friend class CopyOnWriteBufferTestPeer;
+
+  // As UnshareAndEnsureCapacity, where the storage will not do; it has `room` from the view's start
+  // on. Out of line, as all that is rare: copying, moving and writing in place need no call.
+  bool Replace(uint32_t capacity, uint32_t room);
 
   // Drops one reference; with the last, the bytes and the storage go.
   static void ReleaseStorage(BufferStorage* storage) {
