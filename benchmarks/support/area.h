@@ -109,6 +109,22 @@ double MeanNs(int count, const Call& call) {
   return (NowNs() - begin) / count;
 }
 
+// Calls `chunk`, which does `count` operations, until `at_least_ms` are over. The median chunk's
+// mean nanoseconds of one operation: chunks that lost the processor to others do not count.
+template <typename Chunk>
+double MedianChunkNs(int count, double at_least_ms, const Chunk& chunk) {
+  std::vector<double> chunks;
+  double now = NowNs();
+  const double end = now + at_least_ms * 1e6;
+  while (now < end) {
+    const double begin = now;
+    chunk();
+    now = NowNs();
+    chunks.push_back((now - begin) / count);
+  }
+  return Median(std::move(chunks));
+}
+
 // Keeps a value from being computed in vain.
 template <typename T>
 inline void Keep(const T& value) {

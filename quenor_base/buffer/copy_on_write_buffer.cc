@@ -39,9 +39,7 @@ CopyOnWriteBuffer::CopyOnWriteBuffer(std::unique_ptr<uint8_t[], void (*)(void*)>
   buffer_->AddRef();
 }
 
-bool CopyOnWriteBuffer::UnshareAndEnsureCapacity(uint32_t capacity) {
-  const uint32_t room = buffer_ != nullptr ? buffer_->capacity - offset_ : 0;
-  if (buffer_ == nullptr ? capacity == 0 : buffer_->HasOneRef() && capacity <= room) return true;
+bool CopyOnWriteBuffer::Replace(uint32_t capacity, uint32_t room) {
   uint32_t wanted = std::max(capacity, size_);
   if (wanted > room) {
     const uint64_t grown = uint64_t{room} + room / 2;

@@ -106,10 +106,18 @@ class CopyOnWriteBuffer {
   // Makes the storage this buffer's own, with at least `capacity` bytes from the view's start on;
   // the view's bytes stay. A storage that has to grow grows by half at least. False, and nothing
   // changed, when memory is exhausted.
-  bool UnshareAndEnsureCapacity(uint32_t capacity);
+  bool UnshareAndEnsureCapacity(uint32_t capacity) {
+    const uint32_t room = buffer_ != nullptr ? buffer_->capacity - offset_ : 0;
+    if (buffer_ == nullptr ? capacity == 0 : buffer_->HasOneRef() && capacity <= room) return true;
+    return Replace(capacity, room);
+  }
 
  private:
   friend class CopyOnWriteBufferTestPeer;
+
+  // As UnshareAndEnsureCapacity, where the storage will not do; it has `room` from the view's start
+  // on. Out of line, as all that is rare: copying, moving and writing in place need no call.
+  bool Replace(uint32_t capacity, uint32_t room);
 
   // Drops one reference; with the last, the bytes and the storage go.
   static void ReleaseStorage(BufferStorage* storage) {

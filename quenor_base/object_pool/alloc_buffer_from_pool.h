@@ -5,7 +5,10 @@
 #ifndef QUENOR_BASE_OBJECT_POOL_ALLOC_BUFFER_FROM_POOL_H_
 #define QUENOR_BASE_OBJECT_POOL_ALLOC_BUFFER_FROM_POOL_H_
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <memory>
 #include <type_traits>
 
@@ -30,21 +33,36 @@ struct BufferClass {
   uint32_t max_batches;  // in the shared tier
 };
 
-// The numbers bound what is kept idle. A dry thread makes `capacity` arrays at once: up to 4096
-// bytes the round trip to the shared mutex is worth avoiding, but 32 KiB of them is enough; an
-// array of 32768 bytes or more costs its user far more time than a lock does, so the thread makes
-// only the one it needs. A thread keeps at most 2 * capacity - 1 idle arrays of a class: 15.5, 31,
-// 30, 60, 48, 32, 64, 512 and 1024 KiB, together 1816.5 KiB in a thread that used all nine (280.5
-// KiB without the two largest). The shared tier, one for the process, keeps at most max_batches *
-// capacity: 64, 128, 128, 256, 256, 256, 512, 1024 and 2048 KiB, together 4672 KiB.
+// The numbers bound what is kept idle. A dry thread makes `capacity` arrays at once, to save round
+// trips to the shared mutex; of those that it does not use, one page each is touched, 32 KiB at
+// most. A thread keeps at most 2 * capacity - 1 idle arrays of a class: 15.5, 31, 30, 60, 240, 224,
+// 448, 1536 and 3072 KiB, together 5656.5 KiB in a thread that had as many in use at once of all
+// nine (1048.5 KiB without the two largest). The shared tier, one for the process, keeps at most
+// max_batches * capacity: 64, 128, 128, 256, 512, 512, 1024, 8192 and 16384 KiB, together 27200
+// KiB, and fills only when a thread gives back more arrays than its own lists hold.
 inline constexpr BufferClass kBufferClasses[] = {
-    {512, 16, 8},  {1024, 16, 8}, {2048, 8, 8},   {4096, 8, 8},    {16384, 2, 8},
-    {32768, 1, 8}, {65536, 1, 8}, {524288, 1, 2}, {1048576, 1, 2},
+    {512, 16, 8},  {1024, 16, 8}, {2048, 8, 8},   {4096, 8, 8},    {16384, 8, 4},
+    {32768, 4, 4}, {65536, 4, 4}, {524288, 2, 8}, {1048576, 2, 8},
 };
+
+// The nine pools, each null until its first use. Never destroyed: an array may come back during the
+// exit of any thread or of the process.
+// acquire and release: who finds a pool here finds it whole.
+inline std::atomic<BufferObjPool*> g_buffer_pools[std::size(kBufferClasses)] = {};
+
+// Makes pool number `index`, once.
+BufferObjPool* MakeBufferObjPool(size_t index);
 
 // Any thread. The pool of the arrays of `class_length` bytes: for the nine class lengths never null
 // and the same one for the life of the process; null for every other length. Lends it.
-BufferObjPool* GetBufferObjPool(uint32_t class_length);
+inline BufferObjPool* GetBufferObjPool(uint32_t class_length) {
+  for (size_t i = 0; i < std::size(kBufferClasses); ++i) {
+    if (kBufferClasses[i].length_bytes != class_length) continue;
+    BufferObjPool* const pool = g_buffer_pools[i].load(std::memory_order_acquire);
+    return pool != nullptr ? pool : MakeBufferObjPool(i);
+  }
+  return nullptr;
+}
 
 // The eleven release functions. A pooled array goes to the tier of the thread that releases it.
 template <uint32_t kClassLength>

@@ -7,46 +7,18 @@ template class ObjectPool<uint8_t[], objpool::DefaultResetter<uint8_t[]>,
                           objpool::DefaultDestroyer<uint8_t[]>>;
 
 namespace internal {
-namespace {
 
-// Out of line: looking a pool up that exists then saves no registers.
-[[gnu::noinline]] BufferObjPool* MakePool(const BufferClass& buffer_class) {
-  return new BufferObjPool(buffer_class.length_bytes, buffer_class.capacity,
-                           buffer_class.max_batches);
-}
-
-// Never destroyed: an array may come back during the exit of any thread or of the process.
-template <size_t kIndex>
-BufferObjPool* PoolOfClass() {
-  static BufferObjPool* const pool = MakePool(kBufferClasses[kIndex]);
-  return pool;
-}
-
-}  // namespace
-
-BufferObjPool* GetBufferObjPool(uint32_t class_length) {
-  switch (class_length) {
-    case kBufferClasses[0].length_bytes:
-      return PoolOfClass<0>();
-    case kBufferClasses[1].length_bytes:
-      return PoolOfClass<1>();
-    case kBufferClasses[2].length_bytes:
-      return PoolOfClass<2>();
-    case kBufferClasses[3].length_bytes:
-      return PoolOfClass<3>();
-    case kBufferClasses[4].length_bytes:
-      return PoolOfClass<4>();
-    case kBufferClasses[5].length_bytes:
-      return PoolOfClass<5>();
-    case kBufferClasses[6].length_bytes:
-      return PoolOfClass<6>();
-    case kBufferClasses[7].length_bytes:
-      return PoolOfClass<7>();
-    case kBufferClasses[8].length_bytes:
-      return PoolOfClass<8>();
-    default:
-      return nullptr;
+BufferObjPool* MakeBufferObjPool(size_t index) {
+  static base::Lock lock;
+  base::AutoLock hold(lock);
+  // relaxed: written under the lock only.
+  BufferObjPool* pool = g_buffer_pools[index].load(std::memory_order_relaxed);
+  if (pool == nullptr) {
+    const BufferClass& made = kBufferClasses[index];
+    pool = new BufferObjPool(made.length_bytes, made.capacity, made.max_batches);
+    g_buffer_pools[index].store(pool, std::memory_order_release);
   }
+  return pool;
 }
 
 }  // namespace internal

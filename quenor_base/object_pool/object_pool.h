@@ -8,6 +8,7 @@
 #ifndef QUENOR_BASE_OBJECT_POOL_OBJECT_POOL_H_
 #define QUENOR_BASE_OBJECT_POOL_OBJECT_POOL_H_
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -96,6 +97,11 @@ class ObjUniquePtr {
     size_ = 0;
     return std::exchange(ptr_, nullptr);
   }
+  // For an owner of null: takes `ptr` (may be null), an array of `size` elements.
+  void Take(Element* ptr, uint32_t size) {
+    ptr_ = ptr;
+    size_ = size;
+  }
 
  private:
   Element* ptr_ = nullptr;
@@ -106,6 +112,30 @@ template <typename T, typename Resetter, typename Allocator, typename Destroyer>
 struct ThreadTier;
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
 struct SharedTier;
+
+// The calling thread's tiers of the process's first pools, for a look-up that is one load: a slot
+// asks the thread library. Filled and emptied with the slot; plain pointers, so they stay readable
+// in every destructor that the thread still runs.
+class NearTiers {
+ public:
+  // Any thread. The place of a new pool; the last one, which stays null, when all are given away.
+  // Never given twice: a place outlives its pool.
+  static uint32_t NextPlace() {
+    // relaxed: only the number counts.
+    const uint32_t place = places_.fetch_add(1, std::memory_order_relaxed);
+    return place < kPlaces ? place : kPlaces;
+  }
+  static void* Get(uint32_t place) { return tiers_[place]; }
+  static void Set(uint32_t place, void* tier) {
+    if (place < kPlaces) tiers_[place] = tier;
+  }
+
+ private:
+  static constexpr uint32_t kPlaces = 15;  // The nine pools of byte arrays, and a host's own.
+
+  inline static std::atomic<uint32_t> places_{0};
+  inline static thread_local void* tiers_[kPlaces + 1] = {};
+};
 
 // Tells whether the calling thread has begun to free its tiers. A tier made after that might find
 // no round of slot destructors left to free it (a system runs only a few,
@@ -142,8 +172,8 @@ class TLSObjectPool {
   // freed a tier already, or when the thread has no room for the slot's value. Lends the tier until
   // the thread ends.
   Tier* GetTLSPool(std::shared_ptr<Global> (*get_global)(void*), void* arg) {
-    void* tier = slot_.Get();
-    return tier != nullptr ? static_cast<Tier*>(tier) : MakeTier(get_global, arg);
+    void* tier = objpool::NearTiers::Get(near_place_);
+    return tier != nullptr ? static_cast<Tier*>(tier) : FindTier(get_global, arg);
   }
 
   // Any thread. The length of every array, in elements.
@@ -153,13 +183,18 @@ class TLSObjectPool {
   friend class ObjectPoolTestPeer;
 
   // Kept out of line, as the other rare steps are: the common path then saves no registers.
-  [[gnu::noinline]] Tier* MakeTier(std::shared_ptr<Global> (*get_global)(void*), void* arg);
+  [[gnu::noinline]] Tier* FindTier(std::shared_ptr<Global> (*get_global)(void*), void* arg) {
+    void* tier = slot_.Get();
+    return tier != nullptr ? static_cast<Tier*>(tier) : MakeTier(get_global, arg);
+  }
+  Tier* MakeTier(std::shared_ptr<Global> (*get_global)(void*), void* arg);
   // The slot's destructor: runs on the thread that ends, with its tier and the slot back at null.
   static void OnThreadEnd(void* tier);
 
   base::ThreadLocalStorage::Slot slot_;  // this thread's TLSObjectPoolImpl*, or null
   uint32_t object_size_;
   uint32_t capacity_;
+  const uint32_t near_place_ = objpool::NearTiers::NextPlace();
 };
 
 // One thread's tier of one pool. Always the base of an objpool::ThreadTier.
@@ -199,13 +234,17 @@ class TLSObjectPoolImpl {
 
   // Appends `p` (may be null) to `list` in a kept node, or in a new one when none is kept.
   void Append(Batch& list, Element* p);
+  // Makes an empty node.
+  [[gnu::noinline]] void MakeNode() { holder().empty_nodes.emplace_back(); }
+  // Stores an array that the free list has no room for.
+  [[gnu::noinline]] void Gather(Element* p);
   // Fills the empty free list.
   [[gnu::noinline]] void Refill();
   // The newest batch of the shared tier, in exchange for surplus empty nodes; empty when there is
   // none.
   Batch TakeBatch();
   // Gives `pending_batch_` away, in exchange for empty nodes, and leaves it empty.
-  [[gnu::noinline]] void HandOver();
+  void HandOver();
 
   std::shared_ptr<Global> global_pool_;
   Batch free_list_;      // ready to hand out, the latest return at the back
@@ -322,9 +361,10 @@ struct ThreadTier final : TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer> {
   using Batch = typename Base::Batch;
 
   ThreadTier(std::shared_ptr<typename Base::Global> global_pool, uint32_t object_size,
-             uint32_t capacity)
-      : Base(std::move(global_pool), object_size, capacity) {}
+             uint32_t capacity, uint32_t place)
+      : Base(std::move(global_pool), object_size, capacity), near_place(place) {}
 
+  const uint32_t near_place;  // of the pool, in NearTiers
   Batch empty_nodes;          // every array in it is null
   std::list<Batch> envelope;  // none or one, empty inside between exchanges
 };
@@ -346,6 +386,7 @@ template <typename T, typename Resetter, typename Allocator, typename Destroyer>
 TLSObjectPool<T, Resetter, Allocator, Destroyer>::~TLSObjectPool() {
   auto* tier = static_cast<Tier*>(slot_.Get());
   slot_.Set(nullptr);
+  objpool::NearTiers::Set(near_place_, nullptr);
   delete static_cast<objpool::ThreadTier<T, Resetter, Allocator, Destroyer>*>(tier);
 }
 
@@ -356,18 +397,21 @@ auto TLSObjectPool<T, Resetter, Allocator, Destroyer>::MakeTier(
   std::shared_ptr<Global> global = get_global(arg);
   if (global == nullptr) return nullptr;
   auto made = std::make_unique<objpool::ThreadTier<T, Resetter, Allocator, Destroyer>>(
-      std::move(global), object_size_, capacity_);
+      std::move(global), object_size_, capacity_, near_place_);
   Tier* tier = made.get();
   if (!slot_.Set(tier)) return nullptr;
   made.release();  // owned by the slot from here on
+  objpool::NearTiers::Set(near_place_, tier);
   return tier;
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
 void TLSObjectPool<T, Resetter, Allocator, Destroyer>::OnThreadEnd(void* tier) {
   objpool::ThreadEnd::SetBegun();  // before the arrays go: a destroyer may call the pool again
-  delete static_cast<objpool::ThreadTier<T, Resetter, Allocator, Destroyer>*>(
+  auto* ending = static_cast<objpool::ThreadTier<T, Resetter, Allocator, Destroyer>*>(
       static_cast<Tier*>(tier));
+  objpool::NearTiers::Set(ending->near_place, nullptr);
+  delete ending;
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
@@ -375,7 +419,7 @@ auto TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Alloc() -> Array {
   if (free_list_.empty()) Refill();
   Array array = std::move(free_list_.back());
   Batch& nodes = holder().empty_nodes;
-  nodes.splice(nodes.end(), free_list_, std::prev(free_list_.end()));
+  nodes.splice(nodes.begin(), free_list_, std::prev(free_list_.end()));
   return array;
 }
 
@@ -386,19 +430,21 @@ void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Reuse(Element* p) {
     Append(free_list_, p);
     return;
   }
+  Gather(p);
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Gather(Element* p) {
   Append(pending_batch_, p);
   if (pending_batch_.size() >= capacity_) HandOver();
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
-void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Append(Batch& list, Element* p) {
+inline void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Append(Batch& list, Element* p) {
   Batch& nodes = holder().empty_nodes;
-  if (nodes.empty()) {
-    list.emplace_back(p, object_size_);
-    return;
-  }
-  nodes.back() = Array(p, object_size_);
-  list.splice(list.end(), nodes, std::prev(nodes.end()));
+  if (nodes.empty()) MakeNode();
+  nodes.front().Take(p, object_size_);
+  list.splice(list.end(), nodes, nodes.begin());
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>

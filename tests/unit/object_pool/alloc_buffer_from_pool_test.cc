@@ -262,6 +262,25 @@ TEST_P(EveryClassTest, PairInTheSteadyStateAllocatesAndFreesNothing) {
   });
 }
 
+TEST_P(EveryClassTest, SixteenAtATimeInTheSteadyStateAllocateAndFreeNothing) {
+  const uint32_t size = GetParam().length_bytes;
+  OnSdkThread([&] {
+    std::vector<Buffer> buffers;
+    buffers.reserve(16);
+    const auto take_and_drop = [&] {
+      for (int i = 0; i < 16; ++i) buffers.push_back(AllocBufferTFromPool<uint8_t[]>(size));
+      while (!buffers.empty()) buffers.pop_back();
+    };
+    for (int i = 0; i < 3; ++i) take_and_drop();
+    const HeapCounts before = HeapProbe::Counts();
+
+    for (int i = 0; i < 100; ++i) take_and_drop();
+
+    EXPECT_EQ(HeapProbe::Counts().News(), before.News());
+    EXPECT_EQ(HeapProbe::Counts().Deletes(), before.Deletes());
+  });
+}
+
 INSTANTIATE_TEST_SUITE_P(Pooled, EveryClassTest, ::testing::ValuesIn(kBufferClasses),
                          [](const auto& row) {
                            return "Class" + std::to_string(row.param.length_bytes);

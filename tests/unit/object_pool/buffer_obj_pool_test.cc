@@ -1,6 +1,7 @@
 // The registry of the nine pools.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <set>
 #include <vector>
 
@@ -72,15 +73,15 @@ TEST(BufferObjPoolTest, IdleMemoryStaysBelowThePromisedBounds) {
   for (const BufferClass& one : kBufferClasses) {
     thread_bytes += (2ull * one.capacity - 1) * one.length_bytes;
     shared_bytes += uint64_t{one.max_batches} * one.capacity * one.length_bytes;
-    if (one.length_bytes < 32768) {
-      EXPECT_LE(uint64_t{one.capacity} * one.length_bytes, 32768u) << one.length_bytes;
-    } else {
-      EXPECT_EQ(one.capacity, 1u) << one.length_bytes;
-    }
+    // A dry thread makes `capacity` arrays: of those that it does not use, one page each is
+    // touched.
+    EXPECT_LE(one.capacity * std::min<uint64_t>(one.length_bytes, 4096), 32768u)
+        << one.length_bytes;
+    EXPECT_LE(uint64_t{one.capacity} * one.length_bytes, 2097152u) << one.length_bytes;
   }
 
-  EXPECT_EQ(thread_bytes, (1816u * 1024) + 512);
-  EXPECT_EQ(shared_bytes, 4672u * 1024);
+  EXPECT_EQ(thread_bytes, (5656u * 1024) + 512);
+  EXPECT_EQ(shared_bytes, 27200u * 1024);
 }
 
 }  // namespace

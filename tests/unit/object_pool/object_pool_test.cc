@@ -65,6 +65,38 @@ TEST_F(ObjectPoolTest, DestructionFreesTheTierOfTheCallingThread) {
   EXPECT_EQ(ArrayBooks::Live(), 0u);
 }
 
+// More pools than a thread has places for at hand.
+TEST_F(ObjectPoolTest, EachOfManyPoolsKeepsATierOfItsOwn) {
+  std::vector<std::unique_ptr<CountedPool>> pools;
+  for (int i = 0; i < 40; ++i) pools.push_back(std::make_unique<CountedPool>(64, 1, 8));
+
+  OnSdkThread([&] {
+    Arrays arrays;
+    for (auto& pool : pools) arrays.push_back(pool->AllocRaw());
+    for (size_t i = 0; i < pools.size(); ++i) pools[i]->Reuse(arrays[i]);
+
+    for (size_t i = 0; i < pools.size(); ++i) {
+      EXPECT_EQ(Peer::FreeList(*pools[i]), Arrays{arrays[i]}) << i;
+      EXPECT_EQ(pools[i]->AllocRaw(), arrays[i]) << i;
+      pools[i]->Reuse(arrays[i]);
+    }
+    EXPECT_EQ(ArrayBooks::made, pools.size());
+  });
+}
+
+TEST_F(ObjectPoolTest, PoolAfterADestroyedOneStartsWithoutTier) {
+  for (int i = 0; i < 40; ++i) {
+    ArrayBooks::made = ArrayBooks::freed = 0;
+    CountedPool pool(64, 2, 8);
+    EXPECT_EQ(Peer::Tier(pool), nullptr);
+
+    pool.Reuse(pool.AllocRaw());
+
+    EXPECT_EQ(ArrayBooks::made, 2u);
+    EXPECT_EQ(Peer::FreeList(pool).size(), 2u);
+  }
+}
+
 std::shared_ptr<CountedPool::Global> AnswerNone(void* asked) {
   ++*static_cast<int*>(asked);
   return nullptr;
