@@ -231,8 +231,11 @@ void Admission::DrawAgainstPending() {
   }
   plot.note =
       "The cost follows the bytes: every message that stays is compared with what the file has of "
-      "it, only the new one is written. At 200 the admission first drops the 50 oldest, so fewer "
-      "are compared, and 50 are freed and marked as dropped in the file.";
+      "it, only the new one is written. The slope is steeper from some 60 messages of 256 bytes "
+      "on, "
+      "when they and the file's pages no longer fit the first-level cache together. At 200 the "
+      "admission first drops the 50 oldest: they are not compared, but freed and marked as dropped "
+      "in the file, which costs more.";
   area_->Draw(plot);
 }
 
@@ -260,10 +263,11 @@ void Admission::DrawAgainstSize() {
   }
   plot.lines = {median, mean, floor};
   plot.note =
-      "Flat up to some 256 bytes, where the call that asks whether the file is still there is most "
-      "of it; then the bytes count: ten are compared, one is copied and checked. The mean shows "
-      "what the median leaves out: an area that is full, whose packets are then copied into the "
-      "other area.";
+      "Flat up to some 256 bytes, where the call that asks whether the file is still there is "
+      "about "
+      "half of it; then the bytes count: ten messages are compared, one is copied and checked. The "
+      "mean shows what the median leaves out: an area that is full, whose packets are then copied "
+      "into the other area.";
   area_->Draw(plot);
 }
 
