@@ -89,7 +89,9 @@ class CopyOnWriteBuffer {
   T* data() {
     static_assert(sizeof(T) == 1, "a body is bytes");
     if (buffer_ == nullptr) return nullptr;
-    if (!UnshareAndEnsureCapacity(buffer_->capacity - offset_)) return nullptr;
+    if (!buffer_->HasOneRef() && !UnshareAndEnsureCapacity(buffer_->capacity - offset_)) {
+      return nullptr;
+    }
     return reinterpret_cast<T*>(buffer_->data.get()) + offset_;
   }
 

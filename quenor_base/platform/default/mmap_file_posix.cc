@@ -70,7 +70,17 @@ struct Entry {
   uint64_t body_check;
   uint64_t glance;
   uint32_t length;
-  bool kept;  // Also part of the save under way.
+  bool kept;  // Meant only while a save retires what it dropped.
+};
+
+// Packets of the save under way that stand in a row where they come from: in the old content, or
+// among those that the save has written.
+struct Piece {
+  size_t begin;
+  size_t count;
+  bool is_new;
+
+  size_t end() const { return begin + count; }
 };
 
 // Of a few of the body's bytes: packets that differ are mostly told apart by it, without a look at
@@ -88,9 +98,51 @@ uint64_t Glance(const uint8_t* body, uint32_t length) {
   return (words[0] * 31 + words[1]) * 31 + words[2];
 }
 
-uint64_t RoomOf(const NothrowArray<Entry>& entries) {
+// Entries in a row, of which some may go at the front and others come at the end without moving
+// those between.
+class Entries {
+ public:
+  size_t size() const { return all_.size() - first_; }
+  bool empty() const { return size() == 0; }
+  const Entry* begin() const { return all_.begin() + first_; }
+  const Entry* end() const { return all_.end(); }
+  Entry* begin() { return all_.begin() + first_; }
+  Entry* end() { return all_.end(); }
+  Entry& operator[](size_t i) { return all_[first_ + i]; }
+  const Entry& operator[](size_t i) const { return all_[first_ + i]; }
+
+  void Clear() {
+    all_.Clear();
+    first_ = 0;
+  }
+  [[nodiscard]] bool Append(const Entry* entries, size_t count) {
+    return all_.Append(entries, count);
+  }
+  [[nodiscard]] bool Push(const Entry& entry) { return all_.Push(entry); }
+  // For so many that come at the end.
+  [[nodiscard]] bool ReserveMore(size_t count) { return all_.Reserve(all_.size() + count); }
+  // Those that went take up their memory until they are as many as those that stay.
+  void DropFront(size_t count) {
+    first_ += count;
+    const size_t stay = size();
+    if (first_ == 0 || first_ < stay) return;
+    std::memmove(static_cast<void*>(all_.begin()), begin(), stay * sizeof(Entry));
+    (void)all_.Resize(stay);  // Fewer than before.
+    first_ = 0;
+  }
+  void swap(Entries& other) {
+    all_.swap(other.all_);
+    std::swap(first_, other.first_);
+  }
+
+ private:
+  NothrowArray<Entry> all_;
+  size_t first_ = 0;
+};
+
+uint64_t RoomOf(const Entry* begin, const Entry* end) {
   uint64_t room = 0;
-  for (const Entry& entry : entries) room += PacketRoom(entry.length);
+  for (const Entry* entry = begin; entry != end; ++entry) room += PacketRoom(entry->length);
   return room;
 }
 
@@ -188,20 +240,30 @@ struct MultiProcessSafetyMmapFile::State {
 
   // --- Saving ------------------------------------------------------------------------------------
   bool Clear(int64_t size);
+  bool TakeNextOfOld(const MmapDataPacket& packet);
   bool Append(const MmapDataPacket& packet);
   bool LookAgain(bool* is_there) const;
   bool Reopen();
   void VoidSave();
   Extent& target() { return building ? building : current; }
-  Entry* Find(const MmapDataPacket& packet, uint64_t glance);
+  const Entry* Find(const MmapDataPacket& packet, uint64_t glance);
   bool Place(const MmapDataPacket& packet);
+  bool NameOld(size_t at);
+  void EndRun();
+  bool AddNew(const Entry& entry);
+  const Entry* PieceBegin(const Piece& piece) const;
+  bool ContinuesOld() const;
+  bool Assemble();
+  bool AssembleAsNew();
   bool HasRoom(uint64_t room);
   bool MakeRoom(uint64_t room);
   void SwitchArea();
   bool MoveToNewExtent(uint64_t room);
   void CopyNext(const Extent& from, const Extent& to, int to_area);
   bool SealSave();
-  void RetireOldPackets() const;
+  void RetireOldPackets();
+  void Retire(size_t begin, size_t end) const;
+  bool IsKeptElsewhere(const Entry& dropped) const;
   void FinishMove(bool is_flushed);
   void FinishTakeOver();
   void ShrinkIfWasteful();
@@ -229,7 +291,9 @@ struct MultiProcessSafetyMmapFile::State {
 
   // The content in force, all of it in one area of `current`.
   Extent current;
-  NothrowArray<Entry> sealed;
+  Entries sealed;
+  uint64_t sealed_room = 0;  // That its packets take up.
+  bool is_shared = false;    // One packet may be there more than once, at one place in the extent.
   int area = 0;
   uint64_t append_at = 0;  // Behind its last packet.
 
@@ -241,7 +305,18 @@ struct MultiProcessSafetyMmapFile::State {
   uint64_t announced = 0;
   uint64_t appended = 0;
   Extent building;  // Where the save goes once `current` has not enough room for it.
-  NothrowArray<Entry> next;
+  // Its packets: a usual save repeats the old content but for a few, so what it takes from there is
+  // only counted, until the whole is put together to be sealed.
+  NothrowArray<Piece> pieces;
+  Entries added;
+  Entries next;  // All of them; when they are sealed.
+  size_t next_count = 0;
+  // While the last piece is an old one: [run, run_next) belong to it too and are not counted yet,
+  // [run_next, run_end) come next in the old content, as far as the index has room. Else null.
+  const Entry* run = nullptr;
+  const Entry* run_next = nullptr;
+  const Entry* run_end = nullptr;
+  bool is_disordered = false;  // The old ones do not come in the order of the old content.
   int next_area = 0;
   uint64_t next_begin = 0;  // What this save has written: [next_begin, next_at).
   uint64_t next_at = 0;
@@ -282,6 +357,8 @@ void MultiProcessSafetyMmapFile::State::Detach() {
   claimed = 0;
   to_read.Clear();
   sealed.Clear();
+  sealed_room = 0;
+  is_shared = false;
   area = 0;
   append_at = 0;
   last_new_bytes = 0;
@@ -651,8 +728,12 @@ bool MultiProcessSafetyMmapFile::State::MapOwnExtent() {
   WriteExtentHeader(current, mmap_format::kInUse);
   area = !sealed.empty() && sealed[0].offset >= current.shape.area(1) ? 1 : 0;
   append_at = current.shape.area(area);
+  uint64_t last = 0;
   for (Entry& entry : sealed) {
+    is_shared = is_shared || entry.offset <= last;
+    last = entry.offset;
     append_at = std::max(append_at, entry.offset + PacketRoom(entry.length));
+    sealed_room += PacketRoom(entry.length);
     entry.glance = Glance(current.body(entry), entry.length);
   }
   return true;
@@ -915,6 +996,7 @@ bool MultiProcessSafetyMmapFile::State::Clear(int64_t size) {
   may_read = false;
   is_saving = false;
   is_complete = false;
+  run = run_next = run_end = nullptr;
   if (size < 0 || static_cast<uint64_t>(size) > kMostAnnounced) {
     errno = EINVAL;
     TellSaveFailed(__LINE__);
@@ -933,17 +1015,19 @@ bool MultiProcessSafetyMmapFile::State::Clear(int64_t size) {
   }
   announced = static_cast<uint64_t>(size);
   appended = 0;
-  next.Clear();
+  pieces.Clear();
+  added.Clear();
+  next_count = 0;
+  is_disordered = false;
   next_area = area;
   next_begin = next_at = append_at;
   copy_all = false;
   cursor = 0;
   failed_searches = 0;
   new_bytes = 0;
-  for (Entry& entry : sealed) entry.kept = false;
   // Rather before anything is placed than in the middle; and content that is mostly new each time
   // goes to and fro between the same bytes, which the processor then has at hand.
-  const bool will_be_new = last_new_bytes > 0 && 2 * last_new_bytes >= RoomOf(sealed);
+  const bool will_be_new = last_new_bytes > 0 && 2 * last_new_bytes >= sealed_room;
   if (current && (will_be_new || !HasRoom(last_new_bytes)) &&
       2 * last_new_bytes <= current.shape.area_size()) {
     SwitchArea();
@@ -954,7 +1038,22 @@ bool MultiProcessSafetyMmapFile::State::Clear(int64_t size) {
 
 void MultiProcessSafetyMmapFile::State::VoidSave() {
   is_saving = false;
+  run = run_next = run_end = nullptr;
   if (building) Discard(&building);
+}
+
+// The usual packet of a save: what follows the one before it in the old content too, and is not the
+// save's last. Costs little more than the comparison; EndRun() counts it. False, and nothing done,
+// for all others.
+inline bool MultiProcessSafetyMmapFile::State::TakeNextOfOld(const MmapDataPacket& packet) {
+  const Entry* const entry = run_next;
+  if (entry == run_end || entry->length != packet.size || packet.data == nullptr) return false;
+  const uint64_t with_this = appended + packet.size + 4;
+  if (with_this >= announced || file.is_orphan()) return false;
+  if (std::memcmp(current.body(*entry), packet.data, packet.size) != 0) return false;
+  run_next = entry + 1;
+  appended = with_this;
+  return true;
 }
 
 bool MultiProcessSafetyMmapFile::State::Append(const MmapDataPacket& packet) {
@@ -1000,14 +1099,15 @@ bool MultiProcessSafetyMmapFile::State::Reopen() {
 }
 
 // The place in the old content of a packet with the same bytes; null when it has none.
-Entry* MultiProcessSafetyMmapFile::State::Find(const MmapDataPacket& packet, uint64_t glance) {
+const Entry* MultiProcessSafetyMmapFile::State::Find(const MmapDataPacket& packet,
+                                                     uint64_t glance) {
   const size_t count = sealed.size();
   const bool full = failed_searches < kFullSearches;
   const size_t tries = full ? count : std::min(count, kShortSearch);
   size_t at = cursor;
   for (size_t i = 0; i < tries; ++i, ++at) {
     if (at >= count) at = 0;
-    Entry& entry = sealed[at];
+    const Entry& entry = sealed[at];
     if (entry.glance != glance || entry.length != packet.size) continue;
     if (packet.size != 0 && std::memcmp(current.body(entry), packet.data, packet.size) != 0) {
       continue;
@@ -1019,13 +1119,23 @@ Entry* MultiProcessSafetyMmapFile::State::Find(const MmapDataPacket& packet, uin
   return nullptr;
 }
 
+void MultiProcessSafetyMmapFile::State::EndRun() {
+  const size_t count = static_cast<size_t>(run_next - run);
+  if (count > 0) {
+    pieces.back().count += count;
+    next_count += count;
+    cursor += count;
+  }
+  run = run_next = run_end = nullptr;
+}
+
 bool MultiProcessSafetyMmapFile::State::Place(const MmapDataPacket& packet) {
+  EndRun();
   const uint64_t room = PacketRoom(packet.size);
   const uint64_t glance = Glance(packet.data, packet.size);
-  Entry* const old = Find(packet, glance);
-  if (old != nullptr && !copy_all && next.size() < current.shape.capacity) {
-    old->kept = true;
-    return next.Push(*old);
+  const Entry* const old = Find(packet, glance);
+  if (old != nullptr && !copy_all && next_count < current.shape.capacity) {
+    return NameOld(static_cast<size_t>(old - sealed.begin()));
   }
   if (!HasRoom(room) && !MakeRoom(room)) return false;
   PacketHeader head = {};
@@ -1034,7 +1144,7 @@ bool MultiProcessSafetyMmapFile::State::Place(const MmapDataPacket& packet) {
   head.length = packet.size;
   head.body_check = old != nullptr ? old->body_check : mmap_format::Check(packet.data, packet.size);
   head.check = mmap_format::CheckOf(head);
-  if (!next.Push(Entry{next_at, head.body_check, glance, packet.size, false})) return false;
+  if (!AddNew(Entry{next_at, head.body_check, glance, packet.size, false})) return false;
   uint8_t* const to = target().at(next_at);
   std::memcpy(to, &head, sizeof head);
   if (packet.size != 0) std::memcpy(to + sizeof head, packet.data, packet.size);
@@ -1043,17 +1153,76 @@ bool MultiProcessSafetyMmapFile::State::Place(const MmapDataPacket& packet) {
   return true;
 }
 
+// Takes a packet over from the old content, where it is the one before `cursor`.
+bool MultiProcessSafetyMmapFile::State::NameOld(size_t at) {
+  bool follows = false;
+  for (size_t i = pieces.size(); i > 0; --i) {
+    const Piece& last = pieces[i - 1];
+    if (last.is_new) continue;
+    if (at < last.end()) is_disordered = true;
+    follows = at == last.end() && i == pieces.size();
+    break;
+  }
+  if (!follows && !pieces.Push(Piece{at, 0, false})) return false;
+  ++pieces.back().count;
+  ++next_count;
+  run = run_next = sealed.begin() + cursor;
+  run_end = run + std::min(sealed.size() - cursor, current.shape.capacity - next_count);
+  return true;
+}
+
+bool MultiProcessSafetyMmapFile::State::AddNew(const Entry& entry) {
+  const bool follows = !pieces.empty() && pieces.back().is_new;
+  if (!added.Push(entry) || (!follows && !pieces.Push(Piece{added.size() - 1, 0, true}))) {
+    return false;
+  }
+  ++pieces.back().count;
+  ++next_count;
+  return true;
+}
+
+const Entry* MultiProcessSafetyMmapFile::State::PieceBegin(const Piece& piece) const {
+  return (piece.is_new ? added.begin() : sealed.begin()) + piece.begin;
+}
+
+// Whether the save is the old content without some at its front and with others behind its end, as
+// most are.
+bool MultiProcessSafetyMmapFile::State::ContinuesOld() const {
+  return !pieces.empty() && !pieces[0].is_new && pieces[0].end() == sealed.size() &&
+         (pieces.size() == 1 || (pieces.size() == 2 && pieces[1].is_new));
+}
+
+// Puts the save's packets so far together in `next`.
+bool MultiProcessSafetyMmapFile::State::Assemble() {
+  next.Clear();
+  for (const Piece& piece : pieces) {
+    if (!next.Append(PieceBegin(piece), piece.count)) return false;
+  }
+  return true;
+}
+
+// Likewise; from now on they count as written by this save, which is about to do so.
+bool MultiProcessSafetyMmapFile::State::AssembleAsNew() {
+  if (next_count == 0) return true;
+  if (!pieces.Reserve(1) || !Assemble()) return false;
+  added.swap(next);
+  pieces.Clear();
+  return pieces.Push(Piece{0, added.size(), true});
+}
+
 bool MultiProcessSafetyMmapFile::State::HasRoom(uint64_t room) {
   const Extent& extent = target();
-  return extent && next.size() < extent.shape.capacity &&
+  return extent && next_count < extent.shape.capacity &&
          next_at + room <= extent.shape.area(next_area) + extent.shape.area_size();
 }
 
 // For one more packet.
 bool MultiProcessSafetyMmapFile::State::MakeRoom(uint64_t room) {
   // An area more than half full would soon be full again.
-  const bool other_area_will_do = current && !copy_all && next.size() < current.shape.capacity &&
-                                  2 * (RoomOf(next) + room) <= current.shape.area_size();
+  if (!AssembleAsNew()) return false;
+  const bool other_area_will_do =
+      current && !copy_all && next_count < current.shape.capacity &&
+      2 * (RoomOf(added.begin(), added.end()) + room) <= current.shape.area_size();
   if (!other_area_will_do) return MoveToNewExtent(room);
   SwitchArea();
   return true;
@@ -1067,10 +1236,11 @@ void MultiProcessSafetyMmapFile::State::SwitchArea() {
 }
 
 bool MultiProcessSafetyMmapFile::State::MoveToNewExtent(uint64_t room) {
+  if (!AssembleAsNew()) return false;
   // The whole save, if its packets are like those so far or as many as the last content's.
-  const uint64_t packets = std::max(next.size() + 1, sealed.size());
-  const uint64_t needed =
-      std::max({RoomOf(next) + room, announced + packets * sizeof(PacketHeader), wished_bytes});
+  const uint64_t packets = std::max(next_count + 1, sealed.size());
+  const uint64_t needed = std::max({RoomOf(added.begin(), added.end()) + room,
+                                    announced + packets * sizeof(PacketHeader), wished_bytes});
   Extent made;
   if (!MakeExtent(2 * needed, 2 * packets, &made)) return false;
   if (target()) {
@@ -1085,11 +1255,11 @@ bool MultiProcessSafetyMmapFile::State::MoveToNewExtent(uint64_t room) {
   return true;
 }
 
-// The save's packets so far, with their heads, one behind the other.
+// The save's packets so far, with their heads, one behind the other; AssembleAsNew() came before.
 void MultiProcessSafetyMmapFile::State::CopyNext(const Extent& from, const Extent& to,
                                                  int to_area) {
   next_begin = next_at = to.shape.area(to_area);
-  for (Entry& entry : next) {
+  for (Entry& entry : added) {
     std::memcpy(to.at(next_at), from.at(entry.offset), sizeof(PacketHeader) + entry.length);
     entry.offset = next_at;
     next_at += PacketRoom(entry.length);
@@ -1100,6 +1270,13 @@ void MultiProcessSafetyMmapFile::State::CopyNext(const Extent& from, const Exten
 // one names is touched until it is there.
 bool MultiProcessSafetyMmapFile::State::SealSave() {
   is_saving = false;
+  EndRun();
+  const bool continues_old = ContinuesOld();
+  if (continues_old ? !sealed.ReserveMore(added.size()) : !Assemble()) {
+    TellSaveFailed(__LINE__);
+    VoidSave();
+    return false;
+  }
   Seal seal = {};
   seal.save_number = NextSaveNumber();
   seal.superseded = claimed;
@@ -1108,13 +1285,18 @@ bool MultiProcessSafetyMmapFile::State::SealSave() {
   if (extent) {
     const uint64_t index_at = extent.shape.index(static_cast<int>(seal.index));
     uint64_t* const entries = reinterpret_cast<uint64_t*>(extent.at(index_at));
-    for (size_t i = 0; i < next.size(); ++i) entries[i] = next[i].offset;
+    uint64_t* to = entries;
+    for (const Piece& piece : pieces) {
+      const Entry* const from = PieceBegin(piece);
+      for (size_t i = 0; i < piece.count; ++i) to[i] = from[i].offset;
+      to += piece.count;
+    }
     seal.extent_offset = extent.file_offset;
     seal.extent_size = extent.shape.size;
     seal.extent_epoch = extent.epoch;
     seal.index_capacity = extent.shape.capacity;
-    seal.packets = static_cast<uint32_t>(next.size());
-    seal.index_check = mmap_format::Check(entries, next.size() * sizeof(uint64_t));
+    seal.packets = static_cast<uint32_t>(next_count);
+    seal.index_check = mmap_format::Check(entries, next_count * sizeof(uint64_t));
     if (!extent.map.Flush(0, extent.shape.index(2), durability) ||
         !extent.map.Flush(next_begin, next_at, durability)) {
       TellSaveFailed(__LINE__);
@@ -1133,7 +1315,16 @@ bool MultiProcessSafetyMmapFile::State::SealSave() {
     RetireOldPackets();
   }
   if (claimed != 0) FinishTakeOver();
-  sealed.swap(next);
+  is_shared = !copy_all && (is_shared || is_disordered);
+  if (continues_old) {
+    const Entry* const kept = sealed.begin() + pieces[0].begin;
+    sealed_room += RoomOf(added.begin(), added.end()) - RoomOf(sealed.begin(), kept);
+    sealed.DropFront(pieces[0].begin);
+    (void)sealed.Append(added.begin(), added.size());  // Room was made for them.
+  } else {
+    sealed.swap(next);
+    sealed_room = RoomOf(sealed.begin(), sealed.end());
+  }
   area = next_area;
   append_at = sealed.empty() && current ? current.shape.area(area) : next_at;
   last_new_bytes = new_bytes;
@@ -1144,10 +1335,36 @@ bool MultiProcessSafetyMmapFile::State::SealSave() {
 }
 
 // For whoever must do without an index one day.
-void MultiProcessSafetyMmapFile::State::RetireOldPackets() const {
-  for (const Entry& entry : sealed) {
-    if (!copy_all && entry.kept) continue;
-    PacketHeader* const packet = reinterpret_cast<PacketHeader*>(current.at(entry.offset));
+void MultiProcessSafetyMmapFile::State::RetireOldPackets() {
+  if (copy_all) return Retire(0, sealed.size());
+  if (is_disordered || is_shared) {
+    for (Entry& entry : sealed) entry.kept = false;
+    for (const Piece& piece : pieces) {
+      for (size_t i = piece.begin; i < piece.end() && !piece.is_new; ++i) sealed[i].kept = true;
+    }
+    for (size_t i = 0; i < sealed.size(); ++i) {
+      if (!sealed[i].kept && !IsKeptElsewhere(sealed[i])) Retire(i, i + 1);
+    }
+    return;
+  }
+  size_t at = 0;
+  for (const Piece& piece : pieces) {
+    if (piece.is_new) continue;
+    Retire(at, piece.begin);
+    at = piece.end();
+  }
+  Retire(at, sealed.size());
+}
+
+bool MultiProcessSafetyMmapFile::State::IsKeptElsewhere(const Entry& dropped) const {
+  return is_shared && std::any_of(sealed.begin(), sealed.end(), [&](const Entry& entry) {
+           return entry.kept && entry.offset == dropped.offset;
+         });
+}
+
+void MultiProcessSafetyMmapFile::State::Retire(size_t begin, size_t end) const {
+  for (size_t i = begin; i < end; ++i) {
+    PacketHeader* const packet = reinterpret_cast<PacketHeader*>(current.at(sealed[i].offset));
     __atomic_store_n(&packet->state, mmap_format::kRetired, __ATOMIC_RELAXED);
   }
 }
@@ -1196,12 +1413,13 @@ void MultiProcessSafetyMmapFile::State::FinishTakeOver() {
 // A complete save of the same content, in a smaller extent.
 void MultiProcessSafetyMmapFile::State::ShrinkIfWasteful() {
   if (is_shrinking || !current || current.shape.size <= kNeverShrunk) return;
-  const uint64_t needed = RoomOf(sealed) + 2 * sizeof(uint64_t) * sealed.size();
+  const uint64_t needed = sealed_room + 2 * sizeof(uint64_t) * sealed.size();
   if (current.shape.size <= kShrinkAt * std::max(needed, wished_bytes)) return;
-  next.Clear();
-  for (const Entry& entry : sealed) {
-    if (!next.Push(entry)) return;
-  }
+  pieces.Clear();
+  added.Clear();
+  if (!pieces.Push(Piece{0, sealed.size(), false})) return;
+  next_count = sealed.size();
+  is_disordered = false;
   announced = 0;
   const bool was_complete = is_complete;
   is_shrinking = true;
@@ -1269,7 +1487,7 @@ bool MultiProcessSafetyMmapFile::Clear(int64_t size) {
 }
 
 bool MultiProcessSafetyMmapFile::AppendDataPacket(const MmapDataPacket& packet) {
-  return state_ != nullptr && state_->Append(packet);
+  return state_ != nullptr && (state_->TakeNextOfOld(packet) || state_->Append(packet));
 }
 
 bool MultiProcessSafetyMmapFile::IsSaveComplete() const {

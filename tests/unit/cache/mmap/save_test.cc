@@ -1,5 +1,7 @@
 // Clear() and AppendDataPacket(): when a save begins, completes and is void.
+#include <algorithm>
 #include <limits>
+#include <set>
 
 #include "tests/unit/cache/mmap/mmap_file_fixture.h"
 
@@ -239,6 +241,98 @@ TEST_F(MmapFileSaveTest, TakesAPacketThatIsItsOwnMappedContent) {
   ASSERT_TRUE(Save(file_, {read[1], read[0], read[1]}));
 
   EXPECT_EQ((Packets{"old two", "old one", "old two"}), Found());
+}
+
+// An old packet in each of the ways that a save can have it: at its place, elsewhere, twice, not at
+// all; and new ones between them.
+Packets ShuffledAndMixed(Random& random, const Packets& old, size_t* number) {
+  Packets packets = old;
+  const uint64_t how = Below(random, 6);
+  if (how == 0) std::shuffle(packets.begin(), packets.end(), random);
+  if (how == 1 && packets.size() > 1)
+    std::rotate(packets.begin(), packets.end() - 1, packets.end());
+  for (uint64_t i = Below(random, 4); i > 0 && !packets.empty(); --i) {
+    const long at = how == 2 ? 0 : static_cast<long>(Below(random, packets.size()));
+    packets.erase(packets.begin() + at);
+  }
+  for (uint64_t i = Below(random, 4); i > 0 && packets.size() < 60; --i) {
+    const uint64_t where = how == 2 ? packets.size() : Below(random, packets.size() + 1);
+    packets.insert(packets.begin() + static_cast<long>(where),
+                   NamedPacket("p", (*number)++, 20 + Below(random, 60)));
+  }
+  if (how == 3 && !packets.empty()) packets.push_back(packets[Below(random, packets.size())]);
+  return packets;
+}
+
+// Headers of packets that no completed save has dropped, wherever they are in the file.
+size_t LivePackets(const std::string& bytes) {
+  const std::string live("QNP\x1aLIVE");
+  size_t count = 0;
+  for (size_t at = bytes.find(live); at != std::string::npos; at = bytes.find(live, at + 1))
+    ++count;
+  return count;
+}
+
+TEST_F(MmapFileSaveTest, OfOldPacketsInAnyOrderKeepsThemAndMarksTheOthersAsDropped) {
+  const uint64_t seed = TestSeed();
+  Random random(seed);
+  Packets packets = old_;
+  size_t number = 0;
+  // So much room that no save has to begin anew elsewhere, which leaves some behind.
+  file_.Close();
+  ASSERT_TRUE(file_.Open(base::FilePath(path_), base::MemoryMappedFile::READ_WRITE_EXTEND, 40000));
+  ASSERT_TRUE(Save(file_, NamedPackets("first", 1, 20000)));
+
+  for (int step = 0; step < 150; ++step) {
+    packets = ShuffledAndMixed(random, packets, &number);
+    ASSERT_TRUE(Save(file_, packets)) << step;
+
+    ASSERT_EQ(packets, Found()) << "step " << step << ", QUENOR_TEST_SEED=" << seed;
+    const std::set<std::string> different(packets.begin(), packets.end());
+    // A packet that is there twice may have been copied once for each.
+    const size_t live = LivePackets(ReadWholeFile(path_));
+    ASSERT_GE(live, different.size()) << "step " << step << ", QUENOR_TEST_SEED=" << seed;
+    ASSERT_LE(live, packets.size()) << "step " << step << ", QUENOR_TEST_SEED=" << seed;
+  }
+}
+
+TEST_F(MmapFileSaveTest, OfANewPacketBeforeAsManyOldOnesAsTheIndexHolds) {
+  MultiProcessSafetyMmapFile file;
+  const std::string path = folder_.File("wished.mmap");
+  // Room for many more packets than the 256 places of the smallest index.
+  ASSERT_TRUE(file.Open(base::FilePath(path), base::MemoryMappedFile::READ_WRITE_EXTEND, 100000));
+  ASSERT_TRUE(Save(file, {NamedPacket("p", 0, 16)}));
+  Packets packets = NamedPackets("p", 256, 16);
+  ASSERT_TRUE(Save(file, packets));
+
+  packets.insert(packets.begin(), NamedPacket("new", 0, 16));
+  ASSERT_TRUE(Save(file, packets));
+
+  file.Close();
+  EXPECT_EQ(packets, LoadMapped(path));
+}
+
+TEST_F(MmapFileSaveTest, OfTheOldPacketsIsVoidWhenOneTooMuchComes) {
+  ASSERT_TRUE(file_.Clear(AnnouncedSize(old_) + 3));
+  ASSERT_TRUE(Append(file_, "old one"));
+  ASSERT_TRUE(Append(file_, "old two"));
+
+  EXPECT_FALSE(Append(file_, "old two"));
+  EXPECT_FALSE(Append(file_, "old one"));
+
+  EXPECT_FALSE(file_.IsSaveComplete());
+  EXPECT_EQ(old_, Found());
+  ASSERT_TRUE(Save(file_, {"old two"}));
+  EXPECT_EQ(Packets{"old two"}, Found());
+}
+
+TEST_F(MmapFileSaveTest, RefusesAnOldPacketWithoutItsBytes) {
+  ASSERT_TRUE(file_.Clear(AnnouncedSize(old_)));
+  ASSERT_TRUE(Append(file_, "old one"));
+
+  EXPECT_FALSE(file_.AppendDataPacket({nullptr, 7}));
+
+  EXPECT_EQ(old_, Found());
 }
 
 }  // namespace
