@@ -177,7 +177,7 @@ struct MultiProcessSafetyMmapFile::State {
   void WriteExtentHeader(const Extent& extent, uint64_t state) const;
   bool ReserveRange(uint64_t size, uint64_t* offset) const;
   bool ReserveLocked(uint64_t size, uint64_t* offset) const;
-  bool UsedRanges(Range* used, size_t* count) const;
+  bool UsedRanges(NothrowArray<Range>* used) const;
   bool IsFreeUnit(uint64_t at, uint64_t gap_end, uint64_t* skip) const;
   bool FreeRange(uint64_t begin, uint64_t end, uint64_t gap_end) const;
   bool EraseExtent(uint64_t offset, uint64_t size) const;
@@ -764,12 +764,12 @@ bool MultiProcessSafetyMmapFile::State::ReserveRange(uint64_t size, uint64_t* of
 // With the table's lock held. The first range that is long enough and surely free: what may be
 // content that has lost its seal is left alone.
 bool MultiProcessSafetyMmapFile::State::ReserveLocked(uint64_t size, uint64_t* offset) const {
-  Range used[kMostRanges + 1];
-  size_t count;
+  NothrowArray<Range> used;
   uint64_t file_size;
   uint64_t links;
-  if (!UsedRanges(used, &count) || !cache_io::FileSize(file.fd(), &file_size, &links)) return false;
-  used[count] = {UINT64_MAX, UINT64_MAX};
+  if (!UsedRanges(&used) || !cache_io::FileSize(file.fd(), &file_size, &links)) return false;
+  const size_t count = used.size();
+  if (!used.Push({UINT64_MAX, UINT64_MAX})) return false;
   uint64_t at = kTableSize;
   for (size_t i = 0; i <= count; ++i) {
     const uint64_t gap_end = std::min(used[i].begin, file_size);
@@ -793,25 +793,29 @@ bool MultiProcessSafetyMmapFile::State::ReserveLocked(uint64_t size, uint64_t* o
 }
 
 // With the table's lock held. What any owner's record names, in order; the table itself excepted.
-bool MultiProcessSafetyMmapFile::State::UsedRanges(Range* used, size_t* count) const {
-  *count = 0;
+// Leaves room for one range more.
+bool MultiProcessSafetyMmapFile::State::UsedRanges(NothrowArray<Range>* used) const {
+  if (!used->Reserve(kMostRanges + 1)) {
+    errno = ENOMEM;
+    return false;
+  }
   for (uint32_t owner = 1; owner <= kOwners; ++owner) {
     const OwnerView view = View(owner);
     for (int i = 0; i < 2; ++i) {
       const Seal& seal = view.seals[i];
       if (view.valid[i] && seal.extent_offset != 0) {
-        used[(*count)++] = {seal.extent_offset, seal.extent_offset + seal.extent_size};
+        (void)used->Push({seal.extent_offset, seal.extent_offset + seal.extent_size});
       }
-      if (view.reserved[i].end != 0) used[(*count)++] = view.reserved[i];
+      if (view.reserved[i].end != 0) (void)used->Push(view.reserved[i]);
     }
     if (view.damage == nullptr) continue;
     // Nobody can say what is his until a repair: only room behind the end is free.
     uint64_t size;
     uint64_t links;
     if (!cache_io::FileSize(file.fd(), &size, &links)) return false;
-    used[(*count)++] = {kTableSize, std::max(kTableSize, RoundUp(size, kUnit))};
+    (void)used->Push({kTableSize, std::max(kTableSize, RoundUp(size, kUnit))});
   }
-  std::sort(used, used + *count, [](Range a, Range b) { return a.begin < b.begin; });
+  std::sort(used->begin(), used->end(), [](Range a, Range b) { return a.begin < b.begin; });
   return true;
 }
 
@@ -875,16 +879,15 @@ void MultiProcessSafetyMmapFile::State::DropReservation(uint64_t offset) const {
 // When the lock is not to be had, the extent's state tells the next who looks for room.
 void MultiProcessSafetyMmapFile::State::GiveBack(uint64_t offset, uint64_t size) const {
   if (!cache_io::WaitLock(file.fd(), 0, 1, kSaveWaitMs)) return;
-  Range used[kMostRanges];
-  size_t count;
+  NothrowArray<Range> used;
   uint64_t file_size;
   uint64_t links;
-  if (UsedRanges(used, &count) && cache_io::FileSize(file.fd(), &file_size, &links)) {
+  if (UsedRanges(&used) && cache_io::FileSize(file.fd(), &file_size, &links)) {
     uint64_t end = kTableSize;
     bool in_use = false;
-    for (size_t i = 0; i < count; ++i) {
-      end = std::max(end, used[i].end);
-      in_use = in_use || (used[i].begin < offset + size && used[i].end > offset);
+    for (const Range& range : used) {
+      end = std::max(end, range.end);
+      in_use = in_use || (range.begin < offset + size && range.end > offset);
     }
     if (!in_use && offset < file_size) {
       (void)EraseExtent(offset, std::min(size, file_size - offset));

@@ -70,12 +70,13 @@ class Reader {
   // Borrows the descriptor until destruction.
   explicit Reader(int fd) : fd_(fd) {}
 
-  // Reads the table. False with errno.
+  // Reads the table, which what follows asks about; ReadBody() alone does without it. False with
+  // errno.
   [[nodiscard]] bool Load();
   uint64_t file_size() const { return file_size_; }
   uint32_t version() const { return header().version; }
   TableState table_state() const;
-  OwnerView Owner(uint32_t owner) const { return ViewOf(records_[owner]); }
+  OwnerView Owner(uint32_t owner) const { return ViewOf(table_[owner]); }
   // Bit n: another owner's content in force stands for what owner n holds.
   uint64_t SupersededOwners() const;
   uint64_t LargestSaveNumber() const;
@@ -91,7 +92,7 @@ class Reader {
   [[nodiscard]] bool Examine(Survey* survey);
 
  private:
-  const Header& header() const { return header_; }
+  const Header& header() const { return *reinterpret_cast<const Header*>(table_.data()); }
   bool IsSuperseded(const ExtentHeader& head) const;
   bool Read(void* out, size_t size, uint64_t offset, bool* whole);
   // The header of a packet whose bytes lie inside [.., end) of the file, and whether it is intact.
@@ -108,10 +109,9 @@ class Reader {
   const int fd_;
   uint64_t file_size_ = 0;
   uint64_t searched_ = 0;
-  union {
-    Header header_;
-    OwnerRecord records_[kOwners + 1];
-  };
+  // The header in place of the first record. Not part of the object: a channel's thread would keep
+  // the pages of its stack that this has touched for as long as it lives.
+  NothrowArray<OwnerRecord> table_;
   NothrowArray<uint8_t> buffer_;  // Of bodies that are only checked.
   NothrowArray<uint8_t> window_;  // Of a search.
 };
