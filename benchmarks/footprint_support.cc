@@ -127,20 +127,6 @@ void WriteFile(const std::string& path, const std::string& text) {
   if (!file.flush()) Fail("cannot write " + path);
 }
 
-void MakeCertificates(const std::string& folder) {
-  WriteFile(folder + "/server.ext",
-            "subjectAltName=DNS:localhost,IP:127.0.0.1\nextendedKeyUsage=serverAuth\n");
-  const std::string key = " -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes ";
-  OutputOf({"sh", "-c",
-            "cd '" + folder + "' && exec 2>/dev/null && openssl req -x509" + key +
-                "-days 2 -keyout ca.key -out ca.pem -subj '/CN=throw-away CA' "
-                "-addext keyUsage=critical,keyCertSign && openssl req" +
-                key +
-                "-keyout server.key -out server.csr -subj /CN=server && openssl x509 -req "
-                "-in server.csr -CA ca.pem -CAkey ca.key -set_serial 2 -days 2 "
-                "-extfile server.ext -out server.pem"});
-}
-
 // A socket that keeps a free port for a server that binds with SO_REUSEADDR; it never listens.
 int KeepPort(int* port) {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -170,6 +156,20 @@ bool IsListening(int port) {
 }
 
 }  // namespace
+
+void MakeCertificates(const std::string& folder) {
+  WriteFile(folder + "/server.ext",
+            "subjectAltName=DNS:localhost,IP:127.0.0.1\nextendedKeyUsage=serverAuth\n");
+  const std::string key = " -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes ";
+  OutputOf({"sh", "-c",
+            "cd '" + folder + "' && exec 2>/dev/null && openssl req -x509" + key +
+                "-days 2 -keyout ca.key -out ca.pem -subj '/CN=throw-away CA' "
+                "-addext keyUsage=critical,keyCertSign && openssl req" +
+                key +
+                "-keyout server.key -out server.csr -subj /CN=server && openssl x509 -req "
+                "-in server.csr -CA ca.pem -CAkey ca.key -set_serial 2 -days 2 "
+                "-extfile server.ext -out server.pem"});
+}
 
 TlsServer::TlsServer() {
   MakeCertificates(folder_.path());

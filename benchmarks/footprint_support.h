@@ -63,6 +63,9 @@ std::string OutputOf(const std::vector<std::string>& arguments);
 // The path of the running program.
 std::string OwnPath();
 
+// Makes a throw-away authority, ca.pem, and server.pem and server.key for this machine in `folder`.
+void MakeCertificates(const std::string& folder);
+
 // nginx on a free port of the loopback, over TLS with a throw-away authority, in HTTP/1.1 and
 // HTTP/2; it answers everything with success and keeps connections open for an hour.
 class TlsServer {
