@@ -37,6 +37,8 @@ SealState StateOf(const Seal& seal) {
 
 }  // namespace
 
+uint64_t Check(const void* bytes, size_t size) { return XXH3_64bits(bytes, size); }
+
 bool IsSound(const ExtentHeader& head, uint64_t offset) {
   return head.magic == kExtentMagic && head.check == CheckOf(head) && head.owner >= 1 &&
          head.owner <= kOwners && IsSaneExtent(offset, head.size);
