@@ -221,26 +221,26 @@ struct ReliableReportCacheFile::State {
   }
 
   // --- Opening
-  bool Open(const base::FilePath& file_path);
+  [[gnu::cold]] bool Open(const base::FilePath& file_path);
   enum class Taken { kYes, kAgain, kNo };
-  Taken TakeFile();
-  Taken TakeExisting();
-  Taken TakeRecovered();
-  Taken TakeNew();
-  Taken Refuse(const char* what, const std::string& which, int error);
-  bool Lock(const Descriptor& descriptor, const std::string& at, Taken* taken);
-  bool ReadOrRepair();
-  bool WriteFileHeader();
+  [[gnu::cold]] Taken TakeFile();
+  [[gnu::cold]] Taken TakeExisting();
+  [[gnu::cold]] Taken TakeRecovered();
+  [[gnu::cold]] Taken TakeNew();
+  [[gnu::cold]] Taken Refuse(const char* what, const std::string& which, int error);
+  [[gnu::cold]] bool Lock(const Descriptor& descriptor, const std::string& at, Taken* taken);
+  [[gnu::cold]] bool ReadOrRepair();
+  [[gnu::cold]] bool WriteFileHeader();
   bool SyncAll();
-  bool SetAside(const Content& content, const char* why);
-  void AdoptBase(NothrowArray<Packet>* packets);
+  [[gnu::cold]] bool SetAside(const Content& content, const char* why);
+  [[gnu::cold]] void AdoptBase(NothrowArray<Packet>* packets);
 
   // --- Saving
   bool Begin();
   bool Add(const DataPacket& packet);
   void Finish();
   void EndSave();
-  void KeepWhatWasWritten();
+  [[gnu::cold]] void KeepWhatWasWritten();
   bool Complete();
   bool CheckFile();
   bool Seal();
@@ -267,8 +267,8 @@ struct ReliableReportCacheFile::State {
   bool Flush(const Fresh& fresh);
   void Adopt(Fresh* fresh);
 
-  DataPacket Read();
-  void LogFailure(const char* what, int error);
+  [[gnu::cold]] DataPacket Read();
+  [[gnu::cold]] void LogFailure(const char* what, int error);
 
   std::string path;
   std::string recovered_path;

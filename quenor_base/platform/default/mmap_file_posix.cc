@@ -144,53 +144,53 @@ struct MultiProcessSafetyMmapFile::State {
   void Detach();
 
   // --- Opening -----------------------------------------------------------------------------------
-  bool Open(Claim claim);
-  bool OpenFile(bool* try_again);
-  Outcome OpenLocked(Claim claim);
-  Outcome SetNewerAside(uint32_t version);
-  Outcome Repair(const mmap_format::Survey& survey, mmap_format::Reader& reader);
-  bool WriteRecovered(const mmap_format::Survey& survey, mmap_format::Reader& reader);
-  bool WriteGroup(const mmap_format::Survey& survey, size_t begin, size_t end,
-                  mmap_format::Reader& reader);
-  bool PrepareTable(const mmap_format::Reader& reader);
-  bool LockDeadOwners(uint64_t* dead);
-  void SettleDeadOwners(uint64_t dead);
-  bool ChooseOwners(uint64_t dead, Claim claim, mmap_format::Reader& reader);
-  uint64_t OwnersWithContent(uint64_t dead) const;
-  bool TakeContent(uint32_t owner, mmap_format::Reader& reader, bool* go_on);
-  bool TakeEmptyRecord(uint64_t dead);
-  bool MapOwnExtent();
+  [[gnu::cold]] bool Open(Claim claim);
+  [[gnu::cold]] bool OpenFile(bool* try_again);
+  [[gnu::cold]] Outcome OpenLocked(Claim claim);
+  [[gnu::cold]] Outcome SetNewerAside(uint32_t version);
+  [[gnu::cold]] Outcome Repair(const mmap_format::Survey& survey, mmap_format::Reader& reader);
+  [[gnu::cold]] bool WriteRecovered(const mmap_format::Survey& survey, mmap_format::Reader& reader);
+  [[gnu::cold]] bool WriteGroup(const mmap_format::Survey& survey, size_t begin, size_t end,
+                                mmap_format::Reader& reader);
+  [[gnu::cold]] bool PrepareTable(const mmap_format::Reader& reader);
+  [[gnu::cold]] bool LockDeadOwners(uint64_t* dead);
+  [[gnu::cold]] void SettleDeadOwners(uint64_t dead);
+  [[gnu::cold]] bool ChooseOwners(uint64_t dead, Claim claim, mmap_format::Reader& reader);
+  [[gnu::cold]] uint64_t OwnersWithContent(uint64_t dead) const;
+  [[gnu::cold]] bool TakeContent(uint32_t owner, mmap_format::Reader& reader, bool* go_on);
+  [[gnu::cold]] bool TakeEmptyRecord(uint64_t dead);
+  [[gnu::cold]] bool MapOwnExtent();
 
   // --- Records -----------------------------------------------------------------------------------
   Header* header() const { return reinterpret_cast<Header*>(table.data()); }
   OwnerRecord* record(uint32_t owner) const {
     return reinterpret_cast<OwnerRecord*>(table.data() + RecordOffset(owner));
   }
-  OwnerView View(uint32_t owner) const;
+  [[gnu::cold]] OwnerView View(uint32_t owner) const;
   uint64_t NextSaveNumber() const;
   void WriteSeal(uint32_t owner, int which, const Seal& seal) const;
   void ReplaceSeal(uint32_t owner, int in_force_now, Seal seal) const;
   bool FlushTable() const { return table.Flush(0, kTableSize, durability); }
 
   // --- Room in the file --------------------------------------------------------------------------
-  bool MakeExtent(uint64_t area_bytes, uint64_t packets, Extent* extent) const;
-  void WriteExtentHeader(const Extent& extent, uint64_t state) const;
-  bool ReserveRange(uint64_t size, uint64_t* offset) const;
-  bool ReserveLocked(uint64_t size, uint64_t* offset) const;
-  bool UsedRanges(NothrowArray<Range>* used) const;
-  bool IsFreeUnit(uint64_t at, uint64_t gap_end, uint64_t* skip) const;
-  bool FreeRange(uint64_t begin, uint64_t end, uint64_t gap_end) const;
-  bool EraseExtent(uint64_t offset, uint64_t size) const;
-  void Discard(Extent* extent) const;
+  [[gnu::cold]] bool MakeExtent(uint64_t area_bytes, uint64_t packets, Extent* extent) const;
+  [[gnu::cold]] void WriteExtentHeader(const Extent& extent, uint64_t state) const;
+  [[gnu::cold]] bool ReserveRange(uint64_t size, uint64_t* offset) const;
+  [[gnu::cold]] bool ReserveLocked(uint64_t size, uint64_t* offset) const;
+  [[gnu::cold]] bool UsedRanges(NothrowArray<Range>* used) const;
+  [[gnu::cold]] bool IsFreeUnit(uint64_t at, uint64_t gap_end, uint64_t* skip) const;
+  [[gnu::cold]] bool FreeRange(uint64_t begin, uint64_t end, uint64_t gap_end) const;
+  [[gnu::cold]] bool EraseExtent(uint64_t offset, uint64_t size) const;
+  [[gnu::cold]] void Discard(Extent* extent) const;
   void DropReservation(uint64_t offset) const;
-  void GiveBack(uint64_t offset, uint64_t size) const;
-  void GiveBackIfEmpty();
+  [[gnu::cold]] void GiveBack(uint64_t offset, uint64_t size) const;
+  [[gnu::cold]] void GiveBackIfEmpty();
 
   // --- Saving ------------------------------------------------------------------------------------
   bool Clear(int64_t size);
   bool Append(const MmapDataPacket& packet);
   bool LookAgain(bool* is_there) const;
-  bool Reopen();
+  [[gnu::cold]] bool Reopen();
   void VoidSave();
   Extent& target() { return building ? building : current; }
   Entry* Find(const MmapDataPacket& packet, uint64_t glance);
@@ -198,17 +198,17 @@ struct MultiProcessSafetyMmapFile::State {
   bool HasRoom(uint64_t room);
   bool MakeRoom(uint64_t room);
   void SwitchArea();
-  bool MoveToNewExtent(uint64_t room);
+  [[gnu::cold]] bool MoveToNewExtent(uint64_t room);
   void CopyNext(const Extent& from, const Extent& to, int to_area);
   bool SealSave();
   void RetireOldPackets() const;
-  void FinishMove(bool is_flushed);
-  void FinishTakeOver();
-  void ShrinkIfWasteful();
-  void TellSaveFailed(int line);
+  [[gnu::cold]] void FinishMove(bool is_flushed);
+  [[gnu::cold]] void FinishTakeOver();
+  [[gnu::cold]] void ShrinkIfWasteful();
+  [[gnu::cold]] void TellSaveFailed(int line);
 
   // --- Reading -----------------------------------------------------------------------------------
-  MmapDataPacket NextPacket();
+  [[gnu::cold]] MmapDataPacket NextPacket();
 
   const std::string path;
   const uint64_t wished_bytes;

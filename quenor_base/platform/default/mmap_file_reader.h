@@ -35,7 +35,7 @@ struct OwnerView {
   bool has_content() const { return in_force >= 0 && seals[in_force].packets > 0; }
   const Seal& seal() const { return seals[in_force]; }
 };
-OwnerView ViewOf(const OwnerRecord& record);
+[[gnu::cold]] OwnerView ViewOf(const OwnerRecord& record);
 // Whether the content of `heir` stands for what `owner`, with that view, still holds. Only for what
 // is older: so no forged seal stands for itself, or for one that stands for it.
 bool Supersedes(const OwnerView& heir, uint32_t owner, const OwnerView& view);
@@ -83,28 +83,29 @@ class Reader {
 
   // The packets of a seal in force, in order. False with errno when the system refuses; else
   // `*damage` says what was wrong (null: nothing) and `*damaged_packets` counts what is missing.
-  [[nodiscard]] bool ReadContent(uint32_t owner, const Seal& seal, PacketPlaces* packets,
-                                 const char** damage, uint32_t* damaged_packets);
+  [[gnu::cold]] [[nodiscard]] bool ReadContent(uint32_t owner, const Seal& seal,
+                                               PacketPlaces* packets, const char** damage,
+                                               uint32_t* damaged_packets);
   // A packet's body; false with errno (EBADMSG: it is not what it was).
   [[nodiscard]] bool ReadBody(const PacketPlace& place, NothrowArray<uint8_t>* body);
 
   // Nobody must have the file open. False with errno.
-  [[nodiscard]] bool Examine(Survey* survey);
+  [[gnu::cold]] [[nodiscard]] bool Examine(Survey* survey);
 
  private:
   const Header& header() const { return *reinterpret_cast<const Header*>(table_.data()); }
-  bool IsSuperseded(const ExtentHeader& head) const;
+  [[gnu::cold]] bool IsSuperseded(const ExtentHeader& head) const;
   bool Read(void* out, size_t size, uint64_t offset, bool* whole);
   // The header of a packet whose bytes lie inside [.., end) of the file, and whether it is intact.
   bool ReadPacket(uint64_t offset, uint64_t end, PacketPlace* place, PacketHeader* header,
                   bool* intact);
-  bool ExamineOwner(uint32_t owner, Survey* survey, uint32_t* damaged_packets);
-  bool ExamineGaps(Survey* survey);
-  bool ExamineGap(uint64_t begin, uint64_t end, Survey* survey);
+  [[gnu::cold]] bool ExamineOwner(uint32_t owner, Survey* survey, uint32_t* damaged_packets);
+  [[gnu::cold]] bool ExamineGaps(Survey* survey);
+  [[gnu::cold]] bool ExamineGap(uint64_t begin, uint64_t end, Survey* survey);
   // A gap block that is known not to hold anything of value; 0 when that is not known.
-  bool SkipKnown(uint64_t offset, uint64_t end, uint64_t* skip);
+  [[gnu::cold]] bool SkipKnown(uint64_t offset, uint64_t end, uint64_t* skip);
   // Adds every intact packet in the range that was not retired.
-  bool Search(uint64_t begin, uint64_t end, PacketPlaces* packets);
+  [[gnu::cold]] bool Search(uint64_t begin, uint64_t end, PacketPlaces* packets);
 
   const int fd_;
   uint64_t file_size_ = 0;
