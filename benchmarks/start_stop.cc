@@ -54,7 +54,8 @@ void Drain() {
 
 // ---- Starting and stopping ----------------------------------------------------------------------
 
-// Mean microseconds of each step over `count` channels in turn.
+// Median microseconds of each step over `count` channels in turn: not the mean, which a busy
+// machine makes of its own scheduling.
 struct Times {
   double start = 0;
   double stop = 0;
@@ -63,7 +64,7 @@ struct Times {
 // A start is over when the channel's thread has refused a first message, for want of a URL: it is
 // running then. One channel at a time, each at rest before it is stopped.
 Times StartAndStop(EventCounter* events, int count) {
-  Times times;
+  std::vector<double> starts, stops;
   const uint8_t byte = 0;
   for (int i = 0; i < count; ++i) {
     events->Reset();
@@ -77,15 +78,15 @@ Times StartAndStop(EventCounter* events, int count) {
     const double ending = NowNs();
     channel->Terminate();
     Drain();
-    times.stop += (NowNs() - ending) / 1000 / count;
-    times.start += (running - begin) / 1000 / count;
+    stops.push_back((NowNs() - ending) / 1000);
+    starts.push_back((running - begin) / 1000);
   }
-  return times;
+  return {Median(starts), Median(stops)};
 }
 
 double ThreadCreation(int count) {
   static std::atomic<int> ran{0};
-  double spent = 0;
+  std::vector<double> times;
   for (int i = 0; i < count; ++i) {
     usleep(50);  // As between a start and a stop.
     const double begin = NowNs();
@@ -96,9 +97,9 @@ double ThreadCreation(int count) {
     };
     if (pthread_create(&thread, nullptr, first_instruction, nullptr) != 0) Fail("no thread");
     pthread_join(thread, nullptr);
-    spent += NowNs() - begin;
+    times.push_back((NowNs() - begin) / 1000);
   }
-  return spent / 1000 / count;
+  return Median(times);
 }
 
 // --starter OPTION FOLDER: does rounds on command, under a cache option that a process has once.
@@ -282,17 +283,17 @@ int Leaver(char** argv) {
   return 0;
 }
 
-// Mean milliseconds from the word to the end of the process.
+// Median milliseconds from the word to the end of the process.
 double ExitTime(int requests, const SilentServer& server, int repeats) {
-  double spent = 0;
+  std::vector<double> times;
   for (int i = 0; i < repeats; ++i) {
     Child child({OwnPath(), "--leaver", std::to_string(requests), server.url(), server.ca_file()});
     if (child.Answer() != "ready") return -1;
     const double begin = NowNs();
     if (child.Finish() != 0) return -1;
-    spent += (NowNs() - begin) / 1e6;
+    times.push_back((NowNs() - begin) / 1e6);
   }
-  return spent / repeats;
+  return Median(times);
 }
 
 void MeasureExit(Area* area) {
