@@ -166,25 +166,25 @@ struct MultiProcessSafetyMmapFile::State {
   OwnerRecord* record(uint32_t owner) const {
     return reinterpret_cast<OwnerRecord*>(table.data() + RecordOffset(owner));
   }
-  [[gnu::cold]] OwnerView View(uint32_t owner) const;
+  OwnerView View(uint32_t owner) const;
   uint64_t NextSaveNumber() const;
   void WriteSeal(uint32_t owner, int which, const Seal& seal) const;
   void ReplaceSeal(uint32_t owner, int in_force_now, Seal seal) const;
   bool FlushTable() const { return table.Flush(0, kTableSize, durability); }
 
   // --- Room in the file --------------------------------------------------------------------------
-  [[gnu::cold]] bool MakeExtent(uint64_t area_bytes, uint64_t packets, Extent* extent) const;
-  [[gnu::cold]] void WriteExtentHeader(const Extent& extent, uint64_t state) const;
-  [[gnu::cold]] bool ReserveRange(uint64_t size, uint64_t* offset) const;
-  [[gnu::cold]] bool ReserveLocked(uint64_t size, uint64_t* offset) const;
-  [[gnu::cold]] bool UsedRanges(NothrowArray<Range>* used) const;
-  [[gnu::cold]] bool IsFreeUnit(uint64_t at, uint64_t gap_end, uint64_t* skip) const;
-  [[gnu::cold]] bool FreeRange(uint64_t begin, uint64_t end, uint64_t gap_end) const;
-  [[gnu::cold]] bool EraseExtent(uint64_t offset, uint64_t size) const;
-  [[gnu::cold]] void Discard(Extent* extent) const;
+  bool MakeExtent(uint64_t area_bytes, uint64_t packets, Extent* extent) const;
+  void WriteExtentHeader(const Extent& extent, uint64_t state) const;
+  bool ReserveRange(uint64_t size, uint64_t* offset) const;
+  bool ReserveLocked(uint64_t size, uint64_t* offset) const;
+  bool UsedRanges(NothrowArray<Range>* used) const;
+  bool IsFreeUnit(uint64_t at, uint64_t gap_end, uint64_t* skip) const;
+  bool FreeRange(uint64_t begin, uint64_t end, uint64_t gap_end) const;
+  bool EraseExtent(uint64_t offset, uint64_t size) const;
+  void Discard(Extent* extent) const;
   void DropReservation(uint64_t offset) const;
-  [[gnu::cold]] void GiveBack(uint64_t offset, uint64_t size) const;
-  [[gnu::cold]] void GiveBackIfEmpty();
+  void GiveBack(uint64_t offset, uint64_t size) const;
+  void GiveBackIfEmpty();
 
   // --- Saving ------------------------------------------------------------------------------------
   bool Clear(int64_t size);
@@ -198,13 +198,13 @@ struct MultiProcessSafetyMmapFile::State {
   bool HasRoom(uint64_t room);
   bool MakeRoom(uint64_t room);
   void SwitchArea();
-  [[gnu::cold]] bool MoveToNewExtent(uint64_t room);
+  bool MoveToNewExtent(uint64_t room);
   void CopyNext(const Extent& from, const Extent& to, int to_area);
   bool SealSave();
   void RetireOldPackets() const;
-  [[gnu::cold]] void FinishMove(bool is_flushed);
-  [[gnu::cold]] void FinishTakeOver();
-  [[gnu::cold]] void ShrinkIfWasteful();
+  void FinishMove(bool is_flushed);
+  void FinishTakeOver();
+  void ShrinkIfWasteful();
   [[gnu::cold]] void TellSaveFailed(int line);
 
   // --- Reading -----------------------------------------------------------------------------------

@@ -35,7 +35,7 @@ struct OwnerView {
   bool has_content() const { return in_force >= 0 && seals[in_force].packets > 0; }
   const Seal& seal() const { return seals[in_force]; }
 };
-[[gnu::cold]] OwnerView ViewOf(const OwnerRecord& record);
+OwnerView ViewOf(const OwnerRecord& record);
 // Whether the content of `heir` stands for what `owner`, with that view, still holds. Only for what
 // is older: so no forged seal stands for itself, or for one that stands for it.
 bool Supersedes(const OwnerView& heir, uint32_t owner, const OwnerView& view);
