@@ -258,14 +258,14 @@ struct ReliableReportCacheFile::State {
     uint64_t end = 0;
     uint64_t lost = 0;  // Packets that could not be read any more.
   };
-  bool Rewrite();
-  bool WriteFresh(const NothrowArray<Packet>& from, uint64_t number, Fresh* fresh);
-  bool CopyPacket(const Packet& packet, Fresh* fresh);
-  bool CopyBody(const Packet& packet, Fresh* fresh);
+  [[gnu::cold]] bool Rewrite();
+  [[gnu::cold]] bool WriteFresh(const NothrowArray<Packet>& from, uint64_t number, Fresh* fresh);
+  [[gnu::cold]] bool CopyPacket(const Packet& packet, Fresh* fresh);
+  [[gnu::cold]] bool CopyBody(const Packet& packet, Fresh* fresh);
   enum class Body { kIntact, kGone, kFailed };
-  Body CheckBody(const Packet& packet, uint64_t fresh_offset, uint64_t* check);
-  bool Flush(const Fresh& fresh);
-  void Adopt(Fresh* fresh);
+  [[gnu::cold]] Body CheckBody(const Packet& packet, uint64_t fresh_offset, uint64_t* check);
+  [[gnu::cold]] bool Flush(const Fresh& fresh);
+  [[gnu::cold]] void Adopt(Fresh* fresh);
 
   [[gnu::cold]] DataPacket Read();
   [[gnu::cold]] void LogFailure(const char* what, int error);
@@ -890,7 +890,7 @@ ReliableReportCacheFile::ReliableReportCacheFile() : state_(nullptr) {}
 
 ReliableReportCacheFile::~ReliableReportCacheFile() { Close(); }
 
-bool ReliableReportCacheFile::Open(const base::FilePath& path) {
+[[gnu::cold]] bool ReliableReportCacheFile::Open(const base::FilePath& path) {
   Close();
   State* const state = new (std::nothrow) State;
   if (state == nullptr) {

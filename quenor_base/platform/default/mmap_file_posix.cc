@@ -122,8 +122,8 @@ struct Extent {
 // before it.
 void StoreLast(uint64_t* to, uint64_t value) { __atomic_store_n(to, value, __ATOMIC_RELEASE); }
 
-void LogFailure(int line, const char* what, const std::string& path, int error,
-                const char* advice) {
+[[gnu::cold]] void LogFailure(int line, const char* what, const std::string& path, int error,
+                              const char* advice) {
   LocalLog(2, kLogSource, line, "cache: cannot %s %s: %s; %s", what, path.c_str(),
            cache_io::ErrnoText(error).c_str(), advice);
 }
@@ -141,7 +141,7 @@ struct MultiProcessSafetyMmapFile::State {
   State(std::string path_in, uint64_t wished_bytes_in)
       : path(std::move(path_in)), wished_bytes(wished_bytes_in) {}
   ~State();
-  void Detach();
+  [[gnu::cold]] void Detach();
 
   // --- Opening -----------------------------------------------------------------------------------
   [[gnu::cold]] bool Open(Claim claim);
@@ -1242,8 +1242,9 @@ MultiProcessSafetyMmapFile::MultiProcessSafetyMmapFile() : state_(nullptr) {}
 
 MultiProcessSafetyMmapFile::~MultiProcessSafetyMmapFile() { Close(); }
 
-bool MultiProcessSafetyMmapFile::Open(const base::FilePath& path,
-                                      base::MemoryMappedFile::Access access, int64_t size) {
+[[gnu::cold]] bool MultiProcessSafetyMmapFile::Open(const base::FilePath& path,
+                                                    base::MemoryMappedFile::Access access,
+                                                    int64_t size) {
   Close();
   std::string refused = cache_io::WhyPathIsRefused(path.value());
   if (refused.empty() && access != base::MemoryMappedFile::READ_WRITE_EXTEND) {
