@@ -22,16 +22,20 @@ function(quenor_library name)
   endif()
 endfunction()
 
-# quenor_service(<name> SRCS ... [LIBS ...] [INCLUDES ...])
-# The default implementation of one platform service: quenor::platform_default_<name>.
+# quenor_service(<name> SRCS ... [LIBS ...] [INCLUDES ...] [SMALL])
+# The default implementation of one platform service: quenor::platform_default_<name>. SMALL: its
+# time goes into what it calls, so an optimized build makes it small rather than fast.
 function(quenor_service name)
-  cmake_parse_arguments(A "" "" "SRCS;LIBS;INCLUDES" ${ARGN})
+  cmake_parse_arguments(A "SMALL" "" "SRCS;LIBS;INCLUDES" ${ARGN})
   list(TRANSFORM A_SRCS PREPEND quenor_base/platform/default/)
   quenor_library(platform_default_${name} SRCS ${A_SRCS} DEPS quenor::platform quenor::buffer)
   target_link_libraries(quenor_platform_default_${name} PRIVATE ${A_LIBS})
   target_include_directories(quenor_platform_default_${name} SYSTEM PRIVATE ${A_INCLUDES})
   target_compile_definitions(quenor_platform_default_${name} PRIVATE
     QUENOR_VERSION="${PROJECT_VERSION}")
+  if(A_SMALL AND NOT QUENOR_SANITIZE)
+    target_compile_options(quenor_platform_default_${name} PRIVATE $<$<CONFIG:Release>:-Os>)
+  endif()
 endfunction()
 
 # Flags of every target of ours; private, so that an embedder's own flags stay his.

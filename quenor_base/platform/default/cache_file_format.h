@@ -59,9 +59,7 @@ inline uint64_t CheckOf(const FileHeader& header) {
 inline uint64_t CheckOf(const RecordHeader& header, uint64_t offset) {
   return XXH3_64bits_withSeed(&header, offsetof(RecordHeader, check), offset);
 }
-inline uint64_t BodyCheckOf(const void* body, size_t size, uint64_t offset) {
-  return XXH3_64bits_withSeed(body, size, offset);
-}
+uint64_t BodyCheckOf(const void* body, size_t size, uint64_t offset);
 
 inline FileHeader MakeFileHeader() {
   FileHeader header = {kFileMagic, kVersion, 0, 0, 0};
@@ -91,29 +89,15 @@ struct Digest {
 inline bool operator==(const Digest& a, const Digest& b) {
   return a.low == b.low && a.high == b.high;
 }
-inline Digest DigestOf(const void* data, size_t size, uint64_t key) {
-  const XXH128_hash_t hash = XXH3_128bits_withSeed(data, size, key);
-  return {hash.low64, hash.high64};
-}
+Digest DigestOf(const void* data, size_t size, uint64_t key);
 
 // Body check and digest of bytes that come in parts.
 class BodyHasher {
  public:
-  BodyHasher(uint64_t offset, uint64_t key) {
-    XXH3_INITSTATE(&check_);
-    XXH3_INITSTATE(&digest_);
-    XXH3_64bits_reset_withSeed(&check_, offset);
-    XXH3_128bits_reset_withSeed(&digest_, key);
-  }
-  void Update(const void* data, size_t size) {
-    XXH3_64bits_update(&check_, data, size);
-    XXH3_128bits_update(&digest_, data, size);
-  }
-  uint64_t Check() const { return XXH3_64bits_digest(&check_); }
-  Digest ContentDigest() const {
-    const XXH128_hash_t hash = XXH3_128bits_digest(&digest_);
-    return {hash.low64, hash.high64};
-  }
+  BodyHasher(uint64_t offset, uint64_t key);
+  void Update(const void* data, size_t size);
+  uint64_t Check() const;
+  Digest ContentDigest() const;
 
  private:
   XXH3_state_t check_;

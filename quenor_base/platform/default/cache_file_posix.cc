@@ -221,26 +221,26 @@ struct ReliableReportCacheFile::State {
   }
 
   // --- Opening
-  bool Open(const base::FilePath& file_path);
+  [[gnu::cold]] bool Open(const base::FilePath& file_path);
   enum class Taken { kYes, kAgain, kNo };
-  Taken TakeFile();
-  Taken TakeExisting();
-  Taken TakeRecovered();
-  Taken TakeNew();
-  Taken Refuse(const char* what, const std::string& which, int error);
-  bool Lock(const Descriptor& descriptor, const std::string& at, Taken* taken);
-  bool ReadOrRepair();
-  bool WriteFileHeader();
+  [[gnu::cold]] Taken TakeFile();
+  [[gnu::cold]] Taken TakeExisting();
+  [[gnu::cold]] Taken TakeRecovered();
+  [[gnu::cold]] Taken TakeNew();
+  [[gnu::cold]] Taken Refuse(const char* what, const std::string& which, int error);
+  [[gnu::cold]] bool Lock(const Descriptor& descriptor, const std::string& at, Taken* taken);
+  [[gnu::cold]] bool ReadOrRepair();
+  [[gnu::cold]] bool WriteFileHeader();
   bool SyncAll();
-  bool SetAside(const Content& content, const char* why);
-  void AdoptBase(NothrowArray<Packet>* packets);
+  [[gnu::cold]] bool SetAside(const Content& content, const char* why);
+  [[gnu::cold]] void AdoptBase(NothrowArray<Packet>* packets);
 
   // --- Saving
   bool Begin();
   bool Add(const DataPacket& packet);
   void Finish();
   void EndSave();
-  void KeepWhatWasWritten();
+  [[gnu::cold]] void KeepWhatWasWritten();
   bool Complete();
   bool CheckFile();
   bool Seal();
@@ -258,17 +258,17 @@ struct ReliableReportCacheFile::State {
     uint64_t end = 0;
     uint64_t lost = 0;  // Packets that could not be read any more.
   };
-  bool Rewrite();
-  bool WriteFresh(const NothrowArray<Packet>& from, uint64_t number, Fresh* fresh);
-  bool CopyPacket(const Packet& packet, Fresh* fresh);
-  bool CopyBody(const Packet& packet, Fresh* fresh);
+  [[gnu::cold]] bool Rewrite();
+  [[gnu::cold]] bool WriteFresh(const NothrowArray<Packet>& from, uint64_t number, Fresh* fresh);
+  [[gnu::cold]] bool CopyPacket(const Packet& packet, Fresh* fresh);
+  [[gnu::cold]] bool CopyBody(const Packet& packet, Fresh* fresh);
   enum class Body { kIntact, kGone, kFailed };
-  Body CheckBody(const Packet& packet, uint64_t fresh_offset, uint64_t* check);
-  bool Flush(const Fresh& fresh);
-  void Adopt(Fresh* fresh);
+  [[gnu::cold]] Body CheckBody(const Packet& packet, uint64_t fresh_offset, uint64_t* check);
+  [[gnu::cold]] bool Flush(const Fresh& fresh);
+  [[gnu::cold]] void Adopt(Fresh* fresh);
 
-  DataPacket Read();
-  void LogFailure(const char* what, int error);
+  [[gnu::cold]] DataPacket Read();
+  [[gnu::cold]] void LogFailure(const char* what, int error);
 
   std::string path;
   std::string recovered_path;
@@ -890,7 +890,7 @@ ReliableReportCacheFile::ReliableReportCacheFile() : state_(nullptr) {}
 
 ReliableReportCacheFile::~ReliableReportCacheFile() { Close(); }
 
-bool ReliableReportCacheFile::Open(const base::FilePath& path) {
+[[gnu::cold]] bool ReliableReportCacheFile::Open(const base::FilePath& path) {
   Close();
   State* const state = new (std::nothrow) State;
   if (state == nullptr) {

@@ -297,10 +297,10 @@ bool ZeroRange(int fd, uint64_t offset, uint64_t size) {
                      static_cast<off_t>(size));
   });
   if (punched == 0) return true;
-  static constexpr uint8_t kZeros[4096] = {};
+  static uint8_t zeros[4096];  // Never written. Not const: constants take room in the program.
   for (uint64_t end = offset + size; end > offset;) {
-    const uint64_t part = std::min<uint64_t>(sizeof kZeros, end - offset);
-    if (!WriteAt(fd, kZeros, part, end - part)) return false;
+    const uint64_t part = std::min<uint64_t>(sizeof zeros, end - offset);
+    if (!WriteAt(fd, zeros, part, end - part)) return false;
     end -= part;
   }
   return true;

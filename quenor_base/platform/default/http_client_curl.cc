@@ -54,6 +54,7 @@ constexpr uint32_t kMaxHeaderLimit = 256 << 10;  // libcurl itself gives up at 3
 constexpr int kFruitlessRounds = 16;             // Then the I/O thread pauses: 1 ms, 2 ms, ...
 constexpr int kSpinPauseMs = 10;                 // ... up to this.
 constexpr int kPollFailurePauseMs = 100;
+constexpr long kMaxUploadBuffer = 64 << 10;
 constexpr int64_t kNever = INT64_MAX;
 
 int64_t NowMs() {
@@ -345,7 +346,11 @@ void SetTlsOptions(const ClientSettings& client, EasyOptions* options) {
   options->SetText(CURLOPT_SSLKEY, defaults.client_key_file);
 }
 
-bool HasHttp2() { return (curl_version_info(CURLVERSION_NOW)->features & CURL_VERSION_HTTP2) != 0; }
+// Asked for once: libcurl writes its versions' text each time, with 5 KiB of its caller's stack.
+bool HasHttp2() {
+  static const bool has = (curl_version_info(CURLVERSION_NOW)->features & CURL_VERSION_HTTP2) != 0;
+  return has;
+}
 
 // Gives the handle all options that are the same for every request of the client.
 bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
@@ -417,6 +422,12 @@ bool SendsBody(const HttpClient::Request& request) {
          request.method == "PATCH";
 }
 
+// libcurl allocates its upload buffer whole, however little goes through it.
+long UploadBufferBytes(uint32_t body_bytes) {
+  constexpr long kHeadBytes = 4096;  // Sent from the same buffer, together with a small body.
+  return std::min<long>(kMaxUploadBuffer, kHeadBytes + static_cast<long>(body_bytes));
+}
+
 // Gives the handle what belongs to this request; the body's bytes are borrowed until it has ended.
 bool ConfigureForRequest(Transfer* transfer) {
   const HttpClient::Request& request = transfer->request;
@@ -430,6 +441,7 @@ bool ConfigureForRequest(Transfer* transfer) {
     options.Set(CURLOPT_POST, 1L);
     options.Set(CURLOPT_POSTFIELDS, bytes == nullptr ? "" : bytes);
     options.Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+    options.Set(CURLOPT_UPLOAD_BUFFERSIZE, UploadBufferBytes(request.body.size()));
   } else {
     options.Set(CURLOPT_POSTFIELDS, nullptr);
     options.Set(CURLOPT_HTTPGET, 1L);
@@ -503,6 +515,8 @@ void Clear(Transfer* transfer) {
   transfer->request.headers.clear();
   curl_slist_free_all(transfer->own_headers);
   transfer->own_headers = nullptr;
+  // Setting the size frees the buffer, which a request on a shared HTTP/2 connection leaves behind.
+  curl_easy_setopt(transfer->easy, CURLOPT_UPLOAD_BUFFERSIZE, kMaxUploadBuffer);
   transfer->response.reset();
   transfer->size_bytes = 0;
   transfer->header_bytes = 0;
@@ -714,6 +728,16 @@ class Engine {
     base::AutoLock hold(lock_);
     return ++last_serial_;
   }
+  // The last URL that any client found usable: most report to the same server, and libcurl's parser
+  // takes 5 KiB of stack, which each of their threads would keep for good.
+  bool IsGoodUrl(const std::string& url) QUENOR_EXCLUDES(lock_) {
+    base::AutoLock hold(lock_);
+    return !good_url_.empty() && good_url_ == url;
+  }
+  void SetGoodUrl(const std::string& url) QUENOR_EXCLUDES(lock_) {
+    base::AutoLock hold(lock_);
+    good_url_ = url;
+  }
 
  private:
   Engine() = default;
@@ -749,6 +773,7 @@ class Engine {
   int64_t last_serial_ QUENOR_GUARDED_BY(lock_) = 0;
   LogPauses log_pauses_ QUENOR_GUARDED_BY(lock_);
   HttpDefaults defaults_ QUENOR_GUARDED_BY(lock_);
+  std::string good_url_ QUENOR_GUARDED_BY(lock_);
 };
 
 // ---- Engine: life cycle -------------------------------------------------------------------------
@@ -1155,8 +1180,11 @@ std::string HttpClientCurl::UrlProblem(const std::string& url) {
     base::AutoLock hold(lock_);
     if (!good_url_.empty() && good_url_ == url) return std::string();
   }
-  std::string problem = http_address::UrlProblem(url);
-  if (!problem.empty()) return problem;
+  if (!Engine::Get()->IsGoodUrl(url)) {
+    std::string problem = http_address::UrlProblem(url);
+    if (!problem.empty()) return problem;
+    Engine::Get()->SetGoodUrl(url);
+  }
   base::AutoLock hold(lock_);
   good_url_ = url;
   return std::string();

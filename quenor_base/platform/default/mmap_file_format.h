@@ -116,15 +116,18 @@ constexpr uint64_t RoundUp(uint64_t value, uint64_t unit) {
 // What a packet takes up in an area.
 constexpr uint64_t PacketRoom(uint64_t length) { return RoundUp(sizeof(PacketHeader) + length, 8); }
 
-inline uint64_t Check(const void* bytes, size_t size) { return XXH3_64bits(bytes, size); }
-inline uint64_t CheckOf(const Header& header) { return Check(&header, offsetof(Header, check)); }
-inline uint64_t CheckOf(const Seal& seal) { return Check(&seal, offsetof(Seal, check)); }
+// Of any number of bytes; those below are the same of a few, inlined.
+uint64_t Check(const void* bytes, size_t size);
+inline uint64_t CheckOf(const Header& header) {
+  return XXH3_64bits(&header, offsetof(Header, check));
+}
+inline uint64_t CheckOf(const Seal& seal) { return XXH3_64bits(&seal, offsetof(Seal, check)); }
 inline uint64_t CheckOf(const ExtentHeader& header) {
-  return Check(&header, offsetof(ExtentHeader, check));
+  return XXH3_64bits(&header, offsetof(ExtentHeader, check));
 }
 inline uint32_t CheckOf(const PacketHeader& header) {
   const uint64_t bytes[2] = {header.magic | uint64_t{header.length} << 32, header.body_check};
-  return static_cast<uint32_t>(Check(bytes, sizeof bytes));
+  return static_cast<uint32_t>(XXH3_64bits(bytes, sizeof bytes));
 }
 
 // The parts of an extent, as offsets in it.

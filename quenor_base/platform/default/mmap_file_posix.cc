@@ -174,8 +174,8 @@ struct Extent {
 // before it.
 void StoreLast(uint64_t* to, uint64_t value) { __atomic_store_n(to, value, __ATOMIC_RELEASE); }
 
-void LogFailure(int line, const char* what, const std::string& path, int error,
-                const char* advice) {
+[[gnu::cold]] void LogFailure(int line, const char* what, const std::string& path, int error,
+                              const char* advice) {
   LocalLog(2, kLogSource, line, "cache: cannot %s %s: %s; %s", what, path.c_str(),
            cache_io::ErrnoText(error).c_str(), advice);
 }
@@ -193,25 +193,25 @@ struct MultiProcessSafetyMmapFile::State {
   State(std::string path_in, uint64_t wished_bytes_in)
       : path(std::move(path_in)), wished_bytes(wished_bytes_in) {}
   ~State();
-  void Detach();
+  [[gnu::cold]] void Detach();
 
   // --- Opening -----------------------------------------------------------------------------------
-  bool Open(Claim claim);
-  bool OpenFile(bool* try_again);
-  Outcome OpenLocked(Claim claim);
-  Outcome SetNewerAside(uint32_t version);
-  Outcome Repair(const mmap_format::Survey& survey, mmap_format::Reader& reader);
-  bool WriteRecovered(const mmap_format::Survey& survey, mmap_format::Reader& reader);
-  bool WriteGroup(const mmap_format::Survey& survey, size_t begin, size_t end,
-                  mmap_format::Reader& reader);
-  bool PrepareTable(const mmap_format::Reader& reader);
-  bool LockDeadOwners(uint64_t* dead);
-  void SettleDeadOwners(uint64_t dead);
-  bool ChooseOwners(uint64_t dead, Claim claim, mmap_format::Reader& reader);
-  uint64_t OwnersWithContent(uint64_t dead) const;
-  bool TakeContent(uint32_t owner, mmap_format::Reader& reader, bool* go_on);
-  bool TakeEmptyRecord(uint64_t dead);
-  bool MapOwnExtent();
+  [[gnu::cold]] bool Open(Claim claim);
+  [[gnu::cold]] bool OpenFile(bool* try_again);
+  [[gnu::cold]] Outcome OpenLocked(Claim claim);
+  [[gnu::cold]] Outcome SetNewerAside(uint32_t version);
+  [[gnu::cold]] Outcome Repair(const mmap_format::Survey& survey, mmap_format::Reader& reader);
+  [[gnu::cold]] bool WriteRecovered(const mmap_format::Survey& survey, mmap_format::Reader& reader);
+  [[gnu::cold]] bool WriteGroup(const mmap_format::Survey& survey, size_t begin, size_t end,
+                                mmap_format::Reader& reader);
+  [[gnu::cold]] bool PrepareTable(const mmap_format::Reader& reader);
+  [[gnu::cold]] bool LockDeadOwners(uint64_t* dead);
+  [[gnu::cold]] void SettleDeadOwners(uint64_t dead);
+  [[gnu::cold]] bool ChooseOwners(uint64_t dead, Claim claim, mmap_format::Reader& reader);
+  [[gnu::cold]] uint64_t OwnersWithContent(uint64_t dead) const;
+  [[gnu::cold]] bool TakeContent(uint32_t owner, mmap_format::Reader& reader, bool* go_on);
+  [[gnu::cold]] bool TakeEmptyRecord(uint64_t dead);
+  [[gnu::cold]] bool MapOwnExtent();
 
   // --- Records -----------------------------------------------------------------------------------
   Header* header() const { return reinterpret_cast<Header*>(table.data()); }
@@ -229,7 +229,7 @@ struct MultiProcessSafetyMmapFile::State {
   void WriteExtentHeader(const Extent& extent, uint64_t state) const;
   bool ReserveRange(uint64_t size, uint64_t* offset) const;
   bool ReserveLocked(uint64_t size, uint64_t* offset) const;
-  bool UsedRanges(Range* used, size_t* count) const;
+  bool UsedRanges(NothrowArray<Range>* used) const;
   bool IsFreeUnit(uint64_t at, uint64_t gap_end, uint64_t* skip) const;
   bool FreeRange(uint64_t begin, uint64_t end, uint64_t gap_end) const;
   bool EraseExtent(uint64_t offset, uint64_t size) const;
@@ -243,7 +243,7 @@ struct MultiProcessSafetyMmapFile::State {
   bool TakeNextOfOld(const MmapDataPacket& packet);
   bool Append(const MmapDataPacket& packet);
   bool LookAgain(bool* is_there) const;
-  bool Reopen();
+  [[gnu::cold]] bool Reopen();
   void VoidSave();
   Extent& target() { return building ? building : current; }
   const Entry* Find(const MmapDataPacket& packet, uint64_t glance);
@@ -267,10 +267,10 @@ struct MultiProcessSafetyMmapFile::State {
   void FinishMove(bool is_flushed);
   void FinishTakeOver();
   void ShrinkIfWasteful();
-  void TellSaveFailed(int line);
+  [[gnu::cold]] void TellSaveFailed(int line);
 
   // --- Reading -----------------------------------------------------------------------------------
-  MmapDataPacket NextPacket();
+  [[gnu::cold]] MmapDataPacket NextPacket();
 
   const std::string path;
   const uint64_t wished_bytes;
@@ -845,12 +845,12 @@ bool MultiProcessSafetyMmapFile::State::ReserveRange(uint64_t size, uint64_t* of
 // With the table's lock held. The first range that is long enough and surely free: what may be
 // content that has lost its seal is left alone.
 bool MultiProcessSafetyMmapFile::State::ReserveLocked(uint64_t size, uint64_t* offset) const {
-  Range used[kMostRanges + 1];
-  size_t count;
+  NothrowArray<Range> used;
   uint64_t file_size;
   uint64_t links;
-  if (!UsedRanges(used, &count) || !cache_io::FileSize(file.fd(), &file_size, &links)) return false;
-  used[count] = {UINT64_MAX, UINT64_MAX};
+  if (!UsedRanges(&used) || !cache_io::FileSize(file.fd(), &file_size, &links)) return false;
+  const size_t count = used.size();
+  if (!used.Push({UINT64_MAX, UINT64_MAX})) return false;
   uint64_t at = kTableSize;
   for (size_t i = 0; i <= count; ++i) {
     const uint64_t gap_end = std::min(used[i].begin, file_size);
@@ -874,25 +874,29 @@ bool MultiProcessSafetyMmapFile::State::ReserveLocked(uint64_t size, uint64_t* o
 }
 
 // With the table's lock held. What any owner's record names, in order; the table itself excepted.
-bool MultiProcessSafetyMmapFile::State::UsedRanges(Range* used, size_t* count) const {
-  *count = 0;
+// Leaves room for one range more.
+bool MultiProcessSafetyMmapFile::State::UsedRanges(NothrowArray<Range>* used) const {
+  if (!used->Reserve(kMostRanges + 1)) {
+    errno = ENOMEM;
+    return false;
+  }
   for (uint32_t owner = 1; owner <= kOwners; ++owner) {
     const OwnerView view = View(owner);
     for (int i = 0; i < 2; ++i) {
       const Seal& seal = view.seals[i];
       if (view.valid[i] && seal.extent_offset != 0) {
-        used[(*count)++] = {seal.extent_offset, seal.extent_offset + seal.extent_size};
+        (void)used->Push({seal.extent_offset, seal.extent_offset + seal.extent_size});
       }
-      if (view.reserved[i].end != 0) used[(*count)++] = view.reserved[i];
+      if (view.reserved[i].end != 0) (void)used->Push(view.reserved[i]);
     }
     if (view.damage == nullptr) continue;
     // Nobody can say what is his until a repair: only room behind the end is free.
     uint64_t size;
     uint64_t links;
     if (!cache_io::FileSize(file.fd(), &size, &links)) return false;
-    used[(*count)++] = {kTableSize, std::max(kTableSize, RoundUp(size, kUnit))};
+    (void)used->Push({kTableSize, std::max(kTableSize, RoundUp(size, kUnit))});
   }
-  std::sort(used, used + *count, [](Range a, Range b) { return a.begin < b.begin; });
+  std::sort(used->begin(), used->end(), [](Range a, Range b) { return a.begin < b.begin; });
   return true;
 }
 
@@ -956,16 +960,15 @@ void MultiProcessSafetyMmapFile::State::DropReservation(uint64_t offset) const {
 // When the lock is not to be had, the extent's state tells the next who looks for room.
 void MultiProcessSafetyMmapFile::State::GiveBack(uint64_t offset, uint64_t size) const {
   if (!cache_io::WaitLock(file.fd(), 0, 1, kSaveWaitMs)) return;
-  Range used[kMostRanges];
-  size_t count;
+  NothrowArray<Range> used;
   uint64_t file_size;
   uint64_t links;
-  if (UsedRanges(used, &count) && cache_io::FileSize(file.fd(), &file_size, &links)) {
+  if (UsedRanges(&used) && cache_io::FileSize(file.fd(), &file_size, &links)) {
     uint64_t end = kTableSize;
     bool in_use = false;
-    for (size_t i = 0; i < count; ++i) {
-      end = std::max(end, used[i].end);
-      in_use = in_use || (used[i].begin < offset + size && used[i].end > offset);
+    for (const Range& range : used) {
+      end = std::max(end, range.end);
+      in_use = in_use || (range.begin < offset + size && range.end > offset);
     }
     if (!in_use && offset < file_size) {
       (void)EraseExtent(offset, std::min(size, file_size - offset));
@@ -1457,8 +1460,9 @@ MultiProcessSafetyMmapFile::MultiProcessSafetyMmapFile() : state_(nullptr) {}
 
 MultiProcessSafetyMmapFile::~MultiProcessSafetyMmapFile() { Close(); }
 
-bool MultiProcessSafetyMmapFile::Open(const base::FilePath& path,
-                                      base::MemoryMappedFile::Access access, int64_t size) {
+[[gnu::cold]] bool MultiProcessSafetyMmapFile::Open(const base::FilePath& path,
+                                                    base::MemoryMappedFile::Access access,
+                                                    int64_t size) {
   Close();
   std::string refused = cache_io::WhyPathIsRefused(path.value());
   if (refused.empty() && access != base::MemoryMappedFile::READ_WRITE_EXTEND) {

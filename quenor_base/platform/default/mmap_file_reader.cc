@@ -37,6 +37,8 @@ SealState StateOf(const Seal& seal) {
 
 }  // namespace
 
+uint64_t Check(const void* bytes, size_t size) { return XXH3_64bits(bytes, size); }
+
 bool IsSound(const ExtentHeader& head, uint64_t offset) {
   return head.magic == kExtentMagic && head.check == CheckOf(head) && head.owner >= 1 &&
          head.owner <= kOwners && IsSaneExtent(offset, head.size);
@@ -82,16 +84,19 @@ bool Supersedes(const OwnerView& heir, uint32_t owner, const OwnerView& view) {
 bool Reader::Load() {
   uint64_t links;
   if (!cache_io::FileSize(fd_, &file_size_, &links)) return false;
-  std::memset(static_cast<void*>(records_), 0, sizeof records_);
+  if (!table_.Resize(kOwners + 1)) {
+    errno = ENOMEM;
+    return false;
+  }
+  std::memset(static_cast<void*>(table_.data()), 0, kTableSize);
   bool whole;
-  return Read(records_, sizeof records_, 0, &whole);
+  return Read(table_.data(), kTableSize, 0, &whole);
 }
 
 TableState Reader::table_state() const {
   const Header& h = header();
   // The magic is the last that a first Open() writes of the header, before any record.
-  if (file_size_ <= kTableSize && h.magic == 0 &&
-      IsZero(records_ + 1, sizeof records_ - sizeof records_[0])) {
+  if (file_size_ <= kTableSize && h.magic == 0 && IsZero(&table_[1], kTableSize - kRecordSize)) {
     return TableState::kFresh;
   }
   if (h.magic != kHeaderMagic || h.check != CheckOf(h)) return TableState::kDamaged;

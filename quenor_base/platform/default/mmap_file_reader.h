@@ -70,48 +70,49 @@ class Reader {
   // Borrows the descriptor until destruction.
   explicit Reader(int fd) : fd_(fd) {}
 
-  // Reads the table. False with errno.
+  // Reads the table, which what follows asks about; ReadBody() alone does without it. False with
+  // errno.
   [[nodiscard]] bool Load();
   uint64_t file_size() const { return file_size_; }
   uint32_t version() const { return header().version; }
   TableState table_state() const;
-  OwnerView Owner(uint32_t owner) const { return ViewOf(records_[owner]); }
+  OwnerView Owner(uint32_t owner) const { return ViewOf(table_[owner]); }
   // Bit n: another owner's content in force stands for what owner n holds.
   uint64_t SupersededOwners() const;
   uint64_t LargestSaveNumber() const;
 
   // The packets of a seal in force, in order. False with errno when the system refuses; else
   // `*damage` says what was wrong (null: nothing) and `*damaged_packets` counts what is missing.
-  [[nodiscard]] bool ReadContent(uint32_t owner, const Seal& seal, PacketPlaces* packets,
-                                 const char** damage, uint32_t* damaged_packets);
+  [[gnu::cold]] [[nodiscard]] bool ReadContent(uint32_t owner, const Seal& seal,
+                                               PacketPlaces* packets, const char** damage,
+                                               uint32_t* damaged_packets);
   // A packet's body; false with errno (EBADMSG: it is not what it was).
   [[nodiscard]] bool ReadBody(const PacketPlace& place, NothrowArray<uint8_t>* body);
 
   // Nobody must have the file open. False with errno.
-  [[nodiscard]] bool Examine(Survey* survey);
+  [[gnu::cold]] [[nodiscard]] bool Examine(Survey* survey);
 
  private:
-  const Header& header() const { return header_; }
-  bool IsSuperseded(const ExtentHeader& head) const;
+  const Header& header() const { return *reinterpret_cast<const Header*>(table_.data()); }
+  [[gnu::cold]] bool IsSuperseded(const ExtentHeader& head) const;
   bool Read(void* out, size_t size, uint64_t offset, bool* whole);
   // The header of a packet whose bytes lie inside [.., end) of the file, and whether it is intact.
   bool ReadPacket(uint64_t offset, uint64_t end, PacketPlace* place, PacketHeader* header,
                   bool* intact);
-  bool ExamineOwner(uint32_t owner, Survey* survey, uint32_t* damaged_packets);
-  bool ExamineGaps(Survey* survey);
-  bool ExamineGap(uint64_t begin, uint64_t end, Survey* survey);
+  [[gnu::cold]] bool ExamineOwner(uint32_t owner, Survey* survey, uint32_t* damaged_packets);
+  [[gnu::cold]] bool ExamineGaps(Survey* survey);
+  [[gnu::cold]] bool ExamineGap(uint64_t begin, uint64_t end, Survey* survey);
   // A gap block that is known not to hold anything of value; 0 when that is not known.
-  bool SkipKnown(uint64_t offset, uint64_t end, uint64_t* skip);
+  [[gnu::cold]] bool SkipKnown(uint64_t offset, uint64_t end, uint64_t* skip);
   // Adds every intact packet in the range that was not retired.
-  bool Search(uint64_t begin, uint64_t end, PacketPlaces* packets);
+  [[gnu::cold]] bool Search(uint64_t begin, uint64_t end, PacketPlaces* packets);
 
   const int fd_;
   uint64_t file_size_ = 0;
   uint64_t searched_ = 0;
-  union {
-    Header header_;
-    OwnerRecord records_[kOwners + 1];
-  };
+  // The header in place of the first record. Not part of the object: a channel's thread would keep
+  // the pages of its stack that this has touched for as long as it lives.
+  NothrowArray<OwnerRecord> table_;
   NothrowArray<uint8_t> buffer_;  // Of bodies that are only checked.
   NothrowArray<uint8_t> window_;  // Of a search.
 };
