@@ -20,8 +20,9 @@ namespace quenor::bench {
 namespace {
 
 constexpr int kMaxDepth = 16;
-// Pairs between two looks at the clock; a multiple of every depth.
+// Arrays between two looks at the clock; multiples of every depth and every group.
 constexpr int kChunk = 4096;
+constexpr int kStreamChunk = 1024;
 
 // Each contender: what it hands out, and how it is taken and given back.
 
@@ -112,17 +113,17 @@ class Heap {
   }
 };
 
-// Runs `chunk`, which takes and gives back kChunk arrays.
+// Runs `chunk`, which takes and gives back `count` arrays.
 template <typename Chunk>
-Done Run(double at_least_ms, const Chunk& chunk) {
+Done Run(int count, double at_least_ms, const Chunk& chunk) {
   chunk();
   double arrays = 0, allocations = 0;
   Done done;
-  done.ns_each = MedianChunkNs(kChunk, at_least_ms, [&] {
+  done.ns_each = MedianChunkNs(count, at_least_ms, [&] {
     const double before = Heap::Allocations();
     chunk();
     allocations += Heap::Allocations() - before;
-    arrays += kChunk;
+    arrays += count;
   });
   if (Heap::IsCounted()) done.allocations_each = allocations / arrays;
   return done;
@@ -130,7 +131,7 @@ Done Run(double at_least_ms, const Chunk& chunk) {
 
 template <typename Who>
 Done Pairs(uint32_t size, int depth, double at_least_ms) {
-  return Run(at_least_ms, [&] {
+  return Run(kChunk, at_least_ms, [&] {
     depth == 1 ? TakeAndGive<Who>(size, kChunk) : TakeManyAndGive<Who>(size, depth, kChunk);
   });
 }
@@ -196,8 +197,8 @@ Done Stream(uint32_t size, double at_least_ms) {
       passage.Return();
     }
   });
-  const Done done = Run(at_least_ms, [&] {
-    for (int i = 0; i < kChunk; i += Passage<typename Who::Held>::kGroup) {
+  const Done done = Run(kStreamChunk, at_least_ms, [&] {
+    for (int i = 0; i < kStreamChunk; i += Passage<typename Who::Held>::kGroup) {
       for (auto& held : passage.ToFill()) held.emplace(Who::Take(size));
       passage.PassOn();
     }
