@@ -13,6 +13,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -141,6 +142,9 @@ std::string ProxyUrl(const HttpClient::Config& config) {
 
 // ---- One exchange -------------------------------------------------------------------------------
 
+// The sockets of all connections. I/O thread only.
+using Sockets = std::vector<int>;
+
 // A request on its way, with an easy handle that it keeps from one request to the next. Belongs to
 // the thread that prepares it, then to the I/O thread.
 struct Transfer {
@@ -155,6 +159,7 @@ struct Transfer {
 
   CURL* easy = nullptr;
   int64_t configured_serial = 0;  // Whose options the handle carries.
+  std::string posted_url;         // Where to, when the last request was a plain POST; else empty.
   std::shared_ptr<ClientSettings> client;
   HttpClient::Request request;
   HttpClient::CompletionCallback callback;
@@ -175,7 +180,8 @@ struct Transfer {
 
   // What has moved, to tell progress from spinning.
   curl_off_t body_bytes_moved = 0;
-  uint64_t* progress = nullptr;  // Borrowed from the Io.
+  uint64_t* progress = nullptr;  // Borrowed from the Io, and the next.
+  const Sockets* sockets = nullptr;  // What the handle's options name.
 
   // How it ended.
   HttpClient::State state = HttpClient::State::kFailed;
@@ -273,9 +279,6 @@ int OnProgress(void* user, curl_off_t, curl_off_t down, curl_off_t up_total, cur
                           static_cast<curl_off_t>(transfer->size_bytes) == announced;
   return transfer->whole_early ? 1 : 0;
 }
-
-// The sockets of all connections. I/O thread only.
-using Sockets = std::vector<int>;
 
 curl_socket_t OpenSocket(void* user, curlsocktype, curl_sockaddr* address) {
   const int fd = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
@@ -376,6 +379,8 @@ bool HasHttp2() { return (curl_version_info(CURLVERSION_NOW)->features & CURL_VE
 bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
   const HttpDefaults& defaults = client.defaults;
   curl_easy_reset(transfer->easy);
+  transfer->posted_url.clear();
+  transfer->sockets = nullptr;
   EasyOptions options(transfer->easy);
   options.Set(CURLOPT_NOSIGNAL, 1L);
   options.Set(CURLOPT_QUICK_EXIT, 1L);  // A cancelled request does not wait for its name lookup.
@@ -442,19 +447,30 @@ bool SendsBody(const HttpClient::Request& request) {
          request.method == "PATCH";
 }
 
+// Borrows the bytes until the exchange has ended.
+void SetBody(const CopyOnWriteBuffer& body, EasyOptions* options) {
+  const char* bytes = body.cdata<char>();
+  options->Set(CURLOPT_POSTFIELDS, bytes == nullptr ? "" : bytes);
+  options->Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+}
+
 // Gives the handle what belongs to this request; the body's bytes are borrowed until it has ended.
 bool ConfigureForRequest(Transfer* transfer) {
   const HttpClient::Request& request = transfer->request;
   EasyOptions options(transfer->easy);
+  const bool plain_post = request.method == "POST" && request.headers.empty();
+  if (plain_post && transfer->posted_url == request.url) {  // As the last: only the body differs.
+    SetBody(request.body, &options);
+    return options.all_taken();
+  }
+  transfer->posted_url.clear();
   options.Set(CURLOPT_URL, request.url.c_str());
   const bool sends_body = SendsBody(request);
   // The order matters: each of these also sets the method, which the last line then names.
   if (sends_body) {
-    const char* bytes = request.body.cdata<char>();
     options.Set(CURLOPT_NOBODY, 0L);
     options.Set(CURLOPT_POST, 1L);
-    options.Set(CURLOPT_POSTFIELDS, bytes == nullptr ? "" : bytes);
-    options.Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+    SetBody(request.body, &options);
   } else {
     options.Set(CURLOPT_POSTFIELDS, nullptr);
     options.Set(CURLOPT_HTTPGET, 1L);
@@ -468,6 +484,7 @@ bool ConfigureForRequest(Transfer* transfer) {
     headers = transfer->own_headers;
   }
   options.Set(CURLOPT_HTTPHEADER, headers);
+  if (plain_post && options.all_taken()) transfer->posted_url = request.url;
   return options.all_taken();
 }
 
@@ -641,14 +658,23 @@ class LogPauses {
 // The I/O thread and what it works on. Made by the first request, never destroyed; a forked child
 // makes its own.
 struct Io {
+  Io() = default;
+  ~Io() {
+    if (wake_fd >= 0) close(wake_fd);
+    if (multi != nullptr) curl_multi_cleanup(multi);
+  }
+  Io(const Io&) = delete;
+  Io& operator=(const Io&) = delete;
+
   CURLM* multi = nullptr;
+  int wake_fd = -1;  // An eventfd: cheaper to write and to empty than libcurl's own pair.
   pthread_t thread{};
 
   // Guarded by the engine's lock.
   std::vector<Transfer*> submitted;
   std::vector<Transfer*> idle;
   bool any_closed = false;   // A client was destroyed since the I/O thread last looked.
-  bool woken = false;        // A wake-up is on its way.
+  bool sleeping = false;     // The I/O thread waits, or is about to, and nobody has woken it yet.
   bool working = false;      // The I/O thread is inside libcurl's transfers, and so OpenSSL.
   bool parked = false;       // The process ends: no more transfers, no more callbacks.
   pthread_cond_t work_done;  // Signalled when `working` ends.
@@ -798,10 +824,9 @@ Io* Engine::EnsureIo(std::string* problem) {
   }
   curl_multi_setopt(io->multi, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_MULTIPLEX));
   curl_multi_setopt(io->multi, CURLMOPT_MAXCONNECTS, kIdleConnections);
-  // Without descriptors libcurl goes on without its wake-up pair, and nobody could wake the thread.
-  if (curl_multi_wakeup(io->multi) != CURLM_OK) {
+  io->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (io->wake_fd < 0) {
     *problem = "no descriptors are left";
-    curl_multi_cleanup(io->multi);
     return nullptr;
   }
   SetWakeUpPairCloseOnExec(io->multi);
@@ -812,7 +837,6 @@ Io* Engine::EnsureIo(std::string* problem) {
   pthread_condattr_destroy(&attributes);
   if (!StartThread(io.get(), problem)) {
     pthread_cond_destroy(&io->work_done);
-    curl_multi_cleanup(io->multi);
     return nullptr;
   }
   io_ = io.release();
@@ -919,10 +943,10 @@ void Engine::Submit(Transfer* transfer) {
     io = io_;
     transfer->client->used_io = io;
     io->submitted.push_back(transfer);
-    if (io->woken || pthread_equal(pthread_self(), io->thread)) return;
-    io->woken = true;
+    if (!io->sleeping) return;
+    io->sleeping = false;
   }
-  curl_multi_wakeup(io->multi);
+  eventfd_write(io->wake_fd, 1);
 }
 
 void Engine::Close(ClientSettings* client) {
@@ -934,10 +958,10 @@ void Engine::Close(ClientSettings* client) {
     io = io_;
     if (io == nullptr || client->used_io != io) return;
     io->any_closed = true;
-    if (io->woken || pthread_equal(pthread_self(), io->thread)) return;
-    io->woken = true;
+    if (!io->sleeping) return;
+    io->sleeping = false;
   }
-  curl_multi_wakeup(io->multi);
+  eventfd_write(io->wake_fd, 1);
 }
 
 // ---- Engine: I/O thread -------------------------------------------------------------------------
@@ -972,7 +996,7 @@ void Engine::BeginWork(Io* io) {
     base::AutoLock hold(lock_);
     StayWhileParked(io);
     io->working = true;
-    io->woken = false;
+    io->sleeping = false;
     any_closed = io->any_closed;
     io->any_closed = false;
     io->starting.swap(io->submitted);
@@ -991,13 +1015,18 @@ void Engine::StartSubmitted(Io* io) {
     const HttpDefaults& defaults = transfer->client->defaults;
     if (io->host_connections != defaults.max_connections_per_host) {
       io->host_connections = defaults.max_connections_per_host;
-      curl_multi_setopt(io->multi, CURLMOPT_MAX_HOST_CONNECTIONS,
-                        static_cast<long>(io->host_connections));
+      const long connections = static_cast<long>(io->host_connections);
+      curl_multi_setopt(io->multi, CURLMOPT_MAX_HOST_CONNECTIONS, connections);
+      // With fewer, connections of one busy host would be closed and opened again all the time.
+      curl_multi_setopt(io->multi, CURLMOPT_MAXCONNECTS, std::max(kIdleConnections, connections));
     }
     transfer->state = HttpClient::State::kFailed;
     transfer->progress = &io->progress;
-    curl_easy_setopt(transfer->easy, CURLOPT_OPENSOCKETDATA, &io->sockets);
-    curl_easy_setopt(transfer->easy, CURLOPT_CLOSESOCKETDATA, &io->sockets);
+    if (transfer->sockets != &io->sockets) {
+      transfer->sockets = &io->sockets;
+      curl_easy_setopt(transfer->easy, CURLOPT_OPENSOCKETDATA, &io->sockets);
+      curl_easy_setopt(transfer->easy, CURLOPT_CLOSESOCKETDATA, &io->sockets);
+    }
     ++io->progress;
     transfer->response.reset(new HttpClient::Response);
     // acquire: pairs with the release in Close().
@@ -1136,6 +1165,7 @@ void Engine::Wait(Io* io) {
   {
     base::AutoLock hold(lock_);
     if (!io->submitted.empty() || io->any_closed || !io->surplus.empty()) return;
+    io->sleeping = true;  // From here on whoever has something wakes this thread.
   }
   // While a server's HTTP/2 window is shut, libcurl waits for a socket that is always ready.
   if (io->progress != io->progress_at_wait) io->fruitless_rounds = 0;
@@ -1149,9 +1179,12 @@ void Engine::Wait(Io* io) {
     const int64_t left_ms = std::max<int64_t>(io->next_deadline_ms - before_ms, 0);
     timeout_ms = static_cast<int>(std::min<int64_t>(left_ms, INT_MAX));
   }
-  if (curl_multi_poll(io->multi, nullptr, 0, timeout_ms, nullptr) != CURLM_OK) {
+  curl_waitfd wake{io->wake_fd, CURL_WAIT_POLLIN, 0};
+  if (curl_multi_poll(io->multi, &wake, 1, timeout_ms, nullptr) != CURLM_OK) {
     poll(nullptr, 0, kPollFailurePauseMs);  // Out of memory or descriptors: not at full speed.
   }
+  eventfd_t count;
+  if (wake.revents != 0) eventfd_read(io->wake_fd, &count);
   io->fruitless_rounds = NowMs() - before_ms > 1 ? 0 : io->fruitless_rounds + 1;
 }
 
