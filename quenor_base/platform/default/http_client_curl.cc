@@ -50,10 +50,6 @@ constexpr long kSystemCaCacheSeconds = 3600;
 constexpr long kNameCacheSeconds = 5;  // A server that has moved is found with the next attempts.
 constexpr int kExitWaitSeconds = 5;
 constexpr uint32_t kKeptReceiveBytes = 4096;  // A receive buffer up to this size is recycled.
-// libcurl allocates both for every request and frees them after it. With its own sizes, 16 and 64
-// KiB, that has malloc give memory back to the system and take it again, several times a second.
-constexpr long kReceiveBytes = 4096;
-constexpr long kUploadBytes = 16384;
 constexpr size_t kMaxPemBytes = 16 << 20;
 constexpr uint32_t kMaxHeaderLimit = 256 << 10;  // libcurl itself gives up at 300 KiB.
 constexpr int kFruitlessRounds = 16;             // Then the I/O thread pauses: 1 ms, 2 ms, ...
@@ -429,8 +425,6 @@ bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
   options.Set(CURLOPT_FOLLOWLOCATION, 0L);
   options.Set(CURLOPT_ACCEPT_ENCODING, nullptr);
   options.Set(CURLOPT_HTTP_CONTENT_DECODING, 0L);
-  options.Set(CURLOPT_BUFFERSIZE, kReceiveBytes);
-  options.Set(CURLOPT_UPLOAD_BUFFERSIZE, kUploadBytes);
   options.Set(CURLOPT_TCP_NODELAY, 1L);
   options.Set(CURLOPT_TCP_KEEPALIVE, 1L);
   options.Set(CURLOPT_DNS_CACHE_TIMEOUT, kNameCacheSeconds);
