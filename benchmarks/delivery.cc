@@ -178,8 +178,8 @@ int Main(int argc, char** argv) {
   Area area(argc, argv, "delivery", "Delivery: messages over TLS to a server, and what each costs");
   const Nginx server;
   std::ofstream(server.folder().File("message")) << std::string(1024, 'Z');
-  Workers workers(server);
   for (const bool http2 : {false, true}) {
+    Workers workers(server);  // Their own: a connection of HTTP/1.1 would be used for HTTP/2.
     for (const int in_flight : {1, 8, 64}) {
       Job job;
       job.http2 = http2;
@@ -188,7 +188,8 @@ int Main(int argc, char** argv) {
       MeasureShape(&area, &workers, server, job);
     }
   }
-  Job wide;  // Last: its connections stay.
+  Workers workers(server);
+  Job wide;
   wide.in_flight = wide.connections = 64;
   wide.messages = area.Scale(1600, 200);
   MeasureShape(&area, &workers, server, wide);
