@@ -45,10 +45,12 @@ int ListenOnLoopback(uint16_t* port) {
   return fd;
 }
 
-// The keep-alive limits are far beyond what a run posts, so that no connection is closed for its
-// age and nothing is taken for an HTTP/2 flood.
+// The body is read to its end before the answer, as a collector does: `return 200` would answer
+// once the headers are there, reset the HTTP/2 stream under the upload, and take the bodies that it
+// never looked at for a flood after some thousand messages. The keep-alive limits are beyond a run.
 std::string Configuration(const std::string& folder, uint16_t port) {
   std::string text =
+      "load_module /usr/lib/nginx/modules/ngx_http_echo_module.so;\n"
       "daemon off; worker_processes 1; pid nginx.pid; error_log stderr crit;\n"
       "events { worker_connections 1024; }\n"
       "http {\n"
@@ -61,8 +63,8 @@ std::string Configuration(const std::string& folder, uint16_t port) {
   }
   text += "  server {\n    listen 127.0.0.1:" + std::to_string(port) + " ssl http2;\n";
   text +=
-      "    location / { default_type application/json; "
-      "return 200 '{\"bytes_errinfo\":\"success\"}'; }\n  }\n}\n";
+      "    location / { default_type application/json; echo_read_request_body;\n"
+      "      echo -n '{\"bytes_errinfo\":\"success\"}'; }\n  }\n}\n";
   return text;
 }
 
