@@ -128,5 +128,14 @@ TEST_F(HttpClientProcessTest, SteadyExchangeStaysWithinItsAllocations) {
   EXPECT_LE(std::stoul(Output()), 4u);
 }
 
+TEST_F(HttpClientProcessTest, SteadyExchangeStaysWithinItsSystemCalls) {
+  ScriptedServer server(Answering(), &certificate_);
+
+  ASSERT_EQ(Run("system-calls", server.Origin() + "/"), 0) << Output();
+  // Wake the I/O thread and take note of it: 2. Is the connection alive, send, has it come, read
+  // a record's head and its rest: 6. Wait for the response and for the next request: 2.
+  EXPECT_LE(std::stoul(Output()), 10u);
+}
+
 }  // namespace
 }  // namespace quenor::test

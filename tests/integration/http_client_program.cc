@@ -21,6 +21,7 @@
 #include <string>
 
 #include "quenor_base/platform/http_client.h"
+#include "tests/integration/support/counted_calls.h"
 
 // Children that start threads are what is tested here.
 extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
@@ -290,20 +291,26 @@ int Stalled() {
   return spent_ms < 300 ? 0 : 2;
 }
 
-// Prints how many times C++ code asked for memory per exchange, once everything is warm.
-int Allocations() {
+// Prints how many of what `count` counts an exchange takes, once everything is warm.
+int PrintPerExchange(size_t (*count)()) {
   const auto client = HttpClientFactory::Create(g_config);
   for (int i = 0; i < 20; ++i) {
     if (!Post(client.get())) return 1;
   }
-  const size_t before = g_allocations;
+  const size_t before = count();
   constexpr int kExchanges = 100;
   for (int i = 0; i < kExchanges; ++i) {
     if (!Post(client.get())) return 1;
   }
-  std::printf("%zu\n", (g_allocations - before) / kExchanges);
+  std::printf("%zu\n", (count() - before) / kExchanges);
   return 0;
 }
+
+// How many times C++ code asked for memory.
+int Allocations() {
+  return PrintPerExchange([] { return g_allocations.load(); });
+}
+int SystemCalls() { return PrintPerExchange(&test::CountedCalls); }
 
 int Main(int argc, char** argv) {
   if (argc != 4) return 64;
@@ -318,7 +325,8 @@ int Main(int argc, char** argv) {
                                                   {"lazy", &Lazy},
                                                   {"idle", &Idle},
                                                   {"stalled", &Stalled},
-                                                  {"allocations", &Allocations}};
+                                                  {"allocations", &Allocations},
+                                                  {"system-calls", &SystemCalls}};
   const auto mode = modes.find(argv[1]);
   if (mode == modes.end()) return 64;
   g_request.url = argv[2];

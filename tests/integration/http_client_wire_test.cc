@@ -3,8 +3,10 @@
 #include <signal.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <future>
 #include <map>
+#include <mutex>
 #include <thread>
 
 #include "tests/integration/http_client_fixture.h"
@@ -185,6 +187,85 @@ TEST_F(HttpClientWireTest, KeptConnectionThatTheServerClosedIsReplaced) {
   for (int i = 0; i < 5; ++i) {
     EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).status(), 200);
   }
+}
+
+TEST_F(HttpClientWireTest, AsManyConnectionsAsOneHostMayHaveAreKept) {
+  constexpr size_t kConnections = 40;
+  std::mutex mutex;
+  std::condition_variable changed;
+  size_t arrived = 0;
+  ScriptedServer server([&](Connection& connection) {
+    ReceivedRequest request;
+    while (connection.ReadRequest(&request)) {
+      {  // No answer before a request has come on each of them.
+        std::unique_lock<std::mutex> hold(mutex);
+        const size_t all = (arrived++ / kConnections + 1) * kConnections;
+        changed.notify_all();
+        changed.wait(hold, [&] { return arrived >= all; });
+      }
+      connection.Respond(200, "");
+    }
+  });
+  HttpDefaults defaults;
+  defaults.max_connections_per_host = kConnections;
+  const auto client = MakeClient(defaults);
+  Exchanges exchanges;
+
+  for (size_t round = 1; round <= 3; ++round) {
+    for (size_t i = 0; i < kConnections; ++i) {
+      client->SendRequest(MakeRequest(server.Origin() + "/", "x"), exchanges.Note());
+    }
+    exchanges.WaitFor(round * kConnections);
+  }
+
+  EXPECT_EQ(server.accepted(), kConnections);
+}
+
+TEST_F(HttpClientWireTest, RequestsThatWaitForOneServerDoNotHoldUpAnother) {
+  ScriptedServer hanging([](Connection& connection) { connection.HoldUntilClosed(); });
+  ScriptedServer answering([](Connection& connection) {
+    ReceivedRequest request;
+    while (connection.ReadRequest(&request)) connection.Respond(200, "");
+  });
+  HttpDefaults defaults;
+  defaults.max_connections_per_host = 1;
+  const auto client = MakeClient(defaults);
+  Exchanges held;
+  for (int i = 0; i < 3; ++i) {
+    client->SendRequest(MakeRequest(hanging.Origin() + "/", "x"), held.Note());
+  }
+
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(Send(client.get(), MakeRequest(answering.Origin() + "/", "x")).status(), 200);
+  }
+
+  EXPECT_EQ(held.count(), 0u);
+}
+
+TEST_F(HttpClientWireTest, PlaceOfARequestThatTimedOutGoesToTheNextThatWaits) {
+  ScriptedServer server([](Connection& connection) {
+    ReceivedRequest request;
+    while (connection.ReadRequest(&request)) {
+      if (request.body == "hang") return connection.HoldUntilClosed();
+      connection.Respond(200, request.body);
+    }
+  });
+  HttpDefaults defaults;
+  defaults.max_connections_per_host = 1;
+  const auto client = MakeClient(defaults);
+  Exchanges exchanges;
+  HttpClient::Request hanging = MakeRequest(server.Origin() + "/", "hang");
+  hanging.timeout_ms = 50;
+
+  client->SendRequest(hanging, exchanges.Note());
+  client->SendRequest(MakeRequest(server.Origin() + "/", "first"), exchanges.Note());
+  client->SendRequest(MakeRequest(server.Origin() + "/", "second"), exchanges.Note());
+  exchanges.WaitFor(3);
+
+  const std::vector<Outcome> outcomes = exchanges.Take();
+  EXPECT_EQ(outcomes[0].state, State::kTimedOut);
+  EXPECT_EQ(outcomes[1].body(), "first");
+  EXPECT_EQ(outcomes[2].body(), "second");
 }
 
 // ---- Responses ----------------------------------------------------------------------------------

@@ -560,7 +560,7 @@ void ReliableReportChannelHttps::DoOnResponse(HttpClient::State state,
   }
   const auto found = sending_messages_.find(request.request_id);
   if (found == sending_messages_.end()) return;
-  CachedMessage message = found->second;
+  CachedMessage message = std::move(found->second);
   sending_messages_.erase(found);
 
   if (IsSuccess(state, response.get())) {

@@ -13,6 +13,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -24,6 +25,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <utility>
 
 #include "quenor_base/platform/base/lock.h"
@@ -55,6 +57,7 @@ constexpr int kFruitlessRounds = 16;             // Then the I/O thread pauses: 
 constexpr int kSpinPauseMs = 10;                 // ... up to this.
 constexpr int kPollFailurePauseMs = 100;
 constexpr long kMaxUploadBuffer = 64 << 10;
+constexpr int kLookAgainMs = 10;  // How long a request may be forgotten beside an idle connection.
 constexpr int64_t kNever = INT64_MAX;
 
 int64_t NowMs() {
@@ -93,6 +96,14 @@ bool IsFieldValue(const std::string& text) {
 
 // ---- Settings -----------------------------------------------------------------------------------
 
+// The requests of one client to one server over HTTP/1.1, where each needs a connection for itself.
+// libcurl gets no more of them than there may be connections: it would look at each one that waits
+// whenever it does anything. Guarded by the engine's lock.
+struct Line {
+  std::string server;   // The URL up to its path.
+  uint32_t inside = 0;  // How many libcurl has.
+};
+
 // What a client's requests share with it; it lives as long as the last of them.
 struct ClientSettings {
   ClientSettings(HttpClient::Config config_in, HttpDefaults defaults_in)
@@ -107,13 +118,19 @@ struct ClientSettings {
   std::string pins;                    // As CURLOPT_PINNEDPUBLICKEY wants them.
   curl_slist* body_headers = nullptr;  // Of a request with a body and no headers of its own.
   int64_t serial = 0;                  // Tells settings apart for ever, as an address cannot.
-  const void* used_io = nullptr;       // Guarded by the engine's lock: where requests went.
+  bool http2 = false;                  // Offered, and libcurl has it.
+  // Guarded by the engine's lock: where requests went, and in which lines they are.
+  const void* used_io = nullptr;
+  std::vector<std::unique_ptr<Line>> lines;
   // release in the destructor of the client, acquire on the I/O thread: what the owner did before
   // is seen by the callbacks.
   std::atomic<bool> closed{false};
 };
 
 // ---- One exchange -------------------------------------------------------------------------------
+
+// The sockets of all connections. I/O thread only.
+using Sockets = std::vector<int>;
 
 // A request on its way, with an easy handle that it keeps from one request to the next. Belongs to
 // the thread that prepares it, then to the I/O thread.
@@ -129,6 +146,7 @@ struct Transfer {
 
   CURL* easy = nullptr;
   int64_t configured_serial = 0;  // Whose options the handle carries.
+  std::string posted_url;         // Where to, when the last request was a plain POST; else empty.
   std::shared_ptr<ClientSettings> client;
   HttpClient::Request request;
   HttpClient::CompletionCallback callback;
@@ -136,6 +154,7 @@ struct Transfer {
   int64_t started_ms = 0;
   int64_t deadline_ms = 0;
   size_t active_index = 0;
+  Line* line = nullptr;  // That it has a place in or waits for; null: libcurl does the queueing.
 
   // What has arrived.
   std::unique_ptr<HttpClient::Response> response;
@@ -149,7 +168,10 @@ struct Transfer {
 
   // What has moved, to tell progress from spinning.
   curl_off_t body_bytes_moved = 0;
-  uint64_t* progress = nullptr;  // Borrowed from the Io.
+  uint64_t* progress = nullptr;      // Borrowed from the Io, and the next.
+  const Sockets* sockets = nullptr;  // What the handle's options name.
+  size_t* waiting = nullptr;
+  bool under_way = false;  // Has been given a connection.
 
   // How it ended.
   HttpClient::State state = HttpClient::State::kFailed;
@@ -227,6 +249,14 @@ size_t OnHeaderLine(char* data, size_t, size_t size, void* user) {
   return size;
 }
 
+// The request is about to go out: it waits for no connection any more.
+int OnUnderWay(void* user, char*, char*, int, int) {
+  Transfer* transfer = static_cast<Transfer*>(user);
+  if (!transfer->under_way) --*transfer->waiting;
+  transfer->under_way = true;
+  return CURL_PREREQFUNC_OK;
+}
+
 // Called at every step of a transfer. A server may answer before it has read the whole body and
 // then reset the HTTP/2 stream; libcurl goes on offering the rest until a time limit passes. So an
 // exchange whose response is whole ends here.
@@ -247,9 +277,6 @@ int OnProgress(void* user, curl_off_t, curl_off_t down, curl_off_t up_total, cur
                           static_cast<curl_off_t>(transfer->size_bytes) == announced;
   return transfer->whole_early ? 1 : 0;
 }
-
-// The sockets of all connections. I/O thread only.
-using Sockets = std::vector<int>;
 
 curl_socket_t OpenSocket(void* user, curlsocktype, curl_sockaddr* address) {
   const int fd = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
@@ -356,6 +383,8 @@ bool HasHttp2() {
 bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
   const HttpDefaults& defaults = client.defaults;
   curl_easy_reset(transfer->easy);
+  transfer->posted_url.clear();
+  transfer->sockets = nullptr;
   EasyOptions options(transfer->easy);
   options.Set(CURLOPT_NOSIGNAL, 1L);
   options.Set(CURLOPT_QUICK_EXIT, 1L);  // A cancelled request does not wait for its name lookup.
@@ -368,6 +397,8 @@ bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
   options.Set(CURLOPT_XFERINFOFUNCTION, &OnProgress);
   options.Set(CURLOPT_XFERINFODATA, transfer);
   options.Set(CURLOPT_NOPROGRESS, 0L);
+  options.Set(CURLOPT_PREREQFUNCTION, &OnUnderWay);
+  options.Set(CURLOPT_PREREQDATA, transfer);
   options.Set(CURLOPT_OPENSOCKETFUNCTION, &OpenSocket);
   options.Set(CURLOPT_CLOSESOCKETFUNCTION, &CloseSocket);
   options.Set(CURLOPT_PROTOCOLS_STR, "http,https");
@@ -382,10 +413,9 @@ bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
               static_cast<long>(std::min<uint32_t>(defaults.connect_timeout_ms, INT_MAX)));
   options.Set(CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(defaults.low_speed_bytes_per_second));
   options.Set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(defaults.low_speed_seconds));
-  const bool http2 = client.config.enable_http2 && HasHttp2();
-  options.Set(CURLOPT_PIPEWAIT, http2 ? 1L : 0L);
+  options.Set(CURLOPT_PIPEWAIT, client.http2 ? 1L : 0L);
   options.Set(CURLOPT_HTTP_VERSION,
-              static_cast<long>(http2 ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1));
+              static_cast<long>(client.http2 ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1));
   SetProxyOptions(client, &options);
   SetTlsOptions(client, &options);
   transfer->configured_serial = options.all_taken() ? client.serial : 0;
@@ -428,20 +458,31 @@ long UploadBufferBytes(uint32_t body_bytes) {
   return std::min<long>(kMaxUploadBuffer, kHeadBytes + static_cast<long>(body_bytes));
 }
 
+// Borrows the bytes until the exchange has ended.
+void SetBody(const CopyOnWriteBuffer& body, EasyOptions* options) {
+  const char* bytes = body.cdata<char>();
+  options->Set(CURLOPT_POSTFIELDS, bytes == nullptr ? "" : bytes);
+  options->Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+  options->Set(CURLOPT_UPLOAD_BUFFERSIZE, UploadBufferBytes(body.size()));
+}
+
 // Gives the handle what belongs to this request; the body's bytes are borrowed until it has ended.
 bool ConfigureForRequest(Transfer* transfer) {
   const HttpClient::Request& request = transfer->request;
   EasyOptions options(transfer->easy);
+  const bool plain_post = request.method == "POST" && request.headers.empty();
+  if (plain_post && transfer->posted_url == request.url) {  // As the last: only the body differs.
+    SetBody(request.body, &options);
+    return options.all_taken();
+  }
+  transfer->posted_url.clear();
   options.Set(CURLOPT_URL, request.url.c_str());
   const bool sends_body = SendsBody(request);
   // The order matters: each of these also sets the method, which the last line then names.
   if (sends_body) {
-    const char* bytes = request.body.cdata<char>();
     options.Set(CURLOPT_NOBODY, 0L);
     options.Set(CURLOPT_POST, 1L);
-    options.Set(CURLOPT_POSTFIELDS, bytes == nullptr ? "" : bytes);
-    options.Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
-    options.Set(CURLOPT_UPLOAD_BUFFERSIZE, UploadBufferBytes(request.body.size()));
+    SetBody(request.body, &options);
   } else {
     options.Set(CURLOPT_POSTFIELDS, nullptr);
     options.Set(CURLOPT_HTTPGET, 1L);
@@ -455,6 +496,7 @@ bool ConfigureForRequest(Transfer* transfer) {
     headers = transfer->own_headers;
   }
   options.Set(CURLOPT_HTTPHEADER, headers);
+  if (plain_post && options.all_taken()) transfer->posted_url = request.url;
   return options.all_taken();
 }
 
@@ -518,6 +560,8 @@ void Clear(Transfer* transfer) {
   // Setting the size frees the buffer, which a request on a shared HTTP/2 connection leaves behind.
   curl_easy_setopt(transfer->easy, CURLOPT_UPLOAD_BUFFERSIZE, kMaxUploadBuffer);
   transfer->response.reset();
+  transfer->line = nullptr;
+  transfer->under_way = false;
   transfer->size_bytes = 0;
   transfer->header_bytes = 0;
   transfer->headers_complete = false;
@@ -630,14 +674,26 @@ class LogPauses {
 // The I/O thread and what it works on. Made by the first request, never destroyed; a forked child
 // makes its own.
 struct Io {
+  Io() = default;
+  ~Io() {
+    if (wake_fd >= 0) close(wake_fd);
+    if (multi != nullptr) curl_multi_cleanup(multi);
+  }
+  Io(const Io&) = delete;
+  Io& operator=(const Io&) = delete;
+
   CURLM* multi = nullptr;
+  int wake_fd = -1;  // An eventfd: cheaper to write and to empty than libcurl's own pair.
   pthread_t thread{};
 
   // Guarded by the engine's lock.
   std::vector<Transfer*> submitted;
   std::vector<Transfer*> idle;
-  bool any_closed = false;   // A client was destroyed since the I/O thread last looked.
-  bool woken = false;        // A wake-up is on its way.
+  std::deque<Transfer*> waiting;         // For a place in their lines; the oldest first.
+  int64_t waiting_deadline_ms = kNever;  // None of them has an earlier one.
+  int64_t sleep_until_ms = kNever;       // While `sleeping`.
+  bool any_closed = false;               // A client was destroyed since the I/O thread last looked.
+  bool sleeping = false;     // The I/O thread waits, or is about to, and nobody has woken it yet.
   bool working = false;      // The I/O thread is inside libcurl's transfers, and so OpenSSL.
   bool parked = false;       // The process ends: no more transfers, no more callbacks.
   pthread_cond_t work_done;  // Signalled when `working` ends.
@@ -645,6 +701,7 @@ struct Io {
   // I/O thread only.
   std::vector<Transfer*> starting;
   std::vector<Transfer*> active;  // In the multi handle; each knows its index.
+  size_t waiting_in_libcurl = 0;  // Those of them that have no connection yet.
   std::vector<Transfer*> finished;
   std::vector<Transfer*> surplus;
   Sockets sockets;
@@ -652,8 +709,15 @@ struct Io {
   uint32_t host_connections = 0;      // As last set in the multi handle.
   uint64_t progress = 0;              // Counts whatever moved.
   uint64_t progress_at_wait = 0;
+  bool look_again = false;   // A connection may have become free unnoticed.
   int fruitless_rounds = 0;  // Sleeps in a row that ended at once and brought nothing.
 };
+
+// Any thread, without the lock. Cannot fail: the counter never comes near its limit.
+void WakeUp(const Io& io) {
+  const uint64_t one = 1;
+  (void)!write(io.wake_fd, &one, sizeof(one));
+}
 
 // libcurl opens its wake-up pair without close-on-exec and does not give it away. It is known by
 // what it does: with every wake-up one byte more waits at one end and more is on its way from the
@@ -756,13 +820,18 @@ class Engine {
   void StayWhileParked(Io* io) QUENOR_REQUIRES(lock_);
   void BeginWork(Io* io) QUENOR_EXCLUDES(lock_);
   void EndWork(Io* io) QUENOR_EXCLUDES(lock_);
-  void StartSubmitted(Io* io);
-  void CancelClosed(Io* io);
-  void ExpireDeadlines(Io* io);
-  void CollectFinished(Io* io);
-  void Finish(Io* io, Transfer* transfer);
+  void StartSubmitted(Io* io) QUENOR_EXCLUDES(lock_);
+  void LeaveLine(Io* io, Transfer* transfer) QUENOR_EXCLUDES(lock_);
+  template <typename Condition>
+  std::vector<Transfer*> TakeWaiting(Io* io, Condition condition) QUENOR_EXCLUDES(lock_);
+  void CancelClosed(Io* io) QUENOR_EXCLUDES(lock_);
+  void ExpireDeadlines(Io* io) QUENOR_EXCLUDES(lock_);
+  void ExpireWaiting(Io* io, int64_t now_ms) QUENOR_EXCLUDES(lock_);
+  void CollectFinished(Io* io) QUENOR_EXCLUDES(lock_);
+  void Finish(Io* io, Transfer* transfer) QUENOR_EXCLUDES(lock_);
   void CutBadConnection(Io* io, const Transfer& transfer);
   void Report(Io* io) QUENOR_EXCLUDES(lock_);
+  void RunCallback(Transfer* transfer) QUENOR_EXCLUDES(lock_);
   void LogFailure(const Transfer& transfer) QUENOR_EXCLUDES(lock_);
   void Wait(Io* io) QUENOR_EXCLUDES(lock_);
 
@@ -798,10 +867,9 @@ Io* Engine::EnsureIo(std::string* problem) {
   }
   curl_multi_setopt(io->multi, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_MULTIPLEX));
   curl_multi_setopt(io->multi, CURLMOPT_MAXCONNECTS, kIdleConnections);
-  // Without descriptors libcurl goes on without its wake-up pair, and nobody could wake the thread.
-  if (curl_multi_wakeup(io->multi) != CURLM_OK) {
+  io->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (io->wake_fd < 0) {
     *problem = "no descriptors are left";
-    curl_multi_cleanup(io->multi);
     return nullptr;
   }
   SetWakeUpPairCloseOnExec(io->multi);
@@ -812,7 +880,6 @@ Io* Engine::EnsureIo(std::string* problem) {
   pthread_condattr_destroy(&attributes);
   if (!StartThread(io.get(), problem)) {
     pthread_cond_destroy(&io->work_done);
-    curl_multi_cleanup(io->multi);
     return nullptr;
   }
   io_ = io.release();
@@ -912,17 +979,49 @@ void Engine::GiveBack(Transfer* transfer) {
   io_->idle.push_back(transfer);
 }
 
+// The line of a client for the server of `url`. The engine's lock is held.
+Line* FindLine(ClientSettings* client, const std::string& url) {
+  const size_t path = url.find('/', url.find("://") + 3);
+  const size_t length = std::min(path, url.size());
+  for (const std::unique_ptr<Line>& line : client->lines) {
+    if (line->server.size() == length && url.compare(0, length, line->server) == 0) {
+      return line.get();
+    }
+  }
+  client->lines.push_back(std::make_unique<Line>());
+  client->lines.back()->server = url.substr(0, length);
+  return client->lines.back().get();
+}
+
+// Gives the transfer a place in its line, or none. The engine's lock is held.
+bool EnterLine(Transfer* transfer) {
+  ClientSettings* client = transfer->client.get();
+  if (client->http2) return true;
+  transfer->line = FindLine(client, transfer->request.url);
+  if (transfer->line->inside >= client->defaults.max_connections_per_host) return false;
+  ++transfer->line->inside;
+  return true;
+}
+
 void Engine::Submit(Transfer* transfer) {
   Io* io;
   {
     base::AutoLock hold(lock_);
     io = io_;
+    if (transfer->client->used_io != io) transfer->client->lines.clear();  // A parent's.
     transfer->client->used_io = io;
-    io->submitted.push_back(transfer);
-    if (io->woken || pthread_equal(pthread_self(), io->thread)) return;
-    io->woken = true;
+    const bool entered = EnterLine(transfer);
+    if (entered) {
+      io->submitted.push_back(transfer);
+    } else {
+      io->waiting.push_back(transfer);
+      io->waiting_deadline_ms = std::min(io->waiting_deadline_ms, transfer->deadline_ms);
+    }
+    // One that waits has nothing for the I/O thread to do before its time limit.
+    if (!io->sleeping || (!entered && transfer->deadline_ms >= io->sleep_until_ms)) return;
+    io->sleeping = false;
   }
-  curl_multi_wakeup(io->multi);
+  WakeUp(*io);
 }
 
 void Engine::Close(ClientSettings* client) {
@@ -934,10 +1033,10 @@ void Engine::Close(ClientSettings* client) {
     io = io_;
     if (io == nullptr || client->used_io != io) return;
     io->any_closed = true;
-    if (io->woken || pthread_equal(pthread_self(), io->thread)) return;
-    io->woken = true;
+    if (!io->sleeping) return;
+    io->sleeping = false;
   }
-  curl_multi_wakeup(io->multi);
+  WakeUp(*io);
 }
 
 // ---- Engine: I/O thread -------------------------------------------------------------------------
@@ -955,9 +1054,11 @@ void Engine::Run(Io* io) {
     EndWork(io);
     // libcurl gives a connection that has become free to a request that waits for one, and may
     // forget the timer that would have it look at that request: it looks at all of them when asked.
-    const bool look_again = !io->finished.empty() && !io->active.empty();
+    // One that goes to a new connection, because its own has died, is not known to wait.
+    io->look_again = !io->finished.empty() && !io->active.empty();
+    const bool at_once = io->look_again && io->waiting_in_libcurl > 0;
     Report(io);
-    if (!look_again) Wait(io);
+    if (!at_once) Wait(io);
   }
 }
 
@@ -972,7 +1073,7 @@ void Engine::BeginWork(Io* io) {
     base::AutoLock hold(lock_);
     StayWhileParked(io);
     io->working = true;
-    io->woken = false;
+    io->sleeping = false;
     any_closed = io->any_closed;
     io->any_closed = false;
     io->starting.swap(io->submitted);
@@ -991,22 +1092,30 @@ void Engine::StartSubmitted(Io* io) {
     const HttpDefaults& defaults = transfer->client->defaults;
     if (io->host_connections != defaults.max_connections_per_host) {
       io->host_connections = defaults.max_connections_per_host;
-      curl_multi_setopt(io->multi, CURLMOPT_MAX_HOST_CONNECTIONS,
-                        static_cast<long>(io->host_connections));
+      const long connections = static_cast<long>(io->host_connections);
+      curl_multi_setopt(io->multi, CURLMOPT_MAX_HOST_CONNECTIONS, connections);
+      // With fewer, connections of one busy host would be closed and opened again all the time.
+      curl_multi_setopt(io->multi, CURLMOPT_MAXCONNECTS, std::max(kIdleConnections, connections));
     }
     transfer->state = HttpClient::State::kFailed;
     transfer->progress = &io->progress;
-    curl_easy_setopt(transfer->easy, CURLOPT_OPENSOCKETDATA, &io->sockets);
-    curl_easy_setopt(transfer->easy, CURLOPT_CLOSESOCKETDATA, &io->sockets);
+    transfer->waiting = &io->waiting_in_libcurl;
+    if (transfer->sockets != &io->sockets) {
+      transfer->sockets = &io->sockets;
+      curl_easy_setopt(transfer->easy, CURLOPT_OPENSOCKETDATA, &io->sockets);
+      curl_easy_setopt(transfer->easy, CURLOPT_CLOSESOCKETDATA, &io->sockets);
+    }
     ++io->progress;
     transfer->response.reset(new HttpClient::Response);
     // acquire: pairs with the release in Close().
     const bool closed = transfer->client->closed.load(std::memory_order_acquire);
     if (closed || curl_multi_add_handle(io->multi, transfer->easy) != CURLM_OK) {
       transfer->code = CURLE_OUT_OF_MEMORY;
+      LeaveLine(io, transfer);
       io->finished.push_back(transfer);
       continue;
     }
+    ++io->waiting_in_libcurl;
     transfer->active_index = io->active.size();
     io->active.push_back(transfer);
     io->next_deadline_ms = std::min(io->next_deadline_ms, transfer->deadline_ms);
@@ -1027,8 +1136,31 @@ void Engine::Finish(Io* io, Transfer* transfer) {
   last->active_index = transfer->active_index;
   io->active.pop_back();
   if (io->active.empty()) io->next_deadline_ms = kNever;
+  if (!transfer->under_way) --io->waiting_in_libcurl;
+  LeaveLine(io, transfer);
   ++io->progress;
   io->finished.push_back(transfer);
+}
+
+// The next of the line takes the transfer's place. A line in which nobody is left goes, unless it
+// is the client's only one.
+void Engine::LeaveLine(Io* io, Transfer* transfer) {
+  Line* line = transfer->line;
+  if (line == nullptr) return;
+  base::AutoLock hold(lock_);
+  transfer->line = nullptr;
+  const auto next = std::find_if(io->waiting.begin(), io->waiting.end(),
+                                 [line](const Transfer* other) { return other->line == line; });
+  if (next != io->waiting.end()) {
+    io->submitted.push_back(*next);
+    io->waiting.erase(next);
+    if (io->waiting.empty()) io->waiting_deadline_ms = kNever;
+    return;
+  }
+  auto& lines = transfer->client->lines;
+  if (--line->inside > 0 || lines.size() == 1) return;
+  lines.erase(std::find_if(lines.begin(), lines.end(),
+                           [line](const auto& other) { return other.get() == line; }));
 }
 
 // libcurl keeps an HTTP/2 connection after a stream on it has failed, and puts every further
@@ -1061,7 +1193,31 @@ void Engine::CollectFinished(Io* io) {
   }
 }
 
+// Takes those out of the waiting ones for which the condition holds.
+template <typename Condition>
+std::vector<Transfer*> Engine::TakeWaiting(Io* io, Condition condition) {
+  base::AutoLock hold(lock_);
+  const auto taken =
+      std::stable_partition(io->waiting.begin(), io->waiting.end(),
+                            [&](Transfer* transfer) { return !condition(transfer); });
+  const std::vector<Transfer*> result(taken, io->waiting.end());
+  io->waiting.erase(taken, io->waiting.end());
+  io->waiting_deadline_ms = kNever;
+  for (const Transfer* transfer : io->waiting) {
+    io->waiting_deadline_ms = std::min(io->waiting_deadline_ms, transfer->deadline_ms);
+  }
+  return result;
+}
+
 void Engine::CancelClosed(Io* io) {
+  // Those that wait first, lest they take the places of the others. Their callbacks are due; that
+  // they are cancelled is seen there.
+  for (Transfer* transfer : TakeWaiting(io, [](const Transfer* waiting) {
+         // acquire: pairs with the release in Close().
+         return waiting->client->closed.load(std::memory_order_acquire);
+       })) {
+    io->finished.push_back(transfer);
+  }
   for (size_t i = io->active.size(); i-- > 0;) {
     Transfer* transfer = io->active[i];
     // acquire: pairs with the release in Close().
@@ -1072,8 +1228,8 @@ void Engine::CancelClosed(Io* io) {
 // The whole exchange's limit is kept here and not by libcurl, which does not count the time that a
 // request waits for a connection.
 void Engine::ExpireDeadlines(Io* io) {
-  if (io->next_deadline_ms == kNever) return;
   const int64_t now_ms = NowMs();
+  ExpireWaiting(io, now_ms);
   if (now_ms < io->next_deadline_ms) return;
   int64_t next_ms = kNever;
   for (size_t i = io->active.size(); i-- > 0;) {
@@ -1091,29 +1247,48 @@ void Engine::ExpireDeadlines(Io* io) {
   io->next_deadline_ms = next_ms;
 }
 
+void Engine::ExpireWaiting(Io* io, int64_t now_ms) {
+  {
+    base::AutoLock hold(lock_);
+    if (now_ms < io->waiting_deadline_ms) return;
+  }
+  for (Transfer* transfer : TakeWaiting(
+           io, [now_ms](const Transfer* waiting) { return waiting->deadline_ms <= now_ms; })) {
+    transfer->state = HttpClient::State::kTimedOut;
+    transfer->code = CURLE_OPERATION_TIMEDOUT;
+    transfer->verify_result = 0;
+    std::snprintf(transfer->error, sizeof(transfer->error), "no connection became free in time");
+    io->finished.push_back(transfer);
+  }
+}
+
 // Runs what is due, without the lock: a callback may send, create and destroy clients, and fork.
 void Engine::Report(Io* io) {
+  if (io->finished.empty()) return;
+  lock_.Acquire();
   for (Transfer* transfer : io->finished) {
-    {
-      base::AutoLock hold(lock_);
-      StayWhileParked(io);
-    }
-    // acquire: pairs with the release in Close(). Nobody hears of success after that.
-    if (transfer->client->closed.load(std::memory_order_acquire)) {
-      transfer->state = HttpClient::State::kCancelled;
-    } else if (transfer->state != HttpClient::State::kCompleted) {
-      LogFailure(*transfer);
-    }
-    if (transfer->state != HttpClient::State::kCompleted) transfer->response.reset();
-    if (transfer->callback) {
-      std::move(transfer->callback)
-          .Run(transfer->state, transfer->request, std::move(transfer->response));
-    }
+    StayWhileParked(io);
+    lock_.Release();
+    RunCallback(transfer);
     Clear(transfer);
-    base::AutoLock hold(lock_);
+    lock_.Acquire();
     (io->idle.size() < kIdleTransfers ? io->idle : io->surplus).push_back(transfer);
   }
+  lock_.Release();
   io->finished.clear();
+}
+
+void Engine::RunCallback(Transfer* transfer) {
+  // acquire: pairs with the release in Close(). Nobody hears of success after that.
+  if (transfer->client->closed.load(std::memory_order_acquire)) {
+    transfer->state = HttpClient::State::kCancelled;
+  } else if (transfer->state != HttpClient::State::kCompleted) {
+    LogFailure(*transfer);
+  }
+  if (transfer->state != HttpClient::State::kCompleted) transfer->response.reset();
+  if (!transfer->callback) return;
+  std::move(transfer->callback)
+      .Run(transfer->state, transfer->request, std::move(transfer->response));
 }
 
 void Engine::LogFailure(const Transfer& transfer) {
@@ -1133,9 +1308,12 @@ void Engine::LogFailure(const Transfer& transfer) {
 // Sleeps until a socket, a time limit or another thread needs the I/O thread; with none of them
 // pending, for good.
 void Engine::Wait(Io* io) {
+  int64_t until_ms;
   {
     base::AutoLock hold(lock_);
     if (!io->submitted.empty() || io->any_closed || !io->surplus.empty()) return;
+    io->sleeping = true;  // From here on whoever has something wakes this thread.
+    until_ms = io->sleep_until_ms = std::min(io->next_deadline_ms, io->waiting_deadline_ms);
   }
   // While a server's HTTP/2 window is shut, libcurl waits for a socket that is always ready.
   if (io->progress != io->progress_at_wait) io->fruitless_rounds = 0;
@@ -1144,14 +1322,17 @@ void Engine::Wait(Io* io) {
     poll(nullptr, 0, std::min(io->fruitless_rounds - kFruitlessRounds, kSpinPauseMs));
   }
   const int64_t before_ms = NowMs();
-  int timeout_ms = INT_MAX;
-  if (io->next_deadline_ms != kNever) {
-    const int64_t left_ms = std::max<int64_t>(io->next_deadline_ms - before_ms, 0);
-    timeout_ms = static_cast<int>(std::min<int64_t>(left_ms, INT_MAX));
+  int timeout_ms = io->look_again ? kLookAgainMs : INT_MAX;
+  if (until_ms != kNever) {
+    const int64_t left_ms = std::max<int64_t>(until_ms - before_ms, 0);
+    timeout_ms = static_cast<int>(std::min<int64_t>(left_ms, timeout_ms));
   }
-  if (curl_multi_poll(io->multi, nullptr, 0, timeout_ms, nullptr) != CURLM_OK) {
+  curl_waitfd wake{io->wake_fd, CURL_WAIT_POLLIN, 0};
+  if (curl_multi_poll(io->multi, &wake, 1, timeout_ms, nullptr) != CURLM_OK) {
     poll(nullptr, 0, kPollFailurePauseMs);  // Out of memory or descriptors: not at full speed.
   }
+  uint64_t wake_ups;
+  if (wake.revents != 0) (void)!read(io->wake_fd, &wake_ups, sizeof(wake_ups));
   io->fruitless_rounds = NowMs() - before_ms > 1 ? 0 : io->fruitless_rounds + 1;
 }
 
@@ -1439,6 +1620,7 @@ std::unique_ptr<HttpClient> HttpClientFactory::Create(const HttpClient::Config& 
   auto settings = std::make_shared<ClientSettings>(config, InForce(engine->GetDefaults()));
   settings->serial = engine->NextSerial();
   settings->proxy = http_address::ProxyUrl(config);
+  settings->http2 = config.enable_http2 && HasHttp2();
   for (const std::string& pin : settings->defaults.pinned_public_keys) {
     settings->pins += (settings->pins.empty() ? "" : ";") + pin;
   }
