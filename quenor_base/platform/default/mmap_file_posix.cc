@@ -1103,7 +1103,9 @@ const Entry* MultiProcessSafetyMmapFile::State::Find(const MmapDataPacket& packe
                                                      uint64_t glance) {
   const size_t count = sealed.size();
   const bool full = failed_searches < kFullSearches;
-  const size_t tries = full ? count : std::min(count, kShortSearch);
+  // Behind all that the save takes over in a row, only what it has left out can be meant.
+  const size_t all = ContinuesOld() ? pieces[0].begin : count;
+  const size_t tries = full ? all : std::min(all, kShortSearch);
   size_t at = cursor;
   for (size_t i = 0; i < tries; ++i, ++at) {
     if (at >= count) at = 0;
