@@ -312,7 +312,7 @@ struct MultiProcessSafetyMmapFile::State {
   Entries next;  // All of them; when they are sealed.
   size_t next_count = 0;
   // While the last piece is an old one: [run, run_next) belong to it too and are not counted yet,
-  // [run_next, run_end) come next in the old content, as far as the index has room. Else null.
+  // [run_next, run_end) come next in the old content. Else all three are null.
   const Entry* run = nullptr;
   const Entry* run_next = nullptr;
   const Entry* run_end = nullptr;
@@ -1045,9 +1045,9 @@ void MultiProcessSafetyMmapFile::State::VoidSave() {
   if (building) Discard(&building);
 }
 
-// The usual packet of a save: what follows the one before it in the old content too, and is not the
-// save's last. Costs little more than the comparison; EndRun() counts it. False, and nothing done,
-// for all others.
+// The usual packet of a save: what follows the one before it in the old content too. Costs little
+// more than the comparison; EndRun() counts it. Never the save's last, for which Place() sees to it
+// that the index has room for all. False, and nothing done, for all others.
 inline bool MultiProcessSafetyMmapFile::State::TakeNextOfOld(const MmapDataPacket& packet) {
   const Entry* const entry = run_next;
   if (entry == run_end || entry->length != packet.size || packet.data == nullptr) return false;
@@ -1106,7 +1106,9 @@ const Entry* MultiProcessSafetyMmapFile::State::Find(const MmapDataPacket& packe
                                                      uint64_t glance) {
   const size_t count = sealed.size();
   const bool full = failed_searches < kFullSearches;
-  const size_t tries = full ? count : std::min(count, kShortSearch);
+  // Behind all that the save takes over in a row, only what it has left out can be meant.
+  const size_t all = ContinuesOld() ? pieces[0].begin : count;
+  const size_t tries = full ? all : std::min(all, kShortSearch);
   size_t at = cursor;
   for (size_t i = 0; i < tries; ++i, ++at) {
     if (at >= count) at = 0;
@@ -1170,7 +1172,7 @@ bool MultiProcessSafetyMmapFile::State::NameOld(size_t at) {
   ++pieces.back().count;
   ++next_count;
   run = run_next = sealed.begin() + cursor;
-  run_end = run + std::min(sealed.size() - cursor, current.shape.capacity - next_count);
+  run_end = sealed.end();
   return true;
 }
 
