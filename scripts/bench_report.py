@@ -81,7 +81,9 @@ def count_targets(pages):
 
 
 def area_text(page, pictures):
-    out = [f"## {page['title']}", ""]
+    tried = f"design/performance/{page['area']}.md"
+    out = [f"## {page['title']}", "",
+           f"What was mended and tried, and why a miss stands: [{tried}]({tried}).", ""]
     out += [line for text in page["texts"] for line in (text, "")]
     if page["rows"]:
         out += ["| row | who | median (min to max) | ours / theirs | target | |",
@@ -191,7 +193,6 @@ def write(pages, path):
            "by round. What counts are the ratios, the median over the rounds of ours divided by theirs; the figures",
            "themselves belong to this machine and its noise. Repeat it with `./dev bench`, one area with",
            "`./dev bench AREA`. Rivals come from Debian's packages and are never part of the library's own build.",
-           "What was tried for each miss, and why it stands, is in [design/performance.md](design/performance.md).",
            "", f"{datetime.date.today().isoformat()}, {machine()}. Targets met: {met}, missed: {missed}.", ""]
     for page in pages:
         out += area_text(page, os.path.basename(pictures))
