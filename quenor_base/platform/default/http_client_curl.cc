@@ -25,7 +25,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <utility>
 
 #include "quenor_base/platform/base/lock.h"
@@ -689,7 +688,7 @@ struct Io {
   // Guarded by the engine's lock.
   std::vector<Transfer*> submitted;
   std::vector<Transfer*> idle;
-  std::deque<Transfer*> waiting;         // For a place in their lines; the oldest first.
+  std::vector<Transfer*> waiting;        // For a place in their lines; the oldest first.
   int64_t waiting_deadline_ms = kNever;  // None of them has an earlier one.
   int64_t sleep_until_ms = kNever;       // While `sleeping`.
   bool any_closed = false;               // A client was destroyed since the I/O thread last looked.
@@ -822,8 +821,8 @@ class Engine {
   void EndWork(Io* io) QUENOR_EXCLUDES(lock_);
   void StartSubmitted(Io* io) QUENOR_EXCLUDES(lock_);
   void LeaveLine(Io* io, Transfer* transfer) QUENOR_EXCLUDES(lock_);
-  template <typename Condition>
-  std::vector<Transfer*> TakeWaiting(Io* io, Condition condition) QUENOR_EXCLUDES(lock_);
+  using IsDue = bool (*)(const Transfer&, int64_t now_ms);
+  void TakeWaiting(Io* io, IsDue is_due, int64_t now_ms) QUENOR_EXCLUDES(lock_);
   void CancelClosed(Io* io) QUENOR_EXCLUDES(lock_);
   void ExpireDeadlines(Io* io) QUENOR_EXCLUDES(lock_);
   void ExpireWaiting(Io* io, int64_t now_ms) QUENOR_EXCLUDES(lock_);
@@ -1193,31 +1192,30 @@ void Engine::CollectFinished(Io* io) {
   }
 }
 
-// Takes those out of the waiting ones for which the condition holds.
-template <typename Condition>
-std::vector<Transfer*> Engine::TakeWaiting(Io* io, Condition condition) {
+// The callbacks of those of the waiting ones that are due are to run next.
+void Engine::TakeWaiting(Io* io, IsDue is_due, int64_t now_ms) {
   base::AutoLock hold(lock_);
-  const auto taken =
-      std::stable_partition(io->waiting.begin(), io->waiting.end(),
-                            [&](Transfer* transfer) { return !condition(transfer); });
-  const std::vector<Transfer*> result(taken, io->waiting.end());
-  io->waiting.erase(taken, io->waiting.end());
   io->waiting_deadline_ms = kNever;
-  for (const Transfer* transfer : io->waiting) {
+  size_t left = 0;
+  for (Transfer* transfer : io->waiting) {
+    if (is_due(*transfer, now_ms)) {
+      io->finished.push_back(transfer);
+      continue;
+    }
+    io->waiting[left++] = transfer;
     io->waiting_deadline_ms = std::min(io->waiting_deadline_ms, transfer->deadline_ms);
   }
-  return result;
+  io->waiting.resize(left);
 }
 
 void Engine::CancelClosed(Io* io) {
-  // Those that wait first, lest they take the places of the others. Their callbacks are due; that
-  // they are cancelled is seen there.
-  for (Transfer* transfer : TakeWaiting(io, [](const Transfer* waiting) {
-         // acquire: pairs with the release in Close().
-         return waiting->client->closed.load(std::memory_order_acquire);
-       })) {
-    io->finished.push_back(transfer);
-  }
+  // Those that wait first, lest they take the places of the others. That they are cancelled is seen
+  // when their callbacks run.
+  const auto is_closed = [](const Transfer& transfer, int64_t) {
+    // acquire: pairs with the release in Close().
+    return transfer.client->closed.load(std::memory_order_acquire);
+  };
+  TakeWaiting(io, is_closed, 0);
   for (size_t i = io->active.size(); i-- > 0;) {
     Transfer* transfer = io->active[i];
     // acquire: pairs with the release in Close().
@@ -1252,13 +1250,17 @@ void Engine::ExpireWaiting(Io* io, int64_t now_ms) {
     base::AutoLock hold(lock_);
     if (now_ms < io->waiting_deadline_ms) return;
   }
-  for (Transfer* transfer : TakeWaiting(
-           io, [now_ms](const Transfer* waiting) { return waiting->deadline_ms <= now_ms; })) {
+  const size_t first = io->finished.size();
+  const auto is_late = [](const Transfer& transfer, int64_t now) {
+    return transfer.deadline_ms <= now;
+  };
+  TakeWaiting(io, is_late, now_ms);
+  for (size_t i = first; i < io->finished.size(); ++i) {
+    Transfer* transfer = io->finished[i];
     transfer->state = HttpClient::State::kTimedOut;
     transfer->code = CURLE_OPERATION_TIMEDOUT;
     transfer->verify_result = 0;
     std::snprintf(transfer->error, sizeof(transfer->error), "no connection became free in time");
-    io->finished.push_back(transfer);
   }
 }
 
