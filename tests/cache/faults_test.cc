@@ -149,7 +149,8 @@ void OpenSaveGrowShrinkReopen(Life& life) {
   packets.erase(packets.begin());
   packets.push_back(NamedPacket("new", 1, 500));
   life.SaveAs(packets);
-  for (const std::string& packet : NamedPackets("grown", FullLength() ? 60 : 15, 4000)) packets.push_back(packet);
+  for (const std::string& packet : NamedPackets("grown", FullLength() ? 60 : 15, 4000))
+    packets.push_back(packet);
   life.SaveAs(packets);
   packets.erase(packets.begin() + 3);
   life.SaveAs(packets);
