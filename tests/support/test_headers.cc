@@ -1,0 +1,1 @@
+// Has the headers that the tests share compiled.
