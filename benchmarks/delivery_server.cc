@@ -88,17 +88,6 @@ void Require(bool condition, const char* what) {
   std::exit(1);
 }
 
-TempFolder::TempFolder() {
-  std::string pattern = std::filesystem::temp_directory_path() / "quenor-bench-XXXXXX";
-  Require(mkdtemp(pattern.data()) != nullptr, "no temporary folder can be made");
-  path_ = pattern;
-}
-
-TempFolder::~TempFolder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
-
 Process::Process(const std::vector<std::string>& arguments,
                  const std::vector<std::pair<int, int>>& fds,
                  const std::vector<std::string>& environment) {

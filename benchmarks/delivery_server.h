@@ -11,23 +11,14 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/temp_folder.h"
+
 namespace quenor::bench {
 
 // Ends the program, with a line on standard error, unless `condition` holds.
 void Require(bool condition, const char* what);
 
-class TempFolder {
- public:
-  TempFolder();
-  ~TempFolder();
-  TempFolder(const TempFolder&) = delete;
-  TempFolder& operator=(const TempFolder&) = delete;
-  std::string File(const std::string& name) const { return path_ + "/" + name; }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+using test::TempFolder;
 
 // A program that runs beside this one.
 class Process {

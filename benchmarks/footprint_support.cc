@@ -25,18 +25,6 @@ void Fail(const std::string& what) {
   std::exit(1);
 }
 
-TempFolder::TempFolder() {
-  const char* parent = std::getenv("TMPDIR");
-  std::string pattern = std::string(parent != nullptr ? parent : "/tmp") + "/quenor-bench-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) Fail("cannot make a folder like " + pattern);
-  path_ = pattern;
-}
-
-TempFolder::~TempFolder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
-
 // ---- Programs -----------------------------------------------------------------------------------
 
 Child::Child(const std::vector<std::string>& arguments) {

@@ -15,23 +15,13 @@
 #include <vector>
 
 #include "quenor_base/platform/report_events.h"
+#include "tests/support/temp_folder.h"
 
 namespace quenor::bench {
 
 [[noreturn]] void Fail(const std::string& what);
 
-// A folder of its own, gone with everything in it when the object goes.
-class TempFolder {
- public:
-  TempFolder();
-  ~TempFolder();
-  TempFolder(const TempFolder&) = delete;
-  TempFolder& operator=(const TempFolder&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+using test::TempFolder;
 
 // A program with a pipe to its standard input and from its standard output. It ends with us.
 class Child {
