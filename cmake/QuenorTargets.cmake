@@ -22,19 +22,22 @@ function(quenor_library name)
   endif()
 endfunction()
 
-# quenor_service(<name> SRCS ... [LIBS ...] [INCLUDES ...] [SMALL])
-# The default implementation of one platform service: quenor::platform_default_<name>. SMALL: its
-# time goes into what it calls, so an optimized build makes it small rather than fast.
+# quenor_service(<name> [SRCS ...] [SMALL_SRCS ...] [LIBS ...] [INCLUDES ...])
+# The default implementation of one platform service: quenor::platform_default_<name>. SMALL_SRCS:
+# their time goes into what they call, so an optimized build makes them small rather than fast.
 function(quenor_service name)
-  cmake_parse_arguments(A "SMALL" "" "SRCS;LIBS;INCLUDES" ${ARGN})
+  cmake_parse_arguments(A "" "" "SRCS;SMALL_SRCS;LIBS;INCLUDES" ${ARGN})
   list(TRANSFORM A_SRCS PREPEND quenor_base/platform/default/)
-  quenor_library(platform_default_${name} SRCS ${A_SRCS} DEPS quenor::platform quenor::buffer)
+  list(TRANSFORM A_SMALL_SRCS PREPEND quenor_base/platform/default/)
+  quenor_library(platform_default_${name} SRCS ${A_SRCS} ${A_SMALL_SRCS}
+    DEPS quenor::platform quenor::buffer)
   target_link_libraries(quenor_platform_default_${name} PRIVATE ${A_LIBS})
   target_include_directories(quenor_platform_default_${name} SYSTEM PRIVATE ${A_INCLUDES})
   target_compile_definitions(quenor_platform_default_${name} PRIVATE
     QUENOR_VERSION="${PROJECT_VERSION}")
-  if(A_SMALL AND NOT QUENOR_SANITIZE)
-    target_compile_options(quenor_platform_default_${name} PRIVATE $<$<CONFIG:Release>:-Os>)
+  if(A_SMALL_SRCS AND NOT QUENOR_SANITIZE)
+    set_source_files_properties(${A_SMALL_SRCS} PROPERTIES
+      COMPILE_OPTIONS $<$<CONFIG:Release>:-Os>)
   endif()
 endfunction()
 

@@ -4,11 +4,10 @@
 #ifndef QUENOR_BASE_PLATFORM_DEFAULT_CACHE_FILE_FORMAT_H_
 #define QUENOR_BASE_PLATFORM_DEFAULT_CACHE_FILE_FORMAT_H_
 
-#define XXH_INLINE_ALL
-#include <xxhash.h>
-
 #include <cstddef>
 #include <cstdint>
+
+#include "quenor_base/platform/default/cache_hash.h"
 
 namespace quenor::cache_file {
 
@@ -51,15 +50,17 @@ constexpr uint64_t kRecordHeaderSize = sizeof(RecordHeader);
 static_assert(kHeaderSize == 32 && kRecordHeaderSize == 32 && sizeof(Run) == 16, "as on the disk");
 
 inline uint64_t CheckOf(const FileHeader& header) {
-  return XXH3_64bits(&header, offsetof(FileHeader, check));
+  return cache_io::CheckOfBytes(&header, offsetof(FileHeader, check));
 }
 
 // The record's place in the file is part of its checks: bytes of a cache file inside a packet are
 // no records.
 inline uint64_t CheckOf(const RecordHeader& header, uint64_t offset) {
-  return XXH3_64bits_withSeed(&header, offsetof(RecordHeader, check), offset);
+  return cache_io::CheckOfBytes(&header, offsetof(RecordHeader, check), offset);
 }
-uint64_t BodyCheckOf(const void* body, size_t size, uint64_t offset);
+inline uint64_t BodyCheckOf(const void* body, size_t size, uint64_t offset) {
+  return cache_io::CheckOfBytes(body, size, offset);
+}
 
 inline FileHeader MakeFileHeader() {
   FileHeader header = {kFileMagic, kVersion, 0, 0, 0};
@@ -80,29 +81,9 @@ inline bool IsRecord(const RecordHeader& header, uint64_t offset) {
          header.number < kNumberLimit && header.check == CheckOf(header, offset);
 }
 
-// Of a packet's bytes, under a key of the process's own, and never in the file. Two packets of one
-// digest and one size count as the same bytes.
-struct Digest {
-  uint64_t low;
-  uint64_t high;
-};
-inline bool operator==(const Digest& a, const Digest& b) {
-  return a.low == b.low && a.high == b.high;
-}
-Digest DigestOf(const void* data, size_t size, uint64_t key);
-
-// Body check and digest of bytes that come in parts.
-class BodyHasher {
- public:
-  BodyHasher(uint64_t offset, uint64_t key);
-  void Update(const void* data, size_t size);
-  uint64_t Check() const;
-  Digest ContentDigest() const;
-
- private:
-  XXH3_state_t check_;
-  XXH3_state_t digest_;
-};
+using cache_io::BodyHasher;
+using cache_io::Digest;
+using cache_io::DigestOf;
 
 }  // namespace quenor::cache_file
 

@@ -163,7 +163,7 @@ class Batch {
   size_t size() const { return bytes_.size(); }
 
   [[nodiscard]] bool Reserve(size_t size) { return bytes_.Reserve(size); }
-  [[nodiscard]] bool Add(const void* bytes, size_t size) {
+  [[nodiscard, gnu::noinline]] bool Add(const void* bytes, size_t size) {
     return bytes_.Append(static_cast<const uint8_t*>(bytes), size);
   }
   // The header of a packet whose bytes follow.

@@ -55,7 +55,7 @@ struct Registry {
   std::vector<pthread_t> ended;  // Threads at their very end, to be joined.
 };
 
-std::atomic<Registry*>& TheRegistryPointer() {
+[[gnu::cold]] std::atomic<Registry*>& TheRegistryPointer() {
   static std::atomic<Registry*>* const registry = [] {
     // None of the threads is in a forked child, and any of them may hold the lock there.
     pthread_atfork(nullptr, nullptr, [] { TheRegistryPointer().store(new Registry); });
@@ -64,9 +64,11 @@ std::atomic<Registry*>& TheRegistryPointer() {
   return *registry;
 }
 
-Registry& TheRegistry() { return *TheRegistryPointer().load(std::memory_order_acquire); }
+[[gnu::cold]] Registry& TheRegistry() {
+  return *TheRegistryPointer().load(std::memory_order_acquire);
+}
 
-void JoinEnded() {
+[[gnu::cold]] void JoinEnded() {
   Registry& registry = TheRegistry();
   std::vector<pthread_t> ended;
   {
@@ -125,7 +127,7 @@ class QueueCore {
   }
 
   // Counts the queue as draining, once.
-  void Retire() {
+  [[gnu::cold]] void Retire() {
     if (IsInForkedChild()) return;
     std::lock_guard<std::mutex> hold(TheRegistry().mutex);
     if (!retired_) ++TheRegistry().draining;
@@ -133,7 +135,7 @@ class QueueCore {
   }
 
   // The last reference to the queue has gone. Nothing is run or destroyed here.
-  void Close() {
+  [[gnu::cold]] void Close() {
     if (IsInForkedChild()) return;
     Retire();
     std::unique_lock<base::ShortLock> hold(lock_);
@@ -142,7 +144,7 @@ class QueueCore {
   }
 
   // The thread's whole life.
-  void Run() {
+  [[gnu::hot, gnu::noinline]] void Run() {
     std::vector<Task> batch;
     while (WaitForTasks(&batch)) {
       for (Task& task : batch) std::move(task).Run();
@@ -159,7 +161,8 @@ class QueueCore {
   bool IsInForkedChild() const { return generation_ != base::ForkGeneration(); }
 
   // Allocates and frees without the lock.
-  [[gnu::noinline]] void MakeRoomAndPost(Task&& task, std::unique_lock<base::ShortLock>* hold) {
+  [[gnu::cold, gnu::noinline]] void MakeRoomAndPost(Task&& task,
+                                                    std::unique_lock<base::ShortLock>* hold) {
     std::vector<Task> roomy;  // In the end the vector that was too small, which goes last of all.
     while (tasks_.size() == tasks_.capacity()) {
       const size_t wanted = std::max<size_t>(2 * tasks_.capacity(), 16);
@@ -267,7 +270,7 @@ class QueueCore {
     std::this_thread::sleep_until(until);
   }
 
-  void DestroyDelayed() {
+  [[gnu::cold]] void DestroyDelayed() {
     std::map<std::pair<Clock::time_point, uint64_t>, Task> doomed;
     {
       std::lock_guard<std::mutex> hold(delayed_mutex_);
@@ -322,7 +325,7 @@ class PthreadDispatchQueue : public DispatchQueue {
     std::string name;
   };
 
-  static void* ThreadMain(void* start_pointer) {
+  [[gnu::cold]] static void* ThreadMain(void* start_pointer) {
     {
       const std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(start_pointer));
       pthread_setname_np(pthread_self(), start->name.substr(0, 15).c_str());
@@ -343,7 +346,8 @@ class PthreadDispatchQueue : public DispatchQueue {
 };
 
 // Creates the thread with every signal blocked: the host's handlers run on the host's threads.
-bool StartThread(std::unique_ptr<PthreadDispatchQueue::ThreadStart> start, size_t stack_size) {
+[[gnu::cold]] bool StartThread(std::unique_ptr<PthreadDispatchQueue::ThreadStart> start,
+                               size_t stack_size) {
   pthread_attr_t attributes;
   if (pthread_attr_init(&attributes) != 0) return false;
   if (stack_size != 0) {
@@ -367,7 +371,7 @@ bool StartThread(std::unique_ptr<PthreadDispatchQueue::ThreadStart> start, size_
 
 namespace core {
 
-std::shared_ptr<DispatchQueue> ThreadManager::CreateNewDispatchQueue(
+[[gnu::cold]] std::shared_ptr<DispatchQueue> ThreadManager::CreateNewDispatchQueue(
     BusinessID, const std::string& name, const base::Optional<base::Thread::Options>& options) {
   JoinEnded();
   auto core = std::make_shared<QueueCore>();
@@ -387,7 +391,7 @@ std::shared_ptr<DispatchQueue> ThreadManager::CreateNewDispatchQueue(
   return queue;
 }
 
-bool ThreadManager::WaitForDrain(base::TimeDelta timeout) {
+[[gnu::cold]] bool ThreadManager::WaitForDrain(base::TimeDelta timeout) {
   // A queue's own thread cannot wait for itself.
   if (base::ThreadCreateFlag::IsThreadCreateByQuenor()) return false;
   Registry& registry = TheRegistry();

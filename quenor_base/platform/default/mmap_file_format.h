@@ -16,6 +16,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "quenor_base/platform/default/cache_hash.h"
+
 namespace quenor::mmap_format {
 
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__
@@ -116,14 +118,14 @@ constexpr uint64_t RoundUp(uint64_t value, uint64_t unit) {
 // What a packet takes up in an area.
 constexpr uint64_t PacketRoom(uint64_t length) { return RoundUp(sizeof(PacketHeader) + length, 8); }
 
-// Of any number of bytes; those below are the same of a few, inlined.
-uint64_t Check(const void* bytes, size_t size);
-inline uint64_t CheckOf(const Header& header) {
-  return XXH3_64bits(&header, offsetof(Header, check));
+// Of any number of bytes. Every save needs those of seals and packets' heads: the same, inlined.
+inline uint64_t Check(const void* bytes, size_t size) {
+  return cache_io::CheckOfBytes(bytes, size);
 }
+inline uint64_t CheckOf(const Header& header) { return Check(&header, offsetof(Header, check)); }
 inline uint64_t CheckOf(const Seal& seal) { return XXH3_64bits(&seal, offsetof(Seal, check)); }
 inline uint64_t CheckOf(const ExtentHeader& header) {
-  return XXH3_64bits(&header, offsetof(ExtentHeader, check));
+  return Check(&header, offsetof(ExtentHeader, check));
 }
 inline uint32_t CheckOf(const PacketHeader& header) {
   const uint64_t bytes[2] = {header.magic | uint64_t{header.length} << 32, header.body_check};

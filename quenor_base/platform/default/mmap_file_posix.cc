@@ -190,7 +190,7 @@ struct MultiProcessSafetyMmapFile::State {
   enum class Claim { kTake, kLeave };
   enum class Outcome { kDone, kTryAgain, kFailed };
 
-  State(std::string path_in, uint64_t wished_bytes_in)
+  [[gnu::cold]] State(std::string path_in, uint64_t wished_bytes_in)
       : path(std::move(path_in)), wished_bytes(wished_bytes_in) {}
   ~State();
   [[gnu::cold]] void Detach();
@@ -218,7 +218,7 @@ struct MultiProcessSafetyMmapFile::State {
   OwnerRecord* record(uint32_t owner) const {
     return reinterpret_cast<OwnerRecord*>(table.data() + RecordOffset(owner));
   }
-  OwnerView View(uint32_t owner) const;
+  [[gnu::cold]] OwnerView View(uint32_t owner) const;
   uint64_t NextSaveNumber() const;
   void WriteSeal(uint32_t owner, int which, const Seal& seal) const;
   void ReplaceSeal(uint32_t owner, int in_force_now, Seal seal) const;
@@ -228,15 +228,15 @@ struct MultiProcessSafetyMmapFile::State {
   bool MakeExtent(uint64_t area_bytes, uint64_t packets, Extent* extent) const;
   void WriteExtentHeader(const Extent& extent, uint64_t state) const;
   bool ReserveRange(uint64_t size, uint64_t* offset) const;
-  bool ReserveLocked(uint64_t size, uint64_t* offset) const;
-  bool UsedRanges(NothrowArray<Range>* used) const;
-  bool IsFreeUnit(uint64_t at, uint64_t gap_end, uint64_t* skip) const;
-  bool FreeRange(uint64_t begin, uint64_t end, uint64_t gap_end) const;
-  bool EraseExtent(uint64_t offset, uint64_t size) const;
+  [[gnu::cold]] bool ReserveLocked(uint64_t size, uint64_t* offset) const;
+  [[gnu::cold]] bool UsedRanges(NothrowArray<Range>* used) const;
+  [[gnu::cold]] bool IsFreeUnit(uint64_t at, uint64_t gap_end, uint64_t* skip) const;
+  [[gnu::cold]] bool FreeRange(uint64_t begin, uint64_t end, uint64_t gap_end) const;
+  [[gnu::cold]] bool EraseExtent(uint64_t offset, uint64_t size) const;
   void Discard(Extent* extent) const;
   void DropReservation(uint64_t offset) const;
-  void GiveBack(uint64_t offset, uint64_t size) const;
-  void GiveBackIfEmpty();
+  [[gnu::cold]] void GiveBack(uint64_t offset, uint64_t size) const;
+  [[gnu::cold]] void GiveBackIfEmpty();
 
   // --- Saving ------------------------------------------------------------------------------------
   bool Clear(int64_t size);
@@ -896,7 +896,7 @@ bool MultiProcessSafetyMmapFile::State::UsedRanges(NothrowArray<Range>* used) co
     if (!cache_io::FileSize(file.fd(), &size, &links)) return false;
     (void)used->Push({kTableSize, std::max(kTableSize, RoundUp(size, kUnit))});
   }
-  std::sort(used->begin(), used->end(), [](Range a, Range b) { return a.begin < b.begin; });
+  mmap_format::SortByBegin(used->begin(), used->end());
   return true;
 }
 

@@ -37,8 +37,6 @@ SealState StateOf(const Seal& seal) {
 
 }  // namespace
 
-uint64_t Check(const void* bytes, size_t size) { return XXH3_64bits(bytes, size); }
-
 bool IsSound(const ExtentHeader& head, uint64_t offset) {
   return head.magic == kExtentMagic && head.check == CheckOf(head) && head.owner >= 1 &&
          head.owner <= kOwners && IsSaneExtent(offset, head.size);
@@ -47,6 +45,12 @@ bool IsSound(const ExtentHeader& head, uint64_t offset) {
 bool IsLeftOver(const ExtentHeader& head, const OwnerView& owner) {
   const bool sealed_since = owner.in_force >= 0 && owner.seal().save_number > head.epoch;
   return head.state == kBuilding || head.state == kFree || sealed_since;
+}
+
+void SortByBegin(Range* first, Range* last) {
+  const auto comes_before = [](Range a, Range b) { return a.begin < b.begin; };
+  std::make_heap(first, last, comes_before);
+  std::sort_heap(first, last, comes_before);
 }
 
 OwnerView ViewOf(const OwnerRecord& record) {
@@ -288,7 +292,7 @@ bool Reader::ExamineGaps(Survey* survey) {
       used[count++] = Range{seal.extent_offset, seal.extent_offset + seal.extent_size};
     }
   }
-  std::sort(used, used + count, [](Range a, Range b) { return a.begin < b.begin; });
+  SortByBegin(used, used + count);
   uint64_t at = std::min(kTableSize, file_size_);
   for (size_t i = 0; i < count; ++i) {
     if (!ExamineGap(at, std::min(used[i].begin, file_size_), survey)) return false;

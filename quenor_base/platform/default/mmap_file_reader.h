@@ -23,6 +23,8 @@ struct Range {
   uint64_t begin;
   uint64_t end;
 };
+// By their begins.
+void SortByBegin(Range* first, Range* last);
 
 // What an owner's record says.
 struct OwnerView {

@@ -25,18 +25,7 @@ class NothrowArray {
 
   // Makes room for `size` values in all, and for as many again when it has to grow. False when
   // there is no memory; nothing has changed then.
-  [[nodiscard]] bool Reserve(size_t size) {
-    if (size <= capacity_) return true;
-    if (size > SIZE_MAX / sizeof(T) / 2) return false;
-    const size_t capacity = std::max(size, std::min(2 * capacity_, SIZE_MAX / sizeof(T) / 2));
-    T* const grown = static_cast<T*>(std::malloc(capacity * sizeof(T)));
-    if (grown == nullptr) return false;
-    if (size_ > 0) std::memcpy(static_cast<void*>(grown), data_, size_ * sizeof(T));
-    std::free(data_);
-    data_ = grown;
-    capacity_ = capacity;
-    return true;
-  }
+  [[nodiscard]] bool Reserve(size_t size) { return size <= capacity_ || Grow(size); }
   [[nodiscard]] bool Push(const T& value) { return Append(&value, 1); }
   // `values` must not be of this array.
   [[nodiscard]] bool Append(const T* values, size_t count) {
@@ -78,6 +67,19 @@ class NothrowArray {
   const T* end() const { return data_ + size_; }
 
  private:
+  // One copy per type; inlined, it would be in every place that adds something.
+  [[gnu::noinline]] bool Grow(size_t size) {
+    if (size > SIZE_MAX / sizeof(T) / 2) return false;
+    const size_t capacity = std::max(size, std::min(2 * capacity_, SIZE_MAX / sizeof(T) / 2));
+    T* const grown = static_cast<T*>(std::malloc(capacity * sizeof(T)));
+    if (grown == nullptr) return false;
+    if (size_ > 0) std::memcpy(static_cast<void*>(grown), data_, size_ * sizeof(T));
+    std::free(data_);
+    data_ = grown;
+    capacity_ = capacity;
+    return true;
+  }
+
   T* data_ = nullptr;  // Owned; null while nothing was reserved.
   size_t size_ = 0;
   size_t capacity_ = 0;

@@ -1,12 +1,11 @@
-// The hashes of cache_file_format.h over bytes of any length, once for the writer and the reader:
-// inlined, each of them would bring several KiB of code to every place that uses it.
 #define XXH_NO_INLINE_HINTS 1  // A third less code, a few nanoseconds a call.
-#include "quenor_base/platform/default/cache_file_format.h"
+#define XXH_INLINE_ALL
+#include "quenor_base/platform/default/cache_hash.h"
 
-namespace quenor::cache_file {
+namespace quenor::cache_io {
 
-uint64_t BodyCheckOf(const void* body, size_t size, uint64_t offset) {
-  return XXH3_64bits_withSeed(body, size, offset);
+uint64_t CheckOfBytes(const void* bytes, size_t size, uint64_t seed) {
+  return XXH3_64bits_withSeed(bytes, size, seed);
 }
 
 Digest DigestOf(const void* data, size_t size, uint64_t key) {
@@ -14,10 +13,10 @@ Digest DigestOf(const void* data, size_t size, uint64_t key) {
   return {hash.low64, hash.high64};
 }
 
-BodyHasher::BodyHasher(uint64_t offset, uint64_t key) {
+BodyHasher::BodyHasher(uint64_t seed, uint64_t key) {
   XXH3_INITSTATE(&check_);
   XXH3_INITSTATE(&digest_);
-  XXH3_64bits_reset_withSeed(&check_, offset);
+  XXH3_64bits_reset_withSeed(&check_, seed);
   XXH3_128bits_reset_withSeed(&digest_, key);
 }
 
@@ -33,4 +32,4 @@ Digest BodyHasher::ContentDigest() const {
   return {hash.low64, hash.high64};
 }
 
-}  // namespace quenor::cache_file
+}  // namespace quenor::cache_io
