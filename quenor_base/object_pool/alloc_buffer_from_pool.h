@@ -51,11 +51,12 @@ inline constexpr BufferClass kBufferClasses[] = {
 inline std::atomic<BufferObjPool*> g_buffer_pools[std::size(kBufferClasses)] = {};
 
 // Makes pool number `index`, once.
-BufferObjPool* MakeBufferObjPool(size_t index);
+[[gnu::cold]] BufferObjPool* MakeBufferObjPool(size_t index);
 
 // Any thread. The pool of the arrays of `class_length` bytes: for the nine class lengths never null
 // and the same one for the life of the process; null for every other length. Lends it.
-inline BufferObjPool* GetBufferObjPool(uint32_t class_length) {
+// Always inline: for a length that is known to the compiler it is one load.
+[[gnu::always_inline]] inline BufferObjPool* GetBufferObjPool(uint32_t class_length) {
   for (size_t i = 0; i < std::size(kBufferClasses); ++i) {
     if (kBufferClasses[i].length_bytes != class_length) continue;
     BufferObjPool* const pool = g_buffer_pools[i].load(std::memory_order_acquire);

@@ -172,9 +172,12 @@ class TLSObjectPool {
   // freed a tier already, or when the thread has no room for the slot's value. Lends the tier until
   // the thread ends.
   Tier* GetTLSPool(std::shared_ptr<Global> (*get_global)(void*), void* arg) {
-    void* tier = objpool::NearTiers::Get(near_place_);
-    return tier != nullptr ? static_cast<Tier*>(tier) : FindTier(get_global, arg);
+    Tier* tier = TierAtHand();
+    return tier != nullptr ? tier : FindTier(get_global, arg);
   }
+
+  // Any thread. The calling thread's tier when one load finds it; null says nothing. Lends it.
+  Tier* TierAtHand() const { return static_cast<Tier*>(objpool::NearTiers::Get(near_place_)); }
 
   // Any thread. The length of every array, in elements.
   uint32_t object_size() const { return object_size_; }
@@ -182,8 +185,7 @@ class TLSObjectPool {
  private:
   friend class ObjectPoolTestPeer;
 
-  // Kept out of line, as the other rare steps are: the common path then saves no registers.
-  [[gnu::noinline]] Tier* FindTier(std::shared_ptr<Global> (*get_global)(void*), void* arg) {
+  Tier* FindTier(std::shared_ptr<Global> (*get_global)(void*), void* arg) {
     void* tier = slot_.Get();
     return tier != nullptr ? static_cast<Tier*>(tier) : MakeTier(get_global, arg);
   }
@@ -232,25 +234,33 @@ class TLSObjectPoolImpl {
   Holder& holder() { return static_cast<Holder&>(*this); }
   SharedHolder& shared() { return static_cast<SharedHolder&>(*global_pool_); }
 
-  // Appends `p` (may be null) to `list` in a kept node, or in a new one when none is kept.
-  void Append(Batch& list, Element* p);
-  // Makes an empty node.
-  [[gnu::noinline]] void MakeNode() { holder().empty_nodes.emplace_back(); }
-  // Stores an array that the free list has no room for.
-  [[gnu::noinline]] void Gather(Element* p);
-  // Fills the empty free list.
-  [[gnu::noinline]] void Refill();
-  // The newest batch of the shared tier, in exchange for surplus empty nodes; empty when there is
-  // none.
-  Batch TakeBatch();
-  // Gives `pending_batch_` away, in exchange for empty nodes, and leaves it empty.
+  // Takes the last array out of the free list; null when that one could not be made.
+  Element* TakeLast();
+  // The rare steps are kept out of line: the common path then saves no registers.
+  [[gnu::noinline]] Element* TakeLastWhenDry();
+  // Stores `p` (may be null) in the free list's first spare node; there must be one.
+  void StoreInSpare(Element* p);
+  // Stores `p` (may be null) in a new node of the free list, which has no spare one.
+  void StoreInNewNode(Element* p);
+  // Stores `p` when the free list has no spare node.
+  [[gnu::noinline]] void StoreWithoutSpare(Element* p);
+  // Stores `p`, which the free list has no room for, in the pending batch.
+  void Gather(Element* p);
+  // Fills the free list, which holds no array.
+  void Refill();
+  // Makes the newest batch of the shared tier the free list, in exchange for its spare nodes.
+  // False, with nothing changed, when there is none.
+  bool TakeBatch();
+  // Gives the pending batch away, in exchange for spare nodes.
   void HandOver();
 
   std::shared_ptr<Global> global_pool_;
-  Batch free_list_;      // ready to hand out, the latest return at the back
+  // Of both lists the first nodes hold arrays and the others are spare; the holder knows where the
+  // spare ones begin.
+  Batch free_list_;      // ready to hand out, the latest return in the last node that holds one
   Batch pending_batch_;  // returns beyond a full free list, fewer than a batch
   uint32_t object_size_;
-  uint32_t capacity_;  // bound of both lists, and the size of a batch
+  uint32_t capacity_;  // bound of both lists, in nodes, and the size of a batch
 };
 
 // The shared tier of one pool. Always the base of an objpool::SharedTier.
@@ -307,21 +317,16 @@ class ObjectPool {
   // Any thread. An array with whatever its last user left in it, or null when memory has run out.
   // The caller owns it and gives it back with Reuse, on any thread.
   [[nodiscard]] Element* AllocRaw() {
-    auto* tier = tls_pool_->GetTLSPool(&GetGlobalObjectPool, this);
-    if (tier == nullptr) return Allocator()(tls_pool_->object_size());
-    return tier->Alloc().Release();
+    auto* tier = tls_pool_->TierAtHand();
+    return tier != nullptr ? tier->Alloc().Release() : AllocRawWithNoneAtHand();
   }
 
   // Any thread. Takes `p`, an array that AllocRaw of this pool handed out (not checked); null is
   // ignored.
   void Reuse(Element* p) {
-    auto* tier = tls_pool_->GetTLSPool(&GetGlobalObjectPool, this);
-    if (p == nullptr) return;
-    if (tier == nullptr) {
-      Destroyer()(p, tls_pool_->object_size());
-      return;
-    }
-    tier->Reuse(p);
+    auto* tier = tls_pool_->TierAtHand();
+    if (tier == nullptr) return ReuseWithNoneAtHand(p);
+    if (p != nullptr) tier->Reuse(p);
   }
 
   // Any thread. The shared tier of the ObjectPool at `pool`, made when none is alive; empty when
@@ -330,6 +335,10 @@ class ObjectPool {
 
  private:
   friend class ObjectPoolTestPeer;
+
+  // The same two when the thread has no tier yet, or when finding it takes more than a load.
+  [[gnu::noinline]] Element* AllocRawWithNoneAtHand();
+  [[gnu::noinline]] void ReuseWithNoneAtHand(Element* p);
 
   static void LockForFork(void* pool);
   static void UnlockAfterFork(void* pool);
@@ -344,16 +353,18 @@ class ObjectPool {
 
 namespace objpool {
 
-// List nodes are kept, not freed: taking an array out leaves its node empty, storing one needs a
-// node, and in the long run both happen equally often. A thread keeps its empty nodes beside its
-// tier. A whole batch travels in an envelope, the node of `batches_` that holds it, and pays for
-// its passage: who takes a batch leaves his empty nodes above `capacity_` in his own envelope, who
-// hands one over takes such an envelope along. So a thread that only takes and a thread that only
-// returns need no new nodes either, and nothing is allocated while the mutex is held.
-// Bounds: a thread's nodes, full and empty, are at most 2 * capacity_. A node is made only when
-// none is empty, for two lists of that length together; taking leaves one capacity of empty nodes
-// beside the batch; handing over leaves a full free list beside an envelope of at most one
-// capacity.
+// A list keeps its nodes: a cursor divides those that hold an array, in front, from the spare ones
+// behind, each of which owns null. Taking an array out and storing one moves the cursor by a node
+// and links nothing. Only the cursor tells a spare node from one that holds a null: an array that
+// could not be made is held like any other.
+// A whole batch travels in an envelope, the node of `batches_` that it is in, and pays for its
+// passage in spare nodes: who takes a batch leaves the nodes of his empty free list in the
+// envelope, who hands one over finds such nodes in the next envelope. So a thread that only takes
+// and a thread that only returns need no new nodes either, and nothing is allocated while the mutex
+// is held.
+// Bounds: a thread's nodes, holding and spare, are at most 2 * capacity_, since each of its two
+// lists has at most capacity_: a list makes a node only while it has fewer, and otherwise gets all
+// its nodes at once, from the other list or from an envelope, in exchange for its own.
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
 struct ThreadTier final : TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer> {
@@ -364,9 +375,17 @@ struct ThreadTier final : TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer> {
              uint32_t capacity, uint32_t place)
       : Base(std::move(global_pool), object_size, capacity), near_place(place) {}
 
+  using Node = typename Batch::iterator;
+
+  // Of free_list_: the node whose array goes next, anything when none holds one; and the first
+  // spare node, or the end. Two neighbours, so that a take after a return and a return after a take
+  // find their node without reading a link. Not side by side in memory: the compiler would write
+  // both in one store, and a processor reads half of a store later than all of it.
+  Node last{};
+  Node gathered = Base::pending_batch_.end();  // the first spare node of pending_batch_, or its end
+  Node spare = Base::free_list_.end();
   const uint32_t near_place;  // of the pool, in NearTiers
-  Batch empty_nodes;          // every array in it is null
-  std::list<Batch> envelope;  // none or one, empty inside between exchanges
+  std::list<Batch> envelope;  // none or one, empty inside: for the next hand-over
 };
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
@@ -375,8 +394,8 @@ struct SharedTier final : GlobalObjectPool<T, Resetter, Allocator, Destroyer> {
 
   explicit SharedTier(uint32_t max_batches) : Base(max_batches) {}
 
-  // Guarded by `mutex_`. With `batches_` together never more than max_batches_ + 1: an envelope is
-  // made only when a hand-over finds none here.
+  // Guarded by `mutex_`; with nothing but spare nodes inside. With `batches_` together never more
+  // than max_batches_ + 1: another envelope comes in only when a hand-over finds none here.
   std::list<typename Base::Batch> empty_envelopes;
 };
 
@@ -415,100 +434,124 @@ void TLSObjectPool<T, Resetter, Allocator, Destroyer>::OnThreadEnd(void* tier) {
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
-auto TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Alloc() -> Array {
-  if (free_list_.empty()) Refill();
-  Array array = std::move(free_list_.back());
-  Batch& nodes = holder().empty_nodes;
-  nodes.splice(nodes.begin(), free_list_, std::prev(free_list_.end()));
-  return array;
+inline auto TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Alloc() -> Array {
+  return Array(TakeLast(), object_size_);
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
-void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Reuse(Element* p) {
+inline auto TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::TakeLast() -> Element* {
+  Holder& self = holder();
+  if (self.spare == free_list_.begin()) return TakeLastWhenDry();
+  const auto node = self.last;
+  self.spare = node;
+  if (node != free_list_.begin()) self.last = std::prev(node);
+  return node->Release();
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+auto TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::TakeLastWhenDry() -> Element* {
+  Refill();
+  return TakeLast();
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+inline void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Reuse(Element* p) {
   Resetter()(p, object_size_);
+  if (holder().spare == free_list_.end()) return StoreWithoutSpare(p);
+  StoreInSpare(p);
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+inline void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::StoreInSpare(Element* p) {
+  Holder& self = holder();
+  const auto node = self.spare;
+  self.last = node;
+  self.spare = std::next(node);
+  node->Take(p, object_size_);
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::StoreInNewNode(Element* p) {
+  free_list_.emplace_back(p, object_size_);
+  holder().last = std::prev(free_list_.end());
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::StoreWithoutSpare(Element* p) {
   if (free_list_.size() < capacity_) {
-    Append(free_list_, p);
+    StoreInNewNode(p);
     return;
   }
   Gather(p);
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
-void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Gather(Element* p) {
-  Append(pending_batch_, p);
-  if (pending_batch_.size() >= capacity_) HandOver();
-}
-
-template <typename T, typename Resetter, typename Allocator, typename Destroyer>
-inline void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Append(Batch& list, Element* p) {
-  Batch& nodes = holder().empty_nodes;
-  if (nodes.empty()) MakeNode();
-  nodes.front().Take(p, object_size_);
-  list.splice(list.end(), nodes, nodes.begin());
+inline void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Gather(Element* p) {
+  auto& spare = holder().gathered;
+  if (spare != pending_batch_.end()) {
+    spare->Take(p, object_size_);
+    ++spare;
+  } else {
+    pending_batch_.emplace_back(p, object_size_);
+  }
+  if (spare == pending_batch_.end() && pending_batch_.size() >= capacity_) HandOver();
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
 void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Refill() {
-  if (!pending_batch_.empty()) {
-    free_list_.splice(free_list_.end(), pending_batch_);
+  Holder& self = holder();
+  if (self.gathered != pending_batch_.begin()) {
+    const bool all = self.gathered == pending_batch_.end();
+    free_list_.swap(pending_batch_);
+    self.spare = all ? free_list_.end() : self.gathered;
+    self.last = std::prev(self.spare);
+    self.gathered = pending_batch_.begin();
     return;
   }
-  Batch batch = TakeBatch();
-  while (batch.size() < capacity_) Append(batch, Allocator()(object_size_));
-  free_list_.splice(free_list_.end(), batch);
+  for (size_t held = TakeBatch() ? free_list_.size() : 0; held < capacity_; ++held) {
+    Element* const p = Allocator()(object_size_);
+    if (self.spare != free_list_.end()) {
+      StoreInSpare(p);
+    } else {
+      StoreInNewNode(p);
+    }
+  }
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
-auto TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::TakeBatch() -> Batch {
-  Batch taken;
-  if (global_pool_ == nullptr) return taken;
-  std::list<Batch>& envelope = holder().envelope;
-  if (envelope.empty()) envelope.emplace_back();
-  Batch& nodes = holder().empty_nodes;
-  if (nodes.size() > capacity_) {  // the rest serves this thread's returns up to its next hand-over
-    const auto surplus = static_cast<std::ptrdiff_t>(nodes.size() - capacity_);
-    envelope.front().splice(envelope.front().end(), nodes, nodes.begin(),
-                            std::next(nodes.begin(), surplus));
-  }
-  bool found = false;
+bool TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::TakeBatch() {
+  if (global_pool_ == nullptr) return false;
   {
     SharedHolder& tier = shared();
     std::lock_guard<std::mutex> lock(tier.mutex_);
-    found = !tier.batches_.empty();
-    if (found) {
-      tier.empty_envelopes.splice(tier.empty_envelopes.end(), envelope);
-      envelope.splice(envelope.end(), tier.batches_, std::prev(tier.batches_.end()));
-    }
+    if (tier.batches_.empty()) return false;
+    const auto newest = std::prev(tier.batches_.end());
+    newest->swap(free_list_);
+    tier.empty_envelopes.splice(tier.empty_envelopes.end(), tier.batches_, newest);
   }
-  if (found) {
-    taken.swap(envelope.front());
-  } else {
-    nodes.splice(nodes.end(), envelope.front());
-  }
-  return taken;
+  holder().spare = free_list_.end();
+  if (!free_list_.empty()) holder().last = std::prev(free_list_.end());
+  return true;
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
 void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::HandOver() {
   if (global_pool_ == nullptr) {
-    pending_batch_.clear();
+    Batch freed;
+    freed.swap(pending_batch_);
+    holder().gathered = pending_batch_.end();
     return;
   }
-  std::list<Batch>& envelope = holder().envelope;
-  if (envelope.empty()) envelope.emplace_back();
-  envelope.front().swap(pending_batch_);
-  {
-    SharedHolder& tier = shared();
-    std::lock_guard<std::mutex> lock(tier.mutex_);
-    tier.batches_.splice(tier.batches_.end(), envelope);
-    if (!tier.empty_envelopes.empty()) {
-      envelope.splice(envelope.end(), tier.empty_envelopes, std::prev(tier.empty_envelopes.end()));
-    }
-    tier.TrimLocked();
-  }
-  if (envelope.empty()) return;
-  Batch& nodes = holder().empty_nodes;
-  nodes.splice(nodes.end(), envelope.front());
+  std::list<Batch>& own = holder().envelope;
+  if (own.empty()) own.emplace_back();
+  SharedHolder& tier = shared();
+  std::lock_guard<std::mutex> lock(tier.mutex_);
+  std::list<Batch>& envelopes = tier.empty_envelopes.empty() ? own : tier.empty_envelopes;
+  const auto envelope = std::prev(envelopes.end());
+  envelope->swap(pending_batch_);
+  holder().gathered = pending_batch_.begin();
+  tier.batches_.splice(tier.batches_.end(), envelopes, envelope);
+  tier.TrimLocked();
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
@@ -516,6 +559,24 @@ void GlobalObjectPool<T, Resetter, Allocator, Destroyer>::TrimLocked() {
   if (batches_.size() <= max_batches_) return;
   const uint32_t left = BatchesLeftByTrim(max_batches_);
   while (batches_.size() > left) batches_.pop_front();
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+auto ObjectPool<T, Resetter, Allocator, Destroyer>::AllocRawWithNoneAtHand() -> Element* {
+  auto* tier = tls_pool_->GetTLSPool(&GetGlobalObjectPool, this);
+  if (tier == nullptr) return Allocator()(tls_pool_->object_size());
+  return tier->Alloc().Release();
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+void ObjectPool<T, Resetter, Allocator, Destroyer>::ReuseWithNoneAtHand(Element* p) {
+  auto* tier = tls_pool_->GetTLSPool(&GetGlobalObjectPool, this);
+  if (p == nullptr) return;
+  if (tier == nullptr) {
+    Destroyer()(p, tls_pool_->object_size());
+    return;
+  }
+  tier->Reuse(p);
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>

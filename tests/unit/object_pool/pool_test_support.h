@@ -50,14 +50,17 @@ class ObjectPoolTestPeer {
     return pool.max_batches_;
   }
 
-  // The arrays of a list, front to back. The calling thread must have a tier.
+  // The arrays that a list holds, front to back; not what its spare nodes own, which must be null.
+  // The calling thread must have a tier.
   template <typename Pool>
   static auto FreeList(Pool& pool) {
-    return Addresses(Tier(pool)->free_list_);
+    auto* tier = Tier(pool);
+    return Held(tier->free_list_, tier->holder().spare);
   }
   template <typename Pool>
   static auto PendingBatch(Pool& pool) {
-    return Addresses(Tier(pool)->pending_batch_);
+    auto* tier = Tier(pool);
+    return Held(tier->pending_batch_, tier->holder().gathered);
   }
   // The shared tier's batches, oldest first.
   template <typename Pool>
@@ -65,15 +68,34 @@ class ObjectPoolTestPeer {
     auto& global = *Tier(pool)->global_pool_;
     std::lock_guard<std::mutex> lock(global.mutex_);
     std::vector<std::vector<uint8_t*>> batches;
-    for (const auto& batch : global.batches_) batches.push_back(Addresses(batch));
+    for (const auto& batch : global.batches_) batches.push_back(Held(batch, batch.end()));
     return batches;
   }
-  // The list nodes that the calling thread's tier holds, full and empty.
+  // The list nodes that the calling thread's tier has, holding and spare.
   template <typename Pool>
   static size_t Nodes(Pool& pool) {
     auto* tier = Tier(pool);
-    return tier->free_list_.size() + tier->pending_batch_.size() +
-           tier->holder().empty_nodes.size();
+    size_t nodes = tier->free_list_.size() + tier->pending_batch_.size();
+    for (const auto& envelope : tier->holder().envelope) nodes += envelope.size();
+    return nodes;
+  }
+  // Of the longer of its two lists.
+  template <typename Pool>
+  static size_t MostNodesOfAList(Pool& pool) {
+    auto* tier = Tier(pool);
+    return std::max(tier->free_list_.size(), tier->pending_batch_.size());
+  }
+  // The nodes that lie ready in the shared tier for those who hand over.
+  template <typename Pool>
+  static std::vector<size_t> NodesInEmptyEnvelopes(Pool& pool) {
+    auto& tier = Tier(pool)->shared();
+    std::lock_guard<std::mutex> lock(tier.mutex_);
+    std::vector<size_t> nodes;
+    for (const auto& envelope : tier.empty_envelopes) {
+      nodes.push_back(envelope.size());
+      Held(envelope, envelope.begin());
+    }
+    return nodes;
   }
   template <typename Pool>
   static const void* SharedTierOf(Pool& pool) {
@@ -103,9 +125,10 @@ class ObjectPoolTestPeer {
 
  private:
   template <typename Batch>
-  static std::vector<uint8_t*> Addresses(const Batch& batch) {
+  static std::vector<uint8_t*> Held(const Batch& batch, typename Batch::const_iterator spare) {
     std::vector<uint8_t*> addresses;
-    for (const auto& array : batch) addresses.push_back(array.get());
+    for (auto node = batch.begin(); node != spare; ++node) addresses.push_back(node->get());
+    for (; spare != batch.end(); ++spare) EXPECT_EQ(spare->get(), nullptr) << "in a spare node";
     return addresses;
   }
 };

@@ -314,6 +314,59 @@ TEST_F(SharedTierTest, ListNodesOfAThreadNeverExceedTwiceTheCapacity) {
   for (Partner& partner : partners) partner.End();
 }
 
+TEST_F(SharedTierTest, TakerOfABatchPaysForItWithTheNodesOfItsEmptyFreeList) {
+  CountedPool pool(64, 3, 8);
+  Partner giver;
+  OnSdkThread([&] {
+    Arrays own = Take(pool, 3);  // three spare nodes
+    Batches handed_over;
+    giver.Run([&] { handed_over = HandOver(pool, 2); });
+    ASSERT_EQ(Peer::NodesInEmptyEnvelopes(pool), std::vector<size_t>{});
+    const HeapCounts before = HeapProbe::Counts();
+
+    uint8_t* const array = pool.AllocRaw();
+    const HeapCounts after = HeapProbe::Counts();
+
+    EXPECT_EQ(array, handed_over[1][2]);
+    EXPECT_EQ(Peer::FreeList(pool), (Arrays{handed_over[1][0], handed_over[1][1]}));
+    EXPECT_EQ(Peer::NodesInEmptyEnvelopes(pool), std::vector<size_t>{3});
+    EXPECT_EQ(after.News(), before.News());
+    EXPECT_EQ(after.Deletes(), before.Deletes());
+    own.push_back(array);
+    Return(pool, own);
+  });
+  giver.End();
+}
+
+TEST_F(SharedTierTest, GiverOfABatchGathersTheNextOneInTheNodesThatATakerLeft) {
+  CountedPool pool(64, 3, 8);
+  Partner taker;
+  OnSdkThread([&] {
+    const Arrays arrays = Take(pool, 12);
+    Return(pool, {arrays.begin(), arrays.begin() + 6});  // one batch is shared
+    Arrays taken;
+    taker.Run([&] { taken = Take(pool, 3); });  // no node was left: the taker had none
+    ASSERT_EQ(Peer::NodesInEmptyEnvelopes(pool), std::vector<size_t>{0});
+    Return(pool, {arrays.begin() + 6, arrays.begin() + 9});
+    taker.Run([&] {
+      for (uint8_t* array : Take(pool, 3)) taken.push_back(array);  // three nodes were left
+    });
+    ASSERT_EQ(Peer::NodesInEmptyEnvelopes(pool), std::vector<size_t>{3});
+    Return(pool, {arrays.begin() + 9, arrays.begin() + 12});
+    EXPECT_EQ(Peer::NodesInEmptyEnvelopes(pool), std::vector<size_t>{});
+    const HeapCounts before = HeapProbe::Counts();
+
+    pool.Reuse(taken[0]);
+    pool.Reuse(taken[1]);
+
+    EXPECT_EQ(HeapProbe::Counts().News(), before.News());
+    EXPECT_EQ(Peer::PendingBatch(pool), (Arrays{taken[0], taken[1]}));
+    EXPECT_EQ(Peer::Batches(pool), (Batches{{arrays[9], arrays[10], arrays[11]}}));
+    Return(pool, {taken.begin() + 2, taken.end()});
+  });
+  taker.End();
+}
+
 TEST_F(SharedTierTest, GetGlobalOfNoPoolIsEmpty) {
   EXPECT_EQ(CountedPool::GetGlobalObjectPool(nullptr), nullptr);
 }

@@ -32,6 +32,34 @@ TEST_F(ThreadExitTest, ArraysOfBothListsAreFreed) {
   OnForeignThread([&] { Return(pool, {arrays[6], arrays[7]}); });
 }
 
+// The nodes themselves are for the leak checker.
+TEST_F(ThreadExitTest, HeldArraysAreFreedOnceWhateverSpareNodesLieBehindThem) {
+  for (size_t held = 0; held <= 7; ++held) {
+    CountedPool pool(64, 4, 8);
+    ArrayBooks::Clear();
+    std::vector<uint8_t*> in_use;
+    OnSdkThread([&] {
+      in_use = Take(pool, 12);
+      for (int i = 0; i < 8; ++i) {  // then both lists have had all their nodes
+        pool.Reuse(in_use.back());
+        in_use.pop_back();
+      }
+      for (uint8_t* array : Take(pool, 8)) in_use.push_back(array);
+      for (size_t i = 0; i < held; ++i) {
+        pool.Reuse(in_use.back());
+        in_use.pop_back();
+      }
+      EXPECT_EQ(Peer::FreeList(pool).size() + Peer::PendingBatch(pool).size(), held);
+      EXPECT_EQ(ArrayBooks::freed, 0u);
+    });
+
+    EXPECT_EQ(ArrayBooks::freed, held);
+    EXPECT_EQ(ArrayBooks::Live(), 12 - held);
+    OnSdkThread([&] { Return(pool, in_use); });
+    EXPECT_EQ(ArrayBooks::Live(), 0u);
+  }
+}
+
 TEST_F(ThreadExitTest, ForeignThreadThatOnlyReleasesIsBoundedAndLeavesNothing) {
   CountedPool pool(64, 4, 2);
   std::vector<uint8_t*> arrays;

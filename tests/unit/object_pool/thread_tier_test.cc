@@ -1,6 +1,8 @@
 // The lists of one thread: what it hands out, what it keeps, when it hands a batch over.
 #include <gtest/gtest.h>
 
+#include <iostream>
+#include <random>
 #include <vector>
 
 #include "heap_probe.h"
@@ -224,6 +226,110 @@ TEST_F(ThreadTierTest, NullsLeftInAListAreDroppedWithTheThread) {
   });
 
   EXPECT_EQ(ArrayBooks::freed, 0u);
+}
+
+// A spare node owns null as well; only its place tells it from an array that could not be made.
+TEST_F(ThreadTierTest, NullsAmongSpareNodesAreHandedOutInTheirTurn) {
+  CountedPool pool(64, 4, 8);
+  OnSdkThread([&] {
+    const Arrays taken = Take(pool, 4);  // leaves four spare nodes
+    ArrayBooks::fail_from = ArrayBooks::made + 1;
+    uint8_t* const null = pool.AllocRaw();  // one array and three nulls were stored
+    EXPECT_EQ(null, nullptr);
+    EXPECT_EQ(Peer::FreeList(pool).size(), 3u);
+
+    pool.Reuse(taken[0]);
+    EXPECT_EQ(pool.AllocRaw(), taken[0]);
+    EXPECT_EQ(pool.AllocRaw(), nullptr);
+    pool.Reuse(taken[1]);
+    pool.Reuse(taken[2]);
+    EXPECT_EQ(pool.AllocRaw(), taken[2]);
+    EXPECT_EQ(pool.AllocRaw(), taken[1]);
+    EXPECT_EQ(pool.AllocRaw(), nullptr);
+    uint8_t* const made = pool.AllocRaw();
+    EXPECT_NE(made, nullptr);
+    EXPECT_TRUE(Peer::FreeList(pool).empty());
+
+    EXPECT_EQ(pool.AllocRaw(), nullptr);  // dry again: four nulls
+    EXPECT_EQ(Peer::FreeList(pool), (Arrays{nullptr, nullptr, nullptr}));
+    Return(pool, taken);
+    Return(pool, {made});
+  });
+}
+
+TEST_F(ThreadTierTest, NullsCountAsHeldSoThatTheNextReturnsGather) {
+  CountedPool pool(64, 3, 8);
+  OnSdkThread([&] {
+    const Arrays taken = Take(pool, 3);
+    ArrayBooks::fail_from = 0;
+    EXPECT_EQ(pool.AllocRaw(), nullptr);
+
+    Return(pool, taken);
+
+    EXPECT_EQ(Peer::FreeList(pool), (Arrays{nullptr, nullptr, taken[0]}));
+    EXPECT_EQ(Peer::PendingBatch(pool), (Arrays{taken[1], taken[2]}));
+  });
+}
+
+TEST_F(ThreadTierTest, PendingBatchThatBecomesTheFreeListLeavesItsSpareNodesBehind) {
+  CountedPool pool(64, 4, 8);
+  OnSdkThread([&] {
+    Arrays taken = Take(pool, 8);
+    Return(pool, taken);                 // four free, one batch of four shared
+    const Arrays first = Take(pool, 8);  // the batch came back, its envelope took four nodes along
+    Return(pool, {first[0], first[1], first[2], first[3], first[4]});
+    ASSERT_EQ(Peer::PendingBatch(pool), Arrays{first[4]});
+    Take(pool, 4);
+
+    EXPECT_EQ(pool.AllocRaw(), first[4]);
+    EXPECT_TRUE(Peer::FreeList(pool).empty());
+    EXPECT_TRUE(Peer::PendingBatch(pool).empty());
+
+    Return(pool, first);
+    EXPECT_EQ(Peer::FreeList(pool), (Arrays{first[0], first[1], first[2], first[3]}));
+    EXPECT_EQ(Peer::Batches(pool), (std::vector<Arrays>{{first[4], first[5], first[6], first[7]}}));
+    EXPECT_LE(Peer::MostNodesOfAList(pool), 4u);
+  });
+}
+
+// One thread against two stacks, with an allocator that fails now and then.
+TEST_F(ThreadTierTest, RandomTakesAndReturnsAmongNullsAgreeWithTwoStacks) {
+  const uint32_t seed = std::random_device{}();
+  std::cout << "seed " << seed << std::endl;
+  std::mt19937 random(seed);
+  constexpr uint32_t kCapacity = 5;
+  CountedPool pool(64, kCapacity, /*max_batches=*/0);
+  OnSdkThread([&] {
+    Arrays free_list, pending, in_use;
+    uint32_t takes_of_ten = 5;
+    for (int step = 0; step < 20000 && !HasFailure(); ++step) {
+      SCOPED_TRACE(::testing::Message() << "seed " << seed << " step " << step);
+      if (step % 40 == 0) takes_of_ten = 2 + random() % 7;
+      if (in_use.empty() || random() % 10 < takes_of_ten) {
+        ArrayBooks::fail_from = random() % 3 == 0 ? ArrayBooks::made + random() % 4 : UINT64_MAX;
+        uint8_t* const array = pool.AllocRaw();
+        if (free_list.empty()) free_list.swap(pending);
+        if (free_list.empty()) {  // what was made then is known only from here
+          free_list = Peer::FreeList(pool);
+          ASSERT_EQ(free_list.size(), kCapacity - 1);
+          free_list.push_back(array);
+        }
+        ASSERT_EQ(array, free_list.back());
+        free_list.pop_back();
+        if (array != nullptr) in_use.push_back(array);
+      } else {
+        std::swap(in_use[random() % in_use.size()], in_use.back());
+        pool.Reuse(in_use.back());
+        (free_list.size() < kCapacity ? free_list : pending).push_back(in_use.back());
+        in_use.pop_back();
+        if (pending.size() == kCapacity) pending.clear();  // handed over and freed at once
+      }
+      ASSERT_EQ(Peer::FreeList(pool), free_list);
+      ASSERT_EQ(Peer::PendingBatch(pool), pending);
+      ASSERT_LE(Peer::MostNodesOfAList(pool), kCapacity);
+    }
+    Return(pool, in_use);
+  });
 }
 
 TEST_F(ThreadTierTest, PairInTheSteadyStateAllocatesAndFreesNothing) {
