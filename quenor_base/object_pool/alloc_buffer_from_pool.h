@@ -51,12 +51,11 @@ inline constexpr BufferClass kBufferClasses[] = {
 inline std::atomic<BufferObjPool*> g_buffer_pools[std::size(kBufferClasses)] = {};
 
 // Makes pool number `index`, once.
-[[gnu::cold]] BufferObjPool* MakeBufferObjPool(size_t index);
+BufferObjPool* MakeBufferObjPool(size_t index);
 
 // Any thread. The pool of the arrays of `class_length` bytes: for the nine class lengths never null
 // and the same one for the life of the process; null for every other length. Lends it.
-// Always inline: for a length that is known to the compiler it is one load.
-[[gnu::always_inline]] inline BufferObjPool* GetBufferObjPool(uint32_t class_length) {
+inline BufferObjPool* GetBufferObjPool(uint32_t class_length) {
   for (size_t i = 0; i < std::size(kBufferClasses); ++i) {
     if (kBufferClasses[i].length_bytes != class_length) continue;
     BufferObjPool* const pool = g_buffer_pools[i].load(std::memory_order_acquire);
@@ -65,18 +64,60 @@ inline std::atomic<BufferObjPool*> g_buffer_pools[std::size(kBufferClasses)] = {
   return nullptr;
 }
 
-// The eleven release functions. A pooled array goes to the tier of the thread that releases it.
+// The number of the class of `class_length` bytes, which is its pool's place in NearTiers, too.
+constexpr uint32_t BufferClassIndex(uint32_t class_length) {
+  uint32_t index = 0;
+  while (kBufferClasses[index].length_bytes != class_length) ++index;
+  return index;
+}
+
+// Gives an array back through GetBufferObjPool(class_length).
+void ReuseThroughPool(uint32_t class_length, void* array);
+
+// The eleven release functions. A pooled array goes to the tier of the thread that releases it:
+// GetBufferObjPool(kClassLength)->Reuse(array), by a short cut when that tier is at hand.
 template <uint32_t kClassLength>
 void ReleasePooledBuffer(void* array) {
-  GetBufferObjPool(kClassLength)->Reuse(static_cast<uint8_t*>(array));
+  constexpr uint32_t kPlace = BufferClassIndex(kClassLength);
+  auto* const tier = BufferObjPool::TLSPool::TierAtHand(kPlace);
+  if (tier == nullptr || array == nullptr) return ReuseThroughPool(kClassLength, array);
+  tier->Reuse(static_cast<uint8_t*>(array));
 }
 inline void ReleaseForeignThreadBuffer(void* array) { delete[] static_cast<uint8_t*>(array); }
 inline void ReleaseOversizeBuffer(void* array) { delete[] static_cast<uint8_t*>(array); }
 
+inline constexpr uint32_t kLargestPooledBuffer = 1048576;  // bytes
+
+// Where AllocBufferTFromPool() finds an array that is ready, and how that is released.
+struct BufferShortCut {
+  uint32_t place;  // in NearTiers
+  void (*release)(void*);
+};
 template <uint32_t kClassLength>
-std::unique_ptr<uint8_t[], void (*)(void*)> AllocPooledBuffer() {
-  return {GetBufferObjPool(kClassLength)->AllocRaw(), &ReleasePooledBuffer<kClassLength>};
+inline constexpr BufferShortCut kShortCutOf{BufferClassIndex(kClassLength),
+                                            &ReleasePooledBuffer<kClassLength>};
+// By how often `size` - 1 can be halved until it is 1 or 0, since the bounds are powers of two:
+// from index 0, for 1 and 2 bytes, up to 19, for 524289 to 1048576.
+inline constexpr BufferShortCut kBufferShortCuts[] = {
+    kShortCutOf<512>,    kShortCutOf<512>,    kShortCutOf<512>,    kShortCutOf<512>,
+    kShortCutOf<512>,    kShortCutOf<512>,    kShortCutOf<512>,    kShortCutOf<512>,
+    kShortCutOf<512>,    kShortCutOf<1024>,   kShortCutOf<2048>,   kShortCutOf<4096>,
+    kShortCutOf<16384>,  kShortCutOf<16384>,  kShortCutOf<32768>,  kShortCutOf<65536>,
+    kShortCutOf<524288>, kShortCutOf<524288>, kShortCutOf<524288>, kShortCutOf<1048576>,
+};
+// `size` from 1 to kLargestPooledBuffer.
+inline const BufferShortCut& BufferShortCutOf(uint32_t size) {
+  return kBufferShortCuts[static_cast<uint32_t>(31 ^ __builtin_clz((size - 1) | 1))];
 }
+
+// The parts of a result of AllocBufferTFromPool(), owned by whoever holds them. In two registers,
+// so that the result itself need not lie in memory where its use is inlined.
+struct BufferParts {
+  uint8_t* array;
+  void (*release)(void*);
+};
+// The whole of AllocBufferTFromPool(), without short cut.
+BufferParts AllocBuffer(uint32_t size);
 
 // Any thread. An array of at least `size` bytes, not cleared; callers must not rely on the bytes
 // beyond `size`. Test the array before use: it is null for size 0 on a thread of the SDK (with a
@@ -85,22 +126,16 @@ std::unique_ptr<uint8_t[], void (*)(void*)> AllocPooledBuffer() {
 // exactly `size` bytes, and exhaustion is std::bad_alloc. The caller owns the result and may drop
 // it on any thread.
 template <typename T>
-[[nodiscard]] std::unique_ptr<T, void (*)(void*)> AllocBufferTFromPool(uint32_t size) {
+[[nodiscard]] inline std::unique_ptr<T, void (*)(void*)> AllocBufferTFromPool(uint32_t size) {
   static_assert(std::is_same_v<T, uint8_t[]>, "only byte arrays have pools");
-  if (!base::ThreadCreateFlag::IsThreadCreateByQuenor()) {
-    return {new uint8_t[size], &ReleaseForeignThreadBuffer};
+  if (base::ThreadCreateFlag::IsThreadCreateByQuenor() && size - 1 < kLargestPooledBuffer) {
+    const BufferShortCut& cut = BufferShortCutOf(size);
+    auto* const tier = BufferObjPool::TLSPool::TierAtHand(cut.place);
+    // What AllocBuffer() would do, without the way through the pool.
+    if (tier != nullptr && !tier->IsDry()) return {tier->Alloc().Release(), cut.release};
   }
-  if (size == 0) return {nullptr, nullptr};
-  if (size <= 512) return AllocPooledBuffer<512>();
-  if (size <= 1024) return AllocPooledBuffer<1024>();
-  if (size <= 2048) return AllocPooledBuffer<2048>();
-  if (size <= 4096) return AllocPooledBuffer<4096>();
-  if (size <= 16384) return AllocPooledBuffer<16384>();  // no class of 8192 bytes
-  if (size <= 32768) return AllocPooledBuffer<32768>();
-  if (size <= 65536) return AllocPooledBuffer<65536>();
-  if (size <= 524288) return AllocPooledBuffer<524288>();  // none of 131072 or 262144 either
-  if (size <= 1048576) return AllocPooledBuffer<1048576>();
-  return {new uint8_t[size], &ReleaseOversizeBuffer};
+  const BufferParts made = AllocBuffer(size);
+  return {made.array, made.release};
 }
 
 }  // namespace internal

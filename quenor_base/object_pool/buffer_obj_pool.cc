@@ -8,6 +8,8 @@ template class ObjectPool<uint8_t[], objpool::DefaultResetter<uint8_t[]>,
 
 namespace internal {
 
+static_assert(std::size(kBufferClasses) == objpool::NearTiers::kByteArrayPools);
+
 BufferObjPool* MakeBufferObjPool(size_t index) {
   static base::Lock lock;
   base::AutoLock hold(lock);
@@ -15,10 +17,37 @@ BufferObjPool* MakeBufferObjPool(size_t index) {
   BufferObjPool* pool = g_buffer_pools[index].load(std::memory_order_relaxed);
   if (pool == nullptr) {
     const BufferClass& made = kBufferClasses[index];
-    pool = new BufferObjPool(made.length_bytes, made.capacity, made.max_batches);
+    pool = new BufferObjPool(made.length_bytes, made.capacity, made.max_batches,
+                             /*near_place=*/static_cast<uint32_t>(index));
     g_buffer_pools[index].store(pool, std::memory_order_release);
   }
   return pool;
+}
+
+void ReuseThroughPool(uint32_t class_length, void* array) {
+  GetBufferObjPool(class_length)->Reuse(static_cast<uint8_t*>(array));
+}
+
+template <uint32_t kClassLength>
+static BufferParts AllocPooledBuffer() {
+  return {GetBufferObjPool(kClassLength)->AllocRaw(), &ReleasePooledBuffer<kClassLength>};
+}
+
+BufferParts AllocBuffer(uint32_t size) {
+  if (!base::ThreadCreateFlag::IsThreadCreateByQuenor()) {
+    return {new uint8_t[size], &ReleaseForeignThreadBuffer};
+  }
+  if (size == 0) return {nullptr, nullptr};
+  if (size <= 512) return AllocPooledBuffer<512>();
+  if (size <= 1024) return AllocPooledBuffer<1024>();
+  if (size <= 2048) return AllocPooledBuffer<2048>();
+  if (size <= 4096) return AllocPooledBuffer<4096>();
+  if (size <= 16384) return AllocPooledBuffer<16384>();  // no class of 8192 bytes
+  if (size <= 32768) return AllocPooledBuffer<32768>();
+  if (size <= 65536) return AllocPooledBuffer<65536>();
+  if (size <= 524288) return AllocPooledBuffer<524288>();  // none of 131072 or 262144 either
+  if (size <= kLargestPooledBuffer) return AllocPooledBuffer<1048576>();
+  return {new uint8_t[size], &ReleaseOversizeBuffer};
 }
 
 }  // namespace internal

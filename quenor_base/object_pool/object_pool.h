@@ -97,11 +97,10 @@ class ObjUniquePtr {
     size_ = 0;
     return std::exchange(ptr_, nullptr);
   }
-  // For an owner of null: takes `ptr` (may be null), an array of `size` elements.
-  void Take(Element* ptr, uint32_t size) {
-    ptr_ = ptr;
-    size_ = size;
-  }
+  // The two halves of an owner's reuse for arrays of one length: hands the array (may be null) to
+  // the caller and leaves null with the length; then takes `ptr` (may be null), of that length.
+  [[nodiscard]] Element* GiveOut() { return std::exchange(ptr_, nullptr); }
+  void TakeIn(Element* ptr) { ptr_ = ptr; }
 
  private:
   Element* ptr_ = nullptr;
@@ -118,7 +117,11 @@ struct SharedTier;
 // in every destructor that the thread still runs.
 class NearTiers {
  public:
-  // Any thread. The place of a new pool; the last one, which stays null, when all are given away.
+  // The first places belong to the nine pools of byte arrays, by the number of their class: who
+  // knows the class when he is compiled has the place, too.
+  static constexpr uint32_t kByteArrayPools = 9;
+
+  // Any thread. The place of another pool; the last one, which stays null, when all are given away.
   // Never given twice: a place outlives its pool.
   static uint32_t NextPlace() {
     // relaxed: only the number counts.
@@ -131,9 +134,9 @@ class NearTiers {
   }
 
  private:
-  static constexpr uint32_t kPlaces = 15;  // The nine pools of byte arrays, and a host's own.
+  static constexpr uint32_t kPlaces = 15;
 
-  inline static std::atomic<uint32_t> places_{0};
+  inline static std::atomic<uint32_t> places_{kByteArrayPools};
   inline static thread_local void* tiers_[kPlaces + 1] = {};
 };
 
@@ -160,8 +163,13 @@ class TLSObjectPool {
   using Global = GlobalObjectPool<T, Resetter, Allocator, Destroyer>;
 
   // `capacity` 0 is taken as 1: a tier of no arrays would have none to hand out.
-  TLSObjectPool(uint32_t object_size, uint32_t capacity)
-      : slot_(&OnThreadEnd), object_size_(object_size), capacity_(capacity == 0 ? 1 : capacity) {}
+  // `near_place`: of this pool, in NearTiers.
+  TLSObjectPool(uint32_t object_size, uint32_t capacity,
+                uint32_t near_place = objpool::NearTiers::NextPlace())
+      : slot_(&OnThreadEnd),
+        object_size_(object_size),
+        capacity_(capacity == 0 ? 1 : capacity),
+        near_place_(near_place) {}
   // Frees the calling thread's tier; every other thread that used the pool must have ended.
   ~TLSObjectPool();
   TLSObjectPool(const TLSObjectPool&) = delete;
@@ -172,12 +180,15 @@ class TLSObjectPool {
   // freed a tier already, or when the thread has no room for the slot's value. Lends the tier until
   // the thread ends.
   Tier* GetTLSPool(std::shared_ptr<Global> (*get_global)(void*), void* arg) {
-    Tier* tier = TierAtHand();
+    Tier* tier = TierAtHand(near_place_);
     return tier != nullptr ? tier : FindTier(get_global, arg);
   }
 
-  // Any thread. The calling thread's tier when one load finds it; null says nothing. Lends it.
-  Tier* TierAtHand() const { return static_cast<Tier*>(objpool::NearTiers::Get(near_place_)); }
+  // Any thread. The calling thread's tier of the pool at `near_place` when one load finds it; null
+  // says nothing. Lends it.
+  static Tier* TierAtHand(uint32_t near_place) {
+    return static_cast<Tier*>(objpool::NearTiers::Get(near_place));
+  }
 
   // Any thread. The length of every array, in elements.
   uint32_t object_size() const { return object_size_; }
@@ -196,7 +207,7 @@ class TLSObjectPool {
   base::ThreadLocalStorage::Slot slot_;  // this thread's TLSObjectPoolImpl*, or null
   uint32_t object_size_;
   uint32_t capacity_;
-  const uint32_t near_place_ = objpool::NearTiers::NextPlace();
+  const uint32_t near_place_;
 };
 
 // One thread's tier of one pool. Always the base of an objpool::ThreadTier.
@@ -210,6 +221,9 @@ class TLSObjectPoolImpl {
 
   TLSObjectPoolImpl(const TLSObjectPoolImpl&) = delete;
   TLSObjectPoolImpl& operator=(const TLSObjectPoolImpl&) = delete;
+
+  // Owning thread. Whether the next Alloc() will have to look further than the free list.
+  bool IsDry() { return holder().spare == free_list_.begin(); }
 
   // Owning thread. Takes out the array that came back last; a dry tier first takes the newest batch
   // of the shared tier and fills it up to `capacity_` with fresh arrays. The result holds null when
@@ -241,7 +255,7 @@ class TLSObjectPoolImpl {
   // Stores `p` (may be null) in the free list's first spare node; there must be one.
   void StoreInSpare(Element* p);
   // Stores `p` (may be null) in a new node of the free list, which has no spare one.
-  void StoreInNewNode(Element* p);
+  [[gnu::noinline]] void StoreInNewNode(Element* p);
   // Stores `p` when the free list has no spare node.
   [[gnu::noinline]] void StoreWithoutSpare(Element* p);
   // Stores `p`, which the free list has no room for, in the pending batch.
@@ -251,8 +265,10 @@ class TLSObjectPoolImpl {
   // Makes the newest batch of the shared tier the free list, in exchange for its spare nodes.
   // False, with nothing changed, when there is none.
   bool TakeBatch();
+  // Makes a spare node for the pending batch, which has none.
+  [[gnu::noinline]] void MakeGatheringNode();
   // Gives the pending batch away, in exchange for spare nodes.
-  void HandOver();
+  [[gnu::noinline]] void HandOver();
 
   std::shared_ptr<Global> global_pool_;
   // Of both lists the first nodes hold arrays and the others are spare; the holder knows where the
@@ -306,10 +322,13 @@ class ObjectPool {
   using Global = GlobalObjectPool<T, Resetter, Allocator, Destroyer>;
 
   // A pool of arrays of `object_size` elements. `capacity` bounds each of a thread's two lists and
-  // is the size of a batch (0 is taken as 1); `max_batches` bounds the shared tier.
-  ObjectPool(uint32_t object_size, uint32_t capacity, uint32_t max_batches)
-      : tls_pool_(std::make_unique<TLSPool>(object_size, capacity)),
+  // is the size of a batch (0 is taken as 1); `max_batches` bounds the shared tier. `near_place`:
+  // of this pool, in NearTiers.
+  ObjectPool(uint32_t object_size, uint32_t capacity, uint32_t max_batches,
+             uint32_t near_place = objpool::NearTiers::NextPlace())
+      : tls_pool_(std::make_unique<TLSPool>(object_size, capacity, near_place)),
         max_batches_(max_batches),
+        near_place_(near_place),
         held_at_fork_(this, &LockForFork, &UnlockAfterFork) {}
   ObjectPool(const ObjectPool&) = delete;
   ObjectPool& operator=(const ObjectPool&) = delete;
@@ -317,14 +336,14 @@ class ObjectPool {
   // Any thread. An array with whatever its last user left in it, or null when memory has run out.
   // The caller owns it and gives it back with Reuse, on any thread.
   [[nodiscard]] Element* AllocRaw() {
-    auto* tier = tls_pool_->TierAtHand();
+    auto* tier = TLSPool::TierAtHand(near_place_);
     return tier != nullptr ? tier->Alloc().Release() : AllocRawWithNoneAtHand();
   }
 
   // Any thread. Takes `p`, an array that AllocRaw of this pool handed out (not checked); null is
   // ignored.
   void Reuse(Element* p) {
-    auto* tier = tls_pool_->TierAtHand();
+    auto* tier = TLSPool::TierAtHand(near_place_);
     if (tier == nullptr) return ReuseWithNoneAtHand(p);
     if (p != nullptr) tier->Reuse(p);
   }
@@ -348,15 +367,16 @@ class ObjectPool {
   std::weak_ptr<Global> global_pool_ QUENOR_GUARDED_BY(lock_);
   std::shared_ptr<Global> forking_;  // The shared tier, held while the process forks.
   uint32_t max_batches_;
+  const uint32_t near_place_;  // of tls_pool_, without the way through it
   base::HeldAtFork held_at_fork_;
 };
 
 namespace objpool {
 
 // A list keeps its nodes: a cursor divides those that hold an array, in front, from the spare ones
-// behind, each of which owns null. Taking an array out and storing one moves the cursor by a node
-// and links nothing. Only the cursor tells a spare node from one that holds a null: an array that
-// could not be made is held like any other.
+// behind, each of which owns null and keeps the length of the pool's arrays. Taking an array out
+// and storing one moves the cursor by a node and links nothing. Only the cursor tells a spare node
+// from one that holds a null: an array that could not be made is held like any other.
 // A whole batch travels in an envelope, the node of `batches_` that it is in, and pays for its
 // passage in spare nodes: who takes a batch leaves the nodes of his empty free list in the
 // envelope, who hands one over finds such nodes in the next envelope. So a thread that only takes
@@ -364,7 +384,8 @@ namespace objpool {
 // is held.
 // Bounds: a thread's nodes, holding and spare, are at most 2 * capacity_, since each of its two
 // lists has at most capacity_: a list makes a node only while it has fewer, and otherwise gets all
-// its nodes at once, from the other list or from an envelope, in exchange for its own.
+// its nodes at once, from the other list or from an envelope, in exchange for its own. (The tiers
+// of one pool have one capacity_.)
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
 struct ThreadTier final : TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer> {
@@ -441,11 +462,11 @@ inline auto TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Alloc() -> Arr
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
 inline auto TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::TakeLast() -> Element* {
   Holder& self = holder();
-  if (self.spare == free_list_.begin()) return TakeLastWhenDry();
+  if (IsDry()) return TakeLastWhenDry();
   const auto node = self.last;
   self.spare = node;
   if (node != free_list_.begin()) self.last = std::prev(node);
-  return node->Release();
+  return node->GiveOut();
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
@@ -467,7 +488,7 @@ inline void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::StoreInSpare(E
   const auto node = self.spare;
   self.last = node;
   self.spare = std::next(node);
-  node->Take(p, object_size_);
+  node->TakeIn(p);
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
@@ -487,14 +508,19 @@ void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::StoreWithoutSpare(Ele
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
 inline void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Gather(Element* p) {
-  auto& spare = holder().gathered;
-  if (spare != pending_batch_.end()) {
-    spare->Take(p, object_size_);
-    ++spare;
-  } else {
-    pending_batch_.emplace_back(p, object_size_);
-  }
+  Holder& self = holder();
+  if (self.gathered == pending_batch_.end()) MakeGatheringNode();
+  const auto node = self.gathered;
+  const auto spare = std::next(node);
+  self.gathered = spare;
+  node->TakeIn(p);
   if (spare == pending_batch_.end() && pending_batch_.size() >= capacity_) HandOver();
+}
+
+template <typename T, typename Resetter, typename Allocator, typename Destroyer>
+void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::MakeGatheringNode() {
+  pending_batch_.emplace_back(nullptr, object_size_);
+  holder().gathered = std::prev(pending_batch_.end());
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>

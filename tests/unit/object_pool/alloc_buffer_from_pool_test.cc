@@ -60,9 +60,32 @@ TEST_P(PooledSizeTest, ComesFromItsClassAndGoesBackThere) {
   });
 }
 
+// The thread has a tier of every class, with an array ready in each: the way that most calls take.
+TEST_P(PooledSizeTest, ComesReadyFromItsClassWhereEveryClassHasOneReady) {
+  const auto [size, class_length] = GetParam();
+  OnSdkThread([size = size, class_length = class_length] {
+    for (const BufferClass& one : kBufferClasses) {
+      AllocBufferTFromPool<uint8_t[]>(one.length_bytes).reset();
+    }
+    BufferObjPool& pool = *GetBufferObjPool(class_length);
+    const Arrays ready = Peer::FreeList(pool);
+    const HeapCounts before = HeapProbe::Counts();
+
+    Buffer buffer = AllocBufferTFromPool<uint8_t[]>(size);
+
+    const HeapCounts after = HeapProbe::Counts();
+    EXPECT_EQ(after.News(), before.News());
+    EXPECT_EQ(buffer.get(), ready.back());
+    EXPECT_EQ(Peer::FreeList(pool).size(), ready.size() - 1);
+    buffer.reset();
+    EXPECT_EQ(Peer::FreeList(pool), ready);
+  });
+}
+
 INSTANTIATE_TEST_SUITE_P(
     EveryBound, PooledSizeTest,
-    ::testing::Values(Row{1, 512}, Row{511, 512}, Row{512, 512}, Row{513, 1024}, Row{1024, 1024},
+    ::testing::Values(Row{1, 512}, Row{2, 512}, Row{3, 512}, Row{256, 512}, Row{257, 512},
+                      Row{511, 512}, Row{512, 512}, Row{513, 1024}, Row{1024, 1024},
                       Row{1025, 2048}, Row{2048, 2048}, Row{2049, 4096}, Row{4096, 4096},
                       Row{4097, 16384}, Row{8192, 16384}, Row{8193, 16384}, Row{16384, 16384},
                       Row{16385, 32768}, Row{32768, 32768}, Row{32769, 65536}, Row{65536, 65536},
@@ -157,6 +180,48 @@ TEST(AllocBufferTest, FlagIsAskedOnEveryCall) {
     EXPECT_NE(AllocBufferTFromPool<uint8_t[]>(0), nullptr);
     base::ThreadCreateFlag::SetThreadCreateByQuenor(true);
     EXPECT_EQ(AllocBufferTFromPool<uint8_t[]>(0), nullptr);
+  });
+}
+
+TEST(AllocBufferTest, SizesOfNoClassComeFromNoPoolWhereEveryClassHasAnArrayReady) {
+  OnSdkThread([] {
+    for (const BufferClass& one : kBufferClasses) {
+      AllocBufferTFromPool<uint8_t[]>(one.length_bytes).reset();
+    }
+    const HeapCounts before = HeapProbe::Counts();
+
+    const Buffer none = AllocBufferTFromPool<uint8_t[]>(0);
+    EXPECT_EQ(none.get(), nullptr);
+    EXPECT_EQ(none.get_deleter(), nullptr);
+    EXPECT_EQ(HeapProbe::Counts().array_news, before.array_news);
+    const Buffer oversize = AllocBufferTFromPool<uint8_t[]>(1048577);
+    EXPECT_EQ(HeapProbe::Counts().array_news - before.array_news, 1u);
+    EXPECT_EQ(HeapProbe::Counts().last_array_bytes, 1048577u);
+  });
+}
+
+TEST(AllocBufferTest, ForeignThreadWithATierStillGetsExactlyTheSizeFromThePlainHeap) {
+  OnForeignThread([] {
+    BufferObjPool& pool = *GetBufferObjPool(512);
+    pool.Reuse(pool.AllocRaw());
+    const Arrays ready = Peer::FreeList(pool);
+    const HeapCounts before = HeapProbe::Counts();
+    {
+      Buffer buffer = AllocBufferTFromPool<uint8_t[]>(100);
+      EXPECT_EQ(HeapProbe::Counts().array_news - before.array_news, 1u);
+      EXPECT_EQ(HeapProbe::Counts().last_array_bytes, 100u);
+    }
+    EXPECT_EQ(Peer::FreeList(pool), ready);
+  });
+}
+
+TEST(AllocBufferTest, PooledReleaseFunctionsIgnoreNull) {
+  OnSdkThread([] {
+    for (int i = 0; i < 2; ++i) {  // first without a tier, then with one
+      ReleasePooledBuffer<512>(nullptr);
+      ASSERT_NE(Peer::Tier(*GetBufferObjPool(512)), nullptr);
+      EXPECT_TRUE(Peer::FreeList(*GetBufferObjPool(512)).empty());
+    }
   });
 }
 
