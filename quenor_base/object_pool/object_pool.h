@@ -547,16 +547,15 @@ void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Refill() {
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>
 bool TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::TakeBatch() {
   if (global_pool_ == nullptr) return false;
-  {
-    SharedHolder& tier = shared();
-    std::lock_guard<std::mutex> lock(tier.mutex_);
-    if (tier.batches_.empty()) return false;
-    const auto newest = std::prev(tier.batches_.end());
-    newest->swap(free_list_);
-    tier.empty_envelopes.splice(tier.empty_envelopes.end(), tier.batches_, newest);
-  }
+  SharedHolder& tier = shared();
+  std::lock_guard<std::mutex> lock(tier.mutex_);
+  if (tier.batches_.empty()) return false;
+  const auto newest = std::prev(tier.batches_.end());
+  newest->swap(free_list_);
+  // Still under the mutex: no cursor may point at a node that another thread has already.
   holder().spare = free_list_.end();
-  if (!free_list_.empty()) holder().last = std::prev(free_list_.end());
+  holder().last = free_list_.empty() ? free_list_.end() : std::prev(free_list_.end());
+  tier.empty_envelopes.splice(tier.empty_envelopes.end(), tier.batches_, newest);
   return true;
 }
 

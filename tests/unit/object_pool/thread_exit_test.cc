@@ -315,13 +315,19 @@ INSTANTIATE_TEST_SUITE_P(KeyAfter, LateFirstUseTest,
 // The real pools: nothing to count by, so this is for the leak checker and for crashes.
 TEST(BufferLateReleaseTest, PooledResultDroppedInTheLastRoundIsFreed) {
   std::unique_ptr<uint8_t[], void (*)(void*)> buffer(nullptr, nullptr);
-  LateActor actor(kLastRound, [&] { buffer.reset(); });
+  const void* at_hand = &buffer;
+  LateActor actor(kLastRound, [&] {
+    constexpr uint32_t kPlace = internal::BufferClassIndex(1024);
+    at_hand = internal::BufferObjPool::TLSPool::TierAtHand(kPlace);
+    buffer.reset();
+  });
 
   OnSdkThread([&] {
     buffer = internal::AllocBufferTFromPool<uint8_t[]>(700);
     actor.Arm();
   });
 
+  EXPECT_EQ(at_hand, nullptr);
   EXPECT_EQ(buffer, nullptr);
   EXPECT_EQ(actor.rounds(), kLastRound);
   EXPECT_FALSE(ObjectPoolTestPeer::SharedTierIsAlive(*internal::GetBufferObjPool(1024)));
