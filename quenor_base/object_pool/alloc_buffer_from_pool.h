@@ -35,14 +35,14 @@ struct BufferClass {
 
 // The numbers bound what is kept idle. A dry thread makes `capacity` arrays at once, to save round
 // trips to the shared mutex; of those that it does not use, one page each is touched, 32 KiB at
-// most. A thread keeps at most 2 * capacity - 1 idle arrays of a class: 15.5, 31, 30, 60, 240, 224,
-// 448, 1536 and 3072 KiB, together 5656.5 KiB in a thread that had as many in use at once of all
-// nine (1048.5 KiB without the two largest). The shared tier, one for the process, keeps at most
-// max_batches * capacity: 64, 128, 128, 256, 512, 512, 1024, 8192 and 16384 KiB, together 27200
+// most. A thread keeps at most 2 * capacity - 1 idle arrays of a class: 15.5, 31, 30, 60, 240, 480,
+// 960, 1536 and 3072 KiB, together 6424.5 KiB in a thread that had as many in use at once of all
+// nine (1816.5 KiB without the two largest). The shared tier, one for the process, keeps at most
+// max_batches * capacity: 64, 128, 128, 256, 512, 1024, 2048, 8192 and 16384 KiB, together 28736
 // KiB, and fills only when a thread gives back more arrays than its own lists hold.
 inline constexpr BufferClass kBufferClasses[] = {
     {512, 16, 8},  {1024, 16, 8}, {2048, 8, 8},   {4096, 8, 8},    {16384, 8, 4},
-    {32768, 4, 4}, {65536, 4, 4}, {524288, 2, 8}, {1048576, 2, 8},
+    {32768, 8, 4}, {65536, 8, 4}, {524288, 2, 8}, {1048576, 2, 8},
 };
 
 // The nine pools, each null until its first use. Never destroyed: an array may come back during the

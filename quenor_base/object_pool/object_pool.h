@@ -510,11 +510,10 @@ template <typename T, typename Resetter, typename Allocator, typename Destroyer>
 inline void TLSObjectPoolImpl<T, Resetter, Allocator, Destroyer>::Gather(Element* p) {
   Holder& self = holder();
   if (self.gathered == pending_batch_.end()) MakeGatheringNode();
-  const auto node = self.gathered;
-  const auto spare = std::next(node);
-  self.gathered = spare;
-  node->TakeIn(p);
-  if (spare == pending_batch_.end() && pending_batch_.size() >= capacity_) HandOver();
+  self.gathered->TakeIn(p);
+  ++self.gathered;
+  // No iterator of this function may outlive the hand-over: a debug library ends it there.
+  if (self.gathered == pending_batch_.end() && pending_batch_.size() >= capacity_) HandOver();
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>

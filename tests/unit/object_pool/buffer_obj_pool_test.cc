@@ -80,8 +80,8 @@ TEST(BufferObjPoolTest, IdleMemoryStaysBelowThePromisedBounds) {
     EXPECT_LE(uint64_t{one.capacity} * one.length_bytes, 2097152u) << one.length_bytes;
   }
 
-  EXPECT_EQ(thread_bytes, (5656u * 1024) + 512);
-  EXPECT_EQ(shared_bytes, 27200u * 1024);
+  EXPECT_EQ(thread_bytes, (6424u * 1024) + 512);
+  EXPECT_EQ(shared_bytes, 28736u * 1024);
 }
 
 }  // namespace
