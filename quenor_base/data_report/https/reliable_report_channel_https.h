@@ -244,7 +244,9 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   // 0 not initialised, 1 initialising, 2 initialised, 3 terminating. Any thread.
   std::atomic<int32_t> state_{0};
   bool is_running_ = false;
-  internal::AtomicSharedPtrMutex<DispatchQueue> dispatch_queue_;  // Any thread.
+  // Any thread. Every call writes to it: on a cache line of its own, and the channel's reference
+  // count, which std::make_shared puts in front of the object, on another one.
+  alignas(64) internal::AtomicSharedPtrMutex<DispatchQueue> dispatch_queue_;
   base::RepeatingTimer send_timer_;
   uint32_t resend_interval_ms_ = 0;
   uint32_t current_interval_ms_ = 0;

@@ -1,5 +1,5 @@
-// Dispatch queues on a pthread each: a vector of tasks under a short lock, which the thread swaps
-// out whole, and an ordered map of deadlines under a mutex. An idle queue waits without a time-out.
+// Dispatch queues on a pthread each: a list of tasks under a short lock, which the thread swaps out
+// whole, and an ordered map of deadlines under a mutex. An idle queue waits without a time-out.
 #include <pthread.h>
 #include <signal.h>
 
@@ -83,15 +83,93 @@ struct Registry {
   registry.changed.notify_all();
 }
 
-// What a queue's thread runs on; shared by the thread and the queue object, so that either may go
-// first. In a forked child, where the thread is not: everything is dropped, no lock is taken.
+// Tasks in a row, in room that is made beforehand. Smaller than a vector, to be on one cache line
+// with all else that a post writes.
+class TaskList {
+ public:
+  TaskList() = default;
+  ~TaskList() {
+    Clear();
+    if (tasks_ != nullptr) std::allocator<Task>().deallocate(tasks_, capacity_);
+  }
+  TaskList(const TaskList&) = delete;
+  TaskList& operator=(const TaskList&) = delete;
+
+  size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  size_t capacity() const { return capacity_; }
+  Task* begin() { return tasks_; }
+  Task* end() { return tasks_ + size_; }
+
+  // There must be room.
+  void Add(Task&& task) {
+    new (tasks_ + size_) Task(std::move(task));
+    ++size_;
+  }
+  void Clear() {
+    for (Task& task : *this) task.~Task();
+    size_ = 0;
+  }
+  void Swap(TaskList* other) {
+    std::swap(tasks_, other->tasks_);
+    std::swap(size_, other->size_);
+    std::swap(capacity_, other->capacity_);
+  }
+  // An empty one's.
+  [[gnu::cold]] void SetCapacity(size_t capacity) {
+    if (tasks_ != nullptr) std::allocator<Task>().deallocate(tasks_, capacity_);
+    tasks_ = std::allocator<Task>().allocate(capacity);
+    capacity_ = static_cast<uint32_t>(capacity);
+  }
+
+ private:
+  Task* tasks_ = nullptr;
+  uint32_t size_ = 0;
+  uint32_t capacity_ = 0;
+};
+
+// What a queue's thread runs on, and where the queue object is; lives as long as the thread and
+// whoever has a reference to the queue, a weak one too, so that either may go first. In a forked
+// child, where the thread is not: everything is dropped, no lock is taken.
 class QueueCore {
  public:
+  // Allocator for the queue object and its reference counts: in the core's first bytes, on one
+  // cache line with what each post writes, if they fit there. What it has allocated is one holder.
+  template <typename T>
+  struct Front {
+    using value_type = T;
+    explicit Front(QueueCore* core_in) : core(core_in) {}
+    template <typename U>
+    Front(const Front<U>& other) : core(other.core) {}  // NOLINT: an allocator converts.
+    T* allocate(size_t count) {
+      if (count * sizeof(T) > sizeof core->front_) return std::allocator<T>().allocate(count);
+      return reinterpret_cast<T*>(core->front_);
+    }
+    void deallocate(T* at, size_t count) {
+      if (count * sizeof(T) > sizeof core->front_) std::allocator<T>().deallocate(at, count);
+      core->Drop();
+    }
+    template <typename U>
+    bool operator==(const Front<U>& other) const {
+      return core == other.core;
+    }
+    template <typename U>
+    bool operator!=(const Front<U>& other) const {
+      return core != other.core;
+    }
+    QueueCore* core;
+  };
+  // Any thread. One of the two holders is done with it; the last one deletes it.
+  void Drop() {
+    // acq_rel: release publishes this holder's writes, acquire lets the last one see them all.
+    if (holders_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+  }
+
   void Post(Task&& task) {
     if (IsInForkedChild()) return;
     std::unique_lock<base::ShortLock> hold(lock_);
     if (tasks_.size() == tasks_.capacity()) return MakeRoomAndPost(std::move(task), &hold);
-    tasks_.push_back(std::move(task));
+    tasks_.Add(std::move(task));
     WakeAndUnlock(&hold);
   }
 
@@ -145,14 +223,11 @@ class QueueCore {
 
   // The thread's whole life.
   [[gnu::hot, gnu::noinline]] void Run() {
-    std::vector<Task> batch;
+    TaskList batch;
     while (WaitForTasks(&batch)) {
       for (Task& task : batch) std::move(task).Run();
-      batch.clear();
-      if (batch.capacity() > kTasksToKeepRoomFor) {
-        std::vector<Task>().swap(batch);
-        batch.reserve(kTasksToKeepRoomFor);
-      }
+      batch.Clear();
+      if (batch.capacity() > kTasksToKeepRoomFor) batch.SetCapacity(kTasksToKeepRoomFor);
     }
     DestroyDelayed();
   }
@@ -160,20 +235,28 @@ class QueueCore {
  private:
   bool IsInForkedChild() const { return generation_ != base::ForkGeneration(); }
 
+  // In the thread's own list.
+  [[gnu::cold]] static void MakeRoom(TaskList* list) {
+    TaskList roomy;
+    roomy.SetCapacity(std::max<size_t>(2 * list->capacity(), 16));
+    for (Task& waiting : *list) roomy.Add(std::move(waiting));
+    list->Swap(&roomy);
+  }
+
   // Allocates and frees without the lock.
   [[gnu::cold, gnu::noinline]] void MakeRoomAndPost(Task&& task,
                                                     std::unique_lock<base::ShortLock>* hold) {
-    std::vector<Task> roomy;  // In the end the vector that was too small, which goes last of all.
+    TaskList roomy;  // In the end the list that was too small, which goes last of all.
     while (tasks_.size() == tasks_.capacity()) {
       const size_t wanted = std::max<size_t>(2 * tasks_.capacity(), 16);
       hold->unlock();
-      roomy.reserve(wanted);
+      if (roomy.capacity() < wanted) roomy.SetCapacity(wanted);
       hold->lock();
       if (tasks_.capacity() >= roomy.capacity()) continue;  // Another thread was faster.
-      for (Task& waiting : tasks_) roomy.push_back(std::move(waiting));
-      tasks_.swap(roomy);
+      for (Task& waiting : tasks_) roomy.Add(std::move(waiting));
+      tasks_.Swap(&roomy);
     }
-    tasks_.push_back(std::move(task));
+    tasks_.Add(std::move(task));
     WakeAndUnlock(hold);
   }
 
@@ -201,7 +284,7 @@ class QueueCore {
 
   // Waits until something is to be run and moves it into `batch`, in order; false when the queue is
   // closed and everything that was posted has run.
-  bool WaitForTasks(std::vector<Task>* batch) {
+  bool WaitForTasks(TaskList* batch) {
     if (in_burst_) Nap();
     bool woken_soon = false;
     for (;;) {
@@ -225,18 +308,19 @@ class QueueCore {
   }
 
   // Moves what is to be run now into `batch`, which is empty; answers the next deadline.
-  Clock::time_point Take(std::vector<Task>* batch) {
+  Clock::time_point Take(TaskList* batch) {
     // Deadlines stand still meanwhile, and the clock is read before the tasks are taken: a deadline
     // that has passed finds every task in front of it that was posted before.
     std::lock_guard<std::mutex> hold_deadlines(delayed_mutex_);
     const Clock::time_point now = delayed_.empty() ? Clock::time_point() : Clock::now();
     {
       std::lock_guard<base::ShortLock> hold(lock_);
-      batch->swap(tasks_);
+      tasks_.Swap(batch);
     }
     while (!delayed_.empty() && delayed_.begin()->first.first <= now) {
       const auto entry = delayed_.begin();
-      batch->push_back(std::move(entry->second));
+      if (batch->size() == batch->capacity()) MakeRoom(batch);
+      batch->Add(std::move(entry->second));
       due_by_id_.erase(entry->first.second);
       delayed_.erase(entry);
     }
@@ -279,13 +363,14 @@ class QueueCore {
     }
   }
 
-  // What every post touches, on a cache line of its own.
-  alignas(64) const uint32_t generation_ = base::ForkGeneration();
+  // What every post touches, on a cache line of its own: the counts and the queue object first.
+  alignas(64) unsigned char front_[40];
+  const uint32_t generation_ = base::ForkGeneration();
   base::ShortLock lock_;
   bool waiting_ = false;  // The thread sleeps, or is about to, and nobody has woken it yet.
   bool look_again_ = false;
   bool closed_ = false;
-  std::vector<Task> tasks_;
+  TaskList tasks_;
 
   // Guarded by delayed_mutex_, under which lock_ may be taken. Ordered by deadline, equal ones by
   // age.
@@ -298,13 +383,14 @@ class QueueCore {
   std::condition_variable awake_;
   bool woken_ = false;
 
-  bool in_burst_ = false;  // The thread's own.
-  bool retired_ = false;   // Guarded by the registry's mutex.
+  bool in_burst_ = false;        // The thread's own.
+  bool retired_ = false;         // Guarded by the registry's mutex.
+  std::atomic<int> holders_{2};  // The thread, and what Front allocated.
 };
 
 class PthreadDispatchQueue : public DispatchQueue {
  public:
-  explicit PthreadDispatchQueue(std::shared_ptr<QueueCore> core) : core_(std::move(core)) {}
+  explicit PthreadDispatchQueue(QueueCore* core) : core_(core) {}
   ~PthreadDispatchQueue() override { core_->Close(); }
 
   void PostTask(const base::Location&, Task task) override { core_->Post(std::move(task)); }
@@ -320,7 +406,7 @@ class PthreadDispatchQueue : public DispatchQueue {
   void Retire() override { core_->Retire(); }
 
   struct ThreadStart {
-    std::shared_ptr<QueueCore> core;
+    QueueCore* core;  // The thread drops it at its end.
     std::weak_ptr<DispatchQueue> queue;
     std::string name;
   };
@@ -332,6 +418,7 @@ class PthreadDispatchQueue : public DispatchQueue {
       base::ThreadCreateFlag::SetThreadCreateByQuenor(true);
       const ScopedCurrent current(std::move(start->queue));
       start->core->Run();
+      start->core->Drop();
     }
     Registry& registry = TheRegistry();
     std::lock_guard<std::mutex> hold(registry.mutex);
@@ -342,7 +429,7 @@ class PthreadDispatchQueue : public DispatchQueue {
   }
 
  private:
-  const std::shared_ptr<QueueCore> core_;
+  QueueCore* const core_;  // Holds this object.
 };
 
 // Creates the thread with every signal blocked: the host's handlers run on the host's threads.
@@ -374,14 +461,16 @@ namespace core {
 [[gnu::cold]] std::shared_ptr<DispatchQueue> ThreadManager::CreateNewDispatchQueue(
     BusinessID, const std::string& name, const base::Optional<base::Thread::Options>& options) {
   JoinEnded();
-  auto core = std::make_shared<QueueCore>();
-  auto queue = std::make_shared<PthreadDispatchQueue>(core);
+  auto* core = new QueueCore;
+  auto queue = std::allocate_shared<PthreadDispatchQueue>(
+      QueueCore::Front<PthreadDispatchQueue>(core), core);
   auto start = std::make_unique<PthreadDispatchQueue::ThreadStart>();
   start->core = core;
   start->queue = queue;
   start->name = name;
   const size_t stack_size = options.has_value() ? options->stack_size : 0;
   if (!StartThread(std::move(start), stack_size)) {
+    core->Drop();   // In the thread's place.
     queue.reset();  // Counts itself as draining; no thread will take that back.
     std::lock_guard<std::mutex> hold(TheRegistry().mutex);
     --TheRegistry().draining;
