@@ -117,8 +117,9 @@ class TaskList {
   }
   // An empty one's.
   [[gnu::cold]] void SetCapacity(size_t capacity) {
+    Task* const room = std::allocator<Task>().allocate(capacity);  // May throw: the old stays.
     if (tasks_ != nullptr) std::allocator<Task>().deallocate(tasks_, capacity_);
-    tasks_ = std::allocator<Task>().allocate(capacity);
+    tasks_ = room;
     capacity_ = static_cast<uint32_t>(capacity);
   }
 
