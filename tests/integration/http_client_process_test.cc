@@ -64,7 +64,7 @@ TEST_F(HttpClientProcessTest, RequestIsRefusedWhileNoThreadCanBeStarted) {
 }
 
 TEST_F(HttpClientProcessTest, RequestsFailWithoutDescriptorsAndWorkAgainAfterwards) {
-#ifdef __SANITIZE_ADDRESS__
+#if defined(QUENOR_SANITIZED_ADDRESS)
   GTEST_SKIP() << "UndefinedBehaviorSanitizer needs descriptors of its own to check a virtual call";
 #endif
   ScriptedServer server(Answering(), &certificate_);

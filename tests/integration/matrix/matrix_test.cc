@@ -176,7 +176,7 @@ TEST_F(MatrixTest, RandomRowsLeaveNeitherDescriptorsNorMemory) {
 
   EXPECT_EQ(0u, runner_->lost());
   EXPECT_EQ(open, open_at_end);
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if !defined(QUENOR_SANITIZED)
   EXPECT_LT(resident_at_end_kib, resident_kib + kMostGrowthKib);
 #endif
 }

@@ -43,7 +43,7 @@ TEST_F(QueueExitDeathTest, ExitWithAQueueAtWorkIsClean) {
 }
 
 TEST_F(QueueExitDeathTest, QueueHeldByAStaticObjectMayGoDuringTheExit) {
-#if defined(__SANITIZE_THREAD__)
+#if defined(QUENOR_SANITIZED_THREAD)
   GTEST_SKIP() << "its thread ends during the exit, when nobody joins it: to TSan a leak";
 #endif
   EXPECT_EXIT(

@@ -137,14 +137,7 @@ TEST_F(ThreadExitTest, ReleaseByADestroyerOfTheDyingTierLeavesNothing) {
 // Four rounds: what POSIX promises and what the C library runs. The thread sanitizer takes its own
 // state down in the last one, so no instrumented code may run there.
 static_assert(PTHREAD_DESTRUCTOR_ITERATIONS == 4);
-#if defined(__SANITIZE_THREAD__)
-#define QUENOR_TEST_UNDER_THREAD_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define QUENOR_TEST_UNDER_THREAD_SANITIZER 1
-#endif
-#endif
-#if defined(QUENOR_TEST_UNDER_THREAD_SANITIZER)
+#if defined(QUENOR_SANITIZED_THREAD)
 constexpr int kLastRound = PTHREAD_DESTRUCTOR_ITERATIONS - 1;
 #else
 constexpr int kLastRound = PTHREAD_DESTRUCTOR_ITERATIONS;

@@ -15,14 +15,6 @@
 #include "tests/conformance/local_log_conformance.h"
 #include "tests/unit/platform/system_calls.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define QUENOR_TEST_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define QUENOR_TEST_SANITIZED 1
-#endif
-#endif
-
 namespace quenor::conformance {
 
 INSTANTIATE_TYPED_TEST_SUITE_P(Default, LocalLogConformance, LinkedLog);
@@ -329,7 +321,7 @@ TEST_F(StderrLogTest, ExpandsErrnoInAFormatThatAsksForIt) {
   EXPECT_EQ("quenor[2] f:1 " + long_text + "No such file or directory\n", pipe.Read());
 }
 
-#if !defined(QUENOR_TEST_SANITIZED)
+#if !defined(QUENOR_SANITIZED)
 // In a process of its own that has no memory left for the line: exits with 0 if what came is right.
 void LogWithoutMemory(char filling, const char* begins, const char* ends) {
   static const char* expected_begin;
