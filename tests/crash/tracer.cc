@@ -528,8 +528,14 @@ bool KillProgramAt(const std::vector<std::string>& arguments, const KillPoint& p
   QUENOR_CHECK(tracee.BreakAt(point.address), "this processor has no breakpoints");
   for (uint64_t visit = 0; visit < point.visit;) {
     const int signal = tracee.RunToMark();
-    if (signal != SIGTRAP && signal != SIGSTOP) return false;
-    visit += signal == SIGTRAP;
+    if (signal == SIGSTOP) continue;
+    if (signal != SIGTRAP) return false;
+    if (++visit == point.visit) break;
+    // Over the instruction without the breakpoint: it must not count again when it begins anew,
+    // interrupted or after a page fault.
+    if (!tracee.BreakAt(0) || tracee.Step() != SIGTRAP || !tracee.BreakAt(point.address)) {
+      return false;
+    }
   }
   if (tracee.Registers().rip != point.address) return false;
   if (point.kind != KillPoint::Kind::kEntry) {
