@@ -328,7 +328,6 @@ class ObjectPool {
              uint32_t near_place = objpool::NearTiers::NextPlace())
       : tls_pool_(std::make_unique<TLSPool>(object_size, capacity, near_place)),
         max_batches_(max_batches),
-        near_place_(near_place),
         held_at_fork_(this, &LockForFork, &UnlockAfterFork) {}
   ObjectPool(const ObjectPool&) = delete;
   ObjectPool& operator=(const ObjectPool&) = delete;
@@ -336,16 +335,21 @@ class ObjectPool {
   // Any thread. An array with whatever its last user left in it, or null when memory has run out.
   // The caller owns it and gives it back with Reuse, on any thread.
   [[nodiscard]] Element* AllocRaw() {
-    auto* tier = TLSPool::TierAtHand(near_place_);
-    return tier != nullptr ? tier->Alloc().Release() : AllocRawWithNoneAtHand();
+    auto* tier = tls_pool_->GetTLSPool(&GetGlobalObjectPool, this);
+    if (tier == nullptr) return Allocator()(tls_pool_->object_size());
+    return tier->Alloc().Release();
   }
 
   // Any thread. Takes `p`, an array that AllocRaw of this pool handed out (not checked); null is
   // ignored.
   void Reuse(Element* p) {
-    auto* tier = TLSPool::TierAtHand(near_place_);
-    if (tier == nullptr) return ReuseWithNoneAtHand(p);
-    if (p != nullptr) tier->Reuse(p);
+    auto* tier = tls_pool_->GetTLSPool(&GetGlobalObjectPool, this);
+    if (p == nullptr) return;
+    if (tier == nullptr) {
+      Destroyer()(p, tls_pool_->object_size());
+      return;
+    }
+    tier->Reuse(p);
   }
 
   // Any thread. The shared tier of the ObjectPool at `pool`, made when none is alive; empty when
@@ -355,10 +359,6 @@ class ObjectPool {
  private:
   friend class ObjectPoolTestPeer;
 
-  // The same two when the thread has no tier yet, or when finding it takes more than a load.
-  [[gnu::noinline]] Element* AllocRawWithNoneAtHand();
-  [[gnu::noinline]] void ReuseWithNoneAtHand(Element* p);
-
   static void LockForFork(void* pool);
   static void UnlockAfterFork(void* pool);
 
@@ -367,7 +367,6 @@ class ObjectPool {
   std::weak_ptr<Global> global_pool_ QUENOR_GUARDED_BY(lock_);
   std::shared_ptr<Global> forking_;  // The shared tier, held while the process forks.
   uint32_t max_batches_;
-  const uint32_t near_place_;  // of tls_pool_, without the way through it
   base::HeldAtFork held_at_fork_;
 };
 
@@ -583,24 +582,6 @@ void GlobalObjectPool<T, Resetter, Allocator, Destroyer>::TrimLocked() {
   if (batches_.size() <= max_batches_) return;
   const uint32_t left = BatchesLeftByTrim(max_batches_);
   while (batches_.size() > left) batches_.pop_front();
-}
-
-template <typename T, typename Resetter, typename Allocator, typename Destroyer>
-auto ObjectPool<T, Resetter, Allocator, Destroyer>::AllocRawWithNoneAtHand() -> Element* {
-  auto* tier = tls_pool_->GetTLSPool(&GetGlobalObjectPool, this);
-  if (tier == nullptr) return Allocator()(tls_pool_->object_size());
-  return tier->Alloc().Release();
-}
-
-template <typename T, typename Resetter, typename Allocator, typename Destroyer>
-void ObjectPool<T, Resetter, Allocator, Destroyer>::ReuseWithNoneAtHand(Element* p) {
-  auto* tier = tls_pool_->GetTLSPool(&GetGlobalObjectPool, this);
-  if (p == nullptr) return;
-  if (tier == nullptr) {
-    Destroyer()(p, tls_pool_->object_size());
-    return;
-  }
-  tier->Reuse(p);
 }
 
 template <typename T, typename Resetter, typename Allocator, typename Destroyer>

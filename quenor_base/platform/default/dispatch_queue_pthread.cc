@@ -115,6 +115,11 @@ class TaskList {
     std::swap(size_, other->size_);
     std::swap(capacity_, other->capacity_);
   }
+  // Takes the room of `roomy`, an empty one with more of it, which is left with this one's.
+  void MoveInto(TaskList* roomy) {
+    for (Task& task : *this) roomy->Add(std::move(task));
+    Swap(roomy);
+  }
   // An empty one's.
   [[gnu::cold]] void SetCapacity(size_t capacity) {
     Task* const room = std::allocator<Task>().allocate(capacity);  // May throw: the old stays.
@@ -240,8 +245,7 @@ class QueueCore {
   [[gnu::cold]] static void MakeRoom(TaskList* list) {
     TaskList roomy;
     roomy.SetCapacity(std::max<size_t>(2 * list->capacity(), 16));
-    for (Task& waiting : *list) roomy.Add(std::move(waiting));
-    list->Swap(&roomy);
+    list->MoveInto(&roomy);
   }
 
   // Allocates and frees without the lock.
@@ -254,8 +258,7 @@ class QueueCore {
       if (roomy.capacity() < wanted) roomy.SetCapacity(wanted);
       hold->lock();
       if (tasks_.capacity() >= roomy.capacity()) continue;  // Another thread was faster.
-      for (Task& waiting : tasks_) roomy.Add(std::move(waiting));
-      tasks_.Swap(&roomy);
+      tasks_.MoveInto(&roomy);
     }
     tasks_.Add(std::move(task));
     WakeAndUnlock(hold);
