@@ -75,25 +75,6 @@ bool RenameToFree(const std::string& from, const std::string& to) {
   return errno == ENOENT && cache_io::Rename(from, to);
 }
 
-// Whether nobody finds the open file at `path`. False with errno when that cannot be told: a file
-// that only could not be looked at must not be taken for one that is gone.
-bool IsGoneFrom(const std::string& path, int fd, bool* gone) {
-  struct stat open_file;
-  struct stat named_file;
-  int result;
-  do {
-    result = fstat(fd, &open_file);
-  } while (result != 0 && errno == EINTR);
-  if (result != 0) return false;
-  do {
-    result = lstat(path.c_str(), &named_file);
-  } while (result != 0 && errno == EINTR);
-  if (result != 0 && errno != ENOENT && errno != ENOTDIR) return false;
-  *gone =
-      result != 0 || open_file.st_dev != named_file.st_dev || open_file.st_ino != named_file.st_ino;
-  return true;
-}
-
 // Finds packets of a sequence by their bytes, each at most once.
 class PacketIndex {
  public:
@@ -597,14 +578,13 @@ bool ReliableReportCacheFile::State::IsTooLong() const {
 // Others may delete, replace or shorten the file. False when it cannot even be asked.
 bool ReliableReportCacheFile::State::CheckFile() {
   uint64_t size;
-  uint64_t links;
-  bool gone;
-  if (!cache_io::FileSize(file.fd(), &size, &links) || !IsGoneFrom(path, file.fd(), &gone)) {
+  const cache_io::Name name = cache_io::AskName(file.fd(), path, &size);
+  if (name == cache_io::Name::kUnknown) {
     LogFailure("look at", errno);
     return false;
   }
   const bool was_well = !must_rewrite;
-  is_displaced = links == 0 || gone;  // It may be back.
+  is_displaced = name != cache_io::Name::kOurs;  // It may be back.
   if (is_displaced) {
     must_rewrite = true;
   } else if (size < end) {

@@ -321,12 +321,20 @@ bool FileSize(int fd, uint64_t* size, uint64_t* links) {
   return true;
 }
 
-bool IsStillAt(int fd, const std::string& path) {
+Name AskName(int fd, const std::string& path, uint64_t* size_bytes) {
   struct stat open_file;
   struct stat named_file;
-  return Uninterrupted([&] { return fstat(fd, &open_file); }) == 0 &&
-         Uninterrupted([&] { return lstat(path.c_str(), &named_file); }) == 0 &&
-         open_file.st_dev == named_file.st_dev && open_file.st_ino == named_file.st_ino;
+  if (Uninterrupted([&] { return fstat(fd, &open_file); }) != 0) return Name::kUnknown;
+  const int named = Uninterrupted([&] { return lstat(path.c_str(), &named_file); });
+  if (named != 0 && errno != ENOENT && errno != ENOTDIR) return Name::kUnknown;
+  if (size_bytes != nullptr) *size_bytes = static_cast<uint64_t>(open_file.st_size);
+  if (named != 0) return Name::kNobodys;
+  const bool same = open_file.st_dev == named_file.st_dev && open_file.st_ino == named_file.st_ino;
+  return same ? Name::kOurs : Name::kAnothers;
+}
+
+bool IsStillAt(int fd, const std::string& path) {
+  return AskName(fd, path, nullptr) == Name::kOurs;
 }
 
 bool SyncFile(int fd) {

@@ -95,7 +95,17 @@ class Mapping {
 // Where, in [begin, end), something may be that is not a hole: the first such place, or `end`.
 uint64_t NextData(int fd, uint64_t begin, uint64_t end);
 [[nodiscard]] bool FileSize(int fd, uint64_t* size, uint64_t* links);
-// True when `path` still names the file that `fd` has open.
+// Who has the name `path`, asked by whoever has a file open that had it: others may have removed or
+// replaced the file or its folder, or have left it under another name only.
+enum class Name {
+  kOurs,      // It names the file that `fd` has open.
+  kNobodys,   // Nothing is there.
+  kAnothers,  // Something else is there.
+  kUnknown,   // It could not be asked; errno says why. Nothing may be concluded from it.
+};
+// `*size_bytes`, which may be null, is the open file's length; set unless the answer is kUnknown.
+Name AskName(int fd, const std::string& path, uint64_t* size_bytes);
+// AskName() says kOurs.
 bool IsStillAt(int fd, const std::string& path);
 // Waits until a file's content, or a folder's names, are on the disk.
 [[nodiscard]] bool SyncFile(int fd);

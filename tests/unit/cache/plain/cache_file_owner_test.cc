@@ -4,6 +4,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
+
 #include "quenor_base/platform/reliable_report_cache_file.h"
 #include "tests/unit/cache/plain/cache_file_test_support.h"
 
@@ -190,6 +192,55 @@ TEST_F(CacheFileOwnerTest, ADeletedFileIsWrittenAnew) {
   ASSERT_TRUE(Append(&file, "b"));
   file.Close();
   EXPECT_EQ(Reopened(), Packets{"b"});
+}
+
+// Saved where the next start looks, however the name was lost.
+TEST_F(CacheFileOwnerTest, ANameThatIsLostWhileTheFileLivesOnIsMadeAnew) {
+  const std::string folder = folder_.File("folder");
+  const std::string at = folder + "/channel.cache";
+  const std::vector<std::pair<std::string, std::function<bool()>>> ways = {
+      {"its name removed, a hard link left",
+       [&] {
+         return link(at.c_str(), (folder + "/link").c_str()) == 0 && remove(at.c_str()) == 0;
+       }},
+      {"its folder renamed and made again",
+       [&] {
+         return rename(folder.c_str(), folder_.File("old").c_str()) == 0 &&
+                mkdir(folder.c_str(), 0700) == 0;
+       }},
+  };
+  for (const auto& [way, lose] : ways) {
+    std::filesystem::remove_all(folder);
+    ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+    ReliableReportCacheFile file;
+    ASSERT_TRUE(file.Open(base::FilePath(at)));
+    ASSERT_TRUE(Save(&file, {"a"}));
+    ASSERT_TRUE(lose()) << way;
+
+    EXPECT_TRUE(Save(&file, {"a", "b"})) << way;
+    file.Close();
+
+    ReliableReportCacheFile next;
+    ASSERT_TRUE(next.Open(base::FilePath(at)));
+    EXPECT_EQ(ReadAll(&next), (Packets{"a", "b"})) << way;
+  }
+}
+
+TEST_F(CacheFileOwnerTest, ARemovedFolderIsToldOnceAndUsedAgainWhenItIsBack) {
+  const std::string folder = folder_.File("folder");
+  ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+  ReliableReportCacheFile file;
+  ASSERT_TRUE(file.Open(base::FilePath(folder + "/channel.cache")));
+  ASSERT_TRUE(Save(&file, {"a"}));
+  std::filesystem::remove_all(folder);
+
+  for (int i = 0; i < 20; ++i) EXPECT_FALSE(Save(&file, {"a", "b"}));
+
+  EXPECT_EQ(Complaints().size(), 2u) << ::testing::PrintToString(Complaints());
+  ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+  EXPECT_TRUE(Save(&file, {"a", "b"}));
+  EXPECT_TRUE(Exists(folder + "/channel.cache"));
+  EXPECT_EQ(Complaints().size(), 2u);
 }
 
 TEST_F(CacheFileOwnerTest, AFileThatTookItsPlaceIsLeftAlone) {
