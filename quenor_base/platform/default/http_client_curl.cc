@@ -30,6 +30,10 @@
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_create_flag.h"
 #include "quenor_base/platform/default/http_address.h"
+#include "quenor_base/platform/default/http_defaults.h"
+#include "quenor_base/platform/default/http_easy_options.h"
+#include "quenor_base/platform/default/http_failure_text.h"
+#include "quenor_base/platform/default/http_header_text.h"
 #include "quenor_base/platform/http_client.h"
 #include "quenor_base/platform/local_log.h"
 
@@ -40,20 +44,22 @@
 namespace quenor {
 namespace {
 
+using http_header_text::EqualsNoCase;
+using http_header_text::IsFieldValue;
+using http_header_text::IsToken;
+using http_header_text::LowerAscii;
+
 constexpr char kLogFile[] = "quenor_base/platform/default/http_client_curl";
 constexpr int kLogError = 2;
 constexpr int64_t kLogPauseMs = 60 * 1000;
 constexpr size_t kLogCauses = 64;      // Remembered for the pause; beyond, the oldest is forgotten.
 constexpr size_t kIdleTransfers = 64;  // Kept for reuse with their easy handles.
 constexpr long kIdleConnections = 32;  // Kept open, over all hosts.
-constexpr long kSystemCaCacheSeconds = 3600;
 constexpr long kNameCacheSeconds = 5;  // A server that has moved is found with the next attempts.
 constexpr int kExitWaitSeconds = 5;
 constexpr uint32_t kKeptReceiveBytes = 4096;  // A receive buffer up to this size is recycled.
-constexpr size_t kMaxPemBytes = 16 << 20;
-constexpr uint32_t kMaxHeaderLimit = 256 << 10;  // libcurl itself gives up at 300 KiB.
-constexpr int kFruitlessRounds = 16;             // Then the I/O thread pauses: 1 ms, 2 ms, ...
-constexpr int kSpinPauseMs = 10;                 // ... up to this.
+constexpr int kFruitlessRounds = 16;          // Then the I/O thread pauses: 1 ms, 2 ms, ...
+constexpr int kSpinPauseMs = 10;              // ... up to this.
 constexpr int kPollFailurePauseMs = 100;
 constexpr long kMaxUploadBuffer = 64 << 10;
 constexpr int kLookAgainMs = 10;  // How long a request may be forgotten beside an idle connection.
@@ -64,67 +70,6 @@ int64_t NowMs() {
   clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
-
-// ---- Text helpers -------------------------------------------------------------------------------
-
-char LowerAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; }
-
-bool EqualsNoCase(const std::string& a, const char* b) {
-  size_t i = 0;
-  for (; i < a.size() && b[i] != '\0'; ++i) {
-    if (LowerAscii(a[i]) != LowerAscii(b[i])) return false;
-  }
-  return i == a.size() && b[i] == '\0';
-}
-
-bool IsToken(const std::string& text) {
-  for (char c : text) {
-    const bool alnum = (c >= '0' && c <= '9') || (LowerAscii(c) >= 'a' && LowerAscii(c) <= 'z');
-    if (!alnum && (c == '\0' || std::strchr("!#$%&'*+-.^_`|~", c) == nullptr)) return false;
-  }
-  return !text.empty();
-}
-
-bool IsFieldValue(const std::string& text) {
-  for (char c : text) {
-    if (static_cast<unsigned char>(c) < 0x20 && c != '\t') return false;
-    if (c == 0x7f) return false;
-  }
-  return true;
-}
-
-// ---- Settings -----------------------------------------------------------------------------------
-
-// The requests of one client to one server over HTTP/1.1, where each needs a connection for itself.
-// libcurl gets no more of them than there may be connections: it would look at each one that waits
-// whenever it does anything. Guarded by the engine's lock.
-struct Line {
-  std::string server;   // The URL up to its path.
-  uint32_t inside = 0;  // How many libcurl has.
-};
-
-// What a client's requests share with it; it lives as long as the last of them.
-struct ClientSettings {
-  ClientSettings(HttpClient::Config config_in, HttpDefaults defaults_in)
-      : config(std::move(config_in)), defaults(std::move(defaults_in)) {}
-  ~ClientSettings() { curl_slist_free_all(body_headers); }
-  ClientSettings(const ClientSettings&) = delete;
-  ClientSettings& operator=(const ClientSettings&) = delete;
-
-  const HttpClient::Config config;
-  const HttpDefaults defaults;
-  std::string proxy;                   // "socks5h://HOST:PORT"; empty: direct.
-  std::string pins;                    // As CURLOPT_PINNEDPUBLICKEY wants them.
-  curl_slist* body_headers = nullptr;  // Of a request with a body and no headers of its own.
-  int64_t serial = 0;                  // Tells settings apart for ever, as an address cannot.
-  bool http2 = false;                  // Offered, and libcurl has it.
-  // Guarded by the engine's lock: where requests went, and in which lines they are.
-  const void* used_io = nullptr;
-  std::vector<std::unique_ptr<Line>> lines;
-  // release in the destructor of the client, acquire on the I/O thread: what the owner did before
-  // is seen by the callbacks.
-  std::atomic<bool> closed{false};
-};
 
 // ---- One exchange -------------------------------------------------------------------------------
 
@@ -310,74 +255,6 @@ int64_t SilentMs(int fd) {
   return info.tcpi_last_data_recv;
 }
 
-// Gathers whether every option was taken.
-class EasyOptions {
- public:
-  explicit EasyOptions(CURL* easy) : easy_(easy) {}
-  template <typename T>
-  void Set(CURLoption option, T value) {
-    if (curl_easy_setopt(easy_, option, value) != CURLE_OK) all_taken_ = false;
-  }
-  // An empty text takes the option's value away.
-  void SetText(CURLoption option, const std::string& value) {
-    Set(option, value.empty() ? nullptr : value.c_str());
-  }
-  CURL* easy() const { return easy_; }
-  bool all_taken() const { return all_taken_; }
-
- private:
-  CURL* easy_;
-  bool all_taken_ = true;
-};
-
-void SetProxyOptions(const ClientSettings& client, EasyOptions* options) {
-  // Empty, not null: null would ask the environment.
-  options->Set(CURLOPT_PROXY, client.proxy.c_str());
-  options->Set(CURLOPT_NOPROXY, "");
-  if (client.proxy.empty()) return;
-  options->Set(CURLOPT_SOCKS5_AUTH, static_cast<long>(CURLAUTH_BASIC));
-  if (client.config.socks5_user.empty()) return;
-  const std::string user = http_address::ProxyCredential(client.config.socks5_user);
-  const std::string password = http_address::ProxyCredential(client.config.socks5_password);
-  options->Set(CURLOPT_PROXYUSERNAME, user.c_str());
-  options->Set(CURLOPT_PROXYPASSWORD, password.c_str());
-}
-
-// The system's certificates: the bundle alone where libcurl knows one that can be read, because
-// only a bundle without a folder is parsed once and not for every connection.
-void SetSystemCa(EasyOptions* options) {
-  char* bundle = nullptr;
-  if (curl_easy_getinfo(options->easy(), CURLINFO_CAINFO, &bundle) != CURLE_OK) return;
-  if (bundle == nullptr || access(bundle, R_OK) != 0) return;
-  options->Set(CURLOPT_CAPATH, nullptr);
-  options->Set(CURLOPT_CA_CACHE_TIMEOUT, kSystemCaCacheSeconds);
-}
-
-void SetTlsOptions(const ClientSettings& client, EasyOptions* options) {
-  const HttpDefaults& defaults = client.defaults;
-  options->Set(CURLOPT_SSL_VERIFYPEER, 1L);
-  options->Set(CURLOPT_SSL_VERIFYHOST, 2L);
-  options->Set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-  if (defaults.ca_file.empty() && defaults.ca_folder.empty()) {
-    SetSystemCa(options);
-  } else {
-    // Both, so that neither of libcurl's own defaults stays beside what was given. Not cached: the
-    // host may replace the file's content.
-    options->SetText(CURLOPT_CAINFO, defaults.ca_file);
-    options->SetText(CURLOPT_CAPATH, defaults.ca_folder);
-    options->Set(CURLOPT_CA_CACHE_TIMEOUT, 0L);
-  }
-  options->SetText(CURLOPT_PINNEDPUBLICKEY, client.pins);
-  options->SetText(CURLOPT_SSLCERT, defaults.client_certificate_file);
-  options->SetText(CURLOPT_SSLKEY, defaults.client_key_file);
-}
-
-// Asked for once: libcurl writes its versions' text each time, with 5 KiB of its caller's stack.
-bool HasHttp2() {
-  static const bool has = (curl_version_info(CURLVERSION_NOW)->features & CURL_VERSION_HTTP2) != 0;
-  return has;
-}
-
 // Gives the handle all options that are the same for every request of the client.
 bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
   const HttpDefaults& defaults = client.defaults;
@@ -419,30 +296,6 @@ bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
   SetTlsOptions(client, &options);
   transfer->configured_serial = options.all_taken() ? client.serial : 0;
   return options.all_taken();
-}
-
-bool AppendHeader(curl_slist** list, const std::string& line) {
-  curl_slist* longer = curl_slist_append(*list, line.c_str());
-  if (longer == nullptr) return false;
-  *list = longer;
-  return true;
-}
-
-// The request's headers and, unless they say otherwise, the content type of a body. "Expect" is
-// taken away: libcurl would hold back a large body for a second.
-bool BuildHeaders(const std::map<std::string, std::string>& headers, bool sends_body,
-                  curl_slist** list) {
-  bool has_type = false;
-  bool has_expect = false;
-  for (const auto& [name, value] : headers) {
-    has_type = has_type || EqualsNoCase(name, "content-type");
-    has_expect = has_expect || EqualsNoCase(name, "expect");
-    // libcurl reads "Name:" as "do not send Name", and "Name;" as an empty value.
-    if (!AppendHeader(list, value.empty() ? name + ";" : name + ": " + value)) return false;
-  }
-  if (!sends_body) return true;
-  if (!has_type && !AppendHeader(list, "Content-Type: application/octet-stream")) return false;
-  return has_expect || AppendHeader(list, "Expect:");
 }
 
 // A body may be sent with any method but HEAD; these announce one even when it is empty.
@@ -576,70 +429,6 @@ void Clear(Transfer* transfer) {
 }
 
 // ---- What a log says ----------------------------------------------------------------------------
-
-// X509_V_ERR_… values, which stay the same for ever.
-const char* CertificateAdvice(long verify_result) {
-  switch (verify_result) {
-    case 9:  // Not yet valid.
-      return "check this machine's clock";
-    case 10:  // Expired.
-      return "renew the server's certificate or check this machine's clock";
-    case 2:
-    case 18:
-    case 19:
-    case 20:
-    case 21:  // No way to a trusted authority.
-      return "name the authority's certificate in HttpDefaults::ca_file, or look for something "
-             "that "
-             "intercepts TLS";
-    case 1:   // libcurl's start value: the chain was not looked at, or the name was wrong.
-    case 62:  // Another host's.
-      return "use the name that the certificate is for, or give the server one for this name";
-    default:
-      return "check the server's certificate chain";
-  }
-}
-
-const char* Advice(const Transfer& transfer) {
-  const bool proxied = !transfer.client->proxy.empty();
-  switch (transfer.code) {
-    case CURLE_PEER_FAILED_VERIFICATION:
-      return CertificateAdvice(transfer.verify_result);
-    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
-      return "add the server's key to HttpDefaults::pinned_public_keys, or look for something that "
-             "intercepts TLS";
-    case CURLE_SSL_CACERT_BADFILE:
-      return "check HttpDefaults::ca_file and ca_folder";
-    case CURLE_SSL_CERTPROBLEM:
-      return "check HttpDefaults::client_certificate_file and client_key_file";
-    case CURLE_SSL_CONNECT_ERROR:
-      return "check that the server speaks TLS 1.2 or newer on this port";
-    case CURLE_COULDNT_RESOLVE_HOST:
-      return "check the host name and this machine's DNS";
-    case CURLE_COULDNT_RESOLVE_PROXY:
-      return "check the SOCKS5 proxy's host name";
-    case CURLE_PROXY:
-      return "check the SOCKS5 proxy's user, password and rules";
-    case CURLE_COULDNT_CONNECT:
-      return proxied ? "check that the SOCKS5 proxy runs and may be reached"
-                     : "check that the server runs and may be reached from here";
-    case CURLE_OPERATION_TIMEDOUT:
-      return "check the network and the server, or raise the time limits of HttpDefaults";
-    default:
-      return transfer.state == HttpClient::State::kTooLarge
-                 ? "check what answers at this address, or raise the size limits of HttpDefaults"
-                 : "check the network and the server";
-  }
-}
-
-const char* Cause(const Transfer& transfer) {
-  if (transfer.state == HttpClient::State::kTooLarge) return "the response is too large";
-  constexpr char kPrefix[] = "SSL certificate problem: ";
-  if (std::strncmp(transfer.error, kPrefix, sizeof(kPrefix) - 1) == 0) {
-    return transfer.error + sizeof(kPrefix) - 1;
-  }
-  return transfer.error[0] != '\0' ? transfer.error : curl_easy_strerror(transfer.code);
-}
 
 // Remembers what was logged when. Guarded by the engine's lock.
 class LogPauses {
@@ -1295,7 +1084,9 @@ void Engine::RunCallback(Transfer* transfer) {
 
 void Engine::LogFailure(const Transfer& transfer) {
   const std::string url = http_address::LoggableUrl(transfer.request.url);
-  const std::string cause = Cause(transfer);
+  const HttpFailure failure{transfer.state, transfer.code, transfer.verify_result, transfer.error,
+                            !transfer.client->proxy.empty()};
+  const std::string cause = FailureCause(failure);
   if (!MayLog(url + '\n' + std::to_string(transfer.code) + '\n' +
               std::to_string(transfer.verify_result))) {
     return;
@@ -1304,7 +1095,7 @@ void Engine::LogFailure(const Transfer& transfer) {
   LocalLog(kLogError, kLogFile, __LINE__, "http: cannot %s %s%s%s: %s; %s",
            is_post ? "post to" : ("send " + transfer.request.method + " to").c_str(), url.c_str(),
            transfer.client->proxy.empty() ? "" : " through ", transfer.client->proxy.c_str(),
-           cause.c_str(), Advice(transfer));
+           cause.c_str(), FailureAdvice(failure));
 }
 
 // Sleeps until a socket, a time limit or another thread needs the I/O thread; with none of them
@@ -1430,184 +1221,6 @@ int64_t HttpClientCurl::SendRequest(const Request& request, CompletionCallback c
   return id;
 }
 
-// ---- The process's defaults ---------------------------------------------------------------------
-
-// Zero and empty values replaced by what they stand for.
-HttpDefaults InForce(HttpDefaults defaults) {
-  const HttpDefaults fresh;
-  const auto fill = [](uint32_t* value, uint32_t otherwise) {
-    if (*value == 0) *value = otherwise;
-  };
-  fill(&defaults.connect_timeout_ms, fresh.connect_timeout_ms);
-  fill(&defaults.total_timeout_ms, fresh.total_timeout_ms);
-  fill(&defaults.low_speed_bytes_per_second, fresh.low_speed_bytes_per_second);
-  fill(&defaults.low_speed_seconds, fresh.low_speed_seconds);
-  fill(&defaults.max_response_body_bytes, fresh.max_response_body_bytes);
-  fill(&defaults.max_response_header_bytes, fresh.max_response_header_bytes);
-  fill(&defaults.max_connections_per_host, fresh.max_connections_per_host);
-  if (defaults.user_agent.empty()) defaults.user_agent = "quenor/" QUENOR_VERSION;
-  return defaults;
-}
-
-// Standard base64 with its padding. False when `text` is anything else.
-bool DecodeBase64(const std::string& text, std::string* bytes) {
-  static const char kAlphabet[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  bytes->clear();
-  if (text.empty() || text.size() % 4 != 0) return false;
-  size_t padding = 0;
-  while (padding < 2 && text[text.size() - 1 - padding] == '=') ++padding;
-  uint32_t bits = 0;
-  for (size_t i = 0; i < text.size(); ++i) {
-    uint32_t value = 0;
-    if (i < text.size() - padding) {
-      const char* found = text[i] == '\0' ? nullptr : std::strchr(kAlphabet, text[i]);
-      if (found == nullptr) return false;
-      value = static_cast<uint32_t>(found - kAlphabet);
-    }
-    bits = (bits << 6) | value;
-    if (i % 4 != 3) continue;
-    for (int shift = 16; shift >= 0; shift -= 8) bytes->push_back(static_cast<char>(bits >> shift));
-  }
-  bytes->resize(bytes->size() - padding);
-  return true;
-}
-
-// One DER SEQUENCE and nothing after it: what every certificate and private key is.
-bool IsDerSequence(const std::string& bytes) {
-  if (bytes.size() < 2 || static_cast<uint8_t>(bytes[0]) != 0x30) return false;
-  const uint8_t first = static_cast<uint8_t>(bytes[1]);
-  if (first < 0x80) return bytes.size() == 2u + first;
-  const size_t length_bytes = first & 0x7f;
-  if (length_bytes == 0 || length_bytes > 4 || bytes.size() < 2 + length_bytes) return false;
-  uint64_t length = 0;
-  for (size_t i = 0; i < length_bytes; ++i) {
-    length = (length << 8) | static_cast<uint8_t>(bytes[2 + i]);
-  }
-  return bytes.size() == 2 + length_bytes + length;
-}
-
-// Counts the blocks in a PEM text whose label ends in `label`. Answers -1 when one of them is
-// malformed, encrypted or cut off.
-int CountPemBlocks(const std::string& text, const std::string& label) {
-  int count = 0;
-  size_t at = 0;
-  while ((at = text.find("-----BEGIN ", at)) != std::string::npos) {
-    const size_t name = at + std::strlen("-----BEGIN ");
-    const size_t name_end = text.find("-----", name);
-    if (name_end == std::string::npos) return -1;
-    const std::string found = text.substr(name, name_end - name);
-    const size_t content = name_end + 5;
-    const size_t end = text.find("-----END " + found + "-----", content);
-    at = content;
-    const bool wanted = found.size() >= label.size() &&
-                        found.compare(found.size() - label.size(), label.size(), label) == 0;
-    if (!wanted) continue;
-    if (end == std::string::npos) return -1;
-    std::string base64 = text.substr(content, end - content);
-    base64.erase(std::remove_if(base64.begin(), base64.end(),
-                                [](char c) { return c == '\n' || c == '\r' || c == ' '; }),
-                 base64.end());
-    std::string der;
-    if (found.find("ENCRYPTED") == 0 || !DecodeBase64(base64, &der)) return -1;
-    if (found.find("TRUSTED") != 0 && !IsDerSequence(der)) return -1;
-    ++count;
-  }
-  return count;
-}
-
-// Reads a file that the host named. Answers why it cannot be read, or an empty string.
-std::string ReadPem(const std::string& path, std::string* text) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::strerror(errno);
-  std::string reason;
-  char chunk[16384];
-  ssize_t size;
-  while ((size = read(fd, chunk, sizeof(chunk))) != 0) {
-    if (size < 0 && errno == EINTR) continue;
-    if (size < 0) {
-      reason = std::strerror(errno);
-      break;
-    }
-    text->append(chunk, static_cast<size_t>(size));
-    if (text->size() > kMaxPemBytes) {
-      reason = "it is larger than 16 MiB";
-      break;
-    }
-  }
-  close(fd);
-  return reason;
-}
-
-// Checks one PEM file that is to hold `label` blocks; an empty path is fine.
-std::string PemProblem(const char* field, const std::string& path, const std::string& label) {
-  if (path.empty()) return std::string();
-  const std::string object = std::string("http defaults: ") + field + " '" + path + "' ";
-  std::string text;
-  const std::string reason = ReadPem(path, &text);
-  if (!reason.empty()) {
-    return object + "cannot be read: " + reason + "; give a PEM file that this process may read";
-  }
-  const int blocks = CountPemBlocks(text, label);
-  if (blocks > 0) return std::string();
-  return object + (blocks < 0 ? "holds a malformed or encrypted " : "holds no ") + label +
-         " block; give an unencrypted PEM file with one";
-}
-
-std::string FolderProblem(const std::string& path) {
-  if (path.empty()) return std::string();
-  struct stat status;
-  int error = stat(path.c_str(), &status) != 0 ? errno : 0;
-  if (error == 0 && !S_ISDIR(status.st_mode)) error = ENOTDIR;
-  if (error == 0 && access(path.c_str(), R_OK | X_OK) != 0) error = errno;
-  if (error == 0) return std::string();
-  return "http defaults: ca_folder '" + path + "' cannot be used: " + std::strerror(error) +
-         "; give a folder of CA certificates that `openssl rehash` has prepared";
-}
-
-std::string PinProblem(const std::string& pin) {
-  constexpr char kPrefix[] = "sha256//";
-  std::string bytes;
-  const size_t prefix = sizeof(kPrefix) - 1;
-  if (pin.compare(0, prefix, kPrefix) == 0 && DecodeBase64(pin.substr(prefix), &bytes) &&
-      bytes.size() == 32) {
-    return std::string();
-  }
-  return "http defaults: pinned_public_keys: '" + pin +
-         "' is no pin; give sha256// and the base64 of the key's 32-byte SHA-256";
-}
-
-std::string ClientCertificateProblem(const HttpDefaults& defaults) {
-  const std::string& certificate = defaults.client_certificate_file;
-  const std::string& key = defaults.client_key_file;
-  if (certificate.empty() && !key.empty()) {
-    return "http defaults: client_key_file '" + key +
-           "' has no certificate; set client_certificate_file too";
-  }
-  const std::string problem = PemProblem("client_certificate_file", certificate, "CERTIFICATE");
-  if (!problem.empty()) return problem;
-  if (!key.empty()) return PemProblem("client_key_file", key, "PRIVATE KEY");
-  return PemProblem("client_certificate_file", certificate, "PRIVATE KEY");
-}
-
-std::string DefaultsProblem(const HttpDefaults& defaults) {
-  std::string problem = PemProblem("ca_file", defaults.ca_file, "CERTIFICATE");
-  if (problem.empty()) problem = FolderProblem(defaults.ca_folder);
-  for (const std::string& pin : defaults.pinned_public_keys) {
-    if (problem.empty()) problem = PinProblem(pin);
-  }
-  if (problem.empty()) problem = ClientCertificateProblem(defaults);
-  if (problem.empty() && !IsFieldValue(defaults.user_agent)) {
-    problem = "http defaults: user_agent holds a control character; take it out";
-  }
-  if (problem.empty() && defaults.max_response_header_bytes > kMaxHeaderLimit) {
-    problem = "http defaults: max_response_header_bytes is " +
-              std::to_string(defaults.max_response_header_bytes) + "; give at most " +
-              std::to_string(kMaxHeaderLimit);
-  }
-  return problem;
-}
-
 }  // namespace
 
 std::unique_ptr<HttpClient> HttpClientFactory::Create(const HttpClient::Config& config) {
@@ -1619,7 +1232,8 @@ std::unique_ptr<HttpClient> HttpClientFactory::Create(const HttpClient::Config& 
     }
     return nullptr;
   }
-  auto settings = std::make_shared<ClientSettings>(config, InForce(engine->GetDefaults()));
+  auto settings =
+      std::make_shared<ClientSettings>(config, http_defaults::InForce(engine->GetDefaults()));
   settings->serial = engine->NextSerial();
   settings->proxy = http_address::ProxyUrl(config);
   settings->http2 = config.enable_http2 && HasHttp2();
@@ -1642,11 +1256,11 @@ const char* HttpClientFactory::ImplementationName() {
 }
 
 std::string SetHttpDefaults(const HttpDefaults& defaults) {
-  std::string problem = DefaultsProblem(defaults);
-  if (problem.empty()) Engine::Get()->SetDefaults(InForce(defaults));
+  std::string problem = http_defaults::Problem(defaults);
+  if (problem.empty()) Engine::Get()->SetDefaults(http_defaults::InForce(defaults));
   return problem;
 }
 
-HttpDefaults GetHttpDefaults() { return InForce(Engine::Get()->GetDefaults()); }
+HttpDefaults GetHttpDefaults() { return http_defaults::InForce(Engine::Get()->GetDefaults()); }
 
 }  // namespace quenor

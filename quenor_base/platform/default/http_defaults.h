@@ -1,0 +1,21 @@
+// What the host may set for every HTTP client of the process: judged before it holds. Internal to
+// the HTTP client on libcurl. Any thread.
+#ifndef QUENOR_BASE_PLATFORM_DEFAULT_HTTP_DEFAULTS_H_
+#define QUENOR_BASE_PLATFORM_DEFAULT_HTTP_DEFAULTS_H_
+
+#include <string>
+
+#include "quenor_base/platform/http_client.h"
+
+namespace quenor::http_defaults {
+
+// Zero and empty values replaced by what they stand for.
+HttpDefaults InForce(HttpDefaults defaults);
+
+// Empty when these can be used, else one line that names what cannot and says what to do. Reads the
+// files that they name.
+std::string Problem(const HttpDefaults& defaults);
+
+}  // namespace quenor::http_defaults
+
+#endif  // QUENOR_BASE_PLATFORM_DEFAULT_HTTP_DEFAULTS_H_

@@ -1,0 +1,27 @@
+// What the log says of an exchange that failed. Internal to the HTTP client on libcurl. Pure
+// functions; any thread.
+#ifndef QUENOR_BASE_PLATFORM_DEFAULT_HTTP_FAILURE_TEXT_H_
+#define QUENOR_BASE_PLATFORM_DEFAULT_HTTP_FAILURE_TEXT_H_
+
+#include <curl/curl.h>
+
+#include "quenor_base/platform/http_client.h"
+
+namespace quenor {
+
+// How an exchange failed, as far as it says what to do about it.
+struct HttpFailure {
+  HttpClient::State state = HttpClient::State::kFailed;
+  CURLcode code = CURLE_OK;
+  long verify_result = 0;  // As CURLINFO_SSL_VERIFYRESULT gives it.
+  const char* error = "";  // libcurl's words; may be empty.
+  bool is_proxied = false;
+};
+
+// Any thread. Static text, or what `error` points to.
+const char* FailureCause(const HttpFailure& failure);
+const char* FailureAdvice(const HttpFailure& failure);
+
+}  // namespace quenor
+
+#endif  // QUENOR_BASE_PLATFORM_DEFAULT_HTTP_FAILURE_TEXT_H_
