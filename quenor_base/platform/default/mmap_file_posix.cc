@@ -146,6 +146,13 @@ uint64_t RoomOf(const Entry* begin, const Entry* end) {
   return room;
 }
 
+// Where an extent was: its epoch tells whether it is still there.
+struct Room {
+  uint64_t offset;  // In the file; 0: nowhere.
+  uint64_t size;
+  uint64_t epoch;
+};
+
 // An extent of this owner's, mapped.
 struct Extent {
   cache_io::Mapping map;
@@ -157,6 +164,7 @@ struct Extent {
   uint8_t* at(uint64_t offset) const { return map.data() + offset; }
   const uint8_t* body(const Entry& entry) const { return at(entry.offset) + sizeof(PacketHeader); }
   ExtentHeader* header() const { return reinterpret_cast<ExtentHeader*>(map.data()); }
+  Room room() const { return {file_offset, shape.size, epoch}; }
   void Reset() {
     map.Unmap();
     file_offset = epoch = 0;
@@ -235,7 +243,8 @@ struct MultiProcessSafetyMmapFile::State {
   [[gnu::cold]] bool EraseExtent(uint64_t offset, uint64_t size) const;
   void Discard(Extent* extent) const;
   void DropReservation(uint64_t offset) const;
-  [[gnu::cold]] void GiveBack(uint64_t offset, uint64_t size) const;
+  [[gnu::cold]] void GiveBack(const Room& room) const;
+  [[gnu::cold]] bool IsStillThere(const Room& room) const;
   [[gnu::cold]] void GiveBackIfEmpty();
 
   // --- Saving ------------------------------------------------------------------------------------
@@ -801,7 +810,7 @@ bool MultiProcessSafetyMmapFile::State::MakeExtent(uint64_t area_bytes, uint64_t
   if (!made.map.Map(file, offset, made.shape.size)) {
     const int error = errno;
     DropReservation(offset);
-    GiveBack(offset, made.shape.size);
+    GiveBack({offset, made.shape.size, 0});
     errno = error;
     return false;
   }
@@ -942,12 +951,11 @@ bool MultiProcessSafetyMmapFile::State::EraseExtent(uint64_t offset, uint64_t si
 // Of an extent that no seal has named. Marked and unmapped before it is nobody's: another may then
 // use it, or cut the file.
 void MultiProcessSafetyMmapFile::State::Discard(Extent* extent) const {
-  const uint64_t offset = extent->file_offset;
-  const uint64_t size = extent->shape.size;
+  const Room room = extent->room();
   StoreLast(&extent->header()->state, mmap_format::kFree);
   extent->Reset();
-  DropReservation(offset);
-  GiveBack(offset, size);
+  DropReservation(room.offset);
+  GiveBack(room);
 }
 
 void MultiProcessSafetyMmapFile::State::DropReservation(uint64_t offset) const {
@@ -957,8 +965,10 @@ void MultiProcessSafetyMmapFile::State::DropReservation(uint64_t offset) const {
 }
 
 // Of an extent that no record names any more. Free room reads as zeros, or is not there at all.
-// When the lock is not to be had, the extent's state tells the next who looks for room.
-void MultiProcessSafetyMmapFile::State::GiveBack(uint64_t offset, uint64_t size) const {
+// When the lock is not to be had, the extent's state tells the next who looks for room. By the time
+// it is, others may have used that room and left it again: what they left there has a head of its
+// own, and may be longer.
+void MultiProcessSafetyMmapFile::State::GiveBack(const Room& room) const {
   if (!cache_io::WaitLock(file.fd(), 0, 1, kSaveWaitMs)) return;
   NothrowArray<Range> used;
   uint64_t file_size;
@@ -968,10 +978,10 @@ void MultiProcessSafetyMmapFile::State::GiveBack(uint64_t offset, uint64_t size)
     bool in_use = false;
     for (const Range& range : used) {
       end = std::max(end, range.end);
-      in_use = in_use || (range.begin < offset + size && range.end > offset);
+      in_use = in_use || (range.begin < room.offset + room.size && range.end > room.offset);
     }
-    if (!in_use && offset < file_size) {
-      (void)EraseExtent(offset, std::min(size, file_size - offset));
+    if (!in_use && IsStillThere(room)) {
+      (void)EraseExtent(room.offset, std::min(room.size, file_size - room.offset));
     }
     if (end < file_size && FreeRange(end, file_size, file_size)) {
       (void)cache_io::Truncate(file.fd(), end);
@@ -980,16 +990,23 @@ void MultiProcessSafetyMmapFile::State::GiveBack(uint64_t offset, uint64_t size)
   cache_io::Unlock(file.fd(), 0, 1);
 }
 
+// With the table's lock held.
+bool MultiProcessSafetyMmapFile::State::IsStillThere(const Room& room) const {
+  ExtentHeader head;
+  return cache_io::ReadAt(file.fd(), &head, sizeof head, room.offset) == sizeof head &&
+         mmap_format::IsSound(head, room.offset) && head.epoch == room.epoch &&
+         head.size == room.size;
+}
+
 // An owner that closes without content needs no room.
 void MultiProcessSafetyMmapFile::State::GiveBackIfEmpty() {
   if (!current || !sealed.empty() || claimed != 0 || !is_complete) return;
-  const uint64_t offset = current.file_offset;
-  const uint64_t size = current.shape.size;
+  const Room room = current.room();
   // Marked and unmapped before it is nobody's: another may then use it, or cut the file.
   StoreLast(&current.header()->state, mmap_format::kFree);
   current.Reset();
   ReplaceSeal(own, in_force, Seal());
-  if (FlushTable()) GiveBack(offset, size);
+  if (FlushTable()) GiveBack(room);
 }
 
 // Saving ------------------------------------------------------------------------------------------
@@ -1378,8 +1395,7 @@ void MultiProcessSafetyMmapFile::State::Retire(size_t begin, size_t end) const {
 // sees that its owner has moved.
 void MultiProcessSafetyMmapFile::State::FinishMove(bool is_flushed) {
   StoreLast(&building.header()->state, mmap_format::kInUse);
-  const uint64_t offset = current.file_offset;
-  const uint64_t size = current.shape.size;
+  const Room room = current.room();
   // Marked and unmapped before the older seal stops naming it: then another may use it, or cut the
   // file.
   if (current) StoreLast(&current.header()->state, mmap_format::kFree);
@@ -1387,19 +1403,20 @@ void MultiProcessSafetyMmapFile::State::FinishMove(bool is_flushed) {
   current.swap(building);
   StoreLast(&record(own)->seals[1 - in_force].check, mmap_format::kWriting);
   DropReservation(current.file_offset);
-  if (offset != 0 && is_flushed) GiveBack(offset, size);
+  if (room.offset != 0 && is_flushed) GiveBack(room);
 }
 
 // What was taken over is in this owner's own seal, which says so: it is voided where it came from,
 // then the seal stops saying so, and only then may others use those records. Killed on the way,
 // whoever opens next finishes it.
 void MultiProcessSafetyMmapFile::State::FinishTakeOver() {
-  Range voided[kOwners];
+  Room voided[kOwners];
   size_t count = 0;
   for (uint32_t owner = 1; owner <= kOwners; ++owner) {
     const OwnerView view = View(owner);
     if ((claimed & Bit(owner)) == 0 || view.in_force < 0) continue;
-    voided[count++] = {view.seal().extent_offset, view.seal().extent_size};
+    const Seal& seal = view.seal();
+    voided[count++] = {seal.extent_offset, seal.extent_size, seal.extent_epoch};
     ReplaceSeal(owner, view.in_force, Seal());
   }
   const bool is_flushed = FlushTable();
@@ -1412,7 +1429,7 @@ void MultiProcessSafetyMmapFile::State::FinishTakeOver() {
     if ((claimed & Bit(owner)) != 0) cache_io::Unlock(file.fd(), RecordOffset(owner), 1);
   }
   claimed = 0;
-  for (size_t i = 0; i < count && is_flushed; ++i) GiveBack(voided[i].begin, voided[i].end);
+  for (size_t i = 0; i < count && is_flushed; ++i) GiveBack(voided[i]);
 }
 
 // A complete save of the same content, in a smaller extent.

@@ -222,7 +222,13 @@ int __wrap_fcntl(int fd, int command, ...) {
   va_start(rest, command);
   void* const argument = va_arg(rest, void*);
   va_end(rest);
-  return Pass(Info(Call::kFcntl, fd), -1, [&] { return __real_fcntl(fd, command, argument); });
+  CallInfo info = Info(Call::kFcntl, fd);
+  if (command == F_OFD_SETLK) {
+    const struct flock* const lock = static_cast<const struct flock*>(argument);
+    info.offset = static_cast<uint64_t>(lock->l_start);
+    info.size = lock->l_type == F_UNLCK ? 0 : static_cast<uint64_t>(lock->l_len);
+  }
+  return Pass(info, -1, [&] { return __real_fcntl(fd, command, argument); });
 }
 int __wrap_fsync(int fd) {
   return Pass(Info(Call::kFsync, fd), -1, [&] { return __real_fsync(fd); });

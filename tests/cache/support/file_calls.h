@@ -42,8 +42,8 @@ struct CallInfo {
   Call call;
   int fd = -1;                    // -1 where the call has none.
   const void* address = nullptr;  // Of memory: mmap's result, msync's and munmap's argument.
-  uint64_t offset = 0;            // In the file, or the new length.
-  uint64_t size = 0;
+  uint64_t offset = 0;            // In the file, or the new length; of a lock, where it begins.
+  uint64_t size = 0;              // Of a lock that is dropped: 0.
 };
 
 class CallObserver {
