@@ -10,6 +10,7 @@
 #include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <openssl/crypto.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -27,6 +28,7 @@
 #include <cstring>
 #include <utility>
 
+#include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_create_flag.h"
 #include "quenor_base/platform/default/http_address.h"
@@ -596,12 +598,20 @@ class Engine {
 
   // Life cycle.
   Io* EnsureIo(std::string* problem) QUENOR_REQUIRES(lock_);
+  bool StartLibcurl(std::string* problem) QUENOR_REQUIRES(lock_);
   static bool StartThread(Io* io, std::string* problem);
   static void* ThreadMain(void* io);
   static void AtExit();
   static void BeforeFork();
   static void AfterForkInParent();
   static void AfterForkInChild();
+  static int HandleForks() {
+    Get();
+    return pthread_atfork(&BeforeFork, &AfterForkInParent, &AfterForkInChild);
+  }
+  // When the library is loaded, so that a fork finds the engine and waits for it however early in
+  // the first request it comes; after the handlers of fork.h, and so run before them.
+  inline static const int forks_handled_ = HandleForks();
 
   // I/O thread.
   void Run(Io* io);
@@ -627,6 +637,8 @@ class Engine {
   Io* io_ QUENOR_GUARDED_BY(lock_) = nullptr;
   Io* parents_io_ QUENOR_GUARDED_BY(lock_) = nullptr;  // In a forked child: never touched again.
   bool libcurl_ready_ QUENOR_GUARDED_BY(lock_) = false;
+  bool exit_handled_ QUENOR_GUARDED_BY(lock_) = false;  // AtExit() is registered.
+  bool exiting_ QUENOR_GUARDED_BY(lock_) = false;       // AtExit() has run, or can no more.
   int64_t last_serial_ QUENOR_GUARDED_BY(lock_) = 0;
   LogPauses log_pauses_ QUENOR_GUARDED_BY(lock_);
   HttpDefaults defaults_ QUENOR_GUARDED_BY(lock_);
@@ -635,18 +647,30 @@ class Engine {
 
 // ---- Engine: life cycle -------------------------------------------------------------------------
 
+// Another thread may be in exit() already, or get there meanwhile. OpenSSL would free at exit what
+// it has, by a handler that it registers in the middle of its start; so it is told to leave that to
+// the system. If the host has started it before, its handler stands, and ours runs first: exit
+// handlers run last come, first served, and what comes during an exit does so, too. From here on
+// an exit waits for this start, because its handler needs the lock.
+bool Engine::StartLibcurl(std::string* problem) {
+  if (libcurl_ready_) return true;
+  OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+  if (!exit_handled_ && std::atexit(&Engine::AtExit) != 0) {
+    exiting_ = true;  // The last handler has run.
+    return false;
+  }
+  exit_handled_ = true;
+  if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
+    *problem = "libcurl cannot be initialised";
+    return false;
+  }
+  libcurl_ready_ = true;
+  return true;
+}
+
 Io* Engine::EnsureIo(std::string* problem) {
   if (io_ != nullptr) return io_;
-  if (!libcurl_ready_) {
-    if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
-      *problem = "libcurl cannot be initialised";
-      return nullptr;
-    }
-    libcurl_ready_ = true;
-    // After libcurl's, and so OpenSSL's, own start: exit handlers run last come, first served.
-    std::atexit(&Engine::AtExit);
-    pthread_atfork(&Engine::BeforeFork, &Engine::AfterForkInParent, &Engine::AfterForkInChild);
-  }
+  if (exiting_ || !StartLibcurl(problem)) return nullptr;
   std::unique_ptr<Io> io(new Io);
   io->multi = curl_multi_init();
   if (io->multi == nullptr) {
@@ -695,12 +719,14 @@ void* Engine::ThreadMain(void* io) {
   return nullptr;
 }
 
-// Before OpenSSL's own exit handler frees what a live TLS session needs, the I/O thread stops going
-// there, and no further callback starts. Waits for the step that it is in, which never waits for
-// the network; the limit is there for a machine that has stopped running us, not for a slow step.
+// Before whatever else ends with the process takes away what a live TLS session needs, the I/O
+// thread stops going there, and no further callback starts. Waits for the step that it is in, which
+// never waits for the network; the limit is there for a machine that has stopped running us, not
+// for a slow step.
 void Engine::AtExit() {
   Engine* engine = Get();
   base::AutoLock hold(engine->lock_);
+  engine->exiting_ = true;
   Io* io = engine->io_;
   if (io == nullptr) return;
   io->parked = true;
@@ -741,6 +767,7 @@ Transfer* Engine::Acquire() {
   {
     base::AutoLock hold(lock_);
     Io* io = EnsureIo(&problem);
+    if (io == nullptr && exiting_) return nullptr;
     if (io != nullptr && !io->idle.empty()) {
       Transfer* transfer = io->idle.back();
       io->idle.pop_back();
