@@ -63,8 +63,9 @@ class MultiProcessSafetyMmapFile {
   // for each, `size` bytes together; 0 completes it at once. False when the save cannot begin (not
   // open, a negative size, a vanished file that cannot be replaced, ...): the old content stays,
   // and appends are refused until the next Clear().
-  // A file that others deleted or cut is noticed here and made anew. One that is cut between here
-  // and the last append is not: touching what is mapped is then a SIGBUS, as with every mapping.
+  // A file that others deleted, renamed or cut is noticed here and made anew. One that is cut
+  // between here and the last append is not: touching what is mapped is then a SIGBUS, as with
+  // every mapping.
   bool Clear(int64_t size);
 
   // Queue thread; may block on the file system. Adds a packet to the save that Clear() began,

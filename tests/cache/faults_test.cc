@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -279,15 +280,33 @@ TEST_F(MmapFileTakenAwayTest, DeletedIsMadeAnew) {
   ExpectGoesOn();
 }
 
-// Not looked for: a host that has changed its root or its rights since would see the same.
-TEST_F(MmapFileTakenAwayTest, RenamedAwayIsUsedUnderItsOtherName) {
+// Saved where the next start looks, however the name was lost.
+TEST_F(MmapFileTakenAwayTest, RenamedIsMadeAnew) {
   ASSERT_EQ(0, rename(path_.c_str(), folder_.File("elsewhere").c_str()));
+  ExpectGoesOn();
+}
 
-  ASSERT_TRUE(Save(file_, {"a", "b"}));
-  file_.Close();
+TEST_F(MmapFileTakenAwayTest, DeletedBesideAHardLinkIsMadeAnew) {
+  ASSERT_EQ(0, link(path_.c_str(), folder_.File("link").c_str()));
+  ASSERT_EQ(0, unlink(path_.c_str()));
+  ExpectGoesOn();
+}
 
-  EXPECT_EQ((Packets{"a", "b"}), LoadMapped(folder_.File("elsewhere")));
-  EXPECT_EQ(Packets(), LoadMapped(path_));
+TEST_F(MmapFileTakenAwayTest, WhoseFolderWasRenamedAndMadeAgainIsMadeAnew) {
+  const std::string old = folder_.path() + ".old";
+  ASSERT_EQ(0, rename(folder_.path().c_str(), old.c_str()));
+  ASSERT_EQ(0, mkdir(folder_.path().c_str(), 0700));
+  ExpectGoesOn();
+  std::filesystem::remove_all(old);
+}
+
+TEST_F(MmapFileTakenAwayTest, OfWhichNobodyCanTellIsNotSaved) {
+  FileCalls::FailEach(Call::kLstat, EACCES);
+  EXPECT_FALSE(Save(file_, {"a", "b"}));
+  EXPECT_FALSE(file_.IsSaveComplete());
+  FileCalls::Reset();
+
+  EXPECT_TRUE(Save(file_, {"a", "b"}));
 }
 
 TEST_F(MmapFileTakenAwayTest, CutToNothingIsMadeAnew) {
@@ -309,8 +328,8 @@ TEST_F(MmapFileTakenAwayTest, DeletedWithItsFolderIsRefusedUntilTheFolderIsBack)
   ASSERT_EQ(0, unlink(path_.c_str()));
   ASSERT_EQ(0, rmdir(folder_.path().c_str()));
 
-  EXPECT_FALSE(Save(file_, {"a"}));
-  EXPECT_FALSE(Save(file_, {"a"}));
+  for (int i = 0; i < 20; ++i) EXPECT_FALSE(Save(file_, {"a"}));
+  EXPECT_EQ(2, LinesWith(2, "")) << "that it is gone, and that there is no folder";
   ASSERT_EQ(0, mkdir(folder_.path().c_str(), 0700));
 
   EXPECT_TRUE(Save(file_, {"a", "b"}));

@@ -40,10 +40,10 @@ class AdmissionSystemCallsTest : public ::testing::Test {
     return calls;
   }
 
-  // Of the C library's fstat(), whatever it makes of it.
+  // Of the C library's lstat(), whatever it makes of it.
   static int Looks(const Calls& calls) {
     int looks = 0;
-    for (const char* name : {"fstat", "fstatat"}) {
+    for (const char* name : {"lstat", "fstatat"}) {
       const auto found = calls.find(name);
       if (found != calls.end()) looks += found->second;
     }
@@ -54,7 +54,7 @@ class AdmissionSystemCallsTest : public ::testing::Test {
   Trace trace_;
 };
 
-// The look is the one that notices a deleted or cut file.
+// The look is the one that notices a deleted, renamed or cut file.
 TEST_F(AdmissionSystemCallsTest, AdmissionLooksAtItsFileOnceAndCallsNothingElse) {
   const Calls calls = CallsOf(kAdmit);
 

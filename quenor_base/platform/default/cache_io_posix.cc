@@ -150,6 +150,8 @@ bool Descriptor::Open(const std::string& path, How how) {
     return false;
   }
   fd_ = fd;
+  device_ = info.st_dev;
+  inode_ = info.st_ino;
   orphan_ = false;
   Link();
   return true;
@@ -163,6 +165,10 @@ void Descriptor::Close() {
     fd_ = -1;
   }
   orphan_ = false;
+}
+
+bool Descriptor::IsSameAs(const struct stat& info) const {
+  return info.st_dev == device_ && info.st_ino == inode_;
 }
 
 void Descriptor::Link() {
@@ -184,6 +190,8 @@ void Descriptor::swap(Descriptor& other) {
   if (fd_ >= 0) Unlink();
   if (other.fd_ >= 0) other.Unlink();
   std::swap(fd_, other.fd_);
+  std::swap(device_, other.device_);
+  std::swap(inode_, other.inode_);
   std::swap(orphan_, other.orphan_);
   if (fd_ >= 0) Link();
   if (other.fd_ >= 0) other.Link();
@@ -331,6 +339,15 @@ Name AskName(int fd, const std::string& path, uint64_t* size_bytes) {
   if (named != 0) return Name::kNobodys;
   const bool same = open_file.st_dev == named_file.st_dev && open_file.st_ino == named_file.st_ino;
   return same ? Name::kOurs : Name::kAnothers;
+}
+
+Name AskName(const Descriptor& file, const std::string& path, uint64_t* size_bytes) {
+  struct stat named_file;
+  if (Uninterrupted([&] { return lstat(path.c_str(), &named_file); }) != 0) {
+    return errno == ENOENT || errno == ENOTDIR ? Name::kNobodys : Name::kUnknown;
+  }
+  *size_bytes = static_cast<uint64_t>(named_file.st_size);
+  return file.IsSameAs(named_file) ? Name::kOurs : Name::kAnothers;
 }
 
 bool IsStillAt(int fd, const std::string& path) {

@@ -7,6 +7,8 @@
 #ifndef QUENOR_BASE_PLATFORM_DEFAULT_CACHE_IO_POSIX_H_
 #define QUENOR_BASE_PLATFORM_DEFAULT_CACHE_IO_POSIX_H_
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -37,6 +39,7 @@ class Descriptor {
 
   bool is_open() const { return fd_ >= 0; }
   int fd() const { return fd_; }
+  bool IsSameAs(const struct stat& info) const;
   // In a forked child, of a descriptor that was open in its parent: nothing may be done with what
   // was mapped or remembered of the file, not even unmapping (the addresses may be another's).
   bool is_orphan() const { return orphan_; }
@@ -48,6 +51,8 @@ class Descriptor {
   void Unlink();
 
   int fd_ = -1;
+  uint64_t device_ = 0;  // Of the open file, whose number nothing else gets while it is open.
+  uint64_t inode_ = 0;
   bool orphan_ = false;
   Descriptor* previous_ = nullptr;  // In the list that the fork handlers walk; under its lock.
   Descriptor* next_ = nullptr;
@@ -105,6 +110,8 @@ enum class Name {
 };
 // `*size_bytes`, which may be null, is the open file's length; set unless the answer is kUnknown.
 Name AskName(int fd, const std::string& path, uint64_t* size_bytes);
+// In one system call, of the file as it was opened; the length only with kOurs.
+Name AskName(const Descriptor& file, const std::string& path, uint64_t* size_bytes);
 // AskName() says kOurs.
 bool IsStillAt(int fd, const std::string& path);
 // Waits until a file's content, or a folder's names, are on the disk.

@@ -379,6 +379,7 @@ bool MultiProcessSafetyMmapFile::State::Open(Claim claim) {
     bool try_again = false;
     if (!OpenFile(&try_again)) {
       if (try_again) continue;
+      if (told_failure) return false;  // Asked again at each save while the folder is away.
       LogFailure(__LINE__, "open", path, errno,
                  errno == ELOOP ? "a symbolic link is not followed; remove it"
                                 : "check the folder, its permissions and the disk");
@@ -1093,29 +1094,34 @@ bool MultiProcessSafetyMmapFile::State::Append(const MmapDataPacket& packet) {
 }
 
 // Asked before anything that is mapped is touched in a new call: behind the end of the file that
-// would be a signal.
+// would be a signal; and what is saved in a file that has lost its name, nobody would find.
 // False with errno when that cannot be told.
 bool MultiProcessSafetyMmapFile::State::LookAgain(bool* is_there) const {
+  *is_there = false;
+  if (own == 0) return true;
   uint64_t size = 0;
-  uint64_t links = 0;
-  if (own != 0 && !cache_io::FileSize(file.fd(), &size, &links)) return false;
+  const cache_io::Name name = cache_io::AskName(file, path, &size);
+  if (name == cache_io::Name::kUnknown) return false;
   const uint64_t end = std::max({kTableSize, current.file_offset + current.shape.size,
                                  building.file_offset + building.shape.size});
-  *is_there = own != 0 && links > 0 && size >= end;
+  *is_there = name == cache_io::Name::kOurs && size >= end;
   return true;
 }
 
-// Someone has deleted or cut the file: this owner goes on in a new one, or in a new place. What
-// dead owners left there is not taken: nobody would read it.
+// Someone has deleted, renamed or cut the file: this owner goes on in a new one, or in a new place.
+// What dead owners left there is not taken: nobody would read it.
 bool MultiProcessSafetyMmapFile::State::Reopen() {
   if (own != 0) {
     LocalLog(2, kLogSource, __LINE__,
-             "cache: %s was deleted or cut by someone else; it is made anew, and of what it held "
-             "only what is saved now is kept; leave the file alone while it is in use",
+             "cache: %s was deleted, renamed or cut by someone else; it is made anew, and of what "
+             "it held only what is saved now is kept; leave the file alone while it is in use",
              path.c_str());
+    told_failure = false;
   }
   Detach();
-  return Open(Claim::kLeave);
+  if (Open(Claim::kLeave)) return true;
+  told_failure = true;
+  return false;
 }
 
 // The place in the old content of a packet with the same bytes; null when it has none.
