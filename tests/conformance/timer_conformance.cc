@@ -366,6 +366,44 @@ TEST_P(TimerConformance, TimerMayBeDestroyedInsideItsTask) {
   EXPECT_EQ(notes_.All(), (std::vector<int>{1, 2}));
 }
 
+// --- A receiver that std::shared_ptrs own ---
+
+TEST_P(TimerConformance, TaskInProgressHoldsItsReceiverAndNothingElseDoes) {
+  auto target = std::make_shared<SharedTarget>();
+  const std::weak_ptr<SharedTarget> watch = target;
+  long outside = 0;
+  bool inside = false;
+  target->task = [&] {
+    target->timer.AbandonAndStop();
+    target.reset();
+    inside = !watch.expired();
+    done_.Open();
+  };
+  ASSERT_TRUE(OnQueue([&] {
+    target->timer.Start(kHere, Ms(1), target.get(), &SharedTarget::Run);
+    outside = target.use_count();
+  }));
+
+  ASSERT_TRUE(host_->WaitFor(done_));
+  ASSERT_TRUE(Pass(10));
+
+  EXPECT_EQ(outside, 1);
+  EXPECT_TRUE(inside);
+  EXPECT_TRUE(watch.expired());
+}
+
+TEST_P(TimerConformance, StoppedTimerLetsItsReceiverGo) {
+  auto target = std::make_shared<SharedTarget>();
+  ASSERT_TRUE(OnQueue([&] {
+    target->timer.Start(kHere, kHour, target.get(), &SharedTarget::Run);
+    target->timer.Stop();
+  }));
+
+  target.reset();
+
+  ASSERT_TRUE(Pass(10));
+}
+
 // --- Without a queue, and with one that goes ---
 
 TEST_P(TimerConformance, StartOffAQueueLeavesTheTimerStopped) {

@@ -21,6 +21,13 @@ struct TimerTarget {
   void Run() { task(); }
 };
 
+// A receiver with a timer of its own, as a report channel has.
+struct SharedTarget : std::enable_shared_from_this<SharedTarget> {
+  base::RepeatingTimer timer;
+  std::function<void()> task;
+  void Run() { task(); }
+};
+
 // A timer whose task may be any closure.
 struct ClosureTimer : base::RepeatingTimer {
   void StartClosure(base::TimeDelta delay, base::RepeatingClosure task) {

@@ -57,8 +57,8 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   ReliableReportChannelHttps(const std::string& channel_name, const std::string& url, unsigned int,
                              bool http_client_option, bool enable_compress);
   // Any thread. Saves, stops and logs nothing. The owner calls Terminate() before it drops the last
-  // reference to a channel that is initialised; otherwise a timer may find it gone and the process
-  // ends.
+  // reference to a channel that is initialised; otherwise the timers end the process, after a line
+  // on standard error.
   ~ReliableReportChannelHttps();
   ReliableReportChannelHttps(const ReliableReportChannelHttps&) = delete;
   ReliableReportChannelHttps& operator=(const ReliableReportChannelHttps&) = delete;

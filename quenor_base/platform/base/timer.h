@@ -1,15 +1,18 @@
 // Timers that run their task on the dispatch queue whose thread started them.
 // Threads: Start() on a queue's thread; everything else on any thread, unless noted.
 // Life cycle: a timer never runs after AbandonAndStop() on its queue's thread, or destruction on
-// any, has returned; it holds no
-// strong reference to its queue, and leaves no deadline behind when it stops. A repeating timer
-// that wakes late runs once, not once for each missed period. See docs/design/timers.md.
+// any, has returned; it holds no strong reference to its queue, and leaves no deadline behind when
+// it stops. A repeating timer that wakes late runs once, not once for each missed period. A timer
+// that still runs when the last std::shared_ptr to its receiver goes ends the process. See
+// docs/design/timers.md.
 #ifndef QUENOR_BASE_PLATFORM_BASE_TIMER_H_
 #define QUENOR_BASE_PLATFORM_BASE_TIMER_H_
 
+#include <memory>
 #include <utility>
 
 #include "quenor_base/platform/base/callback.h"
+#include "quenor_base/platform/base/check.h"
 #include "quenor_base/platform/base/location.h"
 #include "quenor_base/platform/base/time.h"
 
@@ -57,32 +60,75 @@ class TimerBase {
   State* state_;  // Owned; shared with the posted deadline.
 };
 
+// What a timer knows of a receiver that std::shared_ptrs own and that can tell so by
+// weak_from_this(); nothing of any other. It holds no reference but while the task runs, so that
+// the receiver is not destroyed under it on another thread.
+class ReceiverWatch {
+ public:
+  ReceiverWatch() = default;
+  template <typename Receiver>
+  explicit ReceiverWatch(Receiver* receiver)
+      : weak_(OwnersOf(receiver, 0)), watches_(!weak_.expired()) {}
+
+  // Ends the process, with a line that says what to do, when the last owner has gone.
+  std::shared_ptr<const void> Hold() const {
+    std::shared_ptr<const void> held = weak_.lock();
+    QUENOR_CHECK(!watches_ || held != nullptr,
+                 "the last reference to an object was dropped while a timer of it runs; stop its "
+                 "timers first: call Terminate() on a report channel, then drop it");
+    return held;
+  }
+
+ private:
+  template <typename Receiver>
+  static auto OwnersOf(Receiver* receiver, int) -> decltype(receiver->weak_from_this()) {
+    return receiver->weak_from_this();
+  }
+  template <typename Receiver>
+  static std::weak_ptr<const void> OwnersOf(Receiver*, ...) {
+    return {};
+  }
+
+  std::weak_ptr<const void> weak_;
+  bool watches_ = false;
+};
+
+// The two timers, which differ in their kind alone.
+class ReceiverTimer : public TimerBase {
+ public:
+  // Queue thread. Borrows `receiver` until the timer is stopped or destroyed.
+  template <typename Receiver>
+  void Start(const Location& from, TimeDelta delay, Receiver* receiver,
+             void (Receiver::*method)()) {
+    watch_ = ReceiverWatch(receiver);
+    StartTask(from, delay, [receiver, method, watch = watch_] {
+      const std::shared_ptr<const void> held = watch.Hold();
+      (receiver->*method)();
+    });
+  }
+
+ protected:
+  using TimerBase::TimerBase;
+  ~ReceiverTimer() {
+    if (IsRunning()) watch_.Hold();
+  }
+
+ private:
+  ReceiverWatch watch_;
+};
+
 }  // namespace internal
 
 // Runs its task once, `delay` after Start(). Starting it again restarts the delay.
-class OneShotTimer : public internal::TimerBase {
+class OneShotTimer : public internal::ReceiverTimer {
  public:
-  OneShotTimer() : TimerBase(Kind::kOneShot) {}
-
-  // Queue thread. Borrows `receiver` until the timer is stopped or destroyed.
-  template <typename Receiver>
-  void Start(const Location& from, TimeDelta delay, Receiver* receiver,
-             void (Receiver::*method)()) {
-    StartTask(from, delay, [receiver, method] { (receiver->*method)(); });
-  }
+  OneShotTimer() : ReceiverTimer(Kind::kOneShot) {}
 };
 
 // Runs its task every `delay` until it is stopped.
-class RepeatingTimer : public internal::TimerBase {
+class RepeatingTimer : public internal::ReceiverTimer {
  public:
-  RepeatingTimer() : TimerBase(Kind::kRepeating) {}
-
-  // Queue thread. Borrows `receiver` until the timer is stopped or destroyed.
-  template <typename Receiver>
-  void Start(const Location& from, TimeDelta delay, Receiver* receiver,
-             void (Receiver::*method)()) {
-    StartTask(from, delay, [receiver, method] { (receiver->*method)(); });
-  }
+  RepeatingTimer() : ReceiverTimer(Kind::kRepeating) {}
 };
 
 }  // namespace quenor::base

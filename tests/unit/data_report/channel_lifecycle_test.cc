@@ -581,19 +581,6 @@ TEST_F(ChannelLifecycleTest, ChannelDroppedAfterTerminateLivesUntilDoTerminateHa
   EXPECT_EQ(RecordingLog::Texts(0).size(), 1u);
 }
 
-TEST_F(ChannelLifecycleTest, ChannelDroppedAfterInitializeLivesUntilDoInitHasRun) {
-  Make();
-  channel_->Initialize();
-  const std::weak_ptr<Channel> watch = channel_;
-
-  channel_.reset();
-
-  EXPECT_FALSE(watch.expired());
-  time_.RunUntilIdle();
-  EXPECT_TRUE(watch.expired());
-  time_.RunUntilIdle();
-}
-
 TEST_F(ChannelLifecycleTest, TimersDoNotKeepTheChannelAlive) {
   Start();
   Send("one");
@@ -618,6 +605,58 @@ TEST_F(ChannelLifecycleTest, UnrunDelayedTaskReleasesTheChannelWhenTheQueueHasGo
 
   EXPECT_TRUE(watch.expired());
 }
+
+// --- A channel that is dropped while it is initialised ---
+
+struct DropCase {
+  const char* name;
+  // Ends with the last reference dropped.
+  void (*act)(VirtualTime* time, FakeHttp* http, std::shared_ptr<ReliableReportChannelHttps> last);
+};
+
+const uint8_t kByte = 1;
+
+class DroppedChannelDeathTest : public ::testing::TestWithParam<DropCase> {};
+
+TEST_P(DroppedChannelDeathTest, AbortsAfterALineThatSaysWhatToDo) {
+  EXPECT_EXIT(
+      {
+        VirtualTime time;
+        FakeHttp http([&time](base::OnceClosure task) { time.PostToNetwork(std::move(task)); });
+        auto channel = std::make_shared<ReliableReportChannelHttps>(kName, kUrl, 0u, false, false);
+        channel->Initialize();
+        GetParam().act(&time, &http, std::move(channel));
+      },
+      ::testing::KilledBySignal(SIGABRT), "fatal: .*call Terminate\\(\\) on a report channel");
+}
+
+using LastReference = std::shared_ptr<ReliableReportChannelHttps>;
+
+INSTANTIATE_TEST_SUITE_P(
+    Moments, DroppedChannelDeathTest,
+    ::testing::Values(DropCase{"BeforeDoInitHasRun",
+                               [](VirtualTime* time, FakeHttp*, LastReference last) {
+                                 last.reset();
+                                 time->RunUntilIdle();
+                               }},
+                      DropCase{"AtRest",
+                               [](VirtualTime* time, FakeHttp*, LastReference last) {
+                                 time->RunUntilIdle();
+                                 last.reset();
+                               }},
+                      DropCase{"WithMessagesPending",
+                               [](VirtualTime* time, FakeHttp*, LastReference last) {
+                                 last->SendPacket(&kByte, 1, false, false);
+                                 time->RunUntilIdle();
+                                 last.reset();
+                               }},
+                      DropCase{"WhileTheSendTimersTaskRuns",
+                               [](VirtualTime* time, FakeHttp* http, LastReference last) {
+                                 last->SendPacket(&kByte, 1, false, false);
+                                 http->SetOnSend([&](const HttpClient::Request&) { last.reset(); });
+                                 time->AdvanceBy(base::TimeDelta::FromSeconds(1));
+                               }}),
+    [](const auto& named) { return named.param.name; });
 
 // --- A channel that no std::shared_ptr owns ---
 
@@ -648,8 +687,6 @@ void PretendInitialized(ReliableReportChannelHttps* channel) {
                                                             kName, base::Thread::Options()));
   peer.SetState(2);
 }
-
-const uint8_t kByte = 1;
 
 INSTANTIATE_TEST_SUITE_P(
     Operations, UnownedChannelDeathTest,

@@ -100,6 +100,7 @@ TEST_F(PromisedLifecycleTest, ConstructionStartsNothing) {
 TEST_F(PromisedLifecycleTest, DestructionNeitherLogsNorSends) {
   Start();
   Send("forgotten", true);
+  Inside().StopTimers();
   RecordingLog::Clear();
 
   channel_.reset();
@@ -113,7 +114,8 @@ TEST_F(PromisedLifecycleTest, DestructionNeitherLogsNorSends) {
 TEST_F(PromisedLifecycleTest, PostedTasksKeepTheChannelAlive) {
   Start();
   const std::weak_ptr<Channel> watched = channel_;
-  channel_->FlushPacket();
+  channel_->SetMaxResendCount(1);
+  Inside().StopTimers();
 
   channel_.reset();
 
@@ -326,6 +328,7 @@ TEST_F(PromisedLifecycleTest, TerminateWithoutQueueStillReturnsToZero) {
   EXPECT_EQ(Inside().state(), 0);
   EXPECT_TRUE(Inside().running());
   EXPECT_TRUE(Refusals().empty());
+  Inside().StopTimers();
 }
 
 TEST_F(PromisedLifecycleTest, TerminateDoesNotWaitAndEarlierTasksStillRun) {

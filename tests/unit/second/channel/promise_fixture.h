@@ -98,6 +98,12 @@ class ReliableReportChannelHttpsTestPeer {
             &c_.z_stream_};
   }
 
+  void StopTimers() {
+    c_.send_timer_.AbandonAndStop();
+    c_.statistic_timer_.AbandonAndStop();
+    c_.clean_timer_.AbandonAndStop();
+  }
+
   void DoInit() { c_.DoInit(); }
   void DoClean() { c_.DoClean(); }
   void DoSend() { c_.DoSend(); }

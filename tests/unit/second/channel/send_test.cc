@@ -286,6 +286,7 @@ TEST_F(PromisedSendTest, OutstandingRequestKeepsTheChannelAlive) {
   Start();
   Send("one", false, true);
   const std::weak_ptr<Channel> watched = channel_;
+  Inside().StopTimers();
   channel_.reset();
   EXPECT_FALSE(watched.expired());
 
