@@ -175,20 +175,6 @@ TEST_F(HttpClientWireTest, ConnectionIsKeptForTheNextRequest) {
   EXPECT_EQ(server.accepted(), 1u);
 }
 
-TEST_F(HttpClientWireTest, KeptConnectionThatTheServerClosedIsReplaced) {
-  ScriptedServer server(
-      [](Connection& connection) {
-        ReceivedRequest request;
-        if (connection.ReadRequest(&request)) connection.Respond(200, "");
-      },
-      &certificate_);
-  const auto client = MakeClient();
-
-  for (int i = 0; i < 5; ++i) {
-    EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).status(), 200);
-  }
-}
-
 TEST_F(HttpClientWireTest, AsManyConnectionsAsOneHostMayHaveAreKept) {
   constexpr size_t kConnections = 40;
   std::mutex mutex;

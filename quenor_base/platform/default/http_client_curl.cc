@@ -58,6 +58,9 @@ constexpr size_t kLogCauses = 64;      // Remembered for the pause; beyond, the 
 constexpr size_t kIdleTransfers = 64;  // Kept for reuse with their easy handles.
 constexpr long kIdleConnections = 32;  // Kept open, over all hosts.
 constexpr long kNameCacheSeconds = 5;  // A server that has moved is found with the next attempts.
+// A connection that was idle for less is looked at before it is used again, whether its server has
+// closed it. Past this it is replaced: many a balancer forgets it after 60 s without a word.
+constexpr long kIdleReuseSeconds = 50;
 constexpr int kExitWaitSeconds = 5;
 constexpr uint32_t kKeptReceiveBytes = 4096;  // A receive buffer up to this size is recycled.
 constexpr int kFruitlessRounds = 16;          // Then the I/O thread pauses: 1 ms, 2 ms, ...
@@ -114,10 +117,12 @@ struct Transfer {
 
   // What has moved, to tell progress from spinning.
   curl_off_t body_bytes_moved = 0;
-  uint64_t* progress = nullptr;      // Borrowed from the Io, and the next.
-  const Sockets* sockets = nullptr;  // What the handle's options name.
+  uint64_t* progress = nullptr;  // Borrowed from the Io, and the next.
+  Sockets* sockets = nullptr;    // What the handle's options name.
   size_t* waiting = nullptr;
-  bool under_way = false;  // Has been given a connection.
+  bool under_way = false;       // Has been given a connection.
+  bool is_written = false;      // Something of the request went out after its first piece.
+  bool repeat_refused = false;  // libcurl wanted to send again what had gone out already.
 
   // How it ended.
   HttpClient::State state = HttpClient::State::kFailed;
@@ -195,9 +200,29 @@ size_t OnHeaderLine(char* data, size_t, size_t size, void* user) {
   return size;
 }
 
+// Whether a server has reset the HTTP/2 stream to be asked in HTTP/1.1, the one repeat of libcurl's
+// that is right: it leaves the code's name behind or, on a new connection, goes on after this.
+bool IsAskedForHttp1(const Transfer& transfer) {
+  return std::strstr(transfer.error, "HTTP_1_1_REQUIRED") != nullptr ||
+         std::strcmp(transfer.error, "Empty reply from server") == 0;
+}
+
+// Whether libcurl is about to send again a request of which something has gone out. It does so on
+// each connection that is left, when a kept one closes before an answer: one report would reach the
+// server six times, and its sender would count one.
+bool MustNotRepeat(Transfer* transfer) {
+  long head_bytes = 0;
+  curl_easy_getinfo(transfer->easy, CURLINFO_REQUEST_SIZE, &head_bytes);
+  if (head_bytes == 0 && !transfer->is_written) return false;
+  transfer->repeat_refused = !IsAskedForHttp1(*transfer);
+  return transfer->repeat_refused;
+}
+
 // The request is about to go out: it waits for no connection any more.
 int OnUnderWay(void* user, char*, char*, int, int) {
   Transfer* transfer = static_cast<Transfer*>(user);
+  if (MustNotRepeat(transfer)) return CURL_PREREQFUNC_ABORT;
+  transfer->error[0] = '\0';  // Of what was repeated: it must not allow another.
   if (!transfer->under_way) --*transfer->waiting;
   transfer->under_way = true;
   return CURL_PREREQFUNC_OK;
@@ -208,6 +233,7 @@ int OnUnderWay(void* user, char*, char*, int, int) {
 // exchange whose response is whole ends here.
 int OnProgress(void* user, curl_off_t, curl_off_t down, curl_off_t up_total, curl_off_t up) {
   Transfer* transfer = static_cast<Transfer*>(user);
+  if (up > 0) transfer->is_written = true;
   if (down + up != transfer->body_bytes_moved) {
     transfer->body_bytes_moved = down + up;
     ++*transfer->progress;
@@ -225,8 +251,10 @@ int OnProgress(void* user, curl_off_t, curl_off_t down, curl_off_t up_total, cur
 }
 
 curl_socket_t OpenSocket(void* user, curlsocktype, curl_sockaddr* address) {
+  Transfer* transfer = static_cast<Transfer*>(user);
+  if (MustNotRepeat(transfer)) return CURL_SOCKET_BAD;
   const int fd = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-  if (fd >= 0) static_cast<Sockets*>(user)->push_back(fd);
+  if (fd >= 0) transfer->sockets->push_back(fd);
   return fd;
 }
 
@@ -278,6 +306,7 @@ bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
   options.Set(CURLOPT_PREREQFUNCTION, &OnUnderWay);
   options.Set(CURLOPT_PREREQDATA, transfer);
   options.Set(CURLOPT_OPENSOCKETFUNCTION, &OpenSocket);
+  options.Set(CURLOPT_OPENSOCKETDATA, transfer);
   options.Set(CURLOPT_CLOSESOCKETFUNCTION, &CloseSocket);
   options.Set(CURLOPT_PROTOCOLS_STR, "http,https");
   options.Set(CURLOPT_FOLLOWLOCATION, 0L);
@@ -285,6 +314,7 @@ bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
   options.Set(CURLOPT_HTTP_CONTENT_DECODING, 0L);
   options.Set(CURLOPT_TCP_NODELAY, 1L);
   options.Set(CURLOPT_TCP_KEEPALIVE, 1L);
+  options.Set(CURLOPT_MAXAGE_CONN, kIdleReuseSeconds);
   options.Set(CURLOPT_DNS_CACHE_TIMEOUT, kNameCacheSeconds);
   options.Set(CURLOPT_USERAGENT, defaults.user_agent.c_str());
   options.Set(CURLOPT_CONNECTTIMEOUT_MS,
@@ -373,6 +403,11 @@ bool TakeBody(Transfer* transfer, CopyOnWriteBuffer* body) {
 // Decides the state from libcurl's result and completes the response.
 void Conclude(Transfer* transfer, CURLcode code) {
   if (code == CURLE_ABORTED_BY_CALLBACK && transfer->whole_early) code = CURLE_OK;
+  if (transfer->repeat_refused) {
+    code = CURLE_GOT_NOTHING;
+    std::snprintf(transfer->error, sizeof(transfer->error),
+                  "the connection was closed, or the request refused, before an answer");
+  }
   transfer->code = code;
   curl_easy_getinfo(transfer->easy, CURLINFO_SSL_VERIFYRESULT, &transfer->verify_result);
   if (code == CURLE_OK) {
@@ -421,6 +456,8 @@ void Clear(Transfer* transfer) {
   transfer->headers_complete = false;
   transfer->too_large = false;
   transfer->whole_early = false;
+  transfer->is_written = false;
+  transfer->repeat_refused = false;
   transfer->body_bytes_moved = 0;
   transfer->error[0] = '\0';
   if (transfer->capacity_bytes > kKeptReceiveBytes) {
@@ -917,7 +954,6 @@ void Engine::StartSubmitted(Io* io) {
     transfer->waiting = &io->waiting_in_libcurl;
     if (transfer->sockets != &io->sockets) {
       transfer->sockets = &io->sockets;
-      curl_easy_setopt(transfer->easy, CURLOPT_OPENSOCKETDATA, &io->sockets);
       curl_easy_setopt(transfer->easy, CURLOPT_CLOSESOCKETDATA, &io->sockets);
     }
     ++io->progress;
@@ -938,12 +974,19 @@ void Engine::StartSubmitted(Io* io) {
   io->starting.clear();
 }
 
+// Whether the exchange ended because its connection is of no more use, to other HTTP/2 streams too.
+bool BrokeItsConnection(const Transfer& transfer) {
+  return transfer.state == HttpClient::State::kFailed &&
+         (transfer.code == CURLE_RECV_ERROR || transfer.code == CURLE_SEND_ERROR ||
+          transfer.code == CURLE_HTTP2);
+}
+
 // Takes the transfer from libcurl; its callback is due. An HTTP/1.1 connection in mid-exchange
 // closes, an HTTP/2 stream is reset.
 void Engine::Finish(Io* io, Transfer* transfer) {
   curl_multi_remove_handle(io->multi, transfer->easy);
   if (transfer->state == HttpClient::State::kTimedOut ||
-      transfer->state == HttpClient::State::kTooLarge) {
+      transfer->state == HttpClient::State::kTooLarge || BrokeItsConnection(*transfer)) {
     CutBadConnection(io, *transfer);
   }
   Transfer* last = io->active.back();
@@ -982,7 +1025,8 @@ void Engine::LeaveLine(Io* io, Transfer* transfer) {
 // request there, the resent one first. Where the server has gone without a word, all of them would
 // time out until the kernel gives the connection up, a quarter of an hour later; where it sends
 // without end and heeds no reset, they would wait behind that. So a connection on which nothing
-// arrived for half of a timed-out exchange, or too much, is cut, with whatever else waits on it.
+// arrived for half of a timed-out exchange, or too much, or nonsense, is cut, with whatever else
+// waits on it.
 void Engine::CutBadConnection(Io* io, const Transfer& transfer) {
   long port = 0;
   curl_easy_getinfo(transfer.easy, CURLINFO_LOCAL_PORT, &port);
@@ -990,7 +1034,7 @@ void Engine::CutBadConnection(Io* io, const Transfer& transfer) {
   const int64_t waited_ms = NowMs() - transfer.started_ms;
   for (int fd : io->sockets) {
     if (LocalPort(fd) != port) continue;
-    if (transfer.state == HttpClient::State::kTooLarge || SilentMs(fd) >= waited_ms / 2) {
+    if (transfer.state != HttpClient::State::kTimedOut || SilentMs(fd) >= waited_ms / 2) {
       shutdown(fd, SHUT_RDWR);
     }
   }

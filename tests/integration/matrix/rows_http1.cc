@@ -16,6 +16,7 @@ Row Make(const std::string& name, Expected expected, std::function<bool(Connecti
   row.name = name;
   row.expected = expected;
   row.http1 = std::move(script);
+  row.closes_behind = true;  // The scripts end their connection when they have answered.
   return row;
 }
 
@@ -29,6 +30,7 @@ Row Bytes(const std::string& name, const std::string& bytes, Then then, Expected
     return then == kStays;
   });
   row.is_slow = expected.state == HttpClient::State::kTimedOut;
+  row.closes_behind = then != kStays;
   return row;
 }
 

@@ -107,7 +107,6 @@ Rows StreamEndRows() {
       // libcurl gives the upload up before it shows an answer that came together with the reset.
       Big(Make("answered and reset in the middle of the upload", "mid_answer_rst:0",
                Expected::Either())),
-      Delivered("three streams refused, the fourth served", "refused_then_served:3"),
       Make("every stream refused", "refused_then_served:1000"),
   };
   rows.insert(rows.end(), more.begin(), more.end());

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <condition_variable>
 #include <cstdlib>
 #include <future>
 #include <mutex>
@@ -123,7 +124,9 @@ struct ScriptedServer::Core {
   const std::shared_future<void> ended{end.get_future()};
 
   std::mutex mutex;
-  bool ending = false;               // Guarded by `mutex`, as are those below.
+  bool ending = false;  // Guarded by `mutex`, as are those below.
+  std::condition_variable one_closed;
+  size_t closed = 0;
   std::vector<int> open;             // Sockets to shut down at the end.
   std::vector<std::thread> threads;  // One per connection accepted.
 
@@ -223,6 +226,8 @@ void ScriptedServer::Core::Serve(int fd, size_t index) {
   std::lock_guard<std::mutex> hold(mutex);
   open.erase(std::find(open.begin(), open.end(), fd));
   close(fd);
+  ++closed;
+  one_closed.notify_all();
 }
 
 ScriptedServer::ScriptedServer(Script script, const Certificate* certificate, bool ipv6)
@@ -265,6 +270,11 @@ std::string ScriptedServer::Origin() const {
 size_t ScriptedServer::accepted() const {
   std::lock_guard<std::mutex> hold(core_->mutex);
   return core_->threads.size();
+}
+
+void ScriptedServer::WaitForClosed(size_t count) {
+  std::unique_lock<std::mutex> hold(core_->mutex);
+  core_->one_closed.wait(hold, [&] { return core_->closed >= count; });
 }
 
 }  // namespace quenor::test

@@ -69,6 +69,8 @@ class ScriptedServer {
   // "http://127.0.0.1:PORT" and so on, without a path.
   std::string Origin() const;
   size_t accepted() const;
+  // Waits until the server's side of so many connections is closed.
+  void WaitForClosed(size_t count);
 
   struct Core;
 
