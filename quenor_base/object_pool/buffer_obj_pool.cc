@@ -11,17 +11,11 @@ namespace internal {
 static_assert(std::size(kBufferClasses) == objpool::NearTiers::kByteArrayPools);
 
 BufferObjPool* MakeBufferObjPool(size_t index) {
-  static base::Lock lock;
-  base::AutoLock hold(lock);
-  // relaxed: written under the lock only.
-  BufferObjPool* pool = g_buffer_pools[index].load(std::memory_order_relaxed);
-  if (pool == nullptr) {
+  return base::FindOrMake(&g_buffer_pools[index], [index] {
     const BufferClass& made = kBufferClasses[index];
-    pool = new BufferObjPool(made.length_bytes, made.capacity, made.max_batches,
+    return new BufferObjPool(made.length_bytes, made.capacity, made.max_batches,
                              /*near_place=*/static_cast<uint32_t>(index));
-    g_buffer_pools[index].store(pool, std::memory_order_release);
-  }
-  return pool;
+  });
 }
 
 void ReuseThroughPool(uint32_t class_length, void* array) {

@@ -1,6 +1,7 @@
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -8,6 +9,7 @@
 #include "quenor_base/object_pool/alloc_buffer_from_pool.h"
 #include "quenor_base/platform/base/check.h"
 #include "quenor_base/platform/base/file_path.h"
+#include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/json_reader.h"
 #include "quenor_base/platform/base/location.h"
 #include "quenor_base/platform/base/memory_mapped_file.h"
@@ -72,8 +74,11 @@ bool IsSuccess(HttpClient::State state, const HttpClient::Response* response) {
 }
 
 // The low 32 bits of the configured value; read once, so that every channel and every load and save
-// of the process agree on one backend.
+// of the process agree on one backend. A fork waits for the first use: the child would wait for
+// ever for the static.
 int GetCacheOption() {
+  static std::atomic<bool> is_read{false};
+  const base::FirstUse first_use(&is_read);
   static const int32_t cache_option = [] {
     const base::Optional<uint64_t> value =
         config::ConfigCenterImpl::GetInstance()->GetValueWithPriority(

@@ -1,5 +1,9 @@
 // What the library's own state goes through when the host forks: a child has a copy of everything
 // and none of the threads, so what another thread was at stays half done there for ever.
+// That goes for making a thing, too. Nothing that outlives its maker is made in a function-local
+// static or under a lock that no fork takes: the child would wait for ever for the static's guard
+// or the lock. FindOrMake() and OnePerProcess make without either; where there has to be a static,
+// FirstUse keeps forks away.
 #ifndef QUENOR_BASE_PLATFORM_BASE_FORK_H_
 #define QUENOR_BASE_PLATFORM_BASE_FORK_H_
 
@@ -7,6 +11,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 
 #include "quenor_base/platform/base/lock.h"
@@ -18,9 +23,43 @@ namespace internal {
 inline std::atomic<uint32_t> fork_generation{0};
 }  // namespace internal
 
+// While one lives that found `*done` false, no fork happens; its end sets `*done`. For the first
+// use of a static whose making uses whatever is held at a fork. Made before any lock is taken. A
+// host's code that runs meanwhile may fork, but may not wait for another thread that forks.
+// Threads: any.
+class FirstUse {
+ public:
+  // acquire: pairs with the release of the end.
+  explicit FirstUse(std::atomic<bool>* done)
+      : done_(done->load(std::memory_order_acquire) ? nullptr : done) {
+    if (done_ != nullptr && depth++ == 0) mutex.lock();
+  }
+  ~FirstUse() {
+    if (done_ == nullptr) return;
+    done_->store(true, std::memory_order_release);
+    if (--depth == 0) mutex.unlock();
+  }
+  FirstUse(const FirstUse&) = delete;
+  FirstUse& operator=(const FirstUse&) = delete;
+
+ private:
+  friend class HeldAtFork;
+  static void KeepAway() {
+    if (depth == 0) mutex.lock();
+  }
+  static void LetIn() {
+    if (depth == 0) mutex.unlock();
+  }
+  inline static std::mutex mutex;
+  inline static thread_local int depth = 0;
+
+  std::atomic<bool>* const done_;  // Null when it was done before.
+};
+
 // For as long as it lives: fork() waits until it has `lock`ed the object, and `unlock`s it in both
 // processes, so that the child finds what the lock guards free and whole. For locks under which no
-// code of the host's runs, and none that makes or ends one of these.
+// code of the host's runs, and none that makes or ends one of these. None is made in a
+// function-local static or under a lock: a fork that waits for either holds what the making needs.
 // Threads: any.
 class HeldAtFork {
  public:
@@ -55,6 +94,7 @@ class HeldAtFork {
     static_cast<Lock*>(lock)->Release();
   }
   static void LockAll() {
+    FirstUse::KeepAway();
     mutex.lock();
     for (const HeldAtFork* held = first; held != nullptr; held = held->next_) {
       held->lock_(held->object_);
@@ -65,6 +105,7 @@ class HeldAtFork {
       held->unlock_(held->object_);
     }
     mutex.unlock();
+    FirstUse::LetIn();
   }
   static void UnlockInChild() {
     // relaxed: there is one thread.
@@ -73,6 +114,7 @@ class HeldAtFork {
       held->unlock_in_child_(held->object_);
     }
     mutex.unlock();
+    FirstUse::LetIn();
   }
 
   inline static std::mutex mutex;
@@ -95,6 +137,51 @@ inline uint32_t ForkGeneration() {
   // relaxed: changes only where there is one thread.
   return internal::fork_generation.load(std::memory_order_relaxed);
 }
+
+// Any thread; never waits. What `*place` points to, or what `make()` answers, a T* for the process
+// to keep: of threads that find nothing at the same time each makes one, and all but one are
+// deleted.
+template <typename T, typename Make>
+T* FindOrMake(std::atomic<T*>* place, const Make& make) {
+  // acquire, here and below: who finds it finds it whole.
+  T* found = place->load(std::memory_order_acquire);
+  if (found != nullptr) return found;
+  std::unique_ptr<T> made(make());
+  // release: pairs with the acquires.
+  const bool was_first = place->compare_exchange_strong(
+      found, made.get(), std::memory_order_acq_rel, std::memory_order_acquire);
+  return was_first ? made.release() : found;
+}
+
+// A T for each process: a forked child makes its own from the parent's, which it leaves alone,
+// since threads that do not exist there may be in the middle of it. For locks that no fork can wait
+// for, because the host's code runs under them. Never destroyed.
+template <typename T>
+class OnePerProcess {
+ public:
+  // Any thread; never waits. The first makes it as T(parents), with null where there is no parent.
+  T& Get() {
+    // acquire, here and below: who finds it finds it whole.
+    Kept* kept = kept_.load(std::memory_order_acquire);
+    while (kept == nullptr || kept->generation != ForkGeneration()) {
+      std::unique_ptr<Kept> made(new Kept(kept));
+      // release: pairs with the acquires.
+      if (kept_.compare_exchange_strong(kept, made.get(), std::memory_order_acq_rel,
+                                        std::memory_order_acquire)) {
+        return made.release()->value;
+      }
+    }
+    return kept->value;
+  }
+
+ private:
+  struct Kept {
+    explicit Kept(Kept* parents) : value(parents != nullptr ? &parents->value : nullptr) {}
+    const uint32_t generation = ForkGeneration();
+    T value;
+  };
+  std::atomic<Kept*> kept_{nullptr};
+};
 
 }  // namespace quenor::base
 

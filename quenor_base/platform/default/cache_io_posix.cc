@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -34,10 +35,7 @@ auto Uninterrupted(Call call) {
   return result;
 }
 
-uint64_t PageSize() {
-  static const uint64_t size = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-  return size;
-}
+uint64_t PageSize() { return static_cast<uint64_t>(sysconf(_SC_PAGESIZE)); }
 
 int64_t MonotonicNs() {
   struct timespec now;
@@ -89,8 +87,8 @@ struct ForkGuard {
 
   static ForkGuard& Of(void* guard) { return *static_cast<ForkGuard*>(guard); }
   static ForkGuard& Get() {
-    static ForkGuard* const guard = new ForkGuard;
-    return *guard;
+    static std::atomic<ForkGuard*> guard{nullptr};
+    return *base::FindOrMake(&guard, [] { return new ForkGuard; });
   }
 
   void InChild() {

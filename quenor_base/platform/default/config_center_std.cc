@@ -1,4 +1,5 @@
 // The configuration centre over a map and the process's environment.
+#include <atomic>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
@@ -77,14 +78,19 @@ struct ConfigCenterImpl::State {
 };
 
 const BaseConfigKeys& BaseCfg() {
-  static const BaseConfigKeys* const keys =
-      new BaseConfigKeys{"quenor.report.cache_option", "quenor.report.cache_durability"};
-  return *keys;
+  static std::atomic<BaseConfigKeys*> keys{nullptr};
+  return *base::FindOrMake(&keys, [] {
+    return new BaseConfigKeys{"quenor.report.cache_option", "quenor.report.cache_durability"};
+  });
 }
 
 ConfigCenterImpl* ConfigCenterImpl::GetInstance() {
-  static ConfigCenterImpl* const instance = new ConfigCenterImpl(new State);
-  return instance;
+  struct Made {
+    State state;
+    ConfigCenterImpl center{&state};
+  };
+  static std::atomic<Made*> made{nullptr};
+  return &base::FindOrMake(&made, [] { return new Made; })->center;
 }
 
 base::Optional<uint64_t> ConfigCenterImpl::GetValueWithPriority(

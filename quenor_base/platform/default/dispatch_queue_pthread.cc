@@ -48,6 +48,9 @@ Clock::time_point DeadlineAfter(base::TimeDelta delay) {
 // Threads that live, and those that have ended and wait to be joined. Lives for the process: a
 // queue's thread may outlast every static object.
 struct Registry {
+  // None of the parent's threads is in a forked child.
+  explicit Registry(Registry* /*parents*/) {}
+
   std::mutex mutex;
   std::condition_variable changed;
   size_t draining = 0;           // Queues retired or dropped whose thread has not ended.
@@ -55,17 +58,9 @@ struct Registry {
   std::vector<pthread_t> ended;  // Threads at their very end, to be joined.
 };
 
-[[gnu::cold]] std::atomic<Registry*>& TheRegistryPointer() {
-  static std::atomic<Registry*>* const registry = [] {
-    // None of the threads is in a forked child, and any of them may hold the lock there.
-    pthread_atfork(nullptr, nullptr, [] { TheRegistryPointer().store(new Registry); });
-    return new std::atomic<Registry*>(new Registry);
-  }();
-  return *registry;
-}
-
 [[gnu::cold]] Registry& TheRegistry() {
-  return *TheRegistryPointer().load(std::memory_order_acquire);
+  static base::OnePerProcess<Registry> registry;
+  return registry.Get();
 }
 
 [[gnu::cold]] void JoinEnded() {

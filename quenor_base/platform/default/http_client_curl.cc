@@ -22,6 +22,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -1316,14 +1317,15 @@ std::unique_ptr<HttpClient> HttpClientFactory::Create(const HttpClient::Config& 
 }
 
 const char* HttpClientFactory::ImplementationName() {
-  static const std::string* const name = [] {
+  static std::atomic<std::string*> name{nullptr};
+  const auto make = [] {
     const curl_version_info_data* info = curl_version_info(CURLVERSION_NOW);
     std::string text = std::string("libcurl ") + info->version + " (";
     text += info->ssl_version != nullptr ? info->ssl_version : "no TLS";
     if (info->nghttp2_version != nullptr) text += std::string(", nghttp2/") + info->nghttp2_version;
     return new std::string(text + ")");
-  }();
-  return name->c_str();
+  };
+  return base::FindOrMake(&name, make)->c_str();
 }
 
 std::string SetHttpDefaults(const HttpDefaults& defaults) {

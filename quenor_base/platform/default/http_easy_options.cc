@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <atomic>
+
 #include "quenor_base/platform/default/http_address.h"
 #include "quenor_base/platform/default/http_header_text.h"
 
@@ -64,8 +66,13 @@ void SetTlsOptions(const ClientSettings& client, EasyOptions* options) {
 }
 
 bool HasHttp2() {
-  static const bool has = (curl_version_info(CURLVERSION_NOW)->features & CURL_VERSION_HTTP2) != 0;
-  return has;
+  static std::atomic<int> known{0};
+  int features = known.load(std::memory_order_relaxed);  // relaxed: whoever asks finds the same.
+  if (features == 0) {
+    features = curl_version_info(CURLVERSION_NOW)->features;
+    known.store(features, std::memory_order_relaxed);
+  }
+  return (features & CURL_VERSION_HTTP2) != 0;
 }
 
 bool BuildHeaders(const std::map<std::string, std::string>& headers, bool sends_body,

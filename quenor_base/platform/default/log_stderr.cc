@@ -1,6 +1,5 @@
 // The log: vsnprintf to the host's sink, or to standard error.
 #include <poll.h>
-#include <pthread.h>
 #include <signal.h>
 #include <sys/uio.h>
 #include <time.h>
@@ -12,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_annotations.h"
 #include "quenor_base/platform/local_log.h"
@@ -242,29 +242,22 @@ void WriteToStderr(int level, const char* file, int line, const char* text, size
 // --- The sink -----------------------------------------------------------------------------------
 
 struct State {
+  explicit State(State* parents) {
+    if (parents == nullptr) return;
+    context.store(parents->context.load());
+    sink.store(parents->sink.load());
+  }
+
   base::Lock lock;
   // Guarded by the lock; atomic for a child that is forked meanwhile.
   std::atomic<LogSink> sink{nullptr};  // Null: standard error.
   std::atomic<void*> context{nullptr};
 };
 
-// Never destroyed: lines may still come while the process exits.
-std::atomic<State*>& TheState() {
-  static std::atomic<State*>* const state = [] {
-    pthread_atfork(nullptr, nullptr, [] {
-      // A thread that does not exist here may have been in the sink: it is in the state left.
-      State* const old = TheState().load();
-      State* const forked = new State;
-      forked->context.store(old->context.load());
-      forked->sink.store(old->sink.load());
-      TheState().store(forked);
-    });
-    return new std::atomic<State*>(new State);
-  }();
-  return *state;
+State& GetState() {
+  static base::OnePerProcess<State> state;
+  return state.Get();
 }
-
-State& GetState() { return *TheState().load(std::memory_order_acquire); }
 
 // Set while this thread is inside the sink and so holds the lock.
 thread_local bool in_sink = false;

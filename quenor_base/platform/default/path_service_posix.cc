@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <map>
@@ -99,8 +100,8 @@ struct Overrides {
 };
 
 Overrides& GetOverrides() {
-  static Overrides* const overrides = new Overrides;
-  return *overrides;
+  static std::atomic<Overrides*> overrides{nullptr};
+  return *FindOrMake(&overrides, [] { return new Overrides; });
 }
 
 bool IsKnown(int key) { return key == DIR_RELIABLE_REPORT; }

@@ -1,4 +1,6 @@
 // The process-wide SOCKS5 proxy settings, behind one lock. Any thread. Never destroyed.
+#include <atomic>
+
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
@@ -25,9 +27,12 @@ void Socks5ProxyConfigHolder::SetConfig(const Socks5ProxyConfig& config) {
 const char* Socks5ProxyConfigHolder::ImplementationName() { return "std"; }
 
 Socks5ProxyConfigHolder* GetSocks5ProxyConfigHolder() {
-  static Socks5ProxyConfigHolder* const holder =
-      new Socks5ProxyConfigHolder(new Socks5ProxyConfigHolder::State);
-  return holder;
+  struct Made {
+    Socks5ProxyConfigHolder::State state;
+    Socks5ProxyConfigHolder holder{&state};
+  };
+  static std::atomic<Made*> made{nullptr};
+  return &base::FindOrMake(&made, [] { return new Made; })->holder;
 }
 
 }  // namespace quenor

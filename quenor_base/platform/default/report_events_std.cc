@@ -1,10 +1,9 @@
 // Report events over std::shared_mutex: many tell at once, a change of listener waits for them.
-#include <pthread.h>
-
 #include <atomic>
 #include <mutex>
 #include <shared_mutex>
 
+#include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/report_events.h"
 
@@ -12,9 +11,12 @@ namespace quenor {
 namespace {
 
 struct State {
+  explicit State(State* parents)
+      : listener(parents != nullptr ? parents->listener.load() : nullptr) {}
+
   std::shared_mutex in_call;  // Shared while the listener is called, exclusive to replace it.
   // Borrowed; may be null; guarded by `in_call`. Atomic for a child that is forked meanwhile.
-  std::atomic<ReportEventListener*> listener{nullptr};
+  std::atomic<ReportEventListener*> listener;
   // A listener that is told of one event after another would keep a change waiting for ever,
   // because the shared mutex lets readers pass a waiting writer. So a change shuts this gate first;
   // only those already inside go on.
@@ -22,21 +24,10 @@ struct State {
   std::atomic<bool> gate_shut{false};
 };
 
-// Never destroyed: events may still be told while the process exits.
-std::atomic<State*>& TheState() {
-  static std::atomic<State*>* const state = [] {
-    pthread_atfork(nullptr, nullptr, [] {
-      // Threads that do not exist here may have been in the listener: they are in the state left.
-      State* const forked = new State;
-      forked->listener.store(TheState().load()->listener.load());
-      TheState().store(forked);
-    });
-    return new std::atomic<State*>(new State);
-  }();
-  return *state;
+State& GetState() {
+  static base::OnePerProcess<State> state;
+  return state.Get();
 }
-
-State& GetState() { return *TheState().load(std::memory_order_acquire); }
 
 // Set while this thread is inside the listener and so holds `in_call`. A listener that calls the
 // channel is told of that on the same thread; taking `in_call` again there would deadlock with a

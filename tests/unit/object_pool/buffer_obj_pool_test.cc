@@ -1,8 +1,12 @@
 // The registry of the nine pools.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdlib>
 #include <set>
+#include <thread>
 #include <vector>
 
 #include "pool_test_support.h"
@@ -65,6 +69,39 @@ TEST(BufferObjPoolTest, ThreadsThatAskAtTheSameTimeGetTheSamePool) {
   for (std::thread& thread : threads) thread.join();
 
   for (const auto& answer : answers) EXPECT_EQ(answer, answers[0]);
+}
+
+// Exits with the number of classes of which the threads that asked for it together got two pools.
+void AskWhileTheProcessExits() {
+  int classes_with_two = 0;
+  for (const BufferClass& one : kBufferClasses) {
+    std::atomic<int> waiting{0};
+    std::vector<BufferObjPool*> answers(4);
+    std::vector<std::thread> threads;
+    for (BufferObjPool*& answer : answers) {
+      threads.emplace_back([&waiting, &answer, &one] {
+        ++waiting;
+        while (waiting < 4) std::this_thread::yield();
+        answer = GetBufferObjPool(one.length_bytes);
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    if (std::set<BufferObjPool*>(answers.begin(), answers.end()).size() > 1) ++classes_with_two;
+  }
+  _exit(classes_with_two);
+}
+
+// The handler is older than the pools, so it runs after whatever these have registered for the
+// exit.
+TEST(BufferObjPoolDeathTest, ThreadsThatAskWhileTheProcessExitsGetTheSamePool) {
+  for (int i = 0; i < 5; ++i) {
+    const auto ask = [] {
+      std::atexit(&AskWhileTheProcessExits);
+      (void)GetBufferObjPool(512);
+      std::exit(1);
+    };
+    EXPECT_EXIT(ask(), ::testing::ExitedWithCode(0), "");
+  }
 }
 
 // What docs/design/pooled-buffers.md and the header promise.
