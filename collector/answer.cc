@@ -8,6 +8,8 @@
 #include <string_view>
 #include <utility>
 
+#include "collector/reply.h"
+
 namespace quenor::collector {
 namespace {
 
@@ -15,31 +17,34 @@ constexpr size_t kBlockBytes = 64 * 1024;
 constexpr size_t kPaddingLineBytes = 1024;
 
 const char* Reason(int status) {
-  static constexpr std::pair<int, const char*> kReasons[] = {{100, "Continue"},
-                                                             {101, "Switching Protocols"},
-                                                             {102, "Processing"},
-                                                             {103, "Early Hints"},
-                                                             {200, "OK"},
-                                                             {201, "Created"},
-                                                             {202, "Accepted"},
-                                                             {204, "No Content"},
-                                                             {301, "Moved Permanently"},
-                                                             {302, "Found"},
-                                                             {303, "See Other"},
-                                                             {304, "Not Modified"},
-                                                             {307, "Temporary Redirect"},
-                                                             {308, "Permanent Redirect"},
-                                                             {400, "Bad Request"},
-                                                             {401, "Unauthorized"},
-                                                             {403, "Forbidden"},
-                                                             {404, "Not Found"},
-                                                             {408, "Request Timeout"},
-                                                             {413, "Payload Too Large"},
-                                                             {429, "Too Many Requests"},
-                                                             {500, "Internal Server Error"},
-                                                             {502, "Bad Gateway"},
-                                                             {503, "Service Unavailable"},
-                                                             {504, "Gateway Timeout"}};
+  static constexpr std::pair<int, const char*> kReasons[] = {
+      {100, "Continue"},
+      {101, "Switching Protocols"},
+      {102, "Processing"},
+      {103, "Early Hints"},
+      {200, "OK"},
+      {201, "Created"},
+      {202, "Accepted"},
+      {204, "No Content"},
+      {301, "Moved Permanently"},
+      {302, "Found"},
+      {303, "See Other"},
+      {304, "Not Modified"},
+      {307, "Temporary Redirect"},
+      {308, "Permanent Redirect"},
+      {400, "Bad Request"},
+      {401, "Unauthorized"},
+      {403, "Forbidden"},
+      {404, "Not Found"},
+      {408, "Request Timeout"},
+      {413, "Payload Too Large"},
+      {414, "URI Too Long"},
+      {429, "Too Many Requests"},
+      {431, "Request Header Fields Too Large"},
+      {500, "Internal Server Error"},
+      {502, "Bad Gateway"},
+      {503, "Service Unavailable"},
+      {504, "Gateway Timeout"}};
   for (const auto& [known, reason] : kReasons) {
     if (known == status) return reason;
   }
@@ -188,6 +193,12 @@ bool WriteAnswer(const Plan& plan, const AnswerContext& context, Connection* con
 
 std::string StatusLine(int status) {
   return "HTTP/1.1 " + std::to_string(status) + " " + Reason(status) + "\r\n";
+}
+
+std::string RefusalText(int status) {
+  const std::string reason = BuildRefusal(status);
+  return StatusLine(status) + "Connection: close\r\nContent-Type: application/json\r\n" +
+         "Content-Length: " + std::to_string(reason.size()) + "\r\n\r\n" + reason;
 }
 
 }  // namespace quenor::collector

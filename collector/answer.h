@@ -28,6 +28,9 @@ bool WriteAnswer(const Plan& plan, const AnswerContext& context, Connection* con
 // "HTTP/1.1 200 OK\r\n"
 std::string StatusLine(int status);
 
+// A whole answer that refuses the request and announces the connection's end.
+std::string RefusalText(int status);
+
 }  // namespace quenor::collector
 
 #endif  // COLLECTOR_ANSWER_H_

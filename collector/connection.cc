@@ -12,15 +12,17 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <utility>
 
 namespace quenor::collector {
 namespace {
 
 constexpr int kIoTimeoutMs = 30'000;
-constexpr int kLingerMs = 1'000;
+constexpr int kResetMs = 1'000;
 constexpr int kResetStepMs = 2;
 constexpr size_t kInputBufferBytes = 16 * 1024;
 constexpr size_t kOutputBufferBytes = 64 * 1024;
+constexpr int kMostDiscards = 64;  // Of the buffer's size, in one go.
 
 void Describe(const sockaddr_storage& address, socklen_t bytes, std::string* ip, int* port) {
   char host[NI_MAXHOST];
@@ -39,8 +41,8 @@ std::string HostAndPort(const std::string& ip, int port) {
   return (is_v6 ? "[" + ip + "]" : ip) + ":" + std::to_string(port);
 }
 
-Connection::Connection(int fd, SSL_CTX* tls, const std::atomic<bool>& stopping)
-    : fd_(fd), stopping_(stopping), handshaken_(tls == nullptr) {
+Connection::Connection(int fd, SSL_CTX* tls, Crew* crew, const std::atomic<bool>& stopping)
+    : fd_(fd), crew_(crew), stopping_(stopping), handshaken_(tls == nullptr) {
   sockaddr_storage address{};
   socklen_t bytes = sizeof(address);
   if (::getpeername(fd_, reinterpret_cast<sockaddr*>(&address), &bytes) == 0) {
@@ -66,42 +68,52 @@ Connection::~Connection() {
   ::close(fd_);
 }
 
-bool Connection::Handshake() {
+Connection::Progress Connection::Handshake() {
   while (!handshaken_ && !broken_) {
     ERR_clear_error();
     const int code = SSL_accept(ssl_.get());
     if (code == 1) {
       handshaken_ = true;
-    } else if (!Wait(WantOfTls(code), kIoTimeoutMs)) {
-      broken_ = true;
+      break;
     }
+    const Want want = WantOfTls(code);
+    if (want == Want::kRead) return Progress::kMore;
+    if (!Wait(want)) broken_ = true;
   }
   ERR_clear_error();
-  return handshaken_ && !broken_;
+  return broken_ ? Progress::kFailed : Progress::kDone;
 }
 
 bool Connection::HasBufferedInput() const {
   return input_used_ < input_.size() || (ssl_ && SSL_has_pending(ssl_.get()) == 1);
 }
 
+Connection::Progress Connection::Fill() {
+  input_.erase(0, std::exchange(input_used_, 0));
+  const size_t old_size = input_.size();
+  input_.resize(old_size + kInputBufferBytes);
+  Want want = Want::kNothing;
+  ssize_t got = ReadSome(&input_[old_size], kInputBufferBytes, &want);
+  while (got < 0 && want == Want::kWrite && Wait(want)) {
+    got = ReadSome(&input_[old_size], kInputBufferBytes, &want);
+  }
+  input_.resize(old_size + static_cast<size_t>(std::max<ssize_t>(got, 0)));
+  if (got > 0) return Progress::kDone;
+  if (got < 0 && want == Want::kRead) return Progress::kMore;
+  broken_ = broken_ || got < 0;
+  return Progress::kFailed;
+}
+
 ssize_t Connection::read(char* data, size_t size) {
   size = static_cast<size_t>(std::min<uint64_t>(size, input_left_));
   if (input_left_ == 0) return -1;
-  if (input_used_ == input_.size()) {
+  while (input_used_ == input_.size()) {
     if (!Flush()) return -1;
-    input_.resize(kInputBufferBytes);
-    input_used_ = 0;
-    Want want = Want::kNothing;
-    ssize_t got = ReadSome(input_.data(), input_.size(), &want);
-    while (got < 0 && want != Want::kFailed) {
-      if (!Wait(want, kIoTimeoutMs)) break;
-      got = ReadSome(input_.data(), input_.size(), &want);
-    }
-    input_.resize(got > 0 ? static_cast<size_t>(got) : 0);
-    if (got <= 0) {
-      broken_ = broken_ || got < 0;
-      return got;
-    }
+    is_late_ = is_late_ || std::chrono::steady_clock::now() >= deadline_;
+    if (is_late_) return -1;
+    const Progress progress = Fill();
+    if (progress == Progress::kFailed) return broken_ ? -1 : 0;
+    if (progress == Progress::kMore && !Wait(Want::kRead)) return -1;
   }
   const size_t count = std::min(size, input_.size() - input_used_);
   std::memcpy(data, input_.data() + input_used_, count);
@@ -124,7 +136,7 @@ bool Connection::Flush() {
     const ssize_t count = WriteSome(output_.data() + sent, output_.size() - sent, &want);
     if (count > 0) {
       sent += static_cast<size_t>(count);
-    } else if (want == Want::kFailed || !Wait(want, kIoTimeoutMs)) {
+    } else if (want == Want::kFailed || !Wait(want)) {
       broken_ = true;
       break;
     }
@@ -160,7 +172,7 @@ void Connection::SendAlert() {
 
 void Connection::Reset() {
   using std::chrono::steady_clock;
-  const auto deadline = steady_clock::now() + std::chrono::milliseconds(kLingerMs);
+  const auto deadline = steady_clock::now() + std::chrono::milliseconds(kResetMs);
   int unsent = 0;
   Flush();
   while (::ioctl(fd_, SIOCOUTQ, &unsent) == 0 && unsent > 0 && steady_clock::now() < deadline &&
@@ -172,8 +184,7 @@ void Connection::Reset() {
   broken_ = true;
 }
 
-void Connection::Linger() {
-  using std::chrono::steady_clock;
+void Connection::EndSending() {
   if (!broken_ && !Flush()) return;
   if (ssl_ && handshaken_ && !broken_) {
     ERR_clear_error();
@@ -182,14 +193,16 @@ void Connection::Linger() {
     broken_ = true;  // The farewell has been said.
   }
   ::shutdown(fd_, SHUT_WR);
-  const auto deadline = steady_clock::now() + std::chrono::milliseconds(kLingerMs);
+}
+
+bool Connection::Discard() {
   char scratch[kInputBufferBytes];
-  while (!stopping_.load(std::memory_order_acquire) && steady_clock::now() < deadline) {
+  for (int i = 0; i < kMostDiscards; ++i) {
     const ssize_t got = ::recv(fd_, scratch, sizeof(scratch), 0);
-    if (got == 0) return;
-    if (got > 0 || errno == EINTR) continue;
-    if ((errno != EAGAIN && errno != EWOULDBLOCK) || !Wait(Want::kRead, kLingerMs)) return;
+    if (got == 0) return false;
+    if (got < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
   }
+  return true;
 }
 
 void Connection::Interrupt(bool writes_too) const {
@@ -251,14 +264,23 @@ Connection::Want Connection::WantOfTls(int code) const {
   }
 }
 
-bool Connection::Wait(Want want, int timeout_ms) const {
+// False: the socket did not become ready in time, is_late_ telling that it was to be read.
+bool Connection::Wait(Want want) {
   if (want != Want::kRead && want != Want::kWrite) return false;
-  pollfd watched{fd_, static_cast<short>(want == Want::kRead ? POLLIN : POLLOUT), 0};
+  const bool to_read = want == Want::kRead;
+  const auto now = std::chrono::steady_clock::now();
+  auto until = now + std::chrono::milliseconds(kIoTimeoutMs);
+  if (to_read) until = std::min(until, deadline_);
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - now).count();
+  pollfd watched{fd_, static_cast<short>(to_read ? POLLIN : POLLOUT), 0};
   int ready = 0;
+  crew_->BeginWait();
   do {
-    if (want == Want::kRead && stopping_.load(std::memory_order_acquire)) return false;
-    ready = ::poll(&watched, 1, timeout_ms);
+    if (to_read && stopping_.load(std::memory_order_acquire)) break;
+    ready = ::poll(&watched, 1, static_cast<int>(std::max<int64_t>(left, 0)));
   } while (ready < 0 && errno == EINTR);
+  crew_->EndWait();
+  is_late_ = is_late_ || (to_read && ready == 0 && !stopping_.load(std::memory_order_acquire));
   return ready > 0;
 }
 

@@ -32,7 +32,8 @@ A throw-away certificate:
       -subj /CN=localhost -addext subjectAltName=DNS:localhost,IP:127.0.0.1
 
 SIGINT or SIGTERM ends it in order. Exit codes: 0 ended in order, 64 wrong usage,
-66 unreadable certificate or key, 69 cannot listen, 73 cannot create output.)";
+66 unreadable certificate, key or script, 69 cannot listen, 70 no memory, thread or descriptor,
+73 cannot create output.)";
 
 // A whole number from `low` to `high`. Digits only: a minus sign would wrap around.
 CLI::Validator WholeNumber(uint64_t low, uint64_t high) {
@@ -49,6 +50,7 @@ CLI::Validator WholeNumber(uint64_t low, uint64_t high) {
 
 constexpr uint64_t kMaxCount = std::numeric_limits<int64_t>::max();
 constexpr uint64_t kMaxControlField = std::numeric_limits<uint32_t>::max();
+constexpr uint64_t kMaxTimeoutS = 86'400;
 constexpr uint64_t kMaxSizeBytes = uint64_t{1} << 40;
 
 void AddControlFields(CLI::App* app, ReplyOptions* reply) {
@@ -126,7 +128,7 @@ void AddServing(CLI::App* app, std::string* listen, Options* options) {
   cert->needs(key);
   key->needs(cert);
   app->add_option("--threads", options->server.threads,
-                  "requests served at the same time; connections are not limited")
+                  "requests served at the same time, without those that wait for their sender")
       ->type_name("N")
       ->check(WholeNumber(1, 4096))
       ->capture_default_str();
@@ -139,7 +141,17 @@ void AddServing(CLI::App* app, std::string* listen, Options* options) {
   app->add_option("--idle-timeout", options->server.idle_timeout_s,
                   "seconds after which a silent connection is closed")
       ->type_name("S")
-      ->check(WholeNumber(1, 86'400))
+      ->check(WholeNumber(1, kMaxTimeoutS))
+      ->capture_default_str();
+  app->add_option("--head-timeout", options->server.head_timeout_s,
+                  "seconds that a request's head, or a TLS handshake, may take; then 408")
+      ->type_name("S")
+      ->check(WholeNumber(1, kMaxTimeoutS))
+      ->capture_default_str();
+  app->add_option("--body-timeout", options->server.body_timeout_s,
+                  "seconds that a request's body may take; then 408")
+      ->type_name("S")
+      ->check(WholeNumber(1, kMaxTimeoutS))
       ->capture_default_str();
 }
 

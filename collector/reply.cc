@@ -19,4 +19,15 @@ std::string BuildReply(const ReplyOptions& options) {
   return reply.Finish();
 }
 
+std::string BuildRefusal(int status) {
+  const char* reason = "bad request";
+  if (status == 408) reason = "request not complete in time";
+  if (status == 413) reason = "body too large";
+  if (status == 414) reason = "target too long";
+  if (status == 431) reason = "head too large";
+  JsonObject refusal;
+  refusal.Add("bytes_errinfo", reason);
+  return refusal.Finish();
+}
+
 }  // namespace quenor::collector

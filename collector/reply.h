@@ -18,6 +18,9 @@ struct ReplyOptions {
 
 std::string BuildReply(const ReplyOptions& options);
 
+// The JSON object that tells why a request was refused with `status`.
+std::string BuildRefusal(int status);
+
 // True if a sender takes this status for an acknowledgement: exactly 200.
 inline bool IsAccepted(int status) { return status == 200; }
 

@@ -5,6 +5,7 @@
 #include <netinet/tcp.h>
 #include <strings.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -29,12 +30,11 @@ struct CollectorServer::Exchange {
   EndKind end = EndKind::kNone;           // How the connection ends now,
   EndKind end_at_input = EndKind::kNone;  // or when the next bytes arrive.
   bool inspected = false;  // False after process_request: the head could not be parsed.
-  bool chunked = false;
-  uint64_t length_bytes = 0;  // Announced; meaningless when chunked.
-  int refusal = 0;            // Status to answer without reading the body; 0: none.
-  bool close = false;         // After the reply.
-  bool unread = false;        // The peer may still be sending what we will not read.
-  bool drop = false;          // Close without a reply.
+  BodyFraming framing;
+  int refusal = 0;      // Status to answer without reading the body; 0: none.
+  bool close = false;   // After the reply.
+  bool unread = false;  // The peer may still be sending what we will not read.
+  bool drop = false;    // Close without a reply.
 };
 
 namespace {
@@ -47,9 +47,8 @@ constexpr int kListenBacklog = 1024;
 constexpr int kAcceptRetryMs = 50;
 constexpr int kStopGraceMs = 1'000;
 constexpr int kMaxEvents = 64;
-constexpr size_t kBodyStepBytes = 16 * 1024;
-constexpr size_t kMaxReserveBytes = size_t{1} << 20;
-constexpr size_t kMaxLineBytes = 8 * 1024;
+constexpr milliseconds kLeaveTime{1'000};
+constexpr size_t kMostWaiting = 1'024;  // Requests whose bodies come or whose replies go slowly.
 constexpr char kJson[] = "application/json";
 
 std::string LowerCase(std::string text) {
@@ -74,56 +73,16 @@ void ForEachToken(const httplib::Headers& headers, const std::string& name, Use 
   }
 }
 
-// Digits only, as HTTP wants it; strtoull would take signs and blanks.
-bool ParseDigits(const std::string& text, int base, uint64_t* number) {
-  const char* allowed = base == 16 ? "0123456789abcdefABCDEF" : "0123456789";
-  if (text.empty() || text.size() > (base == 16 ? 15u : 18u)) return false;
-  if (text.find_first_not_of(allowed) != std::string::npos) return false;
-  *number = std::strtoull(text.c_str(), nullptr, base);
-  return true;
-}
-
-bool ReadExactly(Connection* connection, uint64_t bytes, std::string* kept) {
-  char step[kBodyStepBytes];
-  while (bytes > 0) {
-    const size_t want = static_cast<size_t>(std::min<uint64_t>(bytes, sizeof(step)));
-    const ssize_t got = connection->read(step, want);
-    if (got <= 0) return false;
-    if (kept != nullptr) kept->append(step, static_cast<size_t>(got));
-    bytes -= static_cast<uint64_t>(got);
-  }
-  return true;
-}
-
-// One line without its CRLF. False at the end of input; a line too long or without CR comes back
-// as *well_formed == false.
-bool ReadLine(Connection* connection, std::string* line, bool* well_formed) {
-  line->clear();
-  *well_formed = true;
-  for (;;) {
-    char c = 0;
-    if (connection->read(&c, 1) <= 0) return false;
-    if (c == '\n') break;
-    line->push_back(c);
-    if (line->size() > kMaxLineBytes) {
-      *well_formed = false;
-      return true;
-    }
-  }
-  if (line->empty() || line->back() != '\r') {
-    *well_formed = false;
-    return true;
-  }
-  line->pop_back();
-  return true;
-}
-
 }  // namespace
 
 thread_local CollectorServer::Exchange* CollectorServer::current_exchange_ = nullptr;
 
 CollectorServer::CollectorServer(const ServerOptions& options, Recorder& recorder, SSL_CTX* tls)
-    : options_(options), recorder_(recorder), tls_(tls), reply_(BuildReply(options.reply)) {
+    : options_(options),
+      recorder_(recorder),
+      tls_(tls),
+      reply_(BuildReply(options.reply)),
+      crew_(std::max(1u, options.threads), kMostWaiting) {
   // Only what httplib tells the client in its Keep-Alive header; the watching is done here.
   set_keep_alive_timeout(static_cast<time_t>(options_.idle_timeout_s));
   set_keep_alive_max_count(std::numeric_limits<uint32_t>::max());
@@ -143,9 +102,12 @@ CollectorServer::CollectorServer(const ServerOptions& options, Recorder& recorde
 }
 
 CollectorServer::~CollectorServer() {
+  crew_.Stop();
+  crew_.Join();
   peers_.clear();
   if (listen_fd_ >= 0) ::close(listen_fd_);
   if (epoll_fd_ >= 0) ::close(epoll_fd_);
+  if (wake_fd_ >= 0) ::close(wake_fd_);
 }
 
 void CollectorServer::Listen() {
@@ -189,6 +151,8 @@ void CollectorServer::Listen() {
   port_ = ntohs(reinterpret_cast<const sockaddr_in*>(&bound)->sin_port);
   epoll_fd_ = ::epoll_create1(EPOLL_CLOEXEC);
   if (epoll_fd_ < 0) throw fail(ErrnoText(errno));
+  wake_fd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (wake_fd_ < 0) throw fail(ErrnoText(errno));
 }
 
 std::string CollectorServer::url() const {
@@ -199,15 +163,12 @@ std::string CollectorServer::url() const {
 // ---- The thread of Run -------------------------------------------------------------------------
 
 void CollectorServer::Run(int stop_fd) {
-  for (unsigned i = 0; i < std::max(1u, options_.threads); ++i) {
-    workers_.emplace_back([this] { Work(); });
-  }
   Watch(stop_fd);
   Stop();
 }
 
 void CollectorServer::Watch(int stop_fd) {
-  // The two descriptors are told from peers by the address of the variable that holds them.
+  // These descriptors are told from peers by the address of the variable that holds them.
   epoll_event listening{};
   listening.events = EPOLLIN;
   listening.data.ptr = &listen_fd_;
@@ -217,8 +178,14 @@ void CollectorServer::Watch(int stop_fd) {
   stop.data.ptr = &stop_fd;
   ::epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, stop_fd, &stop);
 
+  // Edge-triggered, so it need not be read.
+  epoll_event sooner{};
+  sooner.events = EPOLLIN | EPOLLET;
+  sooner.data.ptr = &wake_fd_;
+  ::epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, wake_fd_, &sooner);
+
   for (;;) {
-    int timeout_ms = ExpireIdle();
+    int timeout_ms = Expire();
     if (accept_paused_) timeout_ms = std::min(timeout_ms, kAcceptRetryMs);
     epoll_event events[kMaxEvents];
     const int count = ::epoll_wait(epoll_fd_, events, kMaxEvents, timeout_ms);
@@ -227,7 +194,7 @@ void CollectorServer::Watch(int stop_fd) {
       if (source == &stop_fd) return;
       if (source == &listen_fd_) {
         AcceptAll();
-      } else {
+      } else if (source != &wake_fd_) {
         Wake(static_cast<Peer*>(source));
       }
     }
@@ -254,7 +221,7 @@ void CollectorServer::AcceptAll() {
     const int on = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     auto peer = std::make_unique<Peer>();
-    peer->connection = std::make_unique<Connection>(fd, tls_, stopping_);
+    peer->connection = std::make_unique<Connection>(fd, tls_, &crew_, stopping_);
     const Ending ending = options_.misbehaviour.ConnectionEnding(++connections_);
     if (ending.kind != EndKind::kNone) recorder_.CountMisbehavedConnection();
     if (ending.kind == EndKind::kRefuse) {
@@ -262,53 +229,62 @@ void CollectorServer::AcceptAll() {
     } else {
       peer->end_at_input = ending.kind;
     }
-    peer->state = State::kBusy;
-    epoll_event disarmed{};
-    disarmed.events = EPOLLONESHOT;
-    disarmed.data.ptr = peer.get();
-    ::epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &disarmed);
     Peer* const key = peer.get();
     {
       const std::lock_guard<std::mutex> lock(mutex_);
       peers_.emplace(key, std::move(peer));
     }
-    Park(key, State::kIdle);
+    ParkIdle(key);
   }
 }
 
 void CollectorServer::Wake(Peer* peer) {
-  bool is_held = false;
+  State state = State::kIdle;
+  Time due;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    is_held = peer->state == State::kHeld;
-    if (!is_held) idle_.erase(peer->idle_place);
+    state = peer->state;
+    due = peer->due;
+    parked_.erase({due, peer});
   }
-  if (is_held) {
-    Drop(peer);  // The only event a held connection waits for is that its peer leaves.
-  } else {
-    Enqueue(peer);
-  }
+  if (state == State::kLeaving && peer->connection->Discard()) return Park(peer, state, due);
+  // The only event a held connection waits for is that its peer leaves.
+  if (state == State::kHeld || state == State::kLeaving) return Drop(peer);
+  Enqueue(peer);
 }
 
-// Closes what has been idle for too long. Returns the milliseconds until the next look.
-int CollectorServer::ExpireIdle() {
-  const auto limit = seconds(options_.idle_timeout_s);
+// Looks after those that are due: a head that is late is answered, all others are closed. Returns
+// the milliseconds until the next look.
+int CollectorServer::Expire() {
   const auto now = steady_clock::now();
-  auto wait = std::chrono::duration_cast<milliseconds>(limit);
+  milliseconds wait = seconds(60);
   std::vector<std::unique_ptr<Peer>> expired;
+  std::vector<Peer*> late;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    while (!idle_.empty() && idle_.front()->idle_since + limit <= now) {
-      const auto entry = peers_.find(idle_.front());
+    while (!parked_.empty() && parked_.begin()->first <= now) {
+      Peer* const peer = parked_.begin()->second;
+      parked_.erase(parked_.begin());
+      if (peer->state == State::kReceiving && peer->connection->is_handshaken()) {
+        late.push_back(peer);
+        continue;
+      }
+      const auto entry = peers_.find(peer);
       expired.push_back(std::move(entry->second));
       peers_.erase(entry);
-      idle_.pop_front();
     }
-    if (!idle_.empty()) {
-      wait = std::chrono::ceil<milliseconds>(idle_.front()->idle_since + limit - now);
+    if (!parked_.empty()) {
+      wait = std::min(wait, std::chrono::ceil<milliseconds>(parked_.begin()->first - now));
     }
+    watched_until_ = now + wait;
   }
-  return static_cast<int>(std::min<int64_t>(wait.count(), 60'000)) + 1;
+  for (Peer* const peer : late) {
+    // Else the next byte of it would wake a peer that a worker has.
+    ::epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, peer->connection->fd(), nullptr);
+    peer->is_late = true;
+    Enqueue(peer);
+  }
+  return static_cast<int>(wait.count()) + 1;
 }
 
 void CollectorServer::Stop() {
@@ -318,10 +294,9 @@ void CollectorServer::Stop() {
   // release: pairs with the acquires in Connection. Set under the lock for those who wait on a
   // condition variable.
   stopping_.store(true, std::memory_order_release);
-  work_cv_.notify_all();
+  crew_.Stop();
   stop_cv_.notify_all();
-  idle_.clear();
-  queue_.clear();
+  parked_.clear();
   for (auto entry = peers_.begin(); entry != peers_.end();) {
     if (entry->second->state == State::kBusy) {
       entry->second->connection->Interrupt(/*writes_too=*/false);
@@ -336,35 +311,55 @@ void CollectorServer::Stop() {
   for (const auto& entry : peers_) entry.second->connection->Interrupt(/*writes_too=*/true);
   lock.unlock();
   dropped.clear();
-  for (std::thread& worker : workers_) worker.join();
-  workers_.clear();
+  crew_.Join();
 }
 
 // ---- Workers -----------------------------------------------------------------------------------
 
-void CollectorServer::Work() {
-  for (;;) {
-    Peer* peer = nullptr;
-    {
-      std::unique_lock<std::mutex> lock(mutex_);
-      work_cv_.wait(lock, [this] { return stopping_.load() || !queue_.empty(); });
-      if (stopping_.load()) return;
-      peer = queue_.front();
-      queue_.pop_front();
-      peer->state = State::kBusy;
-    }
-    Serve(peer);
+void CollectorServer::Serve(Peer* peer) {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (stopping_.load()) return;  // The peer is gone: only busy ones outlive the stop.
+    peer->state = State::kBusy;
+  }
+  if (peer->end_at_input != EndKind::kNone) return End(peer, peer->end_at_input);
+  if (peer->is_late) return Refuse(peer, 408);
+  switch (Receive(peer)) {
+    case Connection::Progress::kDone:
+      return peer->head.status() == 0 ? Answer(peer) : Refuse(peer, peer->head.status());
+    case Connection::Progress::kMore:
+      if (peer->head_due == Time::max()) return ParkIdle(peer);
+      return Park(peer, State::kReceiving, peer->head_due);
+    case Connection::Progress::kFailed:
+      return Drop(peer);
   }
 }
 
-void CollectorServer::Serve(Peer* peer) {
+// Takes in what there is of the next head. kDone: it is whole or to be refused.
+Connection::Progress CollectorServer::Receive(Peer* peer) {
   Connection* const connection = peer->connection.get();
-  if (peer->end_at_input != EndKind::kNone) return End(peer, peer->end_at_input);
-  if (!connection->is_handshaken()) {
-    if (!connection->Handshake()) return Drop(peer);
-    if (!connection->HasBufferedInput()) return Park(peer, State::kIdle);
+  if (peer->head_due == Time::max()) {
+    peer->head_due = steady_clock::now() + seconds(options_.head_timeout_s);
   }
+  if (!connection->is_handshaken()) {
+    const Connection::Progress progress = connection->Handshake();
+    if (progress != Connection::Progress::kDone) return progress;
+    if (!connection->HasBufferedInput()) {
+      peer->head_due = Time::max();
+      return Connection::Progress::kMore;
+    }
+  }
+  while (peer->head.Check(connection->unread()) == HeadCheck::Result::kMore) {
+    const Connection::Progress progress = connection->Fill();
+    if (progress != Connection::Progress::kDone) return progress;
+  }
+  return Connection::Progress::kDone;
+}
 
+void CollectorServer::Answer(Peer* peer) {
+  Connection* const connection = peer->connection.get();
+  peer->head = HeadCheck();
+  peer->head_due = Time::max();
   Exchange exchange;
   exchange.connection = connection;
   current_exchange_ = &exchange;
@@ -373,52 +368,72 @@ void CollectorServer::Serve(Peer* peer) {
       process_request(*connection, /*close_connection=*/false, peer_closes,
                       [&](httplib::Request& request) { Inspect(&exchange, &request); });
   current_exchange_ = nullptr;
+  connection->SetDeadline(Time::max());
 
   if (exchange.end != EndKind::kNone && !exchange.drop) return End(peer, exchange.end);
   peer->end_at_input = exchange.end_at_input;
   if (!exchange.drop) connection->Unmute();
   const bool sent = !exchange.drop && connection->Flush();
   if (!answered || !sent || peer_closes || exchange.close || !exchange.inspected) {
-    if (sent && (exchange.unread || !exchange.inspected)) connection->Linger();
+    if (sent && (exchange.unread || !exchange.inspected)) return Leave(peer);
     return Drop(peer);
   }
   if (connection->HasBufferedInput()) return Enqueue(peer);
-  Park(peer, State::kIdle);
+  ParkIdle(peer);
+}
+
+// Answers what is not to be parsed, and ends the connection.
+void CollectorServer::Refuse(Peer* peer, int status) {
+  const std::string text = RefusalText(status);
+  peer->connection->write(text.data(), text.size());
+  Leave(peer);
 }
 
 // Ends the connection of a peer as a script wants it.
 void CollectorServer::End(Peer* peer, EndKind kind) {
   Connection* const connection = peer->connection.get();
   connection->Unmute();
-  if (kind == EndKind::kHang) return Park(peer, State::kHeld);
+  if (kind == EndKind::kHang) return Park(peer, State::kHeld, Time::max());
   if (kind == EndKind::kAlert) connection->SendAlert();
   if (kind == EndKind::kCut) connection->ForgoFarewell();
-  if (kind == EndKind::kReset) {
-    connection->Reset();
-  } else {
-    connection->Linger();
-  }
+  if (kind != EndKind::kReset) return Leave(peer);
+  connection->Reset();
   Drop(peer);
+}
+
+// Ends our side, and gives the peer a moment to read what it was sent.
+void CollectorServer::Leave(Peer* peer) {
+  peer->connection->EndSending();
+  Park(peer, State::kLeaving, steady_clock::now() + kLeaveTime);
 }
 
 // Hands the peer to the watching thread. It may be served by another worker, or be gone, before
 // this returns.
-void CollectorServer::Park(Peer* peer, State state) {
+void CollectorServer::Park(Peer* peer, State state, Time due) {
   std::unique_lock<std::mutex> lock(mutex_);
   if (stopping_.load()) {
     lock.unlock();
     return Drop(peer);
   }
   peer->state = state;
+  peer->due = due;
+  parked_.emplace(due, peer);
   epoll_event event{};
   event.events = EPOLLONESHOT | EPOLLRDHUP;
+  if (state != State::kHeld) event.events |= EPOLLIN;
   event.data.ptr = peer;
-  if (state == State::kIdle) {
-    event.events |= EPOLLIN;
-    peer->idle_since = steady_clock::now();
-    peer->idle_place = idle_.insert(idle_.end(), peer);
+  const int fd = peer->connection->fd();
+  if (::epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, fd, &event) != 0) {
+    ::epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event);
   }
-  ::epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, peer->connection->fd(), &event);
+  if (due >= watched_until_) return;
+  const uint64_t one = 1;
+  (void)!::write(wake_fd_, &one, sizeof(one));
+}
+
+void CollectorServer::ParkIdle(Peer* peer) {
+  peer->head_due = Time::max();
+  Park(peer, State::kIdle, steady_clock::now() + seconds(options_.idle_timeout_s));
 }
 
 void CollectorServer::Enqueue(Peer* peer) {
@@ -428,8 +443,7 @@ void CollectorServer::Enqueue(Peer* peer) {
     return Drop(peer);
   }
   peer->state = State::kQueued;
-  queue_.push_back(peer);
-  work_cv_.notify_one();
+  crew_.Post([this, peer] { Serve(peer); });
 }
 
 void CollectorServer::Drop(Peer* peer) {
@@ -469,18 +483,18 @@ void CollectorServer::Inspect(Exchange* exchange, httplib::Request* request) con
   } else if (lengths + codings > 1 || (codings == 1 && request->version == "HTTP/1.0")) {
     exchange->refusal = 400;
   } else if (codings == 1) {
-    exchange->chunked = true;
+    exchange->framing.chunked = true;
     if (LowerCase(request->get_header_value("Transfer-Encoding")) != "chunked") {
       exchange->refusal = 501;
     }
   } else if (lengths == 1 && !ParseDigits(request->get_header_value("Content-Length"), 10,
-                                          &exchange->length_bytes)) {
+                                          &exchange->framing.length_bytes)) {
     exchange->refusal = 400;
   }
-  const bool has_body = exchange->chunked || exchange->length_bytes > 0;
+  const bool has_body = exchange->framing.chunked || exchange->framing.length_bytes > 0;
   if (exchange->refusal == 0 && request->method != "POST" && has_body) exchange->refusal = 400;
   // Who waits for a "100 Continue" is told before sending; from others the body is read away.
-  if (exchange->refusal == 0 && exchange->length_bytes > options_.max_body_bytes &&
+  if (exchange->refusal == 0 && exchange->framing.length_bytes > options_.max_body_bytes &&
       request->has_header("Expect")) {
     exchange->refusal = 413;
   }
@@ -499,7 +513,7 @@ void CollectorServer::Handle(const httplib::Request& request, httplib::Response*
   Exchange* const exchange = current_exchange_;
   try {
     if (exchange->refusal != 0 && request.method == "POST") {
-      RefusePost(request, exchange->length_bytes, exchange->refusal, response);
+      RefusePost(request, exchange->framing.length_bytes, exchange->refusal, response);
     } else if (exchange->refusal != 0) {
       response->status = exchange->refusal;
       if (exchange->refusal == 405) response->set_header("Allow", "POST, GET, HEAD");
@@ -535,28 +549,41 @@ void CollectorServer::HandlePost(const httplib::Request& request, httplib::Respo
   uint64_t size_bytes = 0;
   if (ending.kind != EndKind::kNone && ending.place == Place::kRequest) {
     exchange->connection->LimitInput(ending.offset);
-    (void)ReadBody(*exchange, &body, &size_bytes);
+    (void)TakeBody(*exchange, &body, &size_bytes);
     exchange->end = ending.kind;
     exchange->connection->Flush();  // What httplib has said so far: "100 Continue".
     exchange->connection->Mute();
     size_bytes = ending.offset - exchange->connection->input_left();
     return RefusePost(request, size_bytes, StatusOnRecord(exchange->plan), response);
   }
-  switch (ReadBody(*exchange, &body, &size_bytes)) {
+  switch (TakeBody(*exchange, &body, &size_bytes)) {
     case BodyOutcome::kWhole:
       return AnswerPost(request, body, response);
     case BodyOutcome::kTooLarge:
       return RefusePost(request, size_bytes, 413, response);
+    case BodyOutcome::kFarTooLarge:
+      exchange->close = exchange->unread = true;
+      return RefusePost(request, size_bytes, 413, response);
     case BodyOutcome::kMalformed:
       exchange->close = exchange->unread = true;
       return RefusePost(request, size_bytes, 400, response);
+    case BodyOutcome::kTrailersTooLarge:
+      exchange->close = exchange->unread = true;
+      return RefusePost(request, size_bytes, 431, response);
     case BodyOutcome::kIncomplete:
-      recorder_.CountIncomplete();
-      exchange->drop = true;
-      exchange->connection->Mute();
-      response->status = 400;
-      return;
+      return GiveUpBody(response);
   }
+}
+
+// The body did not come whole: that is no request. Who is late is told so.
+void CollectorServer::GiveUpBody(httplib::Response* response) {
+  Exchange* const exchange = current_exchange_;
+  recorder_.CountIncomplete();
+  response->status = 408;
+  response->set_content(BuildRefusal(408), kJson);
+  exchange->close = exchange->unread = exchange->connection->is_late();
+  exchange->drop = !exchange->close;
+  if (exchange->drop) exchange->connection->Mute();
 }
 
 void CollectorServer::AnswerPost(const httplib::Request& request, const std::string& body,
@@ -626,9 +653,7 @@ void CollectorServer::RefusePost(const httplib::Request& request, uint64_t size_
   if (exchange->end != EndKind::kNone) received.misbehaviour = exchange->plan.words;
   recorder_.RecordRefused(received, size_bytes);
   response->status = status != 0 ? status : 500;
-  response->set_content(status == 413 ? R"({"bytes_errinfo":"body too large"})"
-                                      : R"({"bytes_errinfo":"bad request"})",
-                        kJson);
+  response->set_content(BuildRefusal(status), kJson);
 }
 
 // Waits for so long, or until the server stops.
@@ -638,43 +663,11 @@ void CollectorServer::Pause(uint64_t pause_ms) {
   stop_cv_.wait_for(lock, milliseconds(pause_ms), [this] { return stopping_.load(); });
 }
 
-// Reads the body, and one that is too large away, so that the connection can go on. *size_bytes is
-// what was announced or, for a chunked body, what arrived.
-CollectorServer::BodyOutcome CollectorServer::ReadBody(const Exchange& exchange, std::string* body,
-                                                       uint64_t* size_bytes) const {
-  const uint64_t limit_bytes = options_.max_body_bytes;
-  if (!exchange.chunked) {
-    *size_bytes = exchange.length_bytes;
-    const bool fits = exchange.length_bytes <= limit_bytes;
-    if (fits) body->reserve(std::min<uint64_t>(exchange.length_bytes, kMaxReserveBytes));
-    if (!ReadExactly(exchange.connection, exchange.length_bytes, fits ? body : nullptr)) {
-      return BodyOutcome::kIncomplete;
-    }
-    return fits ? BodyOutcome::kWhole : BodyOutcome::kTooLarge;
-  }
-
-  std::string line;
-  bool well_formed = true;
-  for (;;) {
-    if (!ReadLine(exchange.connection, &line, &well_formed)) return BodyOutcome::kIncomplete;
-    uint64_t chunk_bytes = 0;
-    const std::string digits = line.substr(0, line.find_first_of("; \t"));
-    if (!well_formed || !ParseDigits(digits, 16, &chunk_bytes)) return BodyOutcome::kMalformed;
-    if (chunk_bytes == 0) break;
-    *size_bytes += chunk_bytes;
-    const bool fits = *size_bytes <= limit_bytes;
-    if (!fits) std::string().swap(*body);
-    if (!ReadExactly(exchange.connection, chunk_bytes, fits ? body : nullptr) ||
-        !ReadLine(exchange.connection, &line, &well_formed)) {
-      return BodyOutcome::kIncomplete;
-    }
-    if (!well_formed || !line.empty()) return BodyOutcome::kMalformed;
-  }
-  do {  // Trailer fields, of no interest, up to the empty line.
-    if (!ReadLine(exchange.connection, &line, &well_formed)) return BodyOutcome::kIncomplete;
-    if (!well_formed) return BodyOutcome::kMalformed;
-  } while (!line.empty());
-  return *size_bytes <= limit_bytes ? BodyOutcome::kWhole : BodyOutcome::kTooLarge;
+// Has the body read for as long as it may take.
+BodyOutcome CollectorServer::TakeBody(const Exchange& exchange, std::string* body,
+                                      uint64_t* size_bytes) const {
+  exchange.connection->SetDeadline(steady_clock::now() + seconds(options_.body_timeout_s));
+  return ReadBody(exchange.connection, exchange.framing, options_.max_body_bytes, body, size_bytes);
 }
 
 }  // namespace quenor::collector

@@ -1,7 +1,8 @@
 // The HTTP server: takes POSTs on any path, puts them on record, answers.
 // httplib parses requests and writes replies; connections are ours. One thread (the caller of Run)
-// accepts and watches idle connections; `threads` workers each serve one request at a time, so any
-// number of idle keep-alive connections occupies no worker and none starves another.
+// accepts and watches connections that are idle or whose next head is not whole; a crew of workers
+// serves one request each, without those that wait for their peer. So any number of connections
+// that are idle or trickle occupies no worker, and none starves another.
 // Life: construct, Listen, Run (returns after an orderly stop), destroy.
 // Page: docs/guide/collector.md.
 #ifndef COLLECTOR_SERVER_H_
@@ -13,16 +14,17 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
-#include <list>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
-#include <thread>
 #include <unordered_map>
-#include <vector>
+#include <utility>
 
+#include "collector/body.h"
 #include "collector/connection.h"
+#include "collector/crew.h"
+#include "collector/head.h"
 #include "collector/misbehaviour.h"
 #include "collector/recorder.h"
 #include "collector/reply.h"
@@ -36,6 +38,8 @@ struct ServerOptions {
   unsigned threads = 64;
   uint64_t max_body_bytes = uint64_t{64} << 20;
   uint64_t idle_timeout_s = 300;
+  uint64_t head_timeout_s = 10;
+  uint64_t body_timeout_s = 300;
   ReplyOptions reply;
   Misbehaviour misbehaviour;
 };
@@ -62,34 +66,47 @@ class CollectorServer : private httplib::Server {
   void Run(int stop_fd);
 
  private:
-  enum class State { kIdle, kQueued, kBusy, kHeld };
+  using Time = Connection::Time;
+
+  enum class State {
+    kIdle,       // Nothing of the next request has come.
+    kReceiving,  // Its head, or the TLS handshake, is not whole.
+    kQueued,
+    kBusy,
+    kHeld,     // Nothing is read or written until the peer leaves.
+    kLeaving,  // Our side has ended; the peer may still be reading the last answer.
+  };
 
   struct Peer {
     std::unique_ptr<Connection> connection;
-    State state = State::kIdle;
+    State state = State::kBusy;
     EndKind end_at_input = EndKind::kNone;  // How it ends when the next bytes arrive.
-    std::chrono::steady_clock::time_point idle_since;
-    std::list<Peer*>::iterator idle_place;  // Valid while kIdle.
+    HeadCheck head;
+    Time head_due = Time::max();  // max(): none of it has come.
+    bool is_late = false;         // The head is.
+    Time due = Time::max();       // While parked: when the thread of Run looks after it.
   };
 
   struct Exchange;
   // The exchange that this worker thread is in; httplib hands its handlers only its own objects.
   static thread_local Exchange* current_exchange_;
 
-  enum class BodyOutcome { kWhole, kTooLarge, kMalformed, kIncomplete };
-
   // The thread of Run.
   void Watch(int stop_fd);
   void AcceptAll();
   void Wake(Peer* peer);
-  int ExpireIdle();
+  int Expire();
   void Stop();
 
   // Workers.
-  void Work();
   void Serve(Peer* peer);
+  Connection::Progress Receive(Peer* peer);
+  void Answer(Peer* peer);
+  void Refuse(Peer* peer, int status);
   void End(Peer* peer, EndKind kind);
-  void Park(Peer* peer, State state);
+  void Leave(Peer* peer);
+  void Park(Peer* peer, State state, Time due);
+  void ParkIdle(Peer* peer);
   void Enqueue(Peer* peer);
   void Drop(Peer* peer);
 
@@ -102,9 +119,10 @@ class CollectorServer : private httplib::Server {
                   httplib::Response* response);
   void RefusePost(const httplib::Request& request, uint64_t size_bytes, int status,
                   httplib::Response* response);
+  void GiveUpBody(httplib::Response* response);
   void Misbehave(const Plan& plan);
   void Pause(uint64_t pause_ms);
-  BodyOutcome ReadBody(const Exchange& exchange, std::string* body, uint64_t* size_bytes) const;
+  BodyOutcome TakeBody(const Exchange& exchange, std::string* body, uint64_t* size_bytes) const;
 
   const ServerOptions options_;
   Recorder& recorder_;
@@ -112,18 +130,18 @@ class CollectorServer : private httplib::Server {
   const std::string reply_;
   int listen_fd_ = -1;
   int epoll_fd_ = -1;
+  int wake_fd_ = -1;  // Makes the thread of Run look at what is due.
   int port_ = 0;
   bool accept_paused_ = false;  // The thread of Run only: out of descriptors.
   uint64_t connections_ = 0;    // The thread of Run only: accepted so far.
 
   std::atomic<bool> stopping_{false};
-  std::mutex mutex_;  // Guards everything below.
-  std::condition_variable work_cv_;
+  std::mutex mutex_;                 // Guards everything below, but for the crew.
   std::condition_variable stop_cv_;  // Stopping has begun, or a worker has let go of a peer.
   std::unordered_map<Peer*, std::unique_ptr<Peer>> peers_;
-  std::list<Peer*> idle_;  // Longest idle first.
-  std::deque<Peer*> queue_;
-  std::vector<std::thread> workers_;
+  std::set<std::pair<Time, Peer*>> parked_;  // By when they are due.
+  Time watched_until_ = Time::max();         // When the thread of Run looks at them next.
+  Crew crew_;                                // Last: its threads use all of the above.
 };
 
 }  // namespace quenor::collector

@@ -244,6 +244,58 @@ TEST(ScriptTest, WrongLinesAreNamedWithWhatToWrite) {
   }
 }
 
+TEST(ScriptTest, EachNumberIsTakenUpToItsBoundsAndNoFurther) {
+  const std::string most_digits(18, '9');
+  const std::string taken[] = {
+      "1: status=100",
+      "1: status=999",
+      "1: interim=100",
+      "1: interim=199",
+      "1: interim=103*1",
+      "1: interim=103*" + most_digits,
+      "1: delay=0",
+      "1: delay=86400s",
+      "1: delay=86400000ms",
+      "1: drip-head=1/0",
+      "1: drip-body=1/86400s",
+      "1: body-size=4294967296GiB",
+      "1: pad-head=0",
+      "chance 0: close",
+      "chance 1.0: close",
+      "1: close=body+" + most_digits,
+      most_digits + ": close",
+      "from 1: close",
+      "every 1: close",
+      "7-7: close",
+      "1-" + most_digits + ": close",
+  };
+  const std::string refused[] = {
+      "1: status=99",
+      "1: status=1000",
+      "1: interim=99",
+      "1: interim=200",
+      "1: interim=103*0",
+      "1: interim=103*1" + most_digits,
+      "1: delay=-1",
+      "1: delay=86401s",
+      "1: delay=86400001ms",
+      "1: drip-head=0/0",
+      "1: drip-body=1/86401s",
+      "1: body-size=4294967297GiB",
+      "1: pad-head=-1",
+      "chance -0.1: close",
+      "chance 1.000001: close",
+      "1: close=body+1" + most_digits,
+      "1" + most_digits + ": close",
+      "from 0: close",
+      "every 0: close",
+      "7-6: close",
+      "0-1: close",
+  };
+  for (const std::string& line : taken) EXPECT_EQ("accepted", ErrorOf(line)) << line;
+  for (const std::string& line : refused) EXPECT_NE("accepted", ErrorOf(line)) << line;
+}
+
 TEST(ScriptTest, AScriptThatCannotBeReadIsNamed) {
   for (const char* path : {"/none/such", "/"}) {
     try {

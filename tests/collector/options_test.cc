@@ -40,6 +40,9 @@ TEST(OptionsTest, DefaultsListenOnAFreeLoopbackPort) {
   EXPECT_EQ(options.server.port, 0);
   EXPECT_EQ(options.server.threads, 64u);
   EXPECT_EQ(options.server.max_body_bytes, 64u << 20);
+  EXPECT_EQ(options.server.idle_timeout_s, 300u);
+  EXPECT_EQ(options.server.head_timeout_s, 10u);
+  EXPECT_EQ(options.server.body_timeout_s, 300u);
   EXPECT_EQ(options.server.misbehaviour.PlanFor(1).words, "");
   EXPECT_FALSE(options.recorder.inflate);
 }
@@ -91,6 +94,35 @@ TEST(OptionsTest, WrongValuesNameTheirOption) {
   };
   for (const auto& [option, value] : wrong) {
     EXPECT_NE(UsageError({option, value}).find(option), std::string::npos) << option << value;
+  }
+}
+
+TEST(OptionsTest, EachNumberIsTakenUpToItsBoundsAndNoFurther) {
+  struct Bound {
+    const char* option;
+    std::vector<const char*> taken;
+    std::vector<const char*> refused;
+  };
+  const Bound bounds[] = {
+      {"--threads", {"1", "4096"}, {"0", "4097"}},
+      {"--idle-timeout", {"1", "86400"}, {"0", "86401"}},
+      {"--head-timeout", {"1", "86400"}, {"0", "86401"}},
+      {"--body-timeout", {"1", "86400"}, {"0", "86401"}},
+      {"--max-body", {"0", "1TiB", "1099511627776"}, {"1025GiB", "1099511627777"}},
+      {"--max-inflated", {"0", "1099511627776"}, {"1099511627777"}},
+      {"--send-interval", {"0", "4294967295"}, {"4294967296"}},
+      {"--max-resend", {"0", "4294967295"}, {"4294967296"}},
+      {"--report-duration", {"0", "4294967295"}, {"4294967296"}},
+      {"--seed", {"0", "9223372036854775807"}, {"9223372036854775808", "10000000000000000000"}},
+      {"--listen", {"h:0", "h:65535"}, {"h:65536", "h:000000"}},
+  };
+  for (const Bound& bound : bounds) {
+    for (const char* value : bound.taken) {
+      EXPECT_EQ("accepted", UsageError({bound.option, value})) << bound.option;
+    }
+    for (const char* value : bound.refused) {
+      EXPECT_NE("accepted", UsageError({bound.option, value})) << bound.option << " " << value;
+    }
   }
 }
 
