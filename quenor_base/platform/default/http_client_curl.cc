@@ -33,6 +33,7 @@
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_create_flag.h"
 #include "quenor_base/platform/default/http_address.h"
+#include "quenor_base/platform/default/http_connection_linux.h"
 #include "quenor_base/platform/default/http_defaults.h"
 #include "quenor_base/platform/default/http_easy_options.h"
 #include "quenor_base/platform/default/http_failure_text.h"
@@ -120,6 +121,7 @@ struct Transfer {
   curl_off_t body_bytes_moved = 0;
   uint64_t* progress = nullptr;  // Borrowed from the Io, and the next.
   Sockets* sockets = nullptr;    // What the handle's options name.
+  http_connection::HangUps* hang_ups = nullptr;
   size_t* waiting = nullptr;
   bool under_way = false;       // Has been given a connection.
   bool is_written = false;      // Something of the request went out after its first piece.
@@ -255,7 +257,9 @@ curl_socket_t OpenSocket(void* user, curlsocktype, curl_sockaddr* address) {
   Transfer* transfer = static_cast<Transfer*>(user);
   if (MustNotRepeat(transfer)) return CURL_SOCKET_BAD;
   const int fd = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-  if (fd >= 0) transfer->sockets->push_back(fd);
+  if (fd < 0) return CURL_SOCKET_BAD;
+  transfer->sockets->push_back(fd);
+  transfer->hang_ups->Watch(fd);
   return fd;
 }
 
@@ -263,27 +267,6 @@ int CloseSocket(void* user, curl_socket_t fd) {
   Sockets* sockets = static_cast<Sockets*>(user);
   sockets->erase(std::remove(sockets->begin(), sockets->end(), fd), sockets->end());
   return close(fd);
-}
-
-// The local port of an internet socket; 0 for any other.
-int LocalPort(int fd) {
-  union {
-    sockaddr any;
-    sockaddr_in v4;
-    sockaddr_in6 v6;
-  } address{};
-  socklen_t length = sizeof(address);
-  if (getsockname(fd, &address.any, &length) != 0) return 0;
-  if (address.any.sa_family == AF_INET) return ntohs(address.v4.sin_port);
-  return address.any.sa_family == AF_INET6 ? ntohs(address.v6.sin6_port) : 0;
-}
-
-// For how long nothing has arrived on a TCP connection; 0 when that cannot be known.
-int64_t SilentMs(int fd) {
-  tcp_info info{};
-  socklen_t length = sizeof(info);
-  if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) != 0) return 0;
-  return info.tcpi_last_data_recv;
 }
 
 // Gives the handle all options that are the same for every request of the client.
@@ -533,6 +516,8 @@ struct Io {
   std::vector<Transfer*> finished;
   std::vector<Transfer*> surplus;
   Sockets sockets;
+  http_connection::HangUps hang_ups;
+  bool any_hung_up = false;           // One of the sockets may be.
   int64_t next_deadline_ms = kNever;  // No active transfer's deadline is earlier.
   uint32_t host_connections = 0;      // As last set in the multi handle.
   uint64_t progress = 0;              // Counts whatever moved.
@@ -666,6 +651,7 @@ class Engine {
   void CollectFinished(Io* io) QUENOR_EXCLUDES(lock_);
   void Finish(Io* io, Transfer* transfer) QUENOR_EXCLUDES(lock_);
   void CutBadConnection(Io* io, const Transfer& transfer);
+  void CloseHungUp(Io* io);
   void Report(Io* io) QUENOR_EXCLUDES(lock_);
   void RunCallback(Transfer* transfer) QUENOR_EXCLUDES(lock_);
   void LogFailure(const Transfer& transfer) QUENOR_EXCLUDES(lock_);
@@ -718,7 +704,7 @@ Io* Engine::EnsureIo(std::string* problem) {
   curl_multi_setopt(io->multi, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_MULTIPLEX));
   curl_multi_setopt(io->multi, CURLMOPT_MAXCONNECTS, kIdleConnections);
   io->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (io->wake_fd < 0) {
+  if (io->wake_fd < 0 || !io->hang_ups.Open()) {
     *problem = "no descriptors are left";
     return nullptr;
   }
@@ -911,6 +897,7 @@ void Engine::Run(Io* io) {
     io->look_again = !io->finished.empty() && !io->active.empty();
     const bool at_once = io->look_again && io->waiting_in_libcurl > 0;
     Report(io);
+    CloseHungUp(io);
     if (!at_once) Wait(io);
   }
 }
@@ -955,6 +942,7 @@ void Engine::StartSubmitted(Io* io) {
     transfer->waiting = &io->waiting_in_libcurl;
     if (transfer->sockets != &io->sockets) {
       transfer->sockets = &io->sockets;
+      transfer->hang_ups = &io->hang_ups;
       curl_easy_setopt(transfer->easy, CURLOPT_CLOSESOCKETDATA, &io->sockets);
     }
     ++io->progress;
@@ -980,6 +968,14 @@ bool BrokeItsConnection(const Transfer& transfer) {
   return transfer.state == HttpClient::State::kFailed &&
          (transfer.code == CURLE_RECV_ERROR || transfer.code == CURLE_SEND_ERROR ||
           transfer.code == CURLE_HTTP2);
+}
+
+// Whether an exchange that began before `before_ms` is on the connection of this socket.
+bool IsUsed(const Io& io, int fd, int64_t before_ms) {
+  return std::any_of(io.active.begin(), io.active.end(), [&](const Transfer* transfer) {
+    return transfer->under_way && transfer->started_ms < before_ms &&
+           http_connection::IsOf(fd, transfer->easy);
+  });
 }
 
 // Takes the transfer from libcurl; its callback is due. An HTTP/1.1 connection in mid-exchange
@@ -1027,15 +1023,31 @@ void Engine::LeaveLine(Io* io, Transfer* transfer) {
 // time out until the kernel gives the connection up, a quarter of an hour later; where it sends
 // without end and heeds no reset, they would wait behind that. So a connection on which nothing
 // arrived for half of a timed-out exchange, or too much, or nonsense, is cut, with whatever else
-// waits on it.
+// waits on it. A server may just be slow: only the oldest exchange on it can find it silent.
 void Engine::CutBadConnection(Io* io, const Transfer& transfer) {
-  long port = 0;
-  curl_easy_getinfo(transfer.easy, CURLINFO_LOCAL_PORT, &port);
-  if (port <= 0) return;
+  // An HTTP/1.1 connection has closed with its exchange.
+  if (!transfer.client->http2 || !transfer.under_way) return;
+  const bool timed_out = transfer.state == HttpClient::State::kTimedOut;
   const int64_t waited_ms = NowMs() - transfer.started_ms;
   for (int fd : io->sockets) {
-    if (LocalPort(fd) != port) continue;
-    if (transfer.state != HttpClient::State::kTimedOut || SilentMs(fd) >= waited_ms / 2) {
+    if (!http_connection::IsOf(fd, transfer.easy)) continue;
+    if (timed_out && http_connection::SilentMs(fd) < waited_ms / 2) continue;
+    if (timed_out && IsUsed(*io, fd, transfer.started_ms)) continue;
+    shutdown(fd, SHUT_RDWR);
+  }
+}
+
+// libcurl closes a kept connection that its server has closed when it next looks for one, which may
+// be never. The kernel's half is ended here.
+void Engine::CloseHungUp(Io* io) {
+  if (!io->any_hung_up) return;
+  io->any_hung_up = false;
+  for (int fd : io->sockets) {
+    if (!http_connection::IsHungUp(fd)) continue;
+    if (IsUsed(*io, fd, kNever)) {
+      io->any_hung_up =
+          true;  // Its answer is still to be read: looked at again after the next step.
+    } else {
       shutdown(fd, SHUT_RDWR);
     }
   }
@@ -1192,12 +1204,17 @@ void Engine::Wait(Io* io) {
     const int64_t left_ms = std::max<int64_t>(until_ms - before_ms, 0);
     timeout_ms = static_cast<int>(std::min<int64_t>(left_ms, timeout_ms));
   }
-  curl_waitfd wake{io->wake_fd, CURL_WAIT_POLLIN, 0};
-  if (curl_multi_poll(io->multi, &wake, 1, timeout_ms, nullptr) != CURLM_OK) {
+  curl_waitfd wake[] = {{io->wake_fd, CURL_WAIT_POLLIN, 0},
+                        {io->hang_ups.fd(), CURL_WAIT_POLLIN, 0}};
+  if (curl_multi_poll(io->multi, wake, 2, timeout_ms, nullptr) != CURLM_OK) {
     poll(nullptr, 0, kPollFailurePauseMs);  // Out of memory or descriptors: not at full speed.
   }
   uint64_t wake_ups;
-  if (wake.revents != 0) (void)!read(io->wake_fd, &wake_ups, sizeof(wake_ups));
+  if (wake[1].revents != 0) {
+    io->hang_ups.Clear();
+    io->any_hung_up = true;
+  }
+  if (wake[0].revents != 0) (void)!read(io->wake_fd, &wake_ups, sizeof(wake_ups));
   io->fruitless_rounds = NowMs() - before_ms > 1 ? 0 : io->fruitless_rounds + 1;
 }
 

@@ -147,6 +147,14 @@ class SocketConnection : public ScriptedServer::Connection {
     nowhere.sa_family = AF_UNSPEC;
     connect(fd_, &nowhere, sizeof(nowhere));
   }
+  void CloseSending() override { shutdown(fd_, SHUT_WR); }
+  uint16_t peer_port() const override {
+    sockaddr_storage address{};
+    socklen_t length = sizeof(address);
+    getpeername(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+    // At the same place in an address of either family.
+    return ntohs(reinterpret_cast<const sockaddr_in*>(&address)->sin_port);
+  }
   size_t index() const override { return index_; }
 
  protected:

@@ -42,6 +42,10 @@ class ScriptedServer {
     virtual void WaitForEnd() = 0;
     // Ends the connection at once with a reset.
     virtual void ResetNow() = 0;
+    // Closes this side of the connection; the other may go on.
+    virtual void CloseSending() = 0;
+    // The client's.
+    virtual uint16_t peer_port() const = 0;
     // The number of the connection, from 0 in the order accepted.
     virtual size_t index() const = 0;
 

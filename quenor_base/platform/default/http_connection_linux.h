@@ -1,0 +1,45 @@
+// What the HTTP client on libcurl asks the kernel about its connections. Internal to that client.
+// I/O thread only.
+#ifndef QUENOR_BASE_PLATFORM_DEFAULT_HTTP_CONNECTION_LINUX_H_
+#define QUENOR_BASE_PLATFORM_DEFAULT_HTTP_CONNECTION_LINUX_H_
+
+#include <curl/curl.h>
+
+#include <cstdint>
+
+namespace quenor::http_connection {
+
+// Whether the handle's request is on the connection of this socket, which both its ends tell: one
+// local port may lead to several servers. Only for a handle that was given a connection.
+bool IsOf(int fd, CURL* easy);
+
+// For how long nothing has arrived on a TCP connection; 0 when that cannot be known.
+int64_t SilentMs(int fd);
+
+// Whether its other side has closed a TCP connection and this side has not: CLOSE_WAIT.
+bool IsHungUp(int fd);
+
+// Becomes readable when the other side of a connection closes: libcurl does not look at those that
+// it keeps for later.
+class HangUps {
+ public:
+  HangUps() = default;
+  ~HangUps();
+  HangUps(const HangUps&) = delete;
+  HangUps& operator=(const HangUps&) = delete;
+
+  // False when no descriptor is left.
+  bool Open();
+  // From here on until the socket is closed.
+  void Watch(int fd);
+  // For poll(): readable until Clear().
+  int fd() const { return fd_; }
+  void Clear();
+
+ private:
+  int fd_ = -1;
+};
+
+}  // namespace quenor::http_connection
+
+#endif  // QUENOR_BASE_PLATFORM_DEFAULT_HTTP_CONNECTION_LINUX_H_
