@@ -42,8 +42,8 @@ class MultiProcessSafetyMmapFile {
   // GetNextDataPacket() then reads it from its first packet. Until this owner's first completed
   // save that content stays as it is, for another to take should this one die or close. A damaged
   // file is repaired when no other owner is live: every intact packet stays, and the file as it was
-  // is kept beside it as PATH.set-aside. `access` must be READ_WRITE_EXTEND; `size` is how many
-  // bytes of packets to make room for at the first save, at least (0: no wish).
+  // is kept beside it as PATH.set-aside, PATH.set-aside.2, ... `access` must be READ_WRITE_EXTEND;
+  // `size` is how many bytes of packets to make room for at the first save, at least (0: no wish).
   // False, with a level 2 line that says why, when nothing could be opened: a path with a ".."
   // component, a last component that is a symbolic link or no regular file, no room on the disk,
   // kMaxOwners live owners, a lock that another process has held for 5 seconds, ... An instance

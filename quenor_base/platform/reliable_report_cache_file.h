@@ -31,9 +31,10 @@ class ReliableReportCacheFile {
   // Queue thread; blocks on the file system. Opens the file, creating it (mode 0600) when missing;
   // its folder must exist. GetNextDataPacket() then reads from the first packet. A damaged file is
   // repaired: every intact packet stays, and the file as it was is kept beside it as
-  // PATH.set-aside. False, with a level 2 line that says why, when nothing could be opened: another
-  // owner has it open, a path with a ".." component, a last component that is a symbolic link or no
-  // regular file, ... An instance that is open is closed first. How far a save outlives the
+  // PATH.set-aside, PATH.set-aside.2, ... False, with a level 2 line that says why, when nothing
+  // could be opened: another owner has it open, a path with a ".." component, a last component that
+  // is too long, a symbolic link or no regular file, another user's file that everybody may write
+  // to, ... An instance that is open is closed first. How far a save outlives the
   // machine, not only the process, is read here from the configuration
   // (BaseCfg().cache_durability).
   [[nodiscard]] bool Open(const base::FilePath& path);

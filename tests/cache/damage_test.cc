@@ -272,6 +272,7 @@ class MmapFileForeignTest : public ::testing::Test {
 
   // A file that is not ours is put aside as it is, and what follows is as with no file.
   void ExpectSetAside(const std::string& content) {
+    std::remove(SetAside(path_).c_str());
     ASSERT_TRUE(WriteWholeFile(path_, content));
     RecordingLog::Clear();
     MultiProcessSafetyMmapFile file;

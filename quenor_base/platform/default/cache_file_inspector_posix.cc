@@ -12,6 +12,7 @@
 #include "quenor_base/platform/cache_file_inspector.h"
 #include "quenor_base/platform/default/cache_file_reader.h"
 #include "quenor_base/platform/default/cache_io_posix.h"
+#include "quenor_base/platform/default/cache_names_posix.h"
 #include "quenor_base/platform/default/mmap_file_reader.h"
 
 namespace quenor {
@@ -35,10 +36,6 @@ Result Refused(const std::string& what, const std::string& path, int error, std:
     *text += "; give the path of a cache file, such as .../quenor_report/NAME.mmap";
     return Result::kNotFound;
   }
-  if (error == ELOOP || error == EISDIR || error == EINVAL || error == ENXIO) {
-    *text += "; a cache file is a regular file, and no symbolic link is followed";
-    return Result::kNotFound;
-  }
   *text += error == ENOMEM ? "; free some memory" : "; check its permissions and the disk";
   return Result::kUnreadable;
 }
@@ -48,6 +45,14 @@ Result NotOurs(const std::string& path, uint32_t newer_version, std::string* tex
                                    ", newer than this program; use the program of that version"
                              : path + " is no cache file; give one that ends in .mmap or .cache";
   return Result::kNotOurs;
+}
+
+Result NotOpened(const std::string& path, int error, std::string* text) {
+  if (error == ENOENT || error == ENOMEM) return Refused("open", path, error, text);
+  *text = "cannot open " + path + ": " + cache_io::WhyNotOpened(error);
+  const bool is_no_file = error == ELOOP || error == EISDIR || error == ENXIO ||
+                          error == cache_io::kNotRegular || error == cache_io::kOpenToAll;
+  return is_no_file ? Result::kNotFound : Result::kUnreadable;
 }
 
 bool EndsWith(const std::string& text, const std::string& end) {
@@ -329,13 +334,31 @@ Result CountPackets(int fd, const std::string& path, bool plain, uint64_t* packe
   return nothing_of_ours ? NotOurs(path, 0, error) : Result::kOk;
 }
 
+// Until the descriptor is closed. kInUse while an owner is live.
+Result LockForPurge(const cache_io::Descriptor& file, const std::string& path, bool plain,
+                    std::string* error) {
+  const char* const in_use = " is in use by a live owner; end that process first";
+  if (!cache_io::WaitLock(file.fd(), 0, 1, plain ? 0 : kWaitMs)) {
+    if (errno != EAGAIN) return Refused("lock", path, errno, error);
+    *error = path + in_use;
+    return Result::kInUse;
+  }
+  const int live = plain ? 0
+                         : cache_io::IsLockedByOther(file.fd(), mmap_format::RecordOffset(1),
+                                                     mmap_format::kTableSize);
+  if (live < 0) return Refused("ask for the locks of", path, errno, error);
+  if (live == 0) return Result::kOk;
+  *error = path + in_use;
+  return Result::kInUse;
+}
+
 }  // namespace
 
 Result CacheFileInspector::Inspect(const base::FilePath& path, Visitor* visitor, Summary* summary,
                                    std::string* error) {
   *summary = Summary();
   cache_io::Descriptor file;
-  if (!file.Open(path.value(), How::kReadOnly)) return Refused("open", path.value(), errno, error);
+  if (!file.Open(path.value(), How::kReadOnly)) return NotOpened(path.value(), errno, error);
   return IsPlain(file.fd(), path.value())
              ? InspectPlain(file.fd(), path.value(), visitor, summary, error)
              : InspectMapped(file.fd(), path.value(), visitor, summary, error);
@@ -344,34 +367,26 @@ Result CacheFileInspector::Inspect(const base::FilePath& path, Visitor* visitor,
 Result CacheFileInspector::Purge(const base::FilePath& path, uint64_t* packets,
                                  std::string* error) {
   *packets = 0;
-  cache_io::Descriptor file;
   const std::string& name = path.value();
-  if (!file.Open(name, How::kExisting)) return Refused("open", name, errno, error);
-  const bool plain = IsPlain(file.fd(), name);
-  const char* const in_use = " is in use by a live owner; end that process first";
-  if (!cache_io::WaitLock(file.fd(), 0, 1, plain ? 0 : kWaitMs)) {
-    if (errno != EAGAIN) return Refused("lock", name, errno, error);
-    *error = name + in_use;
-    return Result::kInUse;
+  for (int attempt = 0; attempt < kMostRounds; ++attempt) {
+    cache_io::Descriptor file;
+    if (!file.Open(name, How::kExisting)) return NotOpened(name, errno, error);
+    const bool plain = IsPlain(file.fd(), name);
+    const Result locked = LockForPurge(file, name, plain, error);
+    if (locked != Result::kOk) return locked;
+    // Its owner may have written it anew, under the same name, and gone on there.
+    if (!cache_io::IsStillAt(file.fd(), name)) continue;
+    const Result counted = CountPackets(file.fd(), name, plain, packets, error);
+    if (counted != Result::kOk) return counted;
+    // The file goes last: without it, what is beside it would come back as its content. The locks
+    // are held until it has no name: whoever waits for them sees that it is gone.
+    std::string beside;
+    if (!cache_io::RemoveBeside(name, &beside)) return Refused("remove", beside, errno, error);
+    if (unlink(name.c_str()) != 0) return Refused("remove", name, errno, error);
+    return Result::kOk;
   }
-  const int live = plain ? 0
-                         : cache_io::IsLockedByOther(file.fd(), mmap_format::RecordOffset(1),
-                                                     mmap_format::kTableSize);
-  if (live < 0) return Refused("ask for the locks of", name, errno, error);
-  if (live == 1) {
-    *error = name + in_use;
-    return Result::kInUse;
-  }
-  const Result counted = CountPackets(file.fd(), name, plain, packets, error);
-  if (counted != Result::kOk) return counted;
-  // The locks are held until the file has no name: whoever waits for them sees that it is gone.
-  if (unlink(name.c_str()) != 0) return Refused("remove", name, errno, error);
-  for (const char* const end : {".set-aside", ".recovered"}) {
-    if (unlink((name + end).c_str()) != 0 && errno != ENOENT) {
-      return Refused("remove", name + end, errno, error);
-    }
-  }
-  return Result::kOk;
+  *error = name + " is replaced again and again; end what does that first";
+  return Result::kInUse;
 }
 
 }  // namespace quenor

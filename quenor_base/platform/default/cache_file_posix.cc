@@ -2,14 +2,13 @@
 // that is written when the save is complete. What recovery finds after the last such list counts
 // too. How and why: docs/design/cache-file.md. The bytes: docs/formats/cache-file.md.
 #include <fcntl.h>
-#include <stdio.h>
 #include <sys/random.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
+#include <cstdio>
 #include <cstring>
 #include <new>
 #include <string>
@@ -17,6 +16,7 @@
 #include "quenor_base/platform/default/cache_file_format.h"
 #include "quenor_base/platform/default/cache_file_reader.h"
 #include "quenor_base/platform/default/cache_io_posix.h"
+#include "quenor_base/platform/default/cache_names_posix.h"
 #include "quenor_base/platform/default/nothrow_array.h"
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/reliable_report_cache_file.h"
@@ -56,23 +56,6 @@ uint64_t RandomKey() {
     key = reinterpret_cast<uintptr_t>(&key) * 0x9e3779b97f4a7c15;
   }
   return key;
-}
-
-// Renames unless something is at `to`: then false with errno EEXIST.
-bool RenameToFree(const std::string& from, const std::string& to) {
-  int result;
-  do {
-    result = renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE);
-  } while (result != 0 && errno == EINTR);
-  if (result == 0) return true;
-  if (errno != EINVAL && errno != ENOSYS) return false;
-  // A file system that cannot; whoever creates `to` right now is not seen.
-  struct stat info;
-  if (lstat(to.c_str(), &info) == 0) {
-    errno = EEXIST;
-    return false;
-  }
-  return errno == ENOENT && cache_io::Rename(from, to);
 }
 
 // Finds packets of a sequence by their bytes, each at most once.
@@ -208,7 +191,7 @@ struct ReliableReportCacheFile::State {
   [[gnu::cold]] Taken TakeExisting();
   [[gnu::cold]] Taken TakeRecovered();
   [[gnu::cold]] Taken TakeNew();
-  [[gnu::cold]] Taken Refuse(const char* what, const std::string& which, int error);
+  [[gnu::cold]] Taken Refuse(const char* what, const std::string& which, const std::string& why);
   [[gnu::cold]] bool Lock(const Descriptor& descriptor, const std::string& at, Taken* taken);
   [[gnu::cold]] bool ReadOrRepair();
   [[gnu::cold]] bool WriteFileHeader();
@@ -253,7 +236,6 @@ struct ReliableReportCacheFile::State {
 
   std::string path;
   std::string recovered_path;
-  std::string aside_path;
   Descriptor file;
   Durability durability = Durability::kProcess;
   uint64_t digest_key = 0;
@@ -305,8 +287,7 @@ void ReliableReportCacheFile::State::LogFailure(const char* what, int error) {
 
 bool ReliableReportCacheFile::State::Open(const base::FilePath& file_path) {
   path = file_path.value();
-  recovered_path = path + ".recovered";
-  aside_path = path + ".set-aside";
+  recovered_path = cache_io::RecoveredPath(path);
   const std::string refusal = cache_io::WhyPathIsRefused(path);
   if (!refusal.empty()) {
     LocalLog(2, kLogSource, __LINE__, "cache: will not open \"%s\": %s", path.c_str(),
@@ -331,11 +312,8 @@ bool ReliableReportCacheFile::State::Open(const base::FilePath& file_path) {
   return false;
 }
 
-auto ReliableReportCacheFile::State::Refuse(const char* what, const std::string& which, int error)
-    -> Taken {
-  const std::string why = error == ELOOP    ? "it is a symbolic link; remove it"
-                          : error == EINVAL ? "it is no regular file; remove it"
-                                            : cache_io::ErrnoText(error);
+auto ReliableReportCacheFile::State::Refuse(const char* what, const std::string& which,
+                                            const std::string& why) -> Taken {
   LocalLog(2, kLogSource, __LINE__, "cache: cannot %s %s: %s", what, which.c_str(), why.c_str());
   return Taken::kNo;
 }
@@ -352,7 +330,7 @@ bool ReliableReportCacheFile::State::Lock(const Descriptor& descriptor, const st
                path.c_str());
       *taken = Taken::kNo;
     } else {
-      *taken = Refuse("lock", at, errno);
+      *taken = Refuse("lock", at, cache_io::ErrnoText(errno));
     }
     return false;
   }
@@ -362,14 +340,10 @@ bool ReliableReportCacheFile::State::Lock(const Descriptor& descriptor, const st
 
 auto ReliableReportCacheFile::State::TakeFile() -> Taken {
   if (file.Open(path, Descriptor::How::kExisting)) return TakeExisting();
-  if (errno != ENOENT) return Refuse("open", path, errno);
+  if (errno != ENOENT) return Refuse("open", path, cache_io::WhyNotOpened(errno));
   // Killed between the two renames of SetAside(): the content is under the other name.
-  if (file.Open(recovered_path, Descriptor::How::kExisting)) return TakeRecovered();
-  if (errno == ELOOP || errno == EINVAL) {
-    return unlink(recovered_path.c_str()) == 0 ? Taken::kAgain
-                                               : Refuse("remove", recovered_path, errno);
-  }
-  if (errno != ENOENT) return Refuse("open", recovered_path, errno);
+  if (cache_io::OpenRecovered(path, &file)) return TakeRecovered();
+  if (errno != ENOENT) return Refuse("open", recovered_path, cache_io::WhyNotOpened(errno));
   return TakeNew();
 }
 
@@ -384,16 +358,17 @@ auto ReliableReportCacheFile::State::TakeExisting() -> Taken {
 auto ReliableReportCacheFile::State::TakeRecovered() -> Taken {
   Taken taken;
   if (!Lock(file, recovered_path, &taken)) return taken;
-  if (!RenameToFree(recovered_path, path)) {
-    return errno == EEXIST || errno == ENOENT ? Taken::kAgain
-                                              : Refuse("rename", recovered_path, errno);
+  if (!cache_io::RenameToFree(recovered_path, path)) {
+    return errno == EEXIST || errno == ENOENT
+               ? Taken::kAgain
+               : Refuse("rename", recovered_path, cache_io::ErrnoText(errno));
   }
   return Taken::kYes;
 }
 
 auto ReliableReportCacheFile::State::TakeNew() -> Taken {
   if (!file.Open(path, Descriptor::How::kCreate)) {
-    return errno == EEXIST ? Taken::kAgain : Refuse("create", path, errno);
+    return errno == EEXIST ? Taken::kAgain : Refuse("create", path, cache_io::ErrnoText(errno));
   }
   Taken taken;
   return Lock(file, path, &taken) ? Taken::kYes : taken;
@@ -403,13 +378,13 @@ bool ReliableReportCacheFile::State::ReadOrRepair() {
   Content content;
   const ReadResult result = cache_file::ReadContent(file.fd(), digest_key, &content);
   if (result != ReadResult::kOk) {
-    Refuse("read", path, result == ReadResult::kNoMemory ? ENOMEM : errno);
+    Refuse("read", path, cache_io::ErrnoText(result == ReadResult::kNoMemory ? ENOMEM : errno));
     return false;
   }
   reading = true;
   if (content.kind == Content::Kind::kNew) {
     if (WriteFileHeader()) return true;
-    Refuse("begin", path, errno);
+    Refuse("begin", path, cache_io::ErrnoText(errno));
     return false;
   }
   save_number = content.save_number;
@@ -432,7 +407,7 @@ bool ReliableReportCacheFile::State::ReadOrRepair() {
   base_sealed = !content.has_tail;
   AdoptBase(&content.packets);
   if (SyncAll()) return true;
-  Refuse("get to the disk", path, errno);
+  Refuse("get to the disk", path, cache_io::ErrnoText(errno));
   return false;
 }
 
@@ -462,28 +437,33 @@ bool ReliableReportCacheFile::State::SyncAll() {
 // The repaired content is complete under another name before the file as it was makes room for it.
 bool ReliableReportCacheFile::State::SetAside(const Content& content, const char* why) {
   Fresh fresh;
-  bool done = WriteFresh(content.packets, content.save_number, &fresh);
-  if (done) {
-    done = cache_io::Rename(path, aside_path);
-    if (!done) {
-      const int error = errno;
-      unlink(recovered_path.c_str());
-      errno = error;
-    }
+  if (!WriteFresh(content.packets, content.save_number, &fresh)) {
+    LocalLog(2, kLogSource, __LINE__, "cache: %s %s and cannot be repaired: %s; it stays as it is",
+             path.c_str(), why, cache_io::ErrnoText(errno).c_str());
+    return false;
+  }
+  std::string aside;
+  if (!cache_io::SetAside(path, &aside)) {
+    unlink(recovered_path.c_str());
+    LocalLog(2, kLogSource, __LINE__, "cache: %s %s and cannot be set aside: %s", path.c_str(), why,
+             aside.c_str());
+    return false;
   }
   // Somebody else may make the second step, or the next Open(); see TakeRecovered().
-  done = done && (cache_io::Rename(recovered_path, path) ||
-                  (errno == ENOENT && cache_io::IsStillAt(fresh.file.fd(), path)));
+  bool done = cache_io::Rename(recovered_path, path) ||
+              (errno == ENOENT && cache_io::IsStillAt(fresh.file.fd(), path));
   if (done && durability == Durability::kOnDisk) done = cache_io::SyncFolderOf(path);
   if (!done) {
-    LocalLog(2, kLogSource, __LINE__, "cache: %s %s and cannot be set aside as %s: %s",
-             path.c_str(), why, aside_path.c_str(), cache_io::ErrnoText(errno).c_str());
+    LocalLog(2, kLogSource, __LINE__,
+             "cache: %s %s and was set aside as %s, but its content cannot take its place: %s; the "
+             "next start tries again",
+             path.c_str(), why, aside.c_str(), cache_io::ErrnoText(errno).c_str());
     return false;
   }
   LocalLog(2, kLogSource, __LINE__,
            "cache: %s %s; %zu intact packets were kept, %" PRIu32
            " known ones were not; the file as it was is now %s",
-           path.c_str(), why, fresh.packets.size(), content.damaged_packets, aside_path.c_str());
+           path.c_str(), why, fresh.packets.size(), content.damaged_packets, aside.c_str());
   Adopt(&fresh);
   return true;
 }
@@ -726,8 +706,8 @@ bool ReliableReportCacheFile::State::Rewrite() {
   Fresh& fresh = spare;
   bool done = WriteFresh(base, save_number + 1, &fresh);
   if (done) {
-    done =
-        is_displaced ? RenameToFree(recovered_path, path) : cache_io::Rename(recovered_path, path);
+    done = is_displaced ? cache_io::RenameToFree(recovered_path, path)
+                        : cache_io::Rename(recovered_path, path);
     if (!done) {
       const int error = errno;
       unlink(recovered_path.c_str());
@@ -779,8 +759,7 @@ bool ReliableReportCacheFile::State::WriteFresh(const NothrowArray<Packet>& from
       !batch.Reserve(3 * kCopyLimitBytes)) {
     return false;
   }
-  unlink(recovered_path.c_str());
-  if (!fresh->file.Open(recovered_path, Descriptor::How::kCreate)) return false;
+  if (!cache_io::CreateRecovered(recovered_path, &fresh->file)) return false;
   const FileHeader header = cache_file::MakeFileHeader();
   batch.Start(0);
   bool done = cache_io::TryLock(fresh->file.fd(), 0, 1) && batch.Add(&header, sizeof header);

@@ -128,7 +128,6 @@ bool Descriptor::Open(const std::string& path, How how) {
   int flags = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
   flags |= how == How::kReadOnly ? O_RDONLY : O_RDWR;
   if (how == How::kCreate) flags |= O_CREAT | O_EXCL;
-  if (how == How::kReplace) flags |= O_CREAT | O_TRUNC;
   ForkGuard& guard = ForkGuard::Get();
   std::lock_guard<std::mutex> hold(guard.lock);
   const int fd = Uninterrupted([&] { return open(path.c_str(), flags, kFileMode); });
@@ -138,7 +137,9 @@ bool Descriptor::Open(const std::string& path, How how) {
   if (Uninterrupted([&] { return fstat(fd, &info); }) != 0) {
     error = errno;
   } else if (!S_ISREG(info.st_mode)) {
-    error = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
+    error = S_ISDIR(info.st_mode) ? EISDIR : kNotRegular;
+  } else if (how == How::kExisting && info.st_uid != geteuid() && (info.st_mode & S_IWOTH) != 0) {
+    error = kOpenToAll;
   } else if (how == How::kCreate) {
     fchmod(fd, kFileMode);  // A umask may have taken bits that the next open needs.
   }
@@ -193,6 +194,22 @@ void Descriptor::swap(Descriptor& other) {
   std::swap(orphan_, other.orphan_);
   if (fd_ >= 0) Link();
   if (other.fd_ >= 0) other.Link();
+}
+
+std::string WhyNotOpened(int error) {
+  switch (error) {
+    case ELOOP:
+      return "it is a symbolic link, and none is followed; remove it";
+    case EISDIR:
+      return "it is a directory; remove it";
+    case ENXIO:  // What open(2) says of a socket.
+    case kNotRegular:
+      return "it is a FIFO, a socket or a device, no regular file; remove it";
+    case kOpenToAll:
+      return "it belongs to another user, and everybody may write to it; remove it";
+    default:
+      return ErrnoText(error) + "; check the folder, its permissions and the disk";
+  }
 }
 
 bool Mapping::Map(const Descriptor& file, uint64_t offset, uint64_t size) {
@@ -393,19 +410,6 @@ int IsLockedByOther(int fd, uint64_t offset, uint64_t size) {
   lock.l_len = static_cast<off_t>(size);
   if (Uninterrupted([&] { return fcntl(fd, F_OFD_GETLK, &lock); }) != 0) return -1;
   return lock.l_type == F_UNLCK ? 0 : 1;
-}
-
-std::string WhyPathIsRefused(const std::string& path) {
-  if (path.empty()) return "the path is empty";
-  if (path.find('\0') != std::string::npos) return "the path has a NUL byte in it";
-  for (size_t begin = 0; begin <= path.size();) {
-    const size_t end = std::min(path.find('/', begin), path.size());
-    if (path.compare(begin, end - begin, "..") == 0) {
-      return "a \"..\" in it would lead out of the cache folder; choose another channel name";
-    }
-    begin = end + 1;
-  }
-  return std::string();
 }
 
 std::string ErrnoText(int error) {

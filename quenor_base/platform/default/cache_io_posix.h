@@ -9,6 +9,7 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -31,9 +32,9 @@ class Descriptor {
   Descriptor& operator=(const Descriptor&) = delete;
 
   // Opens a regular file for reading and writing; never through a symbolic link as last component,
-  // never waiting for a device. kCreate: must not exist; mode 0600 whatever the umask.
-  // kReplace: created, or emptied when it exists.
-  enum class How { kExisting, kCreate, kReplace, kReadOnly };
+  // never waiting for a device, and not when it is another user's and everybody may write to it.
+  // kCreate: must not exist; mode 0600 whatever the umask. kReadOnly: whoever's it is.
+  enum class How { kExisting, kCreate, kReadOnly };
   [[nodiscard]] bool Open(const std::string& path, How how);
   void Close();
 
@@ -57,6 +58,12 @@ class Descriptor {
   Descriptor* previous_ = nullptr;  // In the list that the fork handlers walk; under its lock.
   Descriptor* next_ = nullptr;
 };
+
+// What Descriptor::Open() leaves in errno beside what open(2) does, which has no use for these.
+constexpr int kNotRegular = EINVAL;  // A FIFO, a socket, a device.
+constexpr int kOpenToAll = EXDEV;    // Another user's, and everybody may write to it.
+// Why Descriptor::Open() failed, and what to do, for a message. Any thread.
+std::string WhyNotOpened(int error);
 
 // Maps `size` bytes at `offset` (of any alignment), shared and writable, not inherited by a forked
 // child. Null with errno on failure. The space must have been allocated.
@@ -129,8 +136,6 @@ void Unlock(int fd, uint64_t offset, uint64_t size);
 // 1 another holds a lock in the range, 0 nobody else does, -1 an error.
 [[nodiscard]] int IsLockedByOther(int fd, uint64_t offset, uint64_t size);
 
-// Empty when a cache file may be opened at `path`; else why not, for a message.
-std::string WhyPathIsRefused(const std::string& path);
 // The system's text for an errno value. Any thread.
 std::string ErrnoText(int error);
 

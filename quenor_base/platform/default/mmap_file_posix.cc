@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "quenor_base/platform/default/cache_io_posix.h"
+#include "quenor_base/platform/default/cache_names_posix.h"
 #include "quenor_base/platform/default/mmap_file_format.h"
 #include "quenor_base/platform/default/mmap_file_reader.h"
 #include "quenor_base/platform/default/nothrow_array.h"
@@ -26,6 +27,7 @@ namespace quenor {
 namespace {
 
 using cache_io::Durability;
+using cache_io::RecoveredPath;
 using mmap_format::ExtentHeader;
 using mmap_format::ExtentShape;
 using mmap_format::Header;
@@ -187,9 +189,6 @@ void StoreLast(uint64_t* to, uint64_t value) { __atomic_store_n(to, value, __ATO
   LocalLog(2, kLogSource, line, "cache: cannot %s %s: %s; %s", what, path.c_str(),
            cache_io::ErrnoText(error).c_str(), advice);
 }
-
-std::string SetAsidePath(const std::string& path) { return path + ".set-aside"; }
-std::string RecoveredPath(const std::string& path) { return path + ".recovered"; }
 
 }  // namespace
 
@@ -380,9 +379,8 @@ bool MultiProcessSafetyMmapFile::State::Open(Claim claim) {
     if (!OpenFile(&try_again)) {
       if (try_again) continue;
       if (told_failure) return false;  // Asked again at each save while the folder is away.
-      LogFailure(__LINE__, "open", path, errno,
-                 errno == ELOOP ? "a symbolic link is not followed; remove it"
-                                : "check the folder, its permissions and the disk");
+      LocalLog(2, kLogSource, __LINE__, "cache: cannot open %s: %s", path.c_str(),
+               cache_io::WhyNotOpened(errno).c_str());
       return false;
     }
     if (!cache_io::WaitLock(file.fd(), 0, 1, kOpenWaitMs)) {
@@ -413,8 +411,9 @@ bool MultiProcessSafetyMmapFile::State::OpenFile(bool* try_again) {
   if (file.Open(path, How::kExisting)) return true;
   if (errno != ENOENT) return false;
   // A repair that was killed between its two renames.
-  if (cache_io::Rename(RecoveredPath(path), path)) {
-    *try_again = true;
+  if (cache_io::OpenRecovered(path, &file)) {
+    if (cache_io::RenameToFree(RecoveredPath(path), path)) return true;
+    *try_again = errno == EEXIST || errno == ENOENT;
     return false;
   }
   if (errno != ENOENT) return false;
@@ -473,14 +472,16 @@ MultiProcessSafetyMmapFile::State::Outcome MultiProcessSafetyMmapFile::State::Op
 
 MultiProcessSafetyMmapFile::State::Outcome MultiProcessSafetyMmapFile::State::SetNewerAside(
     uint32_t version) {
-  if (!cache_io::Rename(path, SetAsidePath(path))) {
-    LogFailure(__LINE__, "set aside", path, errno, "make its folder writable");
+  std::string aside;
+  if (!cache_io::SetAside(path, &aside)) {
+    LocalLog(2, kLogSource, __LINE__, "cache: cannot set aside %s: %s", path.c_str(),
+             aside.c_str());
     return Outcome::kFailed;
   }
   LocalLog(2, kLogSource, __LINE__,
            "cache: %s is of version %u, newer than this library's; it is set aside as %s, and a "
            "new one is begun; let the newer version deliver it",
-           path.c_str(), version, SetAsidePath(path).c_str());
+           path.c_str(), version, aside.c_str());
   return Outcome::kTryAgain;
 }
 
@@ -495,8 +496,13 @@ MultiProcessSafetyMmapFile::State::Outcome MultiProcessSafetyMmapFile::State::Re
     return Outcome::kFailed;
   }
   // In this order: an Open() that finds no file at `path` looks for the recovered one first.
-  if (!cache_io::Rename(path, SetAsidePath(path)) ||
-      (!cache_io::Rename(recovered, path) && errno != ENOENT) ||  // ENOENT: it did so already.
+  std::string aside;
+  if (!cache_io::SetAside(path, &aside)) {
+    LocalLog(2, kLogSource, __LINE__, "cache: cannot set aside %s: %s", path.c_str(),
+             aside.c_str());
+    return Outcome::kFailed;
+  }
+  if ((!cache_io::Rename(recovered, path) && errno != ENOENT) ||  // ENOENT: it did so already.
       (durability == Durability::kOnDisk && !cache_io::SyncFolderOf(path))) {
     LogFailure(__LINE__, "replace", path, errno, "make its folder writable");
     return Outcome::kFailed;
@@ -504,7 +510,7 @@ MultiProcessSafetyMmapFile::State::Outcome MultiProcessSafetyMmapFile::State::Re
   LocalLog(2, kLogSource, __LINE__,
            "cache: %s was damaged (%s); its %zu intact packets are kept, and the file as it was "
            "is %s, for whoever wants to look at it",
-           path.c_str(), survey.damage, survey.packets.size(), SetAsidePath(path).c_str());
+           path.c_str(), survey.damage, survey.packets.size(), aside.c_str());
   return Outcome::kTryAgain;
 }
 
@@ -512,7 +518,7 @@ bool MultiProcessSafetyMmapFile::State::WriteRecovered(const mmap_format::Survey
                                                        mmap_format::Reader& reader) {
   {
     cache_io::Descriptor emptied;
-    if (!emptied.Open(RecoveredPath(path), cache_io::Descriptor::How::kReplace)) return false;
+    if (!cache_io::CreateRecovered(RecoveredPath(path), &emptied)) return false;
   }
   size_t begin = 0;
   uint32_t groups = 0;

@@ -158,17 +158,6 @@ TEST_F(CacheFileDamageTest, AForeignFileIsSetAsideWithoutAChange) {
   EXPECT_EQ(Reopened(), Packets{"a"});
 }
 
-TEST_F(CacheFileDamageTest, ASecondFileSetAsideReplacesTheFirst) {
-  ASSERT_TRUE(Open("first foreign file").empty());
-  const std::string second = "second foreign file";
-  ASSERT_TRUE(WriteWholeFile(path(), second));
-  RecordingLog::Clear();
-
-  ASSERT_TRUE(Reopened().empty());
-
-  ExpectSetAside(second, "no cache file");
-}
-
 TEST_F(CacheFileDamageTest, ANewerVersionIsSetAsideUnread) {
   std::string bytes = SmallFile(folder_);
   cache_file::FileHeader header = cache_file::MakeFileHeader();
