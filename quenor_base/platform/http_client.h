@@ -1,7 +1,8 @@
 // The asynchronous HTTP client: POSTs go out, each is answered by one callback.
 // Threads: any; callbacks come on the client's own thread and must not block.
 // Life cycle: a client may be destroyed on any thread, inside one of its own callbacks too; that
-// ends its requests without waiting, and each one's callback still runs once, as a failure. Once
+// ends its requests, and each one's callback still runs once, as a failure. It waits for one thing:
+// a callback that is telling a success on another thread, so hold no lock that this one takes. Once
 // the process's exit handlers run, no further callback starts; a forked child runs none of its
 // parent's. See docs/design/http-client.md.
 #ifndef QUENOR_BASE_PLATFORM_HTTP_CLIENT_H_

@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <future>
 #include <map>
@@ -558,6 +559,32 @@ TEST_F(HttpClientWireTest, ClientDestroyedWhileTheServerHangsCancelsOnce) {
   const std::vector<Outcome> outcomes = exchanges.Take();
   EXPECT_EQ(outcomes.size(), 20u);
   for (const Outcome& outcome : outcomes) EXPECT_EQ(outcome.state, State::kCancelled);
+}
+
+TEST_F(HttpClientWireTest, DestructorReturnsOnlyWhenASuccessThatIsToldHasBeenHeard) {
+  ScriptedServer server([](Connection& connection) {
+    ReceivedRequest request;
+    if (connection.ReadRequest(&request)) connection.Respond(200, "");
+  });
+  auto client = MakeClient(HttpDefaults());
+  std::promise<void> begun;
+  std::promise<void> destroyed;
+  bool heard_afterwards = false;
+  Exchanges exchanges;
+  client->SendRequest(MakeRequest(server.Origin() + "/", "x"), exchanges.Note([&] {
+    begun.set_value();
+    // It comes at once from a destructor that does not wait.
+    heard_afterwards = destroyed.get_future().wait_for(std::chrono::milliseconds(200)) ==
+                       std::future_status::ready;
+  }));
+  begun.get_future().wait();
+
+  client.reset();
+  destroyed.set_value();
+  exchanges.WaitFor(1);
+
+  EXPECT_FALSE(heard_afterwards);
+  EXPECT_EQ(exchanges.Take()[0].state, State::kCompleted);
 }
 
 TEST_F(HttpClientWireTest, ClientsComeAndGoOnManyThreads) {

@@ -507,7 +507,9 @@ struct Io {
   bool sleeping = false;     // The I/O thread waits, or is about to, and nobody has woken it yet.
   bool working = false;      // The I/O thread is inside libcurl's transfers, and so OpenSSL.
   bool parked = false;       // The process ends: no more transfers, no more callbacks.
-  pthread_cond_t work_done;  // Signalled when `working` ends.
+  pthread_cond_t work_done;  // Signalled when `working` ends, or `told`.
+  const ClientSettings* told = nullptr;  // Whose callback runs with a success ...
+  pthread_t told_on{};                   // ... and on which thread.
 
   // I/O thread only.
   std::vector<Transfer*> starting;
@@ -653,6 +655,7 @@ class Engine {
   void CutBadConnection(Io* io, const Transfer& transfer);
   void CloseHungUp(Io* io);
   void Report(Io* io) QUENOR_EXCLUDES(lock_);
+  void DecideState(Io* io, Transfer* transfer) QUENOR_REQUIRES(lock_);
   void RunCallback(Transfer* transfer) QUENOR_EXCLUDES(lock_);
   void LogFailure(const Transfer& transfer) QUENOR_EXCLUDES(lock_);
   void Wait(Io* io) QUENOR_EXCLUDES(lock_);
@@ -754,6 +757,7 @@ void Engine::AtExit() {
   Io* io = engine->io_;
   if (io == nullptr) return;
   io->parked = true;
+  pthread_cond_broadcast(&io->work_done);
   timespec until;
   clock_gettime(CLOCK_MONOTONIC, &until);
   until.tv_sec += kExitWaitSeconds;
@@ -864,18 +868,18 @@ void Engine::Submit(Transfer* transfer) {
 }
 
 void Engine::Close(ClientSettings* client) {
+  base::AutoLock hold(lock_);
   // release: pairs with the acquire loads on the I/O thread.
   client->closed.store(true, std::memory_order_release);
-  Io* io;
-  {
-    base::AutoLock hold(lock_);
-    io = io_;
-    if (io == nullptr || client->used_io != io) return;
-    io->any_closed = true;
-    if (!io->sleeping) return;
-    io->sleeping = false;
+  Io* io = io_;
+  if (io == nullptr || client->used_io != io) return;
+  io->any_closed = true;
+  if (io->sleeping) WakeUp(*io);
+  io->sleeping = false;
+  // Nobody hears of success once this has returned. The callback itself may be who closes.
+  while (io->told == client && !io->parked && !pthread_equal(io->told_on, pthread_self())) {
+    pthread_cond_wait(&io->work_done, lock_.native_handle());
   }
-  WakeUp(*io);
 }
 
 // ---- Engine: I/O thread -------------------------------------------------------------------------
@@ -1143,21 +1147,33 @@ void Engine::Report(Io* io) {
   lock_.Acquire();
   for (Transfer* transfer : io->finished) {
     StayWhileParked(io);
+    DecideState(io, transfer);
     lock_.Release();
     RunCallback(transfer);
     Clear(transfer);
     lock_.Acquire();
+    if (io->told != nullptr) pthread_cond_broadcast(&io->work_done);
+    io->told = nullptr;
     (io->idle.size() < kIdleTransfers ? io->idle : io->surplus).push_back(transfer);
   }
   lock_.Release();
   io->finished.clear();
 }
 
-void Engine::RunCallback(Transfer* transfer) {
-  // acquire: pairs with the release in Close(). Nobody hears of success after that.
+// The lock is held: from here on the client's destructor waits for a success that is told.
+void Engine::DecideState(Io* io, Transfer* transfer) {
+  // acquire: pairs with the release in Close().
   if (transfer->client->closed.load(std::memory_order_acquire)) {
     transfer->state = HttpClient::State::kCancelled;
-  } else if (transfer->state != HttpClient::State::kCompleted) {
+  } else if (transfer->state == HttpClient::State::kCompleted) {
+    io->told = transfer->client.get();
+    io->told_on = pthread_self();
+  }
+}
+
+void Engine::RunCallback(Transfer* transfer) {
+  if (transfer->state != HttpClient::State::kCompleted &&
+      transfer->state != HttpClient::State::kCancelled) {
     LogFailure(*transfer);
   }
   if (transfer->state != HttpClient::State::kCompleted) transfer->response.reset();
