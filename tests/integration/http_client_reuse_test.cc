@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <future>
 #include <mutex>
+#include <random>
 
 #include "tests/integration/http_client_fixture.h"
 #include "tests/integration/support/child_process.h"
@@ -107,6 +108,107 @@ TEST_F(HttpClientReuseTest, KeptConnectionThatTheServerClosedIsReplaced) {
       EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).status(), 200);
       server.WaitForClosed(i);
     }
+  }
+}
+
+// ---- A handle that is used again ----------------------------------------------------------------
+
+// One way for an exchange to go, and how it ends each time, whatever went before it.
+struct Kind {
+  const char* name;
+  std::string answer;  // Sent as it is; empty: nothing, until the client goes.
+  bool closes;         // After the answer.
+  State state;
+  const char* method = "POST";
+  size_t body_bytes = 1;
+  std::string body = "";  // Of the response.
+  std::string x = "";     // The response's header of that name.
+};
+
+TEST_F(HttpClientReuseTest, EachExchangeEndsAsItWouldOnAFreshHandle) {
+  const std::string ok = "HTTP/1.1 200 OK\r\nContent-Length: ";
+  const Kind kinds[] = {
+      {"plain", ok + "2\r\nX: 1\r\n\r\nok", false, State::kCompleted, "POST", 1, "ok", "1"},
+      {"large request", ok + "0\r\n\r\n", false, State::kCompleted, "POST", 200000},
+      {"empty request", ok + "0\r\n\r\n", false, State::kCompleted, "POST", 0},
+      {"get", ok + "1\r\nX: g\r\n\r\ng", false, State::kCompleted, "GET", 0, "g", "g"},
+      {"head", ok + "900\r\n\r\n", false, State::kCompleted, "HEAD", 0},
+      {"other method", ok + "0\r\n\r\n", false, State::kCompleted, "REPORT", 3},
+      {"body at its limit", ok + "5000\r\n\r\n" + std::string(5000, 'b'), false, State::kCompleted,
+       "POST", 1, std::string(5000, 'b')},
+      {"body beyond", ok + "5001\r\n\r\n" + std::string(5001, 'b'), true, State::kTooLarge},
+      {"headers near their limit", ok + "0\r\nX: " + std::string(800, 'h') + "\r\n\r\n", false,
+       State::kCompleted, "POST", 1, "", std::string(800, 'h')},
+      {"headers beyond", ok + "0\r\nX: " + std::string(1100, 'h') + "\r\n\r\n", true,
+       State::kTooLarge},
+      {"interim", "HTTP/1.1 103 Hints\r\nX: early\r\n\r\n" + ok + "2\r\n\r\nok", false,
+       State::kCompleted, "POST", 1, "ok"},
+      {"interim alone", "HTTP/1.1 103 Hints\r\n\r\n", true, State::kFailed},
+      {"chunks and trailer",
+       "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nok\r\n0\r\nX: late\r\n\r\n",
+       false, State::kCompleted, "POST", 1, "ok", "late"},
+      {"half a body", ok + "10\r\n\r\nhalf", true, State::kFailed},
+      {"half a header", "HTTP/1.1 200 OK\r\nContent-Le", true, State::kFailed},
+      {"no length", "HTTP/1.1 200 OK\r\n\r\nto the end", true, State::kCompleted, "POST", 1,
+       "to the end"},
+      {"closed", "", true, State::kFailed},
+      {"silence", "", false, State::kTimedOut},
+  };
+  constexpr size_t kKinds = sizeof(kinds) / sizeof(kinds[0]);
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  ScriptedServer server([&](Connection& connection) {
+    ReceivedRequest request;
+    while (connection.ReadRequest(&request)) {
+      const Kind& kind = kinds[std::stoul(request.headers.at("x-kind"))];
+      // A request of another kind's shape answers nothing.
+      if (request.method != kind.method || request.body.size() != kind.body_bytes) return;
+      connection.Write(kind.answer);
+      if (kind.closes) return;
+      if (kind.answer.empty()) return connection.HoldUntilClosed();
+    }
+  });
+  HttpDefaults defaults;
+  defaults.max_response_body_bytes = 5000;
+  defaults.max_response_header_bytes = 1000;
+  const auto client = MakeClient(defaults);
+
+  for (int i = 0; i < 400; ++i) {
+    const size_t number = random() % kKinds;
+    const Kind& kind = kinds[number];
+    SCOPED_TRACE("exchange " + std::to_string(i) + ": " + kind.name);
+    HttpClient::Request request =
+        MakeRequest(server.Origin() + "/", std::string(kind.body_bytes, 'q'), kind.method);
+    request.headers["X-Kind"] = std::to_string(number);
+    if (kind.state == State::kTimedOut) request.timeout_ms = 20;
+
+    const Outcome outcome = Send(client.get(), request);
+
+    ASSERT_EQ(outcome.state, kind.state);
+    ASSERT_EQ(outcome.body(), kind.body);
+    ASSERT_EQ(outcome.header("x"), kind.x);
+  }
+}
+
+TEST_F(HttpClientReuseTest, PlainPostsLeaveNothingThatAddsUp) {
+  ScriptedServer server([](Connection& connection) {
+    ReceivedRequest request;
+    while (connection.ReadRequest(&request)) {
+      connection.Respond(request.headers.count("x-own") != 0 ? 500 : 200, request.body);
+    }
+  });
+  HttpDefaults defaults;
+  defaults.max_response_body_bytes = 100;
+  defaults.max_response_header_bytes = 100;
+  const auto client = MakeClient(defaults);
+
+  for (int i = 0; i < 2500; ++i) {
+    HttpClient::Request request = MakeRequest(server.Origin() + "/", std::to_string(i));
+    if (i % 100 == 50) request.headers["X-Own"] = "gone with the request";
+    const Outcome outcome = Send(client.get(), request);
+    ASSERT_EQ(outcome.status(), i % 100 == 50 ? 500 : 200) << i;
+    ASSERT_EQ(outcome.body(), std::to_string(i));
   }
 }
 

@@ -56,9 +56,10 @@ using http_header_text::LowerAscii;
 constexpr char kLogFile[] = "quenor_base/platform/default/http_client_curl";
 constexpr int kLogError = 2;
 constexpr int64_t kLogPauseMs = 60 * 1000;
-constexpr size_t kLogCauses = 64;      // Remembered for the pause; beyond, the oldest is forgotten.
-constexpr size_t kIdleTransfers = 64;  // Kept for reuse with their easy handles.
-constexpr long kIdleConnections = 32;  // Kept open, over all hosts.
+constexpr size_t kLogCauses = 64;  // Remembered for the pause; beyond, the oldest is forgotten.
+constexpr uint32_t kMaxHeaderLines = 2048;  // libcurl compares each with each when asked for them.
+constexpr size_t kIdleTransfers = 64;       // Kept for reuse with their easy handles.
+constexpr long kIdleConnections = 32;       // Kept open, over all hosts.
 constexpr long kNameCacheSeconds = 5;  // A server that has moved is found with the next attempts.
 // A connection that was idle for less is looked at before it is used again, whether its server has
 // closed it. Past this it is replaced: many a balancer forgets it after 60 s without a word.
@@ -83,9 +84,37 @@ int64_t NowMs() {
 // The sockets of all connections. I/O thread only.
 using Sockets = std::vector<int>;
 
+// What is known of one exchange. Everything here begins anew with the next one.
+struct Exchange {
+  int64_t started_ms = 0;
+  int64_t deadline_ms = 0;
+  size_t active_index = 0;
+  Line* line = nullptr;  // That it has a place in or waits for; null: libcurl does the queueing.
+
+  // What has arrived.
+  uint32_t size_bytes = 0;
+  uint64_t header_bytes = 0;
+  uint32_t header_lines = 0;
+  bool headers_complete = false;  // Of the final answer.
+  bool too_large = false;
+  bool whole_early = false;  // The response was whole before the request was.
+
+  // What has moved, to tell progress from spinning.
+  curl_off_t body_bytes_moved = 0;
+  bool under_way = false;       // Has been given a connection.
+  bool is_written = false;      // Something of the request went out after its first piece.
+  bool repeat_refused = false;  // libcurl wanted to send again what had gone out already.
+
+  // How it ended.
+  HttpClient::State state = HttpClient::State::kFailed;
+  CURLcode code = CURLE_OK;
+  long verify_result = 0;
+  char error[CURL_ERROR_SIZE] = {};
+};
+
 // A request on its way, with an easy handle that it keeps from one request to the next. Belongs to
 // the thread that prepares it, then to the I/O thread.
-struct Transfer {
+struct Transfer : Exchange {
   Transfer() = default;
   ~Transfer() {
     std::free(bytes);
@@ -102,36 +131,15 @@ struct Transfer {
   HttpClient::Request request;
   HttpClient::CompletionCallback callback;
   curl_slist* own_headers = nullptr;
-  int64_t started_ms = 0;
-  int64_t deadline_ms = 0;
-  size_t active_index = 0;
-  Line* line = nullptr;  // That it has a place in or waits for; null: libcurl does the queueing.
-
-  // What has arrived.
   std::unique_ptr<HttpClient::Response> response;
-  uint8_t* bytes = nullptr;  // malloc
-  uint32_t size_bytes = 0;
+  uint8_t* bytes = nullptr;  // malloc; kept for the next body.
   uint32_t capacity_bytes = 0;
-  uint64_t header_bytes = 0;
-  bool headers_complete = false;
-  bool too_large = false;
-  bool whole_early = false;  // The response was whole before the request was.
 
-  // What has moved, to tell progress from spinning.
-  curl_off_t body_bytes_moved = 0;
-  uint64_t* progress = nullptr;  // Borrowed from the Io, and the next.
-  Sockets* sockets = nullptr;    // What the handle's options name.
+  // Borrowed from the Io.
+  uint64_t* progress = nullptr;
+  Sockets* sockets = nullptr;  // What the handle's options name.
   http_connection::HangUps* hang_ups = nullptr;
   size_t* waiting = nullptr;
-  bool under_way = false;       // Has been given a connection.
-  bool is_written = false;      // Something of the request went out after its first piece.
-  bool repeat_refused = false;  // libcurl wanted to send again what had gone out already.
-
-  // How it ended.
-  HttpClient::State state = HttpClient::State::kFailed;
-  CURLcode code = CURLE_OK;
-  long verify_result = 0;
-  char error[CURL_ERROR_SIZE] = {};
 };
 
 // Makes room for `more` bytes after those that arrived; false beyond the cap or without memory.
@@ -165,42 +173,36 @@ size_t OnBodyBytes(char* data, size_t, size_t size, void* user) {
   return size;
 }
 
-void AddHeader(HttpClient::Response* response, const char* line, size_t size) {
-  const char* colon = static_cast<const char*>(std::memchr(line, ':', size));
-  if (colon == nullptr || colon == line) return;
-  std::string name(line, colon);
-  for (char& c : name) c = LowerAscii(c);
-  const char* begin = colon + 1;
-  const char* end = line + size;
-  while (begin < end && (*begin == ' ' || *begin == '\t')) ++begin;
-  while (begin < end && (end[-1] == ' ' || end[-1] == '\t')) --end;
-  auto [entry, is_new] = response->headers.try_emplace(std::move(name), begin, end);
-  if (!is_new) entry->second.append(", ").append(begin, end);
-}
-
-// One whole line: a status line, a header, the empty line after them, or a trailer.
+// One whole line: a status line, a header, the empty line after them, or a trailer. What they say
+// is asked of libcurl when all have come.
 size_t OnHeaderLine(char* data, size_t, size_t size, void* user) {
   Transfer* transfer = static_cast<Transfer*>(user);
   ++*transfer->progress;
   transfer->header_bytes += size;
-  if (transfer->header_bytes > transfer->client->defaults.max_response_header_bytes) {
+  if (transfer->header_bytes > transfer->client->defaults.max_response_header_bytes ||
+      ++transfer->header_lines > kMaxHeaderLines) {
     transfer->too_large = true;
     return 0;
   }
-  size_t length = size;
-  while (length > 0 && (data[length - 1] == '\r' || data[length - 1] == '\n')) --length;
-  if (length == 0) {
-    transfer->headers_complete = true;
-  } else if (length >= 5 && std::memcmp(data, "HTTP/", 5) == 0) {
-    // An interim answer (1xx) is followed by another, and so is one that libcurl gives up to ask
-    // again in HTTP/1.1, as the server told it: only the last one counts.
-    transfer->response->headers.clear();
-    transfer->size_bytes = 0;
-    transfer->headers_complete = false;
-  } else {
-    AddHeader(transfer->response.get(), data, length);
-  }
+  if (data[0] != '\r' && data[0] != '\n') return size;
+  // An interim answer (1xx) is followed by another.
+  long status = 0;
+  curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status);
+  transfer->headers_complete = transfer->headers_complete || status >= 200;
   return size;
+}
+
+// The headers of the final answer, and its trailers; not those of interim answers, nor of one that
+// libcurl gave up to ask again in HTTP/1.1, as the server told it.
+void TakeHeaders(Transfer* transfer) {
+  curl_header* header = nullptr;
+  while ((header = curl_easy_nextheader(transfer->easy, CURLH_HEADER | CURLH_TRAILER,
+                                        /*the last request*/ -1, header)) != nullptr) {
+    std::string name = header->name;
+    for (char& c : name) c = LowerAscii(c);
+    auto [entry, is_new] = transfer->response->headers.try_emplace(std::move(name), header->value);
+    if (!is_new) entry->second.append(", ").append(header->value);
+  }
 }
 
 // Whether a server has reset the HTTP/2 stream to be asked in HTTP/1.1, the one repeat of libcurl's
@@ -225,7 +227,10 @@ bool MustNotRepeat(Transfer* transfer) {
 int OnUnderWay(void* user, char*, char*, int, int) {
   Transfer* transfer = static_cast<Transfer*>(user);
   if (MustNotRepeat(transfer)) return CURL_PREREQFUNC_ABORT;
-  transfer->error[0] = '\0';  // Of what was repeated: it must not allow another.
+  // Nothing of an answer that was given up, and no leave for another repeat.
+  transfer->error[0] = '\0';
+  transfer->size_bytes = 0;
+  transfer->headers_complete = false;
   if (!transfer->under_way) --*transfer->waiting;
   transfer->under_way = true;
   return CURL_PREREQFUNC_OK;
@@ -399,11 +404,12 @@ void Conclude(Transfer* transfer, CURLcode code) {
     curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status);
     transfer->response->status_code = static_cast<int>(status);
     // libcurl takes an end within the headers, or after an interim answer, for a whole response.
-    if (!transfer->headers_complete || status < 200) {
+    if (!transfer->headers_complete) {
       transfer->code = CURLE_PARTIAL_FILE;
     } else if (!TakeBody(transfer, &transfer->response->body)) {
       transfer->code = CURLE_OUT_OF_MEMORY;
     } else {
+      TakeHeaders(transfer);
       transfer->state = HttpClient::State::kCompleted;
       return;
     }
@@ -433,17 +439,7 @@ void Clear(Transfer* transfer) {
   // Setting the size frees the buffer, which a request on a shared HTTP/2 connection leaves behind.
   curl_easy_setopt(transfer->easy, CURLOPT_UPLOAD_BUFFERSIZE, kMaxUploadBuffer);
   transfer->response.reset();
-  transfer->line = nullptr;
-  transfer->under_way = false;
-  transfer->size_bytes = 0;
-  transfer->header_bytes = 0;
-  transfer->headers_complete = false;
-  transfer->too_large = false;
-  transfer->whole_early = false;
-  transfer->is_written = false;
-  transfer->repeat_refused = false;
-  transfer->body_bytes_moved = 0;
-  transfer->error[0] = '\0';
+  static_cast<Exchange&>(*transfer) = Exchange();
   if (transfer->capacity_bytes > kKeptReceiveBytes) {
     std::free(transfer->bytes);
     transfer->bytes = nullptr;
@@ -941,7 +937,6 @@ void Engine::StartSubmitted(Io* io) {
       // With fewer, connections of one busy host would be closed and opened again all the time.
       curl_multi_setopt(io->multi, CURLMOPT_MAXCONNECTS, std::max(kIdleConnections, connections));
     }
-    transfer->state = HttpClient::State::kFailed;
     transfer->progress = &io->progress;
     transfer->waiting = &io->waiting_in_libcurl;
     if (transfer->sockets != &io->sockets) {
