@@ -64,7 +64,7 @@ class PoolArea {
   }
 
  private:
-  void Measure(const std::string& name, Work work, bool of_small_classes, double floor_limit) {
+  void Measure(const std::string& name, Work work) {
     work.at_least_ms = area_.Scale(6, 1);
     Row row{name, "ns"};
     for (const Rival& rival : kContenders) {
@@ -74,12 +74,8 @@ class PoolArea {
       row.contenders.push_back(
           {rival.name, [this, work, &rival] { return workers_[rival.name]->Do(work).ns_each; }});
     }
-    const auto at_most = Target::Kind::kAtMost;
-    if (floor_limit > 0) row.targets.push_back({at_most, floor_limit, {kBare}});
-    if (internal::kBufferClasses[work.class_index].length_bytes >= 16384) {
-      row.targets.push_back({at_most, 1.0, {"glibc", "jemalloc", "mimalloc", "tcmalloc"}});
-    } else if (of_small_classes) {
-      row.targets.push_back({at_most, 1.0, {"glibc", "jemalloc"}});
+    if (internal::kBufferClasses[work.class_index].length_bytes >= 2048) {
+      row.targets.push_back({Target::Kind::kAtMost, 1.0, {"glibc"}});
     }
     area_.Measure(row);
   }
@@ -91,14 +87,14 @@ class PoolArea {
     work.depth = depth;
     Measure(SizeName(class_index) + ", " + std::to_string(depth) +
                 (depth == 1 ? " array" : " arrays") + " at a time",
-            work, true, 2.0);
+            work);
   }
 
   void MeasureStream(int class_index) {
     Work work;
     work.what = "stream";
     work.class_index = class_index;
-    Measure(SizeName(class_index) + ", taken on one thread, given back on another", work, false, 0);
+    Measure(SizeName(class_index) + ", taken on one thread, given back on another", work);
   }
 
   void TellAllocations() {

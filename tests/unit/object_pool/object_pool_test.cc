@@ -65,7 +65,6 @@ TEST_F(ObjectPoolTest, DestructionFreesTheTierOfTheCallingThread) {
   EXPECT_EQ(ArrayBooks::Live(), 0u);
 }
 
-// More pools than a thread has places for at hand.
 TEST_F(ObjectPoolTest, EachOfManyPoolsKeepsATierOfItsOwn) {
   std::vector<std::unique_ptr<CountedPool>> pools;
   for (int i = 0; i < 40; ++i) pools.push_back(std::make_unique<CountedPool>(64, 1, 8));

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <list>
@@ -50,17 +49,14 @@ class ObjectPoolTestPeer {
     return pool.max_batches_;
   }
 
-  // The arrays that a list holds, front to back; not what its spare nodes own, which must be null.
-  // The calling thread must have a tier.
+  // The arrays of a list, front to back. The calling thread must have a tier.
   template <typename Pool>
   static auto FreeList(Pool& pool) {
-    auto* tier = Tier(pool);
-    return Held(tier->free_list_, tier->holder().spare);
+    return Held(Tier(pool)->free_list_);
   }
   template <typename Pool>
   static auto PendingBatch(Pool& pool) {
-    auto* tier = Tier(pool);
-    return Held(tier->pending_batch_, tier->holder().gathered);
+    return Held(Tier(pool)->pending_batch_);
   }
   // The shared tier's batches, oldest first.
   template <typename Pool>
@@ -68,32 +64,26 @@ class ObjectPoolTestPeer {
     auto& global = *Tier(pool)->global_pool_;
     std::lock_guard<std::mutex> lock(global.mutex_);
     std::vector<std::vector<uint8_t*>> batches;
-    for (const auto& batch : global.batches_) batches.push_back(Held(batch, batch.end()));
+    for (const auto& batch : global.batches_) batches.push_back(Held(batch));
     return batches;
   }
   // The list nodes that the calling thread's tier has, holding and spare.
   template <typename Pool>
   static size_t Nodes(Pool& pool) {
     auto* tier = Tier(pool);
-    size_t nodes = tier->free_list_.size() + tier->pending_batch_.size();
-    for (const auto& envelope : tier->holder().envelope) nodes += envelope.size();
-    return nodes;
-  }
-  // Of the longer of its two lists.
-  template <typename Pool>
-  static size_t MostNodesOfAList(Pool& pool) {
-    auto* tier = Tier(pool);
-    return std::max(tier->free_list_.size(), tier->pending_batch_.size());
+    ExpectSpare(tier->spare_nodes_);
+    for (const auto& place : tier->spare_place_) EXPECT_TRUE(place.empty());
+    return tier->free_list_.size() + tier->pending_batch_.size() + tier->spare_nodes_.size();
   }
   // The nodes that lie ready in the shared tier for those who hand over.
   template <typename Pool>
-  static std::vector<size_t> NodesInEmptyEnvelopes(Pool& pool) {
-    auto& tier = Tier(pool)->shared();
+  static std::vector<size_t> NodesInSpareBatches(Pool& pool) {
+    auto& tier = *Tier(pool)->global_pool_;
     std::lock_guard<std::mutex> lock(tier.mutex_);
     std::vector<size_t> nodes;
-    for (const auto& envelope : tier.empty_envelopes) {
-      nodes.push_back(envelope.size());
-      Held(envelope, envelope.begin());
+    for (const auto& batch : tier.spare_batches_) {
+      nodes.push_back(batch.size());
+      ExpectSpare(batch);
     }
     return nodes;
   }
@@ -112,24 +102,41 @@ class ObjectPoolTestPeer {
     return std::unique_lock<std::mutex>(Tier(pool)->global_pool_->mutex_);
   }
 
-  // True when a thread of its own could take the shared tier's mutex.
+  // True when a thread of its own could take the mutex of a shared tier, or of that of the calling
+  // thread's tier, or a pool's own lock.
   template <typename Global>
   static bool TryLockFromAnotherThread(Global& global) {
-    bool locked = false;
-    std::thread([&] {
-      locked = global.mutex_.try_lock();
-      if (locked) global.mutex_.unlock();
-    }).join();
-    return locked;
+    return TryFromAnotherThread([&] { return global.mutex_.try_lock(); },
+                                [&] { global.mutex_.unlock(); });
+  }
+  template <typename Pool>
+  static bool TrySharedMutexFromAnotherThread(Pool& pool) {
+    return TryLockFromAnotherThread(*Tier(pool)->global_pool_);
+  }
+  template <typename Pool>
+  static bool TryPoolLockFromAnotherThread(Pool& pool) {
+    return TryFromAnotherThread([&] { return pool.lock_.Try(); }, [&] { pool.lock_.Release(); });
   }
 
  private:
   template <typename Batch>
-  static std::vector<uint8_t*> Held(const Batch& batch, typename Batch::const_iterator spare) {
+  static std::vector<uint8_t*> Held(const Batch& batch) {
     std::vector<uint8_t*> addresses;
-    for (auto node = batch.begin(); node != spare; ++node) addresses.push_back(node->get());
-    for (; spare != batch.end(); ++spare) EXPECT_EQ(spare->get(), nullptr) << "in a spare node";
+    for (const auto& array : batch) addresses.push_back(array.get());
     return addresses;
+  }
+  template <typename TryLock, typename Unlock>
+  static bool TryFromAnotherThread(TryLock try_lock, Unlock unlock) {
+    bool locked = false;
+    std::thread([&] {
+      locked = try_lock();
+      if (locked) unlock();
+    }).join();
+    return locked;
+  }
+  template <typename Batch>
+  static void ExpectSpare(const Batch& batch) {
+    for (const auto& array : batch) EXPECT_EQ(array.get(), nullptr) << "in a spare node";
   }
 };
 

@@ -304,7 +304,9 @@ TEST_F(SharedTierTest, ListNodesOfAThreadNeverExceedTwiceTheCapacity) {
           pool.Reuse(passing.back());
           passing.pop_back();
         }
-        if (Peer::Tier(pool) != nullptr) most_nodes = std::max(most_nodes, Peer::Nodes(pool));
+        if (Peer::Tier(pool) == nullptr) continue;
+        most_nodes = std::max(most_nodes, Peer::Nodes(pool));
+        ASSERT_LE(Peer::Batches(pool).size() + Peer::NodesInSpareBatches(pool).size(), 3u);
       }
     });
   }
@@ -321,7 +323,7 @@ TEST_F(SharedTierTest, TakerOfABatchPaysForItWithTheNodesOfItsEmptyFreeList) {
     Arrays own = Take(pool, 3);  // three spare nodes
     Batches handed_over;
     giver.Run([&] { handed_over = HandOver(pool, 2); });
-    ASSERT_EQ(Peer::NodesInEmptyEnvelopes(pool), std::vector<size_t>{});
+    ASSERT_EQ(Peer::NodesInSpareBatches(pool), std::vector<size_t>{});
     const HeapCounts before = HeapProbe::Counts();
 
     uint8_t* const array = pool.AllocRaw();
@@ -329,7 +331,7 @@ TEST_F(SharedTierTest, TakerOfABatchPaysForItWithTheNodesOfItsEmptyFreeList) {
 
     EXPECT_EQ(array, handed_over[1][2]);
     EXPECT_EQ(Peer::FreeList(pool), (Arrays{handed_over[1][0], handed_over[1][1]}));
-    EXPECT_EQ(Peer::NodesInEmptyEnvelopes(pool), std::vector<size_t>{3});
+    EXPECT_EQ(Peer::NodesInSpareBatches(pool), std::vector<size_t>{3});
     EXPECT_EQ(after.News(), before.News());
     EXPECT_EQ(after.Deletes(), before.Deletes());
     own.push_back(array);
@@ -346,14 +348,14 @@ TEST_F(SharedTierTest, GiverOfABatchGathersTheNextOneInTheNodesThatATakerLeft) {
     Return(pool, {arrays.begin(), arrays.begin() + 6});  // one batch is shared
     Arrays taken;
     taker.Run([&] { taken = Take(pool, 3); });  // no node was left: the taker had none
-    ASSERT_EQ(Peer::NodesInEmptyEnvelopes(pool), std::vector<size_t>{0});
+    ASSERT_EQ(Peer::NodesInSpareBatches(pool), std::vector<size_t>{0});
     Return(pool, {arrays.begin() + 6, arrays.begin() + 9});
     taker.Run([&] {
       for (uint8_t* array : Take(pool, 3)) taken.push_back(array);  // three nodes were left
     });
-    ASSERT_EQ(Peer::NodesInEmptyEnvelopes(pool), std::vector<size_t>{3});
+    ASSERT_EQ(Peer::NodesInSpareBatches(pool), std::vector<size_t>{3});
     Return(pool, {arrays.begin() + 9, arrays.begin() + 12});
-    EXPECT_EQ(Peer::NodesInEmptyEnvelopes(pool), std::vector<size_t>{});
+    EXPECT_EQ(Peer::NodesInSpareBatches(pool), std::vector<size_t>{});
     const HeapCounts before = HeapProbe::Counts();
 
     pool.Reuse(taken[0]);

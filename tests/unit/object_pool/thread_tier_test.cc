@@ -228,8 +228,8 @@ TEST_F(ThreadTierTest, NullsLeftInAListAreDroppedWithTheThread) {
   EXPECT_EQ(ArrayBooks::freed, 0u);
 }
 
-// A spare node owns null as well; only its place tells it from an array that could not be made.
-TEST_F(ThreadTierTest, NullsAmongSpareNodesAreHandedOutInTheirTurn) {
+// A spare node owns null as well.
+TEST_F(ThreadTierTest, NullsBesideSpareNodesAreHandedOutInTheirTurn) {
   CountedPool pool(64, 4, 8);
   OnSdkThread([&] {
     const Arrays taken = Take(pool, 4);  // leaves four spare nodes
@@ -271,12 +271,12 @@ TEST_F(ThreadTierTest, NullsCountAsHeldSoThatTheNextReturnsGather) {
   });
 }
 
-TEST_F(ThreadTierTest, PendingBatchThatBecomesTheFreeListLeavesItsSpareNodesBehind) {
+TEST_F(ThreadTierTest, PendingBatchThatBecomesTheFreeListIsFollowedByAWholeOne) {
   CountedPool pool(64, 4, 8);
   OnSdkThread([&] {
     Arrays taken = Take(pool, 8);
     Return(pool, taken);                 // four free, one batch of four shared
-    const Arrays first = Take(pool, 8);  // the batch came back, its envelope took four nodes along
+    const Arrays first = Take(pool, 8);  // the batch came back, four nodes went for it
     Return(pool, {first[0], first[1], first[2], first[3], first[4]});
     ASSERT_EQ(Peer::PendingBatch(pool), Arrays{first[4]});
     Take(pool, 4);
@@ -288,7 +288,7 @@ TEST_F(ThreadTierTest, PendingBatchThatBecomesTheFreeListLeavesItsSpareNodesBehi
     Return(pool, first);
     EXPECT_EQ(Peer::FreeList(pool), (Arrays{first[0], first[1], first[2], first[3]}));
     EXPECT_EQ(Peer::Batches(pool), (std::vector<Arrays>{{first[4], first[5], first[6], first[7]}}));
-    EXPECT_LE(Peer::MostNodesOfAList(pool), 4u);
+    EXPECT_LE(Peer::Nodes(pool), 8u);
   });
 }
 
@@ -326,7 +326,7 @@ TEST_F(ThreadTierTest, RandomTakesAndReturnsAmongNullsAgreeWithTwoStacks) {
       }
       ASSERT_EQ(Peer::FreeList(pool), free_list);
       ASSERT_EQ(Peer::PendingBatch(pool), pending);
-      ASSERT_LE(Peer::MostNodesOfAList(pool), kCapacity);
+      ASSERT_LE(Peer::Nodes(pool), 2 * kCapacity);
     }
     Return(pool, in_use);
   });

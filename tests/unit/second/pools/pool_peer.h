@@ -1,6 +1,5 @@
 // What the second pool suite looks at inside a pool. Written without sight of the implementation,
-// from the promises alone, but for one thing: a list keeps spare nodes behind those that hold
-// arrays, and a cursor tells where they begin. Only what is held is looked at.
+// from the promises alone.
 // Threads: the lists of a tier on its own thread; the shared tier while no other thread works.
 #ifndef QUENOR_TESTS_UNIT_SECOND_POOLS_POOL_PEER_H_
 #define QUENOR_TESTS_UNIT_SECOND_POOLS_POOL_PEER_H_
@@ -30,30 +29,27 @@ class ObjectPoolTestPeer {
   }
   template <typename Pool>
   static Addresses FreeList(Pool& pool) {
-    return Arrays(Tier(pool)->free_list_, FreeEnd(pool));
+    return Arrays(Tier(pool)->free_list_);
   }
   template <typename Pool>
   static Addresses Pending(Pool& pool) {
-    return Arrays(Tier(pool)->pending_batch_, PendingEnd(pool));
+    return Arrays(Tier(pool)->pending_batch_);
   }
   // The owners themselves: they stay where they are when a list is relinked.
   template <typename Pool>
   static Addresses FreeNodes(Pool& pool) {
-    return Nodes(Tier(pool)->free_list_, FreeEnd(pool));
+    return Nodes(Tier(pool)->free_list_);
   }
   template <typename Pool>
   static Addresses PendingNodes(Pool& pool) {
-    return Nodes(Tier(pool)->pending_batch_, PendingEnd(pool));
+    return Nodes(Tier(pool)->pending_batch_);
   }
   // The length that is kept with each array of both lists.
   template <typename Pool>
   static std::vector<uint32_t> KeptLengths(Pool& pool) {
     std::vector<uint32_t> lengths;
-    const auto add = [&lengths](auto node, auto end) {
-      for (; node != end; ++node) lengths.push_back(node->size());
-    };
-    add(Tier(pool)->free_list_.begin(), FreeEnd(pool));
-    add(Tier(pool)->pending_batch_.begin(), PendingEnd(pool));
+    for (const auto& array : Tier(pool)->free_list_) lengths.push_back(array.size());
+    for (const auto& array : Tier(pool)->pending_batch_) lengths.push_back(array.size());
     return lengths;
   }
   template <typename TierType>
@@ -97,35 +93,25 @@ class ObjectPoolTestPeer {
     std::vector<Addresses> batches;
     const auto shared = Shared(pool);
     if (shared == nullptr) return batches;
-    for (const auto& batch : shared->batches_) batches.push_back(Arrays(batch, batch.end()));
+    for (const auto& batch : shared->batches_) batches.push_back(Arrays(batch));
     return batches;
   }
   template <typename Pool>
   static Addresses NewestBatchNodes(Pool& pool) {
-    const auto& newest = Shared(pool)->batches_.back();
-    return Nodes(newest, newest.end());
+    return Nodes(Shared(pool)->batches_.back());
   }
 
  private:
-  template <typename Pool>
-  static auto FreeEnd(Pool& pool) {
-    return Tier(pool)->holder().spare;
-  }
-  template <typename Pool>
-  static auto PendingEnd(Pool& pool) {
-    return Tier(pool)->holder().gathered;
-  }
-  // Of the nodes from the front up to `end`.
   template <typename List>
-  static Addresses Arrays(const List& list, typename List::const_iterator end) {
+  static Addresses Arrays(const List& list) {
     Addresses arrays;
-    for (auto node = list.begin(); node != end; ++node) arrays.push_back(node->get());
+    for (const auto& array : list) arrays.push_back(array.get());
     return arrays;
   }
   template <typename List>
-  static Addresses Nodes(const List& list, typename List::const_iterator end) {
+  static Addresses Nodes(const List& list) {
     Addresses nodes;
-    for (auto node = list.begin(); node != end; ++node) nodes.push_back(&*node);
+    for (const auto& array : list) nodes.push_back(&array);
     return nodes;
   }
 };
