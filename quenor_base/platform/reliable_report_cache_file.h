@@ -1,7 +1,8 @@
 // The plain cache file: packets that survive the process, in a file of one owner.
-// A save is Clear(), then appends; nothing says when it is complete. Killed anywhere in a save, the
-// next Open() reads at least every packet that was in the content both before and after, and the
-// whole last save that was complete unless the newer one is.
+// A save is Clear(), then appends, then IsSaveComplete(). Killed anywhere in a save, the next
+// Open() reads at least every packet that was in the content both before and after, and the whole
+// last save that was complete unless the newer one is; nothing that a save dropped which
+// IsSaveComplete() has called complete.
 // Threads: one thread at a time; the channel's queue thread. Pages: docs/design/cache-file.md and
 // docs/formats/cache-file.md.
 #ifndef QUENOR_BASE_PLATFORM_RELIABLE_REPORT_CACHE_FILE_H_
@@ -57,8 +58,13 @@ class ReliableReportCacheFile {
   // stays whole.
   bool AppendDataPacket(const DataPacket& packet);
 
-  // Queue thread. True when nothing of the save under way was refused, and when none was begun
-  // since Open(). False after a Clear() that was refused, and when no file is open.
+  // Queue thread; may block on the file system. Asked when the last packet of a save was appended,
+  // it completes the save with one small write: what the save dropped does not come back from then
+  // on, and appends are refused until the next Clear(). A save that nobody asks about is completed
+  // by the next Clear() or by Close(). True when nothing of the save was refused and it is
+  // complete, and when none was begun since Open(). False after a Clear() or an append that was
+  // refused, when the disk does not take the write (the next question, Clear() or Close() tries
+  // again; no packet is lost), and when no file is open.
   bool IsSaveComplete() const;
 
   // Queue thread. Completes the save under way, unless part of it was refused, and closes; nothing

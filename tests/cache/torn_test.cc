@@ -172,6 +172,7 @@ TEST(TornWriteTest, PlainFileHoldsTheLastSaveThatWasComplete) {
         disk.Look();
         for (const std::string& packet : next) ASSERT_TRUE(Append(file, packet));
         disk.Look();
+        ASSERT_TRUE(file.IsSaveComplete());
         before = packets;
         packets = next;
       }

@@ -19,11 +19,10 @@ bool Includes(const Bag& whole, const Bag& part) {
   return std::includes(whole.begin(), whole.end(), part.begin(), part.end());
 }
 
-// Nothing that is in none of them, nothing more often than in the one that has it most often.
-bool IsMadeOf(const Bag& found, const Bag& before, const Bag& old, const Bag& now) {
+// Nothing that is in neither of them, nothing more often than in the one that has it more often.
+bool IsMadeOf(const Bag& found, const Bag& old, const Bag& now) {
   for (const std::string& message : found) {
-    const size_t most = std::max({before.count(message), old.count(message), now.count(message)});
-    if (found.count(message) > most) return false;
+    if (found.count(message) > std::max(old.count(message), now.count(message))) return false;
   }
   return true;
 }
@@ -49,7 +48,7 @@ Found Judge(FileKind kind, const Expected& expected, const Content& found) {
   std::set_intersection(old.begin(), old.end(), now.begin(), now.end(),
                         std::inserter(both, both.end()));
   const bool kept = Includes(has, both) && (Includes(has, old) || Includes(has, now));
-  return kept && IsMadeOf(has, BagOf(expected.before), old, now) ? Found::kBetween : Found::kBroken;
+  return kept && IsMadeOf(has, old, now) ? Found::kBetween : Found::kBroken;
 }
 
 std::string Successor::PathIn(const std::string& folder, FileKind kind) {

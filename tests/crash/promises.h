@@ -16,9 +16,6 @@ namespace quenor::test {
 struct Expected {
   Content old;
   Content now;
-  // What `old` was saved over. The plain file does not know that a save was its writer's whole one
-  // before the next begins: until then what was dropped by it may be there still.
-  Content before = {};
 };
 
 enum class Found { kOld, kNow, kBetween, kBroken };

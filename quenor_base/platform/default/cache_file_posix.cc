@@ -202,12 +202,13 @@ struct ReliableReportCacheFile::State {
   // --- Saving
   bool Begin();
   bool Add(const DataPacket& packet);
+  bool IsSaveComplete();
   void Finish();
   void EndSave();
   [[gnu::cold]] void KeepWhatWasWritten();
   bool Complete();
   bool CheckFile();
-  bool Seal();
+  bool Seal(const NothrowArray<Packet>& packets);
   bool CutTail();
   bool WriteOrder();
   bool WritePacket(const DataPacket& packet, const Digest& digest);
@@ -254,7 +255,7 @@ struct ReliableReportCacheFile::State {
   bool base_sealed = false;  // As one save, in the file.
   PacketIndex index;         // Over `base`.
 
-  enum class Save { kNone, kOpen, kVoid };
+  enum class Save { kNone, kOpen, kComplete, kVoid };
   Save save = Save::kNone;
   NothrowArray<Packet> saved;  // Of the save under way.
   uint64_t saved_bytes = 0;
@@ -518,23 +519,35 @@ bool ReliableReportCacheFile::State::Begin() {
 bool ReliableReportCacheFile::State::Complete() {
   if (!CheckFile()) return false;
   if ((must_rewrite || IsTooLong()) && Rewrite()) return true;
-  return !must_rewrite && (base_sealed || Seal());
+  if (must_rewrite) return false;
+  base_sealed = base_sealed || Seal(base);
+  return base_sealed;
+}
+
+// Sealed here, and not by the next Clear() only: until it is, a start brings back what it dropped.
+bool ReliableReportCacheFile::State::IsSaveComplete() {
+  if (save == Save::kOpen && Seal(saved)) {
+    EndSave();
+    base_sealed = true;
+    save = Save::kComplete;
+  }
+  return save == Save::kNone || save == Save::kComplete;
 }
 
 void ReliableReportCacheFile::State::Finish() {
-  if (save != Save::kOpen) return;
+  if (save != Save::kOpen && save != Save::kComplete) return;
   EndSave();
   if (!Complete() || durability != Durability::kOnDisk) return;
   if (!cache_io::SyncFile(file.fd())) LogFailure("get to the disk", errno);
 }
 
-// The save under way, if there is one, becomes what a recovery has to yield.
+// The save under way, if there is one, becomes what a recovery has to yield. One that is complete
+// has.
 void ReliableReportCacheFile::State::EndSave() {
   if (save == Save::kOpen) {
     base.swap(saved);
     base_bytes = saved_bytes;
     base_sealed = false;
-    failure_logged = false;
   } else if (save == Save::kVoid) {
     KeepWhatWasWritten();
   }
@@ -586,17 +599,18 @@ bool ReliableReportCacheFile::State::CutTail() {
   return true;
 }
 
-bool ReliableReportCacheFile::State::Seal() {
+// Makes these packets a completed save in the file.
+bool ReliableReportCacheFile::State::Seal(const NothrowArray<Packet>& packets) {
   batch.Start(end);
   const bool made =
-      batch.AddNames(cache_file::kSealMagic, save_number + 1, base.begin(), base.end());
+      batch.AddNames(cache_file::kSealMagic, save_number + 1, packets.begin(), packets.end());
   if (!made) errno = ENOMEM;
   if (!made || !WriteRecords(nullptr)) {
     LogFailure("complete the save in", errno);
     return false;
   }
   ++save_number;
-  base_sealed = true;
+  failure_logged = false;
   return true;
 }
 
@@ -744,6 +758,7 @@ void ReliableReportCacheFile::State::Adopt(Fresh* fresh) {
   end = fresh->end;
   last_number = base.size();
   base_sealed = true;
+  failure_logged = false;
   has_litter = is_displaced = must_rewrite = false;
   no_rewrite_below = 0;
 }
@@ -879,7 +894,7 @@ bool ReliableReportCacheFile::AppendDataPacket(const DataPacket& packet) {
 }
 
 bool ReliableReportCacheFile::IsSaveComplete() const {
-  return state_ != nullptr && state_->file.is_open() && state_->save != State::Save::kVoid;
+  return state_ != nullptr && state_->file.is_open() && state_->IsSaveComplete();
 }
 
 void ReliableReportCacheFile::Close() {

@@ -122,6 +122,25 @@ TEST_F(CacheFileContractTest, AnAppendWithoutAClearIsRefused) {
   EXPECT_EQ(ReadAll(&file), Packets{"old"});
 }
 
+TEST_F(CacheFileContractTest, TheQuestionCompletesTheSaveWithOneSmallWrite) {
+  ReliableReportCacheFile file;
+  ASSERT_TRUE(file.Open(file_path()));
+  ASSERT_TRUE(Save(&file, {"a", "b"}));
+  const uint64_t bytes = FileBytes(path());
+  const size_t calls = DiskCalls::Count();
+
+  EXPECT_TRUE(file.IsSaveComplete());
+
+  EXPECT_FALSE(Append(&file, "c")) << "it is complete";
+  EXPECT_TRUE(file.IsSaveComplete());
+  EXPECT_EQ(DiskCalls::Count() - calls, 1u);
+  EXPECT_EQ(DiskCalls::CountOf("pwrite"), 4u);  // The header, two packets and this.
+  EXPECT_LE(FileBytes(path()) - bytes, 64u);
+  ASSERT_TRUE(Save(&file, {"b", "c"}));
+  file.Close();
+  EXPECT_EQ(Reopened(), (Packets{"b", "c"}));
+}
+
 TEST_F(CacheFileContractTest, ReadingEndsWithTheFirstClear) {
   Write({"a", "b"});
   ReliableReportCacheFile file;

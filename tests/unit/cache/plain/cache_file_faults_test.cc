@@ -22,6 +22,7 @@ class CacheFileFaultsTest : public CacheFileTest {
   struct Run {
     bool opened = false;
     bool complete = false;  // Every call of the save was true.
+    bool sealed = false;    // And so was the question.
     Packets appended;       // What was.
   };
 
@@ -67,8 +68,9 @@ class CacheFileFaultsTest : public CacheFileTest {
       if (appended) run.appended.push_back(packet);
       complete = complete && appended;
     }
-    run.complete = complete && file.IsSaveComplete();
-    EXPECT_EQ(complete, run.complete);
+    run.complete = complete;
+    run.sealed = file.IsSaveComplete();
+    EXPECT_TRUE(complete || !run.sealed);
     return run;
   }
 
@@ -93,11 +95,11 @@ class CacheFileFaultsTest : public CacheFileTest {
         const Run run = OpenAndSave();
         failed = DiskCalls::HasFailed();
         const std::string what = "call " + std::to_string(n) + ", error " + std::to_string(error);
-        EXPECT_TRUE(failed || run.complete) << what;
+        EXPECT_TRUE(failed || run.sealed) << what;
         if (error == EINTR) {
-          EXPECT_TRUE(run.complete) << what;
+          EXPECT_TRUE(run.sealed) << what;
         }
-        EXPECT_TRUE(run.complete || !Complaints().empty()) << what;
+        EXPECT_TRUE(run.sealed || !Complaints().empty()) << what;
         CheckAfter(run, what);
         ASSERT_LT(n, 1000u);
       }
@@ -126,8 +128,8 @@ TEST_F(CacheFileFaultsTest, EachAllocationFailsOnce) {
       failed = MemoryFaults::HasFailed();
       MemoryFaults::FailMalloc(0);
       const std::string what = "allocation " + std::to_string(n);
-      EXPECT_TRUE(failed || run.complete) << what;
-      EXPECT_TRUE(run.complete || !Complaints().empty()) << what;
+      EXPECT_TRUE(failed || run.sealed) << what;
+      EXPECT_TRUE(run.sealed || !Complaints().empty()) << what;
       CheckAfter(run, what);
       ASSERT_LT(n, 1000u);
     }
@@ -171,11 +173,13 @@ TEST_F(CacheFileFaultsTest, RandomFaultsNeverCostAPacketThatWasTaken) {
       complete = complete && taken;
       if (taken) promised = Union(promised, {packet});
     }
-    EXPECT_EQ(file.IsSaveComplete(), complete);
+    const bool sealed = file.IsSaveComplete();
+    EXPECT_TRUE(sealed ? complete : !complete || DiskCalls::HasFailed());
     if (complete) promised = store;
-    complete_saves += complete;
+    complete_saves += sealed;
     DiskCalls::Reset();
-    EXPECT_TRUE(HoldsAll(AfterKill(), promised)) << "save " << i;
+    const Packets found = AfterKill();
+    EXPECT_TRUE(sealed ? found == store : HoldsAll(found, promised)) << "save " << i;
   }
   EXPECT_GT(complete_saves, saves / 2);
   EXPECT_FALSE(Exists(aside()));
@@ -195,11 +199,12 @@ TEST_F(CacheFileFaultsTest, ADiskThatFillsUpAnywhereLosesNothingAndIsUsedAgain) 
     for (const char* packet : {"b", "dddddddddd", "c", "e"}) {
       if (Append(&file, packet)) appended.push_back(packet);
     }
-    const bool complete = begun && appended.size() == 4;
-    EXPECT_EQ(file.IsSaveComplete(), complete);
-    EXPECT_EQ(Complaints().size(), complete ? 0u : 1u);
-    EXPECT_TRUE(HoldsAll(AfterKill(), {"a", "b", "c"})) << space;
-    EXPECT_TRUE(HoldsAll(AfterKill(), appended)) << space;
+    const bool sealed = file.IsSaveComplete();
+    EXPECT_TRUE(!sealed || (begun && appended.size() == 4));
+    EXPECT_EQ(Complaints().size(), sealed ? 0u : 1u);
+    const Packets after = AfterKill();
+    EXPECT_TRUE(HoldsAll(after, appended)) << space;
+    EXPECT_TRUE(sealed ? after.size() == 4 : HoldsAll(after, {"a", "b", "c"})) << space;
 
     DiskCalls::Reset();
     EXPECT_TRUE(Save(&file, {"b", "dddddddddd", "c", "e"})) << space;
