@@ -10,9 +10,8 @@
 namespace quenor::cli {
 namespace {
 
-constexpr size_t kMaxHostBytes = 253;        // What DNS and SOCKS5 take.
-constexpr size_t kMaxCredentialBytes = 255;  // What SOCKS5 takes.
-constexpr size_t kMaxZoneBytes = 15;         // What the HTTP client takes.
+constexpr size_t kMaxHostBytes = 253;  // What DNS and SOCKS5 take.
+constexpr size_t kMaxZoneBytes = 15;   // What the HTTP client takes.
 
 bool IsAsciiAlnum(char c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');

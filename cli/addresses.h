@@ -3,10 +3,13 @@
 #ifndef CLI_ADDRESSES_H_
 #define CLI_ADDRESSES_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
 namespace quenor::cli {
+
+constexpr size_t kMaxCredentialBytes = 255;  // What SOCKS5 takes.
 
 struct Socks5Address {
   std::string host;  // Without the brackets of an IPv6 literal.

@@ -3,6 +3,8 @@
 #include <string>
 #include <string_view>
 
+#include "cli/advice.h"
+
 namespace quenor::cli {
 namespace {
 
@@ -26,7 +28,7 @@ void ChannelLog::Sink(void* channel_log, int level, const char*, int, const char
   for (const std::string_view known : kNotOpen) {
     if (line == known && log->cache_failed()) return;
   }
-  log->console_->LogLine(std::string(line));
+  log->console_->LogLine(InOptions(std::string(line)));
 }
 
 }  // namespace quenor::cli

@@ -1,5 +1,6 @@
 #include "cli/connection.h"
 
+#include "cli/advice.h"
 #include "cli/fatal.h"
 #include "cli/text.h"
 #include "quenor_base/platform/http_client.h"
@@ -15,7 +16,7 @@ void ApplyConnection(const Connection& connection) {
   defaults.client_certificate_file = connection.client_certificate_file;
   defaults.client_key_file = connection.client_key_file;
   const std::string reason = SetHttpDefaults(defaults);
-  if (!reason.empty()) throw Fatal(kExitUsage, Printable(reason));
+  if (!reason.empty()) throw Fatal(kExitUsage, Printable(InOptions(reason)));
   if (!connection.socks5) return;
   Socks5ProxyConfigHolder::Socks5ProxyConfig proxy;
   proxy.host = connection.socks5->host;

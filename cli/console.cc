@@ -13,13 +13,13 @@ constexpr char kPrefix[] = "quenor-report: ";
 constexpr char kClearLine[] = "\r\x1b[K";
 constexpr size_t kUnknownWidth = 80;
 
+}  // namespace
+
 size_t WidthOf(int fd) {
   winsize size{};
   if (::ioctl(fd, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return kUnknownWidth;
   return size.ws_col;
 }
-
-}  // namespace
 
 bool WriteAll(int fd, const std::string& text) {
   size_t written = 0;

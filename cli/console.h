@@ -3,6 +3,7 @@
 #ifndef CLI_CONSOLE_H_
 #define CLI_CONSOLE_H_
 
+#include <cstddef>
 #include <mutex>
 #include <string>
 
@@ -38,6 +39,9 @@ class Console {
   std::string progress_;
   std::string last_log_;
 };
+
+// Columns of the terminal behind `fd`; 80 when it is none or does not say.
+size_t WidthOf(int fd);
 
 // Writes all of `text`. False when that is not possible, errno saying why.
 [[nodiscard]] bool WriteAll(int fd, const std::string& text);

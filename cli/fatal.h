@@ -18,7 +18,7 @@ enum ExitCode : int {
   kExitNoInput = 66,      // No cache file there.
   kExitUnavailable = 69,  // At least one message was dropped.
   kExitInternal = 70,     // No memory or no thread.
-  kExitIo = 74,           // The system refused to read or write.
+  kExitIo = 74,           // The system refused to read or write; no standard output.
   kExitTempFail = 75,     // At least one message is left undelivered; the cache file is in use.
 };
 

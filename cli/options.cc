@@ -1,13 +1,21 @@
 #include "cli/options.h"
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <map>
 
 #include "cli/cache_use.h"
+#include "cli/console.h"
 #include "cli/fatal.h"
+#include "cli/help.h"
+#include "cli/proxy_password.h"
+#include "cli/suggest.h"
 #include "cli/text.h"
 #include "cli/version.h"
 
@@ -17,8 +25,8 @@ namespace {
 constexpr char kSendFooter[] = R"(Examples:
   quenor-report send --url https://collector.example/reports --send-now < events.jsonl
       each line is one report; ends when all are delivered, or 30 s after the end of input
-  tail -F app.log | quenor-report send --url https://collector.example/reports --wait 300
-      goes on for ever; after SIGINT or SIGTERM it says what was delivered and what was left
+  tail -F app.log | quenor-report send --url https://collector.example/reports --send-now --wait 300
+      goes on for ever; after SIGINT, SIGTERM or SIGHUP it says what was delivered and what was left
   quenor-report send --url https://collector.example/crashes --max-resend 10 a.dmp b.dmp
       each file is one report, given up after ten sends
   curl -s http://127.0.0.1/stats | quenor-report send --url https://collector.example/stats -
@@ -37,8 +45,8 @@ left that is in the cache file for the next one:
   handed_over=3 delivered=3 failed_attempts=1 dropped=0 left=0 loaded=0 kept=0
 
 Exit codes: 0 all delivered, 64 wrong usage, 65 unreadable input, 69 something was dropped,
-70 no memory or thread, 75 something is left, kept on disk or not. The guide is
-docs/guide/quenor-report.md.)";
+70 no memory or thread, 74 standard output cannot be written to, 75 something is left, kept on disk
+or not. The guide is docs/guide/quenor-report.md.)";
 
 constexpr char kCacheFooter[] = R"(Examples:
   quenor-report cache list ~/.local/state/quenor/quenor_report/quenor-report.mmap
@@ -50,7 +58,7 @@ constexpr char kCacheFooter[] = R"(Examples:
       the messages in it are never delivered
 
 Exit codes: 0 fine, 1 verify found damage, 64 wrong usage, 65 no cache file or a newer version's,
-66 no such file, 74 the system refused, 75 purge: a run has it open. The guide is
+66 no such file, 70 no memory, 74 the system refused, 75 purge: a run has it open. The guide is
 docs/guide/quenor-report.md.)";
 
 constexpr char kDoctorFooter[] = R"(Examples:
@@ -64,8 +72,9 @@ constexpr char kDoctorFooter[] = R"(Examples:
 Exit codes: 0 no step failed (there may be warnings), 64 wrong usage, 69 a step failed, 70 no memory
 or thread, 74 standard output cannot be written to. The guide is docs/guide/quenor-report.md.)";
 
+constexpr size_t kMaxHelpWidth = 100;
 constexpr double kMaxTimeoutS = 3600;
-constexpr size_t kMaxChannelBytes = 200;
+constexpr size_t kMaxChannelBytes = 236;
 constexpr double kMaxWaitS = 1e9;
 
 void AddDelivery(CLI::App* send, Options* options) {
@@ -99,6 +108,7 @@ void AddDelivery(CLI::App* send, Options* options) {
 // What is parsed further once the whole line is known.
 struct Texts {
   std::string socks5;
+  std::string proxy_password_file;
   std::string cache;
   std::string cache_dir;
   std::string raw;
@@ -130,7 +140,7 @@ void AddCache(CLI::App* send, Options* options, Texts* texts) {
       ->type_name("FILE");
 }
 
-void AddConnection(CLI::App* app, Connection* connection, std::string* socks5) {
+void AddConnection(CLI::App* app, Connection* connection, Texts* texts) {
   const CLI::Validator not_empty(
       [](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); }, "");
   app->add_option("--cacert", connection->ca_file,
@@ -158,10 +168,17 @@ void AddConnection(CLI::App* app, Connection* connection, std::string* socks5) {
       ->check(not_empty)
       ->needs(certificate);
   app->add_flag("--http1", connection->http1, "speak HTTP/1.1 only; HTTP/2 is offered otherwise");
-  app->add_option("--socks5,--proxy", *socks5,
-                  "go through this SOCKS5 proxy, which also resolves the server's name; user and "
-                  "password percent-encoded; \"socks5h://\" may stand before it")
-      ->type_name("[user:pass@]host:port");
+  CLI::Option* const proxy =
+      app->add_option("--socks5,--proxy", texts->socks5,
+                      "go through this SOCKS5 proxy, which also resolves the server's name; user "
+                      "and password percent-encoded; \"socks5h://\" may stand before it")
+          ->type_name("[user:pass@]host:port");
+  app->add_option("--proxy-password-file", texts->proxy_password_file,
+                  "the first line of this file is the password of --socks5 user@host:port; not "
+                  "given: $QUENOR_REPORT_PROXY_PASSWORD")
+      ->type_name("FILE")
+      ->check(not_empty)
+      ->needs(proxy);
 }
 
 void AddInput(CLI::App* send, Options* options) {
@@ -215,14 +232,17 @@ void CheckDoctor(const DoctorCommand& command) {
   throw Fatal(kExitUsage, "--timeout is not a number of seconds from 0.001 to 3600");
 }
 
-// The channel's name becomes the name of a thread and of a file.
+// The channel's name and a suffix are a path below the cache's folder; the cache itself follows no
+// "..", so that no name leads out of there.
 void CheckChannel(const std::string& name) {
-  const bool usable = !name.empty() && name.size() <= kMaxChannelBytes && name != "." &&
-                      name != ".." && name.find('/') == std::string::npos &&
-                      Printable(name) == name;
+  const size_t slash = name.rfind('/');
+  const std::string folder = slash == std::string::npos ? "" : "/" + name.substr(0, slash + 1);
+  const bool usable = !name.empty() && name.size() <= kMaxChannelBytes &&
+                      folder.find("/../") == std::string::npos && Printable(name) == name;
   if (usable) return;
   throw Fatal(kExitUsage, "cannot use the channel name \"" + Printable(name) +
-                              "\"; give --channel 1 to 200 bytes without \"/\" or control bytes");
+                              "\"; give --channel 1 to 236 bytes without a folder \"..\" or "
+                              "control bytes");
 }
 
 void CheckRest(const Options& options) {
@@ -240,6 +260,91 @@ std::string OneLine(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
   while (!text.empty() && text.back() == ' ') text.pop_back();
   return Printable(text);
+}
+
+std::vector<std::string> OptionsOf(const CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::Option* const option : app.get_options()) {
+    for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+  }
+  return names;
+}
+
+std::vector<std::string> CommandsOf(const CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::App* const command : app.get_subcommands({})) {
+    names.push_back(command->get_name());
+  }
+  return names;
+}
+
+// What is wrong about the first word that `app` does not know. What stands behind its '=' may be a
+// password.
+std::string UnknownWord(const CLI::App& app, const std::string& written) {
+  const bool is_option = written.size() > 1 && written.front() == '-';
+  const std::string word = is_option ? written.substr(0, written.find('=')) : written;
+  const std::vector<std::string> known = is_option ? OptionsOf(app) : CommandsOf(app);
+  if (known.empty()) return "\"" + Printable(word) + "\" is one name too many";
+  const std::string nearest = Nearest(word, known);
+  return std::string("there is no ") + (is_option ? "option" : "command") + " \"" +
+         Printable(word) + "\"" + (nearest.empty() ? "" : " (did you mean " + nearest + "?)");
+}
+
+Fatal UsageError(const CLI::App& app, const CLI::ParseError& error) {
+  std::string problem = OneLine(error.what());
+  std::string help = "quenor-report ";
+  for (const CLI::App* level = &app; level != nullptr;) {
+    const std::vector<std::string> unknown = level->remaining();
+    const std::vector<CLI::App*> commands = level->get_subcommands();
+    if (!unknown.empty()) {
+      problem = UnknownWord(*level, unknown.front());
+      break;
+    }
+    if (level == &app && commands.empty()) problem = "give one of send, cache and doctor";
+    level = commands.empty() ? nullptr : commands.front();
+  }
+  if (!app.get_subcommands().empty()) help += app.get_subcommands().front()->get_name() + " ";
+  return Fatal(kExitUsage, problem + "; see " + help + "--help");
+}
+
+void Show(const std::string& text) {
+  if (WriteAll(STDOUT_FILENO, text)) return;
+  const int error = errno;
+  if (error == EPIPE) return;  // Whoever closed it has read enough.
+  throw Fatal(kExitIo, "cannot write to standard output: " + ErrnoText(error));
+}
+
+// The settings of the connection that need more than one option.
+void FinishConnection(const CLI::App& app, const Texts& texts, Connection* connection) {
+  if (app.count("--socks5") == 0) return;
+  connection->socks5 = ParseSocks5(texts.socks5);
+  FillProxyPassword(texts.proxy_password_file, std::getenv(kProxyPasswordVariable),
+                    &*connection->socks5);
+}
+
+CacheCommand Finish(const CLI::App& cache, const Texts& texts, CacheCommand command) {
+  if (cache.get_subcommands().empty()) {
+    throw Fatal(kExitUsage,
+                "cache needs one of list, dump, verify and purge; see quenor-report cache --help");
+  }
+  if (cache.get_subcommand("dump")->count("--raw") > 0) command.raw = texts.raw;
+  if (command.file.empty()) throw Fatal(kExitUsage, "the name of the cache file is empty");
+  return command;
+}
+
+DoctorCommand Finish(const CLI::App& doctor, const Texts& texts, DoctorCommand command) {
+  CheckDoctor(command);
+  FinishConnection(doctor, texts, &command);
+  return command;
+}
+
+Options Finish(const CLI::App& send, const Texts& texts, Options options) {
+  CheckRest(options);
+  FinishConnection(send, texts, &options);
+  options.persist = !texts.no_persist;
+  if (send.count("--cache") > 0) options.cache = CacheKinds().at(texts.cache);
+  if (send.count("--cache-dir") > 0) options.cache_dir = CacheFolder(texts.cache_dir);
+  return options;
 }
 
 }  // namespace
@@ -267,46 +372,25 @@ std::optional<Command> ParseCommandLine(int argc, const char* const* argv) {
   CLI::App* doctor = app.add_subcommand("doctor", "find out why reports do not arrive");
   doctor->footer(kDoctorFooter);
   AddDoctor(doctor, &diagnosis);
-  AddConnection(doctor, &diagnosis, &texts.socks5);
+  AddConnection(doctor, &diagnosis, &texts);
   AddDelivery(send, &options);
   AddCache(send, &options, &texts);
-  AddConnection(send, &options, &texts.socks5);
+  AddConnection(send, &options, &texts);
   AddInput(send, &options);
   try {
     app.parse(argc, argv);
+  } catch (const CLI::CallForVersion&) {
+    Show(VersionText() + "\n");
+    return std::nullopt;
+  } catch (const CLI::CallForHelp&) {
+    Show(FitHelp(app.help(), std::min(WidthOf(STDOUT_FILENO), kMaxHelpWidth)));
+    return std::nullopt;
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) {
-      app.exit(error);
-      return std::nullopt;
-    }
-    throw Fatal(kExitUsage, OneLine(error.what()) + "; see quenor-report " +
-                                (cache->parsed()    ? "cache"
-                                 : doctor->parsed() ? "doctor"
-                                                    : "send") +
-                                " --help");
+    throw UsageError(app, error);
   }
-  if (cache->parsed()) {
-    if (cache->get_subcommands().empty()) {
-      throw Fatal(
-          kExitUsage,
-          "cache needs one of list, dump, verify and purge; see quenor-report cache --help");
-    }
-    const CLI::App* const dump = cache->get_subcommand("dump");
-    if (dump->count("--raw") > 0) command.raw = texts.raw;
-    if (command.file.empty()) throw Fatal(kExitUsage, "the name of the cache file is empty");
-    return command;
-  }
-  if (doctor->parsed()) {
-    CheckDoctor(diagnosis);
-    if (doctor->count("--socks5") > 0) diagnosis.socks5 = ParseSocks5(texts.socks5);
-    return diagnosis;
-  }
-  CheckRest(options);
-  if (send->count("--socks5") > 0) options.socks5 = ParseSocks5(texts.socks5);
-  options.persist = !texts.no_persist;
-  if (send->count("--cache") > 0) options.cache = CacheKinds().at(texts.cache);
-  if (send->count("--cache-dir") > 0) options.cache_dir = CacheFolder(texts.cache_dir);
-  return options;
+  if (cache->parsed()) return Finish(*cache, texts, command);
+  if (doctor->parsed()) return Finish(*doctor, texts, diagnosis);
+  return Finish(*send, texts, options);
 }
 
 }  // namespace quenor::cli

@@ -183,7 +183,11 @@ bool Session::WaitIsOver(Time now) {
     patience_ends_ = now + Seconds(options_.wait_s > 0 ? options_.wait_s : kPatienceWithoutWaitS);
   }
   if (now < *patience_ends_) return false;
-  console_.Line("the input was not read to its end: the server has failed for longer than --wait");
+  console_.Line("the input was not read to its end, " +
+                (last_name_.empty() ? "nothing of it" : "but up to " + last_name_) +
+                ": the server has failed for longer than --wait; " +
+                (last_name_.empty() ? "hand it over" : "hand over what follows") +
+                " when it answers again, or allow more time with --wait");
   return true;
 }
 
@@ -242,14 +246,15 @@ ExitCode Session::Stop() {
     console_.EndProgress();
   }
   PrintLeft(counts);
-  if (!WriteAll(STDOUT_FILENO, ClosingLine(counts) + "\n")) {
+  const bool told = WriteAll(STDOUT_FILENO, ClosingLine(counts) + "\n");
+  if (!told) {
     console_.Line("cannot write to standard output: " + ErrnoText(errno) + "; " +
                   ClosingLine(counts));
   }
   if (broken) {
     throw Fatal(kExitInternal, "the channel has no thread; raise the limit on processes or memory");
   }
-  return ExitCodeFor(counts, input_state_ == InputState::kFailed);
+  return told ? ExitCodeFor(counts, input_state_ == InputState::kFailed) : kExitIo;
 }
 
 }  // namespace quenor::cli

@@ -25,6 +25,10 @@ StopSignals::StopSignals(Wakeup* wakeup) : wakeup_(wakeup) {
   sigemptyset(&signals_);
   sigaddset(&signals_, SIGINT);
   sigaddset(&signals_, SIGTERM);
+  struct sigaction hang_up {};
+  if (::sigaction(SIGHUP, nullptr, &hang_up) == 0 && hang_up.sa_handler != SIG_IGN) {
+    sigaddset(&signals_, SIGHUP);
+  }
   pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
 }
 

@@ -1,5 +1,5 @@
-// SIGINT and SIGTERM as events: the first one asks for an orderly end, the second one ends the
-// process at once. No handler runs; a thread of its own waits for them.
+// SIGINT, SIGTERM and SIGHUP as events: the first one asks for an orderly end, the second one ends
+// the process at once. No handler runs; a thread of its own waits for them.
 #ifndef CLI_STOP_SIGNALS_H_
 #define CLI_STOP_SIGNALS_H_
 
@@ -12,9 +12,10 @@ namespace quenor::cli {
 
 class StopSignals {
  public:
-  // The main thread, before any other thread exists: blocks both signals in it and all later ones
-  // and starts to wait for them. Lives for the process, as its thread does; so must `wakeup`,
-  // which is borrowed and notified on the first signal. Throws Fatal with kExitInternal.
+  // The main thread, before any other thread exists: blocks these signals in it and all later ones
+  // and starts to wait for them, but leaves SIGHUP to be ignored if it is, as nohup asks. Lives for
+  // the process, as its thread does; so must `wakeup`, which is borrowed and notified on the first
+  // signal. Throws Fatal with kExitInternal.
   static StopSignals* Start(Wakeup* wakeup);
 
   StopSignals(const StopSignals&) = delete;

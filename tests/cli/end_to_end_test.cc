@@ -7,7 +7,9 @@
 
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -263,7 +265,11 @@ TEST_F(ReportTest, StopsReadingAtOneHundredAndFortyNineWhileTheServerIsDown) {
   EXPECT_EQ(149, Field(result.out, "handed_over"));
   EXPECT_EQ(149, Field(result.out, "left"));
   EXPECT_EQ(0, Field(result.out, "dropped"));
-  EXPECT_TRUE(Mentions(result.err, "the input was not read to its end")) << result.err;
+  EXPECT_TRUE(Mentions(result.err,
+                       "the input was not read to its end, but up to line 149: the "
+                       "server has failed for longer than --wait; hand over what "
+                       "follows when it answers again"))
+      << result.err;
 }
 
 TEST_F(ReportTest, SendsNothingToAServerThatItCannotVerify) {
@@ -314,7 +320,7 @@ TEST_P(StopSignalTest, EndsInOrderAndSaysWhatIsLeft) {
   EXPECT_TRUE(Mentions(result.err, "left undelivered (line ")) << result.err;
 }
 
-INSTANTIATE_TEST_SUITE_P(Both, StopSignalTest, ::testing::Values(SIGINT, SIGTERM));
+INSTANTIATE_TEST_SUITE_P(Each, StopSignalTest, ::testing::Values(SIGINT, SIGTERM, SIGHUP));
 
 TEST_F(ReportTest, ASignalEndsItWhileItWaitsForInput) {
   Collector collector(certificates_, {});
@@ -461,6 +467,84 @@ TEST_F(ReportTest, WrongUsageIsNamedInOneLine) {
     EXPECT_TRUE(Mentions(result.err, test.named)) << result.err;
     EXPECT_EQ(1u, CountIn(result.err, "\n")) << result.err;
   }
+}
+
+TEST_F(ReportTest, NohupKeepsAHangUpFromEndingIt) {
+  Collector collector(certificates_, {});
+  Pipe input;
+  Arguments arguments = {"sh", "-c", "trap '' HUP; exec \"$@\"", "sh"};
+  for (const std::string& word : SendCommand(certificates_, collector.url(), {"--send-now"})) {
+    arguments.push_back(word);
+  }
+  Process report(arguments, std::move(input.reader));
+  ASSERT_EQ(2, ::write(input.writer.get(), "a\n", 2));
+  collector.WaitForRequests(1);
+
+  report.Signal(SIGHUP);
+  ASSERT_EQ(2, ::write(input.writer.get(), "b\n", 2));
+  input.writer.Reset();
+  const Result result = ResultOf(&report);
+
+  EXPECT_EQ(0, result.exit_code) << result.err;
+  EXPECT_EQ(2, Field(result.out, "delivered"));
+}
+
+TEST_F(ReportTest, AClosingLineThatCannotBeWrittenIsAFailure) {
+  Collector collector(certificates_, {});
+  Arguments arguments = {"sh", "-c", "exec \"$@\" >/dev/full", "sh"};
+  for (const std::string& word : SendCommand(certificates_, collector.url(), {"--send-now"})) {
+    arguments.push_back(word);
+  }
+
+  const Result result = RunWhole(arguments, "a\n");
+  const Result help =
+      RunWhole({"sh", "-c", "exec \"$0\" --help >/dev/full", QUENOR_REPORT_PATH}, "");
+
+  EXPECT_EQ(74, result.exit_code);
+  EXPECT_TRUE(Mentions(result.err,
+                       "cannot write to standard output: No space left on device; "
+                       "handed_over=1 delivered=1 "))
+      << result.err;
+  EXPECT_EQ(74, help.exit_code) << help.err;
+}
+
+TEST_F(ReportTest, AChannelsNameMayLeadIntoAFolderOfTheCache) {
+  RefusingPort nobody;
+  const Arguments arguments = {"--channel", "a/b", "--wait", "0"};
+  const std::string folder = certificates_.Path("state/quenor_report/a");
+
+  const Result without = Send("https://" + nobody.Address() + "/", arguments, "x\n");
+  ASSERT_TRUE(std::filesystem::create_directories(folder));
+  const Result with = Send("https://" + nobody.Address() + "/", arguments, "x\n");
+
+  EXPECT_EQ(75, without.exit_code);
+  EXPECT_EQ(0, Field(without.out, "kept"));
+  EXPECT_TRUE(Mentions(without.err, folder + "/b.mmap could not be opened")) << without.err;
+  EXPECT_EQ(1, Field(with.out, "kept")) << with.err;
+  EXPECT_TRUE(std::filesystem::exists(folder + "/b.mmap"));
+}
+
+TEST(ReportProgramTest, HelpFitsTheTerminal) {
+  for (const char* command : {"", "send", "cache", "doctor"}) {
+    const Result result =
+        RunWhole({"script", "-qec",
+                  "stty cols 60; exec " QUENOR_REPORT_PATH " " + std::string(command) + " --help",
+                  "/dev/null"},
+                 "");
+    std::istringstream lines(result.out);
+    for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 61u) << line;
+    EXPECT_TRUE(Mentions(result.out, "Usage: quenor-report")) << result.out;
+  }
+}
+
+TEST(ReportProgramTest, TheExampleThatFollowsALogSendsAtOnce) {
+  const Result result = RunWhole({QUENOR_REPORT_PATH, "send", "--help"}, "");
+
+  const size_t example = result.out.find("tail -F ");
+  ASSERT_NE(std::string::npos, example);
+  EXPECT_TRUE(Mentions(result.out.substr(example, result.out.find("goes on", example) - example),
+                       " --send-now"))
+      << result.out;
 }
 
 TEST(ReportProgramTest, HelpHasExamples) {

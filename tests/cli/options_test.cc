@@ -1,6 +1,7 @@
 #include "cli/options.h"
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include <string>
 #include <variant>
@@ -163,6 +164,54 @@ TEST(OptionsTest, DoctorTakesItsOptionsAndThoseOfSendThatConnect) {
   EXPECT_EQ("c.key", command.client_key_file);
 }
 
+TEST(OptionsTest, TakesTheChannelNamesThatLeadNowhereElse) {
+  for (const char* name : {"a", ".", "..", "a/b", "/a", "a//b", "a/", "a/..", "..a/b", "a../b"}) {
+    EXPECT_EQ(name, Parse({"--channel", name}).channel);
+  }
+  const std::string longest(236, 'n');
+  EXPECT_EQ(longest, Parse({"--channel", longest.c_str()}).channel);
+  EXPECT_NE("", Objection({"send", "--url", kUrl, "--channel", (longest + "n").c_str()}));
+}
+
+TEST(OptionsTest, TakesTheProxysPasswordFromTheEnvironment) {
+  ASSERT_EQ(0, ::setenv("QUENOR_REPORT_PROXY_PASSWORD", "p%41", 1));
+
+  EXPECT_EQ("p%41", Parse({"--socks5", "u@h:1"}).socks5->password);
+  EXPECT_EQ("p%41", ParseDoctor({"--socks5", "u@h:1"}).socks5->password);
+  EXPECT_EQ("q", Parse({"--socks5", "u:q@h:1"}).socks5->password);
+  EXPECT_FALSE(Parse({}).socks5);
+  ::unsetenv("QUENOR_REPORT_PROXY_PASSWORD");
+}
+
+TEST(OptionsTest, NamesWhatWasMistypedAndWhatIsNearest) {
+  const struct {
+    std::vector<const char*> arguments;
+    const char* objection;
+  } cases[] = {
+      {{"sned", "--url", kUrl},
+       "there is no command \"sned\" (did you mean send?); see quenor-report --help"},
+      {{"frobnicate"}, "there is no command \"frobnicate\"; see quenor-report --help"},
+      {{"--versoin"},
+       "there is no option \"--versoin\" (did you mean --version?); see quenor-report --help"},
+      {{"send", "--urll", kUrl},
+       "there is no option \"--urll\" (did you mean --url?); see quenor-report send --help"},
+      {{"send", "--url", kUrl, "--snednow"},
+       "there is no option \"--snednow\" (did you mean --send-now?); see quenor-report send "
+       "--help"},
+      {{"send", "--url", kUrl, "--sock5=me:secret@h:1"},
+       "there is no option \"--sock5\" (did you mean --socks5?); see quenor-report send --help"},
+      {{"doctor", "--url", kUrl, "--jason"},
+       "there is no option \"--jason\" (did you mean --json?); see quenor-report doctor --help"},
+      {{"cache", "lst", "f"},
+       "there is no command \"lst\" (did you mean list?); see quenor-report cache --help"},
+      {{"cache", "purge", "f", "--yess"},
+       "there is no option \"--yess\" (did you mean --yes?); see quenor-report cache --help"},
+      {{"cache", "list", "f", "g"}, "\"g\" is one name too many; see quenor-report cache --help"},
+      {{}, "give one of send, cache and doctor; see quenor-report --help"},
+  };
+  for (const auto& test : cases) EXPECT_EQ(test.objection, Objection(test.arguments));
+}
+
 TEST(OptionsTest, RefusesWrongUsageInOneLine) {
   const std::vector<std::vector<const char*>> cases = {
       {},
@@ -175,6 +224,10 @@ TEST(OptionsTest, RefusesWrongUsageInOneLine) {
       {"send", "--url", kUrl, "-", "-"},
       {"send", "--url", kUrl, "--socks5", "host"},
       {"send", "--url", kUrl, "--socks5", ""},
+      {"send", "--url", kUrl, "--proxy-password-file", "/dev/null"},
+      {"send", "--url", kUrl, "--socks5", "u@h:1", "--proxy-password-file", "/dev/null"},
+      {"send", "--url", kUrl, "--socks5", "u@h:1", "--proxy-password-file", ""},
+      {"doctor", "--url", kUrl, "--socks5", "u@h:1", "--proxy-password-file", "/none/such"},
       {"send", "--url", kUrl, "--socks5", "a:1", "--proxy", "b:1"},
       {"send", "--url", kUrl, "--cacert", ""},
       {"send", "--url", kUrl, "--capath", ""},
@@ -189,8 +242,9 @@ TEST(OptionsTest, RefusesWrongUsageInOneLine) {
       {"send", "--url", kUrl, "--wait", "nan"},
       {"send", "--url", kUrl, "--wait", "inf"},
       {"send", "--url", kUrl, "--channel", ""},
-      {"send", "--url", kUrl, "--channel", ".."},
-      {"send", "--url", kUrl, "--channel", "a/b"},
+      {"send", "--url", kUrl, "--channel", "../b"},
+      {"send", "--url", kUrl, "--channel", "a/../b"},
+      {"send", "--url", kUrl, "--channel", "/../b"},
       {"send", "--url", kUrl, "--channel", "a\nb"},
       {"doctor"},
       {"doctor", "--url", "no url"},
