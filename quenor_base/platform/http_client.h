@@ -123,8 +123,9 @@ struct HttpDefaults {
   // "sha256//BASE64" of accepted public keys (SubjectPublicKeyInfo), checked beside the
   // certificate; empty: no pinning. Give a spare, so that a key can be changed.
   std::vector<std::string> pinned_public_keys;
-  std::string client_certificate_file;  // PEM; empty: none.
-  std::string client_key_file;          // PEM, not encrypted.
+  // PEM; empty: none. Both are loaded when they are set, and must belong together.
+  std::string client_certificate_file;
+  std::string client_key_file;          // Not encrypted; empty: in the certificate's file.
   std::string user_agent;               // Empty: "quenor/VERSION".
   uint32_t connect_timeout_ms = 15000;  // Resolve, connect, proxy and TLS. 0 is not "for ever":
                                         // it takes the default, here and below.

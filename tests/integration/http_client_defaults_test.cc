@@ -120,6 +120,16 @@ TEST_F(HttpDefaultsTest, ClientCertificateNeedsAKeyThatCanBeRead) {
   EXPECT_EQ(SetHttpDefaults(defaults), "");
 }
 
+TEST_F(HttpDefaultsTest, KeyOfAnotherCertificateIsRefused) {
+  const Certificate other = authority_.Issue("other", "DNS:other");
+  HttpDefaults defaults;
+  defaults.client_certificate_file = certificate_.certificate_file;
+  defaults.client_key_file = other.key_file;
+
+  EXPECT_NE(Refusal(defaults, other.key_file).find(certificate_.certificate_file),
+            std::string::npos);
+}
+
 TEST_F(HttpDefaultsTest, UserAgentThatBreaksTheLineIsRefused) {
   HttpDefaults defaults;
   defaults.user_agent = "x\r\nY: z";

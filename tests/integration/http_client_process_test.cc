@@ -1,4 +1,7 @@
 // The client seen from outside its process; http_client_program is the process.
+#include <set>
+#include <sstream>
+
 #include "tests/integration/http_client_fixture.h"
 #include "tests/integration/support/child_process.h"
 #include "tests/integration/support/scripted_server.h"
@@ -46,6 +49,71 @@ TEST_F(HttpClientProcessTest, ProxiesInTheEnvironmentAreIgnored) {
 
   EXPECT_EQ(Run("post", tls.Origin() + "/", environment), 0) << Output();
   EXPECT_EQ(Run("post", plain.Origin() + "/", environment), 0) << Output();
+}
+
+TEST_F(HttpClientProcessTest, NoVariableThatIsAskedForWeakensTheClient) {
+  CertificateAuthority other(folder_.path(), "other");
+  const Certificate not_trusted = other.Issue("server", "IP:127.0.0.1");
+  ScriptedServer good(Answering(), &certificate_);
+  ScriptedServer bad(Answering(), &not_trusted);
+  ASSERT_EQ(Run("asked", good.Origin() + "/"), 0) << Output();
+  std::istringstream names(Output());
+  std::set<std::string> asked;
+  for (std::string name; std::getline(names, name);) {
+    // Those of the program's own and of the sanitizers' run-time.
+    if (name.rfind("QUENOR_", 0) != 0 && name.find("SAN") == std::string::npos) asked.insert(name);
+  }
+  EXPECT_EQ(asked.count("OPENSSL_CONF"), 1u) << Output();  // The trace sees what libraries ask.
+
+  for (const std::string& name : asked) {
+    for (const std::string& value : {std::string("1"), other.ca_file(), folder_.path()}) {
+      EXPECT_NE(Run("post", bad.Origin() + "/", {name + "=" + value}), 0) << name << "=" << value;
+    }
+    EXPECT_EQ(Run("post", good.Origin() + "/", {name + "=1"}), 0) << name;
+  }
+}
+
+TEST_F(HttpClientProcessTest, OpenSslConfigurationNeitherSwitchesEncryptionOffNorAddsAnAuthority) {
+  CertificateAuthority other(folder_.path(), "other");
+  const Certificate not_trusted = other.Issue("server", "DNS:localhost");
+  const auto configured = [&](const std::string& line) {
+    EXPECT_TRUE(WriteWholeFile(folder_.File("openssl.cnf"),
+                               "openssl_conf = init\n[init]\nssl_conf = ssl\n[ssl]\n"
+                               "system_default = default\n[default]\n" +
+                                   line + "\n"));
+    return std::vector<std::string>{"OPENSSL_CONF=" + folder_.File("openssl.cnf")};
+  };
+  NginxServer::Options options = NginxOptions(false);
+  NginxServer good(options);
+  options.certificate = &not_trusted;
+  NginxServer bad(options);
+  options.certificate = &certificate_;
+  options.server_lines += " ssl_protocols TLSv1.2; ssl_ciphers eNULL:@SECLEVEL=0;";
+  NginxServer unencrypted(options);
+
+  // The server would agree.
+  ChildProcess openssl({"openssl", "s_client", "-cipher", "eNULL:@SECLEVEL=0", "-tls1_2",
+                        "-connect", "127.0.0.1:" + std::to_string(unencrypted.port())},
+                       folder_.File("s_client"));
+  openssl.Wait();
+  EXPECT_NE(ReadWholeFile(folder_.File("s_client")).find("NULL-"), std::string::npos);
+
+  EXPECT_NE(
+      Run("post", unencrypted.Origin() + "/", configured("CipherString = ALL:eNULL:@SECLEVEL=0")),
+      0)
+      << Output();
+  EXPECT_NE(Run("post", bad.Origin() + "/", configured("VerifyCAFile = " + other.ca_file())), 0);
+  EXPECT_EQ(Run("post", good.Origin() + "/", configured("VerifyCAFile = " + other.ca_file())), 0)
+      << Output();
+}
+
+TEST_F(HttpClientProcessTest, SessionKeysAreWrittenNowhere) {
+  ScriptedServer server(Answering(), &certificate_);
+  const std::string file = folder_.File("keys");
+
+  EXPECT_EQ(Run("post", server.Origin() + "/", {"SSLKEYLOGFILE=" + file}), 0) << Output();
+
+  EXPECT_EQ(ReadWholeFile(file), "");
 }
 
 // ---- Start --------------------------------------------------------------------------------------

@@ -22,6 +22,7 @@
 
 #include "quenor_base/platform/http_client.h"
 #include "tests/integration/support/counted_calls.h"
+#include "tests/integration/support/traced_getenv.h"
 
 // Children that start threads are what is tested here.
 extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
@@ -123,6 +124,14 @@ std::string StatusOf(const std::string& folder, const std::string& field) {
 int PostOnce() {
   const auto client = HttpClientFactory::Create(g_config);
   return Post(client.get()) ? 0 : 1;
+}
+
+// Prints which environment variables a first and a second exchange ask for.
+int Asked() {
+  const auto client = HttpClientFactory::Create(g_config);
+  if (!Post(client.get()) || !Post(client.get())) return 1;
+  for (const std::string& name : test::VariablesAskedFor()) std::printf("%s\n", name.c_str());
+  return 0;
 }
 
 // main() returns while the server has not answered.
@@ -315,6 +324,7 @@ int SystemCalls() { return PrintPerExchange(&test::CountedCalls); }
 int Main(int argc, char** argv) {
   if (argc != 4) return 64;
   const std::map<std::string, int (*)()> modes = {{"post", &PostOnce},
+                                                  {"asked", &Asked},
                                                   {"exit-in-flight", &ExitInFlight},
                                                   {"exit-while-busy", &ExitWhileBusy},
                                                   {"exit-inside-callback", &ExitInsideCallback},

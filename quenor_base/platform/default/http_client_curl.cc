@@ -591,13 +591,17 @@ class Engine {
     return log_pauses_.MayLog(cause, NowMs());
   }
 
-  HttpDefaults GetDefaults() QUENOR_EXCLUDES(lock_) {
+  // `identity` may be null.
+  HttpDefaults GetDefaults(std::shared_ptr<const ClientIdentity>* identity) QUENOR_EXCLUDES(lock_) {
     base::AutoLock hold(lock_);
+    if (identity != nullptr) *identity = identity_;
     return defaults_;
   }
-  void SetDefaults(HttpDefaults defaults) QUENOR_EXCLUDES(lock_) {
+  void SetDefaults(HttpDefaults defaults, std::shared_ptr<const ClientIdentity> identity)
+      QUENOR_EXCLUDES(lock_) {
     base::AutoLock hold(lock_);
     std::swap(defaults_, defaults);
+    std::swap(identity_, identity);
   }
   int64_t NextSerial() QUENOR_EXCLUDES(lock_) {
     base::AutoLock hold(lock_);
@@ -665,6 +669,8 @@ class Engine {
   int64_t last_serial_ QUENOR_GUARDED_BY(lock_) = 0;
   LogPauses log_pauses_ QUENOR_GUARDED_BY(lock_);
   HttpDefaults defaults_ QUENOR_GUARDED_BY(lock_);
+  std::shared_ptr<const ClientIdentity> identity_ QUENOR_GUARDED_BY(lock_) =
+      std::make_shared<const ClientIdentity>();
   std::string good_url_ QUENOR_GUARDED_BY(lock_);
 };
 
@@ -1332,8 +1338,10 @@ std::unique_ptr<HttpClient> HttpClientFactory::Create(const HttpClient::Config& 
     }
     return nullptr;
   }
-  auto settings =
-      std::make_shared<ClientSettings>(config, http_defaults::InForce(engine->GetDefaults()));
+  std::shared_ptr<const ClientIdentity> identity;
+  HttpDefaults defaults = http_defaults::InForce(engine->GetDefaults(&identity));
+  auto settings = std::make_shared<ClientSettings>(config, std::move(defaults));
+  settings->identity = std::move(identity);
   settings->serial = engine->NextSerial();
   settings->proxy = http_address::ProxyUrl(config);
   settings->http2 = config.enable_http2 && HasHttp2();
@@ -1357,11 +1365,16 @@ const char* HttpClientFactory::ImplementationName() {
 }
 
 std::string SetHttpDefaults(const HttpDefaults& defaults) {
-  std::string problem = http_defaults::Problem(defaults);
-  if (problem.empty()) Engine::Get()->SetDefaults(http_defaults::InForce(defaults));
+  auto identity = std::make_shared<ClientIdentity>();
+  std::string problem = http_defaults::Problem(defaults, identity.get());
+  if (problem.empty()) {
+    Engine::Get()->SetDefaults(http_defaults::InForce(defaults), std::move(identity));
+  }
   return problem;
 }
 
-HttpDefaults GetHttpDefaults() { return http_defaults::InForce(Engine::Get()->GetDefaults()); }
+HttpDefaults GetHttpDefaults() {
+  return http_defaults::InForce(Engine::Get()->GetDefaults(nullptr));
+}
 
 }  // namespace quenor

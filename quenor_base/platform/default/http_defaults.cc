@@ -106,16 +106,16 @@ std::string ReadPem(const std::string& path, std::string* text) {
   return reason;
 }
 
-// Checks one PEM file that is to hold `label` blocks; an empty path is fine.
-std::string PemProblem(const char* field, const std::string& path, const std::string& label) {
+// Reads and checks one PEM file that is to hold `label` blocks; an empty path is fine.
+std::string PemProblem(const char* field, const std::string& path, const std::string& label,
+                       std::string* pem) {
   if (path.empty()) return std::string();
   const std::string object = std::string("http defaults: ") + field + " '" + path + "' ";
-  std::string text;
-  const std::string reason = ReadPem(path, &text);
+  const std::string reason = ReadPem(path, pem);
   if (!reason.empty()) {
     return object + "cannot be read: " + reason + "; give a PEM file that this process may read";
   }
-  const int blocks = CountPemBlocks(text, label);
+  const int blocks = CountPemBlocks(*pem, label);
   if (blocks > 0) return std::string();
   return object + (blocks < 0 ? "holds a malformed or encrypted " : "holds no ") + label +
          " block; give an unencrypted PEM file with one";
@@ -144,17 +144,24 @@ std::string PinProblem(const std::string& pin) {
          "' is no pin; give sha256// and the base64 of the key's 32-byte SHA-256";
 }
 
-std::string ClientCertificateProblem(const HttpDefaults& defaults) {
+std::string IdentityProblem(const HttpDefaults& defaults, ClientIdentity* identity) {
   const std::string& certificate = defaults.client_certificate_file;
   const std::string& key = defaults.client_key_file;
   if (certificate.empty() && !key.empty()) {
     return "http defaults: client_key_file '" + key +
            "' has no certificate; set client_certificate_file too";
   }
-  const std::string problem = PemProblem("client_certificate_file", certificate, "CERTIFICATE");
+  if (certificate.empty()) return std::string();
+  std::string problem =
+      PemProblem("client_certificate_file", certificate, "CERTIFICATE", &identity->certificate);
   if (!problem.empty()) return problem;
-  if (!key.empty()) return PemProblem("client_key_file", key, "PRIVATE KEY");
-  return PemProblem("client_certificate_file", certificate, "PRIVATE KEY");
+  const bool is_apart = !key.empty();
+  problem = PemProblem(is_apart ? "client_key_file" : "client_certificate_file",
+                       is_apart ? key : certificate, "PRIVATE KEY", &identity->key);
+  if (!problem.empty() || http_tls::IsPair(*identity)) return problem;
+  return "http defaults: the key in '" + (is_apart ? key : certificate) +
+         "' is not that of the certificate in '" + certificate +
+         "'; give the key that the certificate was made for";
 }
 
 }  // namespace
@@ -175,13 +182,14 @@ HttpDefaults InForce(HttpDefaults defaults) {
   return defaults;
 }
 
-std::string Problem(const HttpDefaults& defaults) {
-  std::string problem = PemProblem("ca_file", defaults.ca_file, "CERTIFICATE");
+std::string Problem(const HttpDefaults& defaults, ClientIdentity* identity) {
+  std::string authorities;
+  std::string problem = PemProblem("ca_file", defaults.ca_file, "CERTIFICATE", &authorities);
   if (problem.empty()) problem = FolderProblem(defaults.ca_folder);
   for (const std::string& pin : defaults.pinned_public_keys) {
     if (problem.empty()) problem = PinProblem(pin);
   }
-  if (problem.empty()) problem = ClientCertificateProblem(defaults);
+  if (problem.empty()) problem = IdentityProblem(defaults, identity);
   if (problem.empty() && !http_header_text::IsFieldValue(defaults.user_agent)) {
     problem = "http defaults: user_agent holds a control character; take it out";
   }

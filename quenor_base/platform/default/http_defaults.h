@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "quenor_base/platform/default/http_tls_openssl.h"
 #include "quenor_base/platform/http_client.h"
 
 namespace quenor::http_defaults {
@@ -13,8 +14,9 @@ namespace quenor::http_defaults {
 HttpDefaults InForce(HttpDefaults defaults);
 
 // Empty when these can be used, else one line that names what cannot and says what to do. Reads the
-// files that they name.
-std::string Problem(const HttpDefaults& defaults);
+// files that they name, and takes the client's certificate and key out of them, once and together;
+// `identity` is undefined when there is a problem.
+std::string Problem(const HttpDefaults& defaults, ClientIdentity* identity);
 
 }  // namespace quenor::http_defaults
 

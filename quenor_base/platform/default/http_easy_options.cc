@@ -24,6 +24,11 @@ void SetSystemCa(EasyOptions* options) {
   options->Set(CURLOPT_CA_CACHE_TIMEOUT, kSystemCaCacheSeconds);
 }
 
+void SetPem(CURLoption option, const std::string& pem, EasyOptions* options) {
+  curl_blob blob{const_cast<char*>(pem.data()), pem.size(), CURL_BLOB_COPY};
+  options->Set(option, pem.empty() ? nullptr : &blob);
+}
+
 bool AppendHeader(curl_slist** list, const std::string& line) {
   curl_slist* longer = curl_slist_append(*list, line.c_str());
   if (longer == nullptr) return false;
@@ -61,8 +66,9 @@ void SetTlsOptions(const ClientSettings& client, EasyOptions* options) {
     options->Set(CURLOPT_CA_CACHE_TIMEOUT, 0L);
   }
   options->SetText(CURLOPT_PINNEDPUBLICKEY, client.pins);
-  options->SetText(CURLOPT_SSLCERT, defaults.client_certificate_file);
-  options->SetText(CURLOPT_SSLKEY, defaults.client_key_file);
+  SetPem(CURLOPT_SSLCERT_BLOB, client.identity->certificate, options);
+  SetPem(CURLOPT_SSLKEY_BLOB, client.identity->key, options);
+  options->Set(CURLOPT_SSL_CTX_FUNCTION, &http_tls::Secure);
 }
 
 bool HasHttp2() {

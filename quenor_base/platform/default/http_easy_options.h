@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "quenor_base/platform/default/http_tls_openssl.h"
 #include "quenor_base/platform/http_client.h"
 
 namespace quenor {
@@ -35,8 +36,9 @@ struct ClientSettings {
 
   const HttpClient::Config config;
   const HttpDefaults defaults;
-  std::string proxy;                   // "socks5h://HOST:PORT"; empty: direct.
-  std::string pins;                    // As CURLOPT_PINNEDPUBLICKEY wants them.
+  std::string proxy;                               // "socks5h://HOST:PORT"; empty: direct.
+  std::string pins;                                // As CURLOPT_PINNEDPUBLICKEY wants them.
+  std::shared_ptr<const ClientIdentity> identity;  // Never null.
   curl_slist* body_headers = nullptr;  // Of a request with a body and no headers of its own.
   int64_t serial = 0;                  // Tells settings apart for ever, as an address cannot.
   bool http2 = false;                  // Offered, and libcurl has it.
