@@ -4,6 +4,7 @@
 
 #include "tests/integration/http_client_fixture.h"
 #include "tests/integration/support/child_process.h"
+#include "tests/integration/support/flood_server.h"
 #include "tests/integration/support/scripted_server.h"
 
 namespace quenor::test {
@@ -167,6 +168,12 @@ TEST_F(HttpClientProcessTest, CallbackMayEndTheProcess) {
   ScriptedServer server(Answering(), &certificate_);
 
   EXPECT_EQ(Run("exit-inside-callback", server.Origin() + "/"), 0) << Output();
+}
+
+TEST_F(HttpClientProcessTest, ExitDoesNotWaitForAServerThatFloods) {
+  FloodServer server(Floods()[0], certificate_);
+
+  EXPECT_EQ(Run("exit-while-flooded", server.Url(), {"QUENOR_TEST_HTTP2=1"}), 0) << Output();
 }
 
 // ---- Fork ---------------------------------------------------------------------------------------

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -159,6 +160,34 @@ int ExitWhileBusy() {
   static auto* const storm = new Storm{HttpClientFactory::Create(g_config).release(), {}};
   for (int i = 0; i < 50; ++i) SendAgain(storm);
   while (storm->answered < 100) poll(nullptr, 0, 1);
+  return 0;
+}
+
+// Nanoseconds on a processor, then more.
+std::string IoThreadTimes() {
+  std::string times;
+  std::getline(std::ifstream(IoThreadFolder() + "/schedstat"), times);
+  return times;
+}
+
+// main() returns while a server has the I/O thread read a flood. The exit does not give up waiting
+// for that thread: it finds it at rest.
+int ExitWhileFlooded() {
+  std::atexit([] {  // Before the client's own handler, and so run after it.
+    std::string before = IoThreadTimes();
+    for (int i = 0; i < 20; ++i) {
+      poll(nullptr, 0, 50);
+      const std::string after = IoThreadTimes();
+      if (after == before) return;
+      before = after;
+    }
+    _exit(2);
+  });
+  static HttpClient* const client = HttpClientFactory::Create(g_config).release();
+  static std::atomic<bool> ended{false};
+  client->SendRequest(g_request, [](State, const HttpClient::Request&,
+                                    std::unique_ptr<HttpClient::Response>) { ended = true; });
+  while (!ended && std::clock() < CLOCKS_PER_SEC / 5) poll(nullptr, 0, 1);
   return 0;
 }
 
@@ -327,6 +356,7 @@ int Main(int argc, char** argv) {
                                                   {"asked", &Asked},
                                                   {"exit-in-flight", &ExitInFlight},
                                                   {"exit-while-busy", &ExitWhileBusy},
+                                                  {"exit-while-flooded", &ExitWhileFlooded},
                                                   {"exit-inside-callback", &ExitInsideCallback},
                                                   {"fork", &Fork},
                                                   {"fork-while-busy", &ForkWhileBusy},

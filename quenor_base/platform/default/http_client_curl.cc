@@ -38,6 +38,7 @@
 #include "quenor_base/platform/default/http_easy_options.h"
 #include "quenor_base/platform/default/http_failure_text.h"
 #include "quenor_base/platform/default/http_header_text.h"
+#include "quenor_base/platform/default/http_sockets_linux.h"
 #include "quenor_base/platform/http_client.h"
 #include "quenor_base/platform/local_log.h"
 
@@ -65,6 +66,8 @@ constexpr long kNameCacheSeconds = 5;  // A server that has moved is found with 
 // closed it. Past this it is replaced: many a balancer forgets it after 60 s without a word.
 constexpr long kIdleReuseSeconds = 50;
 constexpr int kExitWaitSeconds = 5;
+constexpr int kWatchMs = 250;              // How often the watch looks at the I/O thread.
+constexpr uint64_t kFloodBytes = 1 << 20;  // What no answer brings within one step of that thread.
 constexpr uint32_t kKeptReceiveBytes = 4096;  // A receive buffer up to this size is recycled.
 constexpr int kFruitlessRounds = 16;          // Then the I/O thread pauses: 1 ms, 2 ms, ...
 constexpr int kSpinPauseMs = 10;              // ... up to this.
@@ -80,9 +83,6 @@ int64_t NowMs() {
 }
 
 // ---- One exchange -------------------------------------------------------------------------------
-
-// The sockets of all connections. I/O thread only.
-using Sockets = std::vector<int>;
 
 // What is known of one exchange. Everything here begins anew with the next one.
 struct Exchange {
@@ -137,7 +137,7 @@ struct Transfer : Exchange {
 
   // Borrowed from the Io.
   uint64_t* progress = nullptr;
-  Sockets* sockets = nullptr;  // What the handle's options name.
+  HttpSockets* sockets = nullptr;  // What the handle's options name.
   http_connection::HangUps* hang_ups = nullptr;
   size_t* waiting = nullptr;
 };
@@ -263,16 +263,12 @@ curl_socket_t OpenSocket(void* user, curlsocktype, curl_sockaddr* address) {
   if (MustNotRepeat(transfer)) return CURL_SOCKET_BAD;
   const int fd = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
   if (fd < 0) return CURL_SOCKET_BAD;
-  transfer->sockets->push_back(fd);
+  transfer->sockets->Add(fd);
   transfer->hang_ups->Watch(fd);
   return fd;
 }
 
-int CloseSocket(void* user, curl_socket_t fd) {
-  Sockets* sockets = static_cast<Sockets*>(user);
-  sockets->erase(std::remove(sockets->begin(), sockets->end(), fd), sockets->end());
-  return close(fd);
-}
+int CloseSocket(void* user, curl_socket_t fd) { return static_cast<HttpSockets*>(user)->Close(fd); }
 
 // Gives the handle all options that are the same for every request of the client.
 bool ConfigureForClient(Transfer* transfer, const ClientSettings& client) {
@@ -491,7 +487,6 @@ struct Io {
 
   CURLM* multi = nullptr;
   int wake_fd = -1;  // An eventfd: cheaper to write and to empty than libcurl's own pair.
-  pthread_t thread{};
 
   // Guarded by the engine's lock.
   std::vector<Transfer*> submitted;
@@ -500,10 +495,14 @@ struct Io {
   int64_t waiting_deadline_ms = kNever;  // None of them has an earlier one.
   int64_t sleep_until_ms = kNever;       // While `sleeping`.
   bool any_closed = false;               // A client was destroyed since the I/O thread last looked.
-  bool sleeping = false;     // The I/O thread waits, or is about to, and nobody has woken it yet.
-  bool working = false;      // The I/O thread is inside libcurl's transfers, and so OpenSSL.
-  bool parked = false;       // The process ends: no more transfers, no more callbacks.
-  pthread_cond_t work_done;  // Signalled when `working` ends, or `told`.
+  bool sleeping = false;  // The I/O thread waits, or is about to, and nobody has woken it yet.
+  bool working = false;   // The I/O thread is inside libcurl's transfers, and so OpenSSL.
+  uint64_t steps = 0;     // How often it has gone there.
+  bool watched = false;   // The watch runs.
+  int forks = 0;          // How many wait or are under way: they come before another step.
+  bool parked = false;    // The process ends: no more transfers, no more callbacks.
+  // Signalled when `working` or a fork ends, or `told`.
+  pthread_cond_t work_done;
   const ClientSettings* told = nullptr;  // Whose callback runs with a success ...
   pthread_t told_on{};                   // ... and on which thread.
 
@@ -513,7 +512,7 @@ struct Io {
   size_t waiting_in_libcurl = 0;  // Those of them that have no connection yet.
   std::vector<Transfer*> finished;
   std::vector<Transfer*> surplus;
-  Sockets sockets;
+  HttpSockets sockets;
   http_connection::HangUps hang_ups;
   bool any_hung_up = false;           // One of the sockets may be.
   int64_t next_deadline_ms = kNever;  // No active transfer's deadline is earlier.
@@ -624,8 +623,9 @@ class Engine {
   // Life cycle.
   Io* EnsureIo(std::string* problem) QUENOR_REQUIRES(lock_);
   bool StartLibcurl(std::string* problem) QUENOR_REQUIRES(lock_);
-  static bool StartThread(Io* io, std::string* problem);
+  static int StartThread(void* (*run)(void*), Io* io);
   static void* ThreadMain(void* io);
+  static void* WatchMain(void* io);
   static void AtExit();
   static void BeforeFork();
   static void AfterForkInParent();
@@ -641,6 +641,7 @@ class Engine {
   // I/O thread.
   void Run(Io* io);
   void StayWhileParked(Io* io) QUENOR_REQUIRES(lock_);
+  void BeWatched(Io* io) QUENOR_REQUIRES(lock_);
   void BeginWork(Io* io) QUENOR_EXCLUDES(lock_);
   void EndWork(Io* io) QUENOR_EXCLUDES(lock_);
   void StartSubmitted(Io* io) QUENOR_EXCLUDES(lock_);
@@ -659,6 +660,9 @@ class Engine {
   void RunCallback(Transfer* transfer) QUENOR_EXCLUDES(lock_);
   void LogFailure(const Transfer& transfer) QUENOR_EXCLUDES(lock_);
   void Wait(Io* io) QUENOR_EXCLUDES(lock_);
+
+  // The watch's thread.
+  void Watch(Io* io) QUENOR_EXCLUDES(lock_);
 
   base::Lock lock_;
   Io* io_ QUENOR_GUARDED_BY(lock_) = nullptr;
@@ -719,7 +723,8 @@ Io* Engine::EnsureIo(std::string* problem) {
   pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
   pthread_cond_init(&io->work_done, &attributes);
   pthread_condattr_destroy(&attributes);
-  if (!StartThread(io.get(), problem)) {
+  if (const int error = StartThread(&Engine::ThreadMain, io.get()); error != 0) {
+    *problem = std::string("the I/O thread cannot be started: ") + std::strerror(error);
     pthread_cond_destroy(&io->work_done);
     return nullptr;
   }
@@ -727,24 +732,31 @@ Io* Engine::EnsureIo(std::string* problem) {
   return io_;
 }
 
-bool Engine::StartThread(Io* io, std::string* problem) {
+int Engine::StartThread(void* (*run)(void*), Io* io) {
   // The thread is born with every signal blocked: none of the host's is handled on it, and a write
   // to a dead connection, which OpenSSL does without MSG_NOSIGNAL, leaves SIGPIPE pending there.
   sigset_t all;
   sigset_t before;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
-  const int error = pthread_create(&io->thread, nullptr, &Engine::ThreadMain, io);
+  pthread_t thread;
+  const int error = pthread_create(&thread, nullptr, run, io);
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  if (error == 0) return true;
-  *problem = std::string("the I/O thread cannot be started: ") + std::strerror(error);
-  return false;
+  if (error == 0) pthread_detach(thread);
+  return error;
 }
 
 void* Engine::ThreadMain(void* io) {
   pthread_setname_np(pthread_self(), "quenor-http");
   base::ThreadCreateFlag::SetThreadCreateByQuenor(true);
   Get()->Run(static_cast<Io*>(io));
+  return nullptr;
+}
+
+void* Engine::WatchMain(void* io) {
+  pthread_setname_np(pthread_self(), "quenor-watch");
+  base::ThreadCreateFlag::SetThreadCreateByQuenor(true);
+  Get()->Watch(static_cast<Io*>(io));
   return nullptr;
 }
 
@@ -774,12 +786,21 @@ void Engine::BeforeFork() QUENOR_NO_THREAD_SAFETY_ANALYSIS {
   Engine* engine = Get();
   engine->lock_.Acquire();
   Io* io = engine->io_;
-  while (io != nullptr && io->working && !io->parked) {
+  if (io == nullptr) return;
+  ++io->forks;
+  while (io->working && !io->parked) {
     pthread_cond_wait(&io->work_done, engine->lock_.native_handle());
   }
 }
 
-void Engine::AfterForkInParent() QUENOR_NO_THREAD_SAFETY_ANALYSIS { Get()->lock_.Release(); }
+void Engine::AfterForkInParent() QUENOR_NO_THREAD_SAFETY_ANALYSIS {
+  Engine* engine = Get();
+  if (engine->io_ != nullptr) {
+    --engine->io_->forks;
+    pthread_cond_broadcast(&engine->io_->work_done);
+  }
+  engine->lock_.Release();
+}
 
 // The I/O thread exists in the parent only: the child forgets the parent's requests and connections
 // and starts its own with its first request.
@@ -913,12 +934,20 @@ void Engine::StayWhileParked(Io* io) {
   while (io->parked) pthread_cond_wait(&io->work_done, lock_.native_handle());
 }
 
+// Without a thread nobody watches, until there is one for a later step.
+void Engine::BeWatched(Io* io) {
+  if (!io->watched) io->watched = StartThread(&Engine::WatchMain, io) == 0;
+}
+
 void Engine::BeginWork(Io* io) {
   bool any_closed;
   {
     base::AutoLock hold(lock_);
+    while (io->forks > 0) pthread_cond_wait(&io->work_done, lock_.native_handle());
     StayWhileParked(io);
+    BeWatched(io);
     io->working = true;
+    ++io->steps;
     io->sleeping = false;
     any_closed = io->any_closed;
     io->any_closed = false;
@@ -1034,7 +1063,7 @@ void Engine::CutBadConnection(Io* io, const Transfer& transfer) {
   if (!transfer.client->http2 || !transfer.under_way) return;
   const bool timed_out = transfer.state == HttpClient::State::kTimedOut;
   const int64_t waited_ms = NowMs() - transfer.started_ms;
-  for (int fd : io->sockets) {
+  for (int fd : io->sockets.All()) {
     if (!http_connection::IsOf(fd, transfer.easy)) continue;
     if (timed_out && http_connection::SilentMs(fd) < waited_ms / 2) continue;
     if (timed_out && IsUsed(*io, fd, transfer.started_ms)) continue;
@@ -1047,7 +1076,7 @@ void Engine::CutBadConnection(Io* io, const Transfer& transfer) {
 void Engine::CloseHungUp(Io* io) {
   if (!io->any_hung_up) return;
   io->any_hung_up = false;
-  for (int fd : io->sockets) {
+  for (int fd : io->sockets.All()) {
     if (!http_connection::IsHungUp(fd)) continue;
     if (IsUsed(*io, fd, kNever)) {
       io->any_hung_up =
@@ -1065,6 +1094,9 @@ void Engine::CollectFinished(Io* io) {
     const CURLcode code = message->data.result;  // The message dies with the handle's removal.
     Transfer* transfer = nullptr;
     curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
+    long port = 0;
+    if (code != CURLE_OK) curl_easy_getinfo(transfer->easy, CURLINFO_LOCAL_PORT, &port);
+    transfer->too_large = transfer->too_large || (port > 0 && io->sockets.WasCut(port));
     Conclude(transfer, code);
     Finish(io, transfer);
   }
@@ -1139,6 +1171,30 @@ void Engine::ExpireWaiting(Io* io, int64_t now_ms) {
     transfer->code = CURLE_OPERATION_TIMEDOUT;
     transfer->verify_result = 0;
     std::snprintf(transfer->error, sizeof(transfer->error), "no connection became free in time");
+  }
+}
+
+// As long as the I/O thread is at work, and for a moment more. A step that lasts from one look to
+// the next, and then reads as much as no answer brings, is a server that floods: its connection is
+// cut, so that the thread comes back to time limits, other servers, fork() and exit.
+void Engine::Watch(Io* io) {
+  uint64_t seen = 0;     // The step that was last looked at ...
+  bool is_long = false;  // ... and was going on at the look before, too.
+  for (;;) {
+    poll(nullptr, 0, kWatchMs);
+    base::AutoLock hold(lock_);
+    if (io->steps != seen) {
+      seen = io->steps;
+      is_long = false;
+    } else if (!io->working) {
+      io->watched = false;
+      return;
+    } else if (!is_long) {
+      io->sockets.Mark();
+      is_long = true;
+    } else if (io->sockets.CutBusiest(kFloodBytes)) {
+      is_long = false;
+    }
   }
 }
 

@@ -87,6 +87,15 @@ bool ScriptedServer::Connection::ReadRequest(ReceivedRequest* request) {
   return ReadRequestHead(request) && ReadBody(request);
 }
 
+bool ScriptedServer::Connection::ReadBytes(size_t count, std::string* bytes) {
+  while (unread_.size() < count) {
+    if (!ReadMore()) return false;
+  }
+  *bytes = unread_.substr(0, count);
+  unread_.erase(0, count);
+  return true;
+}
+
 bool ScriptedServer::Connection::Write(const std::string& bytes) {
   size_t sent = 0;
   while (sent < bytes.size()) {
@@ -199,6 +208,14 @@ int Listen(bool ipv6, uint16_t* port) {
   return fd;
 }
 
+int SelectHttp2(SSL*, const unsigned char** selected, unsigned char* size,
+                const unsigned char* offered, unsigned int offered_size, void*) {
+  static const unsigned char kHttp2[] = {2, 'h', '2'};
+  const int found = SSL_select_next_proto(const_cast<unsigned char**>(selected), size, kHttp2,
+                                          sizeof(kHttp2), offered, offered_size);
+  return found == OPENSSL_NPN_NEGOTIATED ? SSL_TLSEXT_ERR_OK : SSL_TLSEXT_ERR_NOACK;
+}
+
 }  // namespace
 
 void ScriptedServer::Core::Accept() {
@@ -238,7 +255,7 @@ void ScriptedServer::Core::Serve(int fd, size_t index) {
   one_closed.notify_all();
 }
 
-ScriptedServer::ScriptedServer(Script script, const Certificate* certificate, bool ipv6)
+ScriptedServer::ScriptedServer(Script script, const Certificate* certificate, bool ipv6, bool http2)
     : core_(new Core) {
   core_->script = std::move(script);
   core_->ipv6 = ipv6;
@@ -250,6 +267,7 @@ ScriptedServer::ScriptedServer(Script script, const Certificate* certificate, bo
                      SSL_CTX_use_PrivateKey_file(core_->tls, certificate->key_file.c_str(),
                                                  SSL_FILETYPE_PEM) == 1,
                  "a scripted server cannot use its certificate");
+    if (http2) SSL_CTX_set_alpn_select_cb(core_->tls, &SelectHttp2, nullptr);
   }
   core_->acceptor = std::thread([core = core_.get()] { core->Accept(); });
 }

@@ -32,6 +32,8 @@ class ScriptedServer {
     bool ReadRequest(ReceivedRequest* request);
     // As above, without the body.
     bool ReadRequestHead(ReceivedRequest* request);
+    // Reads so many bytes, whatever they are.
+    bool ReadBytes(size_t count, std::string* bytes);
     bool Write(const std::string& bytes);
     // A whole response with an announced length.
     bool Respond(int status, const std::string& body,
@@ -61,10 +63,10 @@ class ScriptedServer {
   };
   using Script = std::function<void(Connection&)>;
 
-  // 127.0.0.1, or ::1 when `ipv6`. A certificate makes it a TLS server. Ends the process when it
-  // cannot listen.
+  // 127.0.0.1, or ::1 when `ipv6`. A certificate makes it a TLS server, which agrees to "h2" if
+  // that is offered and `http2`. Ends the process when it cannot listen.
   explicit ScriptedServer(Script script, const Certificate* certificate = nullptr,
-                          bool ipv6 = false);
+                          bool ipv6 = false, bool http2 = false);
   ~ScriptedServer();
   ScriptedServer(const ScriptedServer&) = delete;
   ScriptedServer& operator=(const ScriptedServer&) = delete;

@@ -1,0 +1,47 @@
+// HttpSockets: the sockets of the HTTP client's connections, and which of them floods. libcurl
+// reads from an HTTP/2 connection for as long as something is there, so a server that sends frames
+// which are no answer as fast as they are read keeps the thread that drives it from everything
+// else. What another thread can do is to shut that connection down: libcurl then finds it at its
+// end. Threads: any. Life cycle: outlives its connections. See docs/design/http-client.md.
+#ifndef QUENOR_BASE_PLATFORM_DEFAULT_HTTP_SOCKETS_LINUX_H_
+#define QUENOR_BASE_PLATFORM_DEFAULT_HTTP_SOCKETS_LINUX_H_
+
+#include <cstdint>
+#include <vector>
+
+#include "quenor_base/platform/base/lock.h"
+#include "quenor_base/platform/base/thread_annotations.h"
+
+namespace quenor {
+
+class HttpSockets {
+ public:
+  // Takes an open socket.
+  void Add(int fd) QUENOR_EXCLUDES(lock_);
+  // Closes one of them and answers what close() does.
+  int Close(int fd) QUENOR_EXCLUDES(lock_);
+  // On the thread that alone adds and closes, the sockets; elsewhere they may be closed by now.
+  std::vector<int> All() const QUENOR_EXCLUDES(lock_);
+
+  // Notes how much has been read from each so far.
+  void Mark() QUENOR_EXCLUDES(lock_);
+  // Shuts down the one from which most has been read since it was marked, if that is at least
+  // `size_bytes`, which must not be 0. Answers whether there was one. No other connection can be
+  // hit, not even one that gets a closed one's number meanwhile: Close() waits.
+  bool CutBusiest(uint64_t size_bytes) QUENOR_EXCLUDES(lock_);
+  // Whether the connection from this local port was one of the last that were cut.
+  bool WasCut(long local_port) const QUENOR_EXCLUDES(lock_);
+
+ private:
+  struct Socket {
+    int fd;
+    uint64_t marked_bytes;
+  };
+  mutable base::Lock lock_;
+  std::vector<Socket> sockets_ QUENOR_GUARDED_BY(lock_);
+  std::vector<int> cut_ports_ QUENOR_GUARDED_BY(lock_);
+};
+
+}  // namespace quenor
+
+#endif  // QUENOR_BASE_PLATFORM_DEFAULT_HTTP_SOCKETS_LINUX_H_
