@@ -318,18 +318,27 @@ TEST_P(CacheNamesTest, APurgeLooksAgainAtAFileThatWasReplacedBeforeItsLock) {
   EXPECT_FALSE(Exists(path_));
 }
 
-// The same for whoever opens it to be its owner.
+// The same for whoever opens it to be its owner, whether there is a file, what a repair left, or
+// nothing yet.
 TEST_P(CacheNamesTest, AFileThatWasReplacedBeforeItsLockIsNotTaken) {
-  ASSERT_TRUE(SaveAt(path_, {"old"}));
-  ASSERT_TRUE(SaveAt(folder_.File("new"), {"new"}));
-  bool replaced = false;
-  const AtEach replace(Call::kFcntl, [&] {
-    if (!std::exchange(replaced, true)) {
-      EXPECT_EQ(0, rename(folder_.File("new").c_str(), path_.c_str()));
+  for (const std::string& existing : {path_, recovered(), std::string()}) {
+    SCOPED_TRACE(existing);
+    unlink(path_.c_str());
+    if (!existing.empty()) {
+      ASSERT_TRUE(SaveAt(folder_.File("old"), {"old"}));
+      ASSERT_EQ(0, rename(folder_.File("old").c_str(), existing.c_str()));
     }
-  });
+    ASSERT_TRUE(SaveAt(folder_.File("new"), {"new"}));
+    bool replaced = false;
+    const AtEach replace(Call::kFcntl, [&] {
+      if (std::exchange(replaced, true)) return;
+      const std::string at = Exists(path_) ? path_ : recovered();
+      EXPECT_EQ(0, rename(folder_.File("new").c_str(), at.c_str()));
+    });
 
-  EXPECT_EQ(Packets{"new"}, Load(path_));
+    EXPECT_EQ(Packets{"new"}, Load(path_));
+    EXPECT_TRUE(replaced);
+  }
 }
 
 }  // namespace
