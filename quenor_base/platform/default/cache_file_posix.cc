@@ -13,7 +13,9 @@
 #include <new>
 #include <string>
 
+#include "quenor_base/platform/default/cache_file_batch.h"
 #include "quenor_base/platform/default/cache_file_format.h"
+#include "quenor_base/platform/default/cache_file_index.h"
 #include "quenor_base/platform/default/cache_file_reader.h"
 #include "quenor_base/platform/default/cache_io_posix.h"
 #include "quenor_base/platform/default/cache_names_posix.h"
@@ -24,14 +26,16 @@
 namespace quenor {
 namespace {
 
+using cache_file::Batch;
 using cache_file::Content;
 using cache_file::Digest;
 using cache_file::FileHeader;
 using cache_file::kHeaderSize;
+using cache_file::kNoPosition;
 using cache_file::kRecordHeaderSize;
 using cache_file::Packet;
+using cache_file::PacketIndex;
 using cache_file::ReadResult;
-using cache_file::RecordHeader;
 using cache_file::Run;
 using cache_io::Descriptor;
 using cache_io::Durability;
@@ -48,7 +52,6 @@ constexpr int kOpenTries = 64;
 // How long a lock is waited for. A child that a dead owner forked has it until fork() is over
 // there.
 constexpr int kForkWaitMs = 200;
-constexpr uint32_t kNoPosition = UINT32_MAX;
 
 uint64_t RandomKey() {
   uint64_t key = 0;
@@ -56,122 +59,6 @@ uint64_t RandomKey() {
     key = reinterpret_cast<uintptr_t>(&key) * 0x9e3779b97f4a7c15;
   }
   return key;
-}
-
-// Finds packets of a sequence by their bytes, each at most once.
-class PacketIndex {
- public:
-  // Forgets what it was built of before. False when there is no memory: then it finds nothing.
-  [[nodiscard]] bool Build(const NothrowArray<Packet>& packets);
-  // The first position, not yet taken, of a packet with these bytes, and takes it; else
-  // kNoPosition. `packets` is what it was built of.
-  uint32_t Take(const NothrowArray<Packet>& packets, const Digest& digest, uint32_t size);
-
- private:
-  uint32_t* SlotOf(const NothrowArray<Packet>& packets, const Digest& digest, uint32_t size);
-
-  NothrowArray<uint32_t> slots_;  // A power of two, at most half of them in use.
-  NothrowArray<uint32_t> next_;   // Per position: the next one with the same bytes.
-  NothrowArray<uint8_t> taken_;   // Per position.
-};
-
-bool PacketIndex::Build(const NothrowArray<Packet>& packets) {
-  slots_.Clear();
-  size_t slots = 8;
-  while (slots < 2 * packets.size()) slots *= 2;
-  if (packets.size() >= kNoPosition || !next_.Assign(packets.size(), kNoPosition) ||
-      !taken_.Assign(packets.size(), 0) || !slots_.Assign(slots, kNoPosition)) {
-    return false;
-  }
-  for (size_t i = packets.size(); i > 0; --i) {
-    const uint32_t position = static_cast<uint32_t>(i - 1);
-    uint32_t* const slot = SlotOf(packets, packets[position].digest, packets[position].size);
-    next_[position] = *slot;
-    *slot = position;
-  }
-  return true;
-}
-
-uint32_t* PacketIndex::SlotOf(const NothrowArray<Packet>& packets, const Digest& digest,
-                              uint32_t size) {
-  const size_t mask = slots_.size() - 1;
-  size_t i = static_cast<size_t>(digest.low) & mask;
-  while (slots_[i] != kNoPosition) {
-    const Packet& packet = packets[slots_[i]];
-    if (packet.size == size && packet.digest == digest) break;
-    i = (i + 1) & mask;
-  }
-  return &slots_[i];
-}
-
-uint32_t PacketIndex::Take(const NothrowArray<Packet>& packets, const Digest& digest,
-                           uint32_t size) {
-  if (slots_.empty()) return kNoPosition;
-  uint32_t* const slot = SlotOf(packets, digest, size);
-  const uint32_t position = *slot;
-  if (position == kNoPosition || taken_[position] != 0) return kNoPosition;
-  taken_[position] = 1;
-  // The last of its kind stays, taken: an empty slot would hide those that were put behind it.
-  if (next_[position] != kNoPosition) *slot = next_[position];
-  return position;
-}
-
-// Records that are about to be written at a place of the file, behind one another.
-class Batch {
- public:
-  void Start(uint64_t offset) {
-    offset_ = offset;
-    bytes_.Clear();
-  }
-  uint64_t end() const { return offset_ + bytes_.size(); }
-  size_t size() const { return bytes_.size(); }
-
-  [[nodiscard]] bool Reserve(size_t size) { return bytes_.Reserve(size); }
-  [[nodiscard, gnu::noinline]] bool Add(const void* bytes, size_t size) {
-    return bytes_.Append(static_cast<const uint8_t*>(bytes), size);
-  }
-  // The header of a packet whose bytes follow.
-  [[nodiscard]] bool AddPacketHeader(uint64_t number, uint32_t size, uint64_t body_check) {
-    const RecordHeader header =
-        cache_file::MakeRecordHeader(cache_file::kPacketMagic, number, size, body_check, end());
-    return Add(&header, sizeof header);
-  }
-  // An order or a seal that names these packets.
-  [[nodiscard]] bool AddNames(uint32_t magic, uint64_t number, const Packet* first,
-                              const Packet* last);
-  // False with errno: some of it may be in the file.
-  [[nodiscard]] bool Write(int fd) const {
-    return cache_io::WriteAt(fd, bytes_.data(), bytes_.size(), offset_);
-  }
-
- private:
-  uint64_t offset_ = 0;
-  NothrowArray<uint8_t> bytes_;
-};
-
-bool Batch::AddNames(uint32_t magic, uint64_t number, const Packet* first, const Packet* last) {
-  const uint64_t offset = end();
-  const size_t header_at = bytes_.size();
-  RecordHeader header = {};
-  if (!Add(&header, sizeof header)) return false;
-  Run run = {0, 0};
-  for (const Packet* packet = first; packet != last; ++packet) {
-    if (run.count > 0 && packet->number == run.first + run.count) {
-      ++run.count;
-      continue;
-    }
-    if (run.count > 0 && !Add(&run, sizeof run)) return false;
-    run = {packet->number, 1};
-  }
-  if (run.count > 0 && !Add(&run, sizeof run)) return false;
-  const size_t body_at = header_at + sizeof header;
-  const size_t size = bytes_.size() - body_at;
-  if (size > UINT32_MAX) return false;
-  header = cache_file::MakeRecordHeader(
-      magic, number, static_cast<uint32_t>(size),
-      cache_file::BodyCheckOf(bytes_.data() + body_at, size, offset), offset);
-  std::memcpy(bytes_.data() + header_at, &header, sizeof header);
-  return true;
 }
 
 }  // namespace

@@ -1,0 +1,35 @@
+// Finds the packets of a plain cache file by their bytes, to name in a save what is in the file
+// already. Threads: one at a time. Page: docs/design/cache-file.md.
+#ifndef QUENOR_BASE_PLATFORM_DEFAULT_CACHE_FILE_INDEX_H_
+#define QUENOR_BASE_PLATFORM_DEFAULT_CACHE_FILE_INDEX_H_
+
+#include <cstddef>
+#include <cstdint>
+
+#include "quenor_base/platform/default/cache_file_reader.h"
+#include "quenor_base/platform/default/nothrow_array.h"
+
+namespace quenor::cache_file {
+
+constexpr uint32_t kNoPosition = UINT32_MAX;
+
+// Of a sequence; finds each packet at most once.
+class PacketIndex {
+ public:
+  // Forgets what it was built of before. False when there is no memory: then it finds nothing.
+  [[nodiscard]] bool Build(const NothrowArray<Packet>& packets);
+  // The first position, not yet taken, of a packet with these bytes, and takes it; else
+  // kNoPosition. `packets` is what it was built of.
+  uint32_t Take(const NothrowArray<Packet>& packets, const Digest& digest, uint32_t size);
+
+ private:
+  uint32_t* SlotOf(const NothrowArray<Packet>& packets, const Digest& digest, uint32_t size);
+
+  NothrowArray<uint32_t> slots_;  // A power of two, at most half of them in use.
+  NothrowArray<uint32_t> next_;   // Per position: the next one with the same bytes.
+  NothrowArray<uint8_t> taken_;   // Per position.
+};
+
+}  // namespace quenor::cache_file
+
+#endif  // QUENOR_BASE_PLATFORM_DEFAULT_CACHE_FILE_INDEX_H_
