@@ -137,6 +137,9 @@ struct HttpDefaults {
   // Requests beyond wait their turn, which counts in their time limit. Connections are shared: of
   // clients with different limits the one that sent last decides.
   uint32_t max_connections_per_host = 6;
+  // Refuses URLs with http://, which are sent without encryption. False: they are taken, and the
+  // first that leaves the machine is warned of in the log.
+  bool require_tls = false;
 };
 
 // Any thread. Answers an empty string, or, when a value cannot be used (a CA file that cannot be

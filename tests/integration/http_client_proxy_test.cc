@@ -1,4 +1,6 @@
 // The SOCKS5 proxy: what goes through it, and that nothing ever goes past it.
+#include <algorithm>
+
 #include "quenor_base/platform/socks5_proxy_config.h"
 #include "tests/integration/http_client_fixture.h"
 #include "tests/integration/support/child_process.h"
@@ -36,6 +38,48 @@ class HttpClientProxyTest : public HttpClientTest {
 
   ScriptedServer server_;
 };
+
+// ---- Without encryption: through a proxy that is not there, so that nothing leaves --------------
+
+TEST_F(HttpClientProxyTest, FirstRequestWithoutEncryptionIsWarnedOfOnce) {
+  const auto direct = MakeClient(HttpDefaults());
+  const auto client = MakeClient(HttpDefaults(), Through(UnusedPort()));
+  const auto warnings = [] {
+    size_t count = 0;
+    for (const std::string& text : RecordingLog::Texts(2)) {
+      count += text.find("without encryption") != std::string::npos;
+    }
+    return count;
+  };
+
+  Send(direct.get(), MakeRequest("http://127.0.0.1:" + std::to_string(UnusedPort()) + "/", "x"));
+  Send(client.get(), MakeRequest("https://collector.example/", "x"));
+  EXPECT_EQ(warnings(), 0u);
+  for (const char* url : {"http://u:p@collector.example/a?t=1", "http://collector.example/b"}) {
+    Send(client.get(), MakeRequest(url, "x"));
+    EXPECT_EQ(warnings(), 1u);
+  }
+  const std::vector<std::string> texts = RecordingLog::Texts(2);
+  EXPECT_EQ(std::count(texts.begin(), texts.end(),
+                       "http: requests to http://collector.example/a go out without encryption; "
+                       "give https://, and set HttpDefaults::require_tls to have others refused"),
+            1);
+}
+
+TEST_F(HttpClientProxyTest, RequestWithoutEncryptionIsRefusedWhereTheHostForbidsIt) {
+  HttpDefaults defaults = TrustingDefaults();
+  const auto allowed = MakeClient(defaults, Through(UnusedPort()));
+  defaults.require_tls = true;
+  const auto client = MakeClient(defaults);
+  ASSERT_TRUE(GetHttpDefaults().require_tls);
+
+  for (const char* url :
+       {"http://127.0.0.1:1/", "HTTP://localhost:1/", "http:/collector.example"}) {
+    Send(allowed.get(), MakeRequest(url, "x"));  // Known as usable now.
+    EXPECT_LT(client->SendRequest(MakeRequest(url, "x"), nullptr), 1) << url;
+  }
+  EXPECT_EQ(Send(client.get(), MakeRequest(server_.Origin() + "/", "x")).status(), 200);
+}
 
 TEST_F(HttpClientProxyTest, NameIsResolvedByTheProxy) {
   SocksProxy proxy(kUser, kPassword);

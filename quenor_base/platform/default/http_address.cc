@@ -7,6 +7,8 @@
 #include <cstring>
 #include <memory>
 
+#include "quenor_base/platform/default/http_header_text.h"
+
 namespace quenor::http_address {
 namespace {
 
@@ -99,6 +101,21 @@ std::string UrlProblem(const std::string& url) {
     return what + "its zone is no interface's name" + hint;
   }
   return std::string();
+}
+
+bool IsUnencrypted(const std::string& url) {
+  return !http_header_text::EqualsNoCase(url.substr(0, 6), "https:");
+}
+
+bool IsLoopback(const std::string& url) {
+  const ParsedUrl parsed = NewUrl();
+  if (parsed == nullptr || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) {
+    return false;
+  }
+  const std::string host = PartOf(parsed, CURLUPART_HOST).text;
+  in_addr v4;
+  if (inet_pton(AF_INET, host.c_str(), &v4) == 1) return ntohl(v4.s_addr) >> 24 == 127;
+  return host == "localhost" || host == "[::1]";
 }
 
 std::string LoggableUrl(const std::string& url) {

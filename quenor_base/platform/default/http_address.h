@@ -13,6 +13,12 @@ namespace quenor::http_address {
 // is in that.
 std::string UrlProblem(const std::string& url);
 
+// Whether a request to `url`, which has no problem, goes out without encryption.
+bool IsUnencrypted(const std::string& url);
+
+// Whether the host of `url`, which has no problem, is this machine.
+bool IsLoopback(const std::string& url);
+
 // A URL without user, password, query and fragment, as libcurl takes it apart: what may stand in a
 // log. Printable ASCII: any other byte is written as %XX.
 std::string LoggableUrl(const std::string& url);

@@ -602,6 +602,11 @@ class Engine {
     std::swap(defaults_, defaults);
     std::swap(identity_, identity);
   }
+  // True once in the process.
+  bool MayWarnOfPlainHttp() QUENOR_EXCLUDES(lock_) {
+    base::AutoLock hold(lock_);
+    return !std::exchange(warned_of_plain_http_, true);
+  }
   int64_t NextSerial() QUENOR_EXCLUDES(lock_) {
     base::AutoLock hold(lock_);
     return ++last_serial_;
@@ -672,6 +677,7 @@ class Engine {
   bool exiting_ QUENOR_GUARDED_BY(lock_) = false;       // AtExit() has run, or can no more.
   int64_t last_serial_ QUENOR_GUARDED_BY(lock_) = 0;
   LogPauses log_pauses_ QUENOR_GUARDED_BY(lock_);
+  bool warned_of_plain_http_ QUENOR_GUARDED_BY(lock_) = false;
   HttpDefaults defaults_ QUENOR_GUARDED_BY(lock_);
   std::shared_ptr<const ClientIdentity> identity_ QUENOR_GUARDED_BY(lock_) =
       std::make_shared<const ClientIdentity>();
@@ -1320,6 +1326,19 @@ std::string HttpClientCurl::UrlProblem(const std::string& url) {
     std::string problem = http_address::UrlProblem(url);
     if (!problem.empty()) return problem;
     Engine::Get()->SetGoodUrl(url);
+  }
+  if (http_address::IsUnencrypted(url)) {
+    if (settings_->defaults.require_tls) {
+      return "the URL is not encrypted and HttpDefaults::require_tls is set; give "
+             "https://HOST[:PORT]/PATH";
+    }
+    const bool leaves = !settings_->proxy.empty() || !http_address::IsLoopback(url);
+    if (leaves && Engine::Get()->MayWarnOfPlainHttp()) {
+      LocalLog(kLogError, kLogFile, __LINE__,
+               "http: requests to %s go out without encryption; give https://, and set "
+               "HttpDefaults::require_tls to have others refused",
+               http_address::LoggableUrl(url).c_str());
+    }
   }
   base::AutoLock hold(lock_);
   good_url_ = url;
