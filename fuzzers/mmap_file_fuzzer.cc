@@ -110,6 +110,7 @@ void SealExtent(Bytes* file, uint64_t offset) {
   ExtentHeader extent = At<ExtentHeader>(*file, offset);
   if (extent.magic != kExtentMagic) return;
   extent.check = CheckOf(extent);
+  extent.length = LengthWord((extent.length & UINT32_MAX) * kUnit, extent.epoch);
   Put(file, offset, extent);
 }
 
@@ -123,8 +124,7 @@ void SealOwner(Bytes* file, uint32_t owner, int which, bool agree) {
   const bool is_zero =
       std::all_of(first, first + sizeof seal, [](uint8_t byte) { return byte == 0; });
   if (is_zero || seal.check == kWriting) return;
-  const ExtentShape shape{seal.extent_size, seal.index_capacity};
-  const uint64_t index = seal.extent_offset + shape.index(seal.index == 1 ? 1 : 0);
+  const uint64_t index = seal.extent_offset + seal.index_at;
   const uint64_t index_size = uint64_t{seal.packets} * sizeof(uint64_t);
   if (seal.extent_offset < file->size() && Holds(*file, index, index_size)) {
     seal.index_check = Check(file->data() + index, index_size);
@@ -132,9 +132,8 @@ void SealOwner(Bytes* file, uint32_t owner, int which, bool agree) {
       ExtentHeader extent = At<ExtentHeader>(*file, seal.extent_offset);
       extent.magic = kExtentMagic;
       extent.owner = owner;
-      extent.index_capacity = seal.index_capacity;
-      extent.size = seal.extent_size;
       extent.epoch = seal.extent_epoch;
+      extent.length = LengthWord(seal.extent_size, seal.extent_epoch);
       Put(file, seal.extent_offset, extent);
     }
   }

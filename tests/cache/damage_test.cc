@@ -411,12 +411,9 @@ TEST_F(MmapFileForeignTest, HeirOfADamagedContentDoesNotReplaceWhatHeCouldNotRea
       std::memcpy(&seal, bytes.data() + mmap_format::RecordOffset(owner) + which * sizeof seal,
                   sizeof seal);
       if (seal.check != mmap_format::CheckOf(seal) || seal.packets != 10) continue;
-      const mmap_format::ExtentShape shape{seal.extent_size, seal.index_capacity};
       std::FILE* const out = std::fopen(path_.c_str(), "r+b");
       ASSERT_NE(nullptr, out);
-      std::fseek(out,
-                 static_cast<long>(seal.extent_offset + shape.index(static_cast<int>(seal.index))),
-                 SEEK_SET);
+      std::fseek(out, static_cast<long>(seal.extent_offset + seal.index_at), SEEK_SET);
       std::fputc(1, out);
       std::fclose(out);
     }

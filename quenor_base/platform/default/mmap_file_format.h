@@ -1,11 +1,12 @@
 // The memory-mapped cache file as it lies on the disk. Page: docs/formats/mmap-file.md.
 //
 //   table    16 KiB: 64 records of 256 bytes; the first is the header, the others are owners
-//   extents  multiples of 16 KiB, each one owner's: header, two indexes, two areas of packets
+//   extents  multiples of 16 KiB, each one owner's: head, two short indexes, packets and long
+//   indexes
 //
 // An owner's content is what his seal in force says: the valid one of his two with the larger save
-// number. A seal names an extent and the index in it; the index names packets, in order. Nothing
-// that a seal in force names is ever overwritten.
+// number. A seal names an extent and an index in it; the index names packets, in order. Nothing
+// that a seal in force names is ever overwritten. How long an extent is, its head alone says.
 #ifndef QUENOR_BASE_PLATFORM_DEFAULT_MMAP_FILE_FORMAT_H_
 #define QUENOR_BASE_PLATFORM_DEFAULT_MMAP_FILE_FORMAT_H_
 
@@ -28,7 +29,7 @@ constexpr uint64_t kRecordSize = 256;
 constexpr uint32_t kOwners = 63;
 constexpr uint64_t kTableSize = (kOwners + 1) * kRecordSize;
 constexpr uint64_t kUnit = 16384;  // Of extents: the largest page size in common use.
-constexpr uint32_t kVersion = 1;
+constexpr uint32_t kVersion = 2;
 
 constexpr uint64_t kHeaderMagic = 0x1a4d726f6e657571;  // "quenorM\x1a"
 constexpr uint64_t kExtentMagic = 0x1a58726f6e657571;  // "quenorX\x1a"
@@ -46,17 +47,19 @@ struct Header {
   uint32_t owners;
   uint64_t check;             // Of the 24 bytes before it.
   uint64_t next_save_number;  // Taken by every save of every owner. Not under the check.
+  // The process that holds the table's lock; 0: none. For messages; a killed one leaves its number.
+  uint32_t lock_holder;
+  uint32_t spare;
 };
-static_assert(sizeof(Header) == 40);
+static_assert(sizeof(Header) == 48);
 
 struct Seal {
   uint64_t save_number;
   uint64_t superseded;     // Bit n: what owner n holds is part of this content, and void there.
   uint64_t extent_offset;  // In the file; 0: no extent, no packet.
-  uint64_t extent_size;
+  uint64_t extent_size;    // When it was sealed; where the head is damaged, nothing else tells.
   uint64_t extent_epoch;
-  uint32_t index_capacity;  // Entries of each index of the extent.
-  uint32_t index;           // 0 or 1.
+  uint64_t index_at;  // In the extent.
   uint32_t packets;
   uint32_t spare;
   uint64_t index_check;  // Of the entries of that index.
@@ -88,12 +91,14 @@ enum ExtentState : uint64_t {
 struct ExtentHeader {
   uint64_t magic;
   uint32_t owner;
-  uint32_t index_capacity;
-  uint64_t size;
+  uint32_t spare;
   uint64_t epoch;  // A save number, taken when the extent was made.
-  uint64_t check;  // Of the 32 bytes before it.
+  uint64_t check;  // Of the 24 bytes before it.
+  // LengthWord(): one store makes the extent longer or shorter. Not under the check; written with
+  // the table's lock held.
+  uint64_t length;
   uint64_t state;  // Not under the check.
-  uint64_t spare[2];
+  uint64_t more_spare[2];
 };
 static_assert(sizeof(ExtentHeader) == 64);
 
@@ -132,18 +137,24 @@ inline uint32_t CheckOf(const PacketHeader& header) {
   return static_cast<uint32_t>(XXH3_64bits(bytes, sizeof bytes));
 }
 
-// The parts of an extent, as offsets in it.
-struct ExtentShape {
-  uint64_t size = 0;
-  uint32_t capacity = 0;
+// How many units an extent has, with a check of its own.
+inline uint64_t LengthWord(uint64_t size, uint64_t epoch) {
+  const uint64_t bytes[2] = {size / kUnit, epoch};
+  return size / kUnit | XXH3_64bits(bytes, sizeof bytes) << 32;
+}
+// In bytes; 0 when the check is wrong.
+inline uint64_t SizeOf(const ExtentHeader& header) {
+  const uint64_t size = (header.length & UINT32_MAX) * kUnit;
+  return header.length == LengthWord(size, header.epoch) ? size : 0;
+}
 
-  uint64_t index(int which) const {
-    return sizeof(ExtentHeader) + static_cast<uint64_t>(which) * capacity * sizeof(uint64_t);
-  }
-  uint64_t area_size() const { return (size - index(2)) / 16 * 8; }
-  uint64_t area(int which) const { return index(2) + static_cast<uint64_t>(which) * area_size(); }
-  bool IsSane() const { return size >= kUnit && size % kUnit == 0 && index(2) < size; }
-};
+// In the first page of an extent, which loses its bytes last: the head and two indexes, each for so
+// many packets. An index of more stands among the packets.
+constexpr uint64_t kPacketsBegin = 4096;
+constexpr uint64_t kShortIndex = (kPacketsBegin - sizeof(ExtentHeader)) / 2 / sizeof(uint64_t);
+constexpr uint64_t ShortIndexAt(int which) {
+  return sizeof(ExtentHeader) + static_cast<uint64_t>(which) * kShortIndex * sizeof(uint64_t);
+}
 
 constexpr uint64_t RecordOffset(uint32_t owner) { return owner * kRecordSize; }
 

@@ -19,6 +19,8 @@
 #include "quenor_base/platform/default/cache_names_posix.h"
 #include "quenor_base/platform/default/mmap_file_format.h"
 #include "quenor_base/platform/default/mmap_file_reader.h"
+#include "quenor_base/platform/default/mmap_file_room.h"
+#include "quenor_base/platform/default/mmap_file_table.h"
 #include "quenor_base/platform/default/nothrow_array.h"
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/multi_process_safety_mmap_file.h"
@@ -28,10 +30,12 @@ namespace {
 
 using cache_io::Durability;
 using cache_io::RecoveredPath;
+using mmap_format::Extent;
 using mmap_format::ExtentHeader;
-using mmap_format::ExtentShape;
 using mmap_format::Header;
 using mmap_format::kOwners;
+using mmap_format::kPacketsBegin;
+using mmap_format::kShortIndex;
 using mmap_format::kTableSize;
 using mmap_format::kUnit;
 using mmap_format::OwnerRecord;
@@ -43,6 +47,8 @@ using mmap_format::Range;
 using mmap_format::RecordOffset;
 using mmap_format::RoundUp;
 using mmap_format::Seal;
+using mmap_format::ShortIndexAt;
+using mmap_format::StoreLast;
 
 constexpr char kLogSource[] = "quenor_base/platform/default/mmap_file_posix";
 constexpr char kTryLater[] = "it stays as it is; the next start tries again";
@@ -50,20 +56,17 @@ constexpr int kOpenWaitMs = 5000;
 constexpr int kSaveWaitMs = 1000;
 constexpr int kOpenAttempts = 16;
 constexpr uint64_t kMostAnnounced = uint64_t{1} << 40;
-constexpr uint64_t kFewestIndexEntries = 256;
-// An extent of more than so many times what its content needs is left for a smaller one.
-constexpr uint64_t kShrinkAt = 16;
-constexpr uint64_t kNeverShrunk = 4 * kUnit;
-// No packet begins in it: the head of an extent and its indexes are longer.
-constexpr uint64_t kHeadErasedLast = 4096;
-static_assert(kHeadErasedLast <= sizeof(ExtentHeader) + 2 * kFewestIndexEntries * sizeof(uint64_t));
+// An extent is made longer up to, and shorter from so many times what its content needs, halves of
+// it, and so many bytes more. Together with the table that is the file's bound: see the page.
+constexpr uint64_t kLongestHalves = 4;
+constexpr uint64_t kShrinkHalves = 5;
+constexpr uint64_t kLongestMore = kUnit;
+constexpr uint64_t kShrinkMore = 2 * kUnit;
+constexpr uint64_t kNeverShrunk = 3 * kUnit;
 // Searches of the whole old content that may fail in one save before only the next few packets are
 // compared: a save of nothing but new packets must not compare each with every old one.
 constexpr int kFullSearches = 2;
 constexpr size_t kShortSearch = 4;
-// What records can name: two seals and two reservations each, and all room when one is damaged.
-constexpr size_t kMostRanges = 5 * kOwners;
-
 constexpr uint64_t Bit(uint32_t owner) { return uint64_t{1} << owner; }
 
 // Where a packet of this owner's stands in his extent.
@@ -142,47 +145,25 @@ class Entries {
   size_t first_ = 0;
 };
 
+// What an index of so many packets takes up.
+constexpr uint64_t IndexRoom(uint64_t packets) { return packets * sizeof(uint64_t); }
+
+// Where an index of an extent stands, and for how many packets.
+struct IndexPlace {
+  uint64_t at = 0;
+  uint64_t capacity = 0;  // 0: nowhere.
+  bool is_long() const { return at >= kPacketsBegin; }
+};
+
+const uint8_t* BodyOf(const Extent& extent, const Entry& entry) {
+  return extent.at(entry.offset) + sizeof(PacketHeader);
+}
+
 uint64_t RoomOf(const Entry* begin, const Entry* end) {
   uint64_t room = 0;
   for (const Entry* entry = begin; entry != end; ++entry) room += PacketRoom(entry->length);
   return room;
 }
-
-// Where an extent was: its epoch tells whether it is still there.
-struct Room {
-  uint64_t offset;  // In the file; 0: nowhere.
-  uint64_t size;
-  uint64_t epoch;
-};
-
-// An extent of this owner's, mapped.
-struct Extent {
-  cache_io::Mapping map;
-  uint64_t file_offset = 0;  // 0: none.
-  uint64_t epoch = 0;
-  ExtentShape shape;
-
-  explicit operator bool() const { return file_offset != 0; }
-  uint8_t* at(uint64_t offset) const { return map.data() + offset; }
-  const uint8_t* body(const Entry& entry) const { return at(entry.offset) + sizeof(PacketHeader); }
-  ExtentHeader* header() const { return reinterpret_cast<ExtentHeader*>(map.data()); }
-  Room room() const { return {file_offset, shape.size, epoch}; }
-  void Reset() {
-    map.Unmap();
-    file_offset = epoch = 0;
-    shape = ExtentShape();
-  }
-  void swap(Extent& other) {
-    map.swap(other.map);
-    std::swap(file_offset, other.file_offset);
-    std::swap(epoch, other.epoch);
-    std::swap(shape, other.shape);
-  }
-};
-
-// release: whoever sees `value`, in this process's remains or in another process, sees every store
-// before it.
-void StoreLast(uint64_t* to, uint64_t value) { __atomic_store_n(to, value, __ATOMIC_RELEASE); }
 
 [[gnu::cold]] void LogFailure(int line, const char* what, const std::string& path, int error,
                               const char* advice) {
@@ -204,6 +185,7 @@ struct MultiProcessSafetyMmapFile::State {
 
   // --- Opening -----------------------------------------------------------------------------------
   [[gnu::cold]] bool Open(Claim claim);
+  [[gnu::cold]] void TellNoLock(int error);
   [[gnu::cold]] bool OpenFile(bool* try_again);
   [[gnu::cold]] Outcome OpenLocked(Claim claim);
   [[gnu::cold]] Outcome SetNewerAside(uint32_t version);
@@ -221,29 +203,9 @@ struct MultiProcessSafetyMmapFile::State {
   [[gnu::cold]] bool MapOwnExtent();
 
   // --- Records -----------------------------------------------------------------------------------
-  Header* header() const { return reinterpret_cast<Header*>(table.data()); }
-  OwnerRecord* record(uint32_t owner) const {
-    return reinterpret_cast<OwnerRecord*>(table.data() + RecordOffset(owner));
-  }
-  [[gnu::cold]] OwnerView View(uint32_t owner) const;
-  uint64_t NextSaveNumber() const;
-  void WriteSeal(uint32_t owner, int which, const Seal& seal) const;
-  void ReplaceSeal(uint32_t owner, int in_force_now, Seal seal) const;
-  bool FlushTable() const { return table.Flush(0, kTableSize, durability); }
-
-  // --- Room in the file --------------------------------------------------------------------------
-  bool MakeExtent(uint64_t area_bytes, uint64_t packets, Extent* extent) const;
-  void WriteExtentHeader(const Extent& extent, uint64_t state) const;
-  bool ReserveRange(uint64_t size, uint64_t* offset) const;
-  [[gnu::cold]] bool ReserveLocked(uint64_t size, uint64_t* offset) const;
-  [[gnu::cold]] bool UsedRanges(NothrowArray<Range>* used) const;
-  [[gnu::cold]] bool IsFreeUnit(uint64_t at, uint64_t gap_end, uint64_t* skip) const;
-  [[gnu::cold]] bool FreeRange(uint64_t begin, uint64_t end, uint64_t gap_end) const;
-  [[gnu::cold]] bool EraseExtent(uint64_t offset, uint64_t size) const;
+  OwnerView View(uint32_t owner) const { return table.View(owner); }
+  bool FlushTable() const { return table.Flush(durability); }
   void Discard(Extent* extent) const;
-  void DropReservation(uint64_t offset) const;
-  [[gnu::cold]] void GiveBack(const Room& room) const;
-  [[gnu::cold]] bool IsStillThere(const Room& room) const;
   [[gnu::cold]] void GiveBackIfEmpty();
 
   // --- Saving ------------------------------------------------------------------------------------
@@ -252,6 +214,7 @@ struct MultiProcessSafetyMmapFile::State {
   bool Append(const MmapDataPacket& packet);
   bool LookAgain(bool* is_there) const;
   [[gnu::cold]] bool Reopen();
+  void ForgetSave();
   void VoidSave();
   Extent& target() { return building ? building : current; }
   const Entry* Find(const MmapDataPacket& packet, uint64_t glance);
@@ -263,18 +226,28 @@ struct MultiProcessSafetyMmapFile::State {
   bool ContinuesOld() const;
   bool Assemble();
   bool AssembleAsNew();
-  bool HasRoom(uint64_t room);
-  bool MakeRoom(uint64_t room);
-  void SwitchArea();
-  bool MoveToNewExtent(uint64_t room);
-  void CopyNext(const Extent& from, const Extent& to, int to_area);
+  bool HasRoom(uint64_t bytes) const { return next_at + bytes <= gap_end; }
+  [[gnu::cold]] bool MakeRoom(uint64_t bytes);
+  [[gnu::cold]] bool UseGap(uint64_t at_least);
+  [[gnu::cold]] bool FindUsed();
+  [[gnu::cold]] bool AddUsed(const Entry* begin, const Entry* end);
+  [[gnu::cold]] bool LengthenFor(uint64_t bytes, uint64_t more);
+  [[gnu::cold]] bool MoveToNewExtent(uint64_t bytes);
+  uint64_t Needed() const;
+  uint64_t PlacedRoom() const;
+  bool ChooseIndex();
+  bool FlushWritten();
+  void CopyNext(const Extent& from, const Extent& to, uint64_t at);
   bool SealSave();
   void RetireOldPackets();
   void Retire(size_t begin, size_t end) const;
+  void RetireOne(const Entry& entry) const;
   bool IsKeptElsewhere(const Entry& dropped) const;
   void FinishMove(bool is_flushed);
   void FinishTakeOver();
   void ShrinkIfWasteful();
+  [[gnu::cold]] void Shrink(uint64_t needed, uint64_t most);
+  [[gnu::cold]] bool CutOff(uint64_t needed, uint64_t most);
   [[gnu::cold]] void TellSaveFailed(int line);
 
   // --- Reading -----------------------------------------------------------------------------------
@@ -284,11 +257,14 @@ struct MultiProcessSafetyMmapFile::State {
   const uint64_t wished_bytes;
   Durability durability = Durability::kProcess;
   cache_io::Descriptor file;
-  cache_io::Mapping table;
-  uint32_t own = 0;      // This owner's record; 0: none.
-  int in_force = 0;      // Of its seals.
-  uint32_t index = 0;    // The index that the seal in force names.
-  uint64_t claimed = 0;  // Bit n: owner n's content is part of what Open() found, and locked.
+  mmap_format::Table table;
+  mmap_format::TableLock table_lock;
+  mmap_format::Room room{file, table, table_lock};
+  uint32_t own = 0;        // This owner's record; 0: none.
+  int in_force = 0;        // Of its seals.
+  IndexPlace index;        // That the seal in force names,
+  IndexPlace spare_index;  // and a long one that nothing names, for the next save.
+  uint64_t claimed = 0;    // Bit n: owner n's content is part of what Open() found, and locked.
 
   // The content as Open() found it.
   mmap_format::PacketPlaces to_read;
@@ -297,13 +273,14 @@ struct MultiProcessSafetyMmapFile::State {
   bool may_read = true;
   bool may_save = true;
 
-  // The content in force, all of it in one area of `current`.
+  // The content in force, all of it in `current`.
   Extent current;
   Entries sealed;
   uint64_t sealed_room = 0;  // That its packets take up.
   bool is_shared = false;    // One packet may be there more than once, at one place in the extent.
-  int area = 0;
-  uint64_t append_at = 0;  // Behind its last packet.
+  uint64_t append_at =
+      0;  // Nothing of it is in [append_at, append_end): the next save begins there.
+  uint64_t append_end = 0;
 
   // The save under way.
   bool is_saving = false;
@@ -325,11 +302,13 @@ struct MultiProcessSafetyMmapFile::State {
   const Entry* run_next = nullptr;
   const Entry* run_end = nullptr;
   bool is_disordered = false;  // The old ones do not come in the order of the old content.
-  int next_area = 0;
-  uint64_t next_begin = 0;  // What this save has written: [next_begin, next_at).
+  IndexPlace next_index;
+  uint64_t next_begin = 0;  // What this save has written last: [next_begin, next_at).
   uint64_t next_at = 0;
-  bool copy_all = false;  // It is not where the old content is: nothing there can be named.
-  size_t cursor = 0;      // Where in the old content the next packet is looked for first.
+  uint64_t gap_end = 0;      // New packets of it may go to [next_at, gap_end) of target().
+  uint64_t size_before = 0;  // Of `current`, when the save began.
+  NothrowArray<Range> used;  // Where target() has what must stay.
+  size_t cursor = 0;         // Where in the old content the next packet is looked for first.
   int failed_searches = 0;
   uint64_t new_bytes = 0;       // Room of the packets that the old content does not have.
   uint64_t last_new_bytes = 0;  // Likewise, of the save before.
@@ -367,8 +346,10 @@ void MultiProcessSafetyMmapFile::State::Detach() {
   sealed.Clear();
   sealed_room = 0;
   is_shared = false;
-  area = 0;
-  append_at = 0;
+  index = spare_index = IndexPlace();
+  append_at = append_end = 0;
+  size_before = 0;
+  ForgetSave();
   last_new_bytes = 0;
 }
 
@@ -383,17 +364,16 @@ bool MultiProcessSafetyMmapFile::State::Open(Claim claim) {
                cache_io::WhyNotOpened(errno).c_str());
       return false;
     }
-    if (!cache_io::WaitLock(file.fd(), 0, 1, kOpenWaitMs)) {
-      LogFailure(__LINE__, "lock", path, errno,
-                 errno == EAGAIN ? "another process has held its lock for 5 s; end or resume it"
-                                 : "put the cache folder on a file system that has such locks");
+    if (!table_lock.Take(file, claim == Claim::kTake ? kOpenWaitMs : kSaveWaitMs)) {
+      TellNoLock(errno);
+      Detach();
       return false;
     }
     // Someone may have set the file aside since it was opened.
     const Outcome outcome =
         cache_io::IsStillAt(file.fd(), path) ? OpenLocked(claim) : Outcome::kTryAgain;
     if (outcome == Outcome::kDone) {
-      cache_io::Unlock(file.fd(), 0, 1);
+      table_lock.Drop(file, table);
       return true;
     }
     Detach();
@@ -403,6 +383,17 @@ bool MultiProcessSafetyMmapFile::State::Open(Claim claim) {
            "cache: cannot open %s: it was replaced %d times meanwhile; end what replaces it",
            path.c_str(), kOpenAttempts);
   return false;
+}
+
+void MultiProcessSafetyMmapFile::State::TellNoLock(int error) {
+  if (told_failure) return;
+  if (error == EAGAIN) {
+    LocalLog(2, kLogSource, __LINE__, "cache: cannot open %s: %s; resume or end that process",
+             path.c_str(), table_lock.WhoHasIt(table).c_str());
+  } else {
+    LogFailure(__LINE__, "lock", path, error,
+               "put the cache folder on a file system that has such locks");
+  }
 }
 
 // False with errno, or with `*try_again`.
@@ -451,6 +442,7 @@ MultiProcessSafetyMmapFile::State::Outcome MultiProcessSafetyMmapFile::State::Op
     if (survey.damage != nullptr) return Repair(survey, reader);
     unlink(RecoveredPath(path).c_str());  // Left by a repair that was killed before its renames.
   }
+  room.Begin(0, durability);
   if (!PrepareTable(reader)) {
     LogFailure(__LINE__, "make room for", path, errno, "free some space on the disk");
     return Outcome::kFailed;
@@ -549,9 +541,11 @@ bool MultiProcessSafetyMmapFile::State::WriteGroup(const mmap_format::Survey& su
 }
 
 bool MultiProcessSafetyMmapFile::State::PrepareTable(const mmap_format::Reader& reader) {
-  if (!cache_io::Allocate(file.fd(), 0, kTableSize) || !table.Map(file, 0, kTableSize)) {
+  if (!cache_io::Allocate(file.fd(), 0, kTableSize) || !table.Map(file)) {
     return false;
   }
+  table_lock.SignAs(table);
+  Header* const header = table.header();
   Header wanted = {};
   wanted.magic = mmap_format::kHeaderMagic;
   wanted.version = mmap_format::kVersion;
@@ -561,16 +555,16 @@ bool MultiProcessSafetyMmapFile::State::PrepareTable(const mmap_format::Reader& 
   wanted.check = mmap_format::CheckOf(wanted);
   // Also where someone has written over it while owners live: they know their places by heart.
   const size_t fixed = offsetof(Header, next_save_number);
-  if (std::memcmp(header(), &wanted, fixed) != 0) {
+  if (std::memcmp(header, &wanted, fixed) != 0) {
     const size_t behind_magic = sizeof wanted.magic;
-    std::memcpy(reinterpret_cast<uint8_t*>(header()) + behind_magic,
+    std::memcpy(reinterpret_cast<uint8_t*>(header) + behind_magic,
                 reinterpret_cast<const uint8_t*>(&wanted) + behind_magic, fixed - behind_magic);
-    StoreLast(&header()->magic, wanted.magic);
+    StoreLast(&header->magic, wanted.magic);
   }
   const uint64_t unused = reader.LargestSaveNumber() + 1;
-  const uint64_t next_number = __atomic_load_n(&header()->next_save_number, __ATOMIC_RELAXED);
+  const uint64_t next_number = __atomic_load_n(&header->next_save_number, __ATOMIC_RELAXED);
   if (next_number < unused || next_number >= mmap_format::kSaveNumberLimit) {
-    __atomic_store_n(&header()->next_save_number, unused, __ATOMIC_RELAXED);
+    __atomic_store_n(&header->next_save_number, unused, __ATOMIC_RELAXED);
   }
   return true;
 }
@@ -602,7 +596,7 @@ void MultiProcessSafetyMmapFile::State::SettleDeadOwners(uint64_t dead) {
   uint64_t superseded = 0;
   for (uint32_t owner = 1; owner <= kOwners; ++owner) {
     if ((dead & Bit(owner)) == 0) continue;
-    for (mmap_format::Reservation& reserved : record(owner)->reserved) {
+    for (mmap_format::Reservation& reserved : table.record(owner)->reserved) {
       if (reserved.size != 0) reserved.size = 0;
     }
     const OwnerView view = View(owner);
@@ -618,7 +612,8 @@ void MultiProcessSafetyMmapFile::State::SettleDeadOwners(uint64_t dead) {
     const OwnerView voided = View(owner);
     if ((superseded & Bit(owner)) == 0) continue;
     if (voided.in_force < 0 && voided.damage == nullptr) continue;
-    ReplaceSeal(owner, std::max(voided.in_force, 0), Seal());  // Also in place of a damaged one.
+    table.ReplaceSeal(owner, std::max(voided.in_force, 0),
+                      Seal());  // Also in place of a damaged one.
   }
   if (heirs != 0) (void)FlushTable();
   for (uint32_t owner = 1; owner <= kOwners; ++owner) {
@@ -626,7 +621,7 @@ void MultiProcessSafetyMmapFile::State::SettleDeadOwners(uint64_t dead) {
     if ((heirs & Bit(owner)) == 0 || view.in_force < 0) continue;
     Seal seal = view.seal();
     seal.superseded = 0;
-    ReplaceSeal(owner, view.in_force, seal);
+    table.ReplaceSeal(owner, view.in_force, seal);
   }
 }
 
@@ -699,7 +694,7 @@ bool MultiProcessSafetyMmapFile::State::TakeContent(uint32_t owner, mmap_format:
   }
   own = owner;
   in_force = view.in_force;
-  index = view.seal().index;
+  index = {view.seal().index_at, view.seal().packets};
   for (const PacketPlace& place : to_read) {
     const uint64_t offset = place.header_offset - view.seal().extent_offset;
     if (!sealed.Push(Entry{offset, place.body_check, 0, place.length, false})) return false;
@@ -711,17 +706,16 @@ bool MultiProcessSafetyMmapFile::State::TakeEmptyRecord(uint64_t dead) {
   for (uint32_t owner = 1; owner <= kOwners; ++owner) {
     const OwnerView view = View(owner);
     if ((dead & Bit(owner)) == 0 || view.has_content() || view.damage != nullptr) continue;
+    if (view.in_force >= 0 && !room.Knows(view.seal())) continue;
     own = owner;
     if (view.in_force >= 0) {
       in_force = view.in_force;
-      index = view.seal().index;
       return true;
     }
     Seal nothing = {};
-    nothing.save_number = NextSaveNumber();
+    nothing.save_number = table.NextSaveNumber();
     in_force = 0;
-    index = 0;
-    WriteSeal(own, in_force, nothing);
+    table.WriteSeal(own, in_force, nothing);
     return true;
   }
   errno = EUSERS;
@@ -729,291 +723,44 @@ bool MultiProcessSafetyMmapFile::State::TakeEmptyRecord(uint64_t dead) {
 }
 
 bool MultiProcessSafetyMmapFile::State::MapOwnExtent() {
+  room.Begin(own, durability);
   const Seal seal = View(own).seal();
   if (seal.extent_offset == 0) return true;
-  // The file may come from a copy that left holes.
-  if (!cache_io::Allocate(file.fd(), seal.extent_offset, seal.extent_size) ||
-      !current.map.Map(file, seal.extent_offset, seal.extent_size)) {
-    return false;
-  }
-  current.file_offset = seal.extent_offset;
-  current.epoch = seal.extent_epoch;
-  current.shape = ExtentShape{seal.extent_size, seal.index_capacity};
+  if (!room.MapSealed(seal, &current)) return false;
+  size_before = current.size();
   // What this owner's saves will name without writing it anew.
   if (durability == Durability::kOnDisk && !cache_io::SyncFile(file.fd())) return false;
-  WriteExtentHeader(current, mmap_format::kInUse);
-  area = !sealed.empty() && sealed[0].offset >= current.shape.area(1) ? 1 : 0;
-  append_at = current.shape.area(area);
   uint64_t last = 0;
   for (Entry& entry : sealed) {
     is_shared = is_shared || entry.offset <= last;
     last = entry.offset;
-    append_at = std::max(append_at, entry.offset + PacketRoom(entry.length));
     sealed_room += PacketRoom(entry.length);
-    entry.glance = Glance(current.body(entry), entry.length);
+    entry.glance = Glance(BodyOf(current, entry), entry.length);
   }
   return true;
-}
-
-// Records -----------------------------------------------------------------------------------------
-
-// A live owner may be writing, and moving: only two copies that agree are of one instant, because
-// save numbers only grow.
-OwnerView MultiProcessSafetyMmapFile::State::View(uint32_t owner) const {
-  constexpr int kMostCopies = 1000;
-  OwnerRecord copies[2];
-  std::memcpy(static_cast<void*>(&copies[0]), record(owner), sizeof copies[0]);
-  for (int i = 1; i < kMostCopies; ++i) {
-    __atomic_thread_fence(__ATOMIC_ACQUIRE);  // Pairs with StoreLast().
-    std::memcpy(static_cast<void*>(&copies[i % 2]), record(owner), sizeof copies[0]);
-    if (std::memcmp(&copies[0], &copies[1], sizeof copies[0]) == 0) {
-      return mmap_format::ViewOf(copies[0]);
-    }
-  }
-  OwnerView view = mmap_format::ViewOf(copies[0]);
-  view.damage = "a record that never stays the same";
-  return view;
-}
-
-// relaxed: the numbers need only differ, and grow within one owner.
-uint64_t MultiProcessSafetyMmapFile::State::NextSaveNumber() const {
-  return __atomic_fetch_add(&header()->next_save_number, 1, __ATOMIC_RELAXED);
-}
-
-void MultiProcessSafetyMmapFile::State::WriteSeal(uint32_t owner, int which,
-                                                  const Seal& seal) const {
-  Seal* const to = &record(owner)->seals[which];
-  StoreLast(&to->check, mmap_format::kWriting);
-  __atomic_thread_fence(__ATOMIC_RELEASE);  // The mark comes before what it marks.
-  std::memcpy(to, &seal, offsetof(Seal, check));
-  StoreLast(&to->check, mmap_format::CheckOf(seal));
-}
-
-// Puts `seal` in force, under a new save number, and the one that was out of it for good.
-void MultiProcessSafetyMmapFile::State::ReplaceSeal(uint32_t owner, int in_force_now,
-                                                    Seal seal) const {
-  seal.save_number = NextSaveNumber();
-  WriteSeal(owner, 1 - in_force_now, seal);
-  StoreLast(&record(owner)->seals[in_force_now].check, mmap_format::kWriting);
-}
-
-// Room in the file --------------------------------------------------------------------------------
-
-// A new extent, mapped, whose areas each hold `area_bytes`, and which no seal names yet. False with
-// errno.
-bool MultiProcessSafetyMmapFile::State::MakeExtent(uint64_t area_bytes, uint64_t packets,
-                                                   Extent* extent) const {
-  const uint64_t capacity = std::max(kFewestIndexEntries, packets);
-  if (capacity > UINT32_MAX || area_bytes > kMostAnnounced) {
-    errno = EFBIG;
-    return false;
-  }
-  Extent made;
-  made.shape.capacity = static_cast<uint32_t>(capacity);
-  // 16 bytes more for what area_size() rounds away.
-  made.shape.size = RoundUp(made.shape.index(2) + 2 * RoundUp(area_bytes, 8) + 16, kUnit);
-  uint64_t offset;
-  if (!ReserveRange(made.shape.size, &offset)) return false;
-  if (!made.map.Map(file, offset, made.shape.size)) {
-    const int error = errno;
-    DropReservation(offset);
-    GiveBack({offset, made.shape.size, 0});
-    errno = error;
-    return false;
-  }
-  made.file_offset = offset;
-  made.epoch = NextSaveNumber();
-  WriteExtentHeader(made, mmap_format::kBuilding);
-  // On the disk before its packets are, which without a head would count as content that lost its
-  // seal.
-  if (durability == Durability::kOnDisk && !made.map.Flush(0, sizeof(ExtentHeader), durability)) {
-    const int error = errno;
-    Discard(&made);
-    errno = error;
-    return false;
-  }
-  extent->swap(made);
-  return true;
-}
-
-void MultiProcessSafetyMmapFile::State::WriteExtentHeader(const Extent& extent,
-                                                          uint64_t state) const {
-  ExtentHeader head = {};
-  head.magic = mmap_format::kExtentMagic;
-  head.owner = own;
-  head.index_capacity = extent.shape.capacity;
-  head.size = extent.shape.size;
-  head.epoch = extent.epoch;
-  head.check = mmap_format::CheckOf(head);
-  head.state = state;
-  std::memcpy(extent.header(), &head, sizeof head);
-}
-
-bool MultiProcessSafetyMmapFile::State::ReserveRange(uint64_t size, uint64_t* offset) const {
-  if (!cache_io::WaitLock(file.fd(), 0, 1, kSaveWaitMs)) return false;
-  const bool reserved = ReserveLocked(size, offset);
-  const int error = errno;
-  cache_io::Unlock(file.fd(), 0, 1);
-  errno = error;
-  return reserved;
-}
-
-// With the table's lock held. The first range that is long enough and surely free: what may be
-// content that has lost its seal is left alone.
-bool MultiProcessSafetyMmapFile::State::ReserveLocked(uint64_t size, uint64_t* offset) const {
-  NothrowArray<Range> used;
-  uint64_t file_size;
-  uint64_t links;
-  if (!UsedRanges(&used) || !cache_io::FileSize(file.fd(), &file_size, &links)) return false;
-  const size_t count = used.size();
-  if (!used.Push({UINT64_MAX, UINT64_MAX})) return false;
-  uint64_t at = kTableSize;
-  for (size_t i = 0; i <= count; ++i) {
-    const uint64_t gap_end = std::min(used[i].begin, file_size);
-    if (used[i].begin >= at + size && FreeRange(at, std::min(at + size, gap_end), gap_end)) break;
-    // Behind the last range in use, what is not free is passed over as a whole.
-    at = std::max(at, i < count ? used[i].end : RoundUp(file_size, kUnit));
-  }
-  mmap_format::Reservation* const slots = record(own)->reserved;
-  mmap_format::Reservation& slot = slots[0].size == 0 ? slots[0] : slots[1];
-  slot.offset = at;
-  StoreLast(&slot.size, size);  // Before there is anything to be taken for free.
-  *offset = at;
-  if (cache_io::Allocate(file.fd(), at, size)) return true;
-  const int error = errno;
-  slot.size = 0;
-  // Back with what was allocated before the disk was full.
-  if (at < file_size) (void)cache_io::ZeroRange(file.fd(), at, std::min(size, file_size - at));
-  (void)cache_io::Truncate(file.fd(), file_size);
-  errno = error;
-  return false;
-}
-
-// With the table's lock held. What any owner's record names, in order; the table itself excepted.
-// Leaves room for one range more.
-bool MultiProcessSafetyMmapFile::State::UsedRanges(NothrowArray<Range>* used) const {
-  if (!used->Reserve(kMostRanges + 1)) {
-    errno = ENOMEM;
-    return false;
-  }
-  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
-    const OwnerView view = View(owner);
-    for (int i = 0; i < 2; ++i) {
-      const Seal& seal = view.seals[i];
-      if (view.valid[i] && seal.extent_offset != 0) {
-        (void)used->Push({seal.extent_offset, seal.extent_offset + seal.extent_size});
-      }
-      if (view.reserved[i].end != 0) (void)used->Push(view.reserved[i]);
-    }
-    if (view.damage == nullptr) continue;
-    // Nobody can say what is his until a repair: only room behind the end is free.
-    uint64_t size;
-    uint64_t links;
-    if (!cache_io::FileSize(file.fd(), &size, &links)) return false;
-    (void)used->Push({kTableSize, std::max(kTableSize, RoundUp(size, kUnit))});
-  }
-  mmap_format::SortByBegin(used->begin(), used->end());
-  return true;
-}
-
-// With the table's lock held. Whether nothing of value starts at `at`, which no record names:
-// zeros, or an extent that was given back or whose owner died filling it, which are then made
-// zeros.
-// `*skip` is how far that holds.
-bool MultiProcessSafetyMmapFile::State::IsFreeUnit(uint64_t at, uint64_t gap_end,
-                                                   uint64_t* skip) const {
-  *skip = kUnit;
-  ExtentHeader head = {};
-  if (cache_io::ReadAt(file.fd(), &head, sizeof head, at) < 0) return false;
-  const ExtentHeader zeros = {};
-  if (std::memcmp(&head, &zeros, sizeof head) == 0) return true;
-  if (!mmap_format::IsSound(head, at) || !mmap_format::IsLeftOver(head, View(head.owner))) {
-    return false;
-  }
-  // All of it, whatever is wanted: without its head nobody could tell what the rest is.
-  *skip = std::min(head.size, gap_end - at);
-  return EraseExtent(at, *skip);
-}
-
-// With the table's lock held. Whether the range, part of a gap that no record names, is free.
-bool MultiProcessSafetyMmapFile::State::FreeRange(uint64_t begin, uint64_t end,
-                                                  uint64_t gap_end) const {
-  uint64_t skip;
-  for (uint64_t at = begin; at < end; at += skip) {
-    at = cache_io::NextData(file.fd(), at, end) / kUnit * kUnit;
-    if (at < end && !IsFreeUnit(at, gap_end, &skip)) return false;
-  }
-  return true;
-}
-
-// The head goes last: as long as anything is there, it tells what that is. With kOnDisk also after
-// a loss of power.
-bool MultiProcessSafetyMmapFile::State::EraseExtent(uint64_t offset, uint64_t size) const {
-  const uint64_t head = std::min(kHeadErasedLast, size);
-  if (size > head && !cache_io::ZeroRange(file.fd(), offset + head, size - head)) return false;
-  if (durability == Durability::kOnDisk && !cache_io::SyncFile(file.fd())) return false;
-  return cache_io::ZeroRange(file.fd(), offset, head);
 }
 
 // Of an extent that no seal has named. Marked and unmapped before it is nobody's: another may then
 // use it, or cut the file.
 void MultiProcessSafetyMmapFile::State::Discard(Extent* extent) const {
-  const Room room = extent->room();
+  const uint64_t offset = extent->file_offset;
+  const uint64_t epoch = extent->epoch;
   StoreLast(&extent->header()->state, mmap_format::kFree);
   extent->Reset();
-  DropReservation(room.offset);
-  GiveBack(room);
-}
-
-void MultiProcessSafetyMmapFile::State::DropReservation(uint64_t offset) const {
-  for (mmap_format::Reservation& slot : record(own)->reserved) {
-    if (slot.offset == offset) slot.size = 0;
-  }
-}
-
-// Of an extent that no record names any more. Free room reads as zeros, or is not there at all.
-// When the lock is not to be had, the extent's state tells the next who looks for room. By the time
-// it is, others may have used that room and left it again: what they left there has a head of its
-// own, and may be longer.
-void MultiProcessSafetyMmapFile::State::GiveBack(const Room& room) const {
-  if (!cache_io::WaitLock(file.fd(), 0, 1, kSaveWaitMs)) return;
-  NothrowArray<Range> used;
-  uint64_t file_size;
-  uint64_t links;
-  if (UsedRanges(&used) && cache_io::FileSize(file.fd(), &file_size, &links)) {
-    uint64_t end = kTableSize;
-    bool in_use = false;
-    for (const Range& range : used) {
-      end = std::max(end, range.end);
-      in_use = in_use || (range.begin < room.offset + room.size && range.end > room.offset);
-    }
-    if (!in_use && IsStillThere(room)) {
-      (void)EraseExtent(room.offset, std::min(room.size, file_size - room.offset));
-    }
-    if (end < file_size && FreeRange(end, file_size, file_size)) {
-      (void)cache_io::Truncate(file.fd(), end);
-    }
-  }
-  cache_io::Unlock(file.fd(), 0, 1);
-}
-
-// With the table's lock held.
-bool MultiProcessSafetyMmapFile::State::IsStillThere(const Room& room) const {
-  ExtentHeader head;
-  return cache_io::ReadAt(file.fd(), &head, sizeof head, room.offset) == sizeof head &&
-         mmap_format::IsSound(head, room.offset) && head.epoch == room.epoch &&
-         head.size == room.size;
+  room.DropReservation(offset);
+  room.GiveBack(offset, epoch);
 }
 
 // An owner that closes without content needs no room.
 void MultiProcessSafetyMmapFile::State::GiveBackIfEmpty() {
   if (!current || !sealed.empty() || claimed != 0 || !is_complete) return;
-  const Room room = current.room();
+  const uint64_t offset = current.file_offset;
+  const uint64_t epoch = current.epoch;
   // Marked and unmapped before it is nobody's: another may then use it, or cut the file.
   StoreLast(&current.header()->state, mmap_format::kFree);
   current.Reset();
-  ReplaceSeal(own, in_force, Seal());
-  if (FlushTable()) GiveBack(room);
+  table.ReplaceSeal(own, in_force, Seal());
+  if (FlushTable()) room.GiveBack(offset, epoch);
 }
 
 // Saving ------------------------------------------------------------------------------------------
@@ -1042,31 +789,42 @@ bool MultiProcessSafetyMmapFile::State::Clear(int64_t size) {
   }
   announced = static_cast<uint64_t>(size);
   appended = 0;
-  pieces.Clear();
-  added.Clear();
+  ForgetSave();
   next_count = 0;
   is_disordered = false;
-  next_area = area;
   next_begin = next_at = append_at;
-  copy_all = false;
+  gap_end = append_end;
   cursor = 0;
   failed_searches = 0;
   new_bytes = 0;
-  // Rather before anything is placed than in the middle; and content that is mostly new each time
-  // goes to and fro between the same bytes, which the processor then has at hand.
+  // Content that is mostly new each time goes to and fro between the same bytes, which the
+  // processor then has at hand.
   const bool will_be_new = last_new_bytes > 0 && 2 * last_new_bytes >= sealed_room;
-  if (current && (will_be_new || !HasRoom(last_new_bytes)) &&
-      2 * last_new_bytes <= current.shape.area_size()) {
-    SwitchArea();
+  if (current && will_be_new && !UseGap(last_new_bytes) && errno == ENOMEM) {
+    TellSaveFailed(__LINE__);
+    return false;
   }
   is_saving = true;
   return size > 0 || SealSave();
 }
 
+void MultiProcessSafetyMmapFile::State::ForgetSave() {
+  added.Clear();
+  pieces.Clear();
+  next_index = IndexPlace();
+}
+
+// What it has written was never in a save: where damage leaves no index to tell, it must not count.
 void MultiProcessSafetyMmapFile::State::VoidSave() {
   is_saving = false;
   run = run_next = run_end = nullptr;
-  if (building) Discard(&building);
+  if (building) {
+    Discard(&building);
+  } else {
+    for (const Entry& entry : added) RetireOne(entry);
+  }
+  ForgetSave();
+  if (current.size() > size_before) (void)room.Shorten(size_before, &current);
 }
 
 // The usual packet of a save: what follows the one before it in the old content too. Costs little
@@ -1077,7 +835,7 @@ inline bool MultiProcessSafetyMmapFile::State::TakeNextOfOld(const MmapDataPacke
   if (entry == run_end || entry->length != packet.size || packet.data == nullptr) return false;
   const uint64_t with_this = appended + packet.size + 4;
   if (with_this >= announced || file.is_orphan()) return false;
-  if (std::memcmp(current.body(*entry), packet.data, packet.size) != 0) return false;
+  if (std::memcmp(BodyOf(current, *entry), packet.data, packet.size) != 0) return false;
   run_next = entry + 1;
   appended = with_this;
   return true;
@@ -1108,8 +866,8 @@ bool MultiProcessSafetyMmapFile::State::LookAgain(bool* is_there) const {
   uint64_t size = 0;
   const cache_io::Name name = cache_io::AskName(file, path, &size);
   if (name == cache_io::Name::kUnknown) return false;
-  const uint64_t end = std::max({kTableSize, current.file_offset + current.shape.size,
-                                 building.file_offset + building.shape.size});
+  const uint64_t end = std::max(
+      {kTableSize, current.file_offset + current.size(), building.file_offset + building.size()});
   *is_there = name == cache_io::Name::kOurs && size >= end;
   return true;
 }
@@ -1143,7 +901,7 @@ const Entry* MultiProcessSafetyMmapFile::State::Find(const MmapDataPacket& packe
     if (at >= count) at = 0;
     const Entry& entry = sealed[at];
     if (entry.glance != glance || entry.length != packet.size) continue;
-    if (packet.size != 0 && std::memcmp(current.body(entry), packet.data, packet.size) != 0) {
+    if (packet.size != 0 && std::memcmp(BodyOf(current, entry), packet.data, packet.size) != 0) {
       continue;
     }
     cursor = at + 1;
@@ -1165,13 +923,13 @@ void MultiProcessSafetyMmapFile::State::EndRun() {
 
 bool MultiProcessSafetyMmapFile::State::Place(const MmapDataPacket& packet) {
   EndRun();
-  const uint64_t room = PacketRoom(packet.size);
+  const uint64_t bytes = PacketRoom(packet.size);
   const uint64_t glance = Glance(packet.data, packet.size);
   const Entry* const old = Find(packet, glance);
-  if (old != nullptr && !copy_all && next_count < current.shape.capacity) {
+  if (old != nullptr && !building) {
     return NameOld(static_cast<size_t>(old - sealed.begin()));
   }
-  if (!HasRoom(room) && !MakeRoom(room)) return false;
+  if (!HasRoom(bytes) && !MakeRoom(bytes)) return false;
   PacketHeader head = {};
   head.magic = mmap_format::kPacketMagic;
   head.state = mmap_format::kLive;
@@ -1182,8 +940,8 @@ bool MultiProcessSafetyMmapFile::State::Place(const MmapDataPacket& packet) {
   uint8_t* const to = target().at(next_at);
   std::memcpy(to, &head, sizeof head);
   if (packet.size != 0) std::memcpy(to + sizeof head, packet.data, packet.size);
-  next_at += room;
-  if (old == nullptr) new_bytes += room;
+  next_at += bytes;
+  if (old == nullptr) new_bytes += bytes;
   return true;
 }
 
@@ -1244,46 +1002,143 @@ bool MultiProcessSafetyMmapFile::State::AssembleAsNew() {
   return pieces.Push(Piece{0, added.size(), true});
 }
 
-bool MultiProcessSafetyMmapFile::State::HasRoom(uint64_t room) {
-  const Extent& extent = target();
-  return extent && next_count < extent.shape.capacity &&
-         next_at + room <= extent.shape.area(next_area) + extent.shape.area_size();
+// What the content in force and the save under way need at least, and what was wished for.
+uint64_t MultiProcessSafetyMmapFile::State::Needed() const {
+  const uint64_t packets = std::max(next_count + 1, sealed.size());
+  const uint64_t saving = announced + packets * (PacketRoom(7) - 7);
+  return kPacketsBegin + std::max({saving, sealed_room, PlacedRoom(), wished_bytes}) +
+         (packets > kShortIndex ? 2 * IndexRoom(packets) : 0);
 }
 
-// For one more packet.
-bool MultiProcessSafetyMmapFile::State::MakeRoom(uint64_t room) {
-  // An area more than half full would soon be full again.
-  if (!AssembleAsNew()) return false;
-  const bool other_area_will_do =
-      current && !copy_all && next_count < current.shape.capacity &&
-      2 * (RoomOf(added.begin(), added.end()) + room) <= current.shape.area_size();
-  if (!other_area_will_do) return MoveToNewExtent(room);
-  SwitchArea();
+// Of the save's packets so far, wherever they are.
+uint64_t MultiProcessSafetyMmapFile::State::PlacedRoom() const {
+  uint64_t placed = 0;
+  for (const Piece& piece : pieces) {
+    placed += RoomOf(PieceBegin(piece), PieceBegin(piece) + piece.count);
+  }
+  return placed;
+}
+
+// For one more packet, or an index. Rather in a gap that is worth the search; else the extent
+// grows, or the save moves; and when there is no room for that, any gap will do.
+bool MultiProcessSafetyMmapFile::State::MakeRoom(uint64_t bytes) {
+  if (!FlushWritten()) return false;
+  if (target()) {
+    if (UseGap(std::max(bytes, sealed_room / 8))) return true;
+    if (errno == ENOMEM) return false;
+    const uint64_t to_come = announced - appended;
+    if (LengthenFor(bytes, std::max(to_come, target().size() / 4))) return true;
+    if (errno == ENOSPC && (LengthenFor(bytes, 0) || UseGap(bytes))) return true;
+  }
+  if (MoveToNewExtent(bytes)) return true;
+  const int error = errno;
+  if (target() && UseGap(bytes)) return true;
+  errno = error;
+  return false;
+}
+
+// The first gap in target() of at least so many bytes. False with errno; ENOSPC: there is none.
+bool MultiProcessSafetyMmapFile::State::UseGap(uint64_t at_least) {
+  if (!FindUsed()) {
+    errno = ENOMEM;
+    return false;
+  }
+  for (size_t i = 0; i + 1 < used.size(); ++i) {
+    if (used[i].end + at_least > used[i + 1].begin) continue;
+    next_begin = next_at = used[i].end;
+    gap_end = used[i + 1].begin;
+    return true;
+  }
+  errno = ENOSPC;
+  return false;
+}
+
+// Fills `used`, in order and without overlaps, from the first page to the end of target(), which is
+// the last, with nothing in it.
+bool MultiProcessSafetyMmapFile::State::FindUsed() {
+  used.Clear();
+  bool done = used.Push({0, kPacketsBegin}) && used.Push({target().size(), target().size()});
+  if (!building) {
+    done = done && AddUsed(sealed.begin(), sealed.end());
+    for (const IndexPlace& place : {index, spare_index, next_index}) {
+      if (place.is_long()) {
+        done = done && used.Push({place.at, place.at + IndexRoom(place.capacity)});
+      }
+    }
+  }
+  if (!done || !AddUsed(added.begin(), added.end())) return false;
+  mmap_format::SortByBegin(used.begin(), used.end());
+  size_t last = 0;
+  for (size_t i = 1; i < used.size(); ++i) {
+    if (used[i].begin > used[last].end) {
+      used[++last] = used[i];
+    } else {
+      used[last].end = std::max(used[last].end, used[i].end);
+    }
+  }
+  (void)used.Resize(last + 1);
+  // What reaches the end has taken its mark with it.
+  return used[last].begin == target().size() || used.Push({target().size(), target().size()});
+}
+
+// Packets that stand one behind the other as one range.
+bool MultiProcessSafetyMmapFile::State::AddUsed(const Entry* begin, const Entry* end) {
+  for (const Entry* entry = begin; entry != end; ++entry) {
+    const uint64_t room_end = entry->offset + PacketRoom(entry->length);
+    if (entry != begin && used.back().end == entry->offset) {
+      used.back().end = room_end;
+    } else if (!used.Push({entry->offset, room_end})) {
+      return false;
+    }
+  }
   return true;
 }
 
-// Nothing that the seal in force names is in the other area.
-void MultiProcessSafetyMmapFile::State::SwitchArea() {
-  next_area = 1 - area;
-  copy_all = true;
-  CopyNext(current, current, next_area);
+// By `more` if that may be, and at least for `bytes`; goes on at its end. False with errno; ERANGE:
+// it would be longer than its content may have it.
+bool MultiProcessSafetyMmapFile::State::LengthenFor(uint64_t bytes, uint64_t more) {
+  if (!FindUsed()) {
+    errno = ENOMEM;
+    return false;
+  }
+  const uint64_t size = target().size();
+  const uint64_t free_at = used[used.size() - 2].end;
+  const uint64_t least = RoundUp(free_at + bytes, kUnit);
+  const uint64_t most = (Needed() * kLongestHalves / 2 + kLongestMore) / kUnit * kUnit;
+  const uint64_t wanted = RoundUp(std::max(free_at + bytes, size + more), kUnit);
+  if (least > most) {
+    errno = ERANGE;
+    return false;
+  }
+  const uint64_t longer = more > 0 ? std::min(wanted, most) : least;
+  if (longer > size && !room.Lengthen(longer, &target())) return false;
+  next_begin = next_at = free_at;
+  gap_end = longer;
+  return true;
 }
 
-bool MultiProcessSafetyMmapFile::State::MoveToNewExtent(uint64_t room) {
-  if (!AssembleAsNew()) return false;
-  // The whole save, if its packets are like those so far or as many as the last content's.
-  const uint64_t packets = std::max(next_count + 1, sealed.size());
-  const uint64_t needed = std::max({RoomOf(added.begin(), added.end()) + room,
-                                    announced + packets * sizeof(PacketHeader), wished_bytes});
-  Extent made;
-  if (!MakeExtent(2 * needed, 2 * packets, &made)) return false;
-  if (target()) {
-    CopyNext(target(), made, 0);
-  } else {
-    next_begin = next_at = made.shape.area(0);
+bool MultiProcessSafetyMmapFile::State::MoveToNewExtent(uint64_t bytes) {
+  const uint64_t placed = PlacedRoom() + bytes + kPacketsBegin;
+  const uint64_t needed = std::max(Needed(), placed);
+  if (needed > kMostAnnounced) {
+    errno = EFBIG;
+    return false;
   }
-  next_area = 0;
-  copy_all = true;
+  Extent made;
+  // Half as much again, so that content that changes little by little stays there; or what it
+  // takes.
+  bool taken = room.Take(RoundUp(needed + needed / 2, kUnit), &made);
+  if (!taken && !made && errno == ENOSPC) taken = room.Take(RoundUp(needed, kUnit), &made);
+  if (!taken || !AssembleAsNew()) {
+    const int error = taken ? ENOMEM : errno;
+    if (made) Discard(&made);
+    errno = error;
+    return false;
+  }
+  if (target()) CopyNext(target(), made, kPacketsBegin);
+  if (!target()) next_begin = next_at = kPacketsBegin;
+  gap_end = made.size();
+  next_index = IndexPlace();
   building.swap(made);
   if (made) Discard(&made);  // A smaller one, begun for the same save.
   return true;
@@ -1291,8 +1146,8 @@ bool MultiProcessSafetyMmapFile::State::MoveToNewExtent(uint64_t room) {
 
 // The save's packets so far, with their heads, one behind the other; AssembleAsNew() came before.
 void MultiProcessSafetyMmapFile::State::CopyNext(const Extent& from, const Extent& to,
-                                                 int to_area) {
-  next_begin = next_at = to.shape.area(to_area);
+                                                 uint64_t at) {
+  next_begin = next_at = at;
   for (Entry& entry : added) {
     std::memcpy(to.at(next_at), from.at(entry.offset), sizeof(PacketHeader) + entry.length);
     entry.offset = next_at;
@@ -1300,25 +1155,48 @@ void MultiProcessSafetyMmapFile::State::CopyNext(const Extent& from, const Exten
   }
 }
 
+// Where the save's index goes: a short one into the first page, a long one among the packets.
+bool MultiProcessSafetyMmapFile::State::ChooseIndex() {
+  if (next_count <= kShortIndex) {
+    const bool is_first = building || index.at != ShortIndexAt(0);
+    next_index = {ShortIndexAt(is_first ? 0 : 1), kShortIndex};
+    return true;
+  }
+  if (!building && spare_index.capacity >= next_count) {
+    next_index = spare_index;
+    return true;
+  }
+  const uint64_t capacity = next_count + next_count / 4;
+  if (!HasRoom(IndexRoom(capacity)) && !MakeRoom(IndexRoom(capacity))) return false;
+  next_index = {next_at, capacity};
+  next_at += IndexRoom(capacity);
+  return true;
+}
+
+// What was written since the save began or went on in another gap.
+bool MultiProcessSafetyMmapFile::State::FlushWritten() {
+  return !target() || target().map.Flush(next_begin, next_at, durability);
+}
+
 // The one step: everything that the new seal names is written before it, and nothing that the old
 // one names is touched until it is there.
 bool MultiProcessSafetyMmapFile::State::SealSave() {
-  is_saving = false;
   EndRun();
+  next_index = IndexPlace();
+  const bool has_index = next_count == 0 || ChooseIndex();
   const bool continues_old = ContinuesOld();
-  if (continues_old ? !sealed.ReserveMore(added.size()) : !Assemble()) {
+  if (!has_index || (continues_old ? !sealed.ReserveMore(added.size()) : !Assemble())) {
     TellSaveFailed(__LINE__);
     VoidSave();
     return false;
   }
   Seal seal = {};
-  seal.save_number = NextSaveNumber();
+  seal.save_number = table.NextSaveNumber();
   seal.superseded = claimed;
-  seal.index = 1 - index;
   const Extent& extent = target();
   if (extent) {
-    const uint64_t index_at = extent.shape.index(static_cast<int>(seal.index));
-    uint64_t* const entries = reinterpret_cast<uint64_t*>(extent.at(index_at));
+    if (next_count == 0) next_index = {ShortIndexAt(0), kShortIndex};
+    uint64_t* const entries = reinterpret_cast<uint64_t*>(extent.at(next_index.at));
     uint64_t* to = entries;
     for (const Piece& piece : pieces) {
       const Entry* const from = PieceBegin(piece);
@@ -1326,30 +1204,34 @@ bool MultiProcessSafetyMmapFile::State::SealSave() {
       to += piece.count;
     }
     seal.extent_offset = extent.file_offset;
-    seal.extent_size = extent.shape.size;
+    seal.extent_size = extent.size();
     seal.extent_epoch = extent.epoch;
-    seal.index_capacity = extent.shape.capacity;
+    seal.index_at = next_index.at;
     seal.packets = static_cast<uint32_t>(next_count);
-    seal.index_check = mmap_format::Check(entries, next_count * sizeof(uint64_t));
-    if (!extent.map.Flush(0, extent.shape.index(2), durability) ||
-        !extent.map.Flush(next_begin, next_at, durability)) {
+    seal.index_check = mmap_format::Check(entries, IndexRoom(next_count));
+    if (!extent.map.Flush(next_index.at, next_index.at + IndexRoom(next_count), durability) ||
+        !FlushWritten()) {
       TellSaveFailed(__LINE__);
       VoidSave();
       return false;
     }
   }
-  WriteSeal(own, 1 - in_force, seal);
+  is_saving = false;
+  table.WriteSeal(own, 1 - in_force, seal);
   in_force = 1 - in_force;
-  index = seal.index;
   const bool is_flushed = FlushTable();
   if (!is_flushed) TellSaveFailed(__LINE__);
-  if (building) {
+  // The long index that is out of force now is the next save's; a short content needs none.
+  spare_index = !building && next_index.is_long() && index.is_long() ? index : IndexPlace();
+  index = next_index;
+  const bool has_moved = static_cast<bool>(building);
+  if (has_moved) {
     FinishMove(is_flushed);
   } else {
     RetireOldPackets();
   }
   if (claimed != 0) FinishTakeOver();
-  is_shared = !copy_all && (is_shared || is_disordered);
+  is_shared = !has_moved && (is_shared || is_disordered);
   if (continues_old) {
     const Entry* const kept = sealed.begin() + pieces[0].begin;
     sealed_room += RoomOf(added.begin(), added.end()) - RoomOf(sealed.begin(), kept);
@@ -1359,18 +1241,19 @@ bool MultiProcessSafetyMmapFile::State::SealSave() {
     sealed.swap(next);
     sealed_room = RoomOf(sealed.begin(), sealed.end());
   }
-  area = next_area;
-  append_at = sealed.empty() && current ? current.shape.area(area) : next_at;
+  append_at = sealed.empty() ? 0 : next_at;  // An empty one begins anew.
+  append_end = sealed.empty() ? 0 : gap_end;
   last_new_bytes = new_bytes;
   is_complete = is_flushed;
   if (is_flushed) told_failure = false;
+  ForgetSave();
+  size_before = current.size();
   ShrinkIfWasteful();
   return is_flushed;
 }
 
 // For whoever must do without an index one day.
 void MultiProcessSafetyMmapFile::State::RetireOldPackets() {
-  if (copy_all) return Retire(0, sealed.size());
   if (is_disordered || is_shared) {
     for (Entry& entry : sealed) entry.kept = false;
     for (const Piece& piece : pieces) {
@@ -1397,74 +1280,111 @@ bool MultiProcessSafetyMmapFile::State::IsKeptElsewhere(const Entry& dropped) co
 }
 
 void MultiProcessSafetyMmapFile::State::Retire(size_t begin, size_t end) const {
-  for (size_t i = begin; i < end; ++i) {
-    PacketHeader* const packet = reinterpret_cast<PacketHeader*>(current.at(sealed[i].offset));
-    __atomic_store_n(&packet->state, mmap_format::kRetired, __ATOMIC_RELAXED);
-  }
+  for (size_t i = begin; i < end; ++i) RetireOne(sealed[i]);
+}
+
+void MultiProcessSafetyMmapFile::State::RetireOne(const Entry& entry) const {
+  PacketHeader* const packet = reinterpret_cast<PacketHeader*>(current.at(entry.offset));
+  __atomic_store_n(&packet->state, mmap_format::kRetired, __ATOMIC_RELAXED);
 }
 
 // An extent that a seal on the disk may still name is left there: whoever looks for room one day
 // sees that its owner has moved.
 void MultiProcessSafetyMmapFile::State::FinishMove(bool is_flushed) {
   StoreLast(&building.header()->state, mmap_format::kInUse);
-  const Room room = current.room();
+  const uint64_t offset = current.file_offset;
+  const uint64_t epoch = current.epoch;
   // Marked and unmapped before the older seal stops naming it: then another may use it, or cut the
   // file.
   if (current) StoreLast(&current.header()->state, mmap_format::kFree);
   current.Reset();
   current.swap(building);
-  StoreLast(&record(own)->seals[1 - in_force].check, mmap_format::kWriting);
-  DropReservation(current.file_offset);
-  if (room.offset != 0 && is_flushed) GiveBack(room);
+  StoreLast(&table.record(own)->seals[1 - in_force].check, mmap_format::kWriting);
+  room.DropReservation(current.file_offset);
+  if (offset != 0 && is_flushed) room.GiveBack(offset, epoch);
 }
 
 // What was taken over is in this owner's own seal, which says so: it is voided where it came from,
 // then the seal stops saying so, and only then may others use those records. Killed on the way,
 // whoever opens next finishes it.
 void MultiProcessSafetyMmapFile::State::FinishTakeOver() {
-  Room voided[kOwners];
+  std::pair<uint64_t, uint64_t> voided[kOwners];  // Offsets and epochs.
   size_t count = 0;
   for (uint32_t owner = 1; owner <= kOwners; ++owner) {
     const OwnerView view = View(owner);
     if ((claimed & Bit(owner)) == 0 || view.in_force < 0) continue;
-    const Seal& seal = view.seal();
-    voided[count++] = {seal.extent_offset, seal.extent_size, seal.extent_epoch};
-    ReplaceSeal(owner, view.in_force, Seal());
+    voided[count++] = {view.seal().extent_offset, view.seal().extent_epoch};
+    table.ReplaceSeal(owner, view.in_force, Seal());
   }
   const bool is_flushed = FlushTable();
-  Seal seal = record(own)->seals[in_force];
+  Seal seal = table.record(own)->seals[in_force];
   seal.superseded = 0;
-  ReplaceSeal(own, in_force, seal);
+  table.ReplaceSeal(own, in_force, seal);
   in_force = 1 - in_force;
   (void)FlushTable();
   for (uint32_t owner = 1; owner <= kOwners; ++owner) {
     if ((claimed & Bit(owner)) != 0) cache_io::Unlock(file.fd(), RecordOffset(owner), 1);
   }
   claimed = 0;
-  for (size_t i = 0; i < count && is_flushed; ++i) GiveBack(voided[i]);
+  for (size_t i = 0; i < count && is_flushed; ++i) {
+    room.GiveBack(voided[i].first, voided[i].second);
+  }
 }
 
-// A complete save of the same content, in a smaller extent.
 void MultiProcessSafetyMmapFile::State::ShrinkIfWasteful() {
-  if (is_shrinking || !current || current.shape.size <= kNeverShrunk) return;
-  const uint64_t needed = sealed_room + 2 * sizeof(uint64_t) * sealed.size();
-  if (current.shape.size <= kShrinkAt * std::max(needed, wished_bytes)) return;
-  pieces.Clear();
-  added.Clear();
+  if (is_shrinking || current.size() <= kNeverShrunk) return;
+  uint64_t needed = kPacketsBegin + std::max(sealed_room, wished_bytes);
+  if (sealed.size() > kShortIndex) needed += 2 * IndexRoom(sealed.size());
+  const uint64_t most = needed * kShrinkHalves / 2 + kShrinkMore;
+  if (current.size() > most) Shrink(needed, most);
+}
+
+// Cuts off the end if that is enough; else after a complete save of the same content, nearer to the
+// front or in a smaller extent.
+void MultiProcessSafetyMmapFile::State::Shrink(uint64_t needed, uint64_t most) {
+  if (CutOff(needed, most)) return;
   if (!pieces.Push(Piece{0, sealed.size(), false})) return;
   next_count = sealed.size();
   is_disordered = false;
   announced = 0;
+  appended = 0;
   const bool was_complete = is_complete;
   is_shrinking = true;
-  if (MoveToNewExtent(0)) (void)SealSave();
+  if (UseGap(sealed_room) && next_at + sealed_room + kUnit <= most) {
+    if (AssembleAsNew()) {
+      CopyNext(current, current, next_at);
+      if (SealSave()) (void)CutOff(needed, most);
+    }
+  } else if (MoveToNewExtent(0)) {
+    (void)SealSave();
+  }
+  ForgetSave();
   is_complete = was_complete;  // Whatever came of it, the content is in force.
   is_shrinking = false;
 }
 
+// False when that would leave it too long, or is not to be had.
+bool MultiProcessSafetyMmapFile::State::CutOff(uint64_t needed, uint64_t most) {
+  spare_index = IndexPlace();  // Which may stand at the end.
+  if (!FindUsed()) return false;
+  const uint64_t used_end = used[used.size() - 2].end;
+  const uint64_t shorter = RoundUp(std::max(used_end, needed + needed / 2), kUnit);
+  if (shorter > std::max(most, kNeverShrunk) || shorter >= current.size()) return false;
+  if (!room.Shorten(shorter, &current)) return false;
+  size_before = current.size();
+  append_at = append_end = 0;
+  return true;
+}
+
 void MultiProcessSafetyMmapFile::State::TellSaveFailed(int line) {
-  if (!told_failure) {
-    LogFailure(line, "save to", path, errno,
+  const int error = errno;
+  if (!told_failure && error == EAGAIN) {
+    LocalLog(2, kLogSource, line,
+             "cache: cannot save to %s: %s; the content of the last save stays, and the next one "
+             "tries again; resume or end that process",
+             path.c_str(), table_lock.WhoHasIt(table).c_str());
+  } else if (!told_failure) {
+    LogFailure(line, "save to", path, error,
                "the content of the last save stays, and the next one tries again; free some space "
                "on the disk");
   }

@@ -27,11 +27,12 @@ SealState StateOf(const Seal& seal) {
   if (IsZero(&seal, sizeof seal)) return SealState::kNever;
   if (seal.check != CheckOf(seal)) return SealState::kDamaged;
   const bool sane =
-      seal.save_number < 2 * kSaveNumberLimit && seal.index <= 1 && (seal.superseded & 1) == 0 &&
-      (seal.extent_offset == 0 ? seal.packets == 0
-                               : IsSaneExtent(seal.extent_offset, seal.extent_size) &&
-                                     ExtentShape{seal.extent_size, seal.index_capacity}.IsSane() &&
-                                     seal.packets <= seal.index_capacity);
+      seal.save_number < 2 * kSaveNumberLimit && (seal.superseded & 1) == 0 &&
+      (seal.extent_offset == 0
+           ? seal.packets == 0
+           : IsSaneExtent(seal.extent_offset, seal.extent_size) &&
+                 seal.index_at >= sizeof(ExtentHeader) && seal.index_at < seal.extent_size &&
+                 seal.packets <= (seal.extent_size - seal.index_at) / sizeof(uint64_t));
   return sane ? SealState::kValid : SealState::kDamaged;
 }
 
@@ -39,7 +40,11 @@ SealState StateOf(const Seal& seal) {
 
 bool IsSound(const ExtentHeader& head, uint64_t offset) {
   return head.magic == kExtentMagic && head.check == CheckOf(head) && head.owner >= 1 &&
-         head.owner <= kOwners && IsSaneExtent(offset, head.size);
+         head.owner <= kOwners && IsSaneExtent(offset, SizeOf(head));
+}
+
+bool IsHeadOf(const ExtentHeader& head, const Seal& seal) {
+  return IsSound(head, seal.extent_offset) && head.epoch == seal.extent_epoch;
 }
 
 bool IsLeftOver(const ExtentHeader& head, const OwnerView& owner) {
@@ -187,23 +192,21 @@ bool Reader::ReadContent(uint32_t owner, const Seal& seal, PacketPlaces* packets
                          const char** damage, uint32_t* damaged_packets) {
   *damage = nullptr;
   *damaged_packets = 0;
+  if (seal.extent_offset == 0) return true;
+  uint64_t size;
+  bool is_sound;
+  if (!ReadExtentSize(seal, &size, &is_sound)) return false;
+  const uint64_t end = std::min(seal.extent_offset + size, file_size_);
   // A writer makes the room before he names it.
-  const bool is_cut = seal.extent_offset + seal.extent_size > file_size_;
-  if (is_cut) *damage = "an extent behind the end of the file";
+  if (end < seal.extent_offset + size) *damage = "an extent behind the end of the file";
+  ExtentHeader header;
+  bool whole;
+  if (!Read(&header, sizeof header, seal.extent_offset, &whole)) return false;
+  if (!is_sound || header.owner != owner) *damage = "the head of an extent";
   if (seal.packets == 0) return true;
-  const ExtentShape shape{seal.extent_size, seal.index_capacity};
-  const uint64_t end = std::min(seal.extent_offset + seal.extent_size, file_size_);
-  if (end < seal.extent_offset + shape.index(2)) {
+  if (end <= seal.extent_offset || size <= seal.index_at) {
     *damaged_packets = seal.packets;
     return true;
-  }
-  bool whole;
-  ExtentHeader header;
-  if (!Read(&header, sizeof header, seal.extent_offset, &whole)) return false;
-  if (!whole || !IsSound(header, seal.extent_offset) || header.owner != owner ||
-      header.size != seal.extent_size || header.epoch != seal.extent_epoch ||
-      header.index_capacity != seal.index_capacity) {
-    *damage = "the head of an extent";
   }
   NothrowArray<uint64_t> index;
   if (!index.Resize(seal.packets)) {
@@ -211,8 +214,7 @@ bool Reader::ReadContent(uint32_t owner, const Seal& seal, PacketPlaces* packets
     return false;
   }
   const size_t index_bytes = seal.packets * sizeof(uint64_t);
-  const uint64_t index_offset = seal.extent_offset + shape.index(static_cast<int>(seal.index));
-  if (!Read(index.data(), index_bytes, index_offset, &whole)) return false;
+  if (!Read(index.data(), index_bytes, seal.extent_offset + seal.index_at, &whole)) return false;
   if (!whole || Check(index.data(), index_bytes) != seal.index_check) {
     *damage = "an index";
     *damaged_packets = seal.packets;
@@ -222,7 +224,7 @@ bool Reader::ReadContent(uint32_t owner, const Seal& seal, PacketPlaces* packets
     PacketPlace place;
     PacketHeader packet;
     bool intact = false;
-    const bool inside = offset >= shape.index(2) && offset < seal.extent_size;
+    const bool inside = offset >= kPacketsBegin && offset < size;
     if (inside && !ReadPacket(seal.extent_offset + offset, end, &place, &packet, &intact)) {
       return false;
     }
@@ -234,6 +236,15 @@ bool Reader::ReadContent(uint32_t owner, const Seal& seal, PacketPlaces* packets
       return false;
     }
   }
+  return true;
+}
+
+bool Reader::ReadExtentSize(const Seal& seal, uint64_t* size, bool* is_sound) {
+  ExtentHeader header;
+  bool whole;
+  if (!Read(&header, sizeof header, seal.extent_offset, &whole)) return false;
+  *is_sound = whole && IsHeadOf(header, seal);
+  *size = *is_sound ? SizeOf(header) : seal.extent_size;
   return true;
 }
 
@@ -266,14 +277,23 @@ bool Reader::ExamineOwner(uint32_t owner, Survey* survey, uint32_t* damaged_pack
   }
   if (index_is_good) return true;
   // Without an index: whatever the extents hold that was not retired.
+  Range used[2 * kOwners];
+  size_t count = 0;
+  if (!UsedRanges(used, &count)) return false;
   if (!survey->packets.Resize(before)) return false;
   for (int i = 0; i < 2; ++i) {
     if (!view.valid[i] || view.seals[i].extent_offset == 0) continue;
     const Seal& seal = view.seals[i];
     if (i == 1 && view.valid[0] && view.seals[0].extent_offset == seal.extent_offset) continue;
-    const uint64_t end = std::min(seal.extent_offset + seal.extent_size, file_size_);
-    const ExtentShape shape{seal.extent_size, seal.index_capacity};
-    if (!Search(seal.extent_offset + shape.index(2), end, &survey->packets)) return false;
+    uint64_t size;
+    bool is_sound;
+    if (!ReadExtentSize(seal, &size, &is_sound)) return false;
+    uint64_t end = std::min(seal.extent_offset + size, file_size_);
+    // It may be shorter by now, and others behind it.
+    for (size_t k = 0; k < count && !is_sound; ++k) {
+      if (used[k].begin > seal.extent_offset) end = std::min(end, used[k].begin);
+    }
+    if (!Search(seal.extent_offset + kPacketsBegin, end, &survey->packets)) return false;
   }
   const size_t found = survey->packets.size() - before;
   const size_t sealed = view.in_force >= 0 && view.damage == nullptr ? view.seal().packets : 0;
@@ -281,18 +301,28 @@ bool Reader::ExamineOwner(uint32_t owner, Survey* survey, uint32_t* damaged_pack
   return true;
 }
 
-bool Reader::ExamineGaps(Survey* survey) {
-  Range used[2 * kOwners];
-  size_t count = 0;
+// That a seal names, in order.
+bool Reader::UsedRanges(Range* used, size_t* count) {
+  *count = 0;
   for (uint32_t owner = 1; owner <= kOwners; ++owner) {
     const OwnerView view = Owner(owner);
     for (int i = 0; i < 2; ++i) {
       const Seal& seal = view.seals[i];
       if (!view.valid[i] || seal.extent_offset == 0) continue;
-      used[count++] = Range{seal.extent_offset, seal.extent_offset + seal.extent_size};
+      uint64_t size;
+      bool is_sound;
+      if (!ReadExtentSize(seal, &size, &is_sound)) return false;
+      used[(*count)++] = Range{seal.extent_offset, seal.extent_offset + size};
     }
   }
-  SortByBegin(used, used + count);
+  SortByBegin(used, used + *count);
+  return true;
+}
+
+bool Reader::ExamineGaps(Survey* survey) {
+  Range used[2 * kOwners];
+  size_t count = 0;
+  if (!UsedRanges(used, &count)) return false;
   uint64_t at = std::min(kTableSize, file_size_);
   for (size_t i = 0; i < count; ++i) {
     if (!ExamineGap(at, std::min(used[i].begin, file_size_), survey)) return false;
@@ -337,7 +367,7 @@ bool Reader::SkipKnown(uint64_t offset, uint64_t end, uint64_t* skip) {
   if (!Read(&header, sizeof header, offset, &whole)) return false;
   if (whole && IsSound(header, offset) &&
       (IsLeftOver(header, Owner(header.owner)) || IsSuperseded(header))) {
-    *skip = std::min(header.size, end - offset);
+    *skip = std::min(SizeOf(header), end - offset);
   }
   return true;
 }

@@ -44,6 +44,8 @@ bool Supersedes(const OwnerView& heir, uint32_t owner, const OwnerView& view);
 
 // Whether the head of an extent, read at `offset`, is what a writer wrote there.
 bool IsSound(const ExtentHeader& head, uint64_t offset);
+// Likewise, and of the extent that `seal` names.
+bool IsHeadOf(const ExtentHeader& head, const Seal& seal);
 // Of a sound head of an extent that no record names: whether its owner had given it back, had not
 // sealed it yet, or has sealed elsewhere since. Else it is content that has lost its seal.
 bool IsLeftOver(const ExtentHeader& head, const OwnerView& owner);
@@ -97,6 +99,9 @@ class Reader {
  private:
   const Header& header() const { return *reinterpret_cast<const Header*>(table_.data()); }
   [[gnu::cold]] bool IsSuperseded(const ExtentHeader& head) const;
+  // How long the extent is that a seal names: `*is_sound`, its head says so; else the seal alone.
+  [[gnu::cold]] bool ReadExtentSize(const Seal& seal, uint64_t* size, bool* is_sound);
+  [[gnu::cold]] bool UsedRanges(Range* used, size_t* count);
   bool Read(void* out, size_t size, uint64_t offset, bool* whole);
   // The header of a packet whose bytes lie inside [.., end) of the file, and whether it is intact.
   bool ReadPacket(uint64_t offset, uint64_t end, PacketPlace* place, PacketHeader* header,

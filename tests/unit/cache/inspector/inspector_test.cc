@@ -203,7 +203,7 @@ TEST_F(InspectorTest, SealOfNothingInAnExtentBehindTheEndIsRepaired) {
     Seal* const seal = InForce(record);
     ASSERT_NE(nullptr, seal);
     ASSERT_EQ(0u, seal->packets);
-    seal->extent_size = uint64_t{1} << 49;
+    seal->extent_offset = uint64_t{1} << 49;
     seal->check = mmap_format::CheckOf(*seal);
   });
 

@@ -10,14 +10,12 @@ namespace {
 
 class MmapFileCostTest : public MmapFileTest {};
 
-// What a content may take on the disk: what an empty file has, and a multiple of its packets with
-// their heads and places in the index.
-constexpr uint64_t kDiskOfNothing = 96 << 10;
-constexpr uint64_t kMultiple = 16;
+// What a content of one owner may take on the disk, its packets counted with their heads and their
+// places in the index; and 4 KiB that some file systems take for a file with holes.
 uint64_t MostOnDisk(const Packets& packets) {
   uint64_t needed = 0;
   for (const std::string& packet : packets) needed += (packet.size() + 31) / 8 * 8 + 16;
-  return kDiskOfNothing + kMultiple * needed;
+  return 5 * needed / 2 + (64 << 10) + 4096;
 }
 
 TEST_F(MmapFileCostTest, DiskSpaceIsBoundedByTheContentOverTenThousandSaves) {
@@ -76,6 +74,28 @@ TEST_F(MmapFileCostTest, DiskSpaceFollowsAContentThatShrinksSlowly) {
 
   std::cout << "size bound: a megabyte shrinking by a packet a save, at most " << worst
             << " x (content + 64 KiB)" << std::endl;
+}
+
+// However it comes, and however much of it is new in each save.
+TEST_F(MmapFileCostTest, OfLongPacketsIsBoundedByTwoAndAHalfTimesTheContent) {
+  const Packets all = NamedPackets("long", 300, 65536);
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  const auto expect_bounded = [&](size_t first, size_t count) {
+    const Packets packets(all.begin() + static_cast<long>(first),
+                          all.begin() + static_cast<long>(first + count));
+    ASSERT_TRUE(Save(file, packets)) << first << " " << count;
+    ASSERT_LE(BytesOnDisk(path_), MostOnDisk(packets)) << first << " " << count;
+    ASSERT_LE(SizeOf(path_), MostOnDisk(packets)) << first << " " << count;
+  };
+
+  for (size_t count = 20; count <= 200; count += 20) expect_bounded(0, count);
+  for (size_t first = 5; first <= 100; first += 5) expect_bounded(first, 200);
+  for (size_t first : {0, 150, 0, 150, 0}) expect_bounded(first, 150);
+  for (size_t count : {100, 30, 10, 1, 0, 200}) expect_bounded(60, count);
+  file.Close();
+
+  EXPECT_EQ(200u, LoadMapped(path_).size());
 }
 
 TEST_F(MmapFileCostTest, GivesSpaceBackWhenTheContentShrinks) {

@@ -1,9 +1,12 @@
 // The bytes on the disk are the documented ones: docs/formats/mmap-file.md.
 #include <cctype>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <utility>
+#include <vector>
 
 #include "tests/unit/cache/mmap/mmap_file_fixture.h"
 
@@ -59,7 +62,7 @@ TEST_F(MmapFileFormatTest, TheDocumentedExampleIsWhatIsWritten) {
   EXPECT_EQ(FirstDifference(WholeFile(path_), DocumentedExample()), "");
 }
 
-TEST_F(MmapFileFormatTest, AFileOfVersionOneIsRead) {
+TEST_F(MmapFileFormatTest, AFileOfThisVersionIsRead) {
   WriteExample();
 
   EXPECT_EQ(LoadMapped(path_), (Packets{"hi", "you!"}));
@@ -67,13 +70,37 @@ TEST_F(MmapFileFormatTest, AFileOfVersionOneIsRead) {
   EXPECT_FALSE(Exists(SetAside(path_)));
 }
 
-TEST_F(MmapFileFormatTest, AFileOfVersionOneIsSavedIn) {
+TEST_F(MmapFileFormatTest, AFileOfThisVersionIsSavedIn) {
   WriteExample();
 
   Leave({"you!", "three"});
 
   EXPECT_EQ(LoadMapped(path_), (Packets{"you!", "three"}));
   EXPECT_FALSE(Exists(SetAside(path_)));
+}
+
+// The saves ("hi") and ("hi", "you!") as that version wrote them: the second in its area 1, the
+// first one's packet marked as dropped.
+TEST_F(MmapFileFormatTest, AFileOfVersionOneGivesItsPackets) {
+  const std::pair<size_t, std::vector<uint64_t>> parts[] = {
+      {0x0, {0x1a4d726f6e657571, 0x400000000001, 0x3f00000100, 0x25a5766d079c6e90, 5}},
+      {0x100, {4, 0, 0x4000, 0x4000, 2, 0x100, 2, 0x33a3cb1b6445ef85, 0x1c15de516d524af3}},
+      {0x148, {3, 0, 0x4000, 0x4000, 2, 0x100000100, 1, 0x87c8142f24037c78, 0xb2b03db04de4c444}},
+      {0x4000, {0x1a58726f6e657571, 0x10000000001, 0x4000, 2, 0x303e02e9b068a2f}},
+      {0x4028, {0x657375206e697c21, 0, 0, 0x2820, 0x2840}},
+      {0x5040, {0x444145441a504e51, 0x861ec06a00000002, 0x2a2300bbd7ea6e9a, 0x6968}},
+      {0x6820, {0x4556494c1a504e51, 0x861ec06a00000002, 0x2a2300bbd7ea6e9a, 0x6968}},
+      {0x6840, {0x4556494c1a504e51, 0xb80b6dc100000004, 0x14f2a0886f1c1cb1, 0x21756f79}},
+  };
+  std::string bytes(0x8000, '\0');
+  for (const auto& [at, words] : parts) {
+    std::memcpy(&bytes[at], words.data(), words.size() * sizeof words[0]);
+  }
+  ASSERT_TRUE(WriteWholeFile(path_, bytes));
+
+  EXPECT_EQ(LoadMapped(path_), (Packets{"hi", "you!"}));
+  EXPECT_TRUE(Exists(SetAside(path_)));
+  EXPECT_EQ(LinesWith(2, "its 2 intact packets are kept"), 1);
 }
 
 }  // namespace

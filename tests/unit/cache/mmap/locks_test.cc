@@ -4,11 +4,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <functional>
 
 #include "quenor_base/platform/default/mmap_file_format.h"
+#include "quenor_base/platform/default/mmap_file_table.h"
 #include "tests/unit/cache/mmap/mmap_file_fixture.h"
 
 namespace quenor::test {
@@ -22,6 +24,12 @@ class Stranger {
 
   bool LockTable() const {
     struct flock lock = TableLock();
+    return fcntl(fd_, F_OFD_SETLK, &lock) == 0;
+  }
+  // As who has waited for the table since that time.
+  bool WaitSince(int64_t monotonic_ns) const {
+    struct flock lock = TableLock();
+    lock.l_start = (off_t{1} << 62) + monotonic_ns;
     return fcntl(fd_, F_OFD_SETLK, &lock) == 0;
   }
   bool SeesTableLocked() const {
@@ -235,6 +243,69 @@ TEST_F(MmapFileLocksTest, RoomThatOthersHaveTakenMeanwhileIsNotGivenBack) {
     }
   }
   EXPECT_GT(held_up, 8);
+}
+
+// Starts a process that stops itself where it has the table's lock, for more room.
+pid_t StartAndStopWithTheLock(const std::string& path) {
+  const pid_t child = fork();
+  if (child == 0) {
+    Watcher watcher;
+    watcher.before = [&](const CallInfo& info) {
+      if (info.call == Call::kPosixFallocate && info.offset > 0) raise(SIGSTOP);
+    };
+    MultiProcessSafetyMmapFile file;
+    const bool done = OpenFile(file, path) && Save(file, {"of the stopped"});
+    _exit(done ? 0 : 1);
+  }
+  int status = 0;
+  EXPECT_EQ(child, waitpid(child, &status, WUNTRACED));
+  EXPECT_TRUE(WIFSTOPPED(status));
+  return child;
+}
+
+TEST_F(MmapFileLocksTest, AStoppedHolderCostsOneLongWaitAndIsNamed) {
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_) && Save(file, {"a"}));
+  const pid_t stopped = StartAndStopWithTheLock(path_);
+  const Packets packets = NamedPackets("p", 100, 1000);
+  uint64_t requests = 0;
+  {
+    Watcher watcher;
+    watcher.before = [&](const CallInfo& info) { requests += IsTableLock(info); };
+    EXPECT_FALSE(Save(file, packets));
+    EXPECT_GT(requests, 100u) << "the first wait is no long one";
+
+    for (int i = 0; i < 5; ++i) {
+      requests = 0;
+      EXPECT_FALSE(Save(file, packets));
+      EXPECT_LT(requests, 40u) << i;
+    }
+  }
+  EXPECT_EQ(1, LinesWith(2, ""));
+  EXPECT_EQ(1, LinesWith(2, "process " + std::to_string(stopped) + " holds its lock"));
+  EXPECT_EQ(0, LinesWith(2, "free some space"));
+  EXPECT_TRUE(Save(file, {"a", "fits where it is"}));
+
+  ASSERT_EQ(0, kill(stopped, SIGCONT));
+  int status = -1;
+  ASSERT_EQ(stopped, waitpid(stopped, &status, 0));
+  EXPECT_EQ(0, status);
+  EXPECT_TRUE(Save(file, packets));
+}
+
+TEST_F(MmapFileLocksTest, WhoCameFirstIsServedFirstUnlessHeDoesNotRun) {
+  Leave({"a"});
+  const Stranger first(path_);
+  ASSERT_TRUE(first.WaitSince(1));
+  cache_io::Descriptor file;
+  ASSERT_TRUE(file.Open(path_, cache_io::Descriptor::How::kExisting));
+
+  EXPECT_FALSE(mmap_format::TableLock().Take(file, 0));
+  EXPECT_EQ(EAGAIN, errno);
+  EXPECT_FALSE(first.SeesTableLocked());
+  mmap_format::TableLock lock;
+  EXPECT_TRUE(lock.Take(file, 60000));
+  EXPECT_TRUE(first.SeesTableLocked());
 }
 
 // At each moment at which something has to be on the disk.
