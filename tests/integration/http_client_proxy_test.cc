@@ -200,7 +200,7 @@ TEST_F(HttpClientProxyTest, Ipv6ProxyMayBeWrittenWithAndWithoutBrackets) {
     const auto client = MakeClient(TrustingDefaults(), config);
     ASSERT_NE(client, nullptr) << host;
     EXPECT_EQ(
-        Send(client.get(), MakeRequest("http://" + std::string(host[0] == '[' ? "a" : "b"), "x"))
+        Send(client.get(), MakeRequest("https://" + std::string(host[0] == '[' ? "a" : "b"), "x"))
             .state,
         State::kFailed);
     ASSERT_EQ(RecordingLog::Texts(2).size(), 1u);

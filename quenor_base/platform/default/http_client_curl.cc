@@ -200,8 +200,10 @@ void TakeHeaders(Transfer* transfer) {
                                         /*the last request*/ -1, header)) != nullptr) {
     std::string name = header->name;
     for (char& c : name) c = LowerAscii(c);
-    auto [entry, is_new] = transfer->response->headers.try_emplace(std::move(name), header->value);
-    if (!is_new) entry->second.append(", ").append(header->value);
+    std::string value = header->value;
+    if (value == "\r") value.clear();  // How libcurl gives an empty one.
+    auto [entry, is_new] = transfer->response->headers.try_emplace(std::move(name), value);
+    if (!is_new) entry->second.append(", ").append(value);
   }
 }
 
