@@ -15,6 +15,7 @@
 
 #include "quenor_base/platform/default/cache_file_batch.h"
 #include "quenor_base/platform/default/cache_file_format.h"
+#include "quenor_base/platform/default/cache_file_fresh.h"
 #include "quenor_base/platform/default/cache_file_index.h"
 #include "quenor_base/platform/default/cache_file_reader.h"
 #include "quenor_base/platform/default/cache_io_posix.h"
@@ -30,6 +31,8 @@ using cache_file::Batch;
 using cache_file::Content;
 using cache_file::Digest;
 using cache_file::FileHeader;
+using cache_file::Fresh;
+using cache_file::kCopyLimitBytes;
 using cache_file::kHeaderSize;
 using cache_file::kNoPosition;
 using cache_file::kRecordHeaderSize;
@@ -45,8 +48,6 @@ constexpr char kLogSource[] = "quenor_base/platform/default/cache_file_posix";
 // would hold.
 constexpr uint64_t kSizeFloorBytes = 64 * 1024;
 constexpr uint64_t kSizeMultiple = 4;
-// Packets up to this size are copied behind their header and written with one call.
-constexpr size_t kCopyLimitBytes = 64 * 1024;
 // How often Open() starts again because others create, replace and rename the file meanwhile.
 constexpr int kOpenTries = 64;
 // How long a lock is waited for. A child that a dead owner forked has it until fork() is over
@@ -104,19 +105,8 @@ struct ReliableReportCacheFile::State {
   bool IsTooLong() const;
 
   // --- A new file in place of this one
-  struct Fresh {
-    Descriptor file;
-    NothrowArray<Packet> packets;
-    uint64_t end = 0;
-    uint64_t lost = 0;  // Packets that could not be read any more.
-  };
   [[gnu::cold]] bool Rewrite();
   [[gnu::cold]] bool WriteFresh(const NothrowArray<Packet>& from, uint64_t number, Fresh* fresh);
-  [[gnu::cold]] bool CopyPacket(const Packet& packet, Fresh* fresh);
-  [[gnu::cold]] bool CopyBody(const Packet& packet, Fresh* fresh);
-  enum class Body { kIntact, kGone, kFailed };
-  [[gnu::cold]] Body CheckBody(const Packet& packet, uint64_t fresh_offset, uint64_t* check);
-  [[gnu::cold]] bool Flush(const Fresh& fresh);
   [[gnu::cold]] void Adopt(Fresh* fresh);
 
   [[gnu::cold]] DataPacket Read();
@@ -156,7 +146,6 @@ struct ReliableReportCacheFile::State {
   bool refuses_saves = false;
 
   Batch batch;
-  NothrowArray<uint8_t> copy_bytes;
   Fresh spare;  // Keeps its memory from one rewrite to the next.
   bool failure_logged = false;
   int logged_error = 0;
@@ -638,6 +627,12 @@ bool ReliableReportCacheFile::State::Rewrite() {
   return true;
 }
 
+bool ReliableReportCacheFile::State::WriteFresh(const NothrowArray<Packet>& from, uint64_t number,
+                                                Fresh* fresh) {
+  return fresh->Write(recovered_path, durability == Durability::kOnDisk,
+                      {file.fd(), digest_key, from, number}, &batch);
+}
+
 void ReliableReportCacheFile::State::Adopt(Fresh* fresh) {
   file.swap(fresh->file);
   fresh->file.Close();
@@ -648,101 +643,6 @@ void ReliableReportCacheFile::State::Adopt(Fresh* fresh) {
   failure_logged = false;
   has_litter = is_displaced = must_rewrite = false;
   no_rewrite_below = 0;
-}
-
-// Creates the file under its other name, locked before anybody can find it at `path`, with these
-// packets as save `number`. False with errno.
-bool ReliableReportCacheFile::State::WriteFresh(const NothrowArray<Packet>& from, uint64_t number,
-                                                Fresh* fresh) {
-  fresh->packets.Clear();
-  fresh->lost = 0;
-  errno = ENOMEM;
-  if (!fresh->packets.Reserve(from.size()) || !copy_bytes.Reserve(kCopyLimitBytes) ||
-      !batch.Reserve(3 * kCopyLimitBytes)) {
-    return false;
-  }
-  if (!cache_io::CreateRecovered(recovered_path, &fresh->file)) return false;
-  const FileHeader header = cache_file::MakeFileHeader();
-  batch.Start(0);
-  bool done = cache_io::TryLock(fresh->file.fd(), 0, 1) && batch.Add(&header, sizeof header);
-  for (size_t i = 0; done && i < from.size(); ++i) done = CopyPacket(from[i], fresh);
-  if (done && (number > 0 || !fresh->packets.empty())) {
-    done = batch.AddNames(cache_file::kSealMagic, std::max<uint64_t>(number, 1),
-                          fresh->packets.begin(), fresh->packets.end());
-    if (!done) errno = ENOMEM;
-  }
-  fresh->end = batch.end();
-  done = done && Flush(*fresh);
-  if (done && durability == Durability::kOnDisk) done = cache_io::SyncFile(fresh->file.fd());
-  if (!done) {
-    const int error = errno;
-    unlink(recovered_path.c_str());
-    fresh->file.Close();
-    errno = error;
-  }
-  return done;
-}
-
-bool ReliableReportCacheFile::State::Flush(const Fresh& fresh) {
-  if (!batch.Write(fresh.file.fd())) return false;
-  batch.Start(batch.end());
-  return true;
-}
-
-bool ReliableReportCacheFile::State::CopyPacket(const Packet& packet, Fresh* fresh) {
-  if (batch.size() >= kCopyLimitBytes && !Flush(*fresh)) return false;
-  const uint64_t offset = batch.end();
-  uint64_t check = 0;
-  switch (CheckBody(packet, offset, &check)) {
-    case Body::kFailed:
-      return false;
-    case Body::kGone:
-      ++fresh->lost;
-      return true;
-    case Body::kIntact:
-      break;
-  }
-  const uint64_t number = fresh->packets.size() + 1;
-  if (!batch.AddPacketHeader(number, packet.size, check) || !CopyBody(packet, fresh)) return false;
-  // There is room: WriteFresh() made it.
-  static_cast<void>(fresh->packets.Push(Packet{number, offset, packet.size, true, packet.digest}));
-  return true;
-}
-
-// *check is the body's, for a record at `fresh_offset`. Leaves the last part in copy_bytes.
-auto ReliableReportCacheFile::State::CheckBody(const Packet& packet, uint64_t fresh_offset,
-                                               uint64_t* check) -> Body {
-  cache_file::BodyHasher hasher(fresh_offset, digest_key);
-  for (uint32_t done = 0; done < packet.size;) {
-    const size_t part = std::min<size_t>(kCopyLimitBytes, packet.size - done);
-    const int64_t got = cache_io::ReadAt(file.fd(), copy_bytes.data(), part,
-                                         packet.offset + kRecordHeaderSize + done);
-    if (got < 0) return Body::kFailed;
-    if (got != static_cast<int64_t>(part)) return Body::kGone;
-    hasher.Update(copy_bytes.data(), part);
-    done += static_cast<uint32_t>(part);
-  }
-  *check = hasher.Check();
-  return hasher.ContentDigest() == packet.digest ? Body::kIntact : Body::kGone;
-}
-
-// After CheckBody(): a small body is still in copy_bytes.
-bool ReliableReportCacheFile::State::CopyBody(const Packet& packet, Fresh* fresh) {
-  if (packet.size <= kCopyLimitBytes) {
-    const bool added = batch.Add(copy_bytes.data(), packet.size);
-    if (!added) errno = ENOMEM;
-    return added;
-  }
-  for (uint32_t done = 0; done < packet.size;) {
-    if (!Flush(*fresh)) return false;
-    const size_t part = std::min<size_t>(kCopyLimitBytes, packet.size - done);
-    const int64_t got = cache_io::ReadAt(file.fd(), copy_bytes.data(), part,
-                                         packet.offset + kRecordHeaderSize + done);
-    if (got >= 0 && got != static_cast<int64_t>(part)) errno = EIO;
-    if (got != static_cast<int64_t>(part) || !batch.Add(copy_bytes.data(), part)) return false;
-    done += static_cast<uint32_t>(part);
-  }
-  return true;
 }
 
 // --- The class -----------------------------------------------------------------------------------

@@ -1,0 +1,53 @@
+// A plain cache file that is written to take the place of another: what that one holds, without
+// gaps, as one completed save. Threads: one at a time; blocks on the file system.
+// Page: docs/design/cache-file.md.
+#ifndef QUENOR_BASE_PLATFORM_DEFAULT_CACHE_FILE_FRESH_H_
+#define QUENOR_BASE_PLATFORM_DEFAULT_CACHE_FILE_FRESH_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "quenor_base/platform/default/cache_file_batch.h"
+#include "quenor_base/platform/default/cache_file_reader.h"
+#include "quenor_base/platform/default/cache_io_posix.h"
+#include "quenor_base/platform/default/nothrow_array.h"
+
+namespace quenor::cache_file {
+
+// Packets up to this size are copied behind their header and written with one call.
+constexpr size_t kCopyLimitBytes = 64 * 1024;
+
+struct Fresh {
+  struct Source {
+    int fd;
+    uint64_t digest_key;
+    const NothrowArray<Packet>& packets;
+    uint64_t save_number;  // Of the save that they become.
+  };
+  // Creates the file at `path`, locked before anybody can find it elsewhere; with `on_disk` it is
+  // there on return. False with errno, and then nothing is at `path`. Borrows `batch`, whatever is
+  // in it, until it returns. Allocates nothing when it was large enough before.
+  [[nodiscard, gnu::cold]] bool Write(const std::string& path, bool on_disk, const Source& source,
+                                      Batch* batch);
+
+  cache_io::Descriptor file;
+  NothrowArray<Packet> packets;
+  uint64_t end = 0;
+  uint64_t lost = 0;  // Packets that could not be read any more.
+
+ private:
+  enum class Body { kIntact, kGone, kFailed };
+  bool WriteAll(const Source& source, Batch* batch);
+  bool Flush(Batch* batch) const;
+  bool CopyPacket(const Source& source, const Packet& packet, Batch* batch);
+  Body CheckBody(const Source& source, const Packet& packet, uint64_t fresh_offset,
+                 uint64_t* check);
+  bool CopyBody(const Source& source, const Packet& packet, Batch* batch);
+
+  NothrowArray<uint8_t> copy_bytes_;
+};
+
+}  // namespace quenor::cache_file
+
+#endif  // QUENOR_BASE_PLATFORM_DEFAULT_CACHE_FILE_FRESH_H_
