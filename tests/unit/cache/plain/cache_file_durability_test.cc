@@ -41,6 +41,7 @@ TEST_F(CacheFileDurabilityTest, TwoWaitsOncePerNewPacketAndNotForKnownOnes) {
   ASSERT_TRUE(Save(&file, {"a", "b", "c"}));
   EXPECT_EQ(DiskCalls::CountOf("fsync"), opened + 3);
   ASSERT_TRUE(Save(&file, {"a", "b"}));
+  ASSERT_TRUE(file.IsSaveComplete());
   EXPECT_EQ(DiskCalls::CountOf("fsync"), opened + 3);
   file.Close();
 

@@ -189,9 +189,27 @@ TEST_F(CacheFileOwnerTest, ADeletedFileIsWrittenAnew) {
   EXPECT_EQ(AfterKill(), (Packets{"a", "b"}));
   ASSERT_EQ(Complaints().size(), 1u);
   EXPECT_NE(Complaints()[0].find("removed or replaced"), std::string::npos) << Complaints()[0];
+  ASSERT_TRUE(file.Clear());
+  EXPECT_EQ(DiskCalls::CountOf("renameat2"), 1u);
+  EXPECT_EQ(DiskCalls::CountOf("rename"), 0u) << "once is enough";
   ASSERT_TRUE(Append(&file, "b"));
   file.Close();
   EXPECT_EQ(Reopened(), Packets{"b"});
+}
+
+// A save that was refused must not count what it kept twice.
+TEST_F(CacheFileOwnerTest, AFileThatIsWrittenAnewAfterAVoidSaveHoldsEachPacketOnce) {
+  ReliableReportCacheFile file;
+  ASSERT_TRUE(file.Open(file_path()));
+  ASSERT_TRUE(Save(&file, {"a", "b"}));
+  ASSERT_TRUE(file.Clear());
+  ASSERT_TRUE(Append(&file, "b") && Append(&file, "new"));
+  ASSERT_FALSE(file.AppendDataPacket({nullptr, 1}));
+  ASSERT_EQ(remove(path().c_str()), 0);
+
+  ASSERT_TRUE(file.Clear());
+
+  EXPECT_EQ(AfterKill(), (Packets{"a", "b", "new"}));
 }
 
 // Saved where the next start looks, however the name was lost.
@@ -290,6 +308,11 @@ TEST_F(CacheFileOwnerTest, AShortenedFileIsWrittenAnew) {
 
     EXPECT_GE(Complaints().size(), 1u);
     EXPECT_TRUE(HoldsAll(AfterKill(), {"a", "c", "d"}));
+    // What was lost then is not lost again.
+    RecordingLog::Clear();
+    ASSERT_EQ(remove(path().c_str()), 0);
+    ASSERT_TRUE(Save(&file, {"a", "c", "d"}));
+    EXPECT_EQ(Complaints().size(), 1u) << ::testing::PrintToString(Complaints());
     file.Close();
     EXPECT_EQ(Reopened(), (Packets{"a", "c", "d"}));
   }
@@ -307,6 +330,19 @@ TEST_F(CacheFileOwnerTest, BytesThatOthersAppendAreCutOff) {
   EXPECT_EQ(Reopened(), (Packets{"a", "b"}));
   EXPECT_LT(FileBytes(path()), 1000u);
   EXPECT_FALSE(Exists(aside()));
+}
+
+TEST_F(CacheFileOwnerTest, WhatAKillMayHaveLeftBehindTheEndIsCutOffOnce) {
+  Write({"a"});
+  ReliableReportCacheFile file;
+  ASSERT_TRUE(file.Open(file_path()));
+  const size_t before = DiskCalls::CountOf("ftruncate");
+
+  for (const Packets& packets : {Packets{"a", "b"}, Packets{"b", "c"}, Packets{"d"}}) {
+    ASSERT_TRUE(Save(&file, packets));
+  }
+
+  EXPECT_EQ(DiskCalls::CountOf("ftruncate"), before + 1);
 }
 
 TEST_F(CacheFileOwnerTest, APacketThatIsGoneWhileReadingStopsTheSaves) {

@@ -1,6 +1,7 @@
 // How long the file gets, and that it becomes short again.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <random>
@@ -61,18 +62,39 @@ TEST_F(CacheFileSizeTest, TenThousandRandomSavesStayWithinTheStatedBound) {
 }
 
 TEST_F(CacheFileSizeTest, AnEmptiedFileIsShortAgain) {
+  for (const bool is_asked : {false, true}) {
+    ReliableReportCacheFile file;
+    ASSERT_TRUE(file.Open(file_path()));
+    Packets packets;
+    for (int i = 0; i < 100; ++i) packets.push_back(std::to_string(i) + std::string(10000, 'x'));
+    ASSERT_TRUE(Save(&file, packets));
+    ASSERT_GT(FileBytes(path()), 1000000u);
+
+    ASSERT_TRUE(Save(&file, {}));
+    ASSERT_TRUE(!is_asked || file.IsSaveComplete());
+    file.Close();
+
+    EXPECT_LT(FileBytes(path()), 1000u);
+    EXPECT_TRUE(Reopened().empty());
+  }
+}
+
+TEST_F(CacheFileSizeTest, ARewriteThatFailedIsTriedAgainWhenTheFileHasGrown) {
   ReliableReportCacheFile file;
   ASSERT_TRUE(file.Open(file_path()));
-  Packets packets;
-  for (int i = 0; i < 100; ++i) packets.push_back(std::to_string(i) + std::string(10000, 'x'));
-  ASSERT_TRUE(Save(&file, packets));
-  ASSERT_GT(FileBytes(path()), 1000000u);
+  ASSERT_TRUE(Save(&file, {std::string(500000, 'x')}));
+  DiskCalls::FailAll("rename", ENOSPC);
+  for (int i = 0; i < 10; ++i) ASSERT_TRUE(Save(&file, {"a"}));
+  EXPECT_EQ(DiskCalls::CountOf("rename"), 1u);
+  ASSERT_TRUE(Save(&file, {"a", std::string(200000, 'y')}));
+  DiskCalls::Reset();
 
-  ASSERT_TRUE(Save(&file, {}));
-  file.Close();
-
+  ASSERT_TRUE(Save(&file, {"a"}) && Save(&file, {"a"}));
   EXPECT_LT(FileBytes(path()), 1000u);
-  EXPECT_TRUE(Reopened().empty());
+
+  // And once it worked, a file is too long as soon as it was before.
+  ASSERT_TRUE(Save(&file, {std::string(100000, 'z')}) && Save(&file, {"a"}) && Save(&file, {"a"}));
+  EXPECT_LT(FileBytes(path()), 1000u);
 }
 
 TEST_F(CacheFileSizeTest, LargePacketsAreCarriedOverWhole) {
