@@ -193,6 +193,13 @@ TEST_F(HttpClientProcessTest, ForkInTheMiddleOfTlsTrafficLeavesBothSidesWorking)
   EXPECT_EQ(Run("fork-while-busy", http2.Origin() + "/", {"QUENOR_TEST_HTTP2=1"}), 0) << Output();
 }
 
+TEST_F(HttpClientProcessTest, ChildThatReturnsFromACallbackLeavesTheParentsRequestsAlone) {
+  ScriptedServer server(Answering(), &certificate_);
+
+  EXPECT_EQ(Run("fork-inside-callback", server.Origin() + "/", {"ASAN_OPTIONS=detect_leaks=0"}), 0)
+      << Output();
+}
+
 // ---- Cost ---------------------------------------------------------------------------------------
 
 TEST_F(HttpClientProcessTest, SteadyExchangeStaysWithinItsAllocations) {

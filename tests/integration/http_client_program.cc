@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,6 +21,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "quenor_base/platform/http_client.h"
 #include "tests/integration/support/counted_calls.h"
@@ -242,6 +245,47 @@ int ForkWhileBusy() {
   return 0;
 }
 
+// Callbacks that fork and return in the children, too. No callback of the parent's runs there, and
+// the thread that came back ends: with it the first child, which has no other; the second sends
+// through a thread of its own. The parent notices nothing.
+int ForkInsideCallback() {
+  constexpr size_t kRequests = 20;
+  static auto* const ran_in_child =
+      static_cast<std::atomic<int>*>(mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE,
+                                          MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  static const pid_t parent = getpid();
+  static auto& children = *new std::vector<pid_t>;
+  static Gate& gate = *new Gate;  // Not destroyed by a child, in which the waiting thread is not.
+  const auto client = HttpClientFactory::Create(g_config);
+  const auto callback = [](State state, const HttpClient::Request& request,
+                           std::unique_ptr<HttpClient::Response> response) {
+    if (getpid() != parent) ++*ran_in_child;
+    if (getpid() == parent && children.size() < 2) {
+      const pid_t child = fork();
+      if (child == 0 && children.empty()) return;
+      if (child == 0) {
+        std::thread([] {
+          const auto own = HttpClientFactory::Create(g_config);
+          _exit(Post(own.get()) ? 0 : 2);
+        }).detach();
+        return;
+      }
+      children.push_back(child);
+    }
+    gate.Callback().Run(state, request, std::move(response));
+  };
+  for (size_t i = 0; i < kRequests; ++i) client->SendRequest(g_request, callback);
+  gate.WaitFor(kRequests);
+  for (const pid_t child : children) {
+    const int code = WaitForChild(child);
+    if (code != 0) return code;
+  }
+  for (size_t i = 0; i < kRequests; ++i) {
+    if (!Post(client.get())) return 3;
+  }
+  return *ran_in_child == 0 ? 0 : 4;
+}
+
 int NoThread() {
   const auto client = HttpClientFactory::Create(g_config);
   auto bound = std::make_shared<int>(0);
@@ -360,6 +404,7 @@ int Main(int argc, char** argv) {
                                                   {"exit-inside-callback", &ExitInsideCallback},
                                                   {"fork", &Fork},
                                                   {"fork-while-busy", &ForkWhileBusy},
+                                                  {"fork-inside-callback", &ForkInsideCallback},
                                                   {"no-thread", &NoThread},
                                                   {"no-descriptors", &NoDescriptors},
                                                   {"lazy", &Lazy},

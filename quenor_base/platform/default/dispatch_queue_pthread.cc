@@ -222,19 +222,33 @@ class QueueCore {
     WakeAndUnlock(&hold);
   }
 
-  // The thread's whole life.
-  [[gnu::hot, gnu::noinline]] void Run() {
-    TaskList batch;
-    while (WaitForTasks(&batch)) {
-      for (Task& task : batch) std::move(task).Run();
-      batch.Clear();
-      if (batch.capacity() > kTasksToKeepRoomFor) batch.SetCapacity(kTasksToKeepRoomFor);
+  // The thread's whole life. False when a task has forked and come back in the child: nothing that
+  // the parent has posted runs or is destroyed there.
+  [[gnu::hot, gnu::noinline]] bool Run() {
+    auto batch = std::make_unique<TaskList>();
+    while (WaitForTasks(batch.get())) {
+      if (!RunAll(batch.get())) {
+        (void)batch.release();
+        return false;
+      }
+      if (batch->capacity() > kTasksToKeepRoomFor) batch->SetCapacity(kTasksToKeepRoomFor);
     }
     DestroyDelayed();
+    return !IsInForkedChild();
   }
 
  private:
   bool IsInForkedChild() const { return generation_ != base::ForkGeneration(); }
+
+  // Runs and destroys the tasks; false as soon as this is a forked child.
+  bool RunAll(TaskList* batch) {
+    for (Task& task : *batch) {
+      std::move(task).Run();
+      if (IsInForkedChild()) return false;
+    }
+    batch->Clear();
+    return !IsInForkedChild();
+  }
 
   // In the thread's own list.
   [[gnu::cold]] static void MakeRoom(TaskList* list) {
@@ -416,7 +430,7 @@ class PthreadDispatchQueue : public DispatchQueue {
       pthread_setname_np(pthread_self(), start->name.substr(0, 15).c_str());
       base::ThreadCreateFlag::SetThreadCreateByQuenor(true);
       const ScopedCurrent current(std::move(start->queue));
-      start->core->Run();
+      if (!start->core->Run()) return nullptr;
       start->core->Drop();
     }
     Registry& registry = TheRegistry();

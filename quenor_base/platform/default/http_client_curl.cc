@@ -487,6 +487,10 @@ struct Io {
   Io(const Io&) = delete;
   Io& operator=(const Io&) = delete;
 
+  // The thread has come back from the host's code in a forked child: nothing of this is there.
+  bool IsParents() const { return generation != base::ForkGeneration(); }
+
+  const uint32_t generation = base::ForkGeneration();
   CURLM* multi = nullptr;
   int wake_fd = -1;  // An eventfd: cheaper to write and to empty than libcurl's own pair.
 
@@ -664,7 +668,7 @@ class Engine {
   void CloseHungUp(Io* io);
   void Report(Io* io) QUENOR_EXCLUDES(lock_);
   void DecideState(Io* io, Transfer* transfer) QUENOR_REQUIRES(lock_);
-  void RunCallback(Transfer* transfer) QUENOR_EXCLUDES(lock_);
+  void RunCallback(const Io& io, Transfer* transfer) QUENOR_EXCLUDES(lock_);
   void LogFailure(const Transfer& transfer) QUENOR_EXCLUDES(lock_);
   void Wait(Io* io) QUENOR_EXCLUDES(lock_);
 
@@ -932,6 +936,7 @@ void Engine::Run(Io* io) {
     io->look_again = !io->finished.empty() && !io->active.empty();
     const bool at_once = io->look_again && io->waiting_in_libcurl > 0;
     Report(io);
+    if (io->IsParents()) return;
     CloseHungUp(io);
     if (!at_once) Wait(io);
   }
@@ -1207,6 +1212,7 @@ void Engine::Watch(Io* io) {
 }
 
 // Runs what is due, without the lock: a callback may send, create and destroy clients, and fork.
+// It, or the log's sink, may return in the child, too: there this thread ends.
 void Engine::Report(Io* io) {
   if (io->finished.empty()) return;
   lock_.Acquire();
@@ -1214,7 +1220,8 @@ void Engine::Report(Io* io) {
     StayWhileParked(io);
     DecideState(io, transfer);
     lock_.Release();
-    RunCallback(transfer);
+    RunCallback(*io, transfer);
+    if (io->IsParents()) return;
     Clear(transfer);
     lock_.Acquire();
     if (io->told != nullptr) pthread_cond_broadcast(&io->work_done);
@@ -1236,10 +1243,11 @@ void Engine::DecideState(Io* io, Transfer* transfer) {
   }
 }
 
-void Engine::RunCallback(Transfer* transfer) {
+void Engine::RunCallback(const Io& io, Transfer* transfer) {
   if (transfer->state != HttpClient::State::kCompleted &&
       transfer->state != HttpClient::State::kCancelled) {
     LogFailure(*transfer);
+    if (io.IsParents()) return;
   }
   if (transfer->state != HttpClient::State::kCompleted) transfer->response.reset();
   if (!transfer->callback) return;

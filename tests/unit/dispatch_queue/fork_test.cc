@@ -1,0 +1,91 @@
+// A task forks and returns in the child, too.
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "tests/conformance/dispatch_queue_conformance.h"
+
+// Children that start threads are what is tested here.
+extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
+
+namespace quenor::conformance {
+namespace {
+
+using core::ThreadManager;
+
+const base::Location kHere = base::Location::CreateFromHere("fork_test", 1);
+
+// Whether the thread that came back in the child, its first, has ended: it is there as a zombie.
+bool HasFirstThreadEnded() {
+  std::ifstream status("/proc/self/task/" + std::to_string(getpid()) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.compare(0, 8, "State:\tZ") == 0) return true;
+  }
+  return false;
+}
+
+class QueueForkTest : public ::testing::Test {
+ protected:
+  QueueForkTest()
+      : in_child_(static_cast<std::atomic<int>*>(mmap(nullptr, sizeof(std::atomic<int>),
+                                                      PROT_READ | PROT_WRITE,
+                                                      MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
+  ~QueueForkTest() override { munmap(in_child_, sizeof(std::atomic<int>)); }
+
+  // Runs `in_child` in a child that one of several tasks makes, and answers its wait status.
+  int ForkInATask(void (*in_child)()) {
+    const pid_t parent = getpid();
+    auto queue = NewQueue();
+    pid_t child = -1;
+    Gate go_on, last;
+    const auto bound = [&] { return Bound([this, parent] { *in_child_ += getpid() != parent; }); };
+    queue->PostTask(kHere, [&] { go_on.Wait(); });
+    queue->PostTask(kHere, [&] {
+      child = fork();
+      if (child == 0) in_child();
+    });
+    queue->PostTask(kHere, [this, parent, held = bound()] { *in_child_ += getpid() != parent; });
+    queue->PostDelayedTask(
+        kHere, [this, parent, held = bound()] { *in_child_ += getpid() != parent; },
+        base::TimeDelta::FromMicroseconds(1));
+    queue->PostTask(kHere, [&] { last.Open(); });
+    go_on.Open();
+    EXPECT_TRUE(last.Wait());
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    return status;
+  }
+
+  std::atomic<int>* const in_child_;  // What ran or was destroyed there; in both processes.
+};
+
+TEST_F(QueueForkTest, ChildEndsWithTheThreadThatCameBackAndRunsNothingOfTheParents) {
+  EXPECT_EQ(0, ForkInATask([] {}));
+
+  EXPECT_EQ(0, *in_child_);
+}
+
+TEST_F(QueueForkTest, ChildWithAThreadOfItsOwnHasQueuesThatDrain) {
+  const auto use_queues = [] {
+    std::thread([] {
+      while (!HasFirstThreadEnded()) std::this_thread::yield();
+      Gate ran;
+      NewQueue()->PostTask(kHere, [&] { ran.Open(); });
+      const bool good = ran.Wait() && ThreadManager::WaitForDrain(base::TimeDelta::FromSeconds(60));
+      _exit(good ? 0 : 1);
+    }).detach();
+  };
+
+  EXPECT_EQ(0, ForkInATask(use_queues));
+
+  EXPECT_EQ(0, *in_child_);
+}
+
+}  // namespace
+}  // namespace quenor::conformance
