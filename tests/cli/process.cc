@@ -7,10 +7,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
+
+#include "tests/support/patience.h"
 
 extern char** environ;
 
@@ -42,12 +45,15 @@ Collected::Collected(Fd fd) : fd_(std::move(fd)), thread_(&Collected::Run, this)
 Collected::~Collected() { thread_.join(); }
 
 void Collected::Run() {
+  const auto end = std::chrono::steady_clock::now() + kPatience;
   char bytes[65536];
   for (;;) {
-    const ssize_t got = ::read(fd_.get(), bytes, sizeof(bytes));
+    const bool is_late = !WaitForInput(fd_.get(), end);
+    const ssize_t got = is_late ? 0 : ::read(fd_.get(), bytes, sizeof(bytes));
     if (got < 0 && errno == EINTR) continue;
     std::lock_guard<std::mutex> hold(mutex_);
     if (got > 0) text_.append(bytes, static_cast<size_t>(got));
+    if (is_late) text_ += "\n(the test waits no longer for more)\n";
     ended_ = got <= 0;  // A terminal ends with an error.
     changed_.notify_all();
     if (ended_) return;
@@ -126,10 +132,7 @@ Process::~Process() {
 void Process::Signal(int number) { ::kill(pid_, number); }
 
 int Process::Wait() {
-  int status = 0;
-  while (!ended_ && ::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-  }
-  if (!ended_) result_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  if (!ended_) result_ = ReapPatiently(pid_);
   ended_ = true;
   return result_;
 }

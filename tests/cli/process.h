@@ -39,7 +39,8 @@ struct Pipe {
   Fd writer;
 };
 
-// Reads a descriptor to its end on a thread of its own.
+// Reads a descriptor on a thread of its own, to its end or until a test's patience is over, which
+// it takes for the end.
 class Collected {
  public:
   explicit Collected(Fd fd);
@@ -80,7 +81,8 @@ class Process {
 
   void Signal(int number);
 
-  // Waits for its end: the exit code, or minus the number of the signal that ended it.
+  // Waits for its end, or kills it when that does not come: the exit code, or minus the number of
+  // the signal that ended it.
   int Wait();
 
   Collected& out() { return *out_; }

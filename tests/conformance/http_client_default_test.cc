@@ -2,9 +2,11 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <string>
 
 #include "tests/conformance/http_client_conformance.h"
 #include "tests/integration/support/scripted_server.h"
+#include "tests/support/patience.h"
 
 namespace quenor::conformance {
 namespace {
@@ -22,7 +24,8 @@ class LoopbackPeer : public HttpClientPeer {
 
   std::vector<PeerRequest> WaitForRequests(size_t count) override {
     std::unique_lock<std::mutex> hold(mutex_);
-    arrived_.wait(hold, [&] { return seen_.size() >= count; });
+    test::WaitPatiently(&arrived_, &hold, std::to_string(count) + " requests",
+                        [&] { return seen_.size() >= count; });
     return seen_;
   }
 

@@ -14,17 +14,13 @@
 #include <thread>
 
 #include "tests/crash/promises.h"
+#include "tests/support/patience.h"
 
 namespace quenor::test {
 namespace {
 
 // The exit code of a child that runs `body`, and minus the signal's number if one ended it.
-int Wait(pid_t child) {
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
+int Wait(pid_t child) { return ReapPatiently(child); }
 
 pid_t Fork(const std::function<int()>& body) {
   const pid_t child = fork();

@@ -2,13 +2,14 @@
 
 #include <fcntl.h>
 #include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 
 #include "quenor_base/platform/base/check.h"
+#include "tests/support/patience.h"
 
 extern char** environ;
 
@@ -42,6 +43,7 @@ Job::~Job() {
 }
 
 bool Job::Next(JobEvent* event) {
+  if (!WaitForInput(events_, std::chrono::steady_clock::now() + kLongPatience)) Kill();
   ssize_t got;
   do {
     got = read(events_, event, sizeof(*event));
@@ -65,10 +67,7 @@ void Job::Kill() {
 }
 
 int Job::Wait() {
-  int status = 0;
-  while (!ended_ && waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-  }
-  if (!ended_) result_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  if (!ended_) result_ = ReapPatiently(pid_, kLongPatience);
   ended_ = true;
   return result_;
 }

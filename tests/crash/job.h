@@ -35,7 +35,8 @@ class Job {
   Job(const Job&) = delete;
   Job& operator=(const Job&) = delete;
 
-  // Waits for the next event; false when the job has ended and there is none left.
+  // Waits for the next event; false when the job has ended and there is none left. Kills one that
+  // is silent for too long.
   bool Next(JobEvent* event);
   // What Next() reads from.
   int events_fd() const { return events_; }
@@ -45,7 +46,8 @@ class Job {
   // Ends its standard input: the sign to go, for those that wait for one.
   void Release();
   void Kill();
-  // Waits for its end: the exit code, or minus the number of the signal that ended it.
+  // Waits for its end, or kills it when that does not come: the exit code, or minus the number of
+  // the signal that ended it.
   int Wait();
 
  private:

@@ -24,6 +24,7 @@
 
 #include "quenor_base/platform/base/check.h"
 #include "tests/crash/instruction.h"
+#include "tests/support/patience.h"
 
 namespace quenor::test {
 namespace {
@@ -110,6 +111,7 @@ bool IsMark(uint64_t number) { return number == SYS_kill; }
   std::vector<char*> argv;
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
+  alarm(kLongPatience.count());  // The tracer waits for it.
   if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(126);
   execv(argv[0], argv.data());
   _exit(127);

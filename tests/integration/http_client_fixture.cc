@@ -1,5 +1,6 @@
 #include "tests/integration/http_client_fixture.h"
 
+#include "tests/support/patience.h"
 #include "tests/support/recording_log.h"
 
 namespace quenor::test {
@@ -28,7 +29,8 @@ HttpClient::CompletionCallback Exchanges::Note(std::function<void()> then) {
 
 void Exchanges::WaitFor(size_t count) {
   std::unique_lock<std::mutex> hold(core_->mutex);
-  core_->arrived.wait(hold, [&] { return core_->outcomes.size() >= count; });
+  WaitPatiently(&core_->arrived, &hold, std::to_string(count) + " callbacks",
+                [&] { return core_->outcomes.size() >= count; });
 }
 
 size_t Exchanges::count() const {

@@ -36,7 +36,7 @@ class Exchanges {
 
   // A callback that notes the outcome here and then runs `then`, if any.
   HttpClient::CompletionCallback Note(std::function<void()> then = nullptr);
-  // Waits until `count` callbacks have run; ctest's own limit ends a wait that is in vain.
+  // Waits until `count` callbacks have run; throws when they do not.
   void WaitFor(size_t count);
   size_t count() const;
   // Takes the outcomes so far.

@@ -22,7 +22,7 @@ class HttpClientIdleTest : public HttpClientTest {
     ChildProcess child(
         {QUENOR_HTTP_CLIENT_PROGRAM, mode, server.Origin() + "/", authority_.ca_file()},
         folder_.File("output"), environment);
-    return child.Wait();
+    return child.Wait(2 * kPatience);
   }
   std::string Output() const { return ReadWholeFile(folder_.File("output")); }
 };

@@ -32,9 +32,7 @@ class HttpClientProxyTest : public HttpClientTest {
     return config;
   }
 
-  std::string LocalhostUrl() const {
-    return "https://localhost:" + std::to_string(server_.port()) + "/";
-  }
+  std::string Url() const { return server_.Origin() + "/"; }
 
   ScriptedServer server_;
 };
@@ -82,10 +80,12 @@ TEST_F(HttpClientProxyTest, RequestWithoutEncryptionIsRefusedWhereTheHostForbids
 }
 
 TEST_F(HttpClientProxyTest, NameIsResolvedByTheProxy) {
+  if (!HostsFileNamesLocalhost()) GTEST_SKIP() << kNoLocalhost;
   SocksProxy proxy(kUser, kPassword);
   const auto client = MakeClient(TrustingDefaults(), Through(proxy.port()));
 
-  EXPECT_EQ(Send(client.get(), MakeRequest(LocalhostUrl(), "via")).body(), "via");
+  EXPECT_EQ(Send(client.get(), MakeRequest(server_.Origin("localhost") + "/", "via")).body(),
+            "via");
 
   EXPECT_NE(proxy.Output().find("localhost:" + std::to_string(server_.port())), std::string::npos)
       << proxy.Output();
@@ -93,20 +93,14 @@ TEST_F(HttpClientProxyTest, NameIsResolvedByTheProxy) {
 
 TEST_F(HttpClientProxyTest, AddressesGoThroughTheProxyToo) {
   SocksProxy proxy(kUser, kPassword);
-  ScriptedServer ipv6(
-      [](Connection& connection) {
-        ReceivedRequest request;
-        while (connection.ReadRequest(&request)) connection.Respond(200, request.body);
-      },
-      &certificate_, true);
   const auto client = MakeClient(TrustingDefaults(), Through(proxy.port()));
 
-  EXPECT_EQ(Send(client.get(), MakeRequest(server_.Origin() + "/", "4")).body(), "4");
-  EXPECT_EQ(Send(client.get(), MakeRequest(ipv6.Origin() + "/", "6")).body(), "6");
+  EXPECT_EQ(Send(client.get(), MakeRequest(Url(), "4")).body(), "4");
+  EXPECT_EQ(Send(client.get(), MakeRequest(server_.Origin("[::1]") + "/", "6")).body(), "6");
 
   EXPECT_NE(proxy.Output().find("127.0.0.1:" + std::to_string(server_.port())), std::string::npos)
       << proxy.Output();
-  EXPECT_NE(proxy.Output().find("::1:" + std::to_string(ipv6.port())), std::string::npos)
+  EXPECT_NE(proxy.Output().find("::1:" + std::to_string(server_.port())), std::string::npos)
       << proxy.Output();
 }
 
@@ -114,7 +108,7 @@ TEST_F(HttpClientProxyTest, WrongPasswordFailsAndIsNotLogged) {
   SocksProxy proxy(kUser, kPassword);
   const auto client = MakeClient(TrustingDefaults(), Through(proxy.port(), "wr0ng"));
 
-  EXPECT_EQ(Send(client.get(), MakeRequest(LocalhostUrl(), "x")).state, State::kFailed);
+  EXPECT_EQ(Send(client.get(), MakeRequest(Url(), "x")).state, State::kFailed);
 
   EXPECT_EQ(server_.accepted(), 0u);
   ASSERT_EQ(RecordingLog::Texts(2).size(), 1u);
@@ -129,8 +123,9 @@ TEST_F(HttpClientProxyTest, WrongPasswordFailsAndIsNotLogged) {
 TEST_F(HttpClientProxyTest, ProxyThatIsDownIsNeverBypassed) {
   const auto client = MakeClient(TrustingDefaults(), Through(UnusedPort()));
 
-  EXPECT_EQ(Send(client.get(), MakeRequest(LocalhostUrl(), "x")).state, State::kFailed);
-  EXPECT_EQ(Send(client.get(), MakeRequest(server_.Origin() + "/", "x")).state, State::kFailed);
+  EXPECT_EQ(Send(client.get(), MakeRequest(server_.Origin("localhost") + "/", "x")).state,
+            State::kFailed);
+  EXPECT_EQ(Send(client.get(), MakeRequest(Url(), "x")).state, State::kFailed);
 
   EXPECT_EQ(server_.accepted(), 0u);
 }
@@ -138,11 +133,11 @@ TEST_F(HttpClientProxyTest, ProxyThatIsDownIsNeverBypassed) {
 TEST_F(HttpClientProxyTest, ProxyThatGoesDownIsNotBypassedAfterwards) {
   SocksProxy proxy(kUser, kPassword);
   const auto client = MakeClient(TrustingDefaults(), Through(proxy.port()));
-  ASSERT_EQ(Send(client.get(), MakeRequest(LocalhostUrl(), "x")).status(), 200);
+  ASSERT_EQ(Send(client.get(), MakeRequest(Url(), "x")).status(), 200);
 
   proxy.Stop();
 
-  EXPECT_EQ(Send(client.get(), MakeRequest(LocalhostUrl(), "x")).state, State::kFailed);
+  EXPECT_EQ(Send(client.get(), MakeRequest(Url(), "x")).state, State::kFailed);
   EXPECT_EQ(server_.accepted(), 1u);
 }
 
@@ -155,7 +150,7 @@ TEST_F(HttpClientProxyTest, ConnectionsAreNotSharedBetweenProxiedAndDirectClient
 
   for (int i = 0; i < 3; ++i) {
     for (HttpClient* client : {direct.get(), proxied.get(), other.get()}) {
-      EXPECT_EQ(Send(client, MakeRequest(LocalhostUrl(), "x")).status(), 200);
+      EXPECT_EQ(Send(client, MakeRequest(Url(), "x")).status(), 200);
     }
   }
 
@@ -167,8 +162,8 @@ TEST_F(HttpClientProxyTest, OtherCredentialsDoNotShareAConnection) {
   const auto right = MakeClient(TrustingDefaults(), Through(proxy.port()));
   const auto wrong = MakeClient(TrustingDefaults(), Through(proxy.port(), "wr0ng"));
 
-  EXPECT_EQ(Send(right.get(), MakeRequest(LocalhostUrl(), "x")).status(), 200);
-  EXPECT_EQ(Send(wrong.get(), MakeRequest(LocalhostUrl(), "x")).state, State::kFailed);
+  EXPECT_EQ(Send(right.get(), MakeRequest(Url(), "x")).status(), 200);
+  EXPECT_EQ(Send(wrong.get(), MakeRequest(Url(), "x")).state, State::kFailed);
 }
 
 TEST_F(HttpClientProxyTest, CredentialsThatLookEncodedReachTheProxyAsTheyAre) {
@@ -178,7 +173,7 @@ TEST_F(HttpClientProxyTest, CredentialsThatLookEncodedReachTheProxyAsTheyAre) {
   config.SetSocks5Proxy("127.0.0.1", proxy.port(), "u%42", kLooksEncoded);
   const auto client = MakeClient(TrustingDefaults(), config);
 
-  EXPECT_EQ(Send(client.get(), MakeRequest(LocalhostUrl(), "x")).status(), 200);
+  EXPECT_EQ(Send(client.get(), MakeRequest(Url(), "x")).status(), 200);
 }
 
 TEST_F(HttpClientProxyTest, SilentProxyTimesOut) {
@@ -187,7 +182,7 @@ TEST_F(HttpClientProxyTest, SilentProxyTimesOut) {
   defaults.connect_timeout_ms = 50;
   const auto client = MakeClient(defaults, Through(silent.port()));
 
-  EXPECT_EQ(Send(client.get(), MakeRequest(LocalhostUrl(), "x")).state, State::kTimedOut);
+  EXPECT_EQ(Send(client.get(), MakeRequest(Url(), "x")).state, State::kTimedOut);
   EXPECT_EQ(server_.accepted(), 0u);
 }
 

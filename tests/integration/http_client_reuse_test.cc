@@ -9,6 +9,7 @@
 #include "tests/integration/support/child_process.h"
 #include "tests/integration/support/local_port.h"
 #include "tests/integration/support/scripted_server.h"
+#include "tests/support/patience.h"
 
 namespace quenor::test {
 namespace {
@@ -37,7 +38,7 @@ class Barrier {
     std::unique_lock<std::mutex> hold(mutex_);
     const size_t all = (arrived_++ / size_ + 1) * size_;
     changed_.notify_all();
-    changed_.wait(hold, [&] { return arrived_ >= all; });
+    changed_.wait_for(hold, kPatience, [&] { return arrived_ >= all; });
   }
 
  private:

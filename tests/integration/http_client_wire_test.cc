@@ -13,6 +13,7 @@
 #include "tests/integration/http_client_fixture.h"
 #include "tests/integration/support/child_process.h"
 #include "tests/integration/support/scripted_server.h"
+#include "tests/support/patience.h"
 #include "tests/support/recording_log.h"
 
 namespace quenor::test {
@@ -153,10 +154,10 @@ TEST_F(HttpClientWireTest, Ipv6LiteralIsReached) {
         ReceivedRequest request;
         if (connection.ReadRequest(&request)) connection.Respond(200, request.headers["host"]);
       },
-      &certificate_, true);
+      &certificate_);
   const auto client = MakeClient();
 
-  EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).body(),
+  EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin("[::1]") + "/", "x")).body(),
             "[::1]:" + std::to_string(server.port()));
 }
 
@@ -188,7 +189,7 @@ TEST_F(HttpClientWireTest, AsManyConnectionsAsOneHostMayHaveAreKept) {
         std::unique_lock<std::mutex> hold(mutex);
         const size_t all = (arrived++ / kConnections + 1) * kConnections;
         changed.notify_all();
-        changed.wait(hold, [&] { return arrived >= all; });
+        changed.wait_for(hold, kPatience, [&] { return arrived >= all; });
       }
       connection.Respond(200, "");
     }

@@ -4,7 +4,7 @@ loses and counts packets, servers, senders, and what /proc tells of a process.
 Only Python's library, iproute2, util-linux and openssl are needed. Everything made here ends with
 the test's process: namespaces live as long as their holder, which ends when its input does.
 """
-import collections, ctypes, fcntl, hashlib, heapq, itertools, json, os, random, re, select, shutil
+import collections, ctypes, faulthandler, fcntl, hashlib, heapq, itertools, json, os, random, re, select, shutil
 import signal, socket, statistics, struct, subprocess, sys, tempfile, threading, time, unittest
 
 FULL = os.environ.get("QUENOR_NETWORK_FULL", "0") not in ("", "0")
@@ -14,6 +14,7 @@ COLLECTOR = os.environ.get("QUENOR_COLLECTOR", "quenor-collector")
 PROGRAM = os.environ.get("QUENOR_NETWORK_PROGRAM", "quenor_network_program")
 RESEND_LIMIT = 1000000
 PATIENCE_S = 600 if FULL or SANITIZED else 100  # For what must happen.
+LIMIT_S = int(os.environ.get("QUENOR_TEST_LIMIT", 3600))  # For a test, whatever it waits for.
 os.environ["PATH"] += ":/usr/local/sbin:/usr/sbin:/sbin"
 libc = ctypes.CDLL(None, use_errno=True)
 
@@ -39,6 +40,9 @@ def why_no_namespaces():
     """Empty when namespaces with a wire can be made, else the reason."""
     if shutil.which("ip") is None:
         return "no ip command; install iproute2"
+    for file in ("/etc/hosts", "/etc/resolv.conf"):
+        if not os.path.exists(file):
+            return f"no {file} over which another one could be mounted"
     if not os.access("/dev/net/tun", os.R_OK | os.W_OK):
         return "no /dev/net/tun that may be opened"
     probe = subprocess.run(
@@ -506,6 +510,8 @@ def main():
         if subprocess.run([*command, "true"], capture_output=True).returncode == 0:
             os.environ["QUENOR_IN_USER_NAMESPACE"] = "1"
             os.execvp(command[0], [*command, sys.executable, "-B", *sys.argv])
+    # Before ctest's own limit: says where it waited, and takes what it has started along.
+    faulthandler.dump_traceback_later(LIMIT_S - 5, exit=True)
     module = sys.modules["__main__"]
     suite = unittest.defaultTestLoader.loadTestsFromModule(module)
     wanted = {"test_" + name.removeprefix("test_") for name in sys.argv[1:]}

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "tests/collector/support/test_cert.h"
+#include "tests/support/patience.h"
 
 extern char** environ;
 
@@ -24,10 +25,13 @@ void OpenPipe(int ends[2]) {
   if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("cannot make a pipe");
 }
 
-// Appends what comes next to *text. False at the end of input.
+// Appends what comes next to *text. False at the end of input, or when nothing comes for too long.
 bool ReadMore(int fd, std::string* text) {
   char step[4096];
   ssize_t got = 0;
+  if (!quenor::test::WaitForInput(fd, std::chrono::steady_clock::now() + quenor::test::kPatience)) {
+    return false;
+  }
   do {
     got = ::read(fd, step, sizeof(step));
   } while (got < 0 && errno == EINTR);
@@ -131,10 +135,9 @@ Ended Child::Wait() {
   }
   err_reader.join();
   ended.out = std::move(unread_);
-  int status = 0;
-  ::waitpid(pid_, &status, 0);
+  const int result = quenor::test::ReapPatiently(pid_);
   pid_ = -1;
-  if (WIFEXITED(status)) ended.exit_code = WEXITSTATUS(status);
+  if (result >= 0) ended.exit_code = result;
   return ended;
 }
 

@@ -12,6 +12,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tests/support/patience.h"
+
 namespace quenor::collector::test {
 
 RawClient::RawClient(int port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -23,6 +25,9 @@ RawClient::RawClient(int port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXE
       ::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
     throw std::runtime_error("cannot connect to port " + std::to_string(port));
   }
+  const timeval patience{quenor::test::kPatience.count(), 0};
+  ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+  ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
 }
 
 RawClient::~RawClient() { ::close(fd_); }

@@ -17,6 +17,7 @@
 #include "quenor_base/platform/report_events.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
 #include "tests/integration/support/certificates.h"
+#include "tests/support/patience.h"
 #include "tests/support/temp_folder.h"
 
 namespace quenor::test {
@@ -33,10 +34,11 @@ class EventCounter : public ReportEventListener {
     changed_.notify_all();
   }
 
-  // Returns once the kind has been told `count` times; the test's time limit bounds the wait.
+  // Returns once the kind has been told `count` times; throws when it is not.
   void WaitFor(ReportEventKind kind, size_t count) {
     std::unique_lock<std::mutex> hold(mutex_);
-    changed_.wait(hold, [&] { return counts_[kind] >= count; });
+    WaitPatiently(&changed_, &hold, std::to_string(count) + " events",
+                  [&] { return counts_[kind] >= count; });
   }
 
   size_t Count(ReportEventKind kind) {

@@ -121,6 +121,7 @@ INSTANTIATE_TEST_SUITE_P(Protocols, ChannelOverNginxTest, ::testing::Bool(),
                          [](const auto& test) { return test.param ? "Http2" : "Http1"; });
 
 TEST_F(ChannelTest, SocksProxyWithPasswordIsUsedAndResolvesTheHostName) {
+  if (!HostsFileNamesLocalhost()) GTEST_SKIP() << kNoLocalhost;
   BodyKeeper keeper(kSuccess);
   const Certificate certificate = GoodCertificate();
   ScriptedServer server(keeper.Script(), &certificate);
@@ -132,7 +133,7 @@ TEST_F(ChannelTest, SocksProxyWithPasswordIsUsedAndResolvesTheHostName) {
   config.password = "secret word";
   config.enabled = true;
   GetSocks5ProxyConfigHolder()->SetConfig(config);
-  const auto channel = Start("https://localhost:" + std::to_string(server.port()) + "/");
+  const auto channel = Start(server.Origin("localhost") + "/");
 
   Send(channel.get(), "through the proxy");
   events_.WaitFor(ReportEventKind::kAcknowledged, 1);

@@ -36,7 +36,7 @@ TEST_P(ExitAfterFirstSendTest, NeitherCrashesNorHangs) {
       {QUENOR_EXIT_PROGRAM, server.Origin() + "/", authority_.ca_file(), owner, Runs()},
       folder_.File("seen"), {"ASAN_OPTIONS=detect_leaks=0"});
 
-  const int code = program.Wait();
+  const int code = program.Wait(std::chrono::seconds(2900));  // Thousands of them at full length.
   const std::string seen = ReadWholeFile(folder_.File("seen"));
   std::cout << seen;
   EXPECT_EQ(0, code) << seen;

@@ -16,6 +16,7 @@
 #include "quenor_base/platform/thread_manager.h"
 #include "tests/integration/channel/channel_fixture.h"
 #include "tests/integration/support/child_process.h"
+#include "tests/support/patience.h"
 
 namespace quenor::test {
 namespace {
@@ -159,10 +160,8 @@ TEST_F(ForkUnderLoadTest, ChildrenHaveChannelsOfTheirOwnAndTheParentLosesNothing
       const pid_t child = fork();
       ASSERT_GE(child, 0);
       if (child == 0) _exit(InChild(&channels, i));
-      int status = 0;
-      while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-      }
-      ++ends[WIFEXITED(status) && WEXITSTATUS(status) < 4 ? WEXITSTATUS(status) : 4];
+      const int result = ReapPatiently(child);
+      ++ends[result >= 0 && result < 4 ? result : 4];
     }
   }
   const size_t handed_over = events_.Count(ReportEventKind::kHandedOver);

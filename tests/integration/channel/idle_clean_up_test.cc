@@ -7,6 +7,7 @@
 #include "quenor_base/platform/thread_manager.h"
 #include "tests/integration/channel/channel_fixture.h"
 #include "tests/integration/support/scripted_server.h"
+#include "tests/support/patience.h"
 #include "tests/support/virtual_time.h"
 
 namespace quenor::test {
@@ -46,7 +47,7 @@ class FirstRequestHanger {
 
   void WaitUntilHanging() {
     std::unique_lock<std::mutex> hold(mutex_);
-    arrived_.wait(hold, [this] { return hanging_; });
+    WaitPatiently(&arrived_, &hold, "the first request", [this] { return hanging_; });
   }
 
  private:

@@ -1,7 +1,10 @@
 #include "tests/integration/matrix/client_watch.h"
 
 #include <memory>
+#include <string>
 #include <utility>
+
+#include "tests/support/patience.h"
 
 namespace quenor::test {
 
@@ -18,7 +21,8 @@ void ClientWatch::Clear() {
 
 Ending ClientWatch::WaitFor(size_t count) {
   std::unique_lock<std::mutex> hold(mutex_);
-  changed_.wait(hold, [&] { return ended_ >= count; });
+  WaitPatiently(&changed_, &hold, std::to_string(count) + " exchanges",
+                [&] { return ended_ >= count; });
   return last_;
 }
 

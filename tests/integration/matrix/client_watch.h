@@ -25,8 +25,8 @@ class ClientWatch {
 
   // Forgets everything so far; no exchange may be open.
   void Clear();
-  // Waits until `count` exchanges have ended and their callbacks have returned; ctest's limit ends
-  // a wait that is in vain. Answers how the last one ended.
+  // Waits until `count` exchanges have ended and their callbacks have returned, or throws.
+  // Answers how the last one ended.
   Ending WaitFor(size_t count);
   size_t started() const;
   size_t ended() const;

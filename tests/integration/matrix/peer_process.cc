@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "quenor_base/platform/base/check.h"
+#include "tests/support/patience.h"
 
 namespace quenor::test {
 
@@ -50,8 +51,10 @@ PeerProcess::PeerProcess() {
   while (poll(&waiting, 1, 100) != 1) {
     QUENOR_CHECK(!child_->HasEnded(), ReadWholeFile(folder_.File("output")).c_str());
   }
+  const timeval patience{kPatience.count(), 0};
   control_ = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
   QUENOR_CHECK(control_ >= 0, "h2_peer.py did not connect");
+  setsockopt(control_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
   close(listener);
 }
 

@@ -13,6 +13,7 @@
 
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 
 #include "quenor_base/platform/base/check.h"
@@ -62,10 +63,11 @@ bool CanConnect(uint16_t port) {
 // and the next port is tried.
 void StartOnFreePort(std::unique_ptr<ChildProcess>* process, uint16_t* port,
                      const std::function<std::unique_ptr<ChildProcess>(uint16_t)>& start) {
+  const auto end = std::chrono::steady_clock::now() + kPatience;
   for (int attempt = 0; attempt < 20; ++attempt) {
     *port = UnusedPort();
     *process = start(*port);
-    while (!(*process)->HasEnded()) {
+    while (!(*process)->HasEnded() && std::chrono::steady_clock::now() < end) {
       if (CanConnect(*port)) return;
       poll(nullptr, 0, 1);
     }
@@ -103,12 +105,10 @@ ChildProcess::~ChildProcess() {
   Wait();
 }
 
-int ChildProcess::Wait() {
+int ChildProcess::Wait(std::chrono::seconds patience) {
   if (status_ == -1) {
-    int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
-    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    status_ = ReapPatiently(pid_, patience);
+    if (status_ < 0) status_ = 128 - status_;
   }
   return status_;
 }
@@ -168,6 +168,19 @@ SocksProxy::SocksProxy(const std::string& user, const std::string& password) {
 SocksProxy::~SocksProxy() = default;
 
 std::string SocksProxy::Output() const { return ReadWholeFile(folder_.File("output")); }
+
+bool HostsFileNamesLocalhost() {
+  std::istringstream lines(ReadWholeFile("/etc/hosts"));
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line.substr(0, line.find('#')));
+    std::string word;
+    words >> word;  // The address.
+    while (words >> word) {
+      if (word == "localhost") return true;
+    }
+  }
+  return false;
+}
 
 uint16_t UnusedPort() {
   uint16_t port = 0;

@@ -5,12 +5,14 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "tests/integration/support/certificates.h"
+#include "tests/support/patience.h"
 #include "tests/support/temp_folder.h"
 
 namespace quenor::test {
@@ -27,8 +29,9 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   pid_t pid() const { return pid_; }
-  // Waits for its end. The exit code, or 128 and the signal's number.
-  int Wait();
+  // Waits for its end, or kills it when that does not come. The exit code, or 128 and the signal's
+  // number.
+  int Wait(std::chrono::seconds patience = kPatience);
   bool HasEnded();
 
  private:
@@ -78,6 +81,11 @@ class SocksProxy {
   uint16_t port_ = 0;
   std::unique_ptr<ChildProcess> process_;
 };
+
+// Whether /etc/hosts has the name, which a proxy then knows. Asks no name server.
+bool HostsFileNamesLocalhost();
+constexpr char kNoLocalhost[] =
+    "/etc/hosts does not name localhost, which the proxy has to resolve";
 
 // A port of 127.0.0.1 that nothing listens on at the time of the call.
 uint16_t UnusedPort();

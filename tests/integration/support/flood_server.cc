@@ -54,7 +54,7 @@ const std::vector<Flood>& Floods() {
 
 FloodServer::FloodServer(const Flood& flood, const Certificate& certificate)
     : server_([this, frame = flood.frame](Connection& connection) { Serve(connection, frame); },
-              &certificate, /*ipv6*/ false, /*http2*/ true) {}
+              &certificate, /*http2*/ true) {}
 
 void FloodServer::Serve(Connection& connection, const std::string& frame) {
   std::string many;

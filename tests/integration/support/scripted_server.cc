@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <condition_variable>
 #include <cstdlib>
 #include <future>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "quenor_base/platform/base/check.h"
+#include "tests/support/patience.h"
 
 namespace quenor::test {
 
@@ -124,11 +126,10 @@ void ScriptedServer::Connection::HoldUntilClosed() {
 
 struct ScriptedServer::Core {
   Script script;
-  int listener = -1;
+  std::vector<int> listeners;
   uint16_t port = 0;
-  bool ipv6 = false;
   SSL_CTX* tls = nullptr;
-  std::thread acceptor;
+  std::vector<std::thread> acceptors;  // One for each listener.
   std::promise<void> end;
   const std::shared_future<void> ended{end.get_future()};
 
@@ -139,7 +140,7 @@ struct ScriptedServer::Core {
   std::vector<int> open;             // Sockets to shut down at the end.
   std::vector<std::thread> threads;  // One per connection accepted.
 
-  void Accept();
+  void Accept(int listener);
   void Serve(int fd, size_t index);
 };
 
@@ -191,21 +192,34 @@ void BlockSigPipe() {
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-int Listen(bool ipv6, uint16_t* port) {
-  sockaddr_in v4{};
-  v4.sin_family = AF_INET;
-  v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  sockaddr_in6 v6{};
-  v6.sin6_family = AF_INET6;
-  v6.sin6_addr = in6addr_loopback;
-  sockaddr* address = ipv6 ? reinterpret_cast<sockaddr*>(&v6) : reinterpret_cast<sockaddr*>(&v4);
-  socklen_t size = ipv6 ? sizeof(v6) : sizeof(v4);
-  const int fd = socket(address->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  QUENOR_CHECK(fd >= 0 && bind(fd, address, size) == 0 && listen(fd, 1024) == 0,
-               "a scripted server cannot listen");
-  getsockname(fd, address, &size);
-  *port = ntohs(ipv6 ? v6.sin6_port : v4.sin_port);
-  return fd;
+// Sockets that listen on a port of 127.0.0.1 and on the same one of ::1, where there is one.
+std::vector<int> Listen(uint16_t* port) {
+  for (;;) {
+    sockaddr_in v4{};
+    v4.sin_family = AF_INET;
+    v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof(v4);
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    QUENOR_CHECK(
+        fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&v4), size) == 0 && listen(fd, 1024) == 0,
+        "a scripted server cannot listen");
+    getsockname(fd, reinterpret_cast<sockaddr*>(&v4), &size);
+    *port = ntohs(v4.sin_port);
+
+    sockaddr_in6 v6{};
+    v6.sin6_family = AF_INET6;
+    v6.sin6_addr = in6addr_loopback;
+    v6.sin6_port = v4.sin_port;
+    const int fd6 = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd6 >= 0 && bind(fd6, reinterpret_cast<sockaddr*>(&v6), sizeof(v6)) == 0 &&
+        listen(fd6, 1024) == 0) {
+      return {fd, fd6};
+    }
+    const bool is_taken = errno == EADDRINUSE;
+    if (fd6 >= 0) close(fd6);
+    if (!is_taken) return {fd};
+    close(fd);
+  }
 }
 
 int SelectHttp2(SSL*, const unsigned char** selected, unsigned char* size,
@@ -218,7 +232,7 @@ int SelectHttp2(SSL*, const unsigned char** selected, unsigned char* size,
 
 }  // namespace
 
-void ScriptedServer::Core::Accept() {
+void ScriptedServer::Core::Accept(int listener) {
   BlockSigPipe();
   for (;;) {
     const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
@@ -236,6 +250,9 @@ void ScriptedServer::Core::Accept() {
 void ScriptedServer::Core::Serve(int fd, size_t index) {
   const int on = 1;
   setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+  const timeval patience{kPatience.count(), 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
   SSL* session = nullptr;
   bool ready = true;
   if (tls != nullptr) {
@@ -255,11 +272,10 @@ void ScriptedServer::Core::Serve(int fd, size_t index) {
   one_closed.notify_all();
 }
 
-ScriptedServer::ScriptedServer(Script script, const Certificate* certificate, bool ipv6, bool http2)
+ScriptedServer::ScriptedServer(Script script, const Certificate* certificate, bool http2)
     : core_(new Core) {
   core_->script = std::move(script);
-  core_->ipv6 = ipv6;
-  core_->listener = Listen(ipv6, &core_->port);
+  core_->listeners = Listen(&core_->port);
   if (certificate != nullptr) {
     core_->tls = SSL_CTX_new(TLS_server_method());
     QUENOR_CHECK(SSL_CTX_use_certificate_chain_file(core_->tls,
@@ -269,7 +285,9 @@ ScriptedServer::ScriptedServer(Script script, const Certificate* certificate, bo
                  "a scripted server cannot use its certificate");
     if (http2) SSL_CTX_set_alpn_select_cb(core_->tls, &SelectHttp2, nullptr);
   }
-  core_->acceptor = std::thread([core = core_.get()] { core->Accept(); });
+  for (const int listener : core_->listeners) {
+    core_->acceptors.emplace_back([core = core_.get(), listener] { core->Accept(listener); });
+  }
 }
 
 ScriptedServer::~ScriptedServer() {
@@ -279,18 +297,18 @@ ScriptedServer::~ScriptedServer() {
     for (int fd : core_->open) shutdown(fd, SHUT_RDWR);
   }
   core_->end.set_value();
-  shutdown(core_->listener, SHUT_RDWR);
-  core_->acceptor.join();
+  for (const int listener : core_->listeners) shutdown(listener, SHUT_RDWR);
+  for (std::thread& thread : core_->acceptors) thread.join();
   for (std::thread& thread : core_->threads) thread.join();
-  close(core_->listener);
+  for (const int listener : core_->listeners) close(listener);
   SSL_CTX_free(core_->tls);
 }
 
 uint16_t ScriptedServer::port() const { return core_->port; }
 
-std::string ScriptedServer::Origin() const {
-  return std::string(core_->tls != nullptr ? "https" : "http") + "://" +
-         (core_->ipv6 ? "[::1]" : "127.0.0.1") + ":" + std::to_string(core_->port);
+std::string ScriptedServer::Origin(const std::string& host) const {
+  return std::string(core_->tls != nullptr ? "https" : "http") + "://" + host + ":" +
+         std::to_string(core_->port);
 }
 
 size_t ScriptedServer::accepted() const {
@@ -300,7 +318,8 @@ size_t ScriptedServer::accepted() const {
 
 void ScriptedServer::WaitForClosed(size_t count) {
   std::unique_lock<std::mutex> hold(core_->mutex);
-  core_->one_closed.wait(hold, [&] { return core_->closed >= count; });
+  WaitPatiently(&core_->one_closed, &hold, std::to_string(count) + " closed connections",
+                [&] { return core_->closed >= count; });
 }
 
 }  // namespace quenor::test

@@ -1,6 +1,7 @@
-// ScriptedServer: a server on a free loopback port that does with each connection exactly what the
-// test wrote down: answer, cut, drip, hang. Plain TCP or TLS. Threads: one per connection runs the
-// script. Life cycle: the destructor shuts every connection down and waits for the scripts.
+// ScriptedServer: a server on a free port of 127.0.0.1 and ::1 that does with each connection
+// exactly what the test wrote down: answer, cut, drip, hang. Plain TCP or TLS. Threads: one per
+// connection runs the script. Life cycle: the destructor shuts every connection down and waits for
+// the scripts.
 #ifndef QUENOR_TESTS_INTEGRATION_SUPPORT_SCRIPTED_SERVER_H_
 #define QUENOR_TESTS_INTEGRATION_SUPPORT_SCRIPTED_SERVER_H_
 
@@ -63,17 +64,18 @@ class ScriptedServer {
   };
   using Script = std::function<void(Connection&)>;
 
-  // 127.0.0.1, or ::1 when `ipv6`. A certificate makes it a TLS server, which agrees to "h2" if
-  // that is offered and `http2`. Ends the process when it cannot listen.
+  // On both addresses, so that it is reached whichever one a name stands for. A certificate makes
+  // it a TLS server, which agrees to "h2" if that is offered and `http2`. Ends the process when it
+  // cannot listen.
   explicit ScriptedServer(Script script, const Certificate* certificate = nullptr,
-                          bool ipv6 = false, bool http2 = false);
+                          bool http2 = false);
   ~ScriptedServer();
   ScriptedServer(const ScriptedServer&) = delete;
   ScriptedServer& operator=(const ScriptedServer&) = delete;
 
   uint16_t port() const;
   // "http://127.0.0.1:PORT" and so on, without a path.
-  std::string Origin() const;
+  std::string Origin(const std::string& host = "127.0.0.1") const;
   size_t accepted() const;
   // Waits until the server's side of so many connections is closed.
   void WaitForClosed(size_t count);

@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "quenor_base/platform/reliable_report_cache_file.h"
+#include "tests/support/patience.h"
 #include "tests/unit/cache/plain/cache_file_test_support.h"
 
 namespace quenor::test {
@@ -32,10 +33,7 @@ class CacheFileOwnerTest : public CacheFileTest {
   static int InChild(Act act) {
     const pid_t child = fork();
     if (child == 0) _exit(act());
-    int status = 0;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status));
-    return WEXITSTATUS(status);
+    return ReapPatiently(child);
   }
 };
 

@@ -1,0 +1,60 @@
+// How long a fixture waits for what must happen: far longer than anything here takes, and shorter
+// than ctest's limits, so that the test itself says what it waited for.
+#ifndef QUENOR_TESTS_SUPPORT_PATIENCE_H_
+#define QUENOR_TESTS_SUPPORT_PATIENCE_H_
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+
+namespace quenor::test {
+
+#ifdef QUENOR_SANITIZED
+constexpr std::chrono::seconds kPatience{400};
+#else
+constexpr std::chrono::seconds kPatience{100};
+#endif
+
+// For programs that compute, each step traced.
+constexpr std::chrono::seconds kLongPatience = 6 * kPatience;
+
+// Waits for `condition`, which `changed` tells and the mutex held guards. Throws when it does not
+// come: the test fails, and its fixtures end what they have started.
+template <typename Condition>
+void WaitPatiently(std::condition_variable* changed, std::unique_lock<std::mutex>* hold,
+                   const std::string& what, Condition condition) {
+  if (changed->wait_for(*hold, kPatience, condition)) return;
+  throw std::runtime_error("waited " + std::to_string(kPatience.count()) + " s in vain for " +
+                           what);
+}
+
+// Waits for bytes or the end of a descriptor. False when neither comes before `end`.
+inline bool WaitForInput(int fd, std::chrono::steady_clock::time_point end) {
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+  pollfd waiting{fd, POLLIN, 0};
+  return poll(&waiting, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0) != 0;
+}
+
+// Waits for the end of a child, which is killed when it does not come. The exit code, or minus the
+// number of the signal that ended it.
+inline int ReapPatiently(pid_t child, std::chrono::seconds patience = kPatience) {
+  const auto end = std::chrono::steady_clock::now() + patience;
+  int status = 0;
+  while (waitpid(child, &status, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() > end) kill(child, SIGKILL);
+    poll(nullptr, 0, 1);
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+}  // namespace quenor::test
+
+#endif  // QUENOR_TESTS_SUPPORT_PATIENCE_H_
