@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "tests/support/unprivileged.h"
 #include "tests/unit/cache/mmap/mmap_file_fixture.h"
 
 namespace quenor::test {
@@ -254,24 +255,6 @@ TEST_F(MmapFileOpenTest, RefusesAnUnendingName) {
   ExpectRefused(folder_.File(std::string(300, 'n')));
   ExpectRefused("/" + std::string(5000, 'n'));
 }
-
-// Root may write everywhere: it becomes nobody for the length of the test.
-class Unprivileged {
- public:
-  explicit Unprivileged(const std::string& folder) {
-    if (geteuid() == 0 && chown(folder.c_str(), kNobody, kNobody) == 0) {
-      changed_ = seteuid(kNobody) == 0;
-    }
-  }
-  ~Unprivileged() {
-    if (changed_ && seteuid(0) != 0) std::abort();
-  }
-  bool holds() const { return geteuid() != 0; }
-
- private:
-  static constexpr uid_t kNobody = 65534;
-  bool changed_ = false;
-};
 
 TEST_F(MmapFileOpenTest, RefusesAFolderThatMayNotBeWritten) {
   const Unprivileged unprivileged(folder_.path());
