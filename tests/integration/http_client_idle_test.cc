@@ -50,21 +50,5 @@ TEST_F(HttpClientIdleTest, ServerThatStopsReadingCostsNoProcessorTime) {
   }
 }
 
-TEST_F(HttpClientIdleTest, BodySlowerThanTheLowestSpeedTimesOut) {
-  ScriptedServer server([](Connection& connection) {
-    ReceivedRequest request;
-    if (!connection.ReadRequest(&request)) return;
-    connection.Write("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n");
-    connection.HoldUntilClosed();
-  });
-  HttpDefaults defaults;
-  defaults.low_speed_bytes_per_second = 1000;
-  defaults.low_speed_seconds = 1;
-  const auto client = MakeClient(defaults);
-
-  EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).state,
-            HttpClient::State::kTimedOut);
-}
-
 }  // namespace
 }  // namespace quenor::test

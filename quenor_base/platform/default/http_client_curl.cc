@@ -57,10 +57,9 @@ using http_header_text::LowerAscii;
 constexpr char kLogFile[] = "quenor_base/platform/default/http_client_curl";
 constexpr int kLogError = 2;
 constexpr int64_t kLogPauseMs = 60 * 1000;
-constexpr size_t kLogCauses = 64;  // Remembered for the pause; beyond, the oldest is forgotten.
-constexpr uint32_t kMaxHeaderLines = 2048;  // libcurl compares each with each when asked for them.
-constexpr size_t kIdleTransfers = 64;       // Kept for reuse with their easy handles.
-constexpr long kIdleConnections = 32;       // Kept open, over all hosts.
+constexpr size_t kLogCauses = 64;      // Remembered for the pause; beyond, the oldest is forgotten.
+constexpr size_t kIdleTransfers = 64;  // Kept for reuse with their easy handles.
+constexpr long kIdleConnections = 32;  // Kept open, over all hosts.
 constexpr long kNameCacheSeconds = 5;  // A server that has moved is found with the next attempts.
 // A connection that was idle for less is looked at before it is used again, whether its server has
 // closed it. Past this it is replaced: many a balancer forgets it after 60 s without a word.
@@ -95,9 +94,9 @@ struct Exchange {
   uint32_t size_bytes = 0;
   uint64_t header_bytes = 0;
   uint32_t header_lines = 0;
-  bool headers_complete = false;  // Of the final answer.
-  bool too_large = false;
-  bool whole_early = false;  // The response was whole before the request was.
+  bool headers_complete = false;       // Of the final answer.
+  HttpLimit limit = HttpLimit::kNone;  // That ended it.
+  bool whole_early = false;            // The response was whole before the request was.
 
   // What has moved, to tell progress from spinning.
   curl_off_t body_bytes_moved = 0;
@@ -147,7 +146,7 @@ bool ReserveBody(Transfer* transfer, uint64_t more) {
   const uint64_t cap = transfer->client->defaults.max_response_body_bytes;
   const uint64_t needed = transfer->size_bytes + more;
   if (needed > cap) {
-    transfer->too_large = true;
+    transfer->limit = HttpLimit::kBody;
     return false;
   }
   if (needed <= transfer->capacity_bytes) return true;
@@ -179,11 +178,12 @@ size_t OnHeaderLine(char* data, size_t, size_t size, void* user) {
   Transfer* transfer = static_cast<Transfer*>(user);
   ++*transfer->progress;
   transfer->header_bytes += size;
-  if (transfer->header_bytes > transfer->client->defaults.max_response_header_bytes ||
-      ++transfer->header_lines > kMaxHeaderLines) {
-    transfer->too_large = true;
-    return 0;
+  if (transfer->header_bytes > transfer->client->defaults.max_response_header_bytes) {
+    transfer->limit = HttpLimit::kHeaders;
+  } else if (++transfer->header_lines > kMaxHeaderLines) {
+    transfer->limit = HttpLimit::kHeaderLines;
   }
+  if (transfer->limit != HttpLimit::kNone) return 0;
   if (data[0] != '\r' && data[0] != '\n') return size;
   // An interim answer (1xx) is followed by another.
   long status = 0;
@@ -387,6 +387,17 @@ bool TakeBody(Transfer* transfer, CopyOnWriteBuffer* body) {
   return body->size() == size;
 }
 
+// Sets the state of an exchange that failed, and the words for a limit that ended it.
+void EndByLimit(Transfer* transfer) {
+  transfer->state = HttpClient::State::kFailed;
+  if (transfer->limit == HttpLimit::kNone) return;
+  transfer->state = transfer->limit < HttpLimit::kBody ? HttpClient::State::kTimedOut
+                                                       : HttpClient::State::kTooLarge;
+  std::snprintf(
+      transfer->error, sizeof(transfer->error), "%s",
+      LimitText(transfer->limit, transfer->client->defaults, transfer->request.timeout_ms).c_str());
+}
+
 // Decides the state from libcurl's result and completes the response.
 void Conclude(Transfer* transfer, CURLcode code) {
   if (code == CURLE_ABORTED_BY_CALLBACK && transfer->whole_early) code = CURLE_OK;
@@ -417,13 +428,12 @@ void Conclude(Transfer* transfer, CURLcode code) {
   curl_easy_getinfo(transfer->easy, CURLINFO_STARTTRANSFER_TIME_T, &first_byte_us);
   const bool endless_line =
       code == CURLE_OUT_OF_MEMORY && first_byte_us > 0 && !transfer->headers_complete;
-  if (transfer->too_large || endless_line) {
-    transfer->state = HttpClient::State::kTooLarge;
-  } else if (code == CURLE_OPERATION_TIMEDOUT) {
-    transfer->state = HttpClient::State::kTimedOut;
-  } else {
-    transfer->state = HttpClient::State::kFailed;
+  if (endless_line) transfer->limit = HttpLimit::kHeaders;
+  if (transfer->limit == HttpLimit::kNone && code == CURLE_OPERATION_TIMEDOUT) {
+    // One of libcurl's own: it counts either until or after the connection stands.
+    transfer->limit = transfer->under_way ? HttpLimit::kLowSpeed : HttpLimit::kConnect;
   }
+  EndByLimit(transfer);
 }
 
 // Empties the transfer for its next request. No lock held: this frees what the host gave.
@@ -1109,7 +1119,7 @@ void Engine::CollectFinished(Io* io) {
     curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
     long port = 0;
     if (code != CURLE_OK) curl_easy_getinfo(transfer->easy, CURLINFO_LOCAL_PORT, &port);
-    transfer->too_large = transfer->too_large || (port > 0 && io->sockets.WasCut(port));
+    if (port > 0 && io->sockets.WasCut(port)) transfer->limit = HttpLimit::kFlood;
     Conclude(transfer, code);
     Finish(io, transfer);
   }
@@ -1159,10 +1169,8 @@ void Engine::ExpireDeadlines(Io* io) {
       next_ms = std::min(next_ms, transfer->deadline_ms);
       continue;
     }
+    transfer->limit = HttpLimit::kTotal;
     Conclude(transfer, CURLE_OPERATION_TIMEDOUT);
-    if (transfer->error[0] == '\0') {
-      std::snprintf(transfer->error, sizeof(transfer->error), "no whole response in time");
-    }
     Finish(io, transfer);
   }
   io->next_deadline_ms = next_ms;
@@ -1180,10 +1188,9 @@ void Engine::ExpireWaiting(Io* io, int64_t now_ms) {
   TakeWaiting(io, is_late, now_ms);
   for (size_t i = first; i < io->finished.size(); ++i) {
     Transfer* transfer = io->finished[i];
-    transfer->state = HttpClient::State::kTimedOut;
     transfer->code = CURLE_OPERATION_TIMEDOUT;
-    transfer->verify_result = 0;
-    std::snprintf(transfer->error, sizeof(transfer->error), "no connection became free in time");
+    transfer->limit = HttpLimit::kWait;
+    EndByLimit(transfer);
   }
 }
 
@@ -1261,7 +1268,8 @@ void Engine::LogFailure(const Transfer& transfer) {
                             !transfer.client->proxy.empty()};
   const std::string cause = FailureCause(failure);
   if (!MayLog(url + '\n' + std::to_string(transfer.code) + '\n' +
-              std::to_string(transfer.verify_result))) {
+              std::to_string(transfer.verify_result) + '\n' +
+              std::to_string(static_cast<int>(transfer.limit)))) {
     return;
   }
   const bool is_post = transfer.request.method == "POST";

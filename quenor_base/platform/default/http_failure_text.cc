@@ -28,7 +28,45 @@ const char* CertificateAdvice(long verify_result) {
   }
 }
 
+std::string Ms(const char* name, uint32_t ms) {
+  return std::string(name) + " (" + std::to_string(ms) + " ms)";
+}
+
 }  // namespace
+
+std::string LimitText(HttpLimit limit, const HttpDefaults& defaults, uint32_t request_ms) {
+  const std::string total = request_ms > 0 ? Ms("the request's timeout_ms", request_ms)
+                                           : Ms("total_timeout_ms", defaults.total_timeout_ms);
+  const auto larger = [](const char* what, const char* name, uint32_t bytes) {
+    return std::string(what) + " larger than " + name + " (" + std::to_string(bytes) + " bytes)";
+  };
+  switch (limit) {
+    case HttpLimit::kConnect:
+      return "no connection within " + Ms("connect_timeout_ms", defaults.connect_timeout_ms);
+    case HttpLimit::kLowSpeed:
+      return "slower than low_speed_bytes_per_second (" +
+             std::to_string(defaults.low_speed_bytes_per_second) +
+             " bytes/s) for low_speed_seconds (" + std::to_string(defaults.low_speed_seconds) +
+             " s)";
+    case HttpLimit::kTotal:
+      return "no whole response within " + total;
+    case HttpLimit::kWait:
+      return "no connection became free within " + total;
+    case HttpLimit::kBody:
+      return larger("the response's body is", "max_response_body_bytes",
+                    defaults.max_response_body_bytes);
+    case HttpLimit::kHeaders:
+      return larger("the response's headers are", "max_response_header_bytes",
+                    defaults.max_response_header_bytes);
+    case HttpLimit::kHeaderLines:
+      return "the response has more than " + std::to_string(kMaxHeaderLines) + " header lines";
+    case HttpLimit::kFlood:
+      return "the server sends without end";
+    case HttpLimit::kNone:
+      break;
+  }
+  return std::string();
+}
 
 const char* FailureAdvice(const HttpFailure& failure) {
   switch (failure.code) {
@@ -62,7 +100,6 @@ const char* FailureAdvice(const HttpFailure& failure) {
 }
 
 const char* FailureCause(const HttpFailure& failure) {
-  if (failure.state == HttpClient::State::kTooLarge) return "the response is too large";
   constexpr char kPrefix[] = "SSL certificate problem: ";
   if (std::strncmp(failure.error, kPrefix, sizeof(kPrefix) - 1) == 0) {
     return failure.error + sizeof(kPrefix) - 1;

@@ -5,16 +5,38 @@
 
 #include <curl/curl.h>
 
+#include <cstdint>
+#include <string>
+
 #include "quenor_base/platform/http_client.h"
 
 namespace quenor {
+
+// Which of our limits ended an exchange.
+enum class HttpLimit {
+  kNone,
+  kConnect,
+  kLowSpeed,
+  kTotal,
+  kWait,  // As kTotal, in the line for a connection.
+  kBody,
+  kHeaders,
+  kHeaderLines,
+  kFlood,
+};
+
+constexpr uint32_t kMaxHeaderLines = 2048;  // libcurl compares each with each when asked for them.
+
+// One line that names the limit, as HttpDefaults does, with its value and unit. `request_ms` is the
+// request's own time limit; 0: none.
+std::string LimitText(HttpLimit limit, const HttpDefaults& defaults, uint32_t request_ms);
 
 // How an exchange failed, as far as it says what to do about it.
 struct HttpFailure {
   HttpClient::State state = HttpClient::State::kFailed;
   CURLcode code = CURLE_OK;
   long verify_result = 0;  // As CURLINFO_SSL_VERIFYRESULT gives it.
-  const char* error = "";  // libcurl's words; may be empty.
+  const char* error = "";  // Our words or libcurl's; may be empty.
   bool is_proxied = false;
 };
 
