@@ -224,6 +224,12 @@ TEST_F(CacheFileFaultsTest, AFullDiskIsReportedOnceForManySaves) {
   EXPECT_EQ(Complaints().size(), 1u);
   EXPECT_NE(Complaints()[0].find("No space left"), std::string::npos) << Complaints()[0];
   EXPECT_NE(Complaints()[0].find(path()), std::string::npos) << Complaints()[0];
+  // The next row of failures is told again.
+  DiskCalls::Reset();
+  EXPECT_TRUE(Save(&file, {"a", "new"}) && file.IsSaveComplete());
+  DiskCalls::SetSpace(0);
+  for (int i = 0; i < 5; ++i) EXPECT_FALSE(Save(&file, {"a", "newer"}));
+  EXPECT_EQ(Complaints().size(), 2u);
 }
 
 TEST_F(CacheFileFaultsTest, SavesThatTheDiskRefusesDoNotPileUp) {
