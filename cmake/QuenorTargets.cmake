@@ -62,9 +62,10 @@ function(quenor_flags target)
   endif()
 endfunction()
 
-# Flags of the library itself: no exceptions, and code that may go into a shared object.
+# Flags of the library itself: no exceptions, but tables by which one gets through to where it ends
+# the process, and code that may go into a shared object.
 function(quenor_library_flags target)
   quenor_flags(${target})
-  target_compile_options(${target} PRIVATE -fno-exceptions)
+  target_compile_options(${target} PRIVATE -fno-exceptions -fasynchronous-unwind-tables)
   set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON)
 endfunction()

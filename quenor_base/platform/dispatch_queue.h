@@ -27,7 +27,8 @@ class DispatchQueue {
   // Any thread. Takes the task and runs it on the queue's thread. A task posted after another's
   // post has returned, on whatever thread, runs after it. The task is destroyed right after it ran.
   // A deadline that has passed waits for the tasks posted so far, and for no others. Whoever posts
-  // holds the queue until the call has returned.
+  // holds the queue until the call has returned. What a task throws ends the process, after a line
+  // that says so; and so does the lack of memory for one.
   virtual void PostTask(const base::Location& from, base::OnceCallback<void()> task) = 0;
 
   // Any thread. As PostTask(), not before `delay` has passed (a delay below zero counts as zero).

@@ -16,7 +16,8 @@ void LocalLog(int level, const char* file, int line, const char* format, ...)
 // Receives each line on the thread that logged it, one call at a time per process. `text` ends with
 // a NUL that is not counted in `size`; it and `file` are borrowed until the sink returns. A sink
 // must not log and must not wait for a thread that does: a line that it logs itself all the same
-// goes to standard error instead, like the default sink's.
+// goes to standard error instead, like the default sink's. A sink that throws ends the process,
+// after a line that says so.
 using LogSink = void (*)(void* context, int level, const char* file, int line, const char* text,
                          size_t size);
 

@@ -76,7 +76,8 @@ class ReportEventListener {
  public:
   virtual ~ReportEventListener() = default;
   // On several threads at once. Must not block: it runs in the way of the channel, or of its
-  // caller. It may call a channel's public operations, and is told of them inside its own call.
+  // caller. Must not throw: that ends the process, after a line that says so. It may call a
+  // channel's public operations, and is told of them inside its own call.
   virtual void OnReportEvent(const ReportEvent& event) = 0;
 };
 

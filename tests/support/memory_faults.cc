@@ -16,12 +16,18 @@ namespace {
 
 thread_local size_t t_allocations = 0;
 thread_local size_t t_fail_in = 0;  // 1: the next malloc fails; 0: none does.
+thread_local size_t t_fail_new_in = 0;
 thread_local bool t_has_failed = false;
 
 }  // namespace
 
 void MemoryFaults::FailMalloc(size_t nth) {
   t_fail_in = nth;
+  t_has_failed = false;
+}
+
+void MemoryFaults::FailNew(size_t nth) {
+  t_fail_new_in = nth;
   t_has_failed = false;
 }
 
@@ -41,6 +47,10 @@ bool NoteMalloc() {
 
 void* AllocateForNew(size_t size) {
   ++t_allocations;
+  if (t_fail_new_in != 0 && --t_fail_new_in == 0) {
+    t_has_failed = true;
+    throw std::bad_alloc();
+  }
   void* const memory = __real_malloc(size == 0 ? 1 : size);
   if (memory == nullptr) std::abort();
   return memory;

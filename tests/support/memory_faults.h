@@ -12,8 +12,10 @@ namespace quenor::test {
 class MemoryFaults {
  public:
   // From now on the `nth` malloc of this thread (1 is the next one) answers null; 0 for none.
-  // operator new is not failed: a failure there ends the process.
+  // operator new is not failed.
   static void FailMalloc(size_t nth);
+  // From now on the `nth` operator new of this thread throws std::bad_alloc; 0 for none.
+  static void FailNew(size_t nth);
   // True when the failure that was asked for has happened.
   static bool HasFailed();
 

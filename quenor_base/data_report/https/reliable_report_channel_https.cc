@@ -8,6 +8,7 @@
 
 #include "quenor_base/object_pool/alloc_buffer_from_pool.h"
 #include "quenor_base/platform/base/check.h"
+#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/file_path.h"
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/json_reader.h"
@@ -30,6 +31,9 @@ namespace quenor {
 namespace {
 
 constexpr char kSourcePath[] = "quenor_base/data_report/https/reliable_report_channel_https";
+
+// Whose exception it is when there is no memory past the copy of a message.
+constexpr char kInOperation[] = "quenor's report channel, in an operation of its owner";
 
 // The states of `state_`.
 constexpr int32_t kNotInitialized = 0;
@@ -173,33 +177,37 @@ void ReliableReportChannelHttps::Initialize() {
   if (IsForkedCopy()) return;
   int32_t expected = kNotInitialized;
   if (!state_.compare_exchange_strong(expected, kInitializing)) return;
-  max_resend_count_ = kDefaultMaxResendCount;
-  // Written once, before the queue is there: whoever has loaded the queue may read it.
-  if (self_.expired()) self_ = weak_from_this();
-  dispatch_queue_.store(core::ThreadManager::CreateNewDispatchQueue(
-      core::BusinessID::kReliableReport, channel_name_,
-      base::Optional<base::Thread::Options>(base::Thread::Options())));
-  const std::shared_ptr<DispatchQueue> queue = Queue();
-  if (queue == nullptr) {
-    state_.store(kNotInitialized);
-    return;
-  }
-  queue->PostTask(Here(__LINE__),
-                  base::BindOnce(&ReliableReportChannelHttps::DoInit, StrongThis()));
-  state_.store(kInitialized);
+  base::EndOnException(kInOperation, [&] {
+    max_resend_count_ = kDefaultMaxResendCount;
+    // Written once, before the queue is there: whoever has loaded the queue may read it.
+    if (self_.expired()) self_ = weak_from_this();
+    dispatch_queue_.store(core::ThreadManager::CreateNewDispatchQueue(
+        core::BusinessID::kReliableReport, channel_name_,
+        base::Optional<base::Thread::Options>(base::Thread::Options())));
+    const std::shared_ptr<DispatchQueue> queue = Queue();
+    if (queue == nullptr) {
+      state_.store(kNotInitialized);
+      return;
+    }
+    queue->PostTask(Here(__LINE__),
+                    base::BindOnce(&ReliableReportChannelHttps::DoInit, StrongThis()));
+    state_.store(kInitialized);
+  });
 }
 
 void ReliableReportChannelHttps::Terminate() {
   int32_t expected = kInitialized;
   if (!state_.compare_exchange_strong(expected, kTerminating)) return;
-  const std::shared_ptr<DispatchQueue> queue = Queue();
-  if (queue != nullptr) {
-    queue->PostTask(Here(__LINE__),
-                    base::BindOnce(&ReliableReportChannelHttps::DoTerminate, StrongThis()));
-    queue->Retire();  // Another thread may hold it past the next line: the drain counts from here.
-  }
-  if (!IsForkedCopy()) dispatch_queue_.store(nullptr);
-  state_.store(kNotInitialized);
+  base::EndOnException(kInOperation, [&] {
+    const std::shared_ptr<DispatchQueue> queue = Queue();
+    if (queue != nullptr) {
+      queue->PostTask(Here(__LINE__),
+                      base::BindOnce(&ReliableReportChannelHttps::DoTerminate, StrongThis()));
+      queue->Retire();  // Another thread may hold it past this: the drain counts from here.
+    }
+    if (!IsForkedCopy()) dispatch_queue_.store(nullptr);
+    state_.store(kNotInitialized);
+  });
 }
 
 void ReliableReportChannelHttps::DoInit() {
@@ -323,11 +331,13 @@ void ReliableReportChannelHttps::HandOver(const char* operation, int line, const
   const std::shared_ptr<DispatchQueue> queue = Queue();
   if (queue == nullptr) return tell(ReportEventKind::kRefused, ReportEventCause::kQueueGone);
   AdmissionTask task(StrongThis(), std::move(body), need_cache, send_now);
-  if (delay != nullptr) {
-    queue->PostDelayedTask(Here(line), std::move(task), *delay);
-  } else {
-    queue->PostTask(Here(line), std::move(task));
-  }
+  base::EndOnException(kInOperation, [&] {
+    if (delay != nullptr) {
+      queue->PostDelayedTask(Here(line), std::move(task), *delay);
+    } else {
+      queue->PostTask(Here(line), std::move(task));
+    }
+  });
 }
 
 template <typename... Params, typename... Args>
@@ -337,7 +347,9 @@ void ReliableReportChannelHttps::PostOperation(
   if (!CheckInitialized(operation, line)) return;
   const std::shared_ptr<DispatchQueue> queue = Queue();
   if (queue == nullptr) return;
-  queue->PostTask(Here(line), base::BindOnce(method, StrongThis(), std::forward<Args>(args)...));
+  base::EndOnException(kInOperation, [&] {
+    queue->PostTask(Here(line), base::BindOnce(method, StrongThis(), std::forward<Args>(args)...));
+  });
 }
 
 void ReliableReportChannelHttps::SendPacket(const uint8_t* data, uint32_t size, bool need_cache,

@@ -3,8 +3,10 @@
 // thread, never blocking on the network or the disk; everything private on the channel's own queue
 // thread, the only one that touches the store, the timers, the client, the counters and the cache.
 // Life cycle: owned by a std::shared_ptr from construction on; Initialize, operations, Terminate,
-// and again. docs/design/channel.md tells a message's way; duties of the owner stand with the
-// methods.
+// and again. Exceptions: only the constructor lets one out (std::bad_alloc); any other
+// std::bad_alloc ends the process, after a line that says whose it was, and so does what a listener
+// or a log sink throws. docs/design/channel.md tells a message's way; duties of the owner stand
+// with the methods.
 #ifndef QUENOR_BASE_DATA_REPORT_HTTPS_RELIABLE_REPORT_CHANNEL_HTTPS_H_
 #define QUENOR_BASE_DATA_REPORT_HTTPS_RELIABLE_REPORT_CHANNEL_HTTPS_H_
 
@@ -86,8 +88,8 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   // it is acknowledged; `send_now` sends it ahead of all others and at once, unless a send interval
   // is configured, by the owner or the server. When memory for the copy is exhausted the message is
   // refused with a line at level 2 and an event: a message never becomes an empty one. (The few
-  // bytes of bookkeeping come from operator new, whose failure ends the process as anywhere else;
-  // so does, when compressing, the scratch array of a body above 1 MiB.)
+  // bytes of bookkeeping come from operator new, whose failure ends the process; so does, when
+  // compressing, the scratch array of a body above 1 MiB.)
   void SendPacket(const uint8_t* data, uint32_t size, bool need_cache, bool send_now);
 
   // As SendPacket() without `send_now`, admitted only after `delay`. Until then it is in memory

@@ -6,6 +6,7 @@
 #include <map>
 #include <set>
 
+#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_annotations.h"
@@ -15,6 +16,7 @@
 namespace quenor::config {
 namespace {
 
+constexpr char kInCentre[] = "quenor's configuration centre";
 constexpr char kLogSource[] = "quenor_base/platform/default/config_center_std";
 
 // "quenor.report.cache_option" -> "QUENOR_REPORT_CACHE_OPTION". By hand, not by toupper(): the
@@ -95,18 +97,23 @@ ConfigCenterImpl* ConfigCenterImpl::GetInstance() {
 
 base::Optional<uint64_t> ConfigCenterImpl::GetValueWithPriority(
     const std::string& key, base::Optional<uint64_t> default_value) {
-  if (const auto value = state_->Override(key)) return value;
-  if (const auto value = state_->Environment(key)) return value;
-  return default_value;
+  base::Optional<uint64_t> value;
+  base::EndOnException(kInCentre, [&] {
+    value = state_->Override(key);
+    if (!value) value = state_->Environment(key);
+  });
+  return value ? value : default_value;
 }
 
 void ConfigCenterImpl::SetHostOverride(const std::string& key, base::Optional<uint64_t> value) {
-  base::AutoLock hold(state_->lock);
-  if (value) {
-    state_->overrides[key] = *value;
-  } else {
-    state_->overrides.erase(key);
-  }
+  base::EndOnException(kInCentre, [&] {
+    base::AutoLock hold(state_->lock);
+    if (value) {
+      state_->overrides[key] = *value;
+    } else {
+      state_->overrides.erase(key);
+    }
+  });
 }
 
 const char* ConfigCenterImpl::ImplementationName() { return "std"; }

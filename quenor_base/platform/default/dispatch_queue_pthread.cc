@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_create_flag.h"
@@ -32,6 +33,9 @@ constexpr int64_t kForeverUs = int64_t{100} * 365 * 24 * 3600 * 1000000;
 
 // Room that a queue keeps after a burst; more goes back to the heap.
 constexpr size_t kTasksToKeepRoomFor = 256;
+
+// Whose exception it is when there is no memory for a task.
+constexpr char kPosting[] = "quenor's dispatch queue, as a task was posted";
 
 // A queue that is woken this soon after it fell asleep, or finds more tasks than these, is in a
 // burst ...
@@ -180,8 +184,10 @@ class QueueCore {
     std::unique_lock<std::mutex> hold(delayed_mutex_);
     const uint64_t id = ++last_delayed_id_;
     const bool earliest = delayed_.empty() || due < delayed_.begin()->first.first;
-    delayed_.emplace(std::make_pair(due, id), std::move(task));
-    due_by_id_.emplace(id, due);
+    base::EndOnException(kPosting, [&] {
+      delayed_.emplace(std::make_pair(due, id), std::move(task));
+      due_by_id_.emplace(id, due);
+    });
     hold.unlock();
     // A later deadline than the one the thread waits for needs no wake-up.
     if (earliest) LookAgain();
@@ -264,7 +270,9 @@ class QueueCore {
     while (tasks_.size() == tasks_.capacity()) {
       const size_t wanted = std::max<size_t>(2 * tasks_.capacity(), 16);
       hold->unlock();
-      if (roomy.capacity() < wanted) roomy.SetCapacity(wanted);
+      if (roomy.capacity() < wanted) {
+        base::EndOnException(kPosting, [&] { roomy.SetCapacity(wanted); });
+      }
       hold->lock();
       if (tasks_.capacity() >= roomy.capacity()) continue;  // Another thread was faster.
       tasks_.MoveInto(&roomy);
@@ -425,12 +433,18 @@ class PthreadDispatchQueue : public DispatchQueue {
   };
 
   [[gnu::cold]] static void* ThreadMain(void* start_pointer) {
+    base::EndOnException("a task on a dispatch queue", [=] { RunThread(start_pointer); });
+    return nullptr;
+  }
+
+ private:
+  [[gnu::cold]] static void RunThread(void* start_pointer) {
     {
       const std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(start_pointer));
       pthread_setname_np(pthread_self(), start->name.substr(0, 15).c_str());
       base::ThreadCreateFlag::SetThreadCreateByQuenor(true);
       const ScopedCurrent current(std::move(start->queue));
-      if (!start->core->Run()) return nullptr;
+      if (!start->core->Run()) return;
       start->core->Drop();
     }
     Registry& registry = TheRegistry();
@@ -438,10 +452,8 @@ class PthreadDispatchQueue : public DispatchQueue {
     registry.ended.push_back(pthread_self());
     --registry.draining;
     registry.changed.notify_all();
-    return nullptr;
   }
 
- private:
   QueueCore* const core_;  // Holds this object.
 };
 
@@ -467,12 +479,9 @@ class PthreadDispatchQueue : public DispatchQueue {
   return true;
 }
 
-}  // namespace
-
-namespace core {
-
-[[gnu::cold]] std::shared_ptr<DispatchQueue> ThreadManager::CreateNewDispatchQueue(
-    BusinessID, const std::string& name, const base::Optional<base::Thread::Options>& options) {
+// Null when the thread cannot be created.
+[[gnu::cold]] std::shared_ptr<DispatchQueue> CreateQueue(const std::string& name,
+                                                         size_t stack_size) {
   JoinEnded();
   auto* core = new QueueCore;
   auto queue = std::allocate_shared<PthreadDispatchQueue>(
@@ -481,7 +490,6 @@ namespace core {
   start->core = core;
   start->queue = queue;
   start->name = name;
-  const size_t stack_size = options.has_value() ? options->stack_size : 0;
   if (!StartThread(std::move(start), stack_size)) {
     core->Drop();   // In the thread's place.
     queue.reset();  // Counts itself as draining; no thread will take that back.
@@ -490,6 +498,19 @@ namespace core {
     TheRegistry().changed.notify_all();
     return nullptr;
   }
+  return queue;
+}
+
+}  // namespace
+
+namespace core {
+
+[[gnu::cold]] std::shared_ptr<DispatchQueue> ThreadManager::CreateNewDispatchQueue(
+    BusinessID, const std::string& name, const base::Optional<base::Thread::Options>& options) {
+  std::shared_ptr<DispatchQueue> queue;
+  base::EndOnException("quenor's thread manager, as a queue was created", [&] {
+    queue = CreateQueue(name, options.has_value() ? options->stack_size : 0);
+  });
   return queue;
 }
 

@@ -29,6 +29,7 @@
 #include <cstring>
 #include <utility>
 
+#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_create_flag.h"
@@ -55,6 +56,7 @@ using http_header_text::IsToken;
 using http_header_text::LowerAscii;
 
 constexpr char kLogFile[] = "quenor_base/platform/default/http_client_curl";
+constexpr char kInClient[] = "quenor's HTTP client";
 constexpr int kLogError = 2;
 constexpr int64_t kLogPauseMs = 60 * 1000;
 constexpr size_t kLogCauses = 64;      // Remembered for the pause; beyond, the oldest is forgotten.
@@ -771,7 +773,7 @@ int Engine::StartThread(void* (*run)(void*), Io* io) {
 void* Engine::ThreadMain(void* io) {
   pthread_setname_np(pthread_self(), "quenor-http");
   base::ThreadCreateFlag::SetThreadCreateByQuenor(true);
-  Get()->Run(static_cast<Io*>(io));
+  base::EndOnException(kInClient, [io] { Get()->Run(static_cast<Io*>(io)); });
   return nullptr;
 }
 
@@ -1258,8 +1260,10 @@ void Engine::RunCallback(const Io& io, Transfer* transfer) {
   }
   if (transfer->state != HttpClient::State::kCompleted) transfer->response.reset();
   if (!transfer->callback) return;
-  std::move(transfer->callback)
-      .Run(transfer->state, transfer->request, std::move(transfer->response));
+  base::EndOnException("an HTTP completion callback", [transfer] {
+    std::move(transfer->callback)
+        .Run(transfer->state, transfer->request, std::move(transfer->response));
+  });
 }
 
 void Engine::LogFailure(const Transfer& transfer) {
@@ -1326,6 +1330,7 @@ class HttpClientCurl final : public HttpClient {
   int64_t SendRequest(const Request& request, CompletionCallback callback) override;
 
  private:
+  int64_t StartRequest(const Request& request, CompletionCallback callback);
   // Empty when the request can be sent, else why not and what to do.
   std::string Problem(const Request& request) QUENOR_EXCLUDES(lock_);
   std::string UrlProblem(const std::string& url) QUENOR_EXCLUDES(lock_);
@@ -1382,6 +1387,12 @@ std::string HttpClientCurl::Problem(const Request& request) {
 }
 
 int64_t HttpClientCurl::SendRequest(const Request& request, CompletionCallback callback) {
+  int64_t id = 0;
+  base::EndOnException(kInClient, [&] { id = StartRequest(request, std::move(callback)); });
+  return id;
+}
+
+int64_t HttpClientCurl::StartRequest(const Request& request, CompletionCallback callback) {
   Engine* engine = Engine::Get();
   const std::string problem = Problem(request);
   if (!problem.empty()) {
@@ -1420,9 +1431,7 @@ int64_t HttpClientCurl::SendRequest(const Request& request, CompletionCallback c
   return id;
 }
 
-}  // namespace
-
-std::unique_ptr<HttpClient> HttpClientFactory::Create(const HttpClient::Config& config) {
+std::unique_ptr<HttpClient> CreateClient(const HttpClient::Config& config) {
   Engine* engine = Engine::Get();
   const std::string problem = http_address::ProxyProblem(config);
   if (!problem.empty()) {
@@ -1443,6 +1452,14 @@ std::unique_ptr<HttpClient> HttpClientFactory::Create(const HttpClient::Config& 
   }
   if (!BuildHeaders({}, true, &settings->body_headers)) return nullptr;
   return std::make_unique<HttpClientCurl>(std::move(settings));
+}
+
+}  // namespace
+
+std::unique_ptr<HttpClient> HttpClientFactory::Create(const HttpClient::Config& config) {
+  std::unique_ptr<HttpClient> client;
+  base::EndOnException(kInClient, [&] { client = CreateClient(config); });
+  return client;
 }
 
 const char* HttpClientFactory::ImplementationName() {

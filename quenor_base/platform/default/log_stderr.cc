@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_annotations.h"
@@ -275,7 +276,8 @@ void Deliver(int level, const char* file, int line, const char* text, size_t siz
     return;
   }
   in_sink = true;
-  sink(state.context.load(), level, file, line, text, size);
+  base::EndOnException("the host's log sink",
+                       [&] { sink(state.context.load(), level, file, line, text, size); });
   in_sink = false;
 }
 

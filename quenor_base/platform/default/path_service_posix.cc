@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/path_service.h"
@@ -93,6 +94,8 @@ FilePath DefaultReportFolder() {
   return FilePath(home).AppendASCII(".local/state/quenor");
 }
 
+constexpr char kInPaths[] = "quenor's path service";
+
 struct Overrides {
   Lock lock;
   const HeldAtFork held_at_fork{&lock};
@@ -125,16 +128,14 @@ bool CreateDirectory(const FilePath& path) {
 
 bool PathService::Get(int key, FilePath* out) {
   if (!IsKnown(key)) return false;
-  {
+  FilePath path;
+  EndOnException(kInPaths, [&] {
     Overrides& overrides = GetOverrides();
     AutoLock hold(overrides.lock);
     const auto found = overrides.paths.find(key);
-    if (found != overrides.paths.end()) {
-      *out = found->second;
-      return true;
-    }
-  }
-  FilePath path = DefaultReportFolder();
+    if (found != overrides.paths.end()) path = found->second;
+  });
+  if (path.empty()) path = DefaultReportFolder();
   if (path.empty()) return false;
   *out = std::move(path);
   return true;
@@ -144,13 +145,15 @@ bool PathService::Override(int key, const FilePath& path) {
   if (!IsKnown(key)) return false;
   const bool take_back = path.empty();
   if (!take_back && !(IsAbsolute(path.value()) && IsUsable(path.value()))) return false;
-  Overrides& overrides = GetOverrides();
-  AutoLock hold(overrides.lock);
-  if (take_back) {
-    overrides.paths.erase(key);
-  } else {
-    overrides.paths[key] = path;
-  }
+  EndOnException(kInPaths, [&] {
+    Overrides& overrides = GetOverrides();
+    AutoLock hold(overrides.lock);
+    if (take_back) {
+      overrides.paths.erase(key);
+    } else {
+      overrides.paths[key] = path;
+    }
+  });
   return true;
 }
 

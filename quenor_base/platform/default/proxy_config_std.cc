@@ -1,6 +1,7 @@
 // The process-wide SOCKS5 proxy settings, behind one lock. Any thread. Never destroyed.
 #include <atomic>
 
+#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
@@ -14,8 +15,12 @@ struct Socks5ProxyConfigHolder::State {
 };
 
 Socks5ProxyConfigHolder::Socks5ProxyConfig Socks5ProxyConfigHolder::GetConfig() const {
-  base::AutoLock hold(state_->lock);
-  return state_->config;
+  Socks5ProxyConfig copy;
+  base::EndOnException("quenor's proxy configuration", [&] {
+    base::AutoLock hold(state_->lock);
+    copy = state_->config;
+  });
+  return copy;
 }
 
 void Socks5ProxyConfigHolder::SetConfig(const Socks5ProxyConfig& config) {

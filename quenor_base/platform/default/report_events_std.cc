@@ -3,6 +3,7 @@
 #include <mutex>
 #include <shared_mutex>
 
+#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/report_events.h"
@@ -34,6 +35,10 @@ State& GetState() {
 // change of listener that waits in between.
 thread_local bool in_listener = false;
 
+void Call(ReportEventListener* listener, const ReportEvent& event) {
+  base::EndOnException("the host's report event listener", [&] { listener->OnReportEvent(event); });
+}
+
 }  // namespace
 
 void ReportEvents::SetListener(ReportEventListener* listener) {
@@ -59,7 +64,7 @@ void ReportEvents::SetListener(ReportEventListener* listener) {
 void ReportEvents::Tell(const ReportEvent& event) {
   State& state = GetState();
   if (in_listener) {
-    state.listener.load()->OnReportEvent(event);
+    Call(state.listener.load(), event);
     return;
   }
   // relaxed: see SetListener.
@@ -70,7 +75,7 @@ void ReportEvents::Tell(const ReportEvent& event) {
   ReportEventListener* const listener = state.listener.load();
   if (listener == nullptr) return;
   in_listener = true;
-  listener->OnReportEvent(event);
+  Call(listener, event);
   in_listener = false;
 }
 
