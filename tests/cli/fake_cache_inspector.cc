@@ -1,14 +1,18 @@
 #include "tests/cli/fake_cache_inspector.h"
 
+namespace quenor::test {
+
+FakeCacheFile& GetFakeCacheFile() {
+  static auto* const file = new FakeCacheFile;
+  return *file;
+}
+
+}  // namespace quenor::test
+
 namespace quenor {
 
 using test::FakeCacheFile;
 using test::GetFakeCacheFile;
-
-FakeCacheFile& test::GetFakeCacheFile() {
-  static auto* const file = new FakeCacheFile;
-  return *file;
-}
 
 CacheFileInspector::Result CacheFileInspector::Inspect(const base::FilePath& path, Visitor* visitor,
                                                        Summary* summary, std::string* error) {

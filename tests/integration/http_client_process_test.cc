@@ -1,4 +1,5 @@
 // The client seen from outside its process; http_client_program is the process.
+#include <csignal>
 #include <set>
 #include <sstream>
 
@@ -174,6 +175,15 @@ TEST_F(HttpClientProcessTest, ExitDoesNotWaitForAServerThatFloods) {
   FloodServer server(Floods()[0], certificate_);
 
   EXPECT_EQ(Run("exit-while-flooded", server.Url(), {"QUENOR_TEST_HTTP2=1"}), 0) << Output();
+}
+
+TEST_F(HttpClientProcessTest, CallbackThatThrowsEndsTheProcessWithALine) {
+  ScriptedServer server(Answering(), &certificate_);
+
+  EXPECT_EQ(Run("throw-inside-callback", server.Origin() + "/"), 128 + SIGABRT);
+  EXPECT_NE(Output().find("quenor: fatal: an exception left an HTTP completion callback: int"),
+            std::string::npos)
+      << Output();
 }
 
 // ---- Fork ---------------------------------------------------------------------------------------

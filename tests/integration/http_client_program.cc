@@ -201,6 +201,13 @@ int ExitInsideCallback() {
   for (;;) pause();
 }
 
+int ThrowInsideCallback() {
+  static HttpClient* const client = HttpClientFactory::Create(g_config).release();
+  client->SendRequest(g_request, [](State, const HttpClient::Request&,
+                                    std::unique_ptr<HttpClient::Response>) { throw 5; });
+  for (;;) pause();
+}
+
 int WaitForChild(pid_t child) {
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
@@ -402,6 +409,7 @@ int Main(int argc, char** argv) {
                                                   {"exit-while-busy", &ExitWhileBusy},
                                                   {"exit-while-flooded", &ExitWhileFlooded},
                                                   {"exit-inside-callback", &ExitInsideCallback},
+                                                  {"throw-inside-callback", &ThrowInsideCallback},
                                                   {"fork", &Fork},
                                                   {"fork-while-busy", &ForkWhileBusy},
                                                   {"fork-inside-callback", &ForkInsideCallback},

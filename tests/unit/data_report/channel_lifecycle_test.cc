@@ -1,6 +1,7 @@
 // Construction, the two-level life cycle, and what a termination leaves.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <limits>
 #include <memory>
 #include <string>
@@ -217,6 +218,45 @@ TEST_F(ChannelLifecycleTest, ConcurrentTerminateCallsPostOneTermination) {
     EXPECT_EQ(peer().state(), 0);
     EXPECT_FALSE(peer().is_running());
   }
+}
+
+// Each creation has one DoInit, each termination one DoTerminate and one end of a thread; while a
+// queue is created, or DoTerminate posted, every other call goes by.
+TEST_F(ChannelLifecycleTest, InitializeAndTerminateOnManyThreadsExcludeEachOther) {
+  std::atomic<int> creating{0};
+  std::atomic<int> together{0};
+  time_.SetOnCreate([&] {
+    if (++creating != 1 || peer().state() != 1) ++together;
+    std::this_thread::yield();  // Lets the others come in between.
+    --creating;
+  });
+  Make();
+  for (int round = 0; round < 20; ++round) {
+    const size_t created_before = time_.Creations().size();
+    const bool initialised_before = peer().state() == 2;
+    std::atomic<int> waiting{6};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 6; ++t) {
+      threads.emplace_back([&, t] {
+        --waiting;
+        while (waiting > 0) std::this_thread::yield();
+        for (int i = 0; i < 1000; ++i) t % 2 == 0 ? channel_->Initialize() : channel_->Terminate();
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+
+    const bool initialised = peer().state() == 2;
+    ASSERT_TRUE(initialised || peer().state() == 0) << peer().state();
+    ASSERT_EQ(peer().queue() != nullptr, initialised);
+    const size_t created = time_.Creations().size() - created_before;
+    const size_t terminated = created + initialised_before - initialised;
+    ASSERT_EQ(time_.RunUntilIdle(), created + 2 * terminated);
+    ASSERT_EQ(peer().is_running(), initialised);
+    ASSERT_EQ(time_.LiveQueues(), initialised ? 1u : 0u);
+  }
+  time_.SetOnCreate(nullptr);
+
+  EXPECT_EQ(together, 0);
 }
 
 // --- Creation failure ---

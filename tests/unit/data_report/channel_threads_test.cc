@@ -188,20 +188,33 @@ TEST_F(ChannelThreadsTest, DrainAfterTerminateWaitsForAnOperationThatStillHoldsT
   EXPECT_TRUE(Drain());
 }
 
-TEST_F(ChannelThreadsTest, InitializeAndTerminateOnManyThreadsExcludeEachOther) {
-  for (int round = 0; round < 100; ++round) {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 3; ++t) {
-      threads.emplace_back([this] { channel_->Initialize(); });
-    }
+// One initialiser: a second run may not start before the first has drained.
+TEST_F(ChannelThreadsTest, TerminateOnThreeThreadsRacesWithInitialize) {
+  int ended_in_the_race = 0;
+  for (int round = 0; round < 200; ++round) {
+    std::atomic<int> waiting{4};
+    const auto together = [&](void (ReliableReportChannelHttps::*operation)()) {
+      return std::thread([this, operation, &waiting] {
+        --waiting;
+        while (waiting > 0) std::this_thread::yield();
+        ((*channel_).*operation)();
+      });
+    };
+    std::thread threads[] = {together(&ReliableReportChannelHttps::Initialize),
+                             together(&ReliableReportChannelHttps::Terminate),
+                             together(&ReliableReportChannelHttps::Terminate),
+                             together(&ReliableReportChannelHttps::Terminate)};
     for (std::thread& thread : threads) thread.join();
-    threads.clear();
-    for (int t = 0; t < 3; ++t) {
-      threads.emplace_back([this] { channel_->Terminate(); });
-    }
-    for (std::thread& thread : threads) thread.join();
+
+    ReliableReportChannelHttpsTestPeer peer(channel_.get());
+    ASSERT_TRUE(peer.state() == 0 || peer.state() == 2) << peer.state();
+    ASSERT_EQ(peer.queue() != nullptr, peer.state() == 2);
+    ended_in_the_race += peer.state() == 0;
+    channel_->Terminate();
     ASSERT_TRUE(Drain());
+    ASSERT_FALSE(peer.is_running());
   }
+  RecordProperty("ended_in_the_race", ended_in_the_race);
 }
 
 TEST_F(ChannelThreadsTest, MessagesOfFourThreadsAreAllDelivered) {

@@ -216,6 +216,57 @@ TEST_F(TimerTest, DueTimerDestroyedBeforeItsTurnDoesNotRun) {
   EXPECT_TRUE(runs_ms_.empty());
 }
 
+// Whatever a timer has been through, its next start goes as the first one of a new timer does.
+TEST_F(TimerTest, TimerThatIsUsedAgainRunsAsANewOne) {
+  const std::function<void(RepeatingTimer*)> pasts[] = {
+      [](RepeatingTimer*) {},
+      [&](RepeatingTimer* timer) { Start(timer, 1000); },
+      [&](RepeatingTimer* timer) {
+        Start(timer, 7);
+        Advance(25);
+      },
+      [&](RepeatingTimer* timer) {
+        Start(timer, 7);
+        Advance(25);
+        timer->Stop();
+      },
+      [&](RepeatingTimer* timer) {
+        Start(timer, 7);
+        Advance(25);
+        timer->AbandonAndStop();
+      },
+      [&](RepeatingTimer* timer) {
+        target_.task = [timer] { timer->AbandonAndStop(); };
+        Start(timer, 7);
+        Advance(25);
+      },
+      [&](RepeatingTimer* timer) {
+        Start(timer, 7);
+        queue_ = core::ThreadManager::CreateNewDispatchQueue(core::BusinessID::kReliableReport,
+                                                             "next", base::nullopt);
+        Advance(25);
+      }};
+  for (const auto& past : pasts) {
+    RepeatingTimer timer;
+    target_.task = [] {};
+    past(&timer);
+    const int64_t begin_ms = time_.NowUs() / 1000;
+    Times seen;
+    target_.task = [&] { seen.push_back(time_.NowUs() / 1000 - begin_ms); };
+
+    Start(&timer, 30);
+    EXPECT_EQ(timer.GetCurrentDelay(), TimeDelta::FromMilliseconds(30));
+    EXPECT_EQ(time_.PendingDeadlines(), 1u);
+    Advance(100);
+    timer.Stop();
+    Advance(100);
+
+    EXPECT_EQ(seen, (Times{30, 60, 90})) << "after past " << &past - pasts;
+    EXPECT_FALSE(timer.IsRunning());
+    EXPECT_EQ(time_.PendingDeadlines(), 0u);
+  }
+}
+
 TEST_F(TimerTest, DelayBeyondTheClockIsKeptAndNeverReached) {
   RepeatingTimer timer;
   const TimeDelta forever = TimeDelta::FromMicroseconds(INT64_MAX);

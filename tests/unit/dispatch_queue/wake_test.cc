@@ -1,0 +1,200 @@
+// What wakes a queue's thread, and what does not. A wake-up too few shows elsewhere as a delay
+// only, one too many as nothing at all; so here they are counted, where the queue calls the C++
+// library.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "quenor_base/platform/base/thread_create_flag.h"
+#include "quenor_base/platform/thread_manager.h"
+#include "tests/conformance/dispatch_queue_conformance.h"
+
+// How often queues' threads have gone to sleep, and how often the calling thread has woken
+// somebody.
+static std::atomic<int> sleeps{0};
+static thread_local int wake_ups = 0;
+
+static void NoteSleep() {
+  if (quenor::base::ThreadCreateFlag::IsThreadCreateByQuenor()) ++sleeps;
+}
+
+// The linker redirects the library's calls here (--wrap): condition_variable::notify_one(), its
+// wait(), and what its wait_until() comes to.
+extern "C" {
+void __real__ZNSt18condition_variable10notify_oneEv(std::condition_variable* self);
+void __wrap__ZNSt18condition_variable10notify_oneEv(std::condition_variable* self) {
+  ++wake_ups;
+  __real__ZNSt18condition_variable10notify_oneEv(self);
+}
+void __real__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(
+    std::condition_variable* self, std::unique_lock<std::mutex>* hold);
+void __wrap__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(
+    std::condition_variable* self, std::unique_lock<std::mutex>* hold) {
+  NoteSleep();
+  __real__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(self, hold);
+}
+int __real_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                  clockid_t clock, const struct timespec* until);
+int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                  clockid_t clock, const struct timespec* until) {
+  NoteSleep();
+  return __real_pthread_cond_clockwait(condition, mutex, clock, until);
+}
+}
+
+namespace quenor::test {
+namespace {
+
+using base::TimeDelta;
+using conformance::Gate;
+
+constexpr TimeDelta kHour = TimeDelta::FromSeconds(3600);
+constexpr TimeDelta kDay = TimeDelta::FromSeconds(86400);
+const base::Location kHere = base::Location::CreateFromHere("wake_test", 1);
+
+class QueueWakeTest : public ::testing::Test {
+ protected:
+  QueueWakeTest() {
+    const int before = sleeps;
+    queue_ = core::ThreadManager::CreateNewDispatchQueue(core::BusinessID::kReliableReport, "wake",
+                                                         base::nullopt);
+    AwaitSleep(before);
+  }
+  ~QueueWakeTest() override { End(); }
+
+  // Before what a task uses goes.
+  void End() {
+    queue_.reset();
+    EXPECT_TRUE(core::ThreadManager::WaitForDrain(TimeDelta::FromSeconds(60)));
+  }
+
+  // Until the queue's thread has gone to sleep more than `before` times.
+  static void AwaitSleep(int before) {
+    while (sleeps <= before) std::this_thread::yield();
+  }
+
+  // How often `act` wakes the thread, which is asleep; afterwards it is asleep again, unless it was
+  // the last that it did.
+  static int WakeUpsOf(const std::function<void()>& act, bool sleeps_again = true) {
+    const int sleeps_before = sleeps;
+    const int wake_ups_before = wake_ups;
+    act();
+    const int count = wake_ups - wake_ups_before;
+    if (count > 0 && sleeps_again) AwaitSleep(sleeps_before);
+    return count;
+  }
+
+  void Nothing() {
+    queue_->PostTask(kHere, [] {});
+  }
+
+  std::shared_ptr<DispatchQueue> queue_;
+};
+
+TEST_F(QueueWakeTest, PostWakesASleepingThreadOnce) {
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(WakeUpsOf([&] { Nothing(); }), 1) << i;
+}
+
+TEST_F(QueueWakeTest, PostsDoNotWakeAThreadThatIsAtWork) {
+  Gate inside;
+  Gate go_on;
+  queue_->PostTask(kHere, [&] {
+    inside.Open();
+    go_on.Wait();
+  });
+  ASSERT_TRUE(inside.Wait());
+  const int before = wake_ups;
+
+  for (int i = 0; i < 100; ++i) Nothing();
+  queue_->PostDelayedTask(
+      kHere, [] {}, kHour);
+
+  EXPECT_EQ(wake_ups, before);
+  go_on.Open();
+  End();
+}
+
+TEST_F(QueueWakeTest, PostsBehindTheOneThatWakesDoNotWakeAgain) {
+  Gate go_on;
+  const int before = wake_ups;
+  queue_->PostTask(kHere, [&] { go_on.Wait(); });
+  for (int i = 0; i < 10; ++i) Nothing();
+
+  EXPECT_EQ(wake_ups - before, 1);
+  go_on.Open();
+  End();
+}
+
+TEST_F(QueueWakeTest, OnlyADeadlineThatComesFirstWakesTheThread) {
+  uint64_t first = 0;
+  uint64_t last = 0;
+  const auto post = [&](uint64_t* id, TimeDelta delay) {
+    return WakeUpsOf([&] {
+      *id = queue_->PostCancelableDelayedTask(
+          kHere, [] {}, delay);
+    });
+  };
+  const auto cancel = [&](uint64_t id) {
+    return WakeUpsOf([&] { EXPECT_TRUE(queue_->CancelDelayedTask(id)); });
+  };
+
+  EXPECT_EQ(post(&last, kDay), 1) << "the thread waits without a deadline";
+  EXPECT_EQ(post(&first, kHour), 1) << "the thread waits for a later one";
+  uint64_t between = 0;
+  EXPECT_EQ(post(&between, TimeDelta::FromSeconds(7200)), 0);
+  EXPECT_EQ(cancel(between), 0);
+  EXPECT_EQ(cancel(first), 1) << "the thread waits for this very one";
+  EXPECT_EQ(cancel(last), 1);
+}
+
+// A thread that waits for an hour runs what is posted meanwhile, of whatever kind, at once.
+TEST_F(QueueWakeTest, ThreadThatWaitsForAFarDeadlineRunsWhatComesBefore) {
+  EXPECT_EQ(WakeUpsOf([&] {
+              queue_->PostDelayedTask(
+                  kHere, [] {}, kHour);
+            }),
+            1);
+  Gate posted;
+  Gate at_once;
+  Gate soon;
+
+  queue_->PostTask(kHere, [&] { posted.Open(); });
+  queue_->PostDelayedTask(
+      kHere, [&] { at_once.Open(); }, TimeDelta());
+  queue_->PostDelayedTask(
+      kHere, [&] { soon.Open(); }, TimeDelta::FromMilliseconds(1));
+
+  EXPECT_TRUE(posted.Wait());
+  EXPECT_TRUE(at_once.Wait());
+  EXPECT_TRUE(soon.Wait());
+  End();
+}
+
+TEST_F(QueueWakeTest, RetireDoesNotWakeAndTheLastReferenceDoes) {
+  EXPECT_EQ(WakeUpsOf([&] {
+              queue_->PostDelayedTask(
+                  kHere, [] {}, kHour);
+            }),
+            1);
+
+  EXPECT_EQ(WakeUpsOf([&] { queue_->Retire(); }), 0);
+  EXPECT_EQ(WakeUpsOf([&] { queue_.reset(); }, false), 1);
+}
+
+// Each wake-up leads to one look and one sleep: a thread that finds nothing does not go round.
+TEST_F(QueueWakeTest, ThreadSleepsOnceForEachWakeUp) {
+  const int before = sleeps;
+  for (int i = 0; i < 50; ++i) ASSERT_EQ(WakeUpsOf([&] { Nothing(); }), 1);
+
+  EXPECT_LE(sleeps - before, 50 + 5) << "spurious ones apart";
+}
+
+}  // namespace
+}  // namespace quenor::test
