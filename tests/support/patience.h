@@ -1,5 +1,5 @@
 // How long a fixture waits for what must happen: far longer than anything here takes, and shorter
-// than ctest's limits, so that the test itself says what it waited for.
+// than the limits in tests/CMakeLists.txt, so that the test itself says what it waited for.
 #ifndef QUENOR_TESTS_SUPPORT_PATIENCE_H_
 #define QUENOR_TESTS_SUPPORT_PATIENCE_H_
 
