@@ -9,6 +9,9 @@ function(quenor_library name)
     add_library(quenor_${name} STATIC ${A_SRCS})
     set(scope PUBLIC)
     quenor_library_flags(quenor_${name})
+    # Of what comes out of the archive, templates of the C++ library included, a shared object that
+    # embeds it exports nothing.
+    target_link_options(quenor_${name} INTERFACE LINKER:--exclude-libs,libquenor_${name}.a)
   endif()
   add_library(quenor::${name} ALIAS quenor_${name})
   set_target_properties(quenor_${name} PROPERTIES EXPORT_NAME ${name})
@@ -63,9 +66,11 @@ function(quenor_flags target)
 endfunction()
 
 # Flags of the library itself: no exceptions, but tables by which one gets through to where it ends
-# the process, and code that may go into a shared object.
+# the process; code that may go into a shared object, and shares nothing there with another one's.
 function(quenor_library_flags target)
   quenor_flags(${target})
-  target_compile_options(${target} PRIVATE -fno-exceptions -fasynchronous-unwind-tables)
-  set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  target_compile_options(${target} PRIVATE -fno-exceptions -fasynchronous-unwind-tables
+    $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
+  set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON
+    CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
 endfunction()

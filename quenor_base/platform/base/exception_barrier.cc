@@ -1,4 +1,4 @@
-// The one source of the library that is compiled with exceptions.
+// The one source of the library that is compiled with exceptions (CMakeLists.txt says so).
 #include "quenor_base/platform/base/exception_barrier.h"
 
 #include <cxxabi.h>
