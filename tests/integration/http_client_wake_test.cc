@@ -1,5 +1,7 @@
 // What needs the I/O thread wakes it: a missing wake shows as delay only, until something else
 // comes to pass. Here nothing else does but the time limit of an exchange that hangs meanwhile.
+#include <poll.h>
+
 #include <functional>
 
 #include "tests/integration/http_client_fixture.h"
@@ -23,6 +25,9 @@ class HttpClientWakeTest : public HttpClientTest {
     defaults_.total_timeout_ms = 20000;
   }
 
+  // The thread looks once more 10 ms after an exchange has ended. On a slow machine this test then
+  // sees less; it does not fail.
+  static void Rest() { poll(nullptr, 0, 40); }
   HttpClient::Request Hanging(uint32_t timeout_ms = 0) const {
     HttpClient::Request request = MakeRequest(hanging_.Origin() + "/", "x");
     request.timeout_ms = timeout_ms;
@@ -36,7 +41,8 @@ class HttpClientWakeTest : public HttpClientTest {
     Exchanges exchanges;
     auto doomed = MakeClient(defaults_);
     for (size_t i = 0; i < count; ++i) doomed->SendRequest(Hanging(), exchanges.Note());
-    EXPECT_EQ(StateOfAnswer(), State::kCompleted);  // The thread has taken them and rests.
+    EXPECT_EQ(StateOfAnswer(), State::kCompleted);  // The thread has taken them.
+    Rest();
     doomed.reset();
     exchanges.WaitFor(count);
     return exchanges.Take().back().state;
@@ -64,10 +70,11 @@ TEST_F(HttpClientWakeTest, WhateverNeedsTheThreadWakesItWhileAnExchangeHangs) {
       {"a destroyed client", [&] { return StateAfterDestruction(1) == State::kCancelled; }},
       {"a destroyed client's line", [&] { return StateAfterDestruction(2) == State::kCancelled; }},
   };
-  for (int round = 0; round < 5; ++round) {
+  for (int round = 0; round < 2; ++round) {
     for (const auto& [name, need] : needs) {
       SCOPED_TRACE(name);
 
+      Rest();
       EXPECT_TRUE(need());
 
       // What the limit of the one that hangs has set off has been told by the next answer.
