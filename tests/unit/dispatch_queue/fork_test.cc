@@ -36,7 +36,10 @@ class QueueForkTest : public ::testing::Test {
       : in_child_(static_cast<std::atomic<int>*>(mmap(nullptr, sizeof(std::atomic<int>),
                                                       PROT_READ | PROT_WRITE,
                                                       MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
-  ~QueueForkTest() override { munmap(in_child_, sizeof(std::atomic<int>)); }
+  ~QueueForkTest() override {
+    EXPECT_TRUE(ThreadManager::WaitForDrain(base::TimeDelta::FromSeconds(60)));
+    munmap(in_child_, sizeof(std::atomic<int>));
+  }
 
   // Runs `in_child` in a child that one of several tasks makes, and answers its wait status.
   int ForkInATask(void (*in_child)()) {
@@ -66,6 +69,9 @@ class QueueForkTest : public ::testing::Test {
 };
 
 TEST_F(QueueForkTest, ChildEndsWithTheThreadThatCameBackAndRunsNothingOfTheParents) {
+#if defined(QUENOR_SANITIZED_THREAD)
+  GTEST_SKIP() << "the child's only thread is joined by nobody: to TSan a leak";
+#endif
   EXPECT_EQ(0, ForkInATask([] {}));
 
   EXPECT_EQ(0, *in_child_);
