@@ -112,11 +112,15 @@ class Worker {
   // How many events it may be ahead of who reads them; each byte of standard input is one more.
   static constexpr int kCredit = 8;
 
-  Worker(const std::string& path, const std::string& delivered, std::string incarnation)
+  // `is_patient`: what is refused is tried again, because another process may be stopped with the
+  // table's lock.
+  Worker(const std::string& path, const std::string& delivered, std::string incarnation,
+         bool is_patient)
       : delivered_(open(delivered.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC)),
         incarnation_(std::move(incarnation)),
-        random_(static_cast<unsigned>(std::hash<std::string>()(incarnation_))) {
-    Require(delivered_ >= 0 && file_->Open(path));
+        random_(static_cast<unsigned>(std::hash<std::string>()(incarnation_))),
+        tries_(is_patient ? 1000 : 1) {
+    Require(delivered_ >= 0 && Try([&] { return file_->Open(path); }));
     const Content left = file_->Load();
     messages_.assign(left.begin(), left.end());
     for (const std::string& message : left) Report(JobEvent::kLoaded, NumberOf(message));
@@ -157,7 +161,16 @@ class Worker {
     Report(kind, number);
   }
 
-  bool Save() { return file_->Save(Content(messages_.begin(), messages_.end())); }
+  template <typename Call>
+  bool Try(Call call) const {
+    for (int i = 0; i < tries_; ++i) {
+      if (call()) return true;
+    }
+    return false;
+  }
+  bool Save() {
+    return Try([&] { return file_->Save(Content(messages_.begin(), messages_.end())); });
+  }
 
   void Require(bool good) {
     if (good) return;
@@ -170,13 +183,14 @@ class Worker {
   int delivered_;
   std::string incarnation_;
   std::minstd_rand random_;
+  const int tries_;
   std::deque<std::string> messages_;
 };
 
 // worker PATH DELIVERED INCARNATION FIRST COUNT: sends messages FIRST, FIRST + 1, ... and leaves
 // what it has not delivered by then; delivers everything when COUNT is 0.
-int Work(const std::vector<std::string>& arguments) {
-  Worker worker(arguments[0], arguments[1], arguments[2]);
+int Work(const std::vector<std::string>& arguments, bool is_patient) {
+  Worker worker(arguments[0], arguments[1], arguments[2], is_patient);
   const uint64_t first = std::stoull(arguments[3]);
   const uint64_t end = first + std::stoull(arguments[4]);
   for (uint64_t number = first; number < end; ++number) worker.Send(number);
@@ -189,7 +203,8 @@ int Run(const std::vector<std::string>& arguments) {
   if (arguments[0] == "steps") return Steps(rest);
   if (arguments[0] == "saver") return Saver(rest);
   if (arguments[0] == "holder") return Holder(rest);
-  if (arguments[0] == "worker") return Work(rest);
+  if (arguments[0] == "worker") return Work(rest, false);
+  if (arguments[0] == "patient-worker") return Work(rest, true);
   QUENOR_CHECK(false, "no such job");
 }
 

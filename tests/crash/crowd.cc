@@ -11,7 +11,13 @@
 namespace quenor::test {
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr uint64_t kNumbersPerPlace = 1000000;
+// In a run of so many seconds, of all processes together.
+constexpr uint64_t kEventsPerKill = 400;
+constexpr uint64_t kEventsPerStop = 200;
+constexpr unsigned kLongestStopMs = 1500;
 
 }  // namespace
 
@@ -19,6 +25,8 @@ constexpr uint64_t kNumbersPerPlace = 1000000;
 struct Crowd::Place {
   Task task;                 // `count`: still to be sent.
   std::unique_ptr<Job> job;  // Null when there is nothing to send any more.
+  bool is_stopped = false;
+  Clock::time_point stopped_until;
 };
 
 Crowd::Crowd(Plan plan, unsigned seed) : plan_(std::move(plan)), random_(seed) {
@@ -26,7 +34,7 @@ Crowd::Crowd(Plan plan, unsigned seed) : plan_(std::move(plan)), random_(seed) {
   for (int i = 0; i < plan_.processes; ++i) {
     places_.push_back(std::make_unique<Place>());
     places_.back()->task.first = static_cast<uint64_t>(i + 1) * kNumbersPerPlace;
-    places_.back()->task.count = plan_.messages;
+    places_.back()->task.count = plan_.seconds > 0 ? kNumbersPerPlace : plan_.messages;
   }
 }
 
@@ -35,17 +43,27 @@ Crowd::~Crowd() = default;
 void Crowd::Run() {
   for (const auto& place : places_) Start(place.get());
   ChooseNextKill();
+  const auto end = Clock::now() + std::chrono::seconds(plan_.seconds);
   while (WaitForEvents()) {
+    if (plan_.look) plan_.look();
+    if (plan_.seconds == 0) continue;
+    ContinueDue();
+    if (Clock::now() > end) KillAll();
   }
   DrainTheRest();
 }
 
 void Crowd::Start(Place* place) {
   place->task.incarnation = std::to_string(++incarnations_);
+  place->is_stopped = false;
   place->job = plan_.start(place->task);
 }
 
 void Crowd::ChooseNextKill() {
+  if (plan_.seconds > 0) {
+    events_to_kill_ = 1 + random_() % (2 * kEventsPerKill);
+    return;
+  }
   const uint64_t events =
       static_cast<uint64_t>(plan_.processes) * plan_.messages * plan_.events_per_message;
   // Half of an even spread: all kills come before the last messages.
@@ -63,7 +81,7 @@ bool Crowd::WaitForEvents() {
     who.push_back(place.get());
   }
   if (fds.empty()) return false;
-  poll(fds.data(), fds.size(), -1);
+  poll(fds.data(), fds.size(), plan_.seconds > 0 ? 10 : -1);
   for (size_t i = 0; i < fds.size(); ++i) {
     if (fds[i].revents != 0) TakeEvent(who[i]);
   }
@@ -79,7 +97,8 @@ void Crowd::TakeEvent(Place* place) {
   }
   Note(event, place);
   place->job->Credit();
-  if (kills_ < plan_.kills && --events_to_kill_ == 0) KillAndRestart(place);
+  if (plan_.seconds > 0 && random_() % kEventsPerStop == 0) StopOne();
+  if ((plan_.seconds > 0 || kills_ < plan_.kills) && --events_to_kill_ == 0) KillAndRestart(place);
 }
 
 void Crowd::Note(const JobEvent& event, Place* place) {
@@ -135,6 +154,36 @@ void Crowd::KillAndRestart(Place* place) {
   // Numbers that it may have been at are not used again.
   place->task.first += kNumbersPerPlace / 1000;
   if (place->task.count > 0) Start(place);
+}
+
+// Wherever it is, holding whatever lock it has.
+void Crowd::StopOne() {
+  Place* const place = places_[random_() % places_.size()].get();
+  if (place->job == nullptr || place->is_stopped) return;
+  place->job->Stop();
+  place->is_stopped = true;
+  place->stopped_until = Clock::now() + std::chrono::milliseconds(random_() % kLongestStopMs);
+  ++stops_;
+}
+
+void Crowd::ContinueDue() {
+  for (const auto& place : places_) {
+    if (!place->is_stopped || Clock::now() < place->stopped_until) continue;
+    place->is_stopped = false;
+    if (place->job == nullptr) continue;
+    if (random_() % 4 == 0) {
+      KillAndRestart(place.get());
+    } else {
+      place->job->Continue();
+    }
+  }
+}
+
+void Crowd::KillAll() {
+  for (const auto& place : places_) {
+    place->task.count = 0;
+    if (place->job != nullptr) KillAndRestart(place.get());
+  }
 }
 
 void Crowd::DrainTheRest() {
@@ -199,21 +248,24 @@ void Crowd::Print(const std::string& name) const {
   const size_t again = again_waiting_ + again_sent_ + again_acknowledged_ + again_unsealed_ +
                        again_ended_ + again_needlessly_;
   std::printf(
-      "processes: %s: processes=%d resend_limit=%s saved=%zu kills=%d arrived=%zu lost=%zu "
+      "processes: %s: processes=%d resend_limit=%s saved=%zu kills=%d stops=%d arrived=%zu "
+      "lost=%zu "
       "arrived_though_its_save_was_not_reported=%zu taken_over=%llu again=%zu (killed before it "
       "told the sending=%zu, killed while in flight=%zu, killed between answer and save=%zu, "
       "killed before the save without it was complete=%zu, terminated while in flight=%zu, for no "
       "such reason=%zu) damaged=%zu failures=%d\n",
       name.c_str(), plan_.processes,
       plan_.resend_limit == 0 ? "none" : std::to_string(plan_.resend_limit).c_str(), saved_.size(),
-      kills_, arrived_, lost_, unconfirmed_, static_cast<unsigned long long>(taken_over_), again,
-      again_waiting_, again_sent_, again_acknowledged_, again_unsealed_, again_ended_,
+      kills_, stops_, arrived_, lost_, unconfirmed_, static_cast<unsigned long long>(taken_over_),
+      again, again_waiting_, again_sent_, again_acknowledged_, again_unsealed_, again_ended_,
       again_needlessly_, damaged_, failures_);
 }
 
 void Crowd::ExpectNothingLost() const {
   EXPECT_LE(static_cast<uint64_t>(plan_.processes) * plan_.messages, saved_.size());
-  EXPECT_EQ(plan_.kills, kills_);
+  if (plan_.seconds == 0) {
+    EXPECT_EQ(plan_.kills, kills_);
+  }
   EXPECT_EQ(0u, lost_);
   EXPECT_EQ(0u, again_needlessly_);
   EXPECT_EQ(0u, damaged_);

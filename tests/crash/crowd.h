@@ -3,6 +3,7 @@
 #ifndef QUENOR_TESTS_CRASH_CROWD_H_
 #define QUENOR_TESTS_CRASH_CROWD_H_
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -30,6 +31,9 @@ class Crowd {
     int processes = 1;
     uint64_t messages = 0;  // Of each place; of one that is killed, its successor goes on.
     int kills = 0;          // Of all processes together.
+    // If not 0: for so long, as many messages as they manage, killed and stopped at random.
+    int seconds = 0;
+    std::function<void()> look;       // Now and then; may be null.
     unsigned events_per_message = 1;  // About so many, to spread the kills over the run.
     // Whether a process may end in order while it waits for answers: these messages come again.
     bool may_end_in_flight = false;
@@ -65,6 +69,9 @@ class Crowd {
   void Note(const JobEvent& event, Place* place);
   size_t* CauseOfReturn(uint64_t number, const std::string& incarnation, Had had);
   void KillAndRestart(Place* place);
+  void StopOne();
+  void ContinueDue();
+  void KillAll();
   void DrainTheRest();
 
   const Plan plan_;
@@ -74,6 +81,7 @@ class Crowd {
 
   int incarnations_ = 0;
   int kills_ = 0;
+  int stops_ = 0;
   int failures_ = 0;
   uint64_t taken_over_ = 0;
   std::set<std::string> killed_;

@@ -66,6 +66,14 @@ void Job::Kill() {
   if (!ended_) kill(pid_, SIGKILL);
 }
 
+void Job::Stop() {
+  if (!ended_) kill(pid_, SIGSTOP);
+}
+
+void Job::Continue() {
+  if (!ended_) kill(pid_, SIGCONT);
+}
+
 int Job::Wait() {
   if (!ended_) result_ = ReapPatiently(pid_, kLongPatience);
   ended_ = true;

@@ -46,6 +46,8 @@ class Job {
   // Ends its standard input: the sign to go, for those that wait for one.
   void Release();
   void Kill();
+  void Stop();
+  void Continue();
   // Waits for its end, or kills it when that does not come: the exit code, or minus the number of
   // the signal that ended it.
   int Wait();
