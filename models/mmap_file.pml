@@ -8,8 +8,10 @@
  * A seal is written in two steps, "being written" and "valid": what comes between is under a check
  * and looks like the first. Save numbers only tell which of two valid seals of a record is newer,
  * and which dead owner is older; the model keeps the former and tries every order of the latter.
- * Packets are messages, one bit each. What an extent holds is kept apart from what seals say, so
- * that zeroed or foreign room is noticed. Sizes, damage and repair are not modelled.
+ * Packets are messages, one bit each. What room holds is kept apart from what seals say, so that
+ * zeroed or foreign room is noticed. Room is units; an extent has one or two of them, so that extents
+ * at different times overlap in part. How many, its head says, which stands in the first. Further
+ * sizes, damage and repair are not modelled.
  */
 #ifndef PROCESSES
 #define PROCESSES 2
@@ -27,7 +29,7 @@
 #define RECORDS 3
 #endif
 #ifndef EXTENTS
-#define EXTENTS 5
+#define EXTENTS 5 /* Units. */
 #endif
 
 #define S(r, s) (2 * (r) + (s))
@@ -45,12 +47,16 @@
 bool valid[2 * RECORDS + 2];  /* Of a seal: its check is right. */
 byte mask[2 * RECORDS + 2];   /* Superseded records. */
 byte cont[2 * RECORDS + 2];   /* Messages that the index names. */
-byte ext[2 * RECORDS + 2];    /* 0: none. */
+byte ext[2 * RECORDS + 2];    /* The first unit; 0: none. */
 bit newer[RECORDS + 1];       /* The seal of a record that was written last. */
 bool sealed[RECORDS + 1];     /* The record was ever used. */
-byte reserved[RECORDS + 1];   /* An extent; 0: none. */
-byte data[EXTENTS + 1];       /* Messages that are whole in an extent. */
-bool there[EXTENTS + 1];      /* Not behind the end of the file. */
+byte reserved[RECORDS + 1];   /* Units. */
+byte data[EXTENTS + 2];       /* Messages of which a unit has packets; those of an extent, its first. */
+bool there[EXTENTS + 2];      /* Not behind the end of the file. */
+byte head;                    /* Units that begin with the head of an extent, */
+byte two;                     /* and those whose extent has two units. */
+#define DIRTY 128             /* Packets that are of no account, but for a repair. */
+#define UNITS_OF(e) ((e) == 0 -> 0 : (BIT(e) | (((two >> (e)) & 1) << ((e) + 1))))
 
 /* --- The kernel -------------------------------------------------------------------------------- */
 byte table_lock;
@@ -59,6 +65,8 @@ byte record_lock[RECORDS + 1];
 /* --- What must be true: known to nobody -------------------------------------------------------- */
 byte saved;                  /* In a completed save, and not dropped by its owner since. */
 byte held[PROCESSES + 1];    /* What a live owner took at Open() or saved since. */
+byte still[PROCESSES + 1];    /* Where the head is still that of the extent that the process left: what
+                                the comparison of epochs finds out. */
 byte kills = KILLS;
 byte begun;                  /* How many processes have opened the file. */
 byte opens = OPENS;
@@ -74,8 +82,8 @@ inline NamedByOthers(mine) {
   for (h_r : 1 .. RECORDS) {
     if
     :: h_r != mine ->
-       h_named = h_named | (valid[S(h_r, 0)] -> BIT(ext[S(h_r, 0)]) : 0) |
-                 (valid[S(h_r, 1)] -> BIT(ext[S(h_r, 1)]) : 0) | BIT(reserved[h_r])
+       h_named = h_named | (valid[S(h_r, 0)] -> UNITS_OF(ext[S(h_r, 0)]) : 0) |
+                 (valid[S(h_r, 1)] -> UNITS_OF(ext[S(h_r, 1)]) : 0) | reserved[h_r]
     :: else
     fi
   }
@@ -110,11 +118,14 @@ inline Check() {
     }
     assert((saved & ~h_once) == 0); /* NOT LOST */
     assert((h_once & ~saved) == 0); /* NOT BACK: a dropped or unfinished one is found by nobody. */
-    /* What is in room that nobody names is of no account: fewer states. */
+    /* HEADLESS: packets that no record and no head accounts for come back with a repair. What a head
+     * accounts for is of no account: fewer states. */
     NamedByOthers(0);
     for (h_r : 1 .. EXTENTS) {
       if
-      :: !HAS(h_named, h_r) -> data[h_r] = 0
+      :: !HAS(h_named, h_r) && data[h_r] != 0 ->
+         assert(HAS(head, h_r) || (HAS(head, h_r - 1) && HAS(two, h_r - 1)));
+         data[h_r] = DIRTY
       :: else
       fi
     }
@@ -125,13 +136,13 @@ inline Check() {
 /* A store into an extent of one's own through the mapping. */
 inline Touch(e) {
   d_step {
-    assert(there[e]);           /* NO SIGBUS: not behind the end. */
+    assert(there[e] && (!HAS(two, e) || there[e + 1])); /* NO SIGBUS: not behind the end. */
     NamedByOthers(own);
-    assert(!HAS(h_named, e))    /* NOT FOREIGN */
+    assert((h_named & UNITS_OF(e)) == 0)                /* NOT FOREIGN */
   }
 }
 
-/* An extent is about to be zeroed, cut off or built on. */
+/* A unit is about to be zeroed, cut off or built on. */
 inline MustBeFree(e) {
   d_step {
     NamedByOthers(0);
@@ -169,8 +180,10 @@ inline LeaveAll() {
     }
     assert((held[p] & ~h_once) == 0);
     held[p] = 0;
+    still[p] = 0;
     own = 0; cur = 0; claimed = 0; dead = 0; left = 0; used = 0; i = 0; bld = 0; old = 0; next = 0;
     voided = 0; slot = 0; r = 0; more = 0; saves = 0; part = 0; seen = 0; x = 0; move = 0;
+    old_units = 0; voided_two = 0; size = 0;
     h_r = 0
   }
 }
@@ -216,20 +229,20 @@ inline ReplaceDead(rec, c, e) {
 #define RESEAL_DEAD(rec) ReplaceDead(rec, cont[S(rec, slot)], ext[S(rec, slot)])
 
 /* --- Room -------------------------------------------------------------------------------------- */
-#define NAMED(r, s) (valid[S(r, s)] -> BIT(ext[S(r, s)]) : 0)
+#define NAMED(r, s) (valid[S(r, s)] -> UNITS_OF(ext[S(r, s)]) : 0)
 #define IS_ANOTHERS(r) (record_lock[r] != NOBODY && record_lock[r] != p)
 
 /* Records that nobody else writes to may as well be read at once. */
 inline ScanStable() {
   do
   :: i <= RECORDS && !IS_ANOTHERS(i) ->
-     used = used | NAMED(i, 0) | NAMED(i, 1) | BIT(reserved[i]);
+     used = used | NAMED(i, 0) | NAMED(i, 1) | reserved[i];
      i++
   :: else -> break
   od
 }
 inline ScanNext() {
-  used = used | NAMED(i, 0) | NAMED(i, 1) | BIT(reserved[i]);
+  used = used | NAMED(i, 0) | NAMED(i, 1) | reserved[i];
   i++;
   ScanStable()
 }
@@ -246,18 +259,59 @@ inline ScanNext() {
   od
 #define UNLOCK_TABLE used = 0; table_lock = NOBODY
 
-/* Zeroes an extent that nobody names, and cuts off what nobody names at the end. */
-inline ZeroAndCut(e) {
+/* Whatever stood there, another extent or none does now. */
+inline NewHead(u) {
+  d_step {
+    head = head & ~BIT(u);
+    two = two & ~BIT(u);
+    for (h_r : 1 .. PROCESSES) { still[h_r] = still[h_r] & ~BIT(u) }
+    h_r = 0
+  }
+}
+inline ZeroUnit(u) { MustBeFree(u); data[u] = 0 }
+/* An extent that nobody names: its head goes last. */
+inline Erase(e) {
   if
-  :: !HAS(used, e) && there[e] -> MustBeFree(e); data[e] = 0
+  :: HAS(two, e) && !HAS(used, e + 1) -> ZeroUnit(e + 1)
   :: else
   fi;
+  ZeroUnit(e);
+  OR_DIE;
+  NewHead(e)
+}
+/* What a dead owner or one without the lock has left in a unit that nobody names. */
+inline MakeFree(u) {
+  if
+  :: HAS(head, u) -> Erase(u)
+  :: else -> assert(data[u] == 0)
+  fi
+}
+/* Zeroes an extent that nobody names, if it is still there; then cuts off what nobody names at the
+ * end. `LATE_GIVE_BACK`: without a look whether it is, and as long as it was. */
+inline ZeroAndCut(e, was) {
+#ifdef LATE_GIVE_BACK
+  if
+  :: (used & was) == 0 && there[e] ->
+     ZeroUnit(e);
+     NewHead(e);
+     if
+     :: HAS(was, e + 1) -> ZeroUnit(e + 1); NewHead(e + 1)
+     :: else
+     fi
+  :: else
+  fi;
+#else
+  if
+  :: HAS(still[p], e) && (used & UNITS_OF(e)) == 0 && there[e] -> Erase(e)
+  :: else
+  fi;
+#endif
   OR_DIE;
   x = EXTENTS;
   do
   :: x > 0 && !HAS(used, x) ->
      if
-     :: there[x] -> MustBeFree(x); data[x] = 0; there[x] = 0
+     :: there[x] -> ZeroUnit(x); NewHead(x); there[x] = 0
      :: else
      fi;
      x--
@@ -283,18 +337,23 @@ inline Lowest(set) {
 inline NextTaken() {
   Lowest(left);
   if
-  :: left != 0 && ext[S(r, INF(r))] != 0 -> voided = voided | BIT(ext[S(r, INF(r))])
+  :: left != 0 && ext[S(r, INF(r))] != 0 ->
+     voided = voided | BIT(ext[S(r, INF(r))]);
+     voided_two = voided_two | (two & BIT(ext[S(r, INF(r))]));
+     still[p] = still[p] | BIT(ext[S(r, INF(r))])
   :: else
   fi
 }
 /* Or does not: the lock was not to be had in time. */
-#define GIVE_BACK(e, THEN)                 \
-  if                                       \
-  :: atomic { LOCK_TABLE };                \
-     SCAN_THEN(ZeroAndCut(e); THEN)        \
-  :: atomic { true -> THEN }               \
-  :: KILL                                  \
+#define GIVE_BACK(e, was, THEN)                           \
+  if                                                      \
+  :: atomic { LOCK_TABLE };                               \
+     SCAN_THEN(ZeroAndCut(e, was); LEFT(e); THEN)         \
+  :: atomic { true -> LEFT(e); THEN }                     \
+  :: KILL                                                 \
   fi
+#define LEFT(e) still[p] = still[p] & ~BIT(e)
+#define LEAVE(e) old = e; old_units = UNITS_OF(e); still[p] = still[p] | BIT(e)
 
 /* Tries the lock of every record: those that are free, or taken already, up to the next that is
  * held, in one step. */
@@ -318,9 +377,20 @@ inline TryLocks() {
   fi
 }
 
+/* Into every unit of it: wherever a unit is lost or comes back, a packet does. */
+inline WriteTo(e, messages) {
+  Touch(e);
+  data[e] = messages;
+  if
+  :: HAS(two, e) -> data[e + 1] = messages
+  :: else
+  fi
+}
+
 /* --- One process after another, under one number ------------------------------------------------ */
 proctype Process(byte p) {
   byte own, cur, claimed, dead, left, used, i, bld, old, next, voided, r, x, part, saves, slot;
+  byte old_units, voided_two, size;
   bool more, seen, made, move;
 
   /* Processes are alike: in which order they open first makes no difference. */
@@ -459,7 +529,7 @@ ready:
        fi;
        /* In place, in a new extent, or without one. */
        if
-       :: cur != 0 -> Touch(cur); data[cur] = data[cur] | next; Check()
+       :: cur != 0 -> WriteTo(cur, data[cur] | next); Check()
        :: !(cur == 0 && next == 0) -> move = 1
        :: cur == 0 && next == 0
        fi }
@@ -471,28 +541,40 @@ ready:
   :: atomic { move && LOCK_TABLE };
      SCAN_THEN(
        if
-       :: (used & ALL_EXTENTS) == ALL_EXTENTS -> next = 0; move = 0 /* The disk is full. */
-       :: else -> /* The first that nobody names. */
-          bld = 1;
-          do
-          :: HAS(used, bld) -> bld++
-          :: else -> break
-          od
+       :: size = 1
+       :: size = 2
        fi;
+       /* The first room that is long enough; what is left there goes as a whole. */
+       bld = 1;
+       do
+       :: bld + size <= EXTENTS + 1 && (used & (BIT(bld) | BIT(bld + size - 1))) != 0 -> bld++
+       :: else -> break
+       od;
        if
-       :: bld != 0 ->
-          MustBeFree(bld);
-          data[bld] = 0;
+       :: bld + size > EXTENTS + 1 -> bld = 0; next = 0; move = 0 /* The disk is full. */
+       :: else ->
+          MakeFree(bld);
+          if
+          :: size == 2 -> MakeFree(bld + 1)
+          :: else
+          fi;
 #ifndef NO_RESERVATION
-          reserved[own] = bld;
+          reserved[own] = BIT(bld) | BIT(bld + size - 1);
 #endif
-          x = bld;
+          OR_DIE;
+          x = bld + size - 1;
           do
           :: x > 0 -> there[x] = 1; x--
           :: else -> break
-          od
-       :: else
+          od;
+          OR_DIE;
+          head = head | BIT(bld);
+          if
+          :: size == 2 -> two = two | BIT(bld)
+          :: else
+          fi
        fi;
+       size = 0;
        UNLOCK_TABLE;
        Check();
        if
@@ -500,7 +582,7 @@ ready:
        :: else
        fi);
      if
-     :: atomic { move -> Touch(bld); data[bld] = next; Check() };
+     :: atomic { move -> WriteTo(bld, next); Check() };
 #ifdef FREE_BEFORE_SEAL
         STEP(
           if
@@ -511,9 +593,9 @@ ready:
         if
         :: atomic { MARK_SEAL }
         /* Something was refused: the save is void. */
-        :: atomic { true -> Touch(bld); old = bld; bld = 0; next = 0; move = 0 };
-           STEP(reserved[own] = 0);
-           GIVE_BACK(old, old = 0; goto ready)
+        :: atomic { true -> Touch(bld); LEAVE(bld); bld = 0; next = 0; move = 0 };
+           STEP(reserved[own] = 0; Check());
+           GIVE_BACK(old, old_units, old = 0; old_units = 0; goto ready)
         :: KILL
         fi
      :: KILL
@@ -553,19 +635,23 @@ ready:
     :: cur != 0 -> Touch(cur)
     :: else
     fi;
-    old = cur; cur = bld; bld = 0);
+    if
+    :: cur != 0 -> LEAVE(cur)
+    :: else
+    fi;
+    cur = bld; bld = 0);
 #ifndef FREE_AFTER_VOID
   STEP(slot = 1 - INF(own); Wipe(S(own, slot)); slot = 0; Check());
 #endif
   STEP(
-    reserved[own] = 0; move = 0;
+    reserved[own] = 0; move = 0; Check();
     if
     :: old == 0 && claimed == 0 -> goto ready
     :: old == 0 && claimed != 0 -> goto take_over
     :: else
     fi);
-  GIVE_BACK(old,
-    old = 0;
+  GIVE_BACK(old, old_units,
+    old = 0; old_units = 0;
     if
     :: claimed == 0 -> goto ready
     :: else
@@ -615,8 +701,9 @@ unlock_next:
     :: else
     fi);
 give_next:
-  GIVE_BACK(r,
+  GIVE_BACK(r, BIT(r) | ((voided_two & BIT(r)) << 1),
     voided = voided & ~BIT(r);
+    voided_two = voided_two & ~BIT(r);
     Lowest(voided);
     if
     :: voided != 0 -> goto give_next
@@ -627,7 +714,7 @@ close:
   /* An owner without content needs no room. */
   if
   :: atomic { cur != 0 && held[p] == 0 && claimed == 0 ->
-       old = cur; cur = 0;
+       LEAVE(cur); cur = 0;
 #ifndef FREE_AFTER_VOID
        Touch(old)
 #endif
@@ -636,7 +723,7 @@ close:
 #ifdef FREE_AFTER_VOID
      STEP(Touch(old));
 #endif
-     GIVE_BACK(old, LeaveAll(); goto end_of_life)
+     GIVE_BACK(old, old_units, LeaveAll(); goto end_of_life)
   :: atomic { !(cur != 0 && held[p] == 0 && claimed == 0) -> LeaveAll(); goto end_of_life }
   :: KILL
   fi
@@ -648,6 +735,7 @@ init {
     Write(2, 0, 2, 2, 0);
     data[1] = 1; there[1] = 1;
     data[2] = 2; there[2] = 1;
+    head = BIT(1) | BIT(2);
     saved = 3
   }
   atomic {

@@ -143,7 +143,10 @@ class Worker {
     // Answers come out of order.
     const size_t at = random_() % std::min<size_t>(messages_.size(), 4);
     const uint64_t number = NumberOf(messages_[at]);
-    const std::string line = std::to_string(number) + " " + incarnation_ + "\n";
+    // Of a length of which pages are multiples: a kill cuts a write only between two pages.
+    std::string line = std::to_string(number) + " " + incarnation_;
+    line.resize(31, ' ');
+    line += '\n';
     Require(write(delivered_, line.data(), line.size()) == static_cast<ssize_t>(line.size()));
     Tell(JobEvent::kAcknowledged, number);
     messages_.erase(messages_.begin() + static_cast<std::ptrdiff_t>(at));
