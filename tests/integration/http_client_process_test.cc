@@ -204,6 +204,9 @@ TEST_F(HttpClientProcessTest, ForkInTheMiddleOfTlsTrafficLeavesBothSidesWorking)
 }
 
 TEST_F(HttpClientProcessTest, ChildThatReturnsFromACallbackLeavesTheParentsRequestsAlone) {
+#if defined(QUENOR_SANITIZED_THREAD)
+  GTEST_SKIP() << "TSan itself crashes in a child whose only thread was made detached and returns";
+#endif
   ScriptedServer server(Answering(), &certificate_);
 
   EXPECT_EQ(Run("fork-inside-callback", server.Origin() + "/", {"ASAN_OPTIONS=detect_leaks=0"}), 0)
