@@ -29,6 +29,7 @@ int NoPassword(char*, int, int, void*) { return 0; }
 bool IsPair(const ClientIdentity& identity) {
   // As when libcurl starts: nothing of OpenSSL's is taken away at exit under a thread that uses it.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+  ERR_set_mark();  // The thread is the host's, and so are the errors that it has noted.
   const Bio certificate_text = Open(identity.certificate);
   const Bio key_text = Open(identity.key);
   const std::unique_ptr<X509, void (*)(X509*)> certificate(
@@ -37,7 +38,7 @@ bool IsPair(const ClientIdentity& identity) {
       PEM_read_bio_PrivateKey(key_text.get(), nullptr, &NoPassword, nullptr), &EVP_PKEY_free);
   const bool is_pair = certificate != nullptr && key != nullptr &&
                        X509_check_private_key(certificate.get(), key.get()) == 1;
-  ERR_clear_error();
+  ERR_pop_to_mark();
   return is_pair;
 }
 
