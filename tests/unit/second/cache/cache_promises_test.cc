@@ -182,6 +182,7 @@ TEST_F(PromisedCacheTest, DestructionNeitherLogsNorSavesNorSends) {
   RecordingLog::Clear();
   const size_t saved = events.Count(ReportEventKind::kSaved);
 
+  Inside().StopTimers();
   channel_.reset();
   Advance(Seconds(1200));
 
