@@ -8,7 +8,7 @@
 
 #include "quenor_base/platform/thread_manager.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 // Reaches what the queue's tasks call.
 class ReliableReportChannelHttpsTestPeer {
@@ -25,7 +25,9 @@ class ReliableReportChannelHttpsTestPeer {
   ReliableReportChannelHttps* const c_;
 };
 
-namespace bench {
+QUENOR_NAMESPACE_END
+
+namespace quenor::bench {
 namespace {
 
 using Peer = ReliableReportChannelHttpsTestPeer;
@@ -114,5 +116,4 @@ std::vector<double> AdmittingChannel::EachNs(size_t count, size_t most, size_t s
   return each;
 }
 
-}  // namespace bench
-}  // namespace quenor
+}  // namespace quenor::bench

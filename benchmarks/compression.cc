@@ -14,7 +14,7 @@
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
 #include "quenor_base/platform/base/thread_create_flag.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 // The door into the channel's private functions.
 class ReliableReportChannelHttpsTestPeer {
@@ -30,7 +30,9 @@ class ReliableReportChannelHttpsTestPeer {
   }
 };
 
-namespace bench {
+QUENOR_NAMESPACE_END
+
+namespace quenor::bench {
 namespace {
 
 using Body = std::vector<uint8_t>;
@@ -195,7 +197,6 @@ class CompressionArea {
 };
 
 }  // namespace
-}  // namespace bench
-}  // namespace quenor
+}  // namespace quenor::bench
 
 int main(int argc, char** argv) { return quenor::bench::CompressionArea(argc, argv).Run(); }

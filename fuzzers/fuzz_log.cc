@@ -5,7 +5,7 @@
 
 #include "quenor_base/platform/local_log.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 // Only when asked for: what is said of bad inputs would drown the fuzzer's own lines.
 void LocalLog(int, const char*, int, const char* format, ...) {
@@ -19,4 +19,4 @@ void LocalLog(int, const char*, int, const char* format, ...) {
 }
 const char* LocalLogImplementationName() { return "silent"; }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

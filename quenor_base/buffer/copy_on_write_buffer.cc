@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <new>
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 namespace {
 
@@ -58,4 +58,4 @@ void CopyOnWriteBuffer::FreeStorage(BufferStorage* storage) {
   std::free(storage);
 }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

@@ -14,7 +14,7 @@
 
 #include "quenor_base/platform/base/ref_counted.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 // The shared bytes. They are released through whatever function they came with.
 struct BufferStorage : public base::subtle::RefCountedThreadSafeBase {
@@ -132,6 +132,6 @@ class CopyOnWriteBuffer {
   uint32_t size_ = 0;
 };
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_BUFFER_COPY_ON_WRITE_BUFFER_H_

@@ -17,7 +17,7 @@
 #include "quenor_base/object_pool/size_classes.h"
 #include "quenor_base/platform/base/thread_create_flag.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 extern template class ObjectPool<uint8_t[], objpool::DefaultResetter<uint8_t[]>,
                                  objpool::DefaultAllocator<uint8_t[]>,
@@ -71,6 +71,6 @@ template <typename T>
 }
 
 }  // namespace internal
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_OBJECT_POOL_ALLOC_BUFFER_FROM_POOL_H_

@@ -1,6 +1,6 @@
 #include "quenor_base/object_pool/alloc_buffer_from_pool.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 template class ObjectPool<uint8_t[], objpool::DefaultResetter<uint8_t[]>,
                           objpool::DefaultAllocator<uint8_t[]>,
@@ -27,4 +27,4 @@ BufferObjPool* GetBufferObjPool(uint32_t class_length) {
 }
 
 }  // namespace internal
-}  // namespace quenor
+QUENOR_NAMESPACE_END

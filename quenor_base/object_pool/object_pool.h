@@ -18,7 +18,7 @@
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_annotations.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 namespace objpool {
 
@@ -128,6 +128,6 @@ class ObjectPool {
   base::HeldAtFork held_at_fork_;
 };
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_OBJECT_POOL_OBJECT_POOL_H_

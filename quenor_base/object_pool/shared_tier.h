@@ -12,7 +12,9 @@
 #include <type_traits>
 #include <utility>
 
-namespace quenor {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
 
 class ObjectPoolTestPeer;
 
@@ -118,6 +120,6 @@ class GlobalObjectPool {
   std::list<Batch> spare_batches_;
 };
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_OBJECT_POOL_SHARED_TIER_H_

@@ -8,7 +8,10 @@
 #include <cstdint>
 #include <iterator>
 
-namespace quenor::internal {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace internal {
 
 struct BufferClass {
   uint32_t length_bytes;  // of every array; a size belongs to the first class that has room for it
@@ -30,6 +33,7 @@ inline constexpr BufferClass kBufferClasses[] = {
 };
 inline constexpr size_t kBufferClassCount = std::size(kBufferClasses);
 
-}  // namespace quenor::internal
+}  // namespace internal
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_OBJECT_POOL_SIZE_CLASSES_H_

@@ -17,7 +17,7 @@
 #include "quenor_base/object_pool/shared_tier.h"
 #include "quenor_base/platform/base/thread_local_storage.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 namespace objpool {
 
@@ -178,6 +178,6 @@ auto TLSObjectPool<T, Resetter, Allocator, Destroyer>::MakeTier(
   return slot_.Set(made.get()) ? made.release() : nullptr;
 }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_OBJECT_POOL_THREAD_TIER_H_

@@ -9,7 +9,7 @@
 
 #include "quenor_base/platform/base/file_path.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 class CacheFileInspector {
  public:
@@ -60,6 +60,6 @@ class CacheFileInspector {
   static Result Purge(const base::FilePath& path, uint64_t* packets, std::string* error);
 };
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_CACHE_FILE_INSPECTOR_H_

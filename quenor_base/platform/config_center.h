@@ -8,7 +8,8 @@
 
 #include "quenor_base/platform/base/optional.h"
 
-namespace quenor::config {
+QUENOR_NAMESPACE_BEGIN
+namespace config {
 
 // The keys that the SDK's base reads.
 struct BaseConfigKeys {
@@ -51,6 +52,7 @@ class ConfigCenterImpl {
   State* state_;  // Lives for the process.
 };
 
-}  // namespace quenor::config
+}  // namespace config
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_CONFIG_CENTER_H_

@@ -16,7 +16,7 @@
 #include "quenor_base/platform/base/location.h"
 #include "quenor_base/platform/base/time.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 class DispatchQueue {
  public:
@@ -78,6 +78,6 @@ class DispatchQueue {
   inline static thread_local std::weak_ptr<DispatchQueue> current_;
 };
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DISPATCH_QUEUE_H_

@@ -18,7 +18,7 @@
 #include "quenor_base/buffer/copy_on_write_buffer.h"
 #include "quenor_base/platform/base/callback.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 class HttpClient {
  public:
@@ -149,6 +149,6 @@ struct HttpDefaults {
 // Any thread. The values in force.
 HttpDefaults GetHttpDefaults();
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_HTTP_CLIENT_H_

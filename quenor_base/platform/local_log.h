@@ -4,7 +4,9 @@
 
 #include <cstddef>
 
-namespace quenor {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
 
 // Any thread. Formats one line, however long, and gives it to the sink. Control bytes in the text
 // (0x00 to 0x1f and 0x7f, line ends too) come out escaped as \n, \r, \t or \xNN, so that a line
@@ -31,6 +33,6 @@ void SetLogSink(LogSink sink, void* context);
 // Any thread. Names the implementation that is linked.
 const char* LocalLogImplementationName();
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_LOCAL_LOG_H_

@@ -14,7 +14,7 @@
 #include "quenor_base/platform/base/file_path.h"
 #include "quenor_base/platform/base/memory_mapped_file.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 // One record of the file. Null `data` or 0 `size` marks the end when reading.
 struct MmapDataPacket {
@@ -92,6 +92,6 @@ class MultiProcessSafetyMmapFile {
   State* state_;  // Owned; null while no file is open.
 };
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_MULTI_PROCESS_SAFETY_MMAP_FILE_H_

@@ -12,7 +12,7 @@
 
 #include "quenor_base/platform/base/file_path.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 class ReliableReportCacheFile {
  public:
@@ -79,6 +79,6 @@ class ReliableReportCacheFile {
   State* state_;  // Owned; null while no file is open.
 };
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_RELIABLE_REPORT_CACHE_FILE_H_

@@ -11,7 +11,9 @@
 #include <cstdint>
 #include <string>
 
-namespace quenor {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
 
 enum class ReportEventKind : int32_t {
   kHandedOver,    // SendPacket or SendPacketWithDelay was called; told before anything else.
@@ -105,6 +107,6 @@ class ReportEvents {
   inline static std::atomic<bool> has_listener_{false};
 };
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_REPORT_EVENTS_H_

@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <string>
 
-namespace quenor {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
 
 class Socks5ProxyConfigHolder {
  public:
@@ -39,6 +41,6 @@ class Socks5ProxyConfigHolder {
 // Any thread. The process's holder; never null, never destroyed.
 Socks5ProxyConfigHolder* GetSocks5ProxyConfigHolder();
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_SOCKS5_PROXY_CONFIG_H_

@@ -11,7 +11,8 @@
 #include "quenor_base/platform/base/time.h"
 #include "quenor_base/platform/dispatch_queue.h"
 
-namespace quenor::core {
+QUENOR_NAMESPACE_BEGIN
+namespace core {
 
 // Who a queue works for. Written into traces; it changes nothing.
 enum class BusinessID : int32_t {
@@ -38,6 +39,7 @@ class ThreadManager {
   static const char* ImplementationName();
 };
 
-}  // namespace quenor::core
+}  // namespace core
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_THREAD_MANAGER_H_

@@ -4,7 +4,9 @@
 
 #include <cstdint>
 
-namespace quenor {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
 
 class Throtter {
  public:
@@ -26,6 +28,6 @@ class Throtter {
   State* state_;  // Owned.
 };
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_THROTTER_H_

@@ -9,7 +9,7 @@ FakeCacheFile& GetFakeCacheFile() {
 
 }  // namespace quenor::test
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 using test::FakeCacheFile;
 using test::GetFakeCacheFile;
@@ -55,4 +55,4 @@ CacheFileInspector::Result CacheFileInspector::Purge(const base::FilePath& path,
   return Result::kOk;
 }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

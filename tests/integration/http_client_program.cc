@@ -50,7 +50,7 @@ void* operator new(size_t size) {
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, size_t) noexcept { std::free(memory); }
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 using State = HttpClient::State;
@@ -437,6 +437,6 @@ int Main(int argc, char** argv) {
 }
 
 }  // namespace
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 int main(int argc, char** argv) { return quenor::Main(argc, argv); }

@@ -9,7 +9,7 @@
 
 #include "quenor_base/platform/default/http_sockets_linux.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 // One end is among the sockets, the other is the test's.
@@ -116,4 +116,4 @@ TEST(HttpSocketsTest, OneThatWasAddedAfterTheMarkCountsFromItsStart) {
 }
 
 }  // namespace
-}  // namespace quenor
+QUENOR_NAMESPACE_END

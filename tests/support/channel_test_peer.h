@@ -11,7 +11,7 @@
 
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 // Looks inside a channel. Borrows it. Queue thread, or while nothing runs; what changes the channel
 // says so.
@@ -96,6 +96,6 @@ class ReliableReportChannelHttpsTestPeer {
   Channel* const c_;
 };
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_TESTS_SUPPORT_CHANNEL_TEST_PEER_H_

@@ -6,7 +6,7 @@
 #include "quenor_base/platform/reliable_report_cache_file.h"
 #include "tests/support/fake_packet_files_core.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 using test::FakeCacheFiles;
 using test::FakePacketFiles;
@@ -120,12 +120,13 @@ void ReliableReportCacheFile::Close() {
 
 const char* ReliableReportCacheFile::ImplementationName() { return "fake"; }
 
-namespace test {
+QUENOR_NAMESPACE_END
+
+namespace quenor::test {
 
 FakePacketFiles& FakeCacheFiles() {
   static auto* const files = new FakePacketFiles;
   return *files;
 }
 
-}  // namespace test
-}  // namespace quenor
+}  // namespace quenor::test

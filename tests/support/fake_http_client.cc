@@ -264,7 +264,7 @@ bool FakeHttp::Drop(size_t index) {
 
 }  // namespace quenor::test
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 std::unique_ptr<HttpClient> HttpClientFactory::Create(const HttpClient::Config& config) {
   const std::shared_ptr<test::FakeHttp::Core> core = test::CurrentCore();
@@ -292,4 +292,4 @@ HttpDefaults GetHttpDefaults() {
   return test::Defaults();
 }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

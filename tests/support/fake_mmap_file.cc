@@ -6,7 +6,7 @@
 #include "quenor_base/platform/multi_process_safety_mmap_file.h"
 #include "tests/support/fake_packet_files_core.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 using test::FakeMmapFiles;
 using test::FakePacketFiles;
@@ -138,12 +138,13 @@ void MultiProcessSafetyMmapFile::Close() {
 
 const char* MultiProcessSafetyMmapFile::ImplementationName() { return "fake"; }
 
-namespace test {
+QUENOR_NAMESPACE_END
+
+namespace quenor::test {
 
 FakePacketFiles& FakeMmapFiles() {
   static auto* const files = new FakePacketFiles;
   return *files;
 }
 
-}  // namespace test
-}  // namespace quenor
+}  // namespace quenor::test

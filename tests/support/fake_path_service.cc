@@ -64,7 +64,8 @@ std::vector<std::string> FakePaths::Created() {
 
 }  // namespace quenor::test
 
-namespace quenor::base {
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 bool PathExists(const FilePath& path) {
   std::lock_guard<std::mutex> hold(test::TheState().mutex);
@@ -98,4 +99,5 @@ bool PathService::Override(int key, const FilePath& path) {
 
 const char* PathService::ImplementationName() { return "fake"; }
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END

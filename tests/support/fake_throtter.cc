@@ -4,7 +4,7 @@
 #include "quenor_base/platform/throtter.h"
 #include "tests/support/virtual_time.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 struct Throtter::State {
   std::mutex mutex;
@@ -31,4 +31,4 @@ bool Throtter::ShouldGo() {
 
 const char* Throtter::ImplementationName() { return "virtual"; }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

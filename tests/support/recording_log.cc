@@ -55,7 +55,7 @@ void RecordingLog::Clear() {
 
 }  // namespace quenor::test
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 void LocalLog(int level, const char* file, int line, const char* format, ...) {
   va_list arguments;
@@ -84,4 +84,4 @@ void SetLogSink(LogSink sink, void* context) {
 
 const char* LocalLogImplementationName() { return "recording"; }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

@@ -377,7 +377,8 @@ bool VirtualTime::Drain() {
 
 }  // namespace quenor::test
 
-namespace quenor::core {
+QUENOR_NAMESPACE_BEGIN
+namespace core {
 
 std::shared_ptr<DispatchQueue> ThreadManager::CreateNewDispatchQueue(
     BusinessID business, const std::string& name,
@@ -393,4 +394,5 @@ bool ThreadManager::WaitForDrain(base::TimeDelta) {
 
 const char* ThreadManager::ImplementationName() { return "virtual"; }
 
-}  // namespace quenor::core
+}  // namespace core
+QUENOR_NAMESPACE_END

@@ -6,9 +6,11 @@
 #include <mutex>
 #include <utility>
 
+#include "quenor_base/platform/base/abi.h"
 #include "quenor_base/platform/base/lock.h"
 
-namespace quenor::internal {
+QUENOR_NAMESPACE_BEGIN
+namespace internal {
 
 template <typename T>
 class AtomicSharedPtrMutex {
@@ -33,6 +35,7 @@ class AtomicSharedPtrMutex {
   std::shared_ptr<T> pointer_;
 };
 
-}  // namespace quenor::internal
+}  // namespace internal
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_DATA_REPORT_HTTPS_ATOMIC_SHARED_PTR_MUTEX_H_

@@ -24,7 +24,7 @@
 #include "quenor_base/platform/socks5_proxy_config.h"
 #include "quenor_base/platform/thread_manager.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 // Constants and pure helpers ----------------------------------------------------------------------
 
@@ -833,4 +833,4 @@ bool ReliableReportChannelHttps::IsCacheWhole() const {
                                         : cache_file_.IsSaveComplete();
 }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

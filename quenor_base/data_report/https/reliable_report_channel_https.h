@@ -31,7 +31,7 @@
 #include "quenor_base/platform/reliable_report_cache_file.h"
 #include "quenor_base/platform/throtter.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableReportChannelHttps> {
  public:
@@ -274,6 +274,6 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   std::weak_ptr<ReliableReportChannelHttps> self_;
 };
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_DATA_REPORT_HTTPS_RELIABLE_REPORT_CHANNEL_HTTPS_H_

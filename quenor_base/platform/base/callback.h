@@ -14,7 +14,8 @@
 
 #include "quenor_base/platform/base/check.h"
 
-namespace quenor::base {
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 template <typename Signature>
 class OnceCallback;
@@ -161,6 +162,7 @@ auto BindOnce(Method method, Receiver&& receiver, Bound&&... bound) {
       method, std::forward<Receiver>(receiver), {std::forward<Bound>(bound)...}};
 }
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_CALLBACK_H_

@@ -6,7 +6,10 @@
 #include <cstdio>
 #include <cstdlib>
 
-namespace quenor::base::internal {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace base::internal {
 
 // Any thread. Writes one line to standard error and aborts. stderr, not the log: the host's sink
 // may be what broke.
@@ -16,7 +19,8 @@ namespace quenor::base::internal {
   std::abort();
 }
 
-}  // namespace quenor::base::internal
+}  // namespace base::internal
+QUENOR_NAMESPACE_END
 
 #define QUENOR_CHECK(condition, what) \
   ((condition) ? (void)0 : ::quenor::base::internal::CheckFailed(what, __FILE__, __LINE__))

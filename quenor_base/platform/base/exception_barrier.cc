@@ -9,7 +9,8 @@
 #include <exception>
 #include <typeinfo>
 
-namespace quenor::base::internal {
+QUENOR_NAMESPACE_BEGIN
+namespace base::internal {
 
 namespace {
 
@@ -40,4 +41,5 @@ void CallBehindBarrier(const char* whose, void (*call)(void*), void* context) {
   }
 }
 
-}  // namespace quenor::base::internal
+}  // namespace base::internal
+QUENOR_NAMESPACE_END

@@ -7,7 +7,10 @@
 
 #include <type_traits>
 
-namespace quenor::base {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 namespace internal {
 void CallBehindBarrier(const char* whose, void (*call)(void*), void* context);
@@ -22,6 +25,7 @@ void EndOnException(const char* whose, Act&& act) {
       const_cast<void*>(static_cast<const void*>(&act)));
 }
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_EXCEPTION_BARRIER_H_

@@ -5,7 +5,10 @@
 #include <string>
 #include <utility>
 
-namespace quenor::base {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 class FilePath {
  public:
@@ -41,6 +44,7 @@ bool PathExists(const FilePath& path);
 // it; else false, errno says why, and the parents created so far remain.
 [[nodiscard]] bool CreateDirectory(const FilePath& path);
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_FILE_PATH_H_

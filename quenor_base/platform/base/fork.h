@@ -17,7 +17,8 @@
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_annotations.h"
 
-namespace quenor::base {
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 namespace internal {
 inline std::atomic<uint32_t> fork_generation{0};
@@ -183,6 +184,7 @@ class OnePerProcess {
   std::atomic<Kept*> kept_{nullptr};
 };
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_FORK_H_

@@ -7,7 +7,8 @@
 #include "quenor_base/platform/base/optional.h"
 #include "quenor_base/platform/base/values.h"
 
-namespace quenor::base {
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 class JSONReader {
  public:
@@ -24,6 +25,7 @@ class JSONReader {
   static const char* ImplementationName();
 };
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_JSON_READER_H_

@@ -2,7 +2,10 @@
 #ifndef QUENOR_BASE_PLATFORM_BASE_LOCATION_H_
 #define QUENOR_BASE_PLATFORM_BASE_LOCATION_H_
 
-namespace quenor::base {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 class Location {
  public:
@@ -21,6 +24,7 @@ class Location {
   int line_ = 0;
 };
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_LOCATION_H_

@@ -8,9 +8,11 @@
 
 #include <atomic>
 
+#include "quenor_base/platform/base/abi.h"
 #include "quenor_base/platform/base/thread_annotations.h"
 
-namespace quenor::base {
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 // Not recursive; safe to create and destroy on any thread.
 class QUENOR_CAPABILITY("mutex") Lock {
@@ -119,6 +121,7 @@ class ShortLock {
   std::atomic<bool> locked_{false};
 };
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_LOCK_H_

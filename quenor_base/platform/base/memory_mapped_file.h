@@ -2,7 +2,10 @@
 #ifndef QUENOR_BASE_PLATFORM_BASE_MEMORY_MAPPED_FILE_H_
 #define QUENOR_BASE_PLATFORM_BASE_MEMORY_MAPPED_FILE_H_
 
-namespace quenor::base {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 class MemoryMappedFile {
  public:
@@ -13,6 +16,7 @@ class MemoryMappedFile {
   };
 };
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_MEMORY_MAPPED_FILE_H_

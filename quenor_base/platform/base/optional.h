@@ -4,12 +4,16 @@
 
 #include <optional>
 
-namespace quenor::base {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 template <typename T>
 using Optional = std::optional<T>;
 inline constexpr std::nullopt_t nullopt = std::nullopt;
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_OPTIONAL_H_

@@ -4,7 +4,8 @@
 
 #include "quenor_base/platform/base/file_path.h"
 
-namespace quenor::base {
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 enum PathKey : int {
   DIR_RELIABLE_REPORT = 19,  // The folder that holds the report channels' cache folder.
@@ -26,6 +27,7 @@ class PathService {
   static const char* ImplementationName();
 };
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_PATH_SERVICE_H_

@@ -5,7 +5,10 @@
 #include <atomic>
 #include <cstdint>
 
-namespace quenor::base::subtle {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace base::subtle {
 
 // Starts at 0: the first holder adds its own reference.
 class RefCountedThreadSafeBase {
@@ -39,6 +42,7 @@ class RefCountedThreadSafeBase {
   mutable std::atomic<uint32_t> count_{0};
 };
 
-}  // namespace quenor::base::subtle
+}  // namespace base::subtle
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_REF_COUNTED_H_

@@ -4,7 +4,10 @@
 
 #include <cstddef>
 
-namespace quenor::base {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 class Thread {
  public:
@@ -15,6 +18,7 @@ class Thread {
   };
 };
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_THREAD_H_

@@ -3,7 +3,10 @@
 #ifndef QUENOR_BASE_PLATFORM_BASE_THREAD_CREATE_FLAG_H_
 #define QUENOR_BASE_PLATFORM_BASE_THREAD_CREATE_FLAG_H_
 
-namespace quenor::base {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 class ThreadCreateFlag {
  public:
@@ -17,6 +20,7 @@ class ThreadCreateFlag {
   inline static thread_local bool flag_ = false;
 };
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_THREAD_CREATE_FLAG_H_

@@ -6,7 +6,10 @@
 
 #include <pthread.h>
 
-namespace quenor::base {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 class ThreadLocalStorage {
  public:
@@ -38,6 +41,7 @@ class ThreadLocalStorage {
   };
 };
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_THREAD_LOCAL_STORAGE_H_

@@ -5,7 +5,10 @@
 
 #include <cstdint>
 
-namespace quenor::base {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 class TimeDelta {
  public:
@@ -39,6 +42,7 @@ class TimeDelta {
   int64_t us_ = 0;
 };
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_TIME_H_

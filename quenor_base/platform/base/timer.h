@@ -16,7 +16,8 @@
 #include "quenor_base/platform/base/location.h"
 #include "quenor_base/platform/base/time.h"
 
-namespace quenor::base {
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 namespace internal {
 
@@ -131,6 +132,7 @@ class RepeatingTimer : public internal::ReceiverTimer {
   RepeatingTimer() : ReceiverTimer(Kind::kRepeating) {}
 };
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_TIMER_H_

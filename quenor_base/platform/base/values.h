@@ -8,7 +8,8 @@
 
 #include "quenor_base/platform/base/optional.h"
 
-namespace quenor::base {
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 
 class Value {
  public:
@@ -39,6 +40,7 @@ class Value {
   std::unique_ptr<Rep, void (*)(Rep*)> rep_;
 };
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_BASE_VALUES_H_

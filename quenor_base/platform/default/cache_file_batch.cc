@@ -2,7 +2,8 @@
 
 #include <cstring>
 
-namespace quenor::cache_file {
+QUENOR_NAMESPACE_BEGIN
+namespace cache_file {
 
 bool Batch::AddNames(uint32_t magic, uint64_t number, const Packet* first, const Packet* last) {
   const uint64_t offset = end();
@@ -28,4 +29,5 @@ bool Batch::AddNames(uint32_t magic, uint64_t number, const Packet* first, const
   return true;
 }
 
-}  // namespace quenor::cache_file
+}  // namespace cache_file
+QUENOR_NAMESPACE_END

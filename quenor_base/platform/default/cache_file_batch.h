@@ -11,7 +11,8 @@
 #include "quenor_base/platform/default/cache_io_posix.h"
 #include "quenor_base/platform/default/nothrow_array.h"
 
-namespace quenor::cache_file {
+QUENOR_NAMESPACE_BEGIN
+namespace cache_file {
 
 // Records that are about to be written at a place of the file, behind one another.
 class Batch {
@@ -45,6 +46,7 @@ class Batch {
   NothrowArray<uint8_t> bytes_;
 };
 
-}  // namespace quenor::cache_file
+}  // namespace cache_file
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_CACHE_FILE_BATCH_H_

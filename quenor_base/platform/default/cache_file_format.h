@@ -9,7 +9,8 @@
 
 #include "quenor_base/platform/default/cache_hash.h"
 
-namespace quenor::cache_file {
+QUENOR_NAMESPACE_BEGIN
+namespace cache_file {
 
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
               "records are copied as they are in memory");
@@ -85,6 +86,7 @@ using cache_io::BodyHasher;
 using cache_io::Digest;
 using cache_io::DigestOf;
 
-}  // namespace quenor::cache_file
+}  // namespace cache_file
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_CACHE_FILE_FORMAT_H_

@@ -8,7 +8,8 @@
 #include "quenor_base/platform/default/cache_file_format.h"
 #include "quenor_base/platform/default/cache_names_posix.h"
 
-namespace quenor::cache_file {
+QUENOR_NAMESPACE_BEGIN
+namespace cache_file {
 
 bool Fresh::Write(const std::string& path, bool on_disk, const Source& source, Batch* batch) {
   packets.Clear();
@@ -112,4 +113,5 @@ bool Fresh::CopyBody(const Source& source, const Packet& packet, Batch* batch) {
   return true;
 }
 
-}  // namespace quenor::cache_file
+}  // namespace cache_file
+QUENOR_NAMESPACE_END

@@ -13,7 +13,8 @@
 #include "quenor_base/platform/default/cache_io_posix.h"
 #include "quenor_base/platform/default/nothrow_array.h"
 
-namespace quenor::cache_file {
+QUENOR_NAMESPACE_BEGIN
+namespace cache_file {
 
 // Packets up to this size are copied behind their header and written with one call.
 constexpr size_t kCopyLimitBytes = 64 * 1024;
@@ -48,6 +49,7 @@ struct Fresh {
   NothrowArray<uint8_t> copy_bytes_;
 };
 
-}  // namespace quenor::cache_file
+}  // namespace cache_file
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_CACHE_FILE_FRESH_H_

@@ -1,6 +1,7 @@
 #include "quenor_base/platform/default/cache_file_index.h"
 
-namespace quenor::cache_file {
+QUENOR_NAMESPACE_BEGIN
+namespace cache_file {
 
 bool PacketIndex::Build(const NothrowArray<Packet>& packets) {
   slots_.Clear();
@@ -43,4 +44,5 @@ uint32_t PacketIndex::Take(const NothrowArray<Packet>& packets, const Digest& di
   return position;
 }
 
-}  // namespace quenor::cache_file
+}  // namespace cache_file
+QUENOR_NAMESPACE_END

@@ -9,7 +9,8 @@
 #include "quenor_base/platform/default/cache_file_reader.h"
 #include "quenor_base/platform/default/nothrow_array.h"
 
-namespace quenor::cache_file {
+QUENOR_NAMESPACE_BEGIN
+namespace cache_file {
 
 constexpr uint32_t kNoPosition = UINT32_MAX;
 
@@ -30,6 +31,7 @@ class PacketIndex {
   NothrowArray<uint8_t> taken_;   // Per position.
 };
 
-}  // namespace quenor::cache_file
+}  // namespace cache_file
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_CACHE_FILE_INDEX_H_

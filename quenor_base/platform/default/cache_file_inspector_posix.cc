@@ -15,7 +15,7 @@
 #include "quenor_base/platform/default/cache_names_posix.h"
 #include "quenor_base/platform/default/mmap_file_reader.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 using Owner = CacheFileInspector::Owner;
@@ -389,4 +389,4 @@ Result CacheFileInspector::Purge(const base::FilePath& path, uint64_t* packets,
   return Result::kInUse;
 }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

@@ -24,7 +24,7 @@
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/reliable_report_cache_file.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 using cache_file::Batch;
@@ -692,4 +692,4 @@ void ReliableReportCacheFile::Close() {
 
 const char* ReliableReportCacheFile::ImplementationName() { return "posix"; }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

@@ -9,7 +9,8 @@
 #include "quenor_base/platform/default/cache_file_format.h"
 #include "quenor_base/platform/default/cache_io_posix.h"
 
-namespace quenor::cache_file {
+QUENOR_NAMESPACE_BEGIN
+namespace cache_file {
 namespace {
 
 constexpr size_t kWindowBytes = 64 * 1024;
@@ -371,4 +372,5 @@ ReadResult ReadContent(int fd, uint64_t digest_key, Content* content) {
   return Reader(fd, digest_key, content).Read();
 }
 
-}  // namespace quenor::cache_file
+}  // namespace cache_file
+QUENOR_NAMESPACE_END

@@ -11,7 +11,8 @@
 #include "quenor_base/platform/default/cache_file_format.h"
 #include "quenor_base/platform/default/nothrow_array.h"
 
-namespace quenor::cache_file {
+QUENOR_NAMESPACE_BEGIN
+namespace cache_file {
 
 struct Packet {
   uint64_t number;
@@ -56,6 +57,7 @@ enum class ReadResult {
 // Any thread; blocks. Reads the whole file. `*content` must be new; it means nothing on failure.
 [[nodiscard]] ReadResult ReadContent(int fd, uint64_t digest_key, Content* content);
 
-}  // namespace quenor::cache_file
+}  // namespace cache_file
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_CACHE_FILE_READER_H_

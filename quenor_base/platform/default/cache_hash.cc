@@ -2,7 +2,8 @@
 #define XXH_INLINE_ALL
 #include "quenor_base/platform/default/cache_hash.h"
 
-namespace quenor::cache_io {
+QUENOR_NAMESPACE_BEGIN
+namespace cache_io {
 
 uint64_t CheckOfBytes(const void* bytes, size_t size, uint64_t seed) {
   return XXH3_64bits_withSeed(bytes, size, seed);
@@ -32,4 +33,5 @@ Digest BodyHasher::ContentDigest() const {
   return {hash.low64, hash.high64};
 }
 
-}  // namespace quenor::cache_io
+}  // namespace cache_io
+QUENOR_NAMESPACE_END

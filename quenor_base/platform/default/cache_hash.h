@@ -9,7 +9,10 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace quenor::cache_io {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace cache_io {
 
 // XXH3-64, as it stands in the files.
 uint64_t CheckOfBytes(const void* bytes, size_t size, uint64_t seed = 0);
@@ -38,6 +41,7 @@ class BodyHasher {
   XXH3_state_t digest_;
 };
 
-}  // namespace quenor::cache_io
+}  // namespace cache_io
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_CACHE_HASH_H_

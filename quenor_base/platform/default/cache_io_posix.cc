@@ -18,7 +18,8 @@
 #include "quenor_base/platform/config_center.h"
 #include "quenor_base/platform/local_log.h"
 
-namespace quenor::cache_io {
+QUENOR_NAMESPACE_BEGIN
+namespace cache_io {
 namespace {
 
 constexpr char kLogSource[] = "quenor_base/platform/default/cache_io_posix";
@@ -418,4 +419,5 @@ std::string ErrnoText(int error) {
   return strerror_r(error, buffer, sizeof buffer);
 }
 
-}  // namespace quenor::cache_io
+}  // namespace cache_io
+QUENOR_NAMESPACE_END

@@ -14,7 +14,10 @@
 #include <cstdint>
 #include <string>
 
-namespace quenor::cache_io {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace cache_io {
 
 // What a save survives besides the end of the process.
 enum class Durability { kProcess, kStarted, kOnDisk };
@@ -139,6 +142,7 @@ void Unlock(int fd, uint64_t offset, uint64_t size);
 // The system's text for an errno value. Any thread.
 std::string ErrnoText(int error);
 
-}  // namespace quenor::cache_io
+}  // namespace cache_io
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_CACHE_IO_POSIX_H_

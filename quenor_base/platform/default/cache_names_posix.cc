@@ -8,7 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 
-namespace quenor::cache_io {
+QUENOR_NAMESPACE_BEGIN
+namespace cache_io {
 namespace {
 
 constexpr int kMostSetAside = 99;
@@ -114,4 +115,5 @@ bool RemoveBeside(const std::string& path, std::string* name) {
   return true;
 }
 
-}  // namespace quenor::cache_io
+}  // namespace cache_io
+QUENOR_NAMESPACE_END

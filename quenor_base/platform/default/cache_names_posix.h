@@ -11,7 +11,8 @@
 
 #include "quenor_base/platform/default/cache_io_posix.h"
 
-namespace quenor::cache_io {
+QUENOR_NAMESPACE_BEGIN
+namespace cache_io {
 
 // Empty when a cache file may be opened at `path`; else why not, for a message.
 std::string WhyPathIsRefused(const std::string& path);
@@ -32,6 +33,7 @@ std::string RecoveredPath(const std::string& path);
 // what could not be removed.
 [[nodiscard]] bool RemoveBeside(const std::string& path, std::string* name);
 
-}  // namespace quenor::cache_io
+}  // namespace cache_io
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_CACHE_NAMES_POSIX_H_

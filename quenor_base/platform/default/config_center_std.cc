@@ -13,7 +13,8 @@
 #include "quenor_base/platform/config_center.h"
 #include "quenor_base/platform/local_log.h"
 
-namespace quenor::config {
+QUENOR_NAMESPACE_BEGIN
+namespace config {
 namespace {
 
 constexpr char kInCentre[] = "quenor's configuration centre";
@@ -118,4 +119,5 @@ void ConfigCenterImpl::SetHostOverride(const std::string& key, base::Optional<ui
 
 const char* ConfigCenterImpl::ImplementationName() { return "std"; }
 
-}  // namespace quenor::config
+}  // namespace config
+QUENOR_NAMESPACE_END

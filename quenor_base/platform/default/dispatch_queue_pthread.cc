@@ -21,7 +21,7 @@
 #include "quenor_base/platform/base/thread_create_flag.h"
 #include "quenor_base/platform/thread_manager.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 namespace {
 
@@ -534,4 +534,4 @@ namespace core {
 const char* ThreadManager::ImplementationName() { return "pthread"; }
 
 }  // namespace core
-}  // namespace quenor
+QUENOR_NAMESPACE_END

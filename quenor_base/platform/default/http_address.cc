@@ -9,7 +9,8 @@
 
 #include "quenor_base/platform/default/http_header_text.h"
 
-namespace quenor::http_address {
+QUENOR_NAMESPACE_BEGIN
+namespace http_address {
 namespace {
 
 constexpr size_t kMaxCredentialBytes = 255;  // What SOCKS5 takes.
@@ -166,4 +167,5 @@ std::string ProxyCredential(const std::string& text) {
   return encoded;
 }
 
-}  // namespace quenor::http_address
+}  // namespace http_address
+QUENOR_NAMESPACE_END

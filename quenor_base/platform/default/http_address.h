@@ -7,7 +7,8 @@
 
 #include "quenor_base/platform/http_client.h"
 
-namespace quenor::http_address {
+QUENOR_NAMESPACE_BEGIN
+namespace http_address {
 
 // Empty when a request can be sent to `url`, else why not and what to do: nothing of the URL itself
 // is in that.
@@ -33,6 +34,7 @@ std::string ProxyUrl(const HttpClient::Config& config);
 // A user or password of the proxy as libcurl wants it: it decodes what looks percent-encoded.
 std::string ProxyCredential(const std::string& text);
 
-}  // namespace quenor::http_address
+}  // namespace http_address
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_HTTP_ADDRESS_H_

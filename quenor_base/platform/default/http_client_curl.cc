@@ -47,7 +47,7 @@
 #error "libcurl 7.87 or newer is needed"
 #endif
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 using http_header_text::EqualsNoCase;
@@ -1487,4 +1487,4 @@ HttpDefaults GetHttpDefaults() {
   return http_defaults::InForce(Engine::Get()->GetDefaults(nullptr));
 }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

@@ -9,7 +9,8 @@
 
 #include <cstring>
 
-namespace quenor::http_connection {
+QUENOR_NAMESPACE_BEGIN
+namespace http_connection {
 namespace {
 
 using AskForEnd = int (*)(int fd, sockaddr* address, socklen_t* length);
@@ -86,4 +87,5 @@ void HangUps::Clear() {
   }
 }
 
-}  // namespace quenor::http_connection
+}  // namespace http_connection
+QUENOR_NAMESPACE_END

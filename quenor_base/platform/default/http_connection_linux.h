@@ -7,7 +7,10 @@
 
 #include <cstdint>
 
-namespace quenor::http_connection {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace http_connection {
 
 // Whether the handle's request is on the connection of this socket, which both its ends tell: one
 // local port may lead to several servers. Only for a handle that was given a connection.
@@ -40,6 +43,7 @@ class HangUps {
   int fd_ = -1;
 };
 
-}  // namespace quenor::http_connection
+}  // namespace http_connection
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_HTTP_CONNECTION_LINUX_H_

@@ -10,7 +10,8 @@
 
 #include "quenor_base/platform/default/http_header_text.h"
 
-namespace quenor::http_defaults {
+QUENOR_NAMESPACE_BEGIN
+namespace http_defaults {
 namespace {
 
 constexpr size_t kMaxPemBytes = 16 << 20;
@@ -201,4 +202,5 @@ std::string Problem(const HttpDefaults& defaults, ClientIdentity* identity) {
   return problem;
 }
 
-}  // namespace quenor::http_defaults
+}  // namespace http_defaults
+QUENOR_NAMESPACE_END

@@ -8,7 +8,8 @@
 #include "quenor_base/platform/default/http_tls_openssl.h"
 #include "quenor_base/platform/http_client.h"
 
-namespace quenor::http_defaults {
+QUENOR_NAMESPACE_BEGIN
+namespace http_defaults {
 
 // Zero and empty values replaced by what they stand for.
 HttpDefaults InForce(HttpDefaults defaults);
@@ -18,6 +19,7 @@ HttpDefaults InForce(HttpDefaults defaults);
 // `identity` is undefined when there is a problem.
 std::string Problem(const HttpDefaults& defaults, ClientIdentity* identity);
 
-}  // namespace quenor::http_defaults
+}  // namespace http_defaults
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_HTTP_DEFAULTS_H_

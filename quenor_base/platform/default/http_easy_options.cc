@@ -7,7 +7,7 @@
 #include "quenor_base/platform/default/http_address.h"
 #include "quenor_base/platform/default/http_header_text.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 using http_header_text::EqualsNoCase;
@@ -96,4 +96,4 @@ bool BuildHeaders(const std::map<std::string, std::string>& headers, bool sends_
   return has_expect || AppendHeader(list, "Expect:");
 }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

@@ -16,7 +16,7 @@
 #include "quenor_base/platform/default/http_tls_openssl.h"
 #include "quenor_base/platform/http_client.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 // The requests of one client to one server over HTTP/1.1, where each needs a connection for itself.
 // libcurl gets no more of them than there may be connections: it would look at each one that waits
@@ -83,6 +83,6 @@ bool HasHttp2();
 bool BuildHeaders(const std::map<std::string, std::string>& headers, bool sends_body,
                   curl_slist** list);
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_HTTP_EASY_OPTIONS_H_

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 // X509_V_ERR_… values, which stay the same for ever.
@@ -107,4 +107,4 @@ const char* FailureCause(const HttpFailure& failure) {
   return failure.error[0] != '\0' ? failure.error : curl_easy_strerror(failure.code);
 }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

@@ -10,7 +10,7 @@
 
 #include "quenor_base/platform/http_client.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 // Which of our limits ended an exchange.
 enum class HttpLimit {
@@ -44,6 +44,6 @@ struct HttpFailure {
 const char* FailureCause(const HttpFailure& failure);
 const char* FailureAdvice(const HttpFailure& failure);
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_HTTP_FAILURE_TEXT_H_

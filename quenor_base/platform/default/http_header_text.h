@@ -5,7 +5,10 @@
 #include <cstring>
 #include <string>
 
-namespace quenor::http_header_text {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace http_header_text {
 
 inline char LowerAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; }
 
@@ -33,6 +36,7 @@ inline bool IsFieldValue(const std::string& text) {
   return true;
 }
 
-}  // namespace quenor::http_header_text
+}  // namespace http_header_text
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_HTTP_HEADER_TEXT_H_

@@ -10,7 +10,7 @@
 
 #include <algorithm>
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 constexpr size_t kCutsRemembered = 16;
@@ -83,4 +83,4 @@ bool HttpSockets::WasCut(long local_port) const {
   return std::find(cut_ports_.begin(), cut_ports_.end(), local_port) != cut_ports_.end();
 }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

@@ -12,7 +12,7 @@
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_annotations.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 class HttpSockets {
  public:
@@ -42,6 +42,6 @@ class HttpSockets {
   std::vector<int> cut_ports_ QUENOR_GUARDED_BY(lock_);
 };
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_HTTP_SOCKETS_LINUX_H_

@@ -10,7 +10,8 @@
 #include <algorithm>
 #include <memory>
 
-namespace quenor::http_tls {
+QUENOR_NAMESPACE_BEGIN
+namespace http_tls {
 namespace {
 
 // 112 bits in ciphers, keys and signatures, and no cipher without encryption or authentication.
@@ -50,4 +51,5 @@ CURLcode Secure(CURL*, void* context, void*) {
   return CURLE_OK;
 }
 
-}  // namespace quenor::http_tls
+}  // namespace http_tls
+QUENOR_NAMESPACE_END

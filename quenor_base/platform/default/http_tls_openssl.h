@@ -6,7 +6,9 @@
 
 #include <string>
 
-namespace quenor {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
 
 // By what the client shows who it is: a certificate, with those above it, and its key, as PEM.
 struct ClientIdentity {
@@ -24,6 +26,6 @@ bool IsPair(const ClientIdentity& identity);
 CURLcode Secure(CURL* easy, void* context, void* user);
 
 }  // namespace http_tls
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_HTTP_TLS_OPENSSL_H_

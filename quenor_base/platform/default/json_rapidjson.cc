@@ -16,12 +16,14 @@
 // settings must not share its inline functions with ours. Lengths are size_t, so that no text is
 // too long.
 #define RAPIDJSON_NAMESPACE quenor::base::internal::rapidjson
-#define RAPIDJSON_NAMESPACE_BEGIN namespace quenor::base::internal::rapidjson {
-#define RAPIDJSON_NAMESPACE_END }
+#define RAPIDJSON_NAMESPACE_BEGIN QUENOR_NAMESPACE_BEGIN namespace base::internal::rapidjson {
+#define RAPIDJSON_NAMESPACE_END \
+  }                             \
+  QUENOR_NAMESPACE_END
 #define RAPIDJSON_NO_SIZETYPEDEFINE
-namespace quenor::base::internal::rapidjson {
+RAPIDJSON_NAMESPACE_BEGIN
 using SizeType = std::size_t;
-}
+RAPIDJSON_NAMESPACE_END
 // Its assertions guard against wrong use, which the code below excludes; a text cannot reach them.
 // They must not be able to end the host's process all the same.
 #undef RAPIDJSON_ASSERT
@@ -37,7 +39,8 @@ using SizeType = std::size_t;
 #pragma clang attribute pop
 #endif
 
-namespace quenor::base {
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 namespace {
 
 namespace rj = internal::rapidjson;
@@ -268,4 +271,5 @@ Optional<Value> JSONReader::Read(const std::string& text, int options, int max_d
 
 const char* JSONReader::ImplementationName() { return "RapidJSON " RAPIDJSON_VERSION_STRING; }
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END

@@ -17,7 +17,7 @@
 #include "quenor_base/platform/base/thread_annotations.h"
 #include "quenor_base/platform/local_log.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 constexpr int kStderr = 2;
@@ -321,4 +321,4 @@ void SetLogSink(LogSink sink, void* context) {
 
 const char* LocalLogImplementationName() { return "stderr"; }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

@@ -19,7 +19,8 @@
 
 #include "quenor_base/platform/default/cache_hash.h"
 
-namespace quenor::mmap_format {
+QUENOR_NAMESPACE_BEGIN
+namespace mmap_format {
 
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__
 #error "the file is little-endian and read in place"
@@ -158,6 +159,7 @@ constexpr uint64_t ShortIndexAt(int which) {
 
 constexpr uint64_t RecordOffset(uint32_t owner) { return owner * kRecordSize; }
 
-}  // namespace quenor::mmap_format
+}  // namespace mmap_format
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_MMAP_FILE_FORMAT_H_

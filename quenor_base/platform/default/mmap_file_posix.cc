@@ -25,7 +25,7 @@
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/multi_process_safety_mmap_file.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 using cache_io::Durability;
@@ -1456,4 +1456,4 @@ void MultiProcessSafetyMmapFile::Close() {
 
 const char* MultiProcessSafetyMmapFile::ImplementationName() { return "posix"; }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

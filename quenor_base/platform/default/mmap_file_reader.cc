@@ -5,7 +5,8 @@
 
 #include "quenor_base/platform/default/cache_io_posix.h"
 
-namespace quenor::mmap_format {
+QUENOR_NAMESPACE_BEGIN
+namespace mmap_format {
 namespace {
 
 enum class SealState { kNever, kWriting, kValid, kDamaged };
@@ -407,4 +408,5 @@ bool Reader::Search(uint64_t begin, uint64_t end, PacketPlaces* packets) {
   return true;
 }
 
-}  // namespace quenor::mmap_format
+}  // namespace mmap_format
+QUENOR_NAMESPACE_END

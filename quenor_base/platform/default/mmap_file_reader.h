@@ -9,7 +9,8 @@
 #include "quenor_base/platform/default/mmap_file_format.h"
 #include "quenor_base/platform/default/nothrow_array.h"
 
-namespace quenor::mmap_format {
+QUENOR_NAMESPACE_BEGIN
+namespace mmap_format {
 
 // Where an intact packet is.
 struct PacketPlace {
@@ -124,6 +125,7 @@ class Reader {
   NothrowArray<uint8_t> window_;  // Of a search.
 };
 
-}  // namespace quenor::mmap_format
+}  // namespace mmap_format
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_MMAP_FILE_READER_H_

@@ -4,7 +4,8 @@
 #include <cerrno>
 #include <cstring>
 
-namespace quenor::mmap_format {
+QUENOR_NAMESPACE_BEGIN
+namespace mmap_format {
 namespace {
 
 constexpr int kWaitMs = 1000;
@@ -313,4 +314,5 @@ void Room::CutEnd() const {
   }
 }
 
-}  // namespace quenor::mmap_format
+}  // namespace mmap_format
+QUENOR_NAMESPACE_END

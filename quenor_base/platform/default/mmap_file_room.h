@@ -13,7 +13,8 @@
 #include "quenor_base/platform/default/mmap_file_table.h"
 #include "quenor_base/platform/default/nothrow_array.h"
 
-namespace quenor::mmap_format {
+QUENOR_NAMESPACE_BEGIN
+namespace mmap_format {
 
 // An extent of this owner's, mapped.
 struct Extent {
@@ -83,6 +84,7 @@ class Room {
   cache_io::Durability durability_ = cache_io::Durability::kProcess;
 };
 
-}  // namespace quenor::mmap_format
+}  // namespace mmap_format
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_MMAP_FILE_ROOM_H_

@@ -8,7 +8,8 @@
 #include <cerrno>
 #include <cstring>
 
-namespace quenor::mmap_format {
+QUENOR_NAMESPACE_BEGIN
+namespace mmap_format {
 namespace {
 
 // Behind the end of any file: bytes that are only locked.
@@ -126,4 +127,5 @@ std::string TableLock::WhoHasIt(const Table& table) const {
          " holds its lock and has not gone on for " + std::to_string(last_wait_ms_) + " ms";
 }
 
-}  // namespace quenor::mmap_format
+}  // namespace mmap_format
+QUENOR_NAMESPACE_END

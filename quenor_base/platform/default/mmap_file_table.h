@@ -11,7 +11,8 @@
 #include "quenor_base/platform/default/mmap_file_format.h"
 #include "quenor_base/platform/default/mmap_file_reader.h"
 
-namespace quenor::mmap_format {
+QUENOR_NAMESPACE_BEGIN
+namespace mmap_format {
 
 // release: whoever sees `value`, in this process's remains or in another process, sees every store
 // before it.
@@ -70,6 +71,7 @@ class TableLock {
   int64_t free_since_ns_ = 0;  // That it is free, and whose turn it is does not take it.
 };
 
-}  // namespace quenor::mmap_format
+}  // namespace mmap_format
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_MMAP_FILE_TABLE_H_

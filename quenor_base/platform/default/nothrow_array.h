@@ -11,7 +11,9 @@
 #include <type_traits>
 #include <utility>
 
-namespace quenor {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
 
 template <typename T>
 class NothrowArray {
@@ -85,6 +87,6 @@ class NothrowArray {
   size_t capacity_ = 0;
 };
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_BASE_PLATFORM_DEFAULT_NOTHROW_ARRAY_H_

@@ -16,7 +16,8 @@
 #include "quenor_base/platform/base/path_service.h"
 #include "quenor_base/platform/base/thread_annotations.h"
 
-namespace quenor::base {
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 namespace {
 
 constexpr mode_t kFolderMode = 0700;  // Reports are nobody else's business.
@@ -159,4 +160,5 @@ bool PathService::Override(int key, const FilePath& path) {
 
 const char* PathService::ImplementationName() { return "posix"; }
 
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END

@@ -6,7 +6,7 @@
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 struct Socks5ProxyConfigHolder::State {
   base::Lock lock;
@@ -40,4 +40,4 @@ Socks5ProxyConfigHolder* GetSocks5ProxyConfigHolder() {
   return &base::FindOrMake(&made, [] { return new Made; })->holder;
 }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

@@ -8,7 +8,7 @@
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/report_events.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 struct State {
@@ -81,4 +81,4 @@ void ReportEvents::Tell(const ReportEvent& event) {
 
 const char* ReportEvents::ImplementationName() { return "std"; }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

@@ -5,7 +5,7 @@
 
 #include "quenor_base/platform/throtter.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 // No call has been let through yet. A reading of its own, not 0: the clock counts from the start of
@@ -47,4 +47,4 @@ bool Throtter::ShouldGo() {
 
 const char* Throtter::ImplementationName() { return "std"; }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

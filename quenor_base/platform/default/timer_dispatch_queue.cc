@@ -10,7 +10,8 @@
 #include "quenor_base/platform/base/timer.h"
 #include "quenor_base/platform/dispatch_queue.h"
 
-namespace quenor::base::internal {
+QUENOR_NAMESPACE_BEGIN
+namespace base::internal {
 
 namespace {
 
@@ -138,4 +139,5 @@ void TimerBase::StartTask(const Location& from, TimeDelta delay, RepeatingClosur
 
 const char* TimerBase::ImplementationName() { return "dispatch queue"; }
 
-}  // namespace quenor::base::internal
+}  // namespace base::internal
+QUENOR_NAMESPACE_END

@@ -27,7 +27,7 @@
 // Children that start threads are what is tested here.
 extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 using Channel = ReliableReportChannelHttps;
@@ -118,6 +118,6 @@ int Main(int argc, char** argv) {
 }
 
 }  // namespace
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 int main(int argc, char** argv) { return quenor::Main(argc, argv); }

@@ -3,7 +3,9 @@
 
 #include <thread>
 
-namespace quenor {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
 
 namespace {
 
@@ -29,4 +31,4 @@ std::unique_ptr<HttpClient> HttpClientFactory::Create(const HttpClient::Config&)
 
 const char* HttpClientFactory::ImplementationName() { return "my own"; }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END

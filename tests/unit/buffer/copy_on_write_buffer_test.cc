@@ -17,7 +17,7 @@
 #include "quenor_base/platform/base/thread_create_flag.h"
 #include "tests/support/memory_faults.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 // Looks inside a buffer. Borrows it.
 class CopyOnWriteBufferTestPeer {
@@ -38,7 +38,9 @@ class CopyOnWriteBufferTestPeer {
   CopyOnWriteBuffer* const b_;
 };
 
-namespace test {
+QUENOR_NAMESPACE_END
+
+namespace quenor::test {
 namespace {
 
 using Peer = CopyOnWriteBufferTestPeer;
@@ -525,5 +527,4 @@ TEST_F(CopyOnWriteBufferTest, WritersOnManyThreadsEachGetTheirOwnBytes) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace quenor
+}  // namespace quenor::test

@@ -7,7 +7,7 @@
 
 #include "quenor_base/platform/thread_manager.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 const base::Location kHere = base::Location::CreateFromHere("exit_test", 1);
@@ -65,4 +65,4 @@ TEST_F(QueueExitDeathTest, ExitOnAQueuesOwnThreadIsClean) {
 }
 
 }  // namespace
-}  // namespace quenor
+QUENOR_NAMESPACE_END

@@ -9,7 +9,8 @@
 #include "heap_probe.h"
 #include "pool_test_support.h"
 
-namespace quenor::internal {
+QUENOR_NAMESPACE_BEGIN
+namespace internal {
 namespace {
 
 using Peer = ObjectPoolTestPeer;
@@ -352,4 +353,5 @@ INSTANTIATE_TEST_SUITE_P(Pooled, EveryClassTest, ::testing::ValuesIn(kBufferClas
                          });
 
 }  // namespace
-}  // namespace quenor::internal
+}  // namespace internal
+QUENOR_NAMESPACE_END

@@ -12,7 +12,8 @@
 #include "pool_test_support.h"
 #include "quenor_base/object_pool/alloc_buffer_from_pool.h"
 
-namespace quenor::internal {
+QUENOR_NAMESPACE_BEGIN
+namespace internal {
 namespace {
 
 using Peer = ObjectPoolTestPeer;
@@ -122,4 +123,5 @@ TEST(BufferObjPoolTest, IdleMemoryStaysBelowThePromisedBounds) {
 }
 
 }  // namespace
-}  // namespace quenor::internal
+}  // namespace internal
+QUENOR_NAMESPACE_END

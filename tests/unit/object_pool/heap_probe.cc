@@ -3,7 +3,9 @@
 #include <cstdlib>
 #include <new>
 
-namespace quenor {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 thread_local HeapCounts counts;
@@ -48,7 +50,7 @@ void HeapProbe::FailNothrowArrayNews(uint64_t n, uint64_t times) {
   failures_left = times;
 }
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 void* operator new(size_t bytes) {
   ++quenor::counts.object_news;

@@ -6,7 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace quenor {
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
 
 // Counts of the calling thread since it started.
 struct HeapCounts {
@@ -29,6 +31,6 @@ class HeapProbe {
   static void FailNothrowArrayNews(uint64_t n, uint64_t times);
 };
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_TESTS_UNIT_OBJECT_POOL_HEAP_PROBE_H_

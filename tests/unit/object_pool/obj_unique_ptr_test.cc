@@ -7,7 +7,7 @@
 #include "heap_probe.h"
 #include "quenor_base/object_pool/object_pool.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 struct Freed {
@@ -145,4 +145,4 @@ TEST(DefaultPoliciesTest, ResetterLeavesTheBytesAsTheyAre) {
 }
 
 }  // namespace
-}  // namespace quenor
+QUENOR_NAMESPACE_END

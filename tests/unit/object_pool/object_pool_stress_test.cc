@@ -12,7 +12,8 @@
 #include "pool_test_support.h"
 #include "quenor_base/object_pool/alloc_buffer_from_pool.h"
 
-namespace quenor::internal {
+QUENOR_NAMESPACE_BEGIN
+namespace internal {
 namespace {
 
 using Buffer = std::unique_ptr<uint8_t[], void (*)(void*)>;
@@ -234,4 +235,5 @@ TEST(ObjectPoolStressTest, SharedTierThatDiesWhileAnotherThreadAsksForItIsReplac
 }
 
 }  // namespace
-}  // namespace quenor::internal
+}  // namespace internal
+QUENOR_NAMESPACE_END

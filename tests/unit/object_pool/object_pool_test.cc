@@ -5,8 +5,9 @@
 #include <vector>
 
 #include "pool_test_support.h"
+#include "quenor_base/platform/base/abi.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 using Arrays = std::vector<uint8_t*>;
@@ -165,4 +166,4 @@ TEST_F(ObjectPoolWithoutSlotTest, ExhaustionAnswersNull) {
 }
 
 }  // namespace
-}  // namespace quenor
+QUENOR_NAMESPACE_END

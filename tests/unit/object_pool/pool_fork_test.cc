@@ -11,7 +11,7 @@
 #include "pool_test_support.h"
 #include "quenor_base/platform/base/fork.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 constexpr unsigned kHungSeconds = 20;
@@ -103,4 +103,4 @@ TEST_F(PoolForkTest, ForkKeepsNoSharedTierAlive) {
 }
 
 }  // namespace
-}  // namespace quenor
+QUENOR_NAMESPACE_END

@@ -17,7 +17,7 @@
 #include "quenor_base/object_pool/object_pool.h"
 #include "quenor_base/platform/base/thread_create_flag.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 // The one door into the private fields.
 class ObjectPoolTestPeer {
@@ -223,6 +223,6 @@ class CountedPoolTest : public ::testing::Test {
   }
 };
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_TESTS_UNIT_OBJECT_POOL_POOL_TEST_SUPPORT_H_

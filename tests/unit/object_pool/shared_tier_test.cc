@@ -11,8 +11,9 @@
 
 #include "heap_probe.h"
 #include "pool_test_support.h"
+#include "quenor_base/platform/base/abi.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 using Arrays = std::vector<uint8_t*>;
@@ -445,4 +446,4 @@ TEST_F(SharedTierTest, TiersOfTwoThreadsShareOneSharedTier) {
 }
 
 }  // namespace
-}  // namespace quenor
+QUENOR_NAMESPACE_END

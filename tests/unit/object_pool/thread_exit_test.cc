@@ -11,7 +11,7 @@
 #include "pool_test_support.h"
 #include "quenor_base/object_pool/alloc_buffer_from_pool.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 class ThreadExitTest : public CountedPoolTest {};
@@ -324,4 +324,4 @@ TEST(BufferLateReleaseTest, PooledResultDroppedInTheLastRoundIsFreed) {
 }
 
 }  // namespace
-}  // namespace quenor
+QUENOR_NAMESPACE_END

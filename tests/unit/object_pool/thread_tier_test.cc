@@ -7,8 +7,9 @@
 
 #include "heap_probe.h"
 #include "pool_test_support.h"
+#include "quenor_base/platform/base/abi.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 using Arrays = std::vector<uint8_t*>;
@@ -365,4 +366,4 @@ TEST_F(ThreadTierTest, BurstsBeyondTheThreadTierInTheSteadyStateAllocateAndFreeN
 }
 
 }  // namespace
-}  // namespace quenor
+QUENOR_NAMESPACE_END

@@ -10,7 +10,8 @@ INSTANTIATE_TYPED_TEST_SUITE_P(Default, ConfigCenterConformance, config::ConfigC
 
 }  // namespace quenor::conformance
 
-namespace quenor::config {
+QUENOR_NAMESPACE_BEGIN
+namespace config {
 namespace {
 
 TEST(ConfigCenterTest, LeavesTheCacheOptionToItsReaderWhenNoSourceHasIt) {
@@ -56,4 +57,5 @@ TEST(ConfigCenterTest, NamesItsImplementation) {
 }
 
 }  // namespace
-}  // namespace quenor::config
+}  // namespace config
+QUENOR_NAMESPACE_END

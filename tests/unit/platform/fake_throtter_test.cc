@@ -34,7 +34,7 @@ INSTANTIATE_TYPED_TEST_SUITE_P(Virtual, ThrotterConformance, VirtualThrotter);
 
 }  // namespace quenor::conformance
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 TEST(FakeThrotterTest, OpensExactlyAfterAPeriodOfVirtualTime) {
@@ -51,4 +51,4 @@ TEST(FakeThrotterTest, OpensExactlyAfterAPeriodOfVirtualTime) {
 }
 
 }  // namespace
-}  // namespace quenor
+QUENOR_NAMESPACE_END

@@ -4,7 +4,8 @@
 
 #include <string>
 
-namespace quenor::http_address {
+QUENOR_NAMESPACE_BEGIN
+namespace http_address {
 namespace {
 
 HttpClient::Config Through(const std::string& host, const std::string& user = "",
@@ -106,4 +107,5 @@ TEST(ProxyCredentialTest, EncodesThePercentSignOnly) {
 }
 
 }  // namespace
-}  // namespace quenor::http_address
+}  // namespace http_address
+QUENOR_NAMESPACE_END

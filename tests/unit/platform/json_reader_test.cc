@@ -17,7 +17,8 @@ static_assert(std::size(kJsonToRefuse) >= 188);
 
 }  // namespace quenor::conformance
 
-namespace quenor::base {
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 namespace {
 
 TEST(JsonReaderTest, SaysWhichOptionsAreUnknown) {
@@ -59,4 +60,5 @@ TEST(JsonReaderTest, NamesItsImplementation) {
 }
 
 }  // namespace
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END

@@ -21,7 +21,7 @@ INSTANTIATE_TYPED_TEST_SUITE_P(Default, LocalLogConformance, LinkedLog);
 
 }  // namespace quenor::conformance
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 // Standard error is a pipe for the life of this object.
@@ -361,4 +361,4 @@ TEST(LogMemoryDeathTest, EscapesWhatIsKeptWithoutMemory) {
 TEST(LocalLogTest, NamesItsImplementation) { EXPECT_STREQ("stderr", LocalLogImplementationName()); }
 
 }  // namespace
-}  // namespace quenor
+QUENOR_NAMESPACE_END

@@ -17,7 +17,8 @@ INSTANTIATE_TYPED_TEST_SUITE_P(Default, PathServiceConformance, base::PathServic
 
 }  // namespace quenor::conformance
 
-namespace quenor::base {
+QUENOR_NAMESPACE_BEGIN
+namespace base {
 namespace {
 
 using conformance::EnvironmentVariable;
@@ -119,4 +120,5 @@ TEST_F(PathFaultTest, TakesAFolderThatAnotherProcessCreatedInBetween) {
 }
 
 }  // namespace
-}  // namespace quenor::base
+}  // namespace base
+QUENOR_NAMESPACE_END

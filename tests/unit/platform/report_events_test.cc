@@ -10,7 +10,7 @@ INSTANTIATE_TYPED_TEST_SUITE_P(Default, ReportEventsConformance, ReportEvents);
 
 }  // namespace quenor::conformance
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 TEST(ReportEventsTest, NamesItsImplementation) {
@@ -18,4 +18,4 @@ TEST(ReportEventsTest, NamesItsImplementation) {
 }
 
 }  // namespace
-}  // namespace quenor
+QUENOR_NAMESPACE_END

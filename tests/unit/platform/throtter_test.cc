@@ -10,10 +10,10 @@ INSTANTIATE_TYPED_TEST_SUITE_P(Default, ThrotterConformance, LinkedThrotter);
 
 }  // namespace quenor::conformance
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 namespace {
 
 TEST(ThrotterTest, NamesItsImplementation) { EXPECT_STREQ("std", Throtter::ImplementationName()); }
 
 }  // namespace
-}  // namespace quenor
+QUENOR_NAMESPACE_END

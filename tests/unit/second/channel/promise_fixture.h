@@ -24,7 +24,7 @@
 #include "tests/support/temp_folder.h"
 #include "tests/support/virtual_time.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 // The channel's inside, by reference. What it calls must be called on the queue.
 class ReliableReportChannelHttpsTestPeer {
@@ -138,7 +138,9 @@ class ReliableReportChannelHttpsTestPeer {
   Channel& c_;
 };
 
-namespace test {
+QUENOR_NAMESPACE_END
+
+namespace quenor::test {
 
 inline constexpr char kChannelSource[] =
     "quenor_base/data_report/https/reliable_report_channel_https";
@@ -329,7 +331,6 @@ class PromiseTest : public ::testing::Test {
   std::shared_ptr<Channel> channel_;
 };
 
-}  // namespace test
-}  // namespace quenor
+}  // namespace quenor::test
 
 #endif  // QUENOR_TESTS_UNIT_SECOND_CHANNEL_PROMISE_FIXTURE_H_

@@ -22,7 +22,7 @@
 #include "tests/unit/second/pools/pool_peer.h"
 #include "tests/unit/second/pools/worker.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 // Looks at the three fields, and narrows a view, which no public operation does.
 class CopyOnWriteBufferTestPeer {
@@ -35,7 +35,9 @@ class CopyOnWriteBufferTestPeer {
   }
 };
 
-namespace test {
+QUENOR_NAMESPACE_END
+
+namespace quenor::test {
 namespace {
 
 using Peer = CopyOnWriteBufferTestPeer;
@@ -641,5 +643,4 @@ TEST_F(SecondBufferTest, HoldersOnSeveralThreadsFreeTheBytesOnceAndNeverSeeEachO
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace quenor
+}  // namespace quenor::test

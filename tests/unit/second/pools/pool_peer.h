@@ -12,7 +12,7 @@
 #include "quenor_base/object_pool/object_pool.h"
 #include "quenor_base/platform/base/lock.h"
 
-namespace quenor {
+QUENOR_NAMESPACE_BEGIN
 
 class ObjectPoolTestPeer {
  public:
@@ -116,6 +116,6 @@ class ObjectPoolTestPeer {
   }
 };
 
-}  // namespace quenor
+QUENOR_NAMESPACE_END
 
 #endif  // QUENOR_TESTS_UNIT_SECOND_POOLS_POOL_PEER_H_
