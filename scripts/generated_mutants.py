@@ -347,8 +347,9 @@ def table(mutants, results, explained, found, began):
         print(f"{folder:42}" + "".join(f"{row[c]:13}" for c in columns))
     total = sum(rows.values(), collections.Counter())
     print(f"{'all':42}" + "".join(f"{total[c]:13}" for c in columns))
-    print(f"mutants: {total['killed']} killed, {total['survived']} survived, {total['explained']} explained, "
-          f"of {found} that the rules find; {(time.monotonic() - began) / 60:.0f} min", flush=True)
+    print(f"generated: {len(mutants)} of {found} that the rules find, {total['explained']} explained; "
+          f"{(time.monotonic() - began) / 60:.0f} min")
+    print(f"mutants: {total['killed']} killed, {total['survived']} survived", flush=True)
     return 1 if total["survived"] else 0
 
 
