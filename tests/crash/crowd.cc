@@ -13,7 +13,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr uint64_t kNumbersPerPlace = 1000000;
+// More than a place gets through, with what its dead have left out.
+constexpr uint64_t kNumbersPerPlace = 1000000000;
+constexpr uint64_t kNumbersPerDeath = 1000;
 // In a run of so many seconds, of all processes together.
 constexpr uint64_t kEventsPerKill = 400;
 constexpr uint64_t kEventsPerStop = 200;
@@ -152,7 +154,7 @@ void Crowd::KillAndRestart(Place* place) {
   ++kills_;
   killed_.insert(place->task.incarnation);
   // Numbers that it may have been at are not used again.
-  place->task.first += kNumbersPerPlace / 1000;
+  place->task.first += kNumbersPerDeath;
   if (place->task.count > 0) Start(place);
 }
 
