@@ -268,8 +268,9 @@ int Leaver(char** argv) {
   if (!SetHttpDefaults(defaults).empty()) return 64;
   auto* const events = new EventCounter;
   ReportEvents::SetListener(events);
-  static std::shared_ptr<Channel> channel;
-  channel = NewChannel(0, count > 0 ? argv[1] : "http://127.0.0.1:1/");
+  // Never dropped: a process may exit with a channel at work.
+  const auto& channel =
+      *new std::shared_ptr<Channel>(NewChannel(0, count > 0 ? argv[1] : "http://127.0.0.1:1/"));
   channel->Initialize();
   channel->SetMaxResendCount(1);
   const uint8_t byte = 0;
