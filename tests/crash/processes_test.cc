@@ -18,6 +18,24 @@
 namespace quenor::test {
 namespace {
 
+// Starts workers of this kind on the cache file, which log what they deliver.
+auto StartOf(const std::string& kind, const std::string& path, const std::string& delivered) {
+  return [=](const Crowd::Task& task) {
+    return std::make_unique<Job>(
+        std::vector<std::string>{QUENOR_CRASH_PROGRAM, kind, path, delivered, task.incarnation,
+                                 std::to_string(task.first), std::to_string(task.count)});
+  };
+}
+
+// How often each message stands in the log.
+std::map<uint64_t, int> ArrivalsIn(const std::string& delivered) {
+  std::map<uint64_t, int> arrivals;
+  std::ifstream lines(delivered);
+  uint64_t number;
+  for (std::string incarnation; lines >> number >> incarnation;) ++arrivals[number];
+  return arrivals;
+}
+
 class Processes : public ::testing::TestWithParam<int> {};
 
 TEST_P(Processes, DeliverEveryMessageThatWasSaved) {
@@ -31,20 +49,12 @@ TEST_P(Processes, DeliverEveryMessageThatWasSaved) {
   plan.messages = IsFullRun() ? 2000 : 150;
   plan.kills = IsFullRun() ? 100 : 12;
   plan.events_per_message = 3;
-  plan.start = [&](const Crowd::Task& task) {
-    return std::make_unique<Job>(
-        std::vector<std::string>{QUENOR_CRASH_PROGRAM, "worker", path, delivered, task.incarnation,
-                                 std::to_string(task.first), std::to_string(task.count)});
-  };
+  plan.start = StartOf("worker", path, delivered);
   Crowd crowd(plan, Seed());
 
   crowd.Run();
 
-  std::map<uint64_t, int> arrivals;
-  std::ifstream lines(delivered);
-  uint64_t number;
-  for (std::string incarnation; lines >> number >> incarnation;) ++arrivals[number];
-  crowd.Count(arrivals);
+  crowd.Count(ArrivalsIn(delivered));
   crowd.Print("the file alone");
   crowd.ExpectNothingLost();
   EXPECT_FALSE(HasSetAside(folder.path()));
@@ -70,20 +80,12 @@ TEST(ManyProcesses, KilledAndStoppedAtAnyTimeLoseNothingAndBringNothingBack) {
       longest = std::max(longest, static_cast<uint64_t>(info.st_size));
     }
   };
-  plan.start = [&](const Crowd::Task& task) {
-    return std::make_unique<Job>(std::vector<std::string>{
-        QUENOR_CRASH_PROGRAM, "patient-worker", path, delivered, task.incarnation,
-        std::to_string(task.first), std::to_string(task.count)});
-  };
+  plan.start = StartOf("patient-worker", path, delivered);
   Crowd crowd(plan, Seed());
 
   crowd.Run();
 
-  std::map<uint64_t, int> arrivals;
-  std::ifstream lines(delivered);
-  uint64_t number;
-  for (std::string incarnation; lines >> number >> incarnation;) ++arrivals[number];
-  crowd.Count(arrivals);
+  crowd.Count(ArrivalsIn(delivered));
   crowd.Print("stopped and killed");
   plan.look();
   struct stat left;
