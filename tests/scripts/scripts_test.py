@@ -84,8 +84,8 @@ class FullCheckTest(ScriptTest):
                              "mutants": "9 0 0", "model": "0 1 0", "tsan": "1 0 0"}.items():
             self.assertEqual(counts.split(), rows[part], part)
         self.assertIn("network: skipped: t1: no wire\n", said)
-        # random, kills, cache, hosts, fuzzers, coverage, asan and tsan count as one each.
-        self.assertEqual("34 passed, 3 failed, 2 skipped", said.splitlines()[-1])
+        # random, kills, cache, hosts, fuzzers, coverage, generated, asan and tsan count as one each.
+        self.assertEqual("35 passed, 3 failed, 2 skipped", said.splitlines()[-1])
 
     def test_takes_some_parts(self):
         code, said, rows = self.check("echo part $3", "model", "asan")
