@@ -29,6 +29,7 @@ class ReliableReportChannelHttpsTestPeer {
   std::list<Message>& pending() { return c_->pending_messages_; }
   std::map<int64_t, Message>& sending() { return c_->sending_messages_; }
   int32_t state() const { return c_->state_.load(); }
+  const void* state_field() const { return &c_->state_; }
   bool is_running() const { return c_->is_running_; }
   std::shared_ptr<DispatchQueue> queue() const { return c_->dispatch_queue_.load(); }
   base::RepeatingTimer& send_timer() { return c_->send_timer_; }
