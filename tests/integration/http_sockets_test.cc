@@ -28,7 +28,7 @@ class Pair {
     mine_ = socket(AF_INET, SOCK_STREAM, 0);
     EXPECT_EQ(0, connect(mine_, any, size));
     theirs_ = accept(listener, any, &size);
-    port_ = ntohs(address.sin_port);
+    ends_ = EndsOf(mine_);
     close(listener);
     sockets_->Add(mine_);
   }
@@ -54,13 +54,13 @@ class Pair {
     char byte;
     return recv(theirs_, &byte, 1, MSG_DONTWAIT) == 0;
   }
-  int port() const { return port_; }
+  const HttpEnds& ends() const { return ends_; }
 
  private:
   HttpSockets* const sockets_;
   int mine_ = -1;
   int theirs_ = -1;
-  int port_ = 0;
+  HttpEnds ends_;
 };
 
 TEST(HttpSocketsTest, CutsTheOneFromWhichMostWasReadSinceItWasMarked) {
@@ -77,8 +77,8 @@ TEST(HttpSocketsTest, CutsTheOneFromWhichMostWasReadSinceItWasMarked) {
   EXPECT_TRUE(most.IsCut());
   EXPECT_FALSE(little.IsCut());
   EXPECT_FALSE(early.IsCut());
-  EXPECT_TRUE(sockets.WasCut(most.port()));
-  EXPECT_FALSE(sockets.WasCut(little.port()));
+  EXPECT_TRUE(sockets.WasCut(most.ends()));
+  EXPECT_FALSE(sockets.WasCut(little.ends()));
 }
 
 TEST(HttpSocketsTest, WhatIsNotReadDoesNotCount) {
@@ -102,7 +102,10 @@ TEST(HttpSocketsTest, ClosedOneIsForgottenWithItsNumberButNotThatItWasCut) {
 
   EXPECT_TRUE(sockets.All().empty());
   EXPECT_FALSE(sockets.CutBusiest(1));
-  EXPECT_TRUE(sockets.WasCut(pair.port()));
+  EXPECT_TRUE(sockets.WasCut(pair.ends()));
+  HttpEnds other = pair.ends();  // From the same port to another server.
+  ++other.peer.port;
+  EXPECT_FALSE(sockets.WasCut(other));
 }
 
 TEST(HttpSocketsTest, OneThatWasAddedAfterTheMarkCountsFromItsStart) {

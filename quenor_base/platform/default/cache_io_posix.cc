@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,8 +23,6 @@ namespace {
 
 constexpr char kLogSource[] = "quenor_base/platform/default/cache_io_posix";
 constexpr mode_t kFileMode = 0600;
-constexpr int64_t kFirstPauseNs = 50 * 1000;
-constexpr int64_t kLongestPauseNs = 5 * 1000 * 1000;
 
 template <typename Call>
 auto Uninterrupted(Call call) {
@@ -38,12 +35,6 @@ auto Uninterrupted(Call call) {
 
 uint64_t PageSize() { return static_cast<uint64_t>(sysconf(_SC_PAGESIZE)); }
 
-int64_t MonotonicNs() {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
-}
-
 bool SetLock(int fd, short type, uint64_t offset, uint64_t size) {
   struct flock lock = {};
   lock.l_type = type;
@@ -53,25 +44,6 @@ bool SetLock(int fd, short type, uint64_t offset, uint64_t size) {
   const bool set = Uninterrupted([&] { return fcntl(fd, F_OFD_SETLK, &lock); }) == 0;
   if (!set && errno == EACCES) errno = EAGAIN;  // Two names for "another has it".
   return set;
-}
-
-// Asks again, at growing intervals, while the answer is EAGAIN.
-template <typename Try>
-bool KeepTrying(Try attempt, int wait_ms) {
-  if (attempt()) return true;
-  const int64_t deadline_ns = MonotonicNs() + int64_t{wait_ms} * 1000000;
-  int64_t pause_ns = kFirstPauseNs;
-  while (errno == EAGAIN) {
-    if (MonotonicNs() >= deadline_ns) {
-      errno = EAGAIN;
-      return false;
-    }
-    const struct timespec pause = {0, static_cast<long>(pause_ns)};
-    nanosleep(&pause, nullptr);
-    pause_ns = std::min(2 * pause_ns, kLongestPauseNs);
-    if (attempt()) return true;
-  }
-  return false;
 }
 
 }  // namespace

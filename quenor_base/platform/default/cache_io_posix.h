@@ -8,13 +8,16 @@
 #define QUENOR_BASE_PLATFORM_DEFAULT_CACHE_IO_POSIX_H_
 
 #include <sys/stat.h>
+#include <time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
 #include "quenor_base/platform/base/abi.h"
+#include "quenor_base/platform/base/monotonic_time.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace cache_io {
@@ -128,6 +131,27 @@ bool IsStillAt(int fd, const std::string& path);
 [[nodiscard]] bool SyncFile(int fd);
 [[nodiscard]] bool SyncFolderOf(const std::string& path);
 [[nodiscard]] bool Rename(const std::string& from, const std::string& to);
+
+// Calls `attempt` at growing intervals while it answers false with errno EAGAIN, for `wait_ms` at
+// most. Answers what the last call did, errno as it left it.
+template <typename Try>
+[[nodiscard]] bool KeepTrying(Try attempt, int wait_ms) {
+  constexpr int64_t kFirstPauseNs = 50 * 1000;
+  constexpr int64_t kLongestPauseNs = 2 * 1000000;
+  if (attempt()) return true;
+  const int64_t deadline_ns = base::MonotonicNs() + int64_t{wait_ms} * 1000000;
+  for (int64_t pause_ns = kFirstPauseNs; errno == EAGAIN;
+       pause_ns = std::min(2 * pause_ns, kLongestPauseNs)) {
+    if (base::MonotonicNs() >= deadline_ns) {
+      errno = EAGAIN;
+      return false;
+    }
+    const struct timespec pause = {0, static_cast<long>(pause_ns)};
+    nanosleep(&pause, nullptr);
+    if (attempt()) return true;
+  }
+  return false;
+}
 
 // Exclusive locks on a byte range. Try: false with errno EAGAIN when another has it. Wait: asks
 // again at growing intervals for at most `wait_ms`; a holder may be frozen for ever.

@@ -32,6 +32,7 @@
 #include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
+#include "quenor_base/platform/base/monotonic_time.h"
 #include "quenor_base/platform/base/thread_create_flag.h"
 #include "quenor_base/platform/default/http_address.h"
 #include "quenor_base/platform/default/http_connection_linux.h"
@@ -76,12 +77,6 @@ constexpr int kPollFailurePauseMs = 100;
 constexpr long kMaxUploadBuffer = 64 << 10;
 constexpr int kLookAgainMs = 10;  // How long a request may be forgotten beside an idle connection.
 constexpr int64_t kNever = INT64_MAX;
-
-int64_t NowMs() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
 
 // ---- One exchange -------------------------------------------------------------------------------
 
@@ -605,7 +600,7 @@ class Engine {
   // Any thread. As LogPauses::MayLog().
   bool MayLog(const std::string& cause) QUENOR_EXCLUDES(lock_) {
     base::AutoLock hold(lock_);
-    return log_pauses_.MayLog(cause, NowMs());
+    return log_pauses_.MayLog(cause, base::MonotonicMs());
   }
 
   // `identity` may be null.
@@ -1031,9 +1026,10 @@ bool BrokeItsConnection(const Transfer& transfer) {
 
 // Whether an exchange that began before `before_ms` is on the connection of this socket.
 bool IsUsed(const Io& io, int fd, int64_t before_ms) {
+  const HttpEnds ends = EndsOf(fd);
   return std::any_of(io.active.begin(), io.active.end(), [&](const Transfer* transfer) {
     return transfer->under_way && transfer->started_ms < before_ms &&
-           http_connection::IsOf(fd, transfer->easy);
+           http_connection::EndsOf(transfer->easy) == ends;
   });
 }
 
@@ -1087,9 +1083,10 @@ void Engine::CutBadConnection(Io* io, const Transfer& transfer) {
   // An HTTP/1.1 connection has closed with its exchange.
   if (!transfer.client->http2 || !transfer.under_way) return;
   const bool timed_out = transfer.state == HttpClient::State::kTimedOut;
-  const int64_t waited_ms = NowMs() - transfer.started_ms;
+  const int64_t waited_ms = base::MonotonicMs() - transfer.started_ms;
+  const HttpEnds ends = http_connection::EndsOf(transfer.easy);
   for (int fd : io->sockets.All()) {
-    if (!http_connection::IsOf(fd, transfer.easy)) continue;
+    if (EndsOf(fd) != ends) continue;
     if (timed_out && http_connection::SilentMs(fd) < waited_ms / 2) continue;
     if (timed_out && IsUsed(*io, fd, transfer.started_ms)) continue;
     shutdown(fd, SHUT_RDWR);
@@ -1119,9 +1116,9 @@ void Engine::CollectFinished(Io* io) {
     const CURLcode code = message->data.result;  // The message dies with the handle's removal.
     Transfer* transfer = nullptr;
     curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
-    long port = 0;
-    if (code != CURLE_OK) curl_easy_getinfo(transfer->easy, CURLINFO_LOCAL_PORT, &port);
-    if (port > 0 && io->sockets.WasCut(port)) transfer->limit = HttpLimit::kFlood;
+    if (code != CURLE_OK && io->sockets.WasCut(http_connection::EndsOf(transfer->easy))) {
+      transfer->limit = HttpLimit::kFlood;
+    }
     Conclude(transfer, code);
     Finish(io, transfer);
   }
@@ -1161,7 +1158,7 @@ void Engine::CancelClosed(Io* io) {
 // The whole exchange's limit is kept here and not by libcurl, which does not count the time that a
 // request waits for a connection.
 void Engine::ExpireDeadlines(Io* io) {
-  const int64_t now_ms = NowMs();
+  const int64_t now_ms = base::MonotonicMs();
   ExpireWaiting(io, now_ms);
   if (now_ms < io->next_deadline_ms) return;
   int64_t next_ms = kNever;
@@ -1299,7 +1296,7 @@ void Engine::Wait(Io* io) {
   if (io->fruitless_rounds > kFruitlessRounds) {
     poll(nullptr, 0, std::min(io->fruitless_rounds - kFruitlessRounds, kSpinPauseMs));
   }
-  const int64_t before_ms = NowMs();
+  const int64_t before_ms = base::MonotonicMs();
   int timeout_ms = io->look_again ? kLookAgainMs : INT_MAX;
   if (until_ms != kNever) {
     const int64_t left_ms = std::max<int64_t>(until_ms - before_ms, 0);
@@ -1316,7 +1313,7 @@ void Engine::Wait(Io* io) {
     io->any_hung_up = true;
   }
   if (wake[0].revents != 0) (void)!read(io->wake_fd, &wake_ups, sizeof(wake_ups));
-  io->fruitless_rounds = NowMs() - before_ms > 1 ? 0 : io->fruitless_rounds + 1;
+  io->fruitless_rounds = base::MonotonicMs() - before_ms > 1 ? 0 : io->fruitless_rounds + 1;
 }
 
 // ---- The client ---------------------------------------------------------------------------------
@@ -1425,8 +1422,9 @@ int64_t HttpClientCurl::StartRequest(const Request& request, CompletionCallback 
   const uint32_t total_ms = settings_->defaults.total_timeout_ms;
   transfer->request.request_id = id;
   transfer->callback = std::move(callback);
-  transfer->started_ms = NowMs();
-  transfer->deadline_ms = NowMs() + (request.timeout_ms > 0 ? request.timeout_ms : total_ms);
+  transfer->started_ms = base::MonotonicMs();
+  transfer->deadline_ms =
+      transfer->started_ms + (request.timeout_ms > 0 ? request.timeout_ms : total_ms);
   engine->Submit(transfer);
   return id;
 }

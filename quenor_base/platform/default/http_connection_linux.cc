@@ -1,38 +1,14 @@
 #include "quenor_base/platform/default/http_connection_linux.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstring>
-
 QUENOR_NAMESPACE_BEGIN
 namespace http_connection {
 namespace {
-
-using AskForEnd = int (*)(int fd, sockaddr* address, socklen_t* length);
-
-// Whether this end of an internet socket is `ip`, as inet_ntop() writes it, and `port`.
-bool IsEnd(AskForEnd ask, int fd, const char* ip, long port) {
-  union {
-    sockaddr any;
-    sockaddr_in v4;
-    sockaddr_in6 v6;
-  } address{};
-  socklen_t length = sizeof(address);
-  if (ip == nullptr || ask(fd, &address.any, &length) != 0) return false;
-  char text[INET6_ADDRSTRLEN] = "";
-  if (address.any.sa_family == AF_INET) {
-    inet_ntop(AF_INET, &address.v4.sin_addr, text, sizeof(text));
-    return ntohs(address.v4.sin_port) == port && std::strcmp(text, ip) == 0;
-  }
-  if (address.any.sa_family != AF_INET6) return false;
-  inet_ntop(AF_INET6, &address.v6.sin6_addr, text, sizeof(text));
-  return ntohs(address.v6.sin6_port) == port && std::strcmp(text, ip) == 0;
-}
 
 bool TcpInfo(int fd, tcp_info* info) {
   socklen_t length = sizeof(*info);
@@ -41,17 +17,16 @@ bool TcpInfo(int fd, tcp_info* info) {
 
 }  // namespace
 
-bool IsOf(int fd, CURL* easy) {
-  char* local_ip = nullptr;
-  char* peer_ip = nullptr;
-  long local_port = 0;
-  long peer_port = 0;
-  curl_easy_getinfo(easy, CURLINFO_LOCAL_IP, &local_ip);
-  curl_easy_getinfo(easy, CURLINFO_LOCAL_PORT, &local_port);
-  curl_easy_getinfo(easy, CURLINFO_PRIMARY_IP, &peer_ip);
-  curl_easy_getinfo(easy, CURLINFO_PRIMARY_PORT, &peer_port);
-  return IsEnd(&getsockname, fd, local_ip, local_port) &&
-         IsEnd(&getpeername, fd, peer_ip, peer_port);
+HttpEnds EndsOf(CURL* easy) {
+  const auto end = [easy](CURLINFO ip, CURLINFO port) {
+    char* text = nullptr;
+    long number = 0;
+    curl_easy_getinfo(easy, ip, &text);
+    curl_easy_getinfo(easy, port, &number);
+    return HttpEnds::End{text == nullptr ? "" : text, static_cast<int>(number)};
+  };
+  return {end(CURLINFO_LOCAL_IP, CURLINFO_LOCAL_PORT),
+          end(CURLINFO_PRIMARY_IP, CURLINFO_PRIMARY_PORT)};
 }
 
 int64_t SilentMs(int fd) {

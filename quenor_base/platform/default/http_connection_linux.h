@@ -8,13 +8,13 @@
 #include <cstdint>
 
 #include "quenor_base/platform/base/abi.h"
+#include "quenor_base/platform/default/http_sockets_linux.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace http_connection {
 
-// Whether the handle's request is on the connection of this socket, which both its ends tell: one
-// local port may lead to several servers. Only for a handle that was given a connection.
-bool IsOf(int fd, CURL* easy);
+// The ends of the connection that the handle's request went to; unknown before it was given one.
+HttpEnds EndsOf(CURL* easy);
 
 // For how long nothing has arrived on a TCP connection; 0 when that cannot be known.
 int64_t SilentMs(int fd);

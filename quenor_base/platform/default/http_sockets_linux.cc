@@ -1,6 +1,7 @@
 #include "quenor_base/platform/default/http_sockets_linux.h"
 
 // Not <netinet/tcp.h>, whose tcp_info ends before the counts of bytes.
+#include <arpa/inet.h>
 #include <linux/sockios.h>
 #include <linux/tcp.h>
 #include <netinet/in.h>
@@ -15,12 +16,21 @@ namespace {
 
 constexpr size_t kCutsRemembered = 16;
 
-// The local port of an internet socket.
-int LocalPort(int fd) {
-  sockaddr_in6 address{};
+HttpEnds::End EndOf(int fd, int (*ask)(int fd, sockaddr* address, socklen_t* length)) {
+  union {
+    sockaddr any;
+    sockaddr_in v4;
+    sockaddr_in6 v6;
+  } address{};
   socklen_t length = sizeof(address);
-  (void)getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  return ntohs(address.sin6_port);  // In the same place for IPv4.
+  if (ask(fd, &address.any, &length) != 0) return {"", 0};
+  char text[INET6_ADDRSTRLEN] = "";
+  if (address.any.sa_family == AF_INET) {
+    inet_ntop(AF_INET, &address.v4.sin_addr, text, sizeof(text));
+  } else if (address.any.sa_family == AF_INET6) {
+    inet_ntop(AF_INET6, &address.v6.sin6_addr, text, sizeof(text));
+  }
+  return {text, ntohs(address.v4.sin_port)};  // In the same place for IPv6.
 }
 
 // How many bytes have been read from a TCP connection; 0 when that cannot be known.
@@ -35,6 +45,8 @@ uint64_t ReadBytes(int fd) {
 }
 
 }  // namespace
+
+HttpEnds EndsOf(int fd) { return {EndOf(fd, &getsockname), EndOf(fd, &getpeername)}; }
 
 void HttpSockets::Add(int fd) {
   base::AutoLock hold(lock_);
@@ -72,15 +84,15 @@ bool HttpSockets::CutBusiest(uint64_t size_bytes) {
     busiest = socket.fd;
   }
   if (busiest < 0) return false;
-  if (cut_ports_.size() >= kCutsRemembered) cut_ports_.erase(cut_ports_.begin());
-  cut_ports_.push_back(LocalPort(busiest));
+  if (cuts_.size() >= kCutsRemembered) cuts_.erase(cuts_.begin());
+  cuts_.push_back(EndsOf(busiest));
   shutdown(busiest, SHUT_RDWR);
   return true;
 }
 
-bool HttpSockets::WasCut(long local_port) const {
+bool HttpSockets::WasCut(const HttpEnds& connection) const {
   base::AutoLock hold(lock_);
-  return std::find(cut_ports_.begin(), cut_ports_.end(), local_port) != cut_ports_.end();
+  return std::find(cuts_.begin(), cuts_.end(), connection) != cuts_.end();
 }
 
 QUENOR_NAMESPACE_END

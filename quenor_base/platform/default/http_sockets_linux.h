@@ -7,12 +7,27 @@
 #define QUENOR_BASE_PLATFORM_DEFAULT_HTTP_SOCKETS_LINUX_H_
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_annotations.h"
 
 QUENOR_NAMESPACE_BEGIN
+
+// Both ends of a connection, which only together tell it from others: one local port may lead to
+// several servers.
+struct HttpEnds {
+  struct End {
+    std::string ip;  // As inet_ntop() writes it; "" is unknown, and equal to nothing.
+    int port;
+    bool operator==(const End& o) const { return !ip.empty() && ip == o.ip && port == o.port; }
+  };
+  End local, peer;
+  bool operator==(const HttpEnds& o) const { return local == o.local && peer == o.peer; }
+  bool operator!=(const HttpEnds& o) const { return !(*this == o); }
+};
+HttpEnds EndsOf(int fd);
 
 class HttpSockets {
  public:
@@ -29,8 +44,8 @@ class HttpSockets {
   // `size_bytes`, which must not be 0. Answers whether there was one. No other connection can be
   // hit, not even one that gets a closed one's number meanwhile: Close() waits.
   bool CutBusiest(uint64_t size_bytes) QUENOR_EXCLUDES(lock_);
-  // Whether the connection from this local port was one of the last that were cut.
-  bool WasCut(long local_port) const QUENOR_EXCLUDES(lock_);
+  // Whether this connection was one of the last that were cut.
+  bool WasCut(const HttpEnds& connection) const QUENOR_EXCLUDES(lock_);
 
  private:
   struct Socket {
@@ -39,7 +54,7 @@ class HttpSockets {
   };
   mutable base::Lock lock_;
   std::vector<Socket> sockets_ QUENOR_GUARDED_BY(lock_);
-  std::vector<int> cut_ports_ QUENOR_GUARDED_BY(lock_);
+  std::vector<HttpEnds> cuts_ QUENOR_GUARDED_BY(lock_);
 };
 
 QUENOR_NAMESPACE_END

@@ -1,12 +1,13 @@
 #include "quenor_base/platform/default/mmap_file_table.h"
 
 #include <signal.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+
+#include "quenor_base/platform/base/monotonic_time.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace mmap_format {
@@ -18,14 +19,6 @@ constexpr uint64_t kWaitersEnd = INT64_MAX;
 constexpr int kWaitAgainMs = 5;
 // Who leaves a free lock for so long, and waits for it, does not run.
 constexpr int64_t kTurnNs = 20 * 1000000;
-constexpr int64_t kFirstPauseNs = 50 * 1000;
-constexpr int64_t kLongestPauseNs = 2 * 1000000;
-
-int64_t MonotonicNs() {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
-}
 
 }  // namespace
 
@@ -65,12 +58,13 @@ bool TableLock::Take(const cache_io::Descriptor& file, int wait_ms) {
   free_since_ns_ = 0;
   bool taken = IsMyTurn(fd, kWaitersEnd) && cache_io::TryLock(fd, 0, 1);
   if (!taken && errno == EAGAIN) {
-    uint64_t place = kWaitersBegin + static_cast<uint64_t>(MonotonicNs());
+    uint64_t place = kWaitersBegin + static_cast<uint64_t>(base::MonotonicNs());
     while (!cache_io::TryLock(fd, place, 1)) {
       if (errno != EAGAIN) return false;
       ++place;
     }
-    taken = Wait(fd, place, last_wait_ms_);
+    taken = cache_io::KeepTrying([&] { return IsMyTurn(fd, place) && cache_io::TryLock(fd, 0, 1); },
+                                 last_wait_ms_);
     const int error = errno;
     cache_io::Unlock(fd, place, 1);
     errno = error;
@@ -86,28 +80,13 @@ bool TableLock::IsMyTurn(int fd, uint64_t place) {
   if (!others_wait || cache_io::IsLockedByOther(fd, 0, 1) != 0) {
     free_since_ns_ = 0;
   } else if (free_since_ns_ == 0) {
-    free_since_ns_ = MonotonicNs();
-  } else if (MonotonicNs() - free_since_ns_ > kTurnNs) {
+    free_since_ns_ = base::MonotonicNs();
+  } else if (base::MonotonicNs() - free_since_ns_ > kTurnNs) {
     passed_by_ = place;
     return true;
   }
   errno = EAGAIN;
   return !others_wait;
-}
-
-bool TableLock::Wait(int fd, uint64_t place, int wait_ms) {
-  const int64_t deadline_ns = MonotonicNs() + int64_t{wait_ms} * 1000000;
-  for (int64_t pause_ns = kFirstPauseNs;;) {
-    if (IsMyTurn(fd, place) && cache_io::TryLock(fd, 0, 1)) return true;
-    if (errno != EAGAIN) return false;
-    if (MonotonicNs() >= deadline_ns) {
-      errno = EAGAIN;
-      return false;
-    }
-    const struct timespec pause = {0, static_cast<long>(pause_ns)};
-    nanosleep(&pause, nullptr);
-    pause_ns = std::min(2 * pause_ns, kLongestPauseNs);
-  }
 }
 
 void TableLock::SignAs(const Table& table) const {

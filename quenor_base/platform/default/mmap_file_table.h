@@ -63,7 +63,6 @@ class TableLock {
 
  private:
   bool IsMyTurn(int fd, uint64_t place);
-  bool Wait(int fd, uint64_t place, int wait_ms);
 
   bool waited_in_vain_ = false;
   int last_wait_ms_ = 0;

@@ -1,8 +1,8 @@
-// Throtter over std::chrono::steady_clock: one atomic word, no lock.
+// Throtter over the monotonic clock: one atomic word, no lock.
 #include <atomic>
-#include <chrono>
 #include <limits>
 
+#include "quenor_base/platform/base/monotonic_time.h"
 #include "quenor_base/platform/throtter.h"
 
 QUENOR_NAMESPACE_BEGIN
@@ -11,12 +11,6 @@ namespace {
 // No call has been let through yet. A reading of its own, not 0: the clock counts from the start of
 // the machine on many systems, and a process may start within a period of that.
 constexpr int64_t kNever = std::numeric_limits<int64_t>::min();
-
-int64_t NowNs() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
 
 }  // namespace
 
@@ -34,7 +28,7 @@ Throtter::~Throtter() { delete state_; }
 
 bool Throtter::ShouldGo() {
   if (state_->period_ns == 0) return true;
-  const int64_t now_ns = NowNs();
+  const int64_t now_ns = base::MonotonicNs();
   int64_t last_ns = state_->last_go_ns.load(std::memory_order_relaxed);
   // A failed exchange means that another thread was let through meanwhile; `last_ns` is its time.
   while (last_ns == kNever || now_ns - last_ns >= state_->period_ns) {
