@@ -1,34 +1,39 @@
 #!/usr/bin/env python3
-"""check_full.py: every part of ./dev check --full, each in a process of its own, whatever the parts
-before it came to; at the end one table of what they came to and how long they took.
+"""check_full.py: every part of ./dev check --full, each in a process of its own, whatever the others
+came to; at the end one table of what they came to and how long they took.
 
 usage: scripts/check_full.py [PART...]    (all of them; ./dev check --part PART runs one bare)
-What a part prints goes to build/check/PART.log, too. Exit code: 0 all passed, 1 not.
+Two parts run at a time, the longest first: most of them use one core at most, or wait. What a part
+prints goes to build/check/PART.log; its last lines are shown when it fails. Exit code: 0 all passed, 1 not.
 """
+import concurrent.futures
 import os
+import pathlib
 import re
 import subprocess
 import sys
 import threading
 import time
 
-PARTS = {  # In this order. What only waits runs beside those behind it, which work in other trees.
-    "checks": "format, layers, documentation, thread safety",
-    "random": "a million random steps, a hundred thousand payloads",
-    "network": "bad links, proxies, hostile servers, forks",
-    "kills": "kills at every step, at random, among processes",
-    "cache": "damage, failing calls, full disks, power losses",
-    "hosts": "hosts files of several machines",
+PARTS = {  # Started in this order.
     "waiting": "the soak, a long rest",
-    "model": "model checking",
-    "fuzzers": "fuzzers",
-    "coverage": "what the fuzzers' inputs reach",
     "mutants": "mutants: the library broken one line at a time",
-    "generated": "sixty generated mutants, by a seed that is printed",
-    "asan": "all tests, address and undefined behaviour sanitizers",
+    "kills": "kills at every step, at random, among processes",
     "tsan": "all tests, thread sanitizer",
+    "asan": "all tests, address and undefined behaviour sanitizers",
+    "cache": "damage, failing calls, full disks, power losses",
+    "generated": "sixty generated mutants, by a seed that is printed",
+    "fuzzers": "fuzzers",
+    "network": "bad links, proxies, hostile servers, forks",
+    "model": "model checking",
+    "random": "a million random steps, a hundred thousand payloads",
+    "coverage": "what the fuzzers' inputs reach",
+    "hosts": "hosts files of several machines",
+    "checks": "format, layers, documentation, thread safety",
 }
-BESIDE = "waiting"
+BESIDE = "waiting"  # It needs hardly any processor time, and counts for none of the two.
+AT_A_TIME = 2
+LAST_LINES = 40
 COUNTS = re.compile(r"^(?:tests|check|mutants): (\d+) (?:passed|killed), (\d+) (?:failed|survived)"
                     r"(?:, (\d+) skipped)?$")
 
@@ -48,8 +53,6 @@ class Part:
             for line in part.stdout:
                 log.write(line)
                 log.flush()
-                if self.name != BESIDE:
-                    print(line, end="", flush=True)
                 if line.startswith("skipped: "):
                     self.skipped.append(line.strip())
                 found = COUNTS.match(line)
@@ -64,6 +67,18 @@ class Part:
         if not good and self.counts[1] == 0:
             self.counts[1] = 1
         self.minutes = (time.monotonic() - began) / 60
+        self.tell(good)
+
+    def tell(self, good):
+        print(f"{time.strftime('%H:%M')} {self.row()}", flush=True)
+        if not good:
+            log = pathlib.Path(f"build/check/{self.name}.log").read_text(errors="replace")
+            print("\n".join(f"  {line}" for line in log.splitlines()[-LAST_LINES:]), flush=True)
+
+    def row(self):
+        passed, failed, skipped = self.counts
+        return (f"{self.name:10}{passed:8}{failed:8}{skipped:9}{self.minutes:9.1f}  "
+                f"{PARTS[self.name]}")
 
 
 def main(names):
@@ -74,20 +89,18 @@ def main(names):
         return 64
     os.makedirs("build/check", exist_ok=True)
     parts = [Part(name) for name in PARTS if not names or name in names]
-    beside = None
+    head = f"{'part':10}{'passed':>8}{'failed':>8}{'skipped':>9}{'minutes':>9}"
+    print(f"      {head}", flush=True)
+    beside = [threading.Thread(target=part.run) for part in parts if part.name == BESIDE]
+    for thread in beside:
+        thread.start()
+    with concurrent.futures.ThreadPoolExecutor(AT_A_TIME) as pool:
+        list(pool.map(Part.run, (part for part in parts if part.name != BESIDE)))
+    for thread in beside:
+        thread.join()
+    print(f"\n{head}")
     for part in parts:
-        print(f"\n== {part.name}: {PARTS[part.name]}", flush=True)
-        if part.name == BESIDE:
-            beside = threading.Thread(target=part.run)
-            beside.start()
-        else:
-            part.run()
-    if beside is not None:
-        beside.join()
-    print(f"\n{'part':10}{'passed':>8}{'failed':>8}{'skipped':>9}{'minutes':>9}")
-    for part in parts:
-        print(f"{part.name:10}{part.counts[0]:8}{part.counts[1]:8}{part.counts[2]:9}"
-              f"{part.minutes:9.1f}  {PARTS[part.name]}")
+        print(part.row())
     for part in parts:
         for line in part.skipped:
             print(f"{part.name}: {line}")

@@ -213,7 +213,11 @@ class Trial:
             places = {(m[1], int(m[2]) - 1) for m in re.finditer(
                 r"^(?:In file included from )?(?:%s/|\S*?/tree/)?([\w/.]+\.(?:h|cc)):(\d+)" % re.escape(str(self.tree)),
                 log.read_text(errors="replace"), re.M)}
-            broken = [m for m in mutants if any((m.file, line) in places for line in m.lines())]
+            broken = {m for m in mutants if any((m.file, line) in places for line in m.lines())}
+            if not broken:  # What is amiss shows further down: a name that is no longer declared.
+                before = lambda m: [line - m.line for file, line in places if file == m.file and m.line < line]
+                near = [(min(before(m)), m.number, m) for m in mutants if before(m)]
+                broken = {min(near)[2]} if near else set()
             if not broken:
                 raise Fault(f"the copy does not build: {log}")
             print(f"mutants: {len(broken)} do not compile and are left out", flush=True)
