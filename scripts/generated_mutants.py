@@ -87,7 +87,8 @@ def statements(lines):
         code = line.strip()
         if not code:
             continue
-        if (STATEMENT.match(code) and code.count("(") == code.count(")")
+        if (STATEMENT.match(code) and not code.endswith((" = delete;", " = default;"))
+                and code.count("(") == code.count(")")
                 and line.startswith("  ") and before[-1] in ";{}:"):
             found.add(number)
         before = code
