@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <system_error>
 
 #include "quenor_base/platform/base/check.h"
@@ -27,7 +26,12 @@ TempFolder::~TempFolder() {
 
 std::string ReadWholeFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  std::string bytes;
+  char block[65536];
+  while (in.read(block, sizeof block) || in.gcount() > 0) {
+    bytes.append(block, static_cast<size_t>(in.gcount()));
+  }
+  return bytes;
 }
 
 bool WriteWholeFile(const std::string& path, const std::string& content) {
