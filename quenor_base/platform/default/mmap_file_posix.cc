@@ -993,7 +993,8 @@ bool MultiProcessSafetyMmapFile::State::Assemble() {
   return true;
 }
 
-// Likewise; from now on they count as written by this save, which is about to do so.
+// Likewise; from now on they count as written by this save, which is about to do so. `next` is
+// then what the save had written before, unless it has no packet yet.
 bool MultiProcessSafetyMmapFile::State::AssembleAsNew() {
   if (next_count == 0) return true;
   if (!pieces.Reserve(1) || !Assemble()) return false;
@@ -1136,6 +1137,8 @@ bool MultiProcessSafetyMmapFile::State::MoveToNewExtent(uint64_t bytes) {
     return false;
   }
   if (target()) CopyNext(target(), made, kPacketsBegin);
+  // What it had written beside the old content is in `next` now, and stays there if it is void.
+  for (size_t i = 0; i < next.size() && next_count > 0 && !building; ++i) RetireOne(next[i]);
   if (!target()) next_begin = next_at = kPacketsBegin;
   gap_end = made.size();
   next_index = IndexPlace();
