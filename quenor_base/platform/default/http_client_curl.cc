@@ -1109,6 +1109,14 @@ void Engine::CloseHungUp(Io* io) {
   }
 }
 
+// Once its connection is cut, libcurl takes a stream that was reset for a whole response. Only one
+// with an announced length, which it counts, is believed.
+bool EndedByCut(const Io& io, CURL* easy, CURLcode code) {
+  curl_off_t announced = -1;
+  if (code == CURLE_OK) curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
+  return announced < 0 && io.sockets.WasCut(http_connection::EndsOf(easy));
+}
+
 void Engine::CollectFinished(Io* io) {
   int left = 0;
   while (const CURLMsg* message = curl_multi_info_read(io->multi, &left)) {
@@ -1116,10 +1124,9 @@ void Engine::CollectFinished(Io* io) {
     const CURLcode code = message->data.result;  // The message dies with the handle's removal.
     Transfer* transfer = nullptr;
     curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
-    if (code != CURLE_OK && io->sockets.WasCut(http_connection::EndsOf(transfer->easy))) {
-      transfer->limit = HttpLimit::kFlood;
-    }
-    Conclude(transfer, code);
+    const bool is_flood = EndedByCut(*io, transfer->easy, code);
+    if (is_flood) transfer->limit = HttpLimit::kFlood;
+    Conclude(transfer, is_flood && code == CURLE_OK ? CURLE_RECV_ERROR : code);
     Finish(io, transfer);
   }
 }

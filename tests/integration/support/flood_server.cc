@@ -17,6 +17,12 @@ std::string Frame(int type, int flags, int stream, const std::string& payload) {
   return frame + payload;
 }
 
+std::string Many(const std::string& frame, size_t least_bytes) {
+  std::string many;
+  while (many.size() < least_bytes) many += frame;
+  return many;
+}
+
 std::string Zeros(size_t count) { return std::string(count, '\0'); }
 
 // Up to the first request's headers.
@@ -48,6 +54,9 @@ const std::vector<Flood>& Floods() {
       {"PaddedData", Frame(0, 8, 1, "\5" + Zeros(5)), true},
       {"Ping", Frame(6, 0, 0, "12345678"), true},
       {"Settings", Frame(4, 0, 0, ""), true},
+      // By then the client reads without a pause.
+      {"CancelledStream", Many(Frame(0x42, 0, 0, ""), 8 << 20) + Frame(3, 0, 1, Zeros(3) + "\x08"),
+       true},
   };
   return floods;
 }
@@ -57,8 +66,7 @@ FloodServer::FloodServer(const Flood& flood, const Certificate& certificate)
               &certificate, /*http2*/ true) {}
 
 void FloodServer::Serve(Connection& connection, const std::string& frame) {
-  std::string many;
-  while (many.size() < (1 << 18)) many += frame;
+  const std::string many = Many(frame, 1 << 18);
   size_t written = 0;
   if (connection.Write(Frame(4, 0, 0, "")) && ReadRequest(connection) &&
       connection.Write(Frame(1, 4, 1, "\x88"))) {  // Status 200, and no end of the stream.
