@@ -1,9 +1,12 @@
 #include "quenor_base/platform/default/http_failure_text.h"
 
-#include <cstring>
+#include <openssl/x509.h>
 
 QUENOR_NAMESPACE_BEGIN
 namespace {
+
+// libcurl's start value: the chain was not looked at, or the name was wrong.
+constexpr long kNotLookedAt = 1;
 
 // X509_V_ERR_… values, which stay the same for ever.
 const char* CertificateAdvice(long verify_result) {
@@ -20,7 +23,7 @@ const char* CertificateAdvice(long verify_result) {
       return "name the authority's certificate in HttpDefaults::ca_file, or look for something "
              "that "
              "intercepts TLS";
-    case 1:   // libcurl's start value: the chain was not looked at, or the name was wrong.
+    case kNotLookedAt:
     case 62:  // Another host's.
       return "use the name that the certificate is for, or give the server one for this name";
     default:
@@ -100,9 +103,9 @@ const char* FailureAdvice(const HttpFailure& failure) {
 }
 
 const char* FailureCause(const HttpFailure& failure) {
-  constexpr char kPrefix[] = "SSL certificate problem: ";
-  if (std::strncmp(failure.error, kPrefix, sizeof(kPrefix) - 1) == 0) {
-    return failure.error + sizeof(kPrefix) - 1;
+  // Not libcurl's text: it may speak of what failed after that, as the alert did that nobody read.
+  if (failure.code == CURLE_PEER_FAILED_VERIFICATION && failure.verify_result > kNotLookedAt) {
+    return X509_verify_cert_error_string(failure.verify_result);
   }
   return failure.error[0] != '\0' ? failure.error : curl_easy_strerror(failure.code);
 }
