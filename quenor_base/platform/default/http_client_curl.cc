@@ -775,7 +775,7 @@ void* Engine::ThreadMain(void* io) {
 void* Engine::WatchMain(void* io) {
   pthread_setname_np(pthread_self(), "quenor-watch");
   base::ThreadCreateFlag::SetThreadCreateByQuenor(true);
-  Get()->Watch(static_cast<Io*>(io));
+  base::EndOnException(kInClient, [io] { Get()->Watch(static_cast<Io*>(io)); });
   return nullptr;
 }
 
@@ -1480,16 +1480,21 @@ const char* HttpClientFactory::ImplementationName() {
 }
 
 std::string SetHttpDefaults(const HttpDefaults& defaults) {
-  auto identity = std::make_shared<ClientIdentity>();
-  std::string problem = http_defaults::Problem(defaults, identity.get());
-  if (problem.empty()) {
+  std::string problem;
+  base::EndOnException(kInClient, [&] {
+    auto identity = std::make_shared<ClientIdentity>();
+    problem = http_defaults::Problem(defaults, identity.get());
+    if (!problem.empty()) return;
     Engine::Get()->SetDefaults(http_defaults::InForce(defaults), std::move(identity));
-  }
+  });
   return problem;
 }
 
 HttpDefaults GetHttpDefaults() {
-  return http_defaults::InForce(Engine::Get()->GetDefaults(nullptr));
+  HttpDefaults defaults;
+  base::EndOnException(
+      kInClient, [&] { defaults = http_defaults::InForce(Engine::Get()->GetDefaults(nullptr)); });
+  return defaults;
 }
 
 QUENOR_NAMESPACE_END
