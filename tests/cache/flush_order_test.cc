@@ -241,7 +241,9 @@ class FlushedMapped : public FlushedOnly {
 
   std::vector<Bytes> Possible() override {
     std::vector<Bytes> possible = {bytes_};
-    for (const auto& [inode, now] : Now()) {
+    for (const auto& file : Now()) {
+      const ino_t inode = file.first;
+      const std::string& now = file.second;
       std::string flushed = bytes_[inode];
       std::vector<Range> dirty;
       for (uint64_t at = 0; at < now.size();) {
