@@ -186,7 +186,8 @@ void CollectorServer::Watch(int stop_fd) {
 
   for (;;) {
     int timeout_ms = Expire();
-    if (accept_paused_) timeout_ms = std::min(timeout_ms, kAcceptRetryMs);
+    const bool was_paused = accept_paused_;
+    if (was_paused) timeout_ms = std::min(timeout_ms, kAcceptRetryMs);
     epoll_event events[kMaxEvents];
     const int count = ::epoll_wait(epoll_fd_, events, kMaxEvents, timeout_ms);
     for (int i = 0; i < count; ++i) {
@@ -198,7 +199,7 @@ void CollectorServer::Watch(int stop_fd) {
         Wake(static_cast<Peer*>(source));
       }
     }
-    if (accept_paused_) {
+    if (was_paused) {
       accept_paused_ = false;
       ::epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, listen_fd_, &listening);
     }

@@ -15,6 +15,7 @@
 #include "tests/collector/support/raw_http.h"
 #include "tests/collector/support/record.h"
 #include "tests/collector/support/temp_dir.h"
+#include "tests/support/patience.h"
 
 namespace quenor::collector::test {
 namespace {
@@ -114,6 +115,11 @@ TEST_F(ConnectionsTest, OutOfDescriptorsTheRestWaitsAndIsServedLater) {
     clients.push_back(std::make_unique<RawClient>(collector.port()));
   }
 
+  // Those that wait do not keep it from sleeping.
+  const long sleeps = collector.child().CountSleeps();
+  quenor::test::PollPatiently("three sleeps",
+                              [&] { return collector.child().CountSleeps() >= sleeps + 3; });
+
   for (const auto& client : clients) client->Send(request);
 
   for (const auto& client : clients) EXPECT_EQ(CountOf(client->ReadAll(), "HTTP/1.1 200 OK"), 1);
@@ -168,11 +174,15 @@ TEST_F(ConnectionsTest, IdleConnectionIsClosedAfterItsTime) {
   Collector collector(dir_ / "", Collector::Transport::kPlain, {"--idle-timeout", "1"});
   RawClient client(collector.port());
   client.Send("GET /healthz HTTP/1.1\r\nHost: x\r\n\r\n");
+  const std::string reply = client.ReadThrough("ok");
+  RawClient later(collector.port());
 
-  const std::string reply = client.ReadAll();  // Returns when the server has closed.
+  EXPECT_EQ(client.ReadAll(), "");  // Returns when the server has closed.
+  EXPECT_EQ(later.ReadAll(), "");
 
   EXPECT_EQ(CountOf(reply, "HTTP/1.1 200 OK"), 1);
   EXPECT_NE(reply.find("Keep-Alive: timeout=1,"), std::string::npos);
+  EXPECT_EQ(collector.Stop().exit_code, 0);
 }
 
 TEST_F(ConnectionsTest, OtherMethodsAndPathsAreRefused) {

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <fstream>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -33,6 +34,29 @@ void WaitPatiently(std::condition_variable* changed, std::unique_lock<std::mutex
   if (changed->wait_for(*hold, kPatience, condition)) return;
   throw std::runtime_error("waited " + std::to_string(kPatience.count()) + " s in vain for " +
                            what);
+}
+
+// The same for what tells nobody.
+template <typename Condition>
+void PollPatiently(const std::string& what, Condition condition) {
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) {
+      throw std::runtime_error("waited " + std::to_string(kPatience.count()) + " s in vain for " +
+                               what);
+    }
+    poll(nullptr, 0, 1);
+  }
+}
+
+// The line `name` of /proc/PROCESS/status, which is about the main thread; empty when it is gone.
+inline std::string StatusLine(pid_t process, const std::string& name) {
+  std::ifstream status("/proc/" + std::to_string(process) + "/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.compare(0, name.size() + 2, name + ":\t") == 0) return line.substr(name.size() + 2);
+  }
+  return "";
 }
 
 // Waits for bytes or the end of a descriptor. False when neither comes before `end`.

@@ -124,6 +124,10 @@ void Child::LimitDescriptors(unsigned limit) const {
   }
 }
 
+long Child::CountSleeps() const {
+  return std::stol(quenor::test::StatusLine(pid_, "voluntary_ctxt_switches"));
+}
+
 Ended Child::Wait() {
   Ended ended;
   // Both pipes at once: a child that fills the one must not wait for the other.

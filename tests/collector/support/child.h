@@ -36,6 +36,9 @@ class Child {
   // From now on, until called again, the process gets no descriptor of this number or higher.
   void LimitDescriptors(unsigned limit) const;
 
+  // How often its main thread has gone to sleep.
+  long CountSleeps() const;
+
   // Waits until the process ends by itself or by an earlier Signal.
   Ended Wait();
 
