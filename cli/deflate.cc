@@ -2,12 +2,15 @@
 
 #include <zlib.h>
 
+#include <memory>
+
 namespace quenor::cli {
 
 bool IsWholeDeflateStream(std::string_view stream) {
   constexpr int kRawWindowBits = -15;
   z_stream inflater{};
   if (inflateInit2(&inflater, kRawWindowBits) != Z_OK) return false;
+  const std::unique_ptr<z_stream, int (*)(z_stream*)> owner(&inflater, &inflateEnd);
   inflater.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(stream.data()));
   inflater.avail_in = static_cast<uInt>(stream.size());
   int result = Z_OK;
@@ -17,9 +20,7 @@ bool IsWholeDeflateStream(std::string_view stream) {
     inflater.avail_out = sizeof(scratch);
     result = inflate(&inflater, Z_NO_FLUSH);
   }
-  const bool whole = result == Z_STREAM_END && inflater.avail_in == 0;
-  inflateEnd(&inflater);
-  return whole;
+  return result == Z_STREAM_END && inflater.avail_in == 0;
 }
 
 }  // namespace quenor::cli

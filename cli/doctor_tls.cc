@@ -176,10 +176,6 @@ int OnVerify(X509_STORE_CTX* store, void* user) {
   const int verified = X509_verify_cert(store);
   seen->verify_error = X509_STORE_CTX_get_error(store);
   seen->verify_depth = X509_STORE_CTX_get_error_depth(store);
-  if (verified <= 0 && seen->verify_error == X509_V_OK) {
-    seen->verify_error = X509_V_ERR_UNSPECIFIED;
-    X509_STORE_CTX_set_error(store, X509_V_ERR_UNSPECIFIED);
-  }
   return verified > 0 ? 1 : 0;
 }
 

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -69,7 +70,7 @@ ByteSource::Result ByteSource::ReadSome(std::string* out) {
     got = ::read(fd_, &(*out)[old_size], kReadBytes);
   } while (got < 0 && errno == EINTR);
   const int error = errno;
-  out->resize(old_size + static_cast<size_t>(got > 0 ? got : 0));
+  out->resize(old_size + static_cast<size_t>(std::max<ssize_t>(got, 0)));
   if (got > 0) return Result::kBytes;
   if (got == 0) return Result::kEnd;
   if (error == EAGAIN) return Result::kWouldBlock;
@@ -128,7 +129,7 @@ void FileInput::Open(const std::string& path) {
 }
 
 void FileInput::Close() {
-  if (fd_ >= 0 && fd_ != STDIN_FILENO) ::close(fd_);
+  if (fd_ > STDIN_FILENO) ::close(fd_);
   fd_ = -1;
 }
 

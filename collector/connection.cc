@@ -22,16 +22,21 @@ constexpr int kResetMs = 1'000;
 constexpr int kResetStepMs = 2;
 constexpr size_t kInputBufferBytes = 16 * 1024;
 constexpr size_t kOutputBufferBytes = 64 * 1024;
-constexpr int kMostDiscards = 64;  // Of the buffer's size, in one go.
+constexpr int kMostDiscards = 8;  // Of the buffer's size, in one go.
 
-void Describe(const sockaddr_storage& address, socklen_t bytes, std::string* ip, int* port) {
+// ":0" when the peer has gone already.
+std::string PeerOf(int fd) {
+  sockaddr_storage address{};
+  socklen_t bytes = sizeof(address);
+  auto* const raw = reinterpret_cast<sockaddr*>(&address);
   char host[NI_MAXHOST];
   char service[NI_MAXSERV];
-  if (::getnameinfo(reinterpret_cast<const sockaddr*>(&address), bytes, host, sizeof(host), service,
-                    sizeof(service), NI_NUMERICHOST | NI_NUMERICSERV) == 0) {
-    *ip = host;
-    *port = std::atoi(service);
+  if (::getpeername(fd, raw, &bytes) != 0 ||
+      ::getnameinfo(raw, bytes, host, sizeof(host), service, sizeof(service),
+                    NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
+    return HostAndPort("", 0);
   }
+  return HostAndPort(host, std::atoi(service));
 }
 
 }  // namespace
@@ -42,17 +47,7 @@ std::string HostAndPort(const std::string& ip, int port) {
 }
 
 Connection::Connection(int fd, SSL_CTX* tls, Crew* crew, const std::atomic<bool>& stopping)
-    : fd_(fd), crew_(crew), stopping_(stopping), handshaken_(tls == nullptr) {
-  sockaddr_storage address{};
-  socklen_t bytes = sizeof(address);
-  if (::getpeername(fd_, reinterpret_cast<sockaddr*>(&address), &bytes) == 0) {
-    Describe(address, bytes, &remote_ip_, &remote_port_);
-  }
-  bytes = sizeof(address);
-  if (::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &bytes) == 0) {
-    Describe(address, bytes, &local_ip_, &local_port_);
-  }
-  peer_ = HostAndPort(remote_ip_, remote_port_);
+    : fd_(fd), crew_(crew), stopping_(stopping), handshaken_(tls == nullptr), peer_(PeerOf(fd)) {
   if (tls == nullptr) return;
   ssl_.reset(SSL_new(tls));
   if (!ssl_ || SSL_set_fd(ssl_.get(), fd_) != 1) broken_ = true;
@@ -92,11 +87,12 @@ Connection::Progress Connection::Fill() {
   input_.erase(0, std::exchange(input_used_, 0));
   const size_t old_size = input_.size();
   input_.resize(old_size + kInputBufferBytes);
-  Want want = Want::kNothing;
-  ssize_t got = ReadSome(&input_[old_size], kInputBufferBytes, &want);
-  while (got < 0 && want == Want::kWrite && Wait(want)) {
+  Want want;
+  ssize_t got;
+  do {
+    want = Want::kNothing;
     got = ReadSome(&input_[old_size], kInputBufferBytes, &want);
-  }
+  } while (got < 0 && want == Want::kWrite && Wait(want));
   input_.resize(old_size + static_cast<size_t>(std::max<ssize_t>(got, 0)));
   if (got > 0) return Progress::kDone;
   if (got < 0 && want == Want::kRead) return Progress::kMore;
@@ -136,7 +132,7 @@ bool Connection::Flush() {
     const ssize_t count = WriteSome(output_.data() + sent, output_.size() - sent, &want);
     if (count > 0) {
       sent += static_cast<size_t>(count);
-    } else if (want == Want::kFailed || !Wait(want)) {
+    } else if (!Wait(want)) {
       broken_ = true;
       break;
     }
@@ -209,18 +205,7 @@ void Connection::Interrupt(bool writes_too) const {
   ::shutdown(fd_, writes_too ? SHUT_RDWR : SHUT_RD);
 }
 
-void Connection::get_remote_ip_and_port(std::string& ip, int& port) const {
-  ip = remote_ip_;
-  port = remote_port_;
-}
-
-void Connection::get_local_ip_and_port(std::string& ip, int& port) const {
-  ip = local_ip_;
-  port = local_port_;
-}
-
 ssize_t Connection::ReadSome(char* data, size_t size, Want* want) {
-  *want = Want::kFailed;
   // acquire: pairs with the release in CollectorServer::Stop().
   if (broken_ || stopping_.load(std::memory_order_acquire)) return -1;
   if (ssl_) {
@@ -237,7 +222,6 @@ ssize_t Connection::ReadSome(char* data, size_t size, Want* want) {
 }
 
 ssize_t Connection::WriteSome(const char* data, size_t size, Want* want) {
-  *want = Want::kFailed;
   if (broken_) return -1;
   if (ssl_) {
     ERR_clear_error();
@@ -260,13 +244,13 @@ Connection::Want Connection::WantOfTls(int code) const {
     case SSL_ERROR_WANT_WRITE:
       return Want::kWrite;
     default:
-      return Want::kFailed;
+      return Want::kNothing;
   }
 }
 
 // False: the socket did not become ready in time, is_late_ telling that it was to be read.
 bool Connection::Wait(Want want) {
-  if (want != Want::kRead && want != Want::kWrite) return false;
+  if (want == Want::kNothing) return false;
   const bool to_read = want == Want::kRead;
   const auto now = std::chrono::steady_clock::now();
   auto until = now + std::chrono::milliseconds(kIoTimeoutMs);

@@ -103,13 +103,15 @@ class Connection : public httplib::Stream {
   bool is_writable() const override { return true; }
   ssize_t read(char* data, size_t size) override;
   ssize_t write(const char* data, size_t size) override;
-  void get_remote_ip_and_port(std::string& ip, int& port) const override;
-  void get_local_ip_and_port(std::string& ip, int& port) const override;
+  // For handlers, which ask peer().
+  void get_remote_ip_and_port(std::string& /*ip*/, int& /*port*/) const override {}
+  void get_local_ip_and_port(std::string& /*ip*/, int& /*port*/) const override {}
   socket_t socket() const override { return fd_; }
 
  private:
-  enum class Want { kNothing, kRead, kWrite, kFailed };
+  enum class Want { kNothing, kRead, kWrite };
 
+  // On failure *want is what to wait for before the next try; left alone when nothing would help.
   ssize_t ReadSome(char* data, size_t size, Want* want);
   ssize_t WriteSome(const char* data, size_t size, Want* want);
   Want WantOfTls(int code) const;
@@ -129,11 +131,7 @@ class Connection : public httplib::Stream {
   std::string input_;
   size_t input_used_ = 0;
   std::string output_;
-  std::string remote_ip_;
-  int remote_port_ = 0;
-  std::string local_ip_;
-  int local_port_ = 0;
-  std::string peer_;
+  const std::string peer_;
 };
 
 // "127.0.0.1:40000" or "[::1]:40000".

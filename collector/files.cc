@@ -24,7 +24,6 @@ int WriteAll(int fd, std::string_view bytes) {
 int ReadFileWhole(const std::string& path, std::string* bytes) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return errno;
-  bytes->clear();
   int error = 0;
   for (;;) {
     char step[64 * 1024];

@@ -12,7 +12,7 @@ namespace quenor::collector {
 // outlives the process, not a power cut. Returns 0 or an errno; on failure `path` is as before.
 [[nodiscard]] int WriteFileWhole(const std::string& path, std::string_view bytes);
 
-// Reads the whole of `path` into *bytes. Returns 0 or an errno; on failure *bytes is undefined.
+// Appends the whole of `path` to *bytes. Returns 0 or an errno; on failure *bytes is undefined.
 [[nodiscard]] int ReadFileWhole(const std::string& path, std::string* bytes);
 
 // Writes all of `bytes` to descriptor `fd`. Returns 0 or an errno.

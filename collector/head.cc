@@ -53,18 +53,17 @@ int HeadCheck::JudgeLine(std::string_view line) const {
 HeadCheck::Result HeadCheck::Check(std::string_view input) {
   if (status_ != 0) return Result::kRefused;
   for (;;) {
-    const size_t line_end = input.find('\n', searched_);
+    const size_t line_end = input.find('\n', line_begin_);
     if (line_end == std::string_view::npos) break;
     const size_t next = line_end + 1;
     const int status = JudgeLine(input.substr(line_begin_, next - line_begin_));
     if (status != 0) return Refuse(status);
     if (next > kMaxHeadBytes) return Refuse(kHeadTooLarge);
     const bool is_empty = next - line_begin_ == 2;
-    line_begin_ = searched_ = next;
+    line_begin_ = next;
     if (is_empty && !is_first_line_) return Result::kWhole;
     is_first_line_ = false;
   }
-  searched_ = input.size();
   // At the limit and without its end, so it can only become longer.
   if (input.size() - line_begin_ >= kMaxLineBytes) {
     return Refuse(is_first_line_ ? kTargetTooLong : kHeadTooLarge);

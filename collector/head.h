@@ -22,7 +22,7 @@ class HeadCheck {
   };
 
   // `input` is everything from the head's first byte on, and begins with what it was at the last
-  // call. Looks at no byte twice.
+  // call.
   Result Check(std::string_view input);
 
   // 400, 414 or 431 once refused, else 0.
@@ -34,7 +34,6 @@ class HeadCheck {
 
   bool is_first_line_ = true;
   size_t line_begin_ = 0;
-  size_t searched_ = 0;  // No line end stands in [line_begin_, searched_).
   int status_ = 0;
 };
 

@@ -270,9 +270,7 @@ int CollectorServer::Expire() {
         late.push_back(peer);
         continue;
       }
-      const auto entry = peers_.find(peer);
-      expired.push_back(std::move(entry->second));
-      peers_.erase(entry);
+      expired.push_back(std::move(peers_.extract(peer).mapped()));
     }
     if (!parked_.empty()) {
       wait = std::min(wait, std::chrono::ceil<milliseconds>(parked_.begin()->first - now));
@@ -448,13 +446,9 @@ void CollectorServer::Enqueue(Peer* peer) {
 }
 
 void CollectorServer::Drop(Peer* peer) {
-  std::unique_ptr<Peer> dropped;
   const std::lock_guard<std::mutex> lock(mutex_);
-  const auto entry = peers_.find(peer);
-  dropped = std::move(entry->second);
-  peers_.erase(entry);
   // Closed under the lock, so that Stop() interrupts no descriptor that has just been closed.
-  dropped.reset();
+  peers_.erase(peer);
   stop_cv_.notify_all();
 }
 

@@ -74,22 +74,18 @@ SslCtxPtr LoadTlsContext(const std::string& cert_path, const std::string& key_pa
                                   ": no PEM certificate in it that can be read (" + OpenSslCause() +
                                   ")" + "; give --cert a PEM certificate");
   }
-  // Loading the key also compares it with the certificate.
-  if (SSL_CTX_use_PrivateKey_file(context.get(), key_path.c_str(), SSL_FILETYPE_PEM) != 1) {
-    const int reason = ERR_GET_REASON(ERR_peek_last_error());
-    if (reason == X509_R_KEY_VALUES_MISMATCH || reason == X509_R_KEY_TYPE_MISMATCH) {
-      ERR_clear_error();
-      throw Fatal(kExitNoInput, "private key " + key_path + " does not belong to certificate " +
-                                    cert_path + "; give --cert and --key of the same pair");
-    }
+  const bool is_key =
+      SSL_CTX_use_PrivateKey_file(context.get(), key_path.c_str(), SSL_FILETYPE_PEM) == 1;
+  // Loading a key compares it with a certificate of its own type only.
+  if (is_key ? SSL_CTX_check_private_key(context.get()) != 1
+             : ERR_GET_REASON(ERR_peek_last_error()) == X509_R_KEY_VALUES_MISMATCH) {
+    throw Fatal(kExitNoInput, "private key " + key_path + " does not belong to certificate " +
+                                  cert_path + "; give --cert and --key of the same pair");
+  }
+  if (!is_key) {
     throw Fatal(kExitNoInput, "cannot use private key " + key_path +
                                   ": no PEM key in it that can be read (" + OpenSslCause() + ")" +
                                   "; give --key a PEM private key without a passphrase");
-  }
-  if (SSL_CTX_check_private_key(context.get()) != 1) {
-    ERR_clear_error();
-    throw Fatal(kExitNoInput, "private key " + key_path + " does not belong to certificate " +
-                                  cert_path + "; give --cert and --key of the same pair");
   }
   return context;
 }
