@@ -55,6 +55,16 @@ TEST(AdviceTest, LeavesFilesAndOtherWordsAlone) {
   }
 }
 
+TEST(AdviceTest, AFieldIsAWordOfItsOwn) {
+  for (const char c : std::string("09azAZ_/-.")) {
+    EXPECT_EQ(c + std::string("ca_file"), InOptions(c + std::string("ca_file")));
+    EXPECT_EQ(std::string("ca_file") + c, InOptions(std::string("ca_file") + c));
+  }
+  for (const char c : std::string(":@[`{ ,")) {
+    EXPECT_EQ(c + std::string("--cacert") + c, InOptions(c + std::string("ca_file") + c));
+  }
+}
+
 TEST(AdviceTest, SettingsThatCannotBeUsedAreNamedByTheirOptions) {
   const test::TempFolder folder;
   const std::string no_pem = folder.File("ca_file");

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <memory>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -196,9 +197,15 @@ TEST_F(DoctorTest, FindsNothingWrongAndSendsNoReport) {
        {"url            ok", "settings       ok", "resolve        ok", "connect        ok",
         "tls            ok", "verdict        ok", "version: TLSv1.3", "verification: ok",
         "certificate 1 subject: CN=good", "certificate 1 issuer: CN=ca",
-        "certificate 1 names: localhost, 127.0.0.1, ::1", " days left)", "--probe"}) {
+        "certificate 1 names: localhost, 127.0.0.1, ::1", " days left)", "--probe",
+        "protocol: http/1.1\n"}) {
     EXPECT_TRUE(Mentions(result.out, part)) << part << "\n" << result.out;
   }
+  const std::string host = "    host: 127.0.0.1\n    port: " + collector.port() + "\n";
+  EXPECT_TRUE(Mentions(result.out, host)) << result.out;
+  EXPECT_TRUE(std::regex_search(
+      result.out, std::regex("127\\.0\\.0\\.1:\\d+: connected after \\d+\\.\\d ms\n")))
+      << result.out;
   EXPECT_TRUE(Mentions(result.out, "pin: " + good_.pin + "\n    pinned: no keys are\n"))
       << result.out;
   EXPECT_EQ(0u, collector.Stop());
@@ -598,6 +605,17 @@ TEST_F(DoctorProxyTest, GoesThroughItAndLetsItResolveTheName) {
   EXPECT_TRUE(Mentions(result.out, "reply code: 0, succeeded")) << result.out;
   EXPECT_FALSE(Mentions(result.out, "p@ss")) << result.out;
   EXPECT_EQ(1u, reports.load());
+}
+
+TEST_F(DoctorProxyTest, ReportsGoThroughItToo) {
+  const Result result =
+      RunWhole({QUENOR_REPORT_PATH, "send", "--url", collector_.url(), "--cacert",
+                authority_.ca_file(), "--cache", "none", "--send-now", "--max-resend", "1",
+                "--socks5", "reporter:p%40ss@" + ProxyAddress()},
+               "a\n");
+
+  EXPECT_EQ(0, result.exit_code) << result.err;
+  EXPECT_EQ(1u, collector_.Stop());
 }
 
 TEST_F(DoctorProxyTest, NamesAWrongPassword) {

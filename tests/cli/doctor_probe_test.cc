@@ -22,9 +22,14 @@ TEST(DoctorProbeTest, NamesEachControlFieldThatTheChannelObeys) {
       200, R"({"bytes_errinfo":"success","uint32_send_interval":500,"uint32_max_resend_count":7,)"
            R"("uint32_report_duration":60})"));
 
-  EXPECT_TRUE(Mentions(text, "uint32_send_interval: 500 (obeyed")) << text;
-  EXPECT_TRUE(Mentions(text, "uint32_max_resend_count: 7 (obeyed")) << text;
-  EXPECT_TRUE(Mentions(text, "uint32_report_duration: 60 (obeyed")) << text;
+  EXPECT_TRUE(Mentions(text,
+                       "    reply: a JSON object that the channel obeys\n"
+                       "    uint32_send_interval: 500 (obeyed: milliseconds between messages)\n"
+                       "    uint32_max_resend_count: 7 (obeyed: sends of a message before it is "
+                       "dropped)\n"
+                       "    uint32_report_duration: 60 (obeyed: seconds between lines of "
+                       "statistics)\n"))
+      << text;
   EXPECT_TRUE(Mentions(text, "answered 200")) << text;
 }
 

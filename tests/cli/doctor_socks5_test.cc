@@ -1,6 +1,8 @@
 #include "cli/doctor_socks5.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -174,6 +176,17 @@ TEST(DoctorSocks5Test, AnEndWithinTheReplyIsNamed) {
 
     EXPECT_EQ("proxy_closed", AskProxy(wire, kOpen, kServer).cause) << size;
   }
+}
+
+TEST(DoctorSocks5Test, WritingEndsWithItsTimeAndWithThePeer) {
+  int ends[2];
+  ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends));
+  SocketWire wire(ends[0], /*timeout_ms=*/1);
+
+  EXPECT_EQ(Wire::End::kTimedOut, wire.Write(std::string(16 << 20, 'x')));
+  ::close(ends[1]);
+  EXPECT_EQ(Wire::End::kClosed, wire.Write("x"));
+  ::close(ends[0]);
 }
 
 }  // namespace

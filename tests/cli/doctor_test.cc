@@ -78,6 +78,15 @@ TEST(DoctorSettingsTest, SaysTheProxyButNotItsPassword) {
   EXPECT_FALSE(Mentions(text, "s3cret"));
 }
 
+TEST(DoctorSettingsTest, SaysWhetherHttp2IsOffered) {
+  Connection http1;
+  http1.http1 = true;
+
+  EXPECT_TRUE(Mentions(AsText(Described({})), "HTTP: HTTP/2 is offered\n"));
+  EXPECT_TRUE(Mentions(AsText(Described(http1)), "HTTP: HTTP/1.1 only\n"));
+  EXPECT_TRUE(Mentions(AsText(Described({}, {}, /*is_tls=*/false)), "HTTP: HTTP/1.1 only\n"));
+}
+
 TEST(DoctorSettingsTest, WarnsOfTheKeyLog) {
   const Step step = Described({}, {{"SSLKEYLOGFILE", "/tmp/keys"}});
 
@@ -168,6 +177,7 @@ TEST(DoctorResolveTest, AnAddressIsItsOwnAnswer) {
 
   EXPECT_EQ(Step::Result::kOk, step.result) << step.summary;
   EXPECT_TRUE(Mentions(AsText(step), "address: [::1]:80\n")) << AsText(step);
+  EXPECT_EQ(1u, endpoints.size());
 }
 
 // ---- Certificates -------------------------------------------------------------------------------

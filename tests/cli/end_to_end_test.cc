@@ -34,6 +34,19 @@ std::string BodyThatIsCutShort() {
   return body;
 }
 
+// What is written to `side` can be read from `screen`.
+struct Terminal {
+  Terminal() : screen(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+    EXPECT_EQ(0, ::grantpt(screen.get()));
+    EXPECT_EQ(0, ::unlockpt(screen.get()));
+    side.Reset(::open(::ptsname(screen.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    EXPECT_GE(side.get(), 0);
+  }
+
+  Fd screen;
+  Fd side;
+};
+
 TEST_F(ReportTest, DeliversAThousandLinesOnceEachAndUnaltered) {
   Collector collector(certificates_, {});
   const std::vector<std::string> lines = NumberedLines(1000);
@@ -329,6 +342,7 @@ TEST_F(ReportTest, ASignalEndsItWhileItWaitsForInput) {
                  std::move(input.reader));
   ASSERT_EQ(2, ::write(input.writer.get(), "a\n", 2));
   collector.WaitForRequests(1);
+  report.WaitUntilAsleep();
 
   report.Signal(SIGTERM);
   const Result result = ResultOf(&report);
@@ -378,15 +392,11 @@ TEST_F(ReportTest, AnEndlessPipeIsEndedBySigint) {
 
 TEST_F(ReportTest, ShowsProgressOnATerminalOnly) {
   Collector collector(certificates_, {});
-  Fd terminal(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-  ASSERT_EQ(0, ::grantpt(terminal.get()));
-  ASSERT_EQ(0, ::unlockpt(terminal.get()));
-  Fd other_side(::open(::ptsname(terminal.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
-  ASSERT_GE(other_side.get(), 0);
-  Collected shown(std::move(terminal));
+  Terminal terminal;
+  Collected shown(std::move(terminal.screen));
   {
     Process report(SendCommand(certificates_, collector.url(), {"--send-now"}),
-                   Containing(Joined(NumberedLines(20))), std::move(other_side));
+                   Containing(Joined(NumberedLines(20))), std::move(terminal.side));
     EXPECT_EQ(0, report.Wait());
     EXPECT_EQ("handed_over=20 delivered=20 failed_attempts=0 dropped=0 left=0 loaded=0 kept=0\n",
               report.out().Whole());
@@ -394,6 +404,22 @@ TEST_F(ReportTest, ShowsProgressOnATerminalOnly) {
 
   EXPECT_TRUE(Mentions(shown.Whole(), "delivered 20, in flight 0, queued 0, retries 0, "))
       << shown.Whole();
+  EXPECT_EQ("/s\r\n", shown.Whole().substr(shown.Whole().size() - 4));
+}
+
+TEST_F(ReportTest, ShowsWhatHappensAfterALongRest) {
+  Collector collector(certificates_, {"--misbehave", "all: status=503"});
+  Terminal terminal;
+  Collected shown(std::move(terminal.screen));
+  Pipe input;
+  Process report(SendCommand(certificates_, collector.url(), {"--send-now"}),
+                 std::move(input.reader), std::move(terminal.side));
+  ASSERT_EQ(2, ::write(input.writer.get(), "a\n", 2));
+
+  EXPECT_TRUE(shown.WaitFor("retries 2", 1));
+
+  report.Signal(SIGTERM);
+  EXPECT_EQ(75, report.Wait());
 }
 
 TEST_F(ReportTest, AnUnreadableFileIsFoundBeforeAnythingIsSent) {
@@ -472,7 +498,8 @@ TEST_F(ReportTest, WrongUsageIsNamedInOneLine) {
 TEST_F(ReportTest, NohupKeepsAHangUpFromEndingIt) {
   Collector collector(certificates_, {});
   Pipe input;
-  Arguments arguments = {"sh", "-c", "trap '' HUP; exec \"$@\"", "sh"};
+  // No byte of its memory is 0 unless it writes one.
+  Arguments arguments = {"env", "MALLOC_PERTURB_=2", "sh", "-c", "trap '' HUP; exec \"$@\"", "sh"};
   for (const std::string& word : SendCommand(certificates_, collector.url(), {"--send-now"})) {
     arguments.push_back(word);
   }

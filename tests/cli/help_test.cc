@@ -58,6 +58,12 @@ TEST(HelpTest, PutsDescriptionsBelowWhereTheColumnIsTooNarrow) {
       << help;
 }
 
+TEST(HelpTest, AWordThatJustFitsStaysOnItsLine) {
+  const std::string line = std::string(19, 'x') + " " + std::string(20, 'y');
+
+  EXPECT_EQ(line + "\nz\n", FitHelp(line + " z\n", line.size()));
+}
+
 TEST(HelpTest, NoLineIsLongerThanTheTerminalIsWide) {
   for (size_t width = 58; width <= 120; ++width) {
     EXPECT_LE(LongestLine(FitHelp(kHelp, width)), width) << width;

@@ -574,6 +574,7 @@ TEST_F(LedgerTest, ShowsEachIntervalThatTheServerSets) {
   EXPECT_EQ((std::vector<std::string>{"the send interval is now 3000 ms: the server has set it",
                                       "the send interval is now 200 ms: the server has set it"}),
             ledger_.TakeNotices());
+  EXPECT_EQ(2, wakes_);
 }
 
 TEST_F(TunedLedgerTest, SaysThatAnIntervalOfTheServersSwitchesSendNowOff) {

@@ -131,6 +131,10 @@ Process::~Process() {
 
 void Process::Signal(int number) { ::kill(pid_, number); }
 
+void Process::WaitUntilAsleep() {
+  PollPatiently("sleep", [this] { return StatusLine(pid_, "State").front() == 'S'; });
+}
+
 int Process::Wait() {
   if (!ended_) result_ = ReapPatiently(pid_);
   ended_ = true;

@@ -81,6 +81,9 @@ class Process {
 
   void Signal(int number);
 
+  // Waits until its main thread sleeps.
+  void WaitUntilAsleep();
+
   // Waits for its end, or kills it when that does not come: the exit code, or minus the number of
   // the signal that ended it.
   int Wait();

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <string>
@@ -19,6 +20,16 @@ class SavedListTest : public ::testing::Test {
   const test::TempFolder folder_;
   const std::string path_ = folder_.File("saved");
 };
+
+TEST_F(SavedListTest, GivesItsDescriptorBack) {
+  const int next = ::dup(STDERR_FILENO);
+  ::close(next);
+
+  SavedList(path_).Append({"1"});
+
+  EXPECT_EQ(next, ::dup(STDERR_FILENO));
+  ::close(next);
+}
 
 TEST_F(SavedListTest, EachIdIsInTheFileOnceAppendReturns) {
   SavedList list(path_);

@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <future>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -67,6 +69,23 @@ TEST_F(CrewTest, NoMoreThreadsThanAllowedAreMade) {
 
   ASSERT_EQ(3u, threads.size());
   EXPECT_EQ(threads[0], threads[2]);
+}
+
+TEST_F(CrewTest, NoThreadIsMadeWhileOneRests) {
+  using Entries = std::filesystem::directory_iterator;
+  const auto threads = [] { return std::distance(Entries("/proc/self/task"), Entries()); };
+  Crew crew(/*seats=*/1, /*most_waiting=*/8);
+  const auto serve = [&crew] {
+    std::promise<void> served;
+    crew.Post([&] { served.set_value(); });
+    served.get_future().wait();
+  };
+  serve();
+  const auto before = threads();
+
+  for (int i = 0; i < 4; ++i) serve();
+
+  EXPECT_EQ(before, threads());
 }
 
 TEST_F(CrewTest, WhoHasWaitedNeedsASeatAgain) {

@@ -20,7 +20,8 @@ TEST(JsonTest, ControlCharactersAreEscapedAndStayOnOneLine) {
 }
 
 TEST(JsonTest, ValidUtf8PassesThrough) {
-  const std::string text = "\xC3\xA4 \xE2\x82\xAC \xF0\x9F\x98\x80 \xED\x9F\xBF \xF4\x8F\xBF\xBF";
+  const std::string text =
+      "\xC2\x80\xDF\xBF \xE0\xA0\x80\xEF\xBF\xBF \xED\x9F\xBF \xF0\x90\x80\x80\xF4\x8F\xBF\xBF";
 
   EXPECT_EQ(JsonQuote(text), "\"" + text + "\"");
 }
@@ -29,8 +30,10 @@ TEST(JsonTest, InvalidUtf8BecomesReplacementCharacters) {
   const std::string mark = "\xEF\xBF\xBD";
 
   EXPECT_EQ(JsonQuote("a\xFFz"), "\"a" + mark + "z\"");
-  EXPECT_EQ(JsonQuote("\xC3"), "\"" + mark + "\"");                        // Cut short.
-  EXPECT_EQ(JsonQuote("\xC0\xAF"), "\"" + mark + mark + "\"");             // Over-long.
+  EXPECT_EQ(JsonQuote("\xC3"), "\"" + mark + "\"");             // Cut short.
+  EXPECT_EQ(JsonQuote("\xC1\xBF"), "\"" + mark + mark + "\"");  // Over-long.
+  EXPECT_EQ(JsonQuote("\xF0\x8F\xBF\xBF"),                      // Over-long.
+            "\"" + mark + mark + mark + mark + "\"");
   EXPECT_EQ(JsonQuote("\xE0\x80\xAF"), "\"" + mark + mark + mark + "\"");  // Over-long.
   EXPECT_EQ(JsonQuote("\xED\xA0\x80"), "\"" + mark + mark + mark + "\"");  // Surrogate.
   EXPECT_EQ(JsonQuote("\xF4\x90\x80\x80"),                                 // Beyond U+10FFFF.

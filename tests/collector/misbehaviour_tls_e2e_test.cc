@@ -103,6 +103,19 @@ TEST_F(MisbehaviourTlsTest, ConnectionsEndInPlaceOfTheHandshake) {
   EXPECT_EQ(Post(*collector.NewClient(), "body"), 200);
 }
 
+TEST_F(MisbehaviourTlsTest, AnAnswerThatIsReadLateComesWhole) {
+  Collector collector(dir_ / "", Collector::Transport::kTls,
+                      {"--misbehave", "1: body-size=32MiB", "--threads", "1"});
+  RawTlsClient client(collector.port());
+  client.Send("POST / HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
+  // The one worker answers others once it waits for this client to read.
+  EXPECT_EQ(Post(*collector.NewClient(), "body"), 200);
+
+  const std::string answer = client.ReadAll();
+
+  EXPECT_EQ(answer.size() - answer.find("\r\n\r\n") - 4, 32u << 20);
+}
+
 TEST_F(MisbehaviourTlsTest, AHandshakeThatIsNeverAnsweredSparesTheWorker) {
   Collector collector(dir_ / "", Collector::Transport::kTls,
                       {"--misbehave", "connection 1: hang", "--threads", "1"});

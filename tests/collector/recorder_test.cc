@@ -172,6 +172,16 @@ TEST_F(RecorderTest, LineTornByAKillDoesNotSwallowTheNext) {
   EXPECT_EQ(test::ParseObject(log.substr(line_end + 1))["size"].GetUint64(), 4u);
 }
 
+TEST_F(RecorderTest, BodyThatCannotBeFiledLeavesNothingBehind) {
+  Recorder recorder(options_);
+  const std::string name = Name("0000000001", "body") + ".bin";
+  ASSERT_TRUE(std::filesystem::create_directory(options_.out_dir + "/" + name));
+
+  EXPECT_FALSE(Record(recorder, "body"));
+
+  EXPECT_EQ(ListDir(options_.out_dir), std::vector<std::string>{name});
+}
+
 TEST_F(RecorderTest, BodyThatCannotBeFiledIsNotAccepted) {
   Recorder recorder(options_);
   ASSERT_EQ(::rmdir(options_.out_dir.c_str()), 0);

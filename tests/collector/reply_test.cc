@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <utility>
+
 namespace quenor::collector {
 namespace {
 
@@ -26,6 +29,15 @@ TEST(ReplyTest, AllControlFieldsAndAnErrinfoThatNeedsEscaping) {
   EXPECT_EQ(BuildReply(options),
             R"({"bytes_errinfo":"no \"room\"","uint32_send_interval":0,)"
             R"("uint32_max_resend_count":1,"uint32_report_duration":4294967295})");
+}
+
+TEST(ReplyTest, ARefusalSaysWhy) {
+  const std::pair<int, std::string> cases[] = {
+      {400, "bad request"},    {405, "bad request"},     {408, "request not complete in time"},
+      {413, "body too large"}, {414, "target too long"}, {431, "head too large"}};
+  for (const auto& [status, reason] : cases) {
+    EXPECT_EQ(BuildRefusal(status), "{\"bytes_errinfo\":\"" + reason + "\"}") << status;
+  }
 }
 
 TEST(ReplyTest, OnlyTwoHundredIsAccepted) {
