@@ -327,6 +327,15 @@ TEST_F(DoctorTest, NamesTheAuthorityThatIsNotTrusted) {
   EXPECT_TRUE(Mentions(result.out, "pin: " + good_.pin)) << result.out;
 }
 
+TEST_F(DoctorTest, NamesTheCipherOfAHandshakeThatItBroke) {
+  const CertificateAuthority stranger(folder_.path(), "stranger");
+  const OpensslServer server(good_, {"-tls1_2"});
+
+  const Result result = Examine(server.Url(), {"--cacert", stranger.ca_file()});
+
+  EXPECT_TRUE(Mentions(result.out, "cipher: ECDHE-")) << result.out;
+}
+
 TEST_F(DoctorTest, NamesASelfSignedCertificateUnlessItIsTheTrustedOne) {
   const Certificate own = {folder_.File("own.pem"), folder_.File("own.key"), ""};
   const Result made = RunWhole(

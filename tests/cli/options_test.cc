@@ -207,6 +207,8 @@ TEST(OptionsTest, NamesWhatWasMistypedAndWhatIsNearest) {
       {{"cache", "purge", "f", "--yess"},
        "there is no option \"--yess\" (did you mean --yes?); see quenor-report cache --help"},
       {{"cache", "list", "f", "g"}, "\"g\" is one name too many; see quenor-report cache --help"},
+      {{"send", "--url", kUrl, "--interval", "soon"},
+       "Could not convert: --interval = soon; see quenor-report send --help"},
       {{}, "give one of send, cache and doctor; see quenor-report --help"},
   };
   for (const auto& test : cases) EXPECT_EQ(test.objection, Objection(test.arguments));
