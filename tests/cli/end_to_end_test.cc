@@ -498,8 +498,13 @@ TEST_F(ReportTest, WrongUsageIsNamedInOneLine) {
 TEST_F(ReportTest, NohupKeepsAHangUpFromEndingIt) {
   Collector collector(certificates_, {});
   Pipe input;
-  // No byte of its memory is 0 unless it writes one.
-  Arguments arguments = {"env", "MALLOC_PERTURB_=2", "sh", "-c", "trap '' HUP; exec \"$@\"", "sh"};
+  // glibc then fills the memory that it gives out.
+  Arguments arguments = {"env",
+                         "GLIBC_TUNABLES=glibc.malloc.tcache_count=0:glibc.malloc.perturb=2",
+                         "sh",
+                         "-c",
+                         "trap '' HUP; exec \"$@\"",
+                         "sh"};
   for (const std::string& word : SendCommand(certificates_, collector.url(), {"--send-now"})) {
     arguments.push_back(word);
   }
