@@ -100,10 +100,9 @@ bool Session::Step() {
   bool poll_input = false;
   if (IsLoadOver()) {
     HandOverAgain();
-    while (Feed(&poll_input)) {
-      PrintNotices();
-      if (signals_.received() != 0) return false;
+    if (Feed(&poll_input)) {
       ShowProgress(Clock::now());
+      return true;
     }
   }
   if (input_state_ != InputState::kOpen && ledger_.GetCounts().left == 0) return false;

@@ -50,7 +50,8 @@ class Session {
   void Start();
   // False until the cache is loaded. Then everything that is to be said about it was said.
   bool IsLoadOver();
-  // False when the run is over. Else everything that can be done at once was done.
+  // False when the run is over. Else one message was handed over, or everything else was done that
+  // can be done at once, and there is something new to look at.
   bool Step();
   // Hands over the next message, if it is there and there is room. False when there was nothing to
   // do; `*poll_input` then tells whether more input is worth waiting for.
