@@ -1,32 +1,42 @@
 // What wakes a queue's thread, and what does not. A wake-up too few shows elsewhere as a delay
 // only, one too many as nothing at all; so here they are counted, where the queue calls the C++
-// library.
+// library, and so are its pauses.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 
+#include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_create_flag.h"
 #include "quenor_base/platform/thread_manager.h"
 #include "tests/conformance/dispatch_queue_conformance.h"
+#include "tests/support/patience.h"
 
 // How often queues' threads have gone to sleep, and how often the calling thread has woken
 // somebody.
 static std::atomic<int> sleeps{0};
 static thread_local int wake_ups = 0;
+// Pauses of any thread by their length, and the calling thread's yields.
+static std::atomic<int> naps{0};
+static std::atomic<int> rests{0};
+static thread_local int yields = 0;
+// Runs once, when the calling thread has next given back a mutex.
+static thread_local const std::function<void()>* at_unlock = nullptr;
 
 static void NoteSleep() {
   if (quenor::base::ThreadCreateFlag::IsThreadCreateByQuenor()) ++sleeps;
 }
 
 // The linker redirects the library's calls here (--wrap): condition_variable::notify_one(), its
-// wait(), and what its wait_until() comes to.
+// wait(), and what its wait_until() and others come to.
 extern "C" {
 void __real__ZNSt18condition_variable10notify_oneEv(std::condition_variable* self);
 void __wrap__ZNSt18condition_variable10notify_oneEv(std::condition_variable* self) {
@@ -46,6 +56,23 @@ int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mu
                                   clockid_t clock, const struct timespec* until) {
   NoteSleep();
   return __real_pthread_cond_clockwait(condition, mutex, clock, until);
+}
+int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+  const int result = __real_pthread_mutex_unlock(mutex);
+  const auto* const act = std::exchange(at_unlock, nullptr);
+  if (act != nullptr) (*act)();
+  return result;
+}
+int __real_nanosleep(const struct timespec* time, struct timespec* left);
+int __wrap_nanosleep(const struct timespec* time, struct timespec* left) {
+  ++(time->tv_nsec <= 20000 ? naps : rests);
+  return __real_nanosleep(time, left);
+}
+int __real_sched_yield();
+int __wrap_sched_yield() {
+  ++yields;
+  return __real_sched_yield();
 }
 }
 
@@ -95,6 +122,20 @@ class QueueWakeTest : public ::testing::Test {
     queue_->PostTask(kHere, [] {});
   }
 
+  // A task that is held until its gate is opened.
+  struct Held {
+    Gate inside;
+    Gate go_on;
+  };
+  std::shared_ptr<Held> Hold() {
+    auto held = std::make_shared<Held>();
+    queue_->PostTask(kHere, [held] {
+      held->inside.Open();
+      held->go_on.Wait();
+    });
+    return held;
+  }
+
   std::shared_ptr<DispatchQueue> queue_;
 };
 
@@ -103,13 +144,8 @@ TEST_F(QueueWakeTest, PostWakesASleepingThreadOnce) {
 }
 
 TEST_F(QueueWakeTest, PostsDoNotWakeAThreadThatIsAtWork) {
-  Gate inside;
-  Gate go_on;
-  queue_->PostTask(kHere, [&] {
-    inside.Open();
-    go_on.Wait();
-  });
-  ASSERT_TRUE(inside.Wait());
+  const auto held = Hold();
+  ASSERT_TRUE(held->inside.Wait());
   const int before = wake_ups;
 
   for (int i = 0; i < 100; ++i) Nothing();
@@ -117,19 +153,16 @@ TEST_F(QueueWakeTest, PostsDoNotWakeAThreadThatIsAtWork) {
       kHere, [] {}, kHour);
 
   EXPECT_EQ(wake_ups, before);
-  go_on.Open();
-  End();
+  held->go_on.Open();
 }
 
 TEST_F(QueueWakeTest, PostsBehindTheOneThatWakesDoNotWakeAgain) {
-  Gate go_on;
   const int before = wake_ups;
-  queue_->PostTask(kHere, [&] { go_on.Wait(); });
+  const auto held = Hold();
   for (int i = 0; i < 10; ++i) Nothing();
 
   EXPECT_EQ(wake_ups - before, 1);
-  go_on.Open();
-  End();
+  held->go_on.Open();
 }
 
 TEST_F(QueueWakeTest, OnlyADeadlineThatComesFirstWakesTheThread) {
@@ -186,6 +219,65 @@ TEST_F(QueueWakeTest, RetireDoesNotWakeAndTheLastReferenceDoes) {
 
   EXPECT_EQ(WakeUpsOf([&] { queue_->Retire(); }), 0);
   EXPECT_EQ(WakeUpsOf([&] { queue_.reset(); }, false), 1);
+}
+
+// Behind the thread's look at the deadlines, and in front of its sleep.
+TEST_F(QueueWakeTest, DeadlineThatComesWhileTheThreadGoesToSleepIsSeen) {
+  Gate passed;
+  const std::function<void()> post = [&] {
+    queue_->PostDelayedTask(
+        kHere, [&] { passed.Open(); }, TimeDelta::FromMilliseconds(1));
+  };
+  const auto held = Hold();
+  ASSERT_TRUE(held->inside.Wait());
+  queue_->PostTask(kHere, [&] { at_unlock = &post; });  // Alone, and behind no sleep: no nap.
+
+  held->go_on.Open();
+
+  EXPECT_TRUE(passed.Wait());
+  End();
+}
+
+TEST_F(QueueWakeTest, ThreadNapsBehindMoreThanFourTasks) {
+  for (const int tasks : {1, 4, 5, 100}) {
+    const auto first = Hold();
+    ASSERT_TRUE(first->inside.Wait());
+    const auto second = Hold();  // Ahead of it there is no sleep, and so no short one.
+    first->go_on.Open();
+    ASSERT_TRUE(second->inside.Wait());
+    const int before = naps;
+
+    for (int i = 1; i < tasks; ++i) Nothing();
+    const auto last = Hold();
+    second->go_on.Open();
+    ASSERT_TRUE(last->inside.Wait());
+    const auto next = Hold();
+    last->go_on.Open();
+    ASSERT_TRUE(next->inside.Wait());
+
+    EXPECT_EQ(naps - before, tasks > 4 ? 1 : 0) << tasks;
+    next->go_on.Open();
+  }
+}
+
+TEST(ShortLockTest, WhoWaitsForLongYieldsAndThenRests) {
+  base::ShortLock lock;
+  lock.lock();
+  int yields_of_waiter = 0;
+  std::thread waiter([&] {
+    lock.lock();
+    lock.unlock();
+    yields_of_waiter = yields;
+  });
+  const int rests_before = rests;
+  const auto until = std::chrono::steady_clock::now() + kPatience;
+
+  while (rests == rests_before && std::chrono::steady_clock::now() < until) sched_yield();
+  EXPECT_GT(rests, rests_before);
+  lock.unlock();
+  waiter.join();
+
+  EXPECT_GT(yields_of_waiter, 0);
 }
 
 // Each wake-up leads to one look and one sleep: a thread that finds nothing does not go round.
