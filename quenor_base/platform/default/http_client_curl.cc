@@ -115,7 +115,7 @@ struct Transfer : Exchange {
   ~Transfer() {
     std::free(bytes);
     curl_slist_free_all(own_headers);
-    if (easy != nullptr) curl_easy_cleanup(easy);
+    curl_easy_cleanup(easy);
   }
   Transfer(const Transfer&) = delete;
   Transfer& operator=(const Transfer&) = delete;
@@ -135,7 +135,6 @@ struct Transfer : Exchange {
   uint64_t* progress = nullptr;
   HttpSockets* sockets = nullptr;  // What the handle's options name.
   http_connection::HangUps* hang_ups = nullptr;
-  size_t* waiting = nullptr;
 };
 
 // Makes room for `more` bytes after those that arrived; false beyond the cap or without memory.
@@ -230,7 +229,6 @@ int OnUnderWay(void* user, char*, char*, int, int) {
   transfer->error[0] = '\0';
   transfer->size_bytes = 0;
   transfer->headers_complete = false;
-  if (!transfer->under_way) --*transfer->waiting;
   transfer->under_way = true;
   return CURL_PREREQFUNC_OK;
 }
@@ -522,7 +520,6 @@ struct Io {
   // I/O thread only.
   std::vector<Transfer*> starting;
   std::vector<Transfer*> active;  // In the multi handle; each knows its index.
-  size_t waiting_in_libcurl = 0;  // Those of them that have no connection yet.
   std::vector<Transfer*> finished;
   std::vector<Transfer*> surplus;
   HttpSockets sockets;
@@ -729,7 +726,6 @@ Io* Engine::EnsureIo(std::string* problem) {
     *problem = "libcurl has no memory";
     return nullptr;
   }
-  curl_multi_setopt(io->multi, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_MULTIPLEX));
   curl_multi_setopt(io->multi, CURLMOPT_MAXCONNECTS, kIdleConnections);
   io->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (io->wake_fd < 0 || !io->hang_ups.Open()) {
@@ -916,8 +912,7 @@ void Engine::Close(ClientSettings* client) {
   Io* io = io_;
   if (io == nullptr || client->used_io != io) return;
   io->any_closed = true;
-  if (io->sleeping) WakeUp(*io);
-  io->sleeping = false;
+  if (std::exchange(io->sleeping, false)) WakeUp(*io);
   // Nobody hears of success once this has returned. The callback itself may be who closes.
   while (io->told == client && !io->parked && !pthread_equal(io->told_on, pthread_self())) {
     pthread_cond_wait(&io->work_done, lock_.native_handle());
@@ -941,7 +936,8 @@ void Engine::Run(Io* io) {
     // forget the timer that would have it look at that request: it looks at all of them when asked.
     // One that goes to a new connection, because its own has died, is not known to wait.
     io->look_again = !io->finished.empty() && !io->active.empty();
-    const bool at_once = io->look_again && io->waiting_in_libcurl > 0;
+    const auto waits = [](const Transfer* transfer) { return !transfer->under_way; };
+    const bool at_once = io->look_again && std::any_of(io->active.begin(), io->active.end(), waits);
     Report(io);
     if (io->IsParents()) return;
     CloseHungUp(io);
@@ -993,7 +989,6 @@ void Engine::StartSubmitted(Io* io) {
       curl_multi_setopt(io->multi, CURLMOPT_MAXCONNECTS, std::max(kIdleConnections, connections));
     }
     transfer->progress = &io->progress;
-    transfer->waiting = &io->waiting_in_libcurl;
     if (transfer->sockets != &io->sockets) {
       transfer->sockets = &io->sockets;
       transfer->hang_ups = &io->hang_ups;
@@ -1009,7 +1004,6 @@ void Engine::StartSubmitted(Io* io) {
       io->finished.push_back(transfer);
       continue;
     }
-    ++io->waiting_in_libcurl;
     transfer->active_index = io->active.size();
     io->active.push_back(transfer);
     io->next_deadline_ms = std::min(io->next_deadline_ms, transfer->deadline_ms);
@@ -1046,9 +1040,7 @@ void Engine::Finish(Io* io, Transfer* transfer) {
   last->active_index = transfer->active_index;
   io->active.pop_back();
   if (io->active.empty()) io->next_deadline_ms = kNever;
-  if (!transfer->under_way) --io->waiting_in_libcurl;
   LeaveLine(io, transfer);
-  ++io->progress;
   io->finished.push_back(transfer);
 }
 
@@ -1227,21 +1219,20 @@ void Engine::Watch(Io* io) {
 // Runs what is due, without the lock: a callback may send, create and destroy clients, and fork.
 // It, or the log's sink, may return in the child, too: there this thread ends.
 void Engine::Report(Io* io) {
-  if (io->finished.empty()) return;
-  lock_.Acquire();
   for (Transfer* transfer : io->finished) {
-    StayWhileParked(io);
-    DecideState(io, transfer);
-    lock_.Release();
+    {
+      base::AutoLock hold(lock_);
+      StayWhileParked(io);
+      DecideState(io, transfer);
+    }
     RunCallback(*io, transfer);
     if (io->IsParents()) return;
     Clear(transfer);
-    lock_.Acquire();
+    base::AutoLock hold(lock_);
     if (io->told != nullptr) pthread_cond_broadcast(&io->work_done);
     io->told = nullptr;
     (io->idle.size() < kIdleTransfers ? io->idle : io->surplus).push_back(transfer);
   }
-  lock_.Release();
   io->finished.clear();
 }
 
