@@ -4,6 +4,7 @@
 #include <sys/uio.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -112,7 +113,7 @@ size_t DescribeFormatError(LineBuffer* line, const char* format, int error) {
   const int length =
       std::snprintf(line->data(), line->capacity(),
                     "log: error %d in formatting a line; its format is \"%s\"", error, format);
-  const size_t size = length < 0 ? 0 : static_cast<size_t>(length);
+  const size_t size = static_cast<size_t>(std::max(length, 0));
   return size < line->capacity() ? size : line->capacity() - 1;
 }
 
@@ -123,7 +124,7 @@ size_t Format(LineBuffer* line, const char* format, va_list args, size_t* lost) 
   va_list again;
   va_copy(again, args);
   int length = std::vsnprintf(line->data(), line->capacity(), format, args);
-  size_t size = length < 0 ? 0 : static_cast<size_t>(length);
+  size_t size = static_cast<size_t>(std::max(length, 0));
   if (size >= line->capacity()) {
     if (line->Reserve(size + 1)) {
       errno = caller_errno;
