@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "tests/integration/http_client_fixture.h"
+#include "tests/integration/support/child_process.h"
 
 namespace quenor::test {
 namespace {
@@ -41,11 +42,16 @@ TEST_F(HttpDefaultsTest, MissingCaFileIsRefused) {
 TEST_F(HttpDefaultsTest, CaFileThatIsNoPemIsRefused) {
   const std::string good = ReadWholeFile(authority_.ca_file());
   const size_t middle = good.size() / 2;
+  const auto block = [](const std::string& label, const std::string& base64) {
+    return "-----BEGIN " + label + "-----\n" + base64 + "\n-----END " + label + "-----\n";
+  };
   for (const std::string& content :
        {std::string(), std::string("hello"), good.substr(0, middle),
-        good.substr(0, middle) + "!" + good.substr(middle + 1),
-        std::string("-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"),
-        good + good.substr(0, middle), ReadWholeFile(certificate_.key_file)}) {
+        good.substr(0, middle) + "!" + good.substr(middle + 1), block("CERTIFICATE", "AAAA"),
+        // A byte behind the SEQUENCE; no base64; an alphabet of another kind.
+        block("CERTIFICATE", "MAAA"), block("TRUSTED CERTIFICATE", "AAAAA"),
+        block("TRUSTED CERTIFICATE", "AA_A"), good + good.substr(0, middle),
+        ReadWholeFile(certificate_.key_file)}) {
     HttpDefaults defaults;
     defaults.ca_file = Write("bad.pem", content);
     Refusal(defaults, defaults.ca_file);
@@ -117,6 +123,19 @@ TEST_F(HttpDefaultsTest, ClientCertificateNeedsAKeyThatCanBeRead) {
   defaults.client_certificate_file =
       Write("both.pem",
             ReadWholeFile(certificate_.certificate_file) + ReadWholeFile(certificate_.key_file));
+  EXPECT_EQ(SetHttpDefaults(defaults), "");
+}
+
+TEST_F(HttpDefaultsTest, Ed25519KeyIsAccepted) {
+  HttpDefaults defaults;
+  defaults.client_certificate_file = folder_.File("short.pem");
+  defaults.client_key_file = folder_.File("short.key");  // 48 bytes within the PEM.
+  ChildProcess openssl(
+      {"openssl", "req", "-x509", "-newkey", "ed25519", "-nodes", "-subj", "/CN=x", "-keyout",
+       defaults.client_key_file, "-out", defaults.client_certificate_file},
+      folder_.File("output"));
+  ASSERT_EQ(openssl.Wait(), 0) << ReadWholeFile(folder_.File("output"));
+
   EXPECT_EQ(SetHttpDefaults(defaults), "");
 }
 

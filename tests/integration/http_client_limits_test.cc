@@ -52,8 +52,10 @@ class HttpClientLimitsTest : public HttpClientTest {
     EXPECT_GE(took, std::chrono::milliseconds(c.at_least_ms));
     EXPECT_EQ(outcome.state, c.state);
     ASSERT_EQ(RecordingLog::Texts(2).size(), 1u);
-    EXPECT_NE(RecordingLog::Texts(2)[0].find(": " + c.reason + "; "), std::string::npos)
-        << RecordingLog::Texts(2)[0];
+    const std::string line = RecordingLog::Texts(2)[0];
+    EXPECT_NE(line.find(": " + c.reason + "; "), std::string::npos) << line;
+    const char* which = c.state == State::kTooLarge ? "raise the size limits" : "raise the time";
+    EXPECT_NE(line.find(which), std::string::npos) << line;
   }
 
   static ScriptedServer::Script Saying(const std::string& bytes) {

@@ -232,5 +232,18 @@ TEST_F(HttpClientProcessTest, SteadyExchangeStaysWithinItsSystemCalls) {
   EXPECT_LE(std::stoul(Output()), 10u);
 }
 
+TEST_F(HttpClientProcessTest, ThreadThatIsAwakeIsNotWoken) {
+  ScriptedServer server(Answering(), &certificate_);
+
+  ASSERT_EQ(Run("chain", server.Origin() + "/"), 0) << Output();
+  EXPECT_EQ(Output(), "0\n");
+}
+
+TEST_F(HttpClientProcessTest, SystemsAuthoritiesAreReadOnceForManyConnections) {
+  ScriptedServer server(Answering(), &certificate_);
+
+  EXPECT_EQ(Run("system-authorities", server.Origin() + "/"), 0) << Output();
+}
+
 }  // namespace
 }  // namespace quenor::test

@@ -2,11 +2,14 @@
 // rest. Each mode does one thing and reports it by exit code and output.
 //   http_client_program MODE URL CA_FILE
 #include <dirent.h>
+#include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +20,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -38,6 +42,15 @@ extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* at
                                      void* (*start)(void*), void* argument) {
   if (g_no_threads) return EAGAIN;
   return __real_pthread_create(thread, attributes, start, argument);
+}
+
+// libcurl reads files of authorities by it.
+static std::atomic<int> g_authority_files{0};
+extern "C" int X509_STORE_load_file(void* store, const char* file) {
+  static const auto next =
+      reinterpret_cast<int (*)(void*, const char*)>(dlsym(RTLD_NEXT, "X509_STORE_load_file"));
+  ++g_authority_files;
+  return next(store, file);
 }
 
 static std::atomic<size_t> g_allocations{0};
@@ -136,6 +149,17 @@ int Asked() {
   if (!Post(client.get()) || !Post(client.get())) return 1;
   for (const std::string& name : test::VariablesAskedFor()) std::printf("%s\n", name.c_str());
   return 0;
+}
+
+// Connections to a server that the system's authorities do not know: their bundle is read once.
+int SystemAuthorities() {
+  if (!SetHttpDefaults(HttpDefaults()).empty()) return 1;
+  const auto client = HttpClientFactory::Create(g_config);
+  for (int i = 0; i < 3; ++i) {
+    if (Post(client.get())) return 2;
+  }
+  std::printf("read %d times\n", g_authority_files.load());
+  return g_authority_files <= 1 ? 0 : 3;
 }
 
 // main() returns while the server has not answered.
@@ -307,7 +331,7 @@ int NoThread() {
   return Post(client.get()) ? 0 : 3;
 }
 
-// No descriptor left before the first request, then again once the I/O thread runs.
+// No descriptor left before the first request, then again once the I/O thread runs; then only 0.
 int NoDescriptors() {
   const auto client = HttpClientFactory::Create(g_config);
   rlimit before;
@@ -327,11 +351,15 @@ int NoDescriptors() {
   const bool failed_again = !Post(other.get());
   limit(before.rlim_cur);
   if (!failed_again) return 3;
+  close(0);  // The next connection gets its number.
   return Post(other.get()) ? 0 : 4;
 }
 
-// No thread and no library before the first request; a thread with a name and no signals after it.
+// No thread and no library before the first request; a thread with a name and no signals after it,
+// and the host's own sockets as they were.
 int Lazy() {
+  int hosts[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM, 0, hosts) != 0) return 5;
   const auto client = HttpClientFactory::Create(g_config);
   if (!IoThreadFolder().empty()) return 1;
   if (!Post(client.get())) return 2;
@@ -339,7 +367,8 @@ int Lazy() {
   if (folder.empty()) return 3;
   // All but SIGKILL, SIGSTOP and what the C library keeps for itself.
   const std::string blocked = StatusOf(folder, "SigBlk");
-  return blocked.find("fffffffe7ffbfeff") != std::string::npos ? 0 : 4;
+  if (blocked.find("fffffffe7ffbfeff") == std::string::npos) return 4;
+  return fcntl(hosts[0], F_GETFD) == 0 && fcntl(hosts[1], F_GETFD) == 0 ? 0 : 6;
 }
 
 // With a connection kept open, nothing wakes the I/O thread.
@@ -395,6 +424,25 @@ int Allocations() {
 }
 int SystemCalls() { return PrintPerExchange(&test::CountedCalls); }
 
+// Where each callback sends the next request: prints how often somebody was woken for a hundred.
+int Chain() {
+  static HttpClient* const client = HttpClientFactory::Create(g_config).release();
+  static int answered = 0;
+  static size_t before = 0;
+  static std::promise<size_t> writes;
+  static void (*const send)() = [] {
+    client->SendRequest(
+        g_request, [](State, const HttpClient::Request&, std::unique_ptr<HttpClient::Response>) {
+          if (++answered == 20) before = test::CountedWrites();
+          if (answered == 120) writes.set_value(test::CountedWrites() - before);
+          if (answered < 120) send();
+        });
+  };
+  send();
+  std::printf("%zu\n", writes.get_future().get());
+  return 0;
+}
+
 int Main(int argc, char** argv) {
   if (argc != 4) return 64;
   const std::map<std::string, int (*)()> modes = {{"post", &PostOnce},
@@ -413,7 +461,9 @@ int Main(int argc, char** argv) {
                                                   {"idle", &Idle},
                                                   {"stalled", &Stalled},
                                                   {"allocations", &Allocations},
-                                                  {"system-calls", &SystemCalls}};
+                                                  {"system-authorities", &SystemAuthorities},
+                                                  {"system-calls", &SystemCalls},
+                                                  {"chain", &Chain}};
   const auto mode = modes.find(argv[1]);
   if (mode == modes.end()) return 64;
   g_request.url = argv[2];

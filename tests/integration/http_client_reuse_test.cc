@@ -1,4 +1,6 @@
 // What one request leaves behind for the next: connections, handles and what they hold.
+#include <malloc.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <future>
@@ -211,6 +213,27 @@ TEST_F(HttpClientReuseTest, PlainPostsLeaveNothingThatAddsUp) {
     ASSERT_EQ(outcome.status(), i % 100 == 50 ? 500 : 200) << i;
     ASSERT_EQ(outcome.body(), std::to_string(i));
   }
+}
+
+TEST_F(HttpClientReuseTest, BurstsLeaveNothingThatAddsUp) {
+  ScriptedServer server([](Connection& connection) {
+    ReceivedRequest request;
+    while (connection.ReadRequest(&request)) connection.Respond(200, "");
+  });
+  const auto client = MakeClient(HttpDefaults());
+  const auto burst = [&] {
+    Exchanges exchanges;
+    for (int i = 0; i < 300; ++i) {
+      client->SendRequest(MakeRequest(server.Origin() + "/", "x"), exchanges.Note());
+    }
+    exchanges.WaitFor(300);
+  };
+  for (int i = 0; i < 3; ++i) burst();
+  const size_t before = mallinfo2().uordblks;
+
+  for (int i = 0; i < 5; ++i) burst();
+
+  EXPECT_LT(mallinfo2().uordblks, before + (1 << 20));
 }
 
 // ---- A bad connection and its neighbours --------------------------------------------------------

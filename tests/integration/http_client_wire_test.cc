@@ -234,7 +234,7 @@ TEST_F(HttpClientWireTest, PlaceOfARequestThatTimedOutGoesToTheNextThatWaits) {
   ScriptedServer server([](Connection& connection) {
     ReceivedRequest request;
     while (connection.ReadRequest(&request)) {
-      if (request.body == "hang") return connection.HoldUntilClosed();
+      if (request.body == "hang" || request.body == "late") return connection.HoldUntilClosed();
       connection.Respond(200, request.body);
     }
   });
@@ -245,15 +245,20 @@ TEST_F(HttpClientWireTest, PlaceOfARequestThatTimedOutGoesToTheNextThatWaits) {
   HttpClient::Request hanging = MakeRequest(server.Origin() + "/", "hang");
   hanging.timeout_ms = 50;
 
+  HttpClient::Request late = MakeRequest(server.Origin() + "/", "late");
+  late.timeout_ms = 20;  // Leaves the line before its turn, and the others in it.
+
   client->SendRequest(hanging, exchanges.Note());
+  client->SendRequest(late, exchanges.Note());
   client->SendRequest(MakeRequest(server.Origin() + "/", "first"), exchanges.Note());
   client->SendRequest(MakeRequest(server.Origin() + "/", "second"), exchanges.Note());
-  exchanges.WaitFor(3);
+  exchanges.WaitFor(4);
 
   const std::vector<Outcome> outcomes = exchanges.Take();
   EXPECT_EQ(outcomes[0].state, State::kTimedOut);
-  EXPECT_EQ(outcomes[1].body(), "first");
-  EXPECT_EQ(outcomes[2].body(), "second");
+  EXPECT_EQ(outcomes[1].state, State::kTimedOut);
+  EXPECT_EQ(outcomes[2].body(), "first");
+  EXPECT_EQ(outcomes[3].body(), "second");
 }
 
 // ---- Responses ----------------------------------------------------------------------------------
@@ -315,6 +320,7 @@ TEST_F(HttpClientWireTest, AnswerCutAnywhereFailsWithoutResponse) {
     const Outcome outcome = Exchange(Saying(whole.substr(0, size)));
     ASSERT_EQ(outcome.state, State::kFailed) << size;
     ASSERT_EQ(outcome.response, nullptr) << size;
+    ASSERT_EQ(RecordingLog::Texts(2).back().find("No error"), std::string::npos) << size;
   }
   EXPECT_EQ(Exchange(Saying(whole)).body(), "0123456789");
 }
@@ -541,6 +547,22 @@ TEST_F(HttpClientWireTest, NobodyListeningFailsAndSaysWhatToDo) {
   EXPECT_EQ(outcome.state, State::kFailed);
   ASSERT_EQ(RecordingLog::Texts(2).size(), 1u);
   EXPECT_NE(RecordingLog::Texts(2)[0].find("check that the server runs"), std::string::npos);
+}
+
+TEST_F(HttpClientWireTest, OfManyFailuresTheOldestIsForgottenAndLoggedAgain) {
+  const auto client = MakeClient(HttpDefaults());
+  const std::string origin = "http://127.0.0.1:" + std::to_string(UnusedPort()) + "/";
+  const auto lines_of = [&](int number) {
+    RecordingLog::Clear();
+    Send(client.get(), MakeRequest(origin + std::to_string(number), "x"));
+    return RecordingLog::Texts(2).size();
+  };
+
+  for (int i = 0; i <= 64; ++i) EXPECT_EQ(lines_of(i), 1u) << i;
+
+  EXPECT_EQ(lines_of(1), 0u);
+  EXPECT_EQ(lines_of(64), 0u);
+  EXPECT_EQ(lines_of(0), 1u);
 }
 
 TEST_F(HttpClientWireTest, ClientDestroyedWhileTheServerHangsCancelsOnce) {

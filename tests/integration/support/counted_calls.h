@@ -11,6 +11,8 @@ namespace quenor::test {
 
 // Calls of read, write, send, recv and poll since the program began.
 size_t CountedCalls();
+// Those of write: libcurl sends, so they are what wakes a thread.
+size_t CountedWrites();
 
 }  // namespace quenor::test
 

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <string>
+
+#include "quenor_base/platform/default/http_header_text.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace http_address {
@@ -49,6 +52,15 @@ TEST(UrlProblemTest, SaysWhyAUrlCannotBeUsedAndShowsNothingOfIt) {
   }
 }
 
+TEST(IsLoopbackTest, KnowsTheMachineItselfByItsNameAndAddresses) {
+  for (const char* url : {"http://localhost/", "http://127.1.2.3:80/x", "http://[::1]:8080/"}) {
+    EXPECT_TRUE(IsLoopback(url)) << url;
+  }
+  for (const char* url : {"http://128.0.0.1/", "http://localhost.example/", "http://[::2]/", ""}) {
+    EXPECT_FALSE(IsLoopback(url)) << url;
+  }
+}
+
 TEST(LoggableUrlTest, KeepsSchemeHostPortAndPathOnly) {
   EXPECT_EQ(LoggableUrl("https://me:pw@host:8443/a/b?token=t#f"), "https://host:8443/a/b");
   EXPECT_EQ(LoggableUrl("http://[fe80::1%25eth0]/x"), "http://[fe80::1%25eth0]/x");
@@ -70,7 +82,7 @@ TEST(LoggableUrlTest, ShowsNothingOfWhatIsNoUrl) {
 
 TEST(ProxyProblemTest, TakesNamesAndAddresses) {
   for (const char* host : {"proxy.example", "a_b-c.d", "127.0.0.1", "::1", "[::1]", "fe80::1%eth0",
-                           "[fe80::1%25eth0]", "::ffff:1.2.3.4"}) {
+                           "[fe80::1%25eth0]", "fe80::1%25", "::ffff:1.2.3.4"}) {
     EXPECT_EQ(ProxyProblem(Through(host)), "") << host;
   }
   EXPECT_EQ(ProxyProblem(HttpClient::Config()), "");
@@ -104,6 +116,23 @@ TEST(ProxyUrlTest, PutsBracketsAroundAnAddressThatNeedsThem) {
 
 TEST(ProxyCredentialTest, EncodesThePercentSignOnly) {
   EXPECT_EQ(ProxyCredential("a%41+ :@/%"), "a%2541+ :@/%25");
+}
+
+TEST(HeaderTextTest, TakesEachByteThatHttpAllowsAndNoOther) {
+  for (int i = 0; i < 256; ++i) {
+    const std::string text(1, static_cast<char>(i));
+    const bool is_mark = text.find_first_of("!#$%&'*+-.^_`|~") == 0;
+    EXPECT_EQ(http_header_text::IsToken(text), i < 128 && (std::isalnum(i) != 0 || is_mark)) << i;
+    EXPECT_EQ(http_header_text::IsFieldValue(text), i == '\t' || (i >= ' ' && i != 127)) << i;
+  }
+  EXPECT_FALSE(http_header_text::IsToken(""));
+}
+
+TEST(HeaderTextTest, ComparesWholeNames) {
+  EXPECT_TRUE(http_header_text::EqualsNoCase("aZ-09", "Az-09"));
+  for (const char* other : {"", "az-0", "az-099", "az_09"}) {
+    EXPECT_FALSE(http_header_text::EqualsNoCase("az-09", other)) << other;
+  }
 }
 
 }  // namespace
