@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include <csignal>
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <new>
@@ -16,6 +17,8 @@
 
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
 #include "quenor_base/object_pool/alloc_buffer_from_pool.h"
+#include "quenor_base/platform/base/check.h"
+#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/path_service.h"
 #include "quenor_base/platform/config_center.h"
 #include "quenor_base/platform/local_log.h"
@@ -297,6 +300,18 @@ TEST(CaughtExceptionTest, FailedConstructionOfAChannelThrowsAndTheNextOneWorks) 
   channel->Initialize();
   channel->Terminate();
   EXPECT_TRUE(core::ThreadManager::WaitForDrain(TimeDelta::FromSeconds(60)));
+}
+
+// --- The line ---
+
+TEST(FatalLineDeathTest, IsWrittenThoughTheHostBuffersStandardError) {
+  const auto buffered = [](void (*act)()) {
+    std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);
+    act();
+  };
+  EXPECT_DEATH(buffered([] { QUENOR_CHECK(false, "broken"); }), "quenor: fatal: broken");
+  EXPECT_DEATH(buffered([] { base::EndOnException("a test", [] { throw 5; }); }),
+               "quenor: fatal: an exception left a test");
 }
 
 }  // namespace

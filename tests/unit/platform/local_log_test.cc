@@ -7,12 +7,15 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tests/conformance/local_log_conformance.h"
+#include "tests/support/patience.h"
 #include "tests/unit/platform/system_calls.h"
 
 namespace quenor::conformance {
@@ -321,15 +324,45 @@ TEST_F(StderrLogTest, ExpandsErrnoInAFormatThatAsksForIt) {
   EXPECT_EQ("quenor[2] f:1 " + long_text + "No such file or directory\n", pipe.Read());
 }
 
+// Sinks that end the process when they get the other one's context.
+const int kContexts[] = {0, 1};
+template <int kIndex>
+void OnlyWithItsOwn(void* context, int, const char*, int, const char*, size_t) {
+  if (context != &kContexts[kIndex]) _exit(1);
+}
+
+TEST_F(StderrLogTest, ForkedChildFindsNoSinkBesideAnothersContext) {
+  std::atomic<bool> done{false};
+  std::thread changer([&] {
+    while (!done) {
+      SetLogSink(&OnlyWithItsOwn<0>, const_cast<int*>(&kContexts[0]));
+      SetLogSink(&OnlyWithItsOwn<1>, const_cast<int*>(&kContexts[1]));
+    }
+  });
+  int mixed = 0;
+  for (int i = 0; i < 200; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      LocalLog(0, "f", 1, "of a level that standard error does not get");
+      _exit(0);
+    }
+    mixed += test::ReapPatiently(child);
+  }
+  done = true;
+  changer.join();
+
+  EXPECT_EQ(0, mixed);
+}
+
 #if !defined(QUENOR_SANITIZED)
 // In a process of its own that has no memory left for the line: exits with 0 if what came is right.
-void LogWithoutMemory(char filling, const char* begins, const char* ends) {
+void LogWithoutMemory(size_t bytes, char filling, const char* begins, const char* ends) {
   static const char* expected_begin;
   static const char* expected_end;
   expected_begin = begins;
   expected_end = ends;
   static bool right = false;
-  const std::string big(64 << 20, filling);
+  const std::string big(bytes, filling);
   SetLogSink(
       [](void*, int, const char*, int, const char* text, size_t size) {
         const std::string_view line(text, size);
@@ -341,6 +374,7 @@ void LogWithoutMemory(char filling, const char* begins, const char* ends) {
       nullptr);
   const struct rlimit none = {1, 1};
   if (setrlimit(RLIMIT_AS, &none) != 0) _exit(2);
+  for (void* volatile rest = &right; rest != nullptr;) rest = std::malloc(1024);
 
   LocalLog(2, "f", 1, "%s", big.c_str());
 
@@ -348,13 +382,17 @@ void LogWithoutMemory(char filling, const char* begins, const char* ends) {
 }
 
 TEST(LogMemoryDeathTest, SaysHowManyBytesOfALineAreLostWithoutMemory) {
-  EXPECT_EXIT(LogWithoutMemory('x', "xxxxxxxx", " more bytes are lost]"),
+  EXPECT_EXIT(LogWithoutMemory(64 << 20, 'x', "xxxxxxxx", " more bytes are lost]"),
               testing::ExitedWithCode(0), "");
 }
 
 TEST(LogMemoryDeathTest, EscapesWhatIsKeptWithoutMemory) {
-  EXPECT_EXIT(LogWithoutMemory('\x01', "\\x01\\x01", " more bytes are lost]"),
+  EXPECT_EXIT(LogWithoutMemory(64 << 20, '\x01', "\\x01\\x01", " more bytes are lost]"),
               testing::ExitedWithCode(0), "");
+}
+
+TEST(LogMemoryDeathTest, NeedsNoneForALineOf1023Bytes) {
+  EXPECT_EXIT(LogWithoutMemory(1023, 'x', "xxxxxxxx", "xxxxxxxx"), testing::ExitedWithCode(0), "");
 }
 #endif
 

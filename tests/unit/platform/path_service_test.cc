@@ -61,6 +61,20 @@ TEST(PathServiceTest, AsksTheUserDatabaseWithoutAHomeVariable) {
   EXPECT_EQ(expected, ReportFolder());
 }
 
+TEST(PathServiceTest, MakesUpToAMebibyteOfRoomForTheUsersEntry) {
+  const EnvironmentVariable state("XDG_STATE_HOME", nullptr);
+  const EnvironmentVariable home("HOME", nullptr);
+  constexpr size_t kMost = 1 << 20;
+  for (const size_t bytes : {size_t{1}, size_t{1025}, kMost, kMost + 1}) {
+    system_calls::Reset();
+    system_calls::user_entry_bytes = bytes;
+
+    EXPECT_EQ(bytes > kMost ? "not found" : "/some/home/.local/state/quenor", ReportFolder())
+        << bytes;
+  }
+  system_calls::Reset();
+}
+
 TEST(PathServiceTest, NamesItsImplementation) {
   EXPECT_STREQ("posix", PathService::ImplementationName());
 }

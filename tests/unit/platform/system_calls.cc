@@ -1,6 +1,7 @@
 #include "tests/unit/platform/system_calls.h"
 
 #include <dlfcn.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/uio.h>
@@ -18,6 +19,7 @@ std::atomic<int> mkdir_calls{0};
 std::atomic<int> fail_mkdir_number{0};
 std::atomic<int> fail_mkdir_errno{0};
 std::atomic<bool> create_before_mkdir{false};
+std::atomic<size_t> user_entry_bytes{0};
 
 namespace {
 
@@ -77,6 +79,7 @@ void Reset() {
   fail_mkdir_number.store(0);
   fail_mkdir_errno.store(0);
   create_before_mkdir.store(false);
+  user_entry_bytes.store(0);
   stderr_scripted.store(false);
 }
 
@@ -99,6 +102,19 @@ extern "C" int stat(const char* path, struct stat* info) {
   static const auto next = calls::Next<int (*)(const char*, struct stat*)>("stat");
   if (calls::Interrupt()) return -1;
   return next(path, info);
+}
+
+extern "C" int getpwuid_r(uid_t user, struct passwd* entry, char* room, size_t size,
+                          struct passwd** found) {
+  static const auto next =
+      calls::Next<int (*)(uid_t, struct passwd*, char*, size_t, struct passwd**)>("getpwuid_r");
+  const size_t wanted = calls::user_entry_bytes.load();
+  if (wanted == 0) return next(user, entry, room, size, found);
+  static char home[] = "/some/home";
+  entry->pw_dir = home;
+  *found = size < wanted ? nullptr : entry;
+  if (calls::folder_calls.fetch_add(1) == 0) return EINTR;
+  return size < wanted ? ERANGE : 0;
 }
 
 extern "C" ssize_t writev(int fd, const struct iovec* parts, int count) {
