@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -12,7 +13,9 @@
 
 #include "quenor_base/platform/default/cache_file_format.h"
 #include "quenor_base/platform/default/mmap_file_format.h"
+#include "quenor_base/platform/default/mmap_file_reader.h"
 #include "tests/cache/damage_bench.h"
+#include "tests/cache/support/file_calls.h"
 #include "tests/support/recording_log.h"
 
 namespace quenor::test {
@@ -268,8 +271,16 @@ TEST(PlainFileForeignTest, OfTheNextVersionIsKeptAsItIs) {
 // Damage of someone else's while the file is in use, and files that were never ours.
 class MmapFileForeignTest : public ::testing::Test {
  protected:
-  void SetUp() override { RecordingLog::Clear(); }
+  void SetUp() override {
+    FileCalls::Reset();
+    RecordingLog::Clear();
+  }
+  void TearDown() override { FileCalls::Reset(); }
 
+  bool SaveMapped(const Packets& packets) {
+    MultiProcessSafetyMmapFile file;
+    return OpenFile(file, path_) && Save(file, packets);
+  }
   // A file that is not ours is put aside as it is, and what follows is as with no file.
   void ExpectSetAside(const std::string& content) {
     std::remove(SetAside(path_).c_str());
@@ -353,6 +364,65 @@ TEST_F(MmapFileForeignTest, OfANewerVersionIsKeptAsItIs) {
   ExpectSetAside(bytes);
 }
 
+// Without its table, packets are found by their own bytes alone; `hole` bytes further back.
+void LoseTheTable(const std::string& path, uint64_t hole = 0) {
+  const std::string extents = ReadWholeFile(path).substr(mmap_format::kTableSize);
+  ASSERT_TRUE(WriteWholeFile(path, ""));
+  ASSERT_TRUE(WriteInto(path, mmap_format::kTableSize + hole, extents));
+}
+
+TEST_F(MmapFileForeignTest, PacketsBehindALongHoleAreFound) {
+  ASSERT_TRUE(SaveMapped({"a", "b"}));
+  ASSERT_NO_FATAL_FAILURE(LoseTheTable(path_, 2 * mmap_format::Reader::kMaxSearchedBytes));
+
+  EXPECT_EQ((Packets{"a", "b"}), LoadMapped(path_));
+}
+
+// At the place where one would stand, in the second unit of the outer one.
+TEST_F(MmapFileForeignTest, APacketInsideAPacketIsNone) {
+  ASSERT_TRUE(SaveMapped({"inner"}));
+  const std::string bytes = ReadWholeFile(path_);
+  const StoredPacket inner = FindPacket(bytes, "inner").at(0);
+  std::string outer(24000, 'o');
+  outer.replace(16000, inner.end - inner.begin, bytes, inner.begin, inner.end - inner.begin);
+  ASSERT_TRUE(SaveMapped({outer, "after"}));
+  ASSERT_NO_FATAL_FAILURE(LoseTheTable(path_));
+
+  EXPECT_TRUE((Packets{outer, "after"}) == LoadMapped(path_));
+}
+
+TEST_F(MmapFileForeignTest, ABadPageCostsOnlyThePacketsThatAreInIt) {
+  Packets packets = NamedPackets("p", 40, 1000);
+  ASSERT_TRUE(SaveMapped(packets));
+  const uint64_t page = FindPacket(ReadWholeFile(path_), packets[20]).at(0).begin / 4096 * 4096;
+  ASSERT_NO_FATAL_FAILURE(LoseTheTable(path_));
+  const std::string bytes = ReadWholeFile(path_);
+  packets.erase(std::remove_if(packets.begin(), packets.end(),
+                               [&](const std::string& packet) {
+                                 const StoredPacket at = FindPacket(bytes, packet).at(0);
+                                 return at.begin < page + 4096 && at.end > page;
+                               }),
+                packets.end());
+  FileCalls::SetBadPage(path_, page);
+
+  EXPECT_EQ(packets, LoadMapped(path_));
+  EXPECT_GE(packets.size(), 34u);
+}
+
+TEST_F(MmapFileForeignTest, ASearchReadsOnceMoreWhatTheDiskFailedToRead) {
+  ASSERT_TRUE(SaveMapped({"a", "b"}));
+  ASSERT_NO_FATAL_FAILURE(LoseTheTable(path_));
+  const std::string bytes = ReadWholeFile(path_);
+  for (int nth = 1;; ++nth) {
+    std::remove(SetAside(path_).c_str());
+    ASSERT_TRUE(WriteWholeFile(path_, bytes));
+    FileCalls::Reset();
+    FileCalls::Fail(Call::kPread, nth, EIO);
+    ASSERT_EQ((Packets{"a", "b"}), LoadMapped(path_)) << nth;
+    if (!FileCalls::HasFailed()) break;
+  }
+}
+
 TEST_F(MmapFileForeignTest, DamageIsLeftAloneWhileAnotherOwnerLives) {
   auto living = std::make_unique<MultiProcessSafetyMmapFile>();
   ASSERT_TRUE(OpenFile(*living, path_));
@@ -362,15 +432,9 @@ TEST_F(MmapFileForeignTest, DamageIsLeftAloneWhileAnotherOwnerLives) {
     ASSERT_TRUE(OpenFile(dead, path_));
     ASSERT_TRUE(Save(dead, NamedPackets("of the dead", 10, 100)));
   }
-  std::string bytes = ReadWholeFile(path_);
-  const StoredPacket hit = FindPacket(bytes, NamedPacket("of the dead", 3, 100)).at(0);
-  {
-    std::FILE* const out = std::fopen(path_.c_str(), "r+b");
-    ASSERT_NE(nullptr, out);
-    std::fseek(out, static_cast<long>(hit.end - 1), SEEK_SET);
-    std::fputc(0, out);
-    std::fclose(out);
-  }
+  const StoredPacket hit =
+      FindPacket(ReadWholeFile(path_), NamedPacket("of the dead", 3, 100)).at(0);
+  ASSERT_TRUE(WriteInto(path_, hit.end - 1, std::string(1, '\0')));
   RecordingLog::Clear();
 
   const Packets found = LoadMapped(path_);
@@ -411,11 +475,7 @@ TEST_F(MmapFileForeignTest, HeirOfADamagedContentDoesNotReplaceWhatHeCouldNotRea
       std::memcpy(&seal, bytes.data() + mmap_format::RecordOffset(owner) + which * sizeof seal,
                   sizeof seal);
       if (seal.check != mmap_format::CheckOf(seal) || seal.packets != 10) continue;
-      std::FILE* const out = std::fopen(path_.c_str(), "r+b");
-      ASSERT_NE(nullptr, out);
-      std::fseek(out, static_cast<long>(seal.extent_offset + seal.index_at), SEEK_SET);
-      std::fputc(1, out);
-      std::fclose(out);
+      ASSERT_TRUE(WriteInto(path_, seal.extent_offset + seal.index_at, "\x01"));
     }
   }
   {

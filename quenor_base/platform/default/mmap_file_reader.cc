@@ -374,21 +374,20 @@ bool Reader::SkipKnown(uint64_t offset, uint64_t end, uint64_t* skip) {
 }
 
 bool Reader::Search(uint64_t begin, uint64_t end, PacketPlaces* packets) {
-  constexpr uint64_t kWindow = 65536;
+  constexpr uint64_t kWindow = 4096;  // A bad sector costs no more than the page that it is in.
   if (!window_.Resize(kWindow)) {
     errno = ENOMEM;
     return false;
   }
   uint64_t at = RoundUp(begin, 8);
   while (at < end && searched_ < kMaxSearchedBytes) {
-    const uint64_t size = std::min(kWindow, end - at);
-    searched_ += size;
-    int64_t got = cache_io::ReadAt(fd_, window_.data(), size, at);
-    if (got < 0 && errno != EIO) return false;
-    const uint64_t window_end = at + (got < 0 ? 0 : static_cast<uint64_t>(got));
     const uint64_t window_begin = at;
-    uint64_t next = window_begin + size;
-    while (at + sizeof(uint32_t) <= window_end) {
+    const uint64_t window_end = std::min(at / kWindow * kWindow + kWindow, end);
+    const uint64_t size = window_end - window_begin;
+    searched_ += size;
+    bool whole;
+    if (!Read(window_.data(), size, at, &whole)) return false;
+    while (whole && at + sizeof(uint32_t) <= window_end) {
       uint32_t magic;
       std::memcpy(&magic, window_.data() + (at - window_begin), sizeof magic);
       PacketPlace place;
@@ -403,7 +402,7 @@ bool Reader::Search(uint64_t begin, uint64_t end, PacketPlaces* packets) {
         return false;
       }
     }
-    at = std::max(at, next);
+    at = std::max(at, window_end);
   }
   return true;
 }

@@ -85,6 +85,14 @@ void CopyAsIfKilled(const std::string& path, const std::string& to) {
   QUENOR_CHECK(WriteWholeFile(to, ReadWholeFile(path)), "a copy cannot be written");
 }
 
+bool WriteInto(const std::string& path, uint64_t at, const std::string& bytes) {
+  std::FILE* const out = std::fopen(path.c_str(), "r+b");
+  if (out == nullptr) return false;
+  const bool written = std::fseek(out, static_cast<long>(at), SEEK_SET) == 0 &&
+                       std::fwrite(bytes.data(), 1, bytes.size(), out) == bytes.size();
+  return std::fclose(out) == 0 && written;
+}
+
 std::string SetAside(const std::string& path) { return path + ".set-aside"; }
 bool Exists(const std::string& path) { return StatOf(path).st_ino != 0; }
 uint64_t SizeOf(const std::string& path) { return static_cast<uint64_t>(StatOf(path).st_size); }

@@ -75,6 +75,9 @@ Packets LoadPlain(const std::string& path, int most_empty_in_a_row = 0);
 // where nobody has a lock. What was set aside at `to` before is removed.
 void CopyAsIfKilled(const std::string& path, const std::string& to);
 
+// Over the bytes of a file that others may have open.
+[[nodiscard]] bool WriteInto(const std::string& path, uint64_t at, const std::string& bytes);
+
 std::string SetAside(const std::string& path);
 bool Exists(const std::string& path);
 uint64_t SizeOf(const std::string& path);

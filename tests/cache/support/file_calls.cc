@@ -40,6 +40,7 @@ void* __real__ZnwmRKSt9nothrow_t(size_t, const std::nothrow_t&);
 namespace quenor::test {
 namespace {
 
+constexpr uint64_t kPage = 4096;
 constexpr int kKinds = static_cast<int>(Call::kHowMany);
 
 uint64_t g_counts[kKinds];
@@ -49,6 +50,8 @@ int g_error = 0;
 bool g_has_failed = false;
 Call g_failing_always = Call::kHowMany;
 int g_error_always = 0;
+ino_t g_bad_inode = 0;
+uint64_t g_bad_page = 0;
 CallObserver* g_observer = nullptr;
 bool g_in_observer = false;
 
@@ -92,6 +95,7 @@ void FileCalls::Reset() {
   g_failing = g_failing_always = Call::kHowMany;
   g_fail_in = 0;
   g_has_failed = false;
+  g_bad_inode = 0;
   g_observer = nullptr;
   MemoryFaults::FailMalloc(0);
 }
@@ -107,6 +111,12 @@ void FileCalls::Fail(Call call, int nth, int error) {
 void FileCalls::FailEach(Call call, int error) {
   g_failing_always = call;
   g_error_always = error;
+}
+
+void FileCalls::SetBadPage(const std::string& path, uint64_t offset) {
+  struct stat info;
+  g_bad_inode = __real_lstat(path.c_str(), &info) == 0 ? info.st_ino : 0;
+  g_bad_page = offset / kPage * kPage;
 }
 
 bool FileCalls::HasFailed() {
@@ -261,6 +271,16 @@ int __wrap_ftruncate(int fd, off_t size) {
               [&] { return __real_ftruncate(fd, size); });
 }
 ssize_t __wrap_pread(int fd, void* out, size_t size, off_t offset) {
+  struct stat info;
+  const uint64_t begin = static_cast<uint64_t>(offset);
+  if (g_bad_inode != 0 && begin < g_bad_page + kPage && begin + size > g_bad_page &&
+      __real_fstat(fd, &info) == 0 && info.st_ino == g_bad_inode) {
+    if (begin >= g_bad_page) {
+      errno = EIO;
+      return -1;
+    }
+    size = g_bad_page - begin;
+  }
   return Pass(Info(Call::kPread, fd, static_cast<uint64_t>(offset), size), ssize_t{-1},
               [&] { return __real_pread(fd, out, size, offset); });
 }

@@ -64,6 +64,8 @@ class FileCalls {
   static void Fail(Call call, int nth, int error);
   // Every call of the kind fails, from the next to Reset(). Not for memory.
   static void FailEach(Call call, int error);
+  // From now on no read gets a byte of the file's page at `offset`, as on a bad disk.
+  static void SetBadPage(const std::string& path, uint64_t offset);
   // True when the failure asked for with Fail() has happened.
   static bool HasFailed();
 
