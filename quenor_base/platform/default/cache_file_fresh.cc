@@ -38,12 +38,10 @@ bool Fresh::WriteAll(const Source& source, Batch* batch) {
   for (const Packet& packet : source.packets) {
     if (!CopyPacket(source, packet, batch)) return false;
   }
-  if (source.save_number > 0 || !packets.empty()) {
-    if (!batch->AddNames(kSealMagic, std::max<uint64_t>(source.save_number, 1), packets.begin(),
-                         packets.end())) {
-      errno = ENOMEM;
-      return false;
-    }
+  if (!batch->AddNames(kSealMagic, std::max<uint64_t>(source.save_number, 1), packets.begin(),
+                       packets.end())) {
+    errno = ENOMEM;
+    return false;
   }
   end = batch->end();
   return Flush(batch);

@@ -31,7 +31,7 @@ class Reader {
   // Each false ends the reading; result_ says why.
   bool Fail(ReadResult result);
   bool View(uint64_t offset, size_t size, const uint8_t** bytes);
-  bool ReadFileHeader(bool* go_on);
+  bool ReadFileHeader();
   bool ReadRecords();
   bool ReadRecordHeader(uint64_t offset, RecordHeader* header);
   bool FindRecord(uint64_t from, uint64_t* found);
@@ -43,8 +43,8 @@ class Reader {
   bool IsTornHeader(const uint8_t* bytes, uint64_t size) const;
   void NoteDamage(uint64_t offset, const char* what);
   bool AddTailRun(const Run& run);
-  bool AddRun(const Run& run, NothrowArray<uint8_t>* taken, uint64_t* steps, uint64_t* added);
-  bool AddTail(NothrowArray<uint8_t>* taken);
+  void AddRun(const Run& run, NothrowArray<uint8_t>* taken, uint64_t* steps, uint64_t* added);
+  void AddTail(NothrowArray<uint8_t>* taken);
 
   const int fd_;
   const uint64_t digest_key_;
@@ -102,10 +102,7 @@ ReadResult Reader::Read() {
   uint64_t links;
   if (!cache_io::FileSize(fd_, &file_size_, &links)) return ReadResult::kUnreadable;
   if (!window_.Reserve(kWindowBytes)) return ReadResult::kNoMemory;
-  bool go_on = false;
-  if (!ReadFileHeader(&go_on)) return result_;
-  if (!go_on) return ReadResult::kOk;
-  if (!ReadRecords()) return result_;
+  if (!ReadFileHeader() || !ReadRecords()) return result_;
   if (content_->version == 0 && !found_record_) {
     content_->kind = Content::Kind::kForeign;
     return ReadResult::kOk;
@@ -115,18 +112,17 @@ ReadResult Reader::Read() {
   return PutInOrder() ? ReadResult::kOk : result_;
 }
 
-// Leaves at_ where the first record is, or where the search for one begins.
-bool Reader::ReadFileHeader(bool* go_on) {
-  *go_on = false;
+// Leaves at_ where the first record is. False with kOk: there is none to be read.
+bool Reader::ReadFileHeader() {
   const FileHeader expected = MakeFileHeader();
   const size_t size = static_cast<size_t>(std::min(file_size_, kHeaderSize));
   const uint8_t* bytes = nullptr;
   if (size > 0 && !View(0, size, &bytes)) return false;
   if (size < kHeaderSize) {
-    if (size == 0 || std::memcmp(bytes, &expected, size) == 0) return true;
+    if (size == 0 || std::memcmp(bytes, &expected, size) == 0) return false;
     NoteDamage(0, "no header");
     content_->kind = Content::Kind::kForeign;
-    return true;
+    return false;
   }
   FileHeader header;
   std::memcpy(&header, bytes, sizeof header);
@@ -134,9 +130,8 @@ bool Reader::ReadFileHeader(bool* go_on) {
   if (intact && header.version > kVersion) {
     content_->kind = Content::Kind::kNewer;
     content_->version = header.version;
-    return true;
+    return false;
   }
-  *go_on = true;
   if (intact && header.version == kVersion) {
     content_->version = kVersion;
     at_ = kHeaderSize;
@@ -293,8 +288,9 @@ bool Reader::TakeRuns(uint64_t offset, const RecordHeader& header) {
   return true;
 }
 
-// Adds the packets of a run that are not taken yet, the last one first.
-bool Reader::AddRun(const Run& run, NothrowArray<uint8_t>* taken, uint64_t* steps,
+// Adds the packets of a run that are not taken yet, the last one first. There is room: PutInOrder()
+// made it.
+void Reader::AddRun(const Run& run, NothrowArray<uint8_t>* taken, uint64_t* steps,
                     uint64_t* added) {
   const auto by_number = [](const Packet& packet, uint64_t number) {
     return packet.number < number;
@@ -309,26 +305,22 @@ bool Reader::AddRun(const Run& run, NothrowArray<uint8_t>* taken, uint64_t* step
     if (*mark != 0) continue;
     *mark = 1;
     ++*added;
-    if (!content_->packets.Push(*packet)) return Fail(ReadResult::kNoMemory);
+    static_cast<void>(content_->packets.Push(*packet));
   }
-  return true;
 }
 
 // A packet that the tail names twice counts where it is named last: what was before that is of a
 // save that did not complete.
-bool Reader::AddTail(NothrowArray<uint8_t>* taken) {
+void Reader::AddTail(NothrowArray<uint8_t>* taken) {
   uint64_t steps = kMaxOrderSteps;
   uint64_t added = 0;
-  for (size_t i = tail_.size(); i > 0; --i) {
-    if (!AddRun(tail_[i - 1], taken, &steps, &added)) return false;
-  }
+  for (size_t i = tail_.size(); i > 0; --i) AddRun(tail_[i - 1], taken, &steps, &added);
   std::reverse(content_->packets.begin(), content_->packets.end());
   for (size_t i = first_unsealed_; i < packets_.size(); ++i) {
     if ((*taken)[i] != 0) continue;
     (*taken)[i] = 1;
-    if (!content_->packets.Push(packets_[i])) return Fail(ReadResult::kNoMemory);
+    static_cast<void>(content_->packets.Push(packets_[i]));
   }
-  return true;
 }
 
 bool Reader::PutInOrder() {
@@ -342,7 +334,7 @@ bool Reader::PutInOrder() {
   uint64_t steps = UINT64_MAX;  // TakeRuns() has bounded them.
   for (const Run& run : sealed_) {
     named += run.count;
-    if (!AddRun(run, &taken, &steps, &sealed)) return false;
+    AddRun(run, &taken, &steps, &sealed);
   }
   for (size_t i = 0; i < packets_.size(); ++i) {
     packets_[i].sealed = taken[i] != 0;
@@ -350,11 +342,11 @@ bool Reader::PutInOrder() {
   }
   content_->packets.Clear();
   content_->has_tail = !tail_.empty();
-  if (!AddTail(&taken)) return false;
+  AddTail(&taken);
   for (const Run& run : sealed_) {
     const size_t before = content_->packets.size();
     uint64_t added = 0;
-    if (!AddRun(run, &taken, &steps, &added)) return false;
+    AddRun(run, &taken, &steps, &added);
     std::reverse(content_->packets.begin() + before, content_->packets.end());
   }
   content_->damaged_packets = damaged_in_tail_ + static_cast<uint32_t>(named - sealed);

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 
 QUENOR_NAMESPACE_BEGIN
@@ -37,12 +36,8 @@ bool IsPlanted(int error) {
 std::string WhyPathIsRefused(const std::string& path) {
   if (path.empty()) return "the path is empty";
   if (path.find('\0') != std::string::npos) return "the path has a NUL byte in it";
-  for (size_t begin = 0; begin <= path.size();) {
-    const size_t end = std::min(path.find('/', begin), path.size());
-    if (path.compare(begin, end - begin, "..") == 0) {
-      return "a \"..\" in it would lead out of the cache folder; choose another channel name";
-    }
-    begin = end + 1;
+  if (("/" + path + "/").find("/../") != std::string::npos) {
+    return "a \"..\" in it would lead out of the cache folder; choose another channel name";
   }
   const size_t size = path.size() - (path.rfind('/') + 1);  // npos + 1 is 0.
   const size_t limit = LongestName(path) - kLongestSuffix;

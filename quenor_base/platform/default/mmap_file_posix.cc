@@ -283,7 +283,7 @@ struct MultiProcessSafetyMmapFile::State {
   uint64_t append_end = 0;
 
   // The save under way.
-  bool is_saving = false;
+  bool is_saving = false;  // Or complete: then nothing that was announced is left to append.
   bool is_complete = true;
   bool is_shrinking = false;
   bool told_failure = false;  // Since the last complete save.
@@ -1219,7 +1219,6 @@ bool MultiProcessSafetyMmapFile::State::SealSave() {
       return false;
     }
   }
-  is_saving = false;
   table.WriteSeal(own, 1 - in_force, seal);
   in_force = 1 - in_force;
   const bool is_flushed = FlushTable();
