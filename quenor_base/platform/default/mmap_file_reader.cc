@@ -335,7 +335,7 @@ bool Reader::ExamineGaps(Survey* survey) {
 bool Reader::ExamineGap(uint64_t begin, uint64_t end, Survey* survey) {
   const size_t before = survey->packets.size();
   uint64_t at = begin;
-  while (at < end && searched_ < kMaxSearchedBytes) {
+  while (at < end && MaySearch()) {
     at = std::max(at, cache_io::NextData(fd_, at, end) / kUnit * kUnit);
     if (at >= end) break;
     searched_ += sizeof(ExtentHeader);
@@ -380,7 +380,7 @@ bool Reader::Search(uint64_t begin, uint64_t end, PacketPlaces* packets) {
     return false;
   }
   uint64_t at = RoundUp(begin, 8);
-  while (at < end && searched_ < kMaxSearchedBytes) {
+  while (at < end && MaySearch()) {
     const uint64_t window_begin = at;
     const uint64_t window_end = std::min(at / kWindow * kWindow + kWindow, end);
     const uint64_t size = window_end - window_begin;

@@ -103,6 +103,7 @@ class Reader {
   // How long the extent is that a seal names: `*is_sound`, its head says so; else the seal alone.
   [[gnu::cold]] bool ReadExtentSize(const Seal& seal, uint64_t* size, bool* is_sound);
   [[gnu::cold]] bool UsedRanges(Range* used, size_t* count);
+  bool MaySearch() const { return searched_ < kMaxSearchedBytes; }
   bool Read(void* out, size_t size, uint64_t offset, bool* whole);
   // The header of a packet whose bytes lie inside [.., end) of the file, and whether it is intact.
   bool ReadPacket(uint64_t offset, uint64_t end, PacketPlace* place, PacketHeader* header,
