@@ -261,7 +261,7 @@ class MmapFileTakenAwayTest : public ::testing::Test {
     RecordingLog::Clear();
   }
   void ExpectGoesOn() {
-    EXPECT_TRUE(Save(file_, {"a", "b"}));
+    EXPECT_TRUE(Save(file_, {NamedPacket("old", 3, 1000), "b"}));
     EXPECT_EQ(1, LinesWith(2, path_));
     EXPECT_TRUE(Save(file_, {"b", "c"}));
     EXPECT_EQ(Packets{}, LoadMapped(path_)) << "its owner lives";

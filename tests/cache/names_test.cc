@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <functional>
 #include <ostream>
@@ -123,6 +124,31 @@ TEST_P(CacheNamesTest, WhatIsPlantedForARepairIsNeitherTakenNorWrittenTo) {
   }
 }
 
+// Nothing is begun in its place: it may hold all that there is.
+TEST_P(CacheNamesTest, WhatARepairLeftAndTheSystemRefusesIsTakenByTheNextStart) {
+  const std::pair<Call, int> refusals[] = {{Call::kOpen, 2}, {Call::kRenameat2, 1}};
+  for (const auto& [call, nth] : refusals) {
+    SCOPED_TRACE(FileCalls::Name(call));
+    ASSERT_TRUE(SaveAt(path_, {"kept"}));
+    ASSERT_EQ(0, rename(path_.c_str(), recovered().c_str()));
+    FileCalls::Fail(call, nth, EACCES);
+
+    ExpectRefused(path_, {path_, std::strerror(EACCES)});
+
+    EXPECT_TRUE(FileCalls::HasFailed());
+    FileCalls::Reset();
+    EXPECT_FALSE(Exists(path_));
+    EXPECT_EQ(Packets{"kept"}, Load(path_));
+  }
+}
+
+TEST_P(CacheNamesTest, AFolderUnderTheNameOfARepairIsNothingToTake) {
+  ASSERT_EQ(0, mkdir(recovered().c_str(), 0700));
+
+  EXPECT_TRUE(SaveAt(path_, {"new"}));
+  EXPECT_EQ(Packets{"new"}, Load(path_));
+}
+
 std::string OfNewerVersion(const Kind& kind) {
   if (kind.suffix == kPlain.suffix) {
     cache_file::FileHeader header = cache_file::MakeFileHeader();
@@ -174,6 +200,7 @@ TEST_P(CacheNamesTest, WithNoNameLeftTheFileStaysAndTheLineSaysWhatToDo) {
 
   EXPECT_EQ(newer, ReadWholeFile(path_));
   EXPECT_EQ("first", ReadWholeFile(SetAside(path_)));
+  EXPECT_FALSE(Exists(recovered()));
   ASSERT_EQ(0, unlink((SetAside(path_) + ".50").c_str()));
   EXPECT_EQ(Packets(), Load(path_));
   EXPECT_EQ(newer, ReadWholeFile(SetAside(path_) + ".50"));

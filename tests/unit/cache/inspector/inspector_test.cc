@@ -1,13 +1,16 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <map>
 
 #include "quenor_base/platform/cache_file_inspector.h"
 #include "quenor_base/platform/default/mmap_file_format.h"
 #include "tests/cache/support/cache_files.h"
+#include "tests/cache/support/file_calls.h"
 #include "tests/support/recording_log.h"
 #include "tests/support/temp_folder.h"
 
@@ -61,10 +64,16 @@ Packets Sorted(Packets packets) {
 class InspectorTest : public ::testing::Test {
  protected:
   void SetUp() override { RecordingLog::Clear(); }
+  void TearDown() override { FileCalls::Reset(); }
 
   void LeaveMapped(const Packets& packets) {
     MultiProcessSafetyMmapFile file;
     ASSERT_TRUE(OpenFile(file, mapped_) && Save(file, packets));
+  }
+
+  bool SavePlain(const Packets& packets) {
+    ReliableReportCacheFile file;
+    return OpenFile(file, plain_) && Save(file, packets);
   }
 
   // Lets a test write into an owner's record as a writer would, or as no writer would.
@@ -234,20 +243,59 @@ TEST_F(InspectorTest, NumbersNearTheirEndDoNotBeginAgain) {
 }
 
 TEST_F(InspectorTest, SealWithANumberBeyondAnyFileIsRepaired) {
-  LeaveMapped({"one"});
-  ChangeRecord(1, [](OwnerRecord* record) {
-    Seal* const seal = InForce(record);
-    ASSERT_NE(nullptr, seal);
-    seal->save_number = 2 * mmap_format::kSaveNumberLimit - 1;
-    seal->check = mmap_format::CheckOf(*seal);
-  });
-  {
-    MultiProcessSafetyMmapFile file;
-    ASSERT_TRUE(OpenFile(file, mapped_));
-    EXPECT_EQ(Packets{"one"}, ReadAll(file));
-    ASSERT_TRUE(Save(file, {"two"}) && Save(file, {"three"}));
+  for (const bool again : {false, true}) {  // In either of the record's seals.
+    LeaveMapped({"one"});
+    if (again) LeaveMapped({"one"});
+    ChangeRecord(1, [](OwnerRecord* record) {
+      Seal* const seal = InForce(record);
+      ASSERT_NE(nullptr, seal);
+      seal->save_number = 2 * mmap_format::kSaveNumberLimit - 1;
+      seal->check = mmap_format::CheckOf(*seal);
+    });
+    {
+      MultiProcessSafetyMmapFile file;
+      ASSERT_TRUE(OpenFile(file, mapped_));
+      EXPECT_EQ(Packets{"one"}, ReadAll(file));
+      EXPECT_EQ(0, unlink(SetAside(mapped_).c_str())) << again;
+      ASSERT_TRUE(Save(file, {"two"}) && Save(file, {"three"}));
+    }
+    EXPECT_EQ(Packets{"three"}, LoadMapped(mapped_)) << again;
+    EXPECT_FALSE(Exists(SetAside(mapped_))) << again;
+    ASSERT_EQ(0, unlink(mapped_.c_str()));
   }
-  EXPECT_EQ(Packets{"three"}, LoadMapped(mapped_));
+}
+
+// Nothing is shown of a file that cannot be read to its end.
+TEST_F(InspectorTest, WhateverTheSystemRefusesIsToldOrDoesNotMatter) {
+  MultiProcessSafetyMmapFile dead, live;
+  const std::string damaged = folder_.File("damaged.mmap");
+  ASSERT_TRUE(OpenFile(dead, mapped_) && Save(dead, {"one", "two"}));
+  ASSERT_TRUE(WriteWholeFile(damaged, ReadWholeFile(mapped_)) && WriteInto(damaged, 0, "damage"));
+  ASSERT_TRUE(OpenFile(live, mapped_) && Save(live, {"three"}));
+  ASSERT_TRUE(SavePlain({"four", "five"}));
+  for (const std::string& path : {mapped_, damaged, plain_}) {
+    FileCalls::Reset();
+    const Shown undisturbed(path);
+    const Packets all = undisturbed.All();
+    ASSERT_GE(all.size(), 2u) << undisturbed.error;
+    EXPECT_LT(FileCalls::Count(Call::kPread), 1000u) << "it is read again for nothing";
+    for (const Call call : {Call::kPread, Call::kFstat, Call::kFcntl}) {
+      int harmless = 0;  // The answer to what kind of file it is, or a lock that is not to be had.
+      for (int nth = 1;; ++nth) {
+        FileCalls::Fail(call, nth, EACCES);
+        const Shown shown(path);
+        if (!FileCalls::HasFailed()) break;
+        SCOPED_TRACE(path + ", " + FileCalls::Name(call) + " number " + std::to_string(nth));
+        if (shown.result == Result::kOk) {
+          ASSERT_EQ(all, shown.All());
+          ASSERT_EQ(1, ++harmless);
+          continue;
+        }
+        ASSERT_EQ(Result::kUnreadable, shown.result);
+        ASSERT_NE(std::string::npos, shown.error.find(std::strerror(EACCES))) << shown.error;
+      }
+    }
+  }
 }
 
 // A dead heir's seal stands for that record: once settled it must not come back to life.
@@ -274,6 +322,40 @@ TEST_F(InspectorTest, DamagedRecordThatAnotherStandsForIsEmptiedAtTheNextOpen) {
   EXPECT_FALSE(Exists(SetAside(mapped_)));
 }
 
+// Killed while it is written, the next seal must have the other one to fall back on.
+TEST_F(InspectorTest, AnHeirsNextSaveLeavesTheSealBeforeItWhole) {
+  {
+    MultiProcessSafetyMmapFile first, second;
+    ASSERT_TRUE(OpenFile(first, mapped_) && OpenFile(second, mapped_));
+    ASSERT_TRUE(Save(first, {"one"}) && Save(second, {"two"}));
+  }
+  {
+    MultiProcessSafetyMmapFile heir;
+    ASSERT_TRUE(OpenFile(heir, mapped_) && Save(heir, {"two"}) && Save(heir, {"three"}));
+  }
+  ChangeRecord(1, [](OwnerRecord* record) {
+    for (const Seal& seal : record->seals) EXPECT_EQ(mmap_format::CheckOf(seal), seal.check);
+  });
+}
+
+TEST_F(InspectorTest, WhatTheLastRecordStandsForIsShownOnce) {
+  {
+    MultiProcessSafetyMmapFile owners[mmap_format::kOwners];
+    for (MultiProcessSafetyMmapFile& owner : owners) ASSERT_TRUE(OpenFile(owner, mapped_));
+    ASSERT_TRUE(Save(owners[0], {"left"}));
+    ASSERT_TRUE(Save(owners[mmap_format::kOwners - 1], {"left", "new"}));
+  }
+  ChangeRecord(mmap_format::kOwners, [](OwnerRecord* record) {
+    Seal* const seal = InForce(record);
+    ASSERT_NE(nullptr, seal);
+    seal->superseded = uint64_t{1} << 1;
+    seal->check = mmap_format::CheckOf(*seal);
+  });
+
+  EXPECT_EQ((Packets{"left", "new"}), Shown(mapped_).All());
+  EXPECT_EQ((Packets{"left", "new"}), LoadMapped(mapped_));
+}
+
 TEST_F(InspectorTest, PurgeLeavesALiveOwnersFileAlone) {
   MultiProcessSafetyMmapFile live;
   ASSERT_TRUE(OpenFile(live, mapped_) && Save(live, {"a"}));
@@ -291,10 +373,7 @@ TEST_F(InspectorTest, PurgeLeavesALiveOwnersFileAlone) {
 }
 
 TEST_F(InspectorTest, PurgeRemovesWhatWasSetAsideToo) {
-  {
-    ReliableReportCacheFile file;
-    ASSERT_TRUE(OpenFile(file, plain_) && Save(file, {"a", "b"}));
-  }
+  ASSERT_TRUE(SavePlain({"a", "b"}));
   ASSERT_TRUE(WriteWholeFile(SetAside(plain_), "old"));
   uint64_t packets = 0;
   std::string error;

@@ -1,5 +1,6 @@
 // What the file costs: disk space against its content, memory, flushes.
 #include <algorithm>
+#include <cerrno>
 #include <iostream>
 
 #include "tests/support/memory_faults.h"
@@ -112,6 +113,49 @@ TEST_F(MmapFileCostTest, GivesSpaceBackWhenTheContentShrinks) {
   EXPECT_EQ(Packets{NamedPacket("small", 1, 100)}, LoadMapped(path_));
 }
 
+TEST_F(MmapFileCostTest, AnOwnerThatClosesWithoutContentGivesItsRoomBack) {
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_TRUE(Save(file, NamedPackets("p", 5, 1000)) && Save(file, {}));
+  ASSERT_GT(SizeOf(path_), 16384u);
+
+  file.Close();
+
+  EXPECT_EQ(16384u, SizeOf(path_)) << "more than the table";
+}
+
+// Even where a live owner's room is behind it.
+TEST_F(MmapFileCostTest, RoomOfDeadOwnersReadsAsZerosOnceTheirHeirHasSaved) {
+  MultiProcessSafetyMmapFile last, heir;
+  {
+    MultiProcessSafetyMmapFile first, second;
+    ASSERT_TRUE(OpenFile(first, path_) && Save(first, {"first"}));
+    ASSERT_TRUE(OpenFile(second, path_) && Save(second, {"second"}));
+    ASSERT_TRUE(OpenFile(last, path_) && Save(last, {"last"}));
+  }
+  ASSERT_TRUE(OpenFile(heir, path_));
+  ASSERT_EQ((Packets{"first", "second"}), ReadAll(heir));
+
+  ASSERT_TRUE(Save(heir, {"heir"}));
+
+  EXPECT_EQ(0u, FindPacket(ReadWholeFile(path_), "second").size());
+  EXPECT_EQ(1u, FindPacket(ReadWholeFile(path_), "last").size());
+}
+
+// The content goes to and fro between two gaps, none of which makes the file shorter.
+TEST_F(MmapFileCostTest, AnExtentThatCannotBeCutOffIsTriedOnce) {
+  const Packets packets = NamedPackets("p", 200, 5000);
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_) && Save(file, packets));
+  FileCalls::FailEach(Call::kMmap, ENOMEM);
+
+  EXPECT_TRUE(Save(file, {packets[0]}));
+
+  FileCalls::Reset();
+  file.Close();
+  EXPECT_EQ(Packets{packets[0]}, LoadMapped(path_));
+}
+
 TEST_F(MmapFileCostTest, GivesSpaceBackOfDeadOwners) {
   {
     MultiProcessSafetyMmapFile owners[10];
@@ -170,6 +214,10 @@ TEST_F(MmapFileCostTest, DurabilityZeroFlushesNothing) {
   ASSERT_TRUE(OpenFile(file, path_));
   for (size_t i = 1; i < 30; ++i) ASSERT_TRUE(Save(file, NamedPackets("p", i, 1000)));
 
+  file.Close();
+  ASSERT_TRUE(WriteInto(path_, 0, "damaged"));
+  EXPECT_EQ(29u, LoadMapped(path_).size());
+
   EXPECT_EQ(0u, Flushes());
   EXPECT_EQ(0u, FileCalls::Count(Call::kSyncFileRange));
 }
@@ -185,6 +233,34 @@ TEST_F(MmapFileCostTest, DurabilityOneStartsWritingAndWaitsForNothing) {
 
   EXPECT_EQ(0u, Flushes());
   EXPECT_GE(FileCalls::Count(Call::kSyncFileRange), 10u);
+}
+
+class StartedRanges : public CallObserver {
+ public:
+  StartedRanges() { FileCalls::Observe(this); }
+  ~StartedRanges() override { FileCalls::Observe(nullptr); }
+  void After(const CallInfo& info) override {
+    if (info.call == Call::kSyncFileRange) ranges_.push_back(info);
+  }
+  bool Has(const StoredPacket& packet) const {
+    return std::any_of(ranges_.begin(), ranges_.end(), [&](const CallInfo& info) {
+      return info.offset <= packet.begin && packet.end <= info.offset + info.size;
+    });
+  }
+
+ private:
+  std::vector<CallInfo> ranges_;
+};
+
+TEST_F(MmapFileCostTest, DurabilityOneStartsWritingOfEachPacketWhereItIs) {
+  const DurabilityScope durability(1);
+  MultiProcessSafetyMmapFile file;
+  ASSERT_TRUE(OpenFile(file, path_));
+  for (const char* packet : {"first", "second"}) {
+    const StartedRanges started;
+    ASSERT_TRUE(Save(file, {packet}));
+    EXPECT_TRUE(started.Has(FindPacket(ReadWholeFile(path_), packet).at(0))) << packet;
+  }
 }
 
 TEST_F(MmapFileCostTest, DurabilityTwoFlushesEverySave) {

@@ -1,8 +1,10 @@
 // What happens under which lock, and what an owner does who has to wait, or comes too late.
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -175,10 +177,9 @@ TEST_F(MmapFileLocksTest, AFileThatANewerVersionHasOpenIsLeftAlone) {
   std::memcpy(&header, bytes.data(), sizeof header);
   header.version = mmap_format::kVersion + 1;
   header.check = mmap_format::CheckOf(header);
-  std::FILE* const out = std::fopen(path_.c_str(), "r+b");
-  ASSERT_NE(nullptr, out);
-  ASSERT_EQ(1u, std::fwrite(&header, offsetof(mmap_format::Header, next_save_number), 1, out));
-  ASSERT_EQ(0, std::fclose(out));
+  const std::string fixed(reinterpret_cast<const char*>(&header),
+                          offsetof(mmap_format::Header, next_save_number));
+  ASSERT_TRUE(WriteInto(path_, 0, fixed));
   RecordingLog::Clear();
   MultiProcessSafetyMmapFile late;
 
@@ -245,6 +246,75 @@ TEST_F(MmapFileLocksTest, RoomThatOthersHaveTakenMeanwhileIsNotGivenBack) {
   EXPECT_GT(held_up, 8);
 }
 
+// Content of a dead owner whose record has lost all bytes of its seals, or some, stands behind the
+// last range in use; and in the middle of its looking for room an owner is told nothing any more.
+class MmapFileLostRecordTest : public MmapFileTest {
+ protected:
+  // Two live owners, whose extents stand in another order than their records, and the dead one's.
+  void SetUp() override {
+    std::remove(path_.c_str());
+    std::remove(SetAside(path_).c_str());
+    MultiProcessSafetyMmapFile gone, dead;
+    ASSERT_TRUE(OpenFile(gone, path_) && OpenFile(first_, path_) && OpenFile(second_, path_));
+    ASSERT_TRUE(OpenFile(dead, path_) && Save(second_, {"second"}) && Save(first_, {"first"}));
+    ASSERT_TRUE(Save(dead, dead_));
+  }
+  void LoseRecord(char byte) {
+    const size_t seals = 2 * sizeof(mmap_format::Seal);
+    ASSERT_TRUE(WriteInto(path_, mmap_format::RecordOffset(4), std::string(seals, byte)));
+    ASSERT_TRUE(OpenFile(last_, path_));
+  }
+  // Whatever of it was saved.
+  void SaveInTheRestOfTheRoom() {
+    for (const size_t count : {1, 60}) saved_ = Save(last_, NamedPackets("last", count, 1000));
+  }
+  void ExpectNothingLost() {
+    for (MultiProcessSafetyMmapFile* file : {&first_, &second_, &last_}) file->Close();
+    Packets all = dead_;
+    all.insert(all.end(), {"first", "second"});
+    if (saved_) {
+      for (const std::string& packet : NamedPackets("last", 60, 1000)) all.push_back(packet);
+    }
+    const Packets found = LoadMapped(path_);
+    for (const std::string& packet : all) {
+      EXPECT_EQ(1, std::count(found.begin(), found.end(), packet)) << Show({packet});
+    }
+  }
+
+  const Packets dead_ = NamedPackets("dead", 10, 1000);
+  MultiProcessSafetyMmapFile first_, second_, last_;
+  bool saved_ = false;
+};
+
+// One call fails; of reads, which are tried again, all from there on.
+TEST_F(MmapFileLostRecordTest, ItsRoomIsNeverTaken) {
+  for (const char byte : {'\0', 'x'}) {
+    for (const Call call : {Call::kPread, Call::kFstat}) {
+      bool has_failed = true;
+      for (int nth = 0; has_failed; ++nth) {
+        SCOPED_TRACE(FileCalls::Name(call) + (" after " + std::to_string(nth)));
+        ASSERT_NO_FATAL_FAILURE(SetUp());
+        ASSERT_NO_FATAL_FAILURE(LoseRecord(byte));
+        const auto fail = [call] {
+          call == Call::kPread ? FileCalls::FailEach(call, EIO) : FileCalls::Fail(call, 1, EIO);
+        };
+        if (nth == 0) fail();
+        {
+          Watcher watcher;
+          int calls = 0;
+          watcher.after = [&](const CallInfo& info) {
+            if (info.call == call && ++calls == nth) fail();
+          };
+          SaveInTheRestOfTheRoom();
+          has_failed = calls >= nth;
+        }
+        FileCalls::Reset();
+        ASSERT_NO_FATAL_FAILURE(ExpectNothingLost());
+      }
+    }
+  }
+}
+
 // Starts a process that stops itself where it has the table's lock, for more room.
 pid_t StartAndStopWithTheLock(const std::string& path) {
   const pid_t child = fork();
@@ -306,6 +376,64 @@ TEST_F(MmapFileLocksTest, WhoCameFirstIsServedFirstUnlessHeDoesNotRun) {
   mmap_format::TableLock lock;
   EXPECT_TRUE(lock.Take(file, 60000));
   EXPECT_TRUE(first.SeesTableLocked());
+}
+
+// In the same nanosecond: the second takes the place behind the first.
+TEST_F(MmapFileLocksTest, TwoWhoCameTogetherWaitOneBehindTheOther) {
+  Leave({"a"});
+  Stranger holder(path_), first(path_);
+  ASSERT_TRUE(holder.LockTable());
+  cache_io::Descriptor file;
+  ASSERT_TRUE(file.Open(path_, cache_io::Descriptor::How::kExisting));
+  constexpr uint64_t kPlaces = uint64_t{1} << 62;
+  std::vector<uint64_t> places;
+  Watcher watcher;
+  watcher.before = [&](const CallInfo& info) {
+    if (info.call != Call::kFcntl || info.size != 1 || info.offset < kPlaces) return;
+    places.push_back(info.offset);
+    if (places.size() == 1) {
+      EXPECT_TRUE(first.WaitSince(static_cast<int64_t>(info.offset - kPlaces)));
+    } else {
+      first.Leave();
+      holder.Leave();
+    }
+  };
+
+  EXPECT_TRUE(mmap_format::TableLock().Take(file, 60000));
+
+  ASSERT_EQ(2u, places.size());
+  EXPECT_EQ(places[0] + 1, places[1]);
+}
+
+// The child has other things by now where its parent has the file mapped, a save under way too.
+TEST_F(MmapFileLocksTest, AForkedChildUnmapsNothingOfItsOwn) {
+  std::vector<CallInfo> mapped;
+  MultiProcessSafetyMmapFile file, neighbour;
+  {
+    Watcher watcher;
+    watcher.after = [&](const CallInfo& info) {
+      if (info.call == Call::kMmap && info.fd >= 0) mapped.push_back(info);
+    };
+    ASSERT_TRUE(OpenFile(file, path_) && Save(file, {"a"}));
+    ASSERT_TRUE(OpenFile(neighbour, path_) && Save(neighbour, {"b"}));
+    ASSERT_TRUE(file.Clear(100000) && Append(file, std::string(50000, 'm')));
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    std::vector<char*> own;
+    for (const CallInfo& info : mapped) {
+      void* const address = const_cast<void*>(info.address);
+      void* const got = mmap(address, info.size, PROT_READ | PROT_WRITE,
+                             MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+      if (got == address) own.push_back(static_cast<char*>(got));
+    }
+    file.Close();
+    for (char* const bytes : own) *bytes = 1;
+    _exit(own.size() < 4 ? 1 : 0);
+  }
+  int status = -1;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_EQ(0, status);
 }
 
 // At each moment at which something has to be on the disk.

@@ -296,6 +296,19 @@ TEST_F(MmapFileOpenTest, EndsARepairThatWasKilledBetweenItsTwoRenames) {
   EXPECT_FALSE(Exists(path_ + ".recovered"));
 }
 
+// A kill while it was written to would leave it damaged, for nothing.
+TEST_F(MmapFileOpenTest, OfAFileWithoutContentLeavesItAsItIs) {
+  for (const int seal_in_force : {1, 0}) {
+    Leave({"a"});
+    Leave({});
+    const std::string bytes = ReadWholeFile(path_);
+
+    EXPECT_EQ(Packets{}, LoadMapped(path_));
+
+    EXPECT_TRUE(bytes == ReadWholeFile(path_)) << seal_in_force;
+  }
+}
+
 TEST_F(MmapFileOpenTest, RepairDoesNotWriteToWhereALinkLeads) {
   const Packets all = NamedPackets("p", 5, 300);
   Leave(all);

@@ -163,6 +163,20 @@ TEST_F(MmapFileOwnersTest, DeadLeaveTheirPlacesOnceTheirHeirHasSaved) {
   }
 }
 
+TEST_F(MmapFileOwnersTest, DeadStayApartInARepair) {
+  {
+    const Owner first = Join(), second = Join();
+    ASSERT_TRUE(Save(*first, NamedPackets("first", 150, 20)));
+    ASSERT_TRUE(Save(*second, NamedPackets("second", 150, 20)));
+  }
+  ASSERT_TRUE(WriteInto(path_, 0, "damaged"));
+
+  const Owner heir = Join(), next = Join();
+
+  EXPECT_EQ(NamedPackets("first", 150, 20), ReadAll(*heir));
+  EXPECT_EQ(NamedPackets("second", 150, 20), ReadAll(*next));
+}
+
 TEST_F(MmapFileOwnersTest, WhoSavesNothingNeverReplacesTheDead) {
   Leave({"a"});
   {

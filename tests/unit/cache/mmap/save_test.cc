@@ -1,5 +1,7 @@
 // Clear() and AppendDataPacket(): when a save begins, completes and is void.
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <limits>
 #include <set>
 
@@ -180,19 +182,23 @@ TEST_F(MmapFileSaveTest, OfANegativeSizeIsRefusedAndLeavesTheOldContent) {
 }
 
 TEST_F(MmapFileSaveTest, RefusedByANegativeSizeEndsTheOneUnderWay) {
-  ASSERT_TRUE(file_.Clear(AnnouncedSize({"a", "b"})));
-  ASSERT_TRUE(Append(file_, "a"));
+  for (const Packets& packets : {Packets{"a", "b", "c"}, Packets{"old one", "old two", "c"}}) {
+    ASSERT_TRUE(file_.Clear(AnnouncedSize(packets)));
+    ASSERT_TRUE(Append(file_, packets[0]));
 
-  EXPECT_FALSE(file_.Clear(-1));
+    EXPECT_FALSE(file_.Clear(-1));
 
-  EXPECT_FALSE(Append(file_, "b"));
-  EXPECT_EQ(old_, Found());
+    EXPECT_FALSE(Append(file_, packets[1]));
+    EXPECT_EQ(old_, Found());
+  }
 }
 
 TEST_F(MmapFileSaveTest, BeyondAnyDiskIsRefusedAndLeavesTheOldContent) {
   const uint64_t on_disk = BytesOnDisk(path_);
+  const int64_t most = int64_t{1} << 40;
+  EXPECT_TRUE(file_.Clear(most));
   for (const int64_t size :
-       {int64_t{1} << 46, int64_t{1} << 61, std::numeric_limits<int64_t>::max() - 5000,
+       {most + 1, int64_t{1} << 46, int64_t{1} << 61, std::numeric_limits<int64_t>::max() - 5000,
         std::numeric_limits<int64_t>::max()}) {
     EXPECT_FALSE(file_.Clear(size)) << size;
     EXPECT_FALSE(file_.IsSaveComplete());
@@ -310,6 +316,78 @@ TEST_F(MmapFileSaveTest, OfANewPacketBeforeAsManyOldOnesAsTheIndexHolds) {
 
   file.Close();
   EXPECT_EQ(packets, LoadMapped(path));
+}
+
+// In whatever order, after saves of new ones, and by the next owner too.
+TEST_F(MmapFileSaveTest, OfKnownPacketsWritesNoneOfThemAgain) {
+  const Packets known = NamedPackets("known", 20, 100);
+  ASSERT_TRUE(Save(file_, known));
+  Packets packets = known;
+  for (int round = 0; round < 4; ++round) {
+    std::reverse(packets.begin(), packets.begin() + 20);
+    packets.resize(20);
+    packets.push_back(NamedPacket("new", static_cast<size_t>(round), 10));
+    ASSERT_TRUE(Save(file_, packets));
+    for (const std::string& packet : known) {
+      ASSERT_EQ(1u, FindPacket(ReadWholeFile(path_), packet).size()) << round;
+    }
+    file_.Close();
+    ASSERT_TRUE(OpenFile(file_, path_));
+  }
+}
+
+TEST_F(MmapFileSaveTest, OfAPacketTwiceThenOnceKeepsItsOnlyCopyLive) {
+  for (const Packets& packets : {Packets{"a", "b"}, Packets{"a", "a"}, Packets{"a"}}) {
+    ASSERT_TRUE(Save(file_, packets));
+    file_.Close();
+    ASSERT_TRUE(OpenFile(file_, path_));
+  }
+
+  ASSERT_EQ(1u, FindPacket(ReadWholeFile(path_), "a").size());
+  EXPECT_EQ(1u, LivePackets(ReadWholeFile(path_)));
+}
+
+TEST_F(MmapFileSaveTest, ThatIsVoidAfterItHasMovedLeavesTheFileInUse) {
+  MultiProcessSafetyMmapFile neighbour;
+  ASSERT_TRUE(OpenFile(neighbour, path_) && Save(neighbour, {"behind the old extent"}));
+  const Packets large = NamedPackets("large", 10, 4000);
+  ASSERT_TRUE(file_.Clear(AnnouncedSize(large) + 5));
+  for (const std::string& packet : large) ASSERT_TRUE(Append(file_, packet));
+  ASSERT_FALSE(Append(file_, "too much"));
+
+  EXPECT_TRUE(Save(file_, {"next"}));
+
+  EXPECT_EQ(0, LinesWith(2, ""));
+  EXPECT_EQ((Packets{"behind the old extent", "next"}), Found());
+}
+
+TEST_F(MmapFileSaveTest, ForWhichTheSystemHasNoRoomSaysWhy) {
+  FileCalls::FailEach(Call::kPosixFallocate, EDQUOT);
+
+  EXPECT_FALSE(Save(file_, NamedPackets("large", 50, 1000)));
+
+  EXPECT_EQ(1, LinesWith(2, std::strerror(EDQUOT)));
+  FileCalls::Reset();
+  EXPECT_EQ(old_, Found());
+}
+
+// Of more packets than a short index has places, in the 12 KiB that there are.
+TEST_F(MmapFileSaveTest, WhoseIndexFindsNoRoomLeavesTheOldContent) {
+  for (const size_t size : {8, 16, 24}) {
+    MultiProcessSafetyMmapFile file;
+    const std::string path = folder_.File(std::to_string(size));
+    const Packets packets = NamedPackets("p", 253, size);
+    ASSERT_TRUE(OpenFile(file, path) && Save(file, {"old"}));
+    FileCalls::FailEach(Call::kPosixFallocate, ENOSPC);
+
+    const bool saved = Save(file, packets);
+    FileCalls::Reset();
+
+    EXPECT_EQ(size == 8, saved) << size;
+    CopyAsIfKilled(path, folder_.File("killed"));
+    EXPECT_EQ(saved ? packets : Packets{"old"}, LoadMapped(folder_.File("killed"))) << size;
+    EXPECT_TRUE(Save(file, packets)) << size;
+  }
 }
 
 TEST_F(MmapFileSaveTest, OfTheOldPacketsIsVoidWhenOneTooMuchComes) {

@@ -206,6 +206,7 @@ TEST_F(CacheFileContractTest, ASaveThatOnlyRepeatsWritesFewBytes) {
   ASSERT_TRUE(Save(&file, packets));
 
   EXPECT_LE(FileBytes(path()) - before, 64u);
+  EXPECT_EQ(DiskCalls::CountOf("rename"), 0u);
 }
 
 // The channel's own pattern: the oldest is acknowledged, a new one comes in.

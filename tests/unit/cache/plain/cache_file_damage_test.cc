@@ -220,6 +220,7 @@ TEST_F(CacheFileDamageTest, ForgedListsNeitherCrashNorHang) {
       {{UINT64_MAX, UINT64_MAX}},
       {{1, 3}, {1, 3}, {1, 3}},
       {{77, 2}},
+      {{cache_file::kNumberLimit, 1}},
       {{2, 1}},
       {},
   };
@@ -232,9 +233,42 @@ TEST_F(CacheFileDamageTest, ForgedListsNeitherCrashNorHang) {
       bytes.append(reinterpret_cast<const char*>(&header), sizeof header);
       bytes.append(reinterpret_cast<const char*>(runs.data()), size);
 
-      EXPECT_TRUE(HoldsAll({"aaaa", "bbb", "cccccccc", "dd"}, Open(bytes)));
+      const Packets found = Open(bytes);
+      EXPECT_TRUE(HoldsAll({"aaaa", "bbb", "cccccccc", "dd"}, found));
+      // With a number that no packet has the list does not count.
+      if (!runs.empty() && runs[0].first >= cache_file::kNumberLimit) {
+        EXPECT_EQ(found.size(), 4u);
+      }
     }
   }
+}
+
+// So many orders that following them all would take minutes are followed for a while: what only an
+// earlier one names comes in the order of the file.
+TEST_F(CacheFileDamageTest, ForgedOrdersWithoutEndAreGivenUpOn) {
+  constexpr uint64_t kPackets = 4096;
+  Write({});
+  std::string bytes = Bytes();
+  const auto add = [&](uint32_t magic, uint64_t number, const std::string& body) {
+    const cache_file::RecordHeader header = cache_file::MakeRecordHeader(
+        magic, number, static_cast<uint32_t>(body.size()),
+        cache_file::BodyCheckOf(body.data(), body.size(), bytes.size()), bytes.size());
+    bytes.append(reinterpret_cast<const char*>(&header), sizeof header);
+    bytes += body;
+  };
+  const auto add_order = [&](const cache_file::Run& run) {
+    add(cache_file::kOrderMagic, 9, std::string(reinterpret_cast<const char*>(&run), sizeof run));
+  };
+  for (uint64_t i = 1; i <= kPackets; ++i) add(cache_file::kPacketMagic, i, std::to_string(i));
+  add_order({kPackets, 1});
+  add_order({kPackets - 1, 1});
+  for (uint64_t i = 0; i < kPackets + 8; ++i) add_order({1, kPackets - 2});
+
+  const Packets found = Open(bytes);
+
+  ASSERT_EQ(found.size(), kPackets);
+  EXPECT_EQ(found[kPackets - 2], std::to_string(kPackets - 1));
+  EXPECT_EQ(found[kPackets - 1], std::to_string(kPackets));
 }
 
 // Whoever counted on from such a number would write records that nobody reads.

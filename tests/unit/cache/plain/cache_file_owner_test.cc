@@ -111,6 +111,23 @@ TEST_F(CacheFileOwnerTest, AForkedChildHoldsNothingAndTouchesNothing) {
   EXPECT_EQ(Reopened(), (Packets{"a", "b", "c"}));
 }
 
+// Its file, or the one that replaces it, has the number 0.
+TEST_F(CacheFileOwnerTest, AChildOfAProcessWithoutStandardInputTouchesNothing) {
+  const int input = dup(0);
+  close(0);
+  ReliableReportCacheFile file;
+  EXPECT_TRUE(file.Open(file_path()));
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(remove(path().c_str()), 0);
+    EXPECT_TRUE(Save(&file, {"a"}));
+    EXPECT_EQ(InChild([&] { return file.Clear() ? 1 : 0; }), 0) << i;
+  }
+  file.Close();
+  if (input < 0) return;
+  dup2(input, 0);
+  close(input);
+}
+
 TEST_F(CacheFileOwnerTest, AChildThatLivesOnDoesNotKeepTheFile) {
   int pipe_ends[2];
   ASSERT_EQ(pipe(pipe_ends), 0);
@@ -352,6 +369,7 @@ TEST_F(CacheFileOwnerTest, APacketThatIsGoneWhileReadingStopsTheSaves) {
 
   EXPECT_EQ(file.GetNextDataPacket().size, 0u);
 
+  EXPECT_EQ(file.GetNextDataPacket().size, 0u);
   ASSERT_EQ(Complaints().size(), 1u);
   EXPECT_NE(Complaints()[0].find("packet 2"), std::string::npos) << Complaints()[0];
   EXPECT_FALSE(file.Clear());
