@@ -138,7 +138,8 @@ RowRunner::~RowRunner() {
 void RowRunner::SetLimits(const Row& row) {
   HttpDefaults defaults;
   defaults.ca_file = authority_.ca_file();
-  defaults.connect_timeout_ms = defaults.total_timeout_ms = row.is_slow ? kShortMs : kAmpleMs;
+  const uint32_t short_ms = row.is_big ? 4 * kShortMs : kShortMs;
+  defaults.connect_timeout_ms = defaults.total_timeout_ms = row.is_slow ? short_ms : kAmpleMs;
   if (row.low_speed) {
     defaults.connect_timeout_ms = defaults.total_timeout_ms = kAmpleMs;
     defaults.low_speed_bytes_per_second = 4096;
