@@ -1,5 +1,6 @@
 // The client seen from outside its process; http_client_program is the process.
 #include <csignal>
+#include <filesystem>
 #include <set>
 #include <sstream>
 
@@ -67,12 +68,16 @@ TEST_F(HttpClientProcessTest, NoVariableThatIsAskedForWeakensTheClient) {
   }
   EXPECT_EQ(asked.count("OPENSSL_CONF"), 1u) << Output();  // The trace sees what libraries ask.
 
+  // Some name a file that libcurl opens for writing, where the program stands.
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(folder_.path());
   for (const std::string& name : asked) {
     for (const std::string& value : {std::string("1"), other.ca_file(), folder_.path()}) {
       EXPECT_NE(Run("post", bad.Origin() + "/", {name + "=" + value}), 0) << name << "=" << value;
     }
     EXPECT_EQ(Run("post", good.Origin() + "/", {name + "=1"}), 0) << name;
   }
+  std::filesystem::current_path(before);
 }
 
 TEST_F(HttpClientProcessTest, OpenSslConfigurationNeitherSwitchesEncryptionOffNorAddsAnAuthority) {
