@@ -15,7 +15,6 @@ namespace {
 // The oldest entry of OpenSSL's queue, which is the cause; later ones only say who passed it on.
 std::string OpenSslCause() {
   const unsigned long code = ERR_peek_error();
-  ERR_clear_error();
   if (code == 0) return "unknown error";
   const char* reason = ERR_reason_error_string(code);
   return reason != nullptr ? reason : "error " + std::to_string(code);
@@ -56,7 +55,6 @@ int RefuseIfTold(SSL* ssl, int* alert, void* /*unused*/) {
 SslCtxPtr LoadTlsContext(const std::string& cert_path, const std::string& key_path) {
   RequireReadable(cert_path, "certificate", "--cert");
   RequireReadable(key_path, "private key", "--key");
-  ERR_clear_error();
   SslCtxPtr context(SSL_CTX_new(TLS_server_method()));
   if (!context || SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) != 1) {
     throw Fatal(kExitInternal,
