@@ -338,8 +338,12 @@ TEST_F(PthreadQueueTest, PostAllocatesOnlyUntilTheQueueHasRoom) {
   const auto queue = NewQueue();
   size_t count = 0;
   for (int round = 0; round < 20; ++round) {
-    Gate go_on;
-    queue->PostTask(kHere, [&] { go_on.Wait(); });
+    Gate busy, go_on;
+    queue->PostTask(kHere, [&] {
+      busy.Open();
+      go_on.Wait();
+    });
+    busy.Wait();  // It takes no list meanwhile, for which room might be made in vain.
     const test::MemoryFaults::Counter allocations;
     for (int i = 0; i < 200; ++i) queue->PostTask(kHere, [] {});
     count += allocations.count();
