@@ -31,6 +31,7 @@ PARTS = {  # Started in this order.
     "hosts": "hosts files of several machines",
     "checks": "format, layers, documentation, thread safety",
 }
+TOLD = ("skipped: ", "mutants: --seed ")  # Lines that the end repeats.
 BESIDE = "waiting"  # It needs hardly any processor time, and counts for none of the two.
 AT_A_TIME = 2
 LAST_LINES = 40
@@ -41,7 +42,7 @@ COUNTS = re.compile(r"^(?:tests|check|mutants): (\d+) (?:passed|killed), (\d+) (
 class Part:
     def __init__(self, name):
         self.name, self.counts, self.minutes = name, [0, 0, 0], 0.0
-        self.skipped = []
+        self.told = []
 
     def run(self):
         began = time.monotonic()
@@ -53,8 +54,8 @@ class Part:
             for line in part.stdout:
                 log.write(line)
                 log.flush()
-                if line.startswith("skipped: "):
-                    self.skipped.append(line.strip())
+                if line.startswith(TOLD):
+                    self.told.append(line.strip())
                 found = COUNTS.match(line)
                 if found:
                     counted = True
@@ -102,7 +103,7 @@ def main(names):
     for part in parts:
         print(part.row())
     for part in parts:
-        for line in part.skipped:
+        for line in part.told:
             print(f"{part.name}: {line}")
     passed, failed, skipped = (sum(part.counts[i] for part in parts) for i in range(3))
     print(f"{passed} passed, {failed} failed, {skipped} skipped")

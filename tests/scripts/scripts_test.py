@@ -76,6 +76,7 @@ class FullCheckTest(ScriptTest):
                 echo 'skipped: t1: no wire'; echo 'tests: 2 passed, 1 failed, 1 skipped' ;;
               waiting) echo 'tests: 3 passed, 0 failed, 0 skipped' ;;
               mutants) echo 'mutants: 9 killed, 0 survived' ;;
+              generated) echo 'mutants: --seed 7 --count 60: 60 of 7000' ;;
               model) exit 3 ;;
             esac""")
 
@@ -84,6 +85,7 @@ class FullCheckTest(ScriptTest):
                              "mutants": "9 0 0", "model": "0 1 0", "tsan": "1 0 0"}.items():
             self.assertEqual(counts.split(), rows[part], part)
         self.assertIn("network: skipped: t1: no wire\n", said)
+        self.assertIn("generated: mutants: --seed 7 ", said)
         # random, kills, cache, hosts, fuzzers, coverage, generated, asan and tsan count as one each.
         self.assertEqual("35 passed, 3 failed, 2 skipped", said.splitlines()[-1])
 
