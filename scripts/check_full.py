@@ -89,6 +89,7 @@ def main(names):
               file=sys.stderr)
         return 64
     os.makedirs("build/check", exist_ok=True)
+    os.environ["QUENOR_CHECK_RUN"] = f"{os.getpid()} {time.time()}"  # ./dev builds once in a run.
     parts = [Part(name) for name in PARTS if not names or name in names]
     head = f"{'part':10}{'passed':>8}{'failed':>8}{'skipped':>9}{'minutes':>9}"
     print(f"      {head}", flush=True)

@@ -89,6 +89,15 @@ class FullCheckTest(ScriptTest):
         # random, kills, cache, hosts, fuzzers, coverage, generated, asan and tsan count as one each.
         self.assertEqual("35 passed, 3 failed, 2 skipped", said.splitlines()[-1])
 
+    def test_parts_know_that_they_are_of_one_run(self):
+        runs = []
+        for _ in range(2):
+            self.check('echo "run $QUENOR_CHECK_RUN"', "model", "asan")
+            runs += [(self.folder / f"build/check/{part}.log").read_text() for part in ("model", "asan")]
+
+        self.assertEqual([runs[0], runs[0], runs[2], runs[2]], runs)
+        self.assertNotEqual(runs[0], runs[2])
+
     def test_takes_some_parts(self):
         code, said, rows = self.check("echo part $3", "model", "asan")
 
