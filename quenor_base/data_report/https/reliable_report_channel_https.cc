@@ -1,26 +1,23 @@
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
 
+#include "quenor_base/data_report/https/cache_option.h"
+#include "quenor_base/data_report/https/channel_events.h"
 #include "quenor_base/object_pool/alloc_buffer_from_pool.h"
 #include "quenor_base/platform/base/check.h"
 #include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/file_path.h"
-#include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/json_reader.h"
 #include "quenor_base/platform/base/location.h"
 #include "quenor_base/platform/base/memory_mapped_file.h"
 #include "quenor_base/platform/base/optional.h"
-#include "quenor_base/platform/base/path_service.h"
 #include "quenor_base/platform/base/thread.h"
 #include "quenor_base/platform/base/values.h"
-#include "quenor_base/platform/config_center.h"
 #include "quenor_base/platform/local_log.h"
-#include "quenor_base/platform/report_events.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
 #include "quenor_base/platform/thread_manager.h"
 
@@ -60,53 +57,12 @@ constexpr int kDeflateWindowBits = -15;  // Raw deflate, 32 KiB window.
 constexpr int kDeflateMemoryLevel = 9;
 constexpr char kZlibVersion[] = "1.3.1";  // zlib compares the first digit only.
 
-// The values of the cache option; under any other the cache cannot be opened.
-constexpr int kCacheNone = 0;
-constexpr int kCacheFile = 1;
-constexpr int kCacheMmap = 2;
 constexpr uint32_t kPacketLengthBytes = 4;  // What each packet takes besides its bytes.
 
 base::Location Here(int line) { return base::Location::CreateFromHere(kSourcePath, line); }
 
 base::TimeDelta SendPeriod(uint32_t interval_ms) {
   return base::TimeDelta::FromMilliseconds(std::max(interval_ms, kMinSendPeriodMs));
-}
-
-bool IsSuccess(HttpClient::State state, const HttpClient::Response* response) {
-  return state == HttpClient::State::kCompleted && response != nullptr &&
-         response->status_code == kStatusOk;
-}
-
-// The low 32 bits of the configured value; read once, so that every channel and every load and save
-// of the process agree on one backend. A fork waits for the first use: the child would wait for
-// ever for the static.
-int GetCacheOption() {
-  static std::atomic<bool> is_read{false};
-  const base::FirstUse first_use(&is_read);
-  static const int32_t cache_option = [] {
-    const base::Optional<uint64_t> value =
-        config::ConfigCenterImpl::GetInstance()->GetValueWithPriority(
-            config::BaseCfg().cache_option, uint64_t{kCacheMmap});
-    return static_cast<int32_t>(static_cast<uint32_t>(value.value_or(kCacheMmap)));
-  }();
-  return cache_option;
-}
-
-// Queue thread; blocks on the file system. The folder of that name in which all channels keep their
-// files, created if it was missing; empty, and logged, on failure.
-base::FilePath GetCacheFolerPath(const std::string& folder_name) {
-  base::FilePath folder;
-  if (!base::PathService::Get(base::DIR_RELIABLE_REPORT, &folder)) {
-    LocalLog(2, kSourcePath, __LINE__, "PathService::Get base::DIR_RELIABLE_REPORT failed!");
-    return base::FilePath();
-  }
-  folder = folder.AppendASCII(folder_name);
-  if (!base::PathExists(folder) && !base::CreateDirectory(folder)) {
-    LocalLog(2, kSourcePath, __LINE__, "CreateDirectory failed! path=%s",
-             folder.AsUTF8Unsafe().c_str());
-    return base::FilePath();
-  }
-  return folder;
 }
 
 // The bytes of a packet. The store's own: a body that a request still holds is unshared, once. When
@@ -120,41 +76,6 @@ void EndAndFreeStream(z_stream* stream) {
   if (stream == nullptr) return;
   deflateEnd(stream);
   std::free(stream);
-}
-
-// An event about bytes that a buffer holds. Build one only when somebody listens.
-ReportEvent EventOf(ReportEventKind kind, ReportEventCause cause, const std::string& channel_name,
-                    const CopyOnWriteBuffer& body, bool need_cache) {
-  ReportEvent event{kind, cause, channel_name};
-  event.data = body.cdata<uint8_t>();
-  event.size = body.size();
-  event.need_cache = need_cache;
-  return event;
-}
-
-ReportEvent EventOf(ReportEventKind kind, ReportEventCause cause, const std::string& channel_name,
-                    const ReliableReportChannelHttps::CachedMessage& message,
-                    int64_t request_id = 0) {
-  ReportEvent event = EventOf(kind, cause, channel_name, message.data, message.need_cache);
-  event.send_count = message.send_count;
-  event.request_id = request_id;
-  return event;
-}
-
-void TellMessage(ReportEventKind kind, ReportEventCause cause, const std::string& channel_name,
-                 const ReliableReportChannelHttps::CachedMessage& message, int64_t request_id = 0) {
-  if (!ReportEvents::HasListener()) return;
-  ReportEvents::Tell(EventOf(kind, cause, channel_name, message, request_id));
-}
-
-void TellBytes(ReportEventKind kind, ReportEventCause cause, const std::string& channel_name,
-               const uint8_t* data, uint32_t size, bool need_cache) {
-  if (!ReportEvents::HasListener()) return;
-  ReportEvent event{kind, cause, channel_name};
-  event.data = size > 0 ? data : nullptr;
-  event.size = size;
-  event.need_cache = need_cache;
-  ReportEvents::Tell(event);
 }
 
 }  // namespace
@@ -229,7 +150,7 @@ void ReliableReportChannelHttps::DoTerminate() {
   const bool cache_is_whole = IsCacheWhole();  // Asked while the files can still tell.
   mmap_file_.Close();
   cache_file_.Close();
-  TellLeftOver(cache_is_whole);
+  Events().LeftOver(sending_messages_, pending_messages_, cache_is_whole);
   // Not saved first: the cache keeps what the last save wrote, and the next DoInit loads it.
   pending_messages_.clear();
   sending_messages_.clear();
@@ -239,17 +160,7 @@ void ReliableReportChannelHttps::DoTerminate() {
 
 void ReliableReportChannelHttps::DoClean() { http_client_.reset(); }
 
-void ReliableReportChannelHttps::TellLeftOver(bool cache_is_whole) {
-  if (!ReportEvents::HasListener()) return;
-  const auto tell = [&](const CachedMessage& message, int64_t request_id) {
-    const bool kept = cache_is_whole && message.need_cache;
-    TellMessage(kept ? ReportEventKind::kKept : ReportEventKind::kDropped,
-                kept ? ReportEventCause::kNone : ReportEventCause::kTerminated, channel_name_,
-                message, request_id);
-  };
-  for (const auto& [request_id, message] : sending_messages_) tell(message, request_id);
-  for (const CachedMessage& message : pending_messages_) tell(message, 0);
-}
+ChannelEvents ReliableReportChannelHttps::Events() const { return ChannelEvents(channel_name_); }
 
 std::shared_ptr<ReliableReportChannelHttps> ReliableReportChannelHttps::StrongThis() {
   if (std::shared_ptr<ReliableReportChannelHttps> strong = self_.lock()) return strong;
@@ -278,9 +189,8 @@ struct ReliableReportChannelHttps::AdmissionTask {
         send_now(send_now_in) {}
   AdmissionTask(AdmissionTask&&) noexcept = default;
   ~AdmissionTask() {
-    if (channel == nullptr || !ReportEvents::HasListener()) return;  // Moved from, or run.
-    ReportEvents::Tell(EventOf(ReportEventKind::kDropped, ReportEventCause::kNeverRun,
-                               channel->channel_name_, data, need_cache));
+    if (channel == nullptr) return;  // Moved from, or run.
+    channel->Events().Dropped(ReportEventCause::kNeverRun, data, need_cache);
   }
 
   void operator()() && {
@@ -314,22 +224,20 @@ bool ReliableReportChannelHttps::CheckRunning(const char* operation, int line) {
 void ReliableReportChannelHttps::HandOver(const char* operation, int line, const uint8_t* data,
                                           uint32_t size, bool need_cache, bool send_now,
                                           const base::TimeDelta* delay) {
-  const auto tell = [&](ReportEventKind kind, ReportEventCause cause) {
-    TellBytes(kind, cause, channel_name_, data, size, need_cache);
+  Events().HandedOver(data, size, need_cache);
+  const auto refuse = [&](ReportEventCause cause) {
+    Events().Refused(cause, data, size, need_cache);
   };
-  tell(ReportEventKind::kHandedOver, ReportEventCause::kNone);
-  if (!CheckInitialized(operation, line)) {
-    return tell(ReportEventKind::kRefused, ReportEventCause::kNotInitialized);
-  }
+  if (!CheckInitialized(operation, line)) return refuse(ReportEventCause::kNotInitialized);
   CopyOnWriteBuffer body(data, size);
   if (body.size() != size) {
     LocalLog(2, kSourcePath, line,
              "%s, no memory to copy a message of %u bytes; it is refused, hand it over again later",
              operation, size);
-    return tell(ReportEventKind::kRefused, ReportEventCause::kOutOfMemory);
+    return refuse(ReportEventCause::kOutOfMemory);
   }
   const std::shared_ptr<DispatchQueue> queue = Queue();
-  if (queue == nullptr) return tell(ReportEventKind::kRefused, ReportEventCause::kQueueGone);
+  if (queue == nullptr) return refuse(ReportEventCause::kQueueGone);
   AdmissionTask task(StrongThis(), std::move(body), need_cache, send_now);
   base::EndOnException(kInOperation, [&] {
     if (delay != nullptr) {
@@ -418,21 +326,19 @@ void ReliableReportChannelHttps::DoSetResendInterval(unsigned int interval_ms) {
 
 void ReliableReportChannelHttps::UpdateCacheAndSend(CopyOnWriteBuffer data, bool need_cache,
                                                     bool send_now) {
-  const auto tell = [&](ReportEventKind kind, ReportEventCause cause) {
-    TellBytes(kind, cause, channel_name_, data.cdata<uint8_t>(), data.size(), need_cache);
+  const auto refuse = [&](ReportEventCause cause) {
+    Events().Refused(cause, data.cdata<uint8_t>(), data.size(), need_cache);
   };
-  if (!CheckRunning("UpdateCacheAndSend", __LINE__)) {
-    return tell(ReportEventKind::kRefused, ReportEventCause::kNotRunning);
-  }
-  if (url_.empty()) return tell(ReportEventKind::kRefused, ReportEventCause::kNoServer);
+  if (!CheckRunning("UpdateCacheAndSend", __LINE__)) return refuse(ReportEventCause::kNotRunning);
+  if (url_.empty()) return refuse(ReportEventCause::kNoServer);
   ++sending_message_needed_count_;
   TrimPendingMessages();
 
   CachedMessage message(data, need_cache);
   if (enable_compress_ && !CompressBody(data, &message.data)) {
-    return tell(ReportEventKind::kDropped, ReportEventCause::kNotCompressed);
+    return Events().Dropped(ReportEventCause::kNotCompressed, data, need_cache);
   }
-  TellAdmitted(message, data);
+  Events().Admitted(message, data);
   data = CopyOnWriteBuffer();  // The store now holds the body alone.
 
   if (send_now && resend_interval_ms_ == 0) {
@@ -448,23 +354,10 @@ void ReliableReportChannelHttps::UpdateCacheAndSend(CopyOnWriteBuffer data, bool
 void ReliableReportChannelHttps::TrimPendingMessages() {
   if (pending_messages_.size() < kMaxPendingMessages) return;
   while (pending_messages_.size() > kPendingMessagesAfterTrim) {
-    TellMessage(ReportEventKind::kDropped, ReportEventCause::kTrimmed, channel_name_,
-                pending_messages_.front());
+    Events().Dropped(ReportEventCause::kTrimmed, pending_messages_.front(), 0);
     pending_messages_.pop_front();
     ++dropping_message_count_;
   }
-}
-
-void ReliableReportChannelHttps::TellAdmitted(const CachedMessage& message,
-                                              const CopyOnWriteBuffer& original) {
-  if (!ReportEvents::HasListener()) return;
-  ReportEvent event =
-      EventOf(ReportEventKind::kAdmitted, ReportEventCause::kNone, channel_name_, message);
-  if (event.data != original.cdata<uint8_t>()) {
-    event.original_data = original.cdata<uint8_t>();
-    event.original_size = original.size();
-  }
-  ReportEvents::Tell(event);
 }
 
 // Sending -----------------------------------------------------------------------------------------
@@ -493,10 +386,9 @@ void ReliableReportChannelHttps::DoSend() {
 
   const auto in_flight = sending_messages_.find(request_id);
   if (in_flight != sending_messages_.end()) {
-    TellMessage(ReportEventKind::kDropped, ReportEventCause::kReplaced, channel_name_,
-                in_flight->second, request_id);
+    Events().Dropped(ReportEventCause::kReplaced, in_flight->second, request_id);
   }
-  TellMessage(ReportEventKind::kSent, ReportEventCause::kNone, channel_name_, message, request_id);
+  Events().Sent(message, request_id);
   sending_messages_.insert_or_assign(request_id, std::move(message));
   pending_messages_.pop_front();
   ++sending_message_actual_count_;
@@ -580,12 +472,12 @@ void ReliableReportChannelHttps::DoOnResponse(HttpClient::State state,
   CachedMessage message = std::move(found->second);
   sending_messages_.erase(found);
 
-  if (IsSuccess(state, response.get())) {
-    TellMessage(ReportEventKind::kAcknowledged, ReportEventCause::kNone, channel_name_, message,
-                request.request_id);
+  if (state == HttpClient::State::kCompleted && response != nullptr &&
+      response->status_code == kStatusOk) {
+    Events().Acknowledged(message, request.request_id);
     OnDelivered(*response);
   } else {
-    TellFailed(state, response.get(), message, request.request_id);
+    Events().Failed(state, response.get(), message, request.request_id);
     OnAttemptFailed(request.request_id, std::move(message));
   }
   SaveCache();
@@ -608,8 +500,7 @@ void ReliableReportChannelHttps::OnAttemptFailed(int64_t request_id, CachedMessa
     pending_messages_.push_front(std::move(message));
   } else {
     ++dropping_message_count_;
-    TellMessage(ReportEventKind::kDropped, ReportEventCause::kResendLimit, channel_name_, message,
-                request_id);
+    Events().Dropped(ReportEventCause::kResendLimit, message, request_id);
   }
   if (resend_interval_ms_ == 0 && continuous_fail_count_ <= kLastBackOffShift) {
     current_interval_ms_ = kFirstBackOffMs << continuous_fail_count_;
@@ -618,19 +509,6 @@ void ReliableReportChannelHttps::OnAttemptFailed(int64_t request_id, CachedMessa
     EnsureStartTimer();
   }
   ++continuous_fail_count_;
-}
-
-void ReliableReportChannelHttps::TellFailed(HttpClient::State state,
-                                            const HttpClient::Response* response,
-                                            const CachedMessage& message, int64_t request_id) {
-  if (!ReportEvents::HasListener()) return;
-  const bool answered = state == HttpClient::State::kCompleted && response != nullptr;
-  ReportEvent event = EventOf(ReportEventKind::kFailed,
-                              answered ? ReportEventCause::kStatus : ReportEventCause::kTransport,
-                              channel_name_, message, request_id);
-  event.http_state = static_cast<int32_t>(state);
-  event.status_code = answered ? response->status_code : 0;
-  ReportEvents::Tell(event);
 }
 
 void ReliableReportChannelHttps::HandleResponse(const char* body, uint32_t size,
@@ -654,16 +532,9 @@ void ReliableReportChannelHttps::HandleResponse(const char* body, uint32_t size,
   if (max_resend_count > 0) max_resend_count_ = static_cast<uint32_t>(max_resend_count);
   const int report_duration = reply->FindIntKey("uint32_report_duration").value_or(0);
   if (report_duration > 0) report_interval_ms_.store(static_cast<uint32_t>(report_duration) * 1000);
-  TellRetuned(send_interval > 0 || max_resend_count > 0 || report_duration > 0);
-}
-
-void ReliableReportChannelHttps::TellRetuned(bool any_field) {
-  if (!any_field || !ReportEvents::HasListener()) return;
-  ReportEvent event{ReportEventKind::kRetuned, ReportEventCause::kNone, channel_name_};
-  event.send_interval_ms = resend_interval_ms_;
-  event.max_resend_count = max_resend_count_;
-  event.report_interval_ms = report_interval_ms_.load();
-  ReportEvents::Tell(event);
+  if (send_interval > 0 || max_resend_count > 0 || report_duration > 0) {
+    Events().Retuned(resend_interval_ms_, max_resend_count_, report_interval_ms_.load());
+  }
 }
 
 // Statistics --------------------------------------------------------------------------------------
@@ -804,8 +675,7 @@ bool ReliableReportChannelHttps::LoadMessages(File* file, uint32_t* total_bytes)
     pending_messages_.push_back(std::move(message));
     ++sending_message_needed_count_;
     *total_bytes += packet.size;
-    TellMessage(ReportEventKind::kLoaded, ReportEventCause::kNone, channel_name_,
-                pending_messages_.back());
+    Events().Loaded(pending_messages_.back());
   }
 }
 
@@ -817,14 +687,7 @@ void ReliableReportChannelHttps::AppendMessages(File* file) {
     file->AppendDataPacket(Packet{PacketBytes(&message.data), message.data.size()});
     ++count;
   });
-  if (file->IsSaveComplete()) TellSaved(count);
-}
-
-void ReliableReportChannelHttps::TellSaved(uint32_t count) {
-  if (!ReportEvents::HasListener()) return;
-  ReportEvent event{ReportEventKind::kSaved, ReportEventCause::kNone, channel_name_};
-  event.count = count;
-  ReportEvents::Tell(event);
+  if (file->IsSaveComplete()) Events().Saved(count);
 }
 
 bool ReliableReportChannelHttps::IsCacheWhole() const {

@@ -33,6 +33,8 @@
 
 QUENOR_NAMESPACE_BEGIN
 
+class ChannelEvents;
+
 class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableReportChannelHttps> {
  public:
   // One queued message. Copies share the body.
@@ -128,8 +130,8 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   void DoTerminate();
   // Destroys the HTTP client; the next send makes a new one.
   void DoClean();
-  // Tells what becomes of each message that a termination finds in the store.
-  void TellLeftOver(bool cache_is_whole);
+  // Any thread. What tells the listener of this channel.
+  ChannelEvents Events() const;
   // Any thread. A strong reference to the channel; ends the process when no std::shared_ptr owns
   // it.
   std::shared_ptr<ReliableReportChannelHttps> StrongThis();
@@ -168,7 +170,6 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   void UpdateCacheAndSend(CopyOnWriteBuffer data, bool need_cache, bool send_now);
   // From 200 pending messages or more down to 150, the oldest first.
   void TrimPendingMessages();
-  void TellAdmitted(const CachedMessage& message, const CopyOnWriteBuffer& original);
 
   // --- Sending --------------------------------------------------------------------------------
   // Puts the front pending message on the wire. The send timer's task.
@@ -191,9 +192,6 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
                     std::unique_ptr<HttpClient::Response> response);
   void OnDelivered(const HttpClient::Response& response);
   void OnAttemptFailed(int64_t request_id, CachedMessage message);
-  void TellFailed(HttpClient::State state, const HttpClient::Response* response,
-                  const CachedMessage& message, int64_t request_id);
-  void TellRetuned(bool any_field);
   // Applies the control fields of the server's reply. Borrows `body`, not terminated.
   void HandleResponse(const char* body, uint32_t size,
                       const std::map<std::string, std::string>* headers);
@@ -230,7 +228,6 @@ class ReliableReportChannelHttps : public std::enable_shared_from_this<ReliableR
   // listener is told, which the file knows.
   template <typename File>
   void AppendMessages(File* file);
-  void TellSaved(uint32_t count);
   // True when the file holds all messages of the store that need the cache.
   bool IsCacheWhole() const;
 
