@@ -25,13 +25,13 @@ function(quenor_library name)
   endif()
 endfunction()
 
-# quenor_service(<name> [SRCS ...] [SMALL_SRCS ...] [LIBS ...] [INCLUDES ...])
+# quenor_service(<name> [FOLDER folder] [SRCS ...] [SMALL_SRCS ...] [LIBS ...] [INCLUDES ...])
 # The default implementation of one platform service: quenor::platform_default_<name>. SMALL_SRCS:
 # their time goes into what they call, so an optimized build makes them small rather than fast.
 function(quenor_service name)
-  cmake_parse_arguments(A "" "" "SRCS;SMALL_SRCS;LIBS;INCLUDES" ${ARGN})
-  list(TRANSFORM A_SRCS PREPEND quenor_base/platform/default/)
-  list(TRANSFORM A_SMALL_SRCS PREPEND quenor_base/platform/default/)
+  cmake_parse_arguments(A "" "FOLDER" "SRCS;SMALL_SRCS;LIBS;INCLUDES" ${ARGN})
+  list(TRANSFORM A_SRCS PREPEND services/${A_FOLDER}/)
+  list(TRANSFORM A_SMALL_SRCS PREPEND services/${A_FOLDER}/)
   quenor_library(platform_default_${name} SRCS ${A_SRCS} ${A_SMALL_SRCS}
     DEPS quenor::platform quenor::buffer)
   target_link_libraries(quenor_platform_default_${name} PRIVATE ${A_LIBS})

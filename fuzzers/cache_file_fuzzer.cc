@@ -4,9 +4,9 @@
 #include <cstring>
 
 #include "fuzzers/fuzzed_file.h"
-#include "quenor_base/platform/default/cache_file_format.h"
-#include "quenor_base/platform/default/mmap_file_format.h"
 #include "quenor_base/platform/reliable_report_cache_file.h"
+#include "services/cache_file_posix/format.h"
+#include "services/mmap_file_posix/format.h"
 
 namespace quenor::fuzz {
 

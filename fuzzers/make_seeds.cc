@@ -8,9 +8,9 @@
 #include "fuzzers/fuzzed_file.h"
 #include "fuzzers/reply_input.h"
 #include "fuzzers/sparse_file.h"
-#include "quenor_base/platform/default/cache_file_format.h"
 #include "quenor_base/platform/multi_process_safety_mmap_file.h"
 #include "quenor_base/platform/reliable_report_cache_file.h"
+#include "services/cache_file_posix/format.h"
 #include "tests/conformance/json_cases.h"
 
 namespace quenor::fuzz {

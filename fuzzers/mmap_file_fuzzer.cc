@@ -5,10 +5,10 @@
 
 #include "fuzzers/fuzzed_file.h"
 #include "fuzzers/sparse_file.h"
-#include "quenor_base/platform/default/cache_io_posix.h"
-#include "quenor_base/platform/default/mmap_file_format.h"
-#include "quenor_base/platform/default/mmap_file_reader.h"
 #include "quenor_base/platform/multi_process_safety_mmap_file.h"
+#include "services/cache_shared/file_calls_posix.h"
+#include "services/mmap_file_posix/format.h"
+#include "services/mmap_file_posix/reader.h"
 
 namespace quenor::fuzz {
 

@@ -14,7 +14,7 @@
 #include "cli/fatal.h"
 #include "fuzzers/address_text.h"
 #include "fuzzers/fuzz_support.h"
-#include "quenor_base/platform/default/http_address.h"
+#include "services/http_client_curl/address.h"
 
 namespace quenor::fuzz {
 namespace {

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "quenor_base/platform/base/check.h"
-#include "quenor_base/platform/default/mmap_file_format.h"
+#include "services/mmap_file_posix/format.h"
 #include "tests/support/recording_log.h"
 
 namespace quenor::test {

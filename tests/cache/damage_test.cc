@@ -11,9 +11,9 @@
 #include <iostream>
 #include <memory>
 
-#include "quenor_base/platform/default/cache_file_format.h"
-#include "quenor_base/platform/default/mmap_file_format.h"
-#include "quenor_base/platform/default/mmap_file_reader.h"
+#include "services/cache_file_posix/format.h"
+#include "services/mmap_file_posix/format.h"
+#include "services/mmap_file_posix/reader.h"
 #include "tests/cache/damage_bench.h"
 #include "tests/cache/support/file_calls.h"
 #include "tests/support/recording_log.h"

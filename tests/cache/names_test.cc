@@ -17,8 +17,8 @@
 #include <vector>
 
 #include "quenor_base/platform/cache_file_inspector.h"
-#include "quenor_base/platform/default/cache_file_format.h"
-#include "quenor_base/platform/default/mmap_file_format.h"
+#include "services/cache_file_posix/format.h"
+#include "services/mmap_file_posix/format.h"
 #include "tests/cache/support/cache_files.h"
 #include "tests/cache/support/file_calls.h"
 #include "tests/support/recording_log.h"

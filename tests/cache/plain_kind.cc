@@ -1,7 +1,7 @@
 // The plain file as the damage bench sees it.
 #include <cstring>
 
-#include "quenor_base/platform/default/cache_file_format.h"
+#include "services/cache_file_posix/format.h"
 #include "tests/cache/damage_bench.h"
 
 namespace quenor::test {

@@ -7,7 +7,7 @@
 
 #include "cli/connection.h"
 #include "cli/fatal.h"
-#include "quenor_base/platform/default/http_failure_text.h"
+#include "services/http_client_curl/failure_text.h"
 #include "tests/support/temp_folder.h"
 
 namespace quenor::cli {

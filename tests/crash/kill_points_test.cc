@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-#include "quenor_base/platform/default/mmap_file_format.h"
+#include "services/mmap_file_posix/format.h"
 #include "tests/crash/promises.h"
 #include "tests/crash/tracer.h"
 

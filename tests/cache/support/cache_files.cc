@@ -8,7 +8,7 @@
 
 #include "quenor_base/platform/base/check.h"
 #include "quenor_base/platform/config_center.h"
-#include "quenor_base/platform/default/mmap_file_format.h"
+#include "services/mmap_file_posix/format.h"
 #include "tests/support/recording_log.h"
 #include "tests/support/temp_folder.h"
 

@@ -1,11 +1,10 @@
-#include "quenor_base/platform/default/http_address.h"
-
 #include <gtest/gtest.h>
 
 #include <cctype>
 #include <string>
 
-#include "quenor_base/platform/default/http_header_text.h"
+#include "services/http_client_curl/address.h"
+#include "services/http_client_curl/header_text.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace http_address {

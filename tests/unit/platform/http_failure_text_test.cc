@@ -1,6 +1,6 @@
-#include "quenor_base/platform/default/http_failure_text.h"
-
 #include <gtest/gtest.h>
+
+#include "services/http_client_curl/failure_text.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace {

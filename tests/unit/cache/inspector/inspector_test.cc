@@ -8,7 +8,7 @@
 #include <map>
 
 #include "quenor_base/platform/cache_file_inspector.h"
-#include "quenor_base/platform/default/mmap_file_format.h"
+#include "services/mmap_file_posix/format.h"
 #include "tests/cache/support/cache_files.h"
 #include "tests/cache/support/file_calls.h"
 #include "tests/support/recording_log.h"

@@ -11,8 +11,8 @@
 #include <cstring>
 #include <functional>
 
-#include "quenor_base/platform/default/mmap_file_format.h"
-#include "quenor_base/platform/default/mmap_file_table.h"
+#include "services/mmap_file_posix/format.h"
+#include "services/mmap_file_posix/owner_table.h"
 #include "tests/unit/cache/mmap/mmap_file_fixture.h"
 
 namespace quenor::test {

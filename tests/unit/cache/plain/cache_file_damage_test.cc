@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <random>
 
-#include "quenor_base/platform/default/cache_file_format.h"
 #include "quenor_base/platform/reliable_report_cache_file.h"
+#include "services/cache_file_posix/format.h"
 #include "tests/unit/cache/plain/cache_file_test_support.h"
 
 namespace quenor::test {

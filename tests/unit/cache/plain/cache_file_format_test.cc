@@ -1,6 +1,4 @@
 // The bytes on the disk are the documented ones, and the reader tells what it saw in them.
-#include "quenor_base/platform/default/cache_file_format.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -8,8 +6,9 @@
 #include <cctype>
 #include <sstream>
 
-#include "quenor_base/platform/default/cache_file_reader.h"
 #include "quenor_base/platform/reliable_report_cache_file.h"
+#include "services/cache_file_posix/format.h"
+#include "services/cache_file_posix/reader.h"
 #include "tests/unit/cache/plain/cache_file_test_support.h"
 
 namespace quenor::test {

@@ -1,0 +1,25 @@
+// What the host may set for every HTTP client of the process: judged before it holds. Internal to
+// the HTTP client on libcurl. Any thread.
+#ifndef SERVICES_HTTP_CLIENT_CURL_DEFAULTS_H_
+#define SERVICES_HTTP_CLIENT_CURL_DEFAULTS_H_
+
+#include <string>
+
+#include "quenor_base/platform/http_client.h"
+#include "services/http_client_curl/tls_openssl.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace http_defaults {
+
+// Zero and empty values replaced by what they stand for.
+HttpDefaults InForce(HttpDefaults defaults);
+
+// Empty when these can be used, else one line that names what cannot and says what to do. Reads the
+// files that they name, and takes the client's certificate and key out of them, once and together;
+// `identity` is undefined when there is a problem.
+std::string Problem(const HttpDefaults& defaults, ClientIdentity* identity);
+
+}  // namespace http_defaults
+QUENOR_NAMESPACE_END
+
+#endif  // SERVICES_HTTP_CLIENT_CURL_DEFAULTS_H_

@@ -1,0 +1,31 @@
+// What the HTTP client on libcurl asks of OpenSSL itself. Internal to that client. Any thread.
+#ifndef SERVICES_HTTP_CLIENT_CURL_TLS_OPENSSL_H_
+#define SERVICES_HTTP_CLIENT_CURL_TLS_OPENSSL_H_
+
+#include <curl/curl.h>
+
+#include <string>
+
+#include "quenor_base/platform/base/abi.h"
+
+QUENOR_NAMESPACE_BEGIN
+
+// By what the client shows who it is: a certificate, with those above it, and its key, as PEM.
+struct ClientIdentity {
+  std::string certificate;  // Empty: none.
+  std::string key;
+};
+
+namespace http_tls {
+
+// Whether OpenSSL reads both and the key is the certificate's own. Never asks for a password.
+bool IsPair(const ClientIdentity& identity);
+
+// A CURLOPT_SSL_CTX_FUNCTION, called for each connection: what the environment or OpenSSL's
+// configuration may have set gives way to our own.
+CURLcode Secure(CURL* easy, void* context, void* user);
+
+}  // namespace http_tls
+QUENOR_NAMESPACE_END
+
+#endif  // SERVICES_HTTP_CLIENT_CURL_TLS_OPENSSL_H_
