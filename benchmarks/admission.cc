@@ -16,9 +16,9 @@
 #include <string>
 #include <utility>
 
-#include "benchmarks/admission_channel.h"
-#include "benchmarks/admission_contents.h"
-#include "benchmarks/admission_rivals.h"
+#include "benchmarks/admission/channel.h"
+#include "benchmarks/admission/contents.h"
+#include "benchmarks/admission/rivals.h"
 #include "benchmarks/support/area.h"
 #include "quenor_base/platform/base/path_service.h"
 

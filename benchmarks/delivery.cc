@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "benchmarks/delivery_server.h"
-#include "benchmarks/delivery_worker.h"
+#include "benchmarks/delivery/server.h"
+#include "benchmarks/delivery/worker.h"
 #include "benchmarks/support/area.h"
 
 namespace quenor::bench {

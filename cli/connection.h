@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/addresses.h"
+#include "cli/options/addresses.h"
 
 namespace quenor::cli {
 

@@ -12,10 +12,10 @@
 
 #include "collector/fatal.h"
 #include "collector/files.h"
+#include "collector/http/server.h"
+#include "collector/http/tls.h"
 #include "collector/options.h"
-#include "collector/recorder.h"
-#include "collector/server.h"
-#include "collector/tls.h"
+#include "collector/reports/recorder.h"
 
 namespace quenor::collector {
 namespace {

@@ -6,8 +6,8 @@
 #include <string>
 #include <utility>
 
-#include "collector/recorder.h"
-#include "collector/server.h"
+#include "collector/http/server.h"
+#include "collector/reports/recorder.h"
 
 namespace quenor::collector {
 

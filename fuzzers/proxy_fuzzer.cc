@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "cli/addresses.h"
 #include "cli/fatal.h"
+#include "cli/options/addresses.h"
 #include "fuzzers/address_text.h"
 #include "fuzzers/fuzz_support.h"
 #include "services/http_client_curl/address.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "collector/digest.h"
+#include "collector/reports/digest.h"
 #include "tests/collector/support/child.h"
 #include "tests/collector/support/raw_http.h"
 #include "tests/collector/support/record.h"

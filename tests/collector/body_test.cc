@@ -1,5 +1,5 @@
 // Bodies out of a scripted stream: framing, and the exact bounds.
-#include "collector/body.h"
+#include "collector/http/body.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "collector/head.h"
+#include "collector/http/head.h"
 
 namespace quenor::collector {
 namespace {

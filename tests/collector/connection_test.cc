@@ -1,5 +1,5 @@
 // One end of a connection, the other held by the test.
-#include "collector/connection.h"
+#include "collector/http/connection.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>

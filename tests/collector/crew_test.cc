@@ -1,5 +1,5 @@
 // Seats of the threads that serve: given away while a task waits for its peer.
-#include "collector/crew.h"
+#include "collector/http/crew.h"
 
 #include <gtest/gtest.h>
 

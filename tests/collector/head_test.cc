@@ -1,5 +1,5 @@
 // Heads of requests: what is taken, what is refused with which status, and the exact bounds.
-#include "collector/head.h"
+#include "collector/http/head.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "collector/inflate.h"
+#include "collector/reports/inflate.h"
 
 #include <gtest/gtest.h>
 

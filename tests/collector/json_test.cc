@@ -1,4 +1,4 @@
-#include "collector/json.h"
+#include "collector/reports/json.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <limits>
 #include <string>
 
-#include "collector/digest.h"
+#include "collector/reports/digest.h"
 #include "tests/collector/support/raw_http.h"
 #include "tests/collector/support/record.h"
 

@@ -1,5 +1,5 @@
 // Scripts of --misbehave: what they select, what their actions add up to, what wrong lines say.
-#include "collector/misbehaviour.h"
+#include "collector/http/misbehaviour.h"
 
 #include <gtest/gtest.h>
 

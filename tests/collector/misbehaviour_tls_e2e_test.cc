@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "collector/misbehaviour.h"
+#include "collector/http/misbehaviour.h"
 #include "tests/collector/support/child.h"
 #include "tests/collector/support/raw_http.h"
 #include "tests/collector/support/raw_tls.h"

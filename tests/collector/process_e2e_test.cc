@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "collector/digest.h"
+#include "collector/reports/digest.h"
 #include "tests/collector/support/child.h"
 #include "tests/collector/support/raw_http.h"
 #include "tests/collector/support/record.h"

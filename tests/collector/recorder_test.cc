@@ -1,4 +1,4 @@
-#include "collector/recorder.h"
+#include "collector/reports/recorder.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "collector/digest.h"
 #include "collector/fatal.h"
+#include "collector/reports/digest.h"
 #include "tests/collector/support/raw_http.h"
 #include "tests/collector/support/record.h"
 #include "tests/collector/support/temp_dir.h"

@@ -1,4 +1,4 @@
-#include "collector/reply.h"
+#include "collector/reports/reply.h"
 
 #include <gtest/gtest.h>
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "collector/tls.h"
+#include "collector/http/tls.h"
 #include "tests/collector/support/raw_http.h"
 
 namespace quenor::collector::test {

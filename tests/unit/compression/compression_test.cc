@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "collector/inflate.h"
+#include "collector/reports/inflate.h"
 #include "tests/support/channel_test_fixture.h"
 
 namespace quenor::test {
