@@ -14,9 +14,9 @@
 #include <thread>
 #include <utility>
 
-#include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_create_flag.h"
 #include "quenor_base/platform/thread_manager.h"
+#include "services/dispatch_queue_pthread/short_lock.h"
 #include "tests/conformance/dispatch_queue_conformance.h"
 #include "tests/support/patience.h"
 
@@ -261,7 +261,7 @@ TEST_F(QueueWakeTest, ThreadNapsBehindMoreThanFourTasks) {
 }
 
 TEST(ShortLockTest, WhoWaitsForLongYieldsAndThenRests) {
-  base::ShortLock lock;
+  dispatch_queue::ShortLock lock;
   lock.lock();
   int yields_of_waiter = 0;
   std::thread waiter([&] {

@@ -1,0 +1,217 @@
+#include "services/dispatch_queue_pthread/queue_core.h"
+
+#include <algorithm>
+#include <thread>
+
+#include "quenor_base/platform/base/exception_barrier.h"
+#include "services/dispatch_queue_pthread/thread_registry.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace dispatch_queue {
+namespace {
+
+// A deadline that is never reached; far from the clock's own end, so that sums cannot overflow.
+constexpr int64_t kForeverUs = int64_t{100} * 365 * 24 * 3600 * 1000000;
+
+// Room that a queue keeps after a burst; more goes back to the heap.
+constexpr size_t kTasksToKeepRoomFor = 256;
+
+// Whose exception it is when there is no memory for a task.
+constexpr char kPosting[] = "quenor's dispatch queue, as a task was posted";
+
+// A queue that is woken this soon after it fell asleep, or finds more tasks than these, is in a
+// burst ...
+constexpr std::chrono::microseconds kShortSleep(20);
+constexpr size_t kFewTasks = 4;
+// ... and lets tasks pile up for this long (and what the system adds) before it looks again.
+constexpr std::chrono::microseconds kNap(20);
+
+}  // namespace
+
+Clock::time_point DeadlineAfter(base::TimeDelta delay) {
+  const int64_t us = std::clamp<int64_t>(delay.InMicroseconds(), 0, kForeverUs);
+  return Clock::now() + std::chrono::microseconds(us);
+}
+
+uint64_t QueueCore::PostDelayed(Task task, base::TimeDelta delay) {
+  if (IsInForkedChild()) return 0;
+  const Clock::time_point due = DeadlineAfter(delay);
+  std::unique_lock<std::mutex> hold(delayed_mutex_);
+  const uint64_t id = ++last_delayed_id_;
+  const bool earliest = delayed_.empty() || due < delayed_.begin()->first.first;
+  base::EndOnException(kPosting, [&] {
+    delayed_.emplace(std::make_pair(due, id), std::move(task));
+    due_by_id_.emplace(id, due);
+  });
+  hold.unlock();
+  // A later deadline than the one the thread waits for needs no wake-up.
+  if (earliest) LookAgain();
+  return id;
+}
+
+bool QueueCore::Cancel(uint64_t id) {
+  if (IsInForkedChild()) return false;
+  Task cancelled;  // Destroyed after the lock is released.
+  std::unique_lock<std::mutex> hold(delayed_mutex_);
+  const auto due = due_by_id_.find(id);
+  if (due == due_by_id_.end()) return false;
+  const auto entry = delayed_.find({due->second, id});
+  const bool earliest = entry == delayed_.begin();
+  cancelled = std::move(entry->second);
+  delayed_.erase(entry);
+  due_by_id_.erase(due);
+  hold.unlock();
+  // The thread may be waiting for this very deadline: have it take the next one.
+  if (earliest) LookAgain();
+  return true;
+}
+
+void QueueCore::Retire() {
+  if (IsInForkedChild()) return;
+  ThreadRegistry::Get().AddDraining(&is_draining_);
+}
+
+void QueueCore::Close() {
+  if (IsInForkedChild()) return;
+  Retire();
+  std::unique_lock<ShortLock> hold(lock_);
+  closed_ = true;
+  WakeAndUnlock(&hold);
+}
+
+bool QueueCore::Run() {
+  auto batch = std::make_unique<TaskList>();
+  while (WaitForTasks(batch.get())) {
+    if (!RunAll(batch.get())) {
+      (void)batch.release();
+      return false;
+    }
+    if (batch->capacity() > kTasksToKeepRoomFor) batch->SetCapacity(kTasksToKeepRoomFor);
+  }
+  DestroyDelayed();
+  return !IsInForkedChild();
+}
+
+bool QueueCore::RunAll(TaskList* batch) {
+  for (Task& task : *batch) {
+    std::move(task).Run();
+    if (IsInForkedChild()) return false;
+  }
+  batch->Clear();
+  return !IsInForkedChild();
+}
+
+void QueueCore::MakeRoom(TaskList* list) {
+  TaskList roomy;
+  roomy.SetCapacity(std::max<size_t>(2 * list->capacity(), 16));
+  list->MoveInto(&roomy);
+}
+
+void QueueCore::MakeRoomAndPost(Task&& task, std::unique_lock<ShortLock>* hold) {
+  TaskList roomy;  // In the end the list that was too small, which goes last of all.
+  while (tasks_.size() == tasks_.capacity()) {
+    const size_t wanted = std::max<size_t>(2 * tasks_.capacity(), 16);
+    hold->unlock();
+    if (roomy.capacity() < wanted) {
+      base::EndOnException(kPosting, [&] { roomy.SetCapacity(wanted); });
+    }
+    hold->lock();
+    if (tasks_.capacity() >= roomy.capacity()) continue;  // Another thread was faster.
+    tasks_.MoveInto(&roomy);
+  }
+  tasks_.Add(std::move(task));
+  WakeAndUnlock(hold);
+}
+
+void QueueCore::Wake() {
+  {
+    std::lock_guard<std::mutex> hold(sleep_mutex_);
+    woken_ = true;
+  }
+  awake_.notify_one();
+}
+
+void QueueCore::LookAgain() {
+  std::unique_lock<ShortLock> hold(lock_);
+  look_again_ = true;
+  WakeAndUnlock(&hold);
+}
+
+bool QueueCore::WaitForTasks(TaskList* batch) {
+  if (in_burst_) Nap();
+  bool woken_soon = false;
+  for (;;) {
+    const Clock::time_point due = Take(batch);
+    if (!batch->empty()) {
+      in_burst_ = woken_soon || batch->size() > kFewTasks;
+      return true;
+    }
+    {
+      std::lock_guard<ShortLock> hold(lock_);
+      const bool again = look_again_ || !tasks_.empty();
+      look_again_ = false;
+      if (again) continue;
+      if (closed_) return false;
+      waiting_ = true;
+    }
+    const Clock::time_point begin = Clock::now();
+    Sleep(due);
+    woken_soon = Clock::now() - begin < kShortSleep;
+  }
+}
+
+Clock::time_point QueueCore::Take(TaskList* batch) {
+  // Deadlines stand still meanwhile, and the clock is read before the tasks are taken: a deadline
+  // that has passed finds every task in front of it that was posted before.
+  std::lock_guard<std::mutex> hold_deadlines(delayed_mutex_);
+  const Clock::time_point now = delayed_.empty() ? Clock::time_point() : Clock::now();
+  {
+    std::lock_guard<ShortLock> hold(lock_);
+    tasks_.Swap(batch);
+  }
+  while (!delayed_.empty() && delayed_.begin()->first.first <= now) {
+    const auto entry = delayed_.begin();
+    if (batch->size() == batch->capacity()) MakeRoom(batch);
+    batch->Add(std::move(entry->second));
+    due_by_id_.erase(entry->first.second);
+    delayed_.erase(entry);
+  }
+  return delayed_.empty() ? Clock::time_point::max() : delayed_.begin()->first.first;
+}
+
+void QueueCore::Sleep(Clock::time_point due) {
+  {
+    std::unique_lock<std::mutex> hold(sleep_mutex_);
+    const auto woken = [this] { return woken_; };
+    if (due == Clock::time_point::max()) {
+      awake_.wait(hold, woken);
+    } else {
+      awake_.wait_until(hold, due, woken);
+    }
+    woken_ = false;
+  }
+  // Who has cleared it already and not yet come to wake the thread ends its next sleep early.
+  std::lock_guard<ShortLock> hold(lock_);
+  waiting_ = false;
+}
+
+void QueueCore::Nap() {
+  Clock::time_point until = Clock::now() + kNap;
+  {
+    std::lock_guard<std::mutex> hold(delayed_mutex_);
+    if (!delayed_.empty()) until = std::min(until, delayed_.begin()->first.first);
+  }
+  std::this_thread::sleep_until(until);
+}
+
+void QueueCore::DestroyDelayed() {
+  std::map<std::pair<Clock::time_point, uint64_t>, Task> doomed;
+  {
+    std::lock_guard<std::mutex> hold(delayed_mutex_);
+    doomed.swap(delayed_);
+    due_by_id_.clear();
+  }
+}
+
+}  // namespace dispatch_queue
+QUENOR_NAMESPACE_END

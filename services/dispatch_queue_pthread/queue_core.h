@@ -1,0 +1,157 @@
+// A dispatch queue's tasks and deadlines, and the loop that runs them: a list of tasks under a
+// short lock, which the thread swaps out whole, and an ordered map of deadlines under a mutex. An
+// idle queue waits without a time-out. Internal to the dispatch queue. Page:
+// docs/design/dispatch-queue.md.
+#ifndef SERVICES_DISPATCH_QUEUE_PTHREAD_QUEUE_CORE_H_
+#define SERVICES_DISPATCH_QUEUE_PTHREAD_QUEUE_CORE_H_
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "quenor_base/platform/base/fork.h"
+#include "quenor_base/platform/base/time.h"
+#include "services/dispatch_queue_pthread/short_lock.h"
+#include "services/dispatch_queue_pthread/task_list.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace dispatch_queue {
+
+using Clock = std::chrono::steady_clock;
+
+// Any thread. When a delay that begins now ends.
+Clock::time_point DeadlineAfter(base::TimeDelta delay);
+
+// What a queue's thread runs on, and where the queue object is; lives as long as the thread and
+// whoever has a reference to the queue, a weak one too, so that either may go first. In a forked
+// child, where the thread is not: everything is dropped, no lock is taken.
+class QueueCore {
+ public:
+  // Allocator for the queue object and its reference counts: in the core's first bytes, on one
+  // cache line with what each post writes, if they fit there. What it has allocated is one holder.
+  template <typename T>
+  struct Front {
+    using value_type = T;
+    explicit Front(QueueCore* core_in) : core(core_in) {}
+    template <typename U>
+    Front(const Front<U>& other) : core(other.core) {}  // NOLINT: an allocator converts.
+    T* allocate(size_t count) {
+      if (count * sizeof(T) > sizeof core->front_) return std::allocator<T>().allocate(count);
+      return reinterpret_cast<T*>(core->front_);
+    }
+    void deallocate(T* at, size_t count) {
+      if (count * sizeof(T) > sizeof core->front_) std::allocator<T>().deallocate(at, count);
+      core->Drop();
+    }
+    template <typename U>
+    bool operator==(const Front<U>& other) const {
+      return core == other.core;
+    }
+    template <typename U>
+    bool operator!=(const Front<U>& other) const {
+      return core != other.core;
+    }
+    QueueCore* core;
+  };
+  // Any thread. One of the two holders is done with it; the last one deletes it.
+  void Drop() {
+    // acq_rel: release publishes this holder's writes, acquire lets the last one see them all.
+    if (holders_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+  }
+
+  // Any thread, this and the next three.
+  void Post(Task&& task) {
+    if (IsInForkedChild()) return;
+    std::unique_lock<ShortLock> hold(lock_);
+    if (tasks_.size() == tasks_.capacity()) return MakeRoomAndPost(std::move(task), &hold);
+    tasks_.Add(std::move(task));
+    WakeAndUnlock(&hold);
+  }
+
+  // Answers an id for Cancel(), above 0; 0 in a forked child.
+  uint64_t PostDelayed(Task task, base::TimeDelta delay);
+  // False when the task has run, runs, or never was.
+  bool Cancel(uint64_t id);
+  // Counts the queue as draining, once.
+  [[gnu::cold]] void Retire();
+
+  // The last reference to the queue has gone. Nothing is run or destroyed here.
+  [[gnu::cold]] void Close();
+
+  // The thread's whole life. False when a task has forked and come back in the child: nothing that
+  // the parent has posted runs or is destroyed there.
+  [[gnu::hot, gnu::noinline]] bool Run();
+
+ private:
+  bool IsInForkedChild() const { return generation_ != base::ForkGeneration(); }
+
+  // Runs and destroys the tasks; false as soon as this is a forked child.
+  bool RunAll(TaskList* batch);
+
+  // In the thread's own list.
+  [[gnu::cold]] static void MakeRoom(TaskList* list);
+
+  // Allocates and frees without the lock.
+  [[gnu::cold, gnu::noinline]] void MakeRoomAndPost(Task&& task, std::unique_lock<ShortLock>* hold);
+
+  void WakeAndUnlock(std::unique_lock<ShortLock>* hold) {
+    const bool wake = waiting_;
+    waiting_ = false;  // One wake-up per sleep.
+    hold->unlock();
+    if (wake) Wake();
+  }
+
+  [[gnu::noinline]] void Wake();
+
+  // The first deadline has changed: the thread may not go to sleep on what it has read.
+  void LookAgain();
+
+  // Waits until something is to be run and moves it into `batch`, in order; false when the queue is
+  // closed and everything that was posted has run.
+  bool WaitForTasks(TaskList* batch);
+
+  // Moves what is to be run now into `batch`, which is empty; answers the next deadline.
+  Clock::time_point Take(TaskList* batch);
+
+  // Until somebody has woken the thread, or until `due`.
+  void Sleep(Clock::time_point due);
+
+  // A pause in a burst, in which nobody has to wake the thread and the thread is in nobody's way.
+  void Nap();
+
+  [[gnu::cold]] void DestroyDelayed();
+
+  // What every post touches, on a cache line of its own: the counts and the queue object first.
+  alignas(64) unsigned char front_[40];
+  const uint32_t generation_ = base::ForkGeneration();
+  ShortLock lock_;
+  bool waiting_ = false;  // The thread sleeps, or is about to, and nobody has woken it yet.
+  bool look_again_ = false;
+  bool closed_ = false;
+  TaskList tasks_;
+
+  // Guarded by delayed_mutex_, under which lock_ may be taken. Ordered by deadline, equal ones by
+  // age.
+  alignas(64) std::mutex delayed_mutex_;
+  std::map<std::pair<Clock::time_point, uint64_t>, Task> delayed_;
+  std::map<uint64_t, Clock::time_point> due_by_id_;
+  uint64_t last_delayed_id_ = 0;
+
+  std::mutex sleep_mutex_;  // Guards woken_; nothing is taken under it.
+  std::condition_variable awake_;
+  bool woken_ = false;
+
+  bool in_burst_ = false;        // The thread's own.
+  bool is_draining_ = false;     // Counted as such; guarded by the registry.
+  std::atomic<int> holders_{2};  // The thread, and what Front allocated.
+};
+
+}  // namespace dispatch_queue
+QUENOR_NAMESPACE_END
+
+#endif  // SERVICES_DISPATCH_QUEUE_PTHREAD_QUEUE_CORE_H_
