@@ -7,7 +7,7 @@
 #include <cstring>
 #include <memory>
 
-#include "services/http_client_curl/header_text.h"
+#include "services/http_client_curl/rules/syntax.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace http_address {

@@ -38,10 +38,10 @@
 #include "quenor_base/platform/local_log.h"
 #include "services/http_client_curl/address.h"
 #include "services/http_client_curl/connection_linux.h"
-#include "services/http_client_curl/defaults.h"
 #include "services/http_client_curl/easy_options.h"
 #include "services/http_client_curl/failure_text.h"
-#include "services/http_client_curl/header_text.h"
+#include "services/http_client_curl/rules/defaults_check.h"
+#include "services/http_client_curl/rules/syntax.h"
 #include "services/http_client_curl/sockets_linux.h"
 
 #if LIBCURL_VERSION_NUM < 0x075700

@@ -5,7 +5,7 @@
 #include <atomic>
 
 #include "services/http_client_curl/address.h"
-#include "services/http_client_curl/header_text.h"
+#include "services/http_client_curl/rules/syntax.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace {

@@ -1,4 +1,4 @@
-#include "services/http_client_curl/defaults.h"
+#include "services/http_client_curl/rules/defaults_check.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "services/http_client_curl/header_text.h"
+#include "services/http_client_curl/rules/syntax.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace http_defaults {

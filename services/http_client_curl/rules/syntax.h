@@ -1,6 +1,6 @@
 // What HTTP allows in a header. Pure functions; any thread.
-#ifndef SERVICES_HTTP_CLIENT_CURL_HEADER_TEXT_H_
-#define SERVICES_HTTP_CLIENT_CURL_HEADER_TEXT_H_
+#ifndef SERVICES_HTTP_CLIENT_CURL_RULES_SYNTAX_H_
+#define SERVICES_HTTP_CLIENT_CURL_RULES_SYNTAX_H_
 
 #include <cstring>
 #include <string>
@@ -39,4 +39,4 @@ inline bool IsFieldValue(const std::string& text) {
 }  // namespace http_header_text
 QUENOR_NAMESPACE_END
 
-#endif  // SERVICES_HTTP_CLIENT_CURL_HEADER_TEXT_H_
+#endif  // SERVICES_HTTP_CLIENT_CURL_RULES_SYNTAX_H_

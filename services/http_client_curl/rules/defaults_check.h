@@ -1,7 +1,7 @@
 // What the host may set for every HTTP client of the process: judged before it holds. Internal to
 // the HTTP client on libcurl. Any thread.
-#ifndef SERVICES_HTTP_CLIENT_CURL_DEFAULTS_H_
-#define SERVICES_HTTP_CLIENT_CURL_DEFAULTS_H_
+#ifndef SERVICES_HTTP_CLIENT_CURL_RULES_DEFAULTS_CHECK_H_
+#define SERVICES_HTTP_CLIENT_CURL_RULES_DEFAULTS_CHECK_H_
 
 #include <string>
 
@@ -22,4 +22,4 @@ std::string Problem(const HttpDefaults& defaults, ClientIdentity* identity);
 }  // namespace http_defaults
 QUENOR_NAMESPACE_END
 
-#endif  // SERVICES_HTTP_CLIENT_CURL_DEFAULTS_H_
+#endif  // SERVICES_HTTP_CLIENT_CURL_RULES_DEFAULTS_CHECK_H_
