@@ -67,7 +67,7 @@ constexpr long kNameCacheSeconds = 5;  // A server that has moved is found with 
 // A connection that was idle for less is looked at before it is used again, whether its server has
 // closed it. Past this it is replaced: many a balancer forgets it after 60 s without a word.
 constexpr long kIdleReuseSeconds = 50;
-constexpr int kExitWaitSeconds = 5;
+constexpr int64_t kExitWaitMs = 5000;
 constexpr int kWatchMs = 250;              // How often the watch looks at the I/O thread.
 constexpr uint64_t kFloodBytes = 1 << 20;  // What no answer brings within one step of that thread.
 constexpr uint32_t kKeptReceiveBytes = 4096;  // A receive buffer up to this size is recycled.
@@ -579,7 +579,8 @@ void SetWakeUpPairCloseOnExec(CURLM* multi) {
 
 class Engine {
  public:
-  // Any thread. The process's engine; never null, never destroyed.
+  // Any thread. The process's engine; never null, never destroyed. BeforeFork() asks for it, too: a
+  // fork that finds another thread in here waits for it.
   static Engine* Get() {
     static Engine* const engine = new Engine;
     return engine;
@@ -645,13 +646,9 @@ class Engine {
   static void BeforeFork();
   static void AfterForkInParent();
   static void AfterForkInChild();
-  static int HandleForks() {
-    Get();
-    return pthread_atfork(&BeforeFork, &AfterForkInParent, &AfterForkInChild);
-  }
-  // When the library is loaded, so that a fork finds the engine and waits for it however early in
-  // the first request it comes; after the handlers of fork.h, and so run before them.
-  inline static const int forks_handled_ = HandleForks();
+  // When the library is loaded, so that a fork waits however early in the first request it comes.
+  inline static const base::ForkHandlers fork_handlers_{&BeforeFork, &AfterForkInParent,
+                                                        &AfterForkInChild};
 
   // I/O thread.
   void Run(Io* io);
@@ -733,11 +730,7 @@ Io* Engine::EnsureIo(std::string* problem) {
     return nullptr;
   }
   SetWakeUpPairCloseOnExec(io->multi);
-  pthread_condattr_t attributes;
-  pthread_condattr_init(&attributes);
-  pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-  pthread_cond_init(&io->work_done, &attributes);
-  pthread_condattr_destroy(&attributes);
+  base::InitMonotonicCondition(&io->work_done);
   if (const int error = StartThread(&Engine::ThreadMain, io.get()); error != 0) {
     *problem = std::string("the I/O thread cannot be started: ") + std::strerror(error);
     pthread_cond_destroy(&io->work_done);
@@ -787,9 +780,7 @@ void Engine::AtExit() {
   if (io == nullptr) return;
   io->parked = true;
   pthread_cond_broadcast(&io->work_done);
-  timespec until;
-  clock_gettime(CLOCK_MONOTONIC, &until);
-  until.tv_sec += kExitWaitSeconds;
+  const timespec until = base::MonotonicTimeIn(kExitWaitMs);
   while (io->working) {
     if (pthread_cond_timedwait(&io->work_done, engine->lock_.native_handle(), &until) != 0) return;
   }

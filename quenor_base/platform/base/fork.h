@@ -1,9 +1,11 @@
 // What the library's own state goes through when the host forks: a child has a copy of everything
-// and none of the threads, so what another thread was at stays half done there for ever.
-// That goes for making a thing, too. Nothing that outlives its maker is made in a function-local
-// static or under a lock that no fork takes: the child would wait for ever for the static's guard
-// or the lock. FindOrMake() and OnePerProcess make without either; where there has to be a static,
-// FirstUse keeps forks away.
+// and none of the threads, so what another thread was at stays half done there for ever. A fork
+// first has the ForkHandlers prepare, then keeps every FirstUse away, then takes what is
+// HeldAtFork; afterwards both processes give that back, and the ForkHandlers end. That goes for
+// making a thing, too. Nothing that outlives its maker is made in a function-local static or under
+// a lock that no fork takes: the child would wait for ever for the static's guard or the lock.
+// FindOrMake() and OnePerProcess make without either; where there has to be a static, FirstUse
+// keeps forks away.
 #ifndef QUENOR_BASE_PLATFORM_BASE_FORK_H_
 #define QUENOR_BASE_PLATFORM_BASE_FORK_H_
 
@@ -57,6 +59,48 @@ class FirstUse {
   std::atomic<bool>* const done_;  // Null when it was done before.
 };
 
+// For whoever waits at a fork for threads, which may still need what is HeldAtFork: `prepare` runs
+// before any of that is taken, the other two when it is free again. As with pthread_atfork(), who
+// comes last prepares first, and who comes first is told first of the end. Made when the library is
+// loaded, however early a fork may come, and not destroyed: a static object.
+class ForkHandlers {
+ public:
+  using Handler = void (*)();
+
+  ForkHandlers(Handler prepare, Handler in_parent, Handler in_child)
+      : prepare_(prepare), in_parent_(in_parent), in_child_(in_child) {
+    previous_ = last.load(std::memory_order_relaxed);
+    // release: pairs with the acquire in PrepareAll().
+    while (!last.compare_exchange_weak(previous_, this, std::memory_order_release,
+                                       std::memory_order_relaxed)) {
+    }
+  }
+  ForkHandlers(const ForkHandlers&) = delete;
+  ForkHandlers& operator=(const ForkHandlers&) = delete;
+
+ private:
+  friend class HeldAtFork;
+  // Answers up to which one has prepared: another may come meanwhile, and is not to end.
+  static const ForkHandlers* PrepareAll() {
+    const ForkHandlers* const prepared = last.load(std::memory_order_acquire);
+    for (const ForkHandlers* each = prepared; each != nullptr; each = each->previous_) {
+      each->prepare_();
+    }
+    return prepared;
+  }
+  static void EndAll(const ForkHandlers* prepared, const Handler ForkHandlers::*end) {
+    if (prepared == nullptr) return;
+    EndAll(prepared->previous_, end);
+    (prepared->*end)();
+  }
+  inline static std::atomic<ForkHandlers*> last{nullptr};
+
+  const Handler prepare_;
+  const Handler in_parent_;
+  const Handler in_child_;
+  ForkHandlers* previous_;
+};
+
 // For as long as it lives: fork() waits until it has `lock`ed the object, and `unlock`s it in both
 // processes, so that the child finds what the lock guards free and whole. For locks under which no
 // code of the host's runs, and none that makes or ends one of these. None is made in a
@@ -94,35 +138,37 @@ class HeldAtFork {
   static void ReleaseLock(void* lock) QUENOR_NO_THREAD_SAFETY_ANALYSIS {
     static_cast<Lock*>(lock)->Release();
   }
-  static void LockAll() {
+  static void Prepare() {
+    const ForkHandlers* const handlers = ForkHandlers::PrepareAll();
     FirstUse::KeepAway();
     mutex.lock();
+    prepared = handlers;
     for (const HeldAtFork* held = first; held != nullptr; held = held->next_) {
       held->lock_(held->object_);
     }
   }
-  static void UnlockInParent() {
-    for (const HeldAtFork* held = first; held != nullptr; held = held->next_) {
-      held->unlock_(held->object_);
-    }
-    mutex.unlock();
-    FirstUse::LetIn();
-  }
-  static void UnlockInChild() {
+  static void EndInParent() { End(&HeldAtFork::unlock_, &ForkHandlers::in_parent_); }
+  static void EndInChild() {
     // relaxed: there is one thread.
     internal::fork_generation.fetch_add(1, std::memory_order_relaxed);
+    End(&HeldAtFork::unlock_in_child_, &ForkHandlers::in_child_);
+  }
+  static void End(const Operation HeldAtFork::*unlock,
+                  const ForkHandlers::Handler ForkHandlers::*end) {
     for (const HeldAtFork* held = first; held != nullptr; held = held->next_) {
-      held->unlock_in_child_(held->object_);
+      (held->*unlock)(held->object_);
     }
+    const ForkHandlers* const handlers = prepared;
     mutex.unlock();
     FirstUse::LetIn();
+    ForkHandlers::EndAll(handlers, end);
   }
 
   inline static std::mutex mutex;
-  inline static HeldAtFork* first = nullptr;
-  // Before main(), and so before the handlers of whoever waits at a fork for threads that may still
-  // need one of these locks: what is registered first is locked last.
-  inline static const int registered = pthread_atfork(&LockAll, &UnlockInParent, &UnlockInChild);
+  inline static HeldAtFork* first = nullptr;             // What comes first is locked last.
+  inline static const ForkHandlers* prepared = nullptr;  // Guarded by `mutex`, for one fork.
+  // When the library is loaded.
+  inline static const int registered = pthread_atfork(&Prepare, &EndInParent, &EndInChild);
 
   void* const object_;
   const Operation lock_;

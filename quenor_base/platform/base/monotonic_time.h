@@ -3,6 +3,9 @@
 #ifndef QUENOR_BASE_PLATFORM_BASE_MONOTONIC_TIME_H_
 #define QUENOR_BASE_PLATFORM_BASE_MONOTONIC_TIME_H_
 
+#include <pthread.h>
+#include <time.h>
+
 #include <chrono>
 #include <cstdint>
 
@@ -19,6 +22,21 @@ inline int64_t MonotonicNs() {
 }
 
 inline int64_t MonotonicMs() { return MonotonicNs() / 1000000; }
+
+// Makes a condition variable whose time limits are on this clock.
+inline void InitMonotonicCondition(pthread_cond_t* condition) {
+  pthread_condattr_t attributes;
+  pthread_condattr_init(&attributes);
+  pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+  pthread_cond_init(condition, &attributes);
+  pthread_condattr_destroy(&attributes);
+}
+
+// The time limit of a pthread_cond_timedwait() on such a one.
+inline timespec MonotonicTimeIn(int64_t ms) {
+  const int64_t ns = MonotonicNs() + ms * 1000000;
+  return {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
+}
 
 }  // namespace base
 QUENOR_NAMESPACE_END

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "pool_test_support.h"
@@ -100,6 +101,31 @@ TEST_F(PoolForkTest, ForkKeepsNoSharedTierAlive) {
   });
 
   EXPECT_FALSE(Peer::SharedTierIsAlive(pool_));
+}
+
+// One letter for each step that a fork took, in a child with what its parent took before.
+char g_steps[16];
+size_t g_count = 0;
+
+template <char kStep>
+void Take() {
+  if (g_count < sizeof(g_steps) - 1) g_steps[g_count++] = kStep;
+}
+template <char kStep>
+void TakeWith(void*) {
+  Take<kStep>();
+}
+
+const base::ForkHandlers g_first(&Take<'a'>, &Take<'b'>, &Take<'c'>);
+const base::ForkHandlers g_second(&Take<'A'>, &Take<'B'>, &Take<'C'>);
+
+TEST(ForkHandlersTest, PrepareBeforeAnyLockIsTakenAndEndWhenAllAreFree) {
+  base::HeldAtFork made_first(nullptr, &TakeWith<'l'>, &TakeWith<'u'>, &TakeWith<'v'>);
+  base::HeldAtFork made_second(nullptr, &TakeWith<'L'>, &TakeWith<'U'>, &TakeWith<'V'>);
+  g_count = 0;
+
+  EXPECT_EQ(InChild([] { return std::string(g_steps, g_count) == "AaLlVvcC" ? 0 : 1; }), 0);
+  EXPECT_EQ(std::string(g_steps, g_count), "AaLlUubB");
 }
 
 }  // namespace
