@@ -105,7 +105,7 @@ std::string UrlProblem(const std::string& url) {
 }
 
 bool IsUnencrypted(const std::string& url) {
-  return !http_header_text::EqualsNoCase(url.substr(0, 6), "https:");
+  return !http_syntax::EqualsNoCase(url.substr(0, 6), "https:");
 }
 
 bool IsLoopback(const std::string& url) {

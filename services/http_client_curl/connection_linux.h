@@ -1,5 +1,5 @@
-// What the HTTP client on libcurl asks the kernel about its connections. Internal to that client.
-// I/O thread only.
+// What the HTTP client on libcurl asks the kernel about its connections, and about libcurl's own
+// descriptors. Internal to that client. Threads: the I/O thread, and the one that starts it.
 #ifndef SERVICES_HTTP_CLIENT_CURL_CONNECTION_LINUX_H_
 #define SERVICES_HTTP_CLIENT_CURL_CONNECTION_LINUX_H_
 
@@ -21,6 +21,11 @@ int64_t SilentMs(int fd);
 
 // Whether its other side has closed a TCP connection and this side has not: CLOSE_WAIT.
 bool IsHungUp(int fd);
+
+// libcurl opens its wake-up pair without close-on-exec and does not give it away. It is known by
+// what it does: with every wake-up one byte more waits at one end and more is on its way from the
+// other. Where /proc is not mounted, the pair stays as it is.
+void SetWakeUpPairCloseOnExec(CURLM* multi);
 
 // Becomes readable when the other side of a connection closes: libcurl does not look at those that
 // it keeps for later.

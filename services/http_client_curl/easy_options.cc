@@ -2,7 +2,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <climits>
 
 #include "services/http_client_curl/address.h"
 #include "services/http_client_curl/rules/syntax.h"
@@ -10,9 +12,20 @@
 QUENOR_NAMESPACE_BEGIN
 namespace {
 
-using http_header_text::EqualsNoCase;
+using http_syntax::EqualsNoCase;
 
 constexpr long kSystemCaCacheSeconds = 3600;
+constexpr long kNameCacheSeconds = 5;  // A server that has moved is found with the next attempts.
+// A connection that was idle for less is looked at before it is used again, whether its server has
+// closed it. Past this it is replaced: many a balancer forgets it after 60 s without a word.
+constexpr long kIdleReuseSeconds = 50;
+constexpr long kMaxUploadBuffer = 64 << 10;
+
+// libcurl allocates its upload buffer whole, however little goes through it.
+long UploadBufferBytes(uint32_t body_bytes) {
+  constexpr long kHeadBytes = 4096;  // Sent from the same buffer, together with a small body.
+  return std::min<long>(kMaxUploadBuffer, kHeadBytes + static_cast<long>(body_bytes));
+}
 
 // The system's certificates: the bundle alone where libcurl knows one that can be read, because
 // only a bundle without a folder is parsed once and not for every connection.
@@ -37,6 +50,39 @@ bool AppendHeader(curl_slist** list, const std::string& line) {
 }
 
 }  // namespace
+
+void SetExchangeOptions(const ClientSettings& client, EasyOptions* options) {
+  const HttpDefaults& defaults = client.defaults;
+  options->Set(CURLOPT_NOSIGNAL, 1L);
+  options->Set(CURLOPT_QUICK_EXIT, 1L);  // A cancelled request does not wait for its name lookup.
+  options->Set(CURLOPT_PROTOCOLS_STR, "http,https");
+  options->Set(CURLOPT_FOLLOWLOCATION, 0L);
+  options->Set(CURLOPT_ACCEPT_ENCODING, nullptr);
+  options->Set(CURLOPT_HTTP_CONTENT_DECODING, 0L);
+  options->Set(CURLOPT_TCP_NODELAY, 1L);
+  options->Set(CURLOPT_TCP_KEEPALIVE, 1L);
+  options->Set(CURLOPT_MAXAGE_CONN, kIdleReuseSeconds);
+  options->Set(CURLOPT_DNS_CACHE_TIMEOUT, kNameCacheSeconds);
+  options->Set(CURLOPT_USERAGENT, defaults.user_agent.c_str());
+  options->Set(CURLOPT_CONNECTTIMEOUT_MS,
+               static_cast<long>(std::min<uint32_t>(defaults.connect_timeout_ms, INT_MAX)));
+  options->Set(CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(defaults.low_speed_bytes_per_second));
+  options->Set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(defaults.low_speed_seconds));
+  options->Set(CURLOPT_PIPEWAIT, client.http2 ? 1L : 0L);
+  options->Set(CURLOPT_HTTP_VERSION,
+               static_cast<long>(client.http2 ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1));
+}
+
+void SetBody(const CopyOnWriteBuffer& body, EasyOptions* options) {
+  const char* bytes = body.cdata<char>();
+  options->Set(CURLOPT_POSTFIELDS, bytes == nullptr ? "" : bytes);
+  options->Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+  options->Set(CURLOPT_UPLOAD_BUFFERSIZE, UploadBufferBytes(body.size()));
+}
+
+void FreeUploadBuffer(CURL* easy) {
+  curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, kMaxUploadBuffer);  // Any size frees it.
+}
 
 void SetProxyOptions(const ClientSettings& client, EasyOptions* options) {
   // Empty, not null: null would ask the environment.

@@ -1,5 +1,5 @@
-// What the HTTP client on libcurl sets on an easy handle, as far as it is the same for every
-// request of a client. Internal to that client. Threads: the one that prepares the request.
+// The settings of a client, and what it sets on an easy handle because of them. Internal to the
+// HTTP client on libcurl. Threads: the one that prepares the request.
 #ifndef SERVICES_HTTP_CLIENT_CURL_EASY_OPTIONS_H_
 #define SERVICES_HTTP_CLIENT_CURL_EASY_OPTIONS_H_
 
@@ -11,20 +11,16 @@
 #include <memory>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "quenor_base/platform/http_client.h"
+#include "services/http_client_curl/rules/lines.h"
 #include "services/http_client_curl/tls_openssl.h"
 
-QUENOR_NAMESPACE_BEGIN
+#if LIBCURL_VERSION_NUM < 0x075700
+#error "libcurl 7.87 or newer is needed"
+#endif
 
-// The requests of one client to one server over HTTP/1.1, where each needs a connection for itself.
-// libcurl gets no more of them than there may be connections: it would look at each one that waits
-// whenever it does anything. Guarded by the engine's lock.
-struct Line {
-  std::string server;   // The URL up to its path.
-  uint32_t inside = 0;  // How many libcurl has.
-};
+QUENOR_NAMESPACE_BEGIN
 
 // What a client's requests share with it; it lives as long as the last of them.
 struct ClientSettings {
@@ -44,7 +40,7 @@ struct ClientSettings {
   bool http2 = false;                  // Offered, and libcurl has it.
   // Guarded by the engine's lock: where requests went, and in which lines they are.
   const void* used_io = nullptr;
-  std::vector<std::unique_ptr<Line>> lines;
+  http_lines::ClientLines lines;
   // release in the destructor of the client, acquire on the I/O thread: what the owner did before
   // is seen by the callbacks.
   std::atomic<bool> closed{false};
@@ -70,12 +66,21 @@ class EasyOptions {
   bool all_taken_ = true;
 };
 
+// Any thread. Everything about how an exchange goes on the wire and what limits it.
+void SetExchangeOptions(const ClientSettings& client, EasyOptions* options);
+
 // Any thread. Everything about where the connection goes and by whom the server must be trusted.
 void SetProxyOptions(const ClientSettings& client, EasyOptions* options);
 void SetTlsOptions(const ClientSettings& client, EasyOptions* options);
 
 // Asked for once: libcurl writes its versions' text each time, with 5 KiB of its caller's stack.
 bool HasHttp2();
+
+// Of one request. Borrows the bytes until the exchange has ended.
+void SetBody(const CopyOnWriteBuffer& body, EasyOptions* options);
+
+// Between two requests: one on a shared HTTP/2 connection leaves its upload buffer behind.
+void FreeUploadBuffer(CURL* easy);
 
 // Appends the request's headers to the list and, unless they say otherwise, the content type of a
 // body. "Expect" is taken away: libcurl would hold back a large body for a second. False without

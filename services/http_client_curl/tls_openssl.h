@@ -4,18 +4,9 @@
 
 #include <curl/curl.h>
 
-#include <string>
-
-#include "quenor_base/platform/base/abi.h"
+#include "services/http_client_curl/rules/defaults_check.h"
 
 QUENOR_NAMESPACE_BEGIN
-
-// By what the client shows who it is: a certificate, with those above it, and its key, as PEM.
-struct ClientIdentity {
-  std::string certificate;  // Empty: none.
-  std::string key;
-};
-
 namespace http_tls {
 
 // Whether OpenSSL reads both and the key is the certificate's own. Never asks for a password.

@@ -14,6 +14,7 @@
 
 #include "quenor_base/platform/http_client.h"
 #include "tests/integration/support/certificates.h"
+#include "tests/support/patience.h"
 #include "tests/support/temp_folder.h"
 
 namespace quenor::test {
@@ -49,6 +50,24 @@ class Exchanges {
     std::vector<Outcome> outcomes;  // Guarded by `mutex`.
   };
   const std::shared_ptr<Core> core_;
+};
+
+// Lets its callers go on in groups of this size.
+class Barrier {
+ public:
+  explicit Barrier(size_t size) : size_(size) {}
+  void Meet() {
+    std::unique_lock<std::mutex> hold(mutex_);
+    const size_t all = (arrived_++ / size_ + 1) * size_;
+    changed_.notify_all();
+    changed_.wait_for(hold, kPatience, [&] { return arrived_ >= all; });
+  }
+
+ private:
+  const size_t size_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  size_t arrived_ = 0;
 };
 
 HttpClient::Request MakeRequest(const std::string& url, const std::string& body,

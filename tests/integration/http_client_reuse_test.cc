@@ -2,16 +2,13 @@
 #include <malloc.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <random>
 
 #include "tests/integration/http_client_fixture.h"
 #include "tests/integration/support/child_process.h"
 #include "tests/integration/support/local_port.h"
 #include "tests/integration/support/scripted_server.h"
-#include "tests/support/patience.h"
 
 namespace quenor::test {
 namespace {
@@ -30,24 +27,6 @@ class HttpClientReuseTest : public HttpClientTest {
                            upstream.Origin() + "; }";
     return options;
   }
-};
-
-// Lets its callers go on in groups of this size.
-class Barrier {
- public:
-  explicit Barrier(size_t size) : size_(size) {}
-  void Meet() {
-    std::unique_lock<std::mutex> hold(mutex_);
-    const size_t all = (arrived_++ / size_ + 1) * size_;
-    changed_.notify_all();
-    changed_.wait_for(hold, kPatience, [&] { return arrived_ >= all; });
-  }
-
- private:
-  const size_t size_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  size_t arrived_ = 0;
 };
 
 // ---- One request is sent once -------------------------------------------------------------------

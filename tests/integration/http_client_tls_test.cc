@@ -64,14 +64,6 @@ TEST_F(HttpClientTlsTest, SpeaksHttp2WhenEnabledAndOffered) {
   EXPECT_EQ(outcome.body(), "{\"bytes_errinfo\":\"success\"}");
 }
 
-TEST_F(HttpClientTlsTest, SpeaksHttp11WhenHttp2IsNotEnabled) {
-  NginxServer server(Nginx(&certificate_, true));
-  const auto client = MakeClient();
-
-  EXPECT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).header("x-protocol"),
-            "HTTP/1.1");
-}
-
 TEST_F(HttpClientTlsTest, SpeaksHttp11ToAServerWithoutHttp2) {
   NginxServer server(Nginx(&certificate_, false));
   HttpClient::Config config;

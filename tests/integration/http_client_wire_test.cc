@@ -4,16 +4,12 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <future>
-#include <map>
-#include <mutex>
 #include <thread>
 
 #include "tests/integration/http_client_fixture.h"
 #include "tests/integration/support/child_process.h"
 #include "tests/integration/support/scripted_server.h"
-#include "tests/support/patience.h"
 #include "tests/support/recording_log.h"
 
 namespace quenor::test {
@@ -124,21 +120,10 @@ TEST_F(HttpClientWireTest, OtherMethodsAreSentAsTheyAre) {
 TEST_F(HttpClientWireTest, WhatWouldSmuggleALineIsRefused) {
   const auto client = MakeClient(HttpDefaults());
   const HttpClient::Request good = MakeRequest("http://127.0.0.1:1/", "x");
-  for (const char* method : {"", "PO ST", "GET / HTTP/1.1\r\nX: y", "CONNECT"}) {
+  for (const char* value : {"x\r\nB: y", "x\ny"}) {
     HttpClient::Request request = good;
-    request.method = method;
-    EXPECT_LT(client->SendRequest(request, nullptr), 1) << method;
-  }
-  for (const auto& [name, value] : std::map<std::string, std::string>{{"", "x"},
-                                                                      {"A B", "x"},
-                                                                      {"A:", "x"},
-                                                                      {"A", "x\r\nB: y"},
-                                                                      {"C", "x\ny"},
-                                                                      {"Content-Length", "7"},
-                                                                      {"transfer-encoding", ""}}) {
-    HttpClient::Request request = good;
-    request.headers[name] = value;
-    EXPECT_LT(client->SendRequest(request, nullptr), 1) << name;
+    request.headers["A"] = value;
+    EXPECT_LT(client->SendRequest(request, nullptr), 1) << value;
   }
   HttpClient::Request request = good;
   request.url += std::string("\0x", 2);
@@ -179,18 +164,11 @@ TEST_F(HttpClientWireTest, ConnectionIsKeptForTheNextRequest) {
 
 TEST_F(HttpClientWireTest, AsManyConnectionsAsOneHostMayHaveAreKept) {
   constexpr size_t kConnections = 40;
-  std::mutex mutex;
-  std::condition_variable changed;
-  size_t arrived = 0;
+  Barrier all(kConnections);  // No answer before a request has come on each of them.
   ScriptedServer server([&](Connection& connection) {
     ReceivedRequest request;
     while (connection.ReadRequest(&request)) {
-      {  // No answer before a request has come on each of them.
-        std::unique_lock<std::mutex> hold(mutex);
-        const size_t all = (arrived++ / kConnections + 1) * kConnections;
-        changed.notify_all();
-        changed.wait_for(hold, kPatience, [&] { return arrived >= all; });
-      }
+      all.Meet();
       connection.Respond(200, "");
     }
   });
@@ -207,27 +185,6 @@ TEST_F(HttpClientWireTest, AsManyConnectionsAsOneHostMayHaveAreKept) {
   }
 
   EXPECT_EQ(server.accepted(), kConnections);
-}
-
-TEST_F(HttpClientWireTest, RequestsThatWaitForOneServerDoNotHoldUpAnother) {
-  ScriptedServer hanging([](Connection& connection) { connection.HoldUntilClosed(); });
-  ScriptedServer answering([](Connection& connection) {
-    ReceivedRequest request;
-    while (connection.ReadRequest(&request)) connection.Respond(200, "");
-  });
-  HttpDefaults defaults;
-  defaults.max_connections_per_host = 1;
-  const auto client = MakeClient(defaults);
-  Exchanges held;
-  for (int i = 0; i < 3; ++i) {
-    client->SendRequest(MakeRequest(hanging.Origin() + "/", "x"), held.Note());
-  }
-
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(Send(client.get(), MakeRequest(answering.Origin() + "/", "x")).status(), 200);
-  }
-
-  EXPECT_EQ(held.count(), 0u);
 }
 
 TEST_F(HttpClientWireTest, PlaceOfARequestThatTimedOutGoesToTheNextThatWaits) {
@@ -336,24 +293,18 @@ TEST_F(HttpClientWireTest, AnswerCutAnywhereInsideTlsFailsWithoutResponse) {
   }
 }
 
-TEST_F(HttpClientWireTest, InterimAnswerAloneFails) {
-  EXPECT_EQ(Exchange(Saying("HTTP/1.1 100 Continue\r\n\r\n")).state, State::kFailed);
-  EXPECT_EQ(Exchange(Saying("HTTP/1.1 103 Early Hints\r\nX: y\r\n\r\n")).state, State::kFailed);
+TEST_F(HttpClientWireTest, WhatIsNoWholeAnswerFails) {
+  for (const std::string& said :
+       {std::string("HTTP/1.1 100 Continue\r\n\r\n"),
+        std::string("HTTP/1.1 103 Early Hints\r\nX: y\r\n\r\n"),
+        std::string("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nbody\r\n"),
+        std::string("220 smtp.example ESMTP\r\n"), std::string(300, '\0')}) {
+    EXPECT_EQ(Exchange(Saying(said)).state, State::kFailed) << said;
+  }
 }
 
 TEST_F(HttpClientWireTest, BodyWithoutAnnouncedLengthEndsWithTheConnection) {
   EXPECT_EQ(Exchange(Saying("HTTP/1.1 200 OK\r\n\r\n0123456789")).body(), "0123456789");
-}
-
-TEST_F(HttpClientWireTest, CutChunkedAnswerFails) {
-  EXPECT_EQ(
-      Exchange(Saying("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nbody\r\n")).state,
-      State::kFailed);
-}
-
-TEST_F(HttpClientWireTest, WhatIsNotHttpFails) {
-  EXPECT_EQ(Exchange(Saying("220 smtp.example ESMTP\r\n")).state, State::kFailed);
-  EXPECT_EQ(Exchange(Saying(std::string(300, '\0'))).state, State::kFailed);
 }
 
 // ---- Limits -------------------------------------------------------------------------------------
@@ -375,61 +326,23 @@ TEST_F(HttpClientWireTest, AnnouncedBodyBeyondTheCapIsTooLarge) {
       1000u);
 }
 
-TEST_F(HttpClientWireTest, EndlessBodyIsTooLarge) {
-  HttpDefaults defaults;
-  defaults.max_response_body_bytes = 100000;
+TEST_F(HttpClientWireTest, AnswerWithoutEndIsTooLarge) {
+  const std::string block(10000, 'x');
+  const struct {
+    std::string begin, again;
+  } cases[] = {{"\r\n", block}, {"X: ", block}, {"", "X-Again: and again\r\n"}};
+  for (const auto& [begin, again] : cases) {
+    const Outcome outcome = Exchange([&](Connection& connection) {
+      ReceivedRequest request;
+      if (!connection.ReadRequest(&request)) return;
+      connection.Write("HTTP/1.1 200 OK\r\n" + begin);
+      while (connection.Write(again)) {
+      }
+    });
 
-  const Outcome outcome = Exchange(
-      [](Connection& connection) {
-        ReceivedRequest request;
-        if (!connection.ReadRequest(&request)) return;
-        connection.Write("HTTP/1.1 200 OK\r\n\r\n");
-        while (connection.Write(std::string(10000, 'x'))) {
-        }
-      },
-      defaults);
-
-  EXPECT_EQ(outcome.state, State::kTooLarge);
-  EXPECT_EQ(outcome.response, nullptr);
-}
-
-TEST_F(HttpClientWireTest, HugeHeaderIsTooLarge) {
-  EXPECT_EQ(Exchange(Saying("HTTP/1.1 200 OK\r\nX: " + std::string(70000, 'x') + "\r\n\r\n")).state,
-            State::kTooLarge);
-}
-
-TEST_F(HttpClientWireTest, EndlessHeaderLineIsTooLarge) {
-  const Outcome outcome = Exchange([](Connection& connection) {
-    ReceivedRequest request;
-    if (!connection.ReadRequest(&request)) return;
-    connection.Write("HTTP/1.1 200 OK\r\nX: ");
-    while (connection.Write(std::string(10000, 'x'))) {
-    }
-  });
-
-  EXPECT_EQ(outcome.state, State::kTooLarge);
-}
-
-TEST_F(HttpClientWireTest, EndlessHeadersAreTooLarge) {
-  const Outcome outcome = Exchange([](Connection& connection) {
-    ReceivedRequest request;
-    if (!connection.ReadRequest(&request)) return;
-    connection.Write("HTTP/1.1 200 OK\r\n");
-    while (connection.Write("X-Again: and again\r\n")) {
-    }
-  });
-
-  EXPECT_EQ(outcome.state, State::kTooLarge);
-}
-
-TEST_F(HttpClientWireTest, SilentServerTimesOut) {
-  HttpDefaults defaults;
-  defaults.total_timeout_ms = 50;
-
-  const Outcome outcome = Exchange([](Connection& c) { c.HoldUntilClosed(); }, defaults);
-
-  EXPECT_EQ(outcome.state, State::kTimedOut);
-  EXPECT_EQ(outcome.response, nullptr);
+    EXPECT_EQ(outcome.state, State::kTooLarge) << begin;
+    EXPECT_EQ(outcome.response, nullptr) << begin;
+  }
 }
 
 TEST_F(HttpClientWireTest, BodyThatDripsForEverTimesOut) {
@@ -447,45 +360,6 @@ TEST_F(HttpClientWireTest, BodyThatDripsForEverTimesOut) {
 
   EXPECT_EQ(outcome.state, State::kTimedOut);
   EXPECT_EQ(outcome.response, nullptr);
-}
-
-TEST_F(HttpClientWireTest, TimeLimitOfTheRequestGoesFirst) {
-  ScriptedServer server([](Connection& connection) { connection.HoldUntilClosed(); });
-  const auto client = MakeClient(HttpDefaults());
-  HttpClient::Request request = MakeRequest(server.Origin() + "/", "x");
-  request.timeout_ms = 50;
-
-  EXPECT_EQ(Send(client.get(), request).state, State::kTimedOut);
-}
-
-TEST_F(HttpClientWireTest, TimeLimitCountsTheWaitForAConnection) {
-  ScriptedServer server([](Connection& connection) { connection.HoldUntilClosed(); });
-  HttpDefaults defaults;
-  defaults.max_connections_per_host = 1;
-  const auto client = MakeClient(defaults);
-  Exchanges holding;
-  Exchanges waiting;
-  client->SendRequest(MakeRequest(server.Origin() + "/", "x"), holding.Note());
-  HttpClient::Request request = MakeRequest(server.Origin() + "/", "x");
-  request.timeout_ms = 50;
-
-  client->SendRequest(request, waiting.Note());
-  waiting.WaitFor(1);
-
-  EXPECT_EQ(waiting.Take()[0].state, State::kTimedOut);
-  EXPECT_EQ(holding.count(), 0u);
-}
-
-TEST_F(HttpClientWireTest, TlsHandshakeThatNeverEndsTimesOut) {
-  ScriptedServer server([](Connection& connection) { connection.HoldUntilClosed(); });
-  HttpDefaults defaults = TrustingDefaults();
-  defaults.connect_timeout_ms = 50;
-  const auto client = MakeClient(defaults);
-
-  const Outcome outcome =
-      Send(client.get(), MakeRequest("https://127.0.0.1:" + std::to_string(server.port()), "x"));
-
-  EXPECT_EQ(outcome.state, State::kTimedOut);
 }
 
 // ---- A server that goes away --------------------------------------------------------------------
@@ -547,41 +421,6 @@ TEST_F(HttpClientWireTest, NobodyListeningFailsAndSaysWhatToDo) {
   EXPECT_EQ(outcome.state, State::kFailed);
   ASSERT_EQ(RecordingLog::Texts(2).size(), 1u);
   EXPECT_NE(RecordingLog::Texts(2)[0].find("check that the server runs"), std::string::npos);
-}
-
-TEST_F(HttpClientWireTest, OfManyFailuresTheOldestIsForgottenAndLoggedAgain) {
-  const auto client = MakeClient(HttpDefaults());
-  const std::string origin = "http://127.0.0.1:" + std::to_string(UnusedPort()) + "/";
-  const auto lines_of = [&](int number) {
-    RecordingLog::Clear();
-    Send(client.get(), MakeRequest(origin + std::to_string(number), "x"));
-    return RecordingLog::Texts(2).size();
-  };
-
-  for (int i = 0; i <= 64; ++i) EXPECT_EQ(lines_of(i), 1u) << i;
-
-  EXPECT_EQ(lines_of(1), 0u);
-  EXPECT_EQ(lines_of(64), 0u);
-  EXPECT_EQ(lines_of(0), 1u);
-}
-
-TEST_F(HttpClientWireTest, ClientDestroyedWhileTheServerHangsCancelsOnce) {
-  ScriptedServer server([](Connection& connection) { connection.HoldUntilClosed(); },
-                        &certificate_);
-  Exchanges exchanges;
-  auto client = MakeClient();
-  for (int i = 0; i < 20; ++i) {
-    client->SendRequest(MakeRequest(server.Origin() + "/", "x"), exchanges.Note());
-  }
-
-  client.reset();
-  exchanges.WaitFor(20);
-
-  const auto other = MakeClient(HttpDefaults());
-  Send(other.get(), MakeRequest("http://127.0.0.1:" + std::to_string(UnusedPort()), "x"));
-  const std::vector<Outcome> outcomes = exchanges.Take();
-  EXPECT_EQ(outcomes.size(), 20u);
-  for (const Outcome& outcome : outcomes) EXPECT_EQ(outcome.state, State::kCancelled);
 }
 
 TEST_F(HttpClientWireTest, DestructorReturnsOnlyWhenASuccessThatIsToldHasBeenHeard) {

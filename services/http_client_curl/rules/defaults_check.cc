@@ -145,7 +145,8 @@ std::string PinProblem(const std::string& pin) {
          "' is no pin; give sha256// and the base64 of the key's 32-byte SHA-256";
 }
 
-std::string IdentityProblem(const HttpDefaults& defaults, ClientIdentity* identity) {
+std::string IdentityProblem(const HttpDefaults& defaults, IsPair is_pair,
+                            ClientIdentity* identity) {
   const std::string& certificate = defaults.client_certificate_file;
   const std::string& key = defaults.client_key_file;
   if (certificate.empty() && !key.empty()) {
@@ -159,7 +160,7 @@ std::string IdentityProblem(const HttpDefaults& defaults, ClientIdentity* identi
   const bool is_apart = !key.empty();
   problem = PemProblem(is_apart ? "client_key_file" : "client_certificate_file",
                        is_apart ? key : certificate, "PRIVATE KEY", &identity->key);
-  if (!problem.empty() || http_tls::IsPair(*identity)) return problem;
+  if (!problem.empty() || is_pair(*identity)) return problem;
   return "http defaults: the key in '" + (is_apart ? key : certificate) +
          "' is not that of the certificate in '" + certificate +
          "'; give the key that the certificate was made for";
@@ -183,15 +184,15 @@ HttpDefaults InForce(HttpDefaults defaults) {
   return defaults;
 }
 
-std::string Problem(const HttpDefaults& defaults, ClientIdentity* identity) {
+std::string Problem(const HttpDefaults& defaults, IsPair is_pair, ClientIdentity* identity) {
   std::string authorities;
   std::string problem = PemProblem("ca_file", defaults.ca_file, "CERTIFICATE", &authorities);
   if (problem.empty()) problem = FolderProblem(defaults.ca_folder);
   for (const std::string& pin : defaults.pinned_public_keys) {
     if (problem.empty()) problem = PinProblem(pin);
   }
-  if (problem.empty()) problem = IdentityProblem(defaults, identity);
-  if (problem.empty() && !http_header_text::IsFieldValue(defaults.user_agent)) {
+  if (problem.empty()) problem = IdentityProblem(defaults, is_pair, identity);
+  if (problem.empty() && !http_syntax::IsFieldValue(defaults.user_agent)) {
     problem = "http defaults: user_agent holds a control character; take it out";
   }
   if (problem.empty() && defaults.max_response_header_bytes > kMaxHeaderLimit) {

@@ -1,42 +1,32 @@
-// What HTTP allows in a header. Pure functions; any thread.
+// What HTTP allows in a request, as far as it can be told from the text alone; URLs are judged in
+// address.h. Internal to the HTTP client. Pure functions; any thread.
 #ifndef SERVICES_HTTP_CLIENT_CURL_RULES_SYNTAX_H_
 #define SERVICES_HTTP_CLIENT_CURL_RULES_SYNTAX_H_
 
-#include <cstring>
 #include <string>
 
-#include "quenor_base/platform/base/abi.h"
+#include "quenor_base/platform/http_client.h"
 
 QUENOR_NAMESPACE_BEGIN
-namespace http_header_text {
+namespace http_syntax {
 
 inline char LowerAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; }
+bool EqualsNoCase(const std::string& a, const char* b);
 
-inline bool EqualsNoCase(const std::string& a, const char* b) {
-  size_t i = 0;
-  for (; i < a.size() && b[i] != '\0'; ++i) {
-    if (LowerAscii(a[i]) != LowerAscii(b[i])) return false;
-  }
-  return i == a.size() && b[i] == '\0';
-}
+// What a method and the name of a header consist of.
+bool IsToken(const std::string& text);
+// What the value of a header consists of; empty is fine.
+bool IsFieldValue(const std::string& text);
 
-inline bool IsToken(const std::string& text) {
-  for (char c : text) {
-    const bool alnum = (c >= '0' && c <= '9') || (LowerAscii(c) >= 'a' && LowerAscii(c) <= 'z');
-    if (!alnum && (c == '\0' || std::strchr("!#$%&'*+-.^_`|~", c) == nullptr)) return false;
-  }
-  return !text.empty();
-}
+// Empty when a request with this method, these headers and this body can be sent, else why not and
+// what to do.
+std::string RequestProblem(const HttpClient::Request& request);
 
-inline bool IsFieldValue(const std::string& text) {
-  for (char c : text) {
-    if (static_cast<unsigned char>(c) < 0x20 && c != '\t') return false;
-    if (c == 0x7f) return false;
-  }
-  return true;
-}
+// Whether the request goes out with a body. One may be sent with any method but HEAD; some announce
+// one even when it is empty.
+bool SendsBody(const HttpClient::Request& request);
 
-}  // namespace http_header_text
+}  // namespace http_syntax
 QUENOR_NAMESPACE_END
 
 #endif  // SERVICES_HTTP_CLIENT_CURL_RULES_SYNTAX_H_

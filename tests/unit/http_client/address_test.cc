@@ -1,10 +1,8 @@
+#include "services/http_client_curl/address.h"
+
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <string>
-
-#include "services/http_client_curl/address.h"
-#include "services/http_client_curl/rules/syntax.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace http_address {
@@ -115,23 +113,6 @@ TEST(ProxyUrlTest, PutsBracketsAroundAnAddressThatNeedsThem) {
 
 TEST(ProxyCredentialTest, EncodesThePercentSignOnly) {
   EXPECT_EQ(ProxyCredential("a%41+ :@/%"), "a%2541+ :@/%25");
-}
-
-TEST(HeaderTextTest, TakesEachByteThatHttpAllowsAndNoOther) {
-  for (int i = 0; i < 256; ++i) {
-    const std::string text(1, static_cast<char>(i));
-    const bool is_mark = text.find_first_of("!#$%&'*+-.^_`|~") == 0;
-    EXPECT_EQ(http_header_text::IsToken(text), i < 128 && (std::isalnum(i) != 0 || is_mark)) << i;
-    EXPECT_EQ(http_header_text::IsFieldValue(text), i == '\t' || (i >= ' ' && i != 127)) << i;
-  }
-  EXPECT_FALSE(http_header_text::IsToken(""));
-}
-
-TEST(HeaderTextTest, ComparesWholeNames) {
-  EXPECT_TRUE(http_header_text::EqualsNoCase("aZ-09", "Az-09"));
-  for (const char* other : {"", "az-0", "az-099", "az_09"}) {
-    EXPECT_FALSE(http_header_text::EqualsNoCase("az-09", other)) << other;
-  }
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-#include <gtest/gtest.h>
-
 #include "services/http_client_curl/failure_text.h"
+
+#include <gtest/gtest.h>
 
 QUENOR_NAMESPACE_BEGIN
 namespace {

@@ -1,0 +1,336 @@
+#include "services/http_client_curl/transfer.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "quenor_base/platform/base/exception_barrier.h"
+#include "services/http_client_curl/rules/syntax.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace http_engine {
+namespace {
+
+constexpr uint32_t kKeptReceiveBytes = 4096;  // A receive buffer up to this size is recycled.
+
+// Makes room for `more` bytes after those that arrived; false beyond the cap or without memory.
+bool ReserveBody(Transfer* transfer, uint64_t more) {
+  const uint64_t cap = transfer->client->defaults.max_response_body_bytes;
+  const uint64_t needed = transfer->size_bytes + more;
+  if (needed > cap) {
+    transfer->limit = HttpLimit::kBody;
+    return false;
+  }
+  if (needed <= transfer->capacity_bytes) return true;
+  const uint64_t grown = std::max<uint64_t>(needed, transfer->capacity_bytes * uint64_t{2});
+  const uint64_t capacity = std::min<uint64_t>(std::max<uint64_t>(grown, 512), cap);
+  void* bytes = std::realloc(transfer->bytes, capacity);
+  if (bytes == nullptr) return false;
+  transfer->bytes = static_cast<uint8_t*>(bytes);
+  transfer->capacity_bytes = static_cast<uint32_t>(capacity);
+  return true;
+}
+
+size_t OnBodyBytes(char* data, size_t, size_t size, void* user) {
+  Transfer* transfer = static_cast<Transfer*>(user);
+  if (transfer->size_bytes == 0) {
+    curl_off_t announced = -1;
+    curl_easy_getinfo(transfer->easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
+    if (announced > 0 && !ReserveBody(transfer, static_cast<uint64_t>(announced))) return 0;
+  }
+  if (!ReserveBody(transfer, size)) return 0;
+  std::memcpy(transfer->bytes + transfer->size_bytes, data, size);
+  transfer->size_bytes += static_cast<uint32_t>(size);
+  return size;
+}
+
+// One whole line: a status line, a header, the empty line after them, or a trailer. What they say
+// is asked of libcurl when all have come.
+size_t OnHeaderLine(char* data, size_t, size_t size, void* user) {
+  Transfer* transfer = static_cast<Transfer*>(user);
+  ++transfer->connections->progress;
+  transfer->header_bytes += size;
+  if (transfer->header_bytes > transfer->client->defaults.max_response_header_bytes) {
+    transfer->limit = HttpLimit::kHeaders;
+  } else if (++transfer->header_lines > kMaxHeaderLines) {
+    transfer->limit = HttpLimit::kHeaderLines;
+  }
+  if (transfer->limit != HttpLimit::kNone) return 0;
+  if (data[0] != '\r' && data[0] != '\n') return size;
+  // An interim answer (1xx) is followed by another.
+  long status = 0;
+  curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status);
+  transfer->headers_complete = transfer->headers_complete || status >= 200;
+  return size;
+}
+
+// Whether a server has reset the HTTP/2 stream to be asked in HTTP/1.1, the one repeat of libcurl's
+// that is right: it leaves the code's name behind or, on a new connection, goes on after this.
+bool IsAskedForHttp1(const Transfer& transfer) {
+  return std::strstr(transfer.error, "HTTP_1_1_REQUIRED") != nullptr ||
+         std::strcmp(transfer.error, "Empty reply from server") == 0;
+}
+
+// Whether libcurl is about to send again a request of which something has gone out. It does so on
+// each connection that is left, when a kept one closes before an answer: one report would reach the
+// server six times, and its sender would count one.
+bool MustNotRepeat(Transfer* transfer) {
+  long head_bytes = 0;
+  curl_easy_getinfo(transfer->easy, CURLINFO_REQUEST_SIZE, &head_bytes);
+  if (head_bytes == 0 && !transfer->is_written) return false;
+  transfer->repeat_refused = !IsAskedForHttp1(*transfer);
+  return transfer->repeat_refused;
+}
+
+// The request is about to go out: it waits for no connection any more.
+int OnUnderWay(void* user, char*, char*, int, int) {
+  Transfer* transfer = static_cast<Transfer*>(user);
+  if (MustNotRepeat(transfer)) return CURL_PREREQFUNC_ABORT;
+  // Nothing of an answer that was given up, and no leave for another repeat.
+  transfer->error[0] = '\0';
+  transfer->size_bytes = 0;
+  transfer->headers_complete = false;
+  transfer->under_way = true;
+  return CURL_PREREQFUNC_OK;
+}
+
+// Called at every step of a transfer. A server may answer before it has read the whole body and
+// then reset the HTTP/2 stream; libcurl goes on offering the rest until a time limit passes. So an
+// exchange whose response is whole ends here.
+int OnProgress(void* user, curl_off_t, curl_off_t down, curl_off_t up_total, curl_off_t up) {
+  Transfer* transfer = static_cast<Transfer*>(user);
+  if (up > 0) transfer->is_written = true;
+  if (down + up != transfer->body_bytes_moved) {
+    transfer->body_bytes_moved = down + up;
+    ++transfer->connections->progress;
+  }
+  if (up >= up_total || !transfer->headers_complete) return 0;
+  long version = 0;
+  long status = 0;
+  curl_off_t announced = -1;
+  curl_easy_getinfo(transfer->easy, CURLINFO_HTTP_VERSION, &version);
+  curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status);
+  curl_easy_getinfo(transfer->easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
+  transfer->whole_early = version == CURL_HTTP_VERSION_2_0 && status >= 200 && announced >= 0 &&
+                          static_cast<curl_off_t>(transfer->size_bytes) == announced;
+  return transfer->whole_early ? 1 : 0;
+}
+
+curl_socket_t OpenSocket(void* user, curlsocktype, curl_sockaddr* address) {
+  Transfer* transfer = static_cast<Transfer*>(user);
+  if (MustNotRepeat(transfer)) return CURL_SOCKET_BAD;
+  const int fd = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  if (fd < 0) return CURL_SOCKET_BAD;
+  transfer->connections->sockets.Add(fd);
+  transfer->connections->hang_ups.Watch(fd);
+  return fd;
+}
+
+int CloseSocket(void* user, curl_socket_t fd) { return static_cast<HttpSockets*>(user)->Close(fd); }
+
+}  // namespace
+
+std::unique_ptr<Transfer> Transfer::Create() {
+  std::unique_ptr<Transfer> transfer(new Transfer);
+  transfer->easy = curl_easy_init();
+  if (transfer->easy == nullptr) return nullptr;
+  return transfer;
+}
+
+Transfer::~Transfer() {
+  std::free(bytes);
+  curl_slist_free_all(own_headers);
+  curl_easy_cleanup(easy);
+}
+
+// ---- Before -------------------------------------------------------------------------------------
+
+bool Transfer::Prepare(std::shared_ptr<ClientSettings> settings,
+                       const HttpClient::Request& to_send) {
+  client = std::move(settings);
+  request = to_send;
+  if (configured_serial != client->serial && !ConfigureForClient()) return false;
+  return ConfigureForRequest();
+}
+
+// Gives the handle all options that are the same for every request of the client.
+bool Transfer::ConfigureForClient() {
+  curl_easy_reset(easy);
+  posted_url.clear();
+  connections = nullptr;
+  EasyOptions options(easy);
+  options.Set(CURLOPT_PRIVATE, this);
+  options.Set(CURLOPT_ERRORBUFFER, error);
+  options.Set(CURLOPT_WRITEFUNCTION, &OnBodyBytes);
+  options.Set(CURLOPT_WRITEDATA, this);
+  options.Set(CURLOPT_HEADERFUNCTION, &OnHeaderLine);
+  options.Set(CURLOPT_HEADERDATA, this);
+  options.Set(CURLOPT_XFERINFOFUNCTION, &OnProgress);
+  options.Set(CURLOPT_XFERINFODATA, this);
+  options.Set(CURLOPT_NOPROGRESS, 0L);
+  options.Set(CURLOPT_PREREQFUNCTION, &OnUnderWay);
+  options.Set(CURLOPT_PREREQDATA, this);
+  options.Set(CURLOPT_OPENSOCKETFUNCTION, &OpenSocket);
+  options.Set(CURLOPT_OPENSOCKETDATA, this);
+  options.Set(CURLOPT_CLOSESOCKETFUNCTION, &CloseSocket);
+  SetExchangeOptions(*client, &options);
+  SetProxyOptions(*client, &options);
+  SetTlsOptions(*client, &options);
+  configured_serial = options.all_taken() ? client->serial : 0;
+  return options.all_taken();
+}
+
+// Gives the handle what belongs to this request; the body's bytes are borrowed until it has ended.
+bool Transfer::ConfigureForRequest() {
+  EasyOptions options(easy);
+  const bool plain_post = request.method == "POST" && request.headers.empty();
+  if (plain_post && posted_url == request.url) {  // As the last: only the body differs.
+    SetBody(request.body, &options);
+    return options.all_taken();
+  }
+  posted_url.clear();
+  options.Set(CURLOPT_URL, request.url.c_str());
+  const bool sends_body = http_syntax::SendsBody(request);
+  // The order matters: each of these also sets the method, which the last line then names.
+  if (sends_body) {
+    options.Set(CURLOPT_NOBODY, 0L);
+    options.Set(CURLOPT_POST, 1L);
+    SetBody(request.body, &options);
+  } else {
+    options.Set(CURLOPT_POSTFIELDS, nullptr);
+    options.Set(CURLOPT_HTTPGET, 1L);
+    options.Set(CURLOPT_NOBODY, request.method == "HEAD" ? 1L : 0L);
+  }
+  const bool implied = request.method == (sends_body ? "POST" : "GET") || request.method == "HEAD";
+  options.Set(CURLOPT_CUSTOMREQUEST, implied ? nullptr : request.method.c_str());
+  curl_slist* headers = sends_body ? client->body_headers : nullptr;
+  if (!request.headers.empty()) {
+    if (!BuildHeaders(request.headers, sends_body, &own_headers)) return false;
+    headers = own_headers;
+  }
+  options.Set(CURLOPT_HTTPHEADER, headers);
+  if (plain_post && options.all_taken()) posted_url = request.url;
+  return options.all_taken();
+}
+
+void Transfer::Begin(Connections* of) {
+  if (connections != of) {
+    connections = of;
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, &of->sockets);
+  }
+  ++of->progress;
+  response.reset(new HttpClient::Response);
+}
+
+// ---- After --------------------------------------------------------------------------------------
+
+// The whole body out of a finished transfer. A small one is copied, so that the receive buffer
+// stays for the next; a large one is handed over. False without memory.
+bool Transfer::TakeBody(CopyOnWriteBuffer* body) {
+  if (capacity_bytes <= kKeptReceiveBytes) {
+    *body = CopyOnWriteBuffer(bytes, size_bytes);
+  } else {
+    std::unique_ptr<uint8_t[], void (*)(void*)> array(bytes, &std::free);
+    const uint32_t capacity = std::exchange(capacity_bytes, 0);
+    bytes = nullptr;
+    *body = CopyOnWriteBuffer(std::move(array), size_bytes, capacity);
+  }
+  return body->size() == size_bytes;
+}
+
+// The headers of the final answer, and its trailers; not those of interim answers, nor of one that
+// libcurl gave up to ask again in HTTP/1.1, as the server told it.
+void Transfer::TakeHeaders() {
+  curl_header* header = nullptr;
+  while ((header = curl_easy_nextheader(easy, CURLH_HEADER | CURLH_TRAILER,
+                                        /*the last request*/ -1, header)) != nullptr) {
+    std::string name = header->name;
+    for (char& c : name) c = http_syntax::LowerAscii(c);
+    std::string value = header->value;
+    if (value == "\r") value.clear();  // How libcurl gives an empty one.
+    auto [entry, is_new] = response->headers.try_emplace(std::move(name), value);
+    if (!is_new) entry->second.append(", ").append(value);
+  }
+}
+
+void Transfer::Conclude(CURLcode result) {
+  if (result == CURLE_ABORTED_BY_CALLBACK && whole_early) result = CURLE_OK;
+  if (repeat_refused) {
+    result = CURLE_GOT_NOTHING;
+    std::snprintf(error, sizeof(error),
+                  "the connection was closed, or the request refused, before an answer");
+  }
+  code = result;
+  curl_easy_getinfo(easy, CURLINFO_SSL_VERIFYRESULT, &verify_result);
+  if (result == CURLE_OK) {
+    long status = 0;
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+    response->status_code = static_cast<int>(status);
+    // libcurl takes an end within the headers, or after an interim answer, for a whole response.
+    if (!headers_complete) {
+      code = CURLE_PARTIAL_FILE;
+    } else if (!TakeBody(&response->body)) {
+      code = CURLE_OUT_OF_MEMORY;
+    } else {
+      TakeHeaders();
+      state = HttpClient::State::kCompleted;
+      return;
+    }
+  }
+  // A header line beyond libcurl's own limit ends as "out of memory" while headers arrive.
+  curl_off_t first_byte_us = 0;
+  curl_easy_getinfo(easy, CURLINFO_STARTTRANSFER_TIME_T, &first_byte_us);
+  const bool endless_line = result == CURLE_OUT_OF_MEMORY && first_byte_us > 0 && !headers_complete;
+  if (endless_line) limit = HttpLimit::kHeaders;
+  if (limit == HttpLimit::kNone && result == CURLE_OPERATION_TIMEDOUT) {
+    // One of libcurl's own: it counts either until or after the connection stands.
+    limit = under_way ? HttpLimit::kLowSpeed : HttpLimit::kConnect;
+  }
+  SetStateOfLimit();
+}
+
+void Transfer::GiveUpWaiting() {
+  code = CURLE_OPERATION_TIMEDOUT;
+  limit = HttpLimit::kWait;
+  SetStateOfLimit();
+}
+
+// Of an exchange that failed; with the words for the limit that ended it, if one did.
+void Transfer::SetStateOfLimit() {
+  state = HttpClient::State::kFailed;
+  if (limit == HttpLimit::kNone) return;
+  state = limit < HttpLimit::kBody ? HttpClient::State::kTimedOut : HttpClient::State::kTooLarge;
+  std::snprintf(error, sizeof(error), "%s",
+                LimitText(limit, client->defaults, request.timeout_ms).c_str());
+}
+
+void Transfer::RunCallback() {
+  if (state != HttpClient::State::kCompleted) response.reset();
+  if (!callback) return;
+  const auto run = [this] { std::move(callback).Run(state, request, std::move(response)); };
+  base::EndOnException("an HTTP completion callback", run);
+}
+
+void Transfer::Clear() {
+  callback.Reset();
+  client.reset();
+  request.body = CopyOnWriteBuffer();
+  request.headers.clear();
+  curl_slist_free_all(own_headers);
+  own_headers = nullptr;
+  FreeUploadBuffer(easy);
+  response.reset();
+  static_cast<Exchange&>(*this) = Exchange();
+  if (capacity_bytes > kKeptReceiveBytes) {
+    std::free(bytes);
+    bytes = nullptr;
+    capacity_bytes = 0;
+  }
+}
+
+}  // namespace http_engine
+QUENOR_NAMESPACE_END

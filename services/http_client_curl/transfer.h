@@ -1,0 +1,108 @@
+// One exchange: a request on its way, with an easy handle that it keeps from one request to the
+// next, what has arrived of the answer, and how it ended. Internal to the HTTP client on libcurl.
+// Threads: the one that prepares it, then the I/O thread, where libcurl calls back.
+// See docs/design/http-client.md.
+#ifndef SERVICES_HTTP_CLIENT_CURL_TRANSFER_H_
+#define SERVICES_HTTP_CLIENT_CURL_TRANSFER_H_
+
+#include <curl/curl.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "quenor_base/platform/http_client.h"
+#include "services/http_client_curl/connection_linux.h"
+#include "services/http_client_curl/easy_options.h"
+#include "services/http_client_curl/failure_text.h"
+#include "services/http_client_curl/rules/lines.h"
+#include "services/http_client_curl/sockets_linux.h"
+
+QUENOR_NAMESPACE_BEGIN
+namespace http_engine {
+
+// What the transfers of one I/O thread share.
+struct Connections {
+  HttpSockets sockets;
+  http_connection::HangUps hang_ups;
+  uint64_t progress = 0;  // Counts whatever moved.
+};
+
+// What is known of one exchange, beside its deadline and its line. Everything here begins anew with
+// the next one.
+struct Exchange : http_lines::Member {
+  int64_t started_ms = 0;
+  size_t active_index = 0;  // Among those that libcurl has.
+
+  // What has arrived.
+  uint32_t size_bytes = 0;
+  uint64_t header_bytes = 0;
+  uint32_t header_lines = 0;
+  bool headers_complete = false;       // Of the final answer.
+  HttpLimit limit = HttpLimit::kNone;  // That ended it.
+  bool whole_early = false;            // The response was whole before the request was.
+
+  // What has moved, to tell progress from spinning.
+  curl_off_t body_bytes_moved = 0;
+  bool under_way = false;       // Has been given a connection.
+  bool is_written = false;      // Something of the request went out after its first piece.
+  bool repeat_refused = false;  // libcurl wanted to send again what had gone out already.
+
+  // How it ended.
+  HttpClient::State state = HttpClient::State::kFailed;
+  CURLcode code = CURLE_OK;
+  long verify_result = 0;
+  char error[CURL_ERROR_SIZE] = {};
+};
+
+struct Transfer : Exchange {
+  // Null without memory.
+  static std::unique_ptr<Transfer> Create();
+  ~Transfer();
+  Transfer(const Transfer&) = delete;
+  Transfer& operator=(const Transfer&) = delete;
+
+  // The thread that prepares it: copies the request and gives the handle its options. The body's
+  // bytes are shared until the exchange has ended. False when libcurl refused an option.
+  bool Prepare(std::shared_ptr<ClientSettings> settings, const HttpClient::Request& to_send);
+
+  // I/O thread, each of these. Before libcurl gets the handle: borrows what it may use until then.
+  void Begin(Connections* of);
+  // Decides the state from libcurl's result and completes the response.
+  void Conclude(CURLcode result);
+  // Its deadline passed before libcurl got it.
+  void GiveUpWaiting();
+  // Runs the callback, with the response if there is a whole one.
+  void RunCallback();
+
+  // Empties it for its next request. No lock held: this frees what the host gave.
+  void Clear();
+
+  // acquire: pairs with the release in Engine::Close().
+  bool IsCancelled() const { return client->closed.load(std::memory_order_acquire); }
+
+  CURL* easy = nullptr;
+  int64_t configured_serial = 0;  // Whose options the handle carries.
+  std::string posted_url;         // Where to, when the last request was a plain POST; else empty.
+  std::shared_ptr<ClientSettings> client;
+  HttpClient::Request request;
+  HttpClient::CompletionCallback callback;
+  curl_slist* own_headers = nullptr;
+  std::unique_ptr<HttpClient::Response> response;
+  uint8_t* bytes = nullptr;  // malloc; kept for the next body.
+  uint32_t capacity_bytes = 0;
+  Connections* connections = nullptr;  // What the handle's options name.
+
+ private:
+  Transfer() = default;
+  bool ConfigureForClient();
+  bool ConfigureForRequest();
+  bool TakeBody(CopyOnWriteBuffer* body);
+  void TakeHeaders();
+  void SetStateOfLimit();
+};
+
+}  // namespace http_engine
+QUENOR_NAMESPACE_END
+
+#endif  // SERVICES_HTTP_CLIENT_CURL_TRANSFER_H_
