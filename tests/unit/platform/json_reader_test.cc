@@ -5,11 +5,11 @@
 #include <iterator>
 #include <string>
 
-#include "tests/conformance/json_reader_conformance.h"
+#include "tests/conformance/json_conformance.h"
 
 namespace quenor::conformance {
 
-INSTANTIATE_TYPED_TEST_SUITE_P(Default, JsonReaderConformance, base::JSONReader);
+INSTANTIATE_TYPED_TEST_SUITE_P(Default, JsonConformance, base::JSONReader);
 
 // A table that shrank by accident would pass.
 static_assert(std::size(kJsonToAccept) >= 95);

@@ -14,13 +14,13 @@
 #include <thread>
 #include <vector>
 
-#include "tests/conformance/local_log_conformance.h"
+#include "tests/conformance/log_conformance.h"
 #include "tests/support/patience.h"
 #include "tests/unit/platform/system_calls.h"
 
 namespace quenor::conformance {
 
-INSTANTIATE_TYPED_TEST_SUITE_P(Default, LocalLogConformance, LinkedLog);
+INSTANTIATE_TYPED_TEST_SUITE_P(Default, LogConformance, LinkedLog);
 
 }  // namespace quenor::conformance
 

@@ -1,8 +1,8 @@
 // What every log must do. An embedder runs it on his own by linking that and writing
-//   INSTANTIATE_TYPED_TEST_SUITE_P(Mine, LocalLogConformance, quenor::conformance::LinkedLog);
+//   INSTANTIATE_TYPED_TEST_SUITE_P(Mine, LogConformance, quenor::conformance::LinkedLog);
 // in namespace quenor::conformance. The parameter names the two functions of the log.
-#ifndef QUENOR_TESTS_CONFORMANCE_LOCAL_LOG_CONFORMANCE_H_
-#define QUENOR_TESTS_CONFORMANCE_LOCAL_LOG_CONFORMANCE_H_
+#ifndef QUENOR_TESTS_CONFORMANCE_LOG_CONFORMANCE_H_
+#define QUENOR_TESTS_CONFORMANCE_LOG_CONFORMANCE_H_
 
 #include <gtest/gtest.h>
 
@@ -25,7 +25,7 @@ struct LinkedLog {
 };
 
 template <typename Log>
-class LocalLogConformance : public testing::Test {
+class LogConformance : public testing::Test {
  protected:
   struct Line {
     int level;
@@ -35,8 +35,8 @@ class LocalLogConformance : public testing::Test {
     char after;  // The byte behind the text.
   };
 
-  LocalLogConformance() { Log::kSetSink(&LocalLogConformance::Keep, &lines_); }
-  ~LocalLogConformance() override { Log::kSetSink(nullptr, nullptr); }
+  LogConformance() { Log::kSetSink(&LogConformance::Keep, &lines_); }
+  ~LogConformance() override { Log::kSetSink(nullptr, nullptr); }
 
   static void Keep(void* context, int level, const char* file, int line, const char* text,
                    size_t size) {
@@ -52,9 +52,9 @@ class LocalLogConformance : public testing::Test {
 
   std::vector<Line> lines_;
 };
-TYPED_TEST_SUITE_P(LocalLogConformance);
+TYPED_TEST_SUITE_P(LogConformance);
 
-TYPED_TEST_P(LocalLogConformance, GivesTheSinkLevelPlaceAndText) {
+TYPED_TEST_P(LogConformance, GivesTheSinkLevelPlaceAndText) {
   TypeParam::kLog(1, "some/file", 42, "%s of %d, %5.2f", "three", 7, 1.5);
 
   ASSERT_EQ(1u, this->lines_.size());
@@ -64,16 +64,16 @@ TYPED_TEST_P(LocalLogConformance, GivesTheSinkLevelPlaceAndText) {
   EXPECT_EQ("three of 7,  1.50", this->lines_[0].text);
 }
 
-TYPED_TEST_P(LocalLogConformance, GivesTheSinkEveryLevel) {
+TYPED_TEST_P(LogConformance, GivesTheSinkEveryLevel) {
   for (int level = 0; level < 3; ++level) TypeParam::kLog(level, "f", 1, "x");
 
   ASSERT_EQ(3u, this->lines_.size());
   for (int level = 0; level < 3; ++level) EXPECT_EQ(level, this->lines_[level].level);
 }
 
-TYPED_TEST_P(LocalLogConformance, GivesTheSinkAnEmptyLine) { EXPECT_EQ("", this->Logged("")); }
+TYPED_TEST_P(LogConformance, GivesTheSinkAnEmptyLine) { EXPECT_EQ("", this->Logged("")); }
 
-TYPED_TEST_P(LocalLogConformance, GivesTheSinkLinesOfAnyLengthWhole) {
+TYPED_TEST_P(LogConformance, GivesTheSinkLinesOfAnyLengthWhole) {
   std::vector<size_t> sizes = {1, 100, 100000, 3000000};
   for (size_t power = 64; power <= 8192; power *= 2) {
     for (size_t near = power - 3; near <= power + 3; ++near) sizes.push_back(near);
@@ -86,7 +86,7 @@ TYPED_TEST_P(LocalLogConformance, GivesTheSinkLinesOfAnyLengthWhole) {
   }
 }
 
-TYPED_TEST_P(LocalLogConformance, EscapesEveryControlByte) {
+TYPED_TEST_P(LogConformance, EscapesEveryControlByte) {
   const char kHex[] = "0123456789abcdef";
   for (int byte = 1; byte < 0x80; ++byte) {
     const char c = static_cast<char>(byte);
@@ -101,14 +101,14 @@ TYPED_TEST_P(LocalLogConformance, EscapesEveryControlByte) {
   }
 }
 
-TYPED_TEST_P(LocalLogConformance, EscapesANulByteToo) {
+TYPED_TEST_P(LogConformance, EscapesANulByteToo) {
   TypeParam::kLog(2, "f", 1, "a%cb", '\0');
 
   ASSERT_EQ(1u, this->lines_.size());
   EXPECT_EQ("a\\x00b", this->lines_[0].text);
 }
 
-TYPED_TEST_P(LocalLogConformance, LeavesBytesBeyondAsciiAsTheyAre) {
+TYPED_TEST_P(LogConformance, LeavesBytesBeyondAsciiAsTheyAre) {
   std::string raw;
   for (int byte = 0x80; byte < 0x100; ++byte) raw += static_cast<char>(byte);
   raw += "\xE2\x82\xAC \\ %d";
@@ -116,7 +116,7 @@ TYPED_TEST_P(LocalLogConformance, LeavesBytesBeyondAsciiAsTheyAre) {
   EXPECT_EQ(raw, this->Logged(raw));
 }
 
-TYPED_TEST_P(LocalLogConformance, GivesALineThatEscapingLengthensWhole) {
+TYPED_TEST_P(LogConformance, GivesALineThatEscapingLengthensWhole) {
   for (const size_t size : {250u, 255u, 256u, 257u, 511u, 512u, 513u, 1023u, 1024u, 5000u}) {
     const std::string raw(size, '\n');
     std::string expected;
@@ -126,7 +126,7 @@ TYPED_TEST_P(LocalLogConformance, GivesALineThatEscapingLengthensWhole) {
   }
 }
 
-TYPED_TEST_P(LocalLogConformance, GivesALineAboutAFormatThatFails) {
+TYPED_TEST_P(LogConformance, GivesALineAboutAFormatThatFails) {
   const wchar_t no_character[] = {static_cast<wchar_t>(0x7fffffff), 0};
 
   TypeParam::kLog(2, "file", 7, "before %ls after", no_character);
@@ -138,7 +138,7 @@ TYPED_TEST_P(LocalLogConformance, GivesALineAboutAFormatThatFails) {
   EXPECT_NE(std::string::npos, this->lines_[0].text.find("before %ls after"));
 }
 
-TYPED_TEST_P(LocalLogConformance, LeavesErrnoAlone) {
+TYPED_TEST_P(LogConformance, LeavesErrnoAlone) {
   const wchar_t no_character[] = {static_cast<wchar_t>(0x7fffffff), 0};
   const std::string long_text(100000, 'x');
 
@@ -151,7 +151,7 @@ TYPED_TEST_P(LocalLogConformance, LeavesErrnoAlone) {
   EXPECT_EQ(12345, errno);
 }
 
-TYPED_TEST_P(LocalLogConformance, GivesNothingToASinkThatWasReplaced) {
+TYPED_TEST_P(LogConformance, GivesNothingToASinkThatWasReplaced) {
   std::vector<typename TestFixture::Line> others;
   TypeParam::kLog(2, "f", 1, "first");
 
@@ -165,7 +165,7 @@ TYPED_TEST_P(LocalLogConformance, GivesNothingToASinkThatWasReplaced) {
   TypeParam::kSetSink(nullptr, nullptr);
 }
 
-TYPED_TEST_P(LocalLogConformance, GivesNothingToASinkThatWasTakenBack) {
+TYPED_TEST_P(LogConformance, GivesNothingToASinkThatWasTakenBack) {
   TypeParam::kSetSink(nullptr, nullptr);
 
   TypeParam::kLog(0, "f", 1, "not to be seen");
@@ -173,7 +173,7 @@ TYPED_TEST_P(LocalLogConformance, GivesNothingToASinkThatWasTakenBack) {
   EXPECT_TRUE(this->lines_.empty());
 }
 
-TYPED_TEST_P(LocalLogConformance, SurvivesASinkThatLogs) {
+TYPED_TEST_P(LogConformance, SurvivesASinkThatLogs) {
   static int calls;
   calls = 0;
   TypeParam::kSetSink(
@@ -188,7 +188,7 @@ TYPED_TEST_P(LocalLogConformance, SurvivesASinkThatLogs) {
   EXPECT_EQ(1, calls);
 }
 
-TYPED_TEST_P(LocalLogConformance, LetsASinkReplaceItself) {
+TYPED_TEST_P(LogConformance, LetsASinkReplaceItself) {
   TypeParam::kSetSink([](void* context, int, const char*, int, const char*,
                          size_t) { TypeParam::kSetSink(&TestFixture::Keep, context); },
                       &this->lines_);
@@ -200,7 +200,7 @@ TYPED_TEST_P(LocalLogConformance, LetsASinkReplaceItself) {
   EXPECT_EQ("second", this->lines_[0].text);
 }
 
-TYPED_TEST_P(LocalLogConformance, CallsTheSinkFromOneThreadAtATimeWithEveryLine) {
+TYPED_TEST_P(LogConformance, CallsTheSinkFromOneThreadAtATimeWithEveryLine) {
   struct Context {
     std::atomic<int> inside{0};
     std::atomic<int> overlaps{0};
@@ -227,7 +227,7 @@ TYPED_TEST_P(LocalLogConformance, CallsTheSinkFromOneThreadAtATimeWithEveryLine)
   EXPECT_EQ(2000, context.lines);
 }
 
-TYPED_TEST_P(LocalLogConformance, LetsTheContextBeFreedOnceTheSinkIsReplaced) {
+TYPED_TEST_P(LogConformance, LetsTheContextBeFreedOnceTheSinkIsReplaced) {
   std::atomic<bool> stop{false};
   std::vector<std::thread> threads;
   for (int i = 0; i < 2; ++i) {
@@ -250,16 +250,16 @@ TYPED_TEST_P(LocalLogConformance, LetsTheContextBeFreedOnceTheSinkIsReplaced) {
   for (std::thread& thread : threads) thread.join();
 }
 
-REGISTER_TYPED_TEST_SUITE_P(LocalLogConformance, GivesTheSinkLevelPlaceAndText,
-                            GivesTheSinkEveryLevel, GivesTheSinkAnEmptyLine,
-                            GivesTheSinkLinesOfAnyLengthWhole, EscapesEveryControlByte,
-                            EscapesANulByteToo, LeavesBytesBeyondAsciiAsTheyAre,
-                            GivesALineThatEscapingLengthensWhole, GivesALineAboutAFormatThatFails,
-                            LeavesErrnoAlone, GivesNothingToASinkThatWasReplaced,
-                            GivesNothingToASinkThatWasTakenBack, SurvivesASinkThatLogs,
-                            LetsASinkReplaceItself, CallsTheSinkFromOneThreadAtATimeWithEveryLine,
+REGISTER_TYPED_TEST_SUITE_P(LogConformance, GivesTheSinkLevelPlaceAndText, GivesTheSinkEveryLevel,
+                            GivesTheSinkAnEmptyLine, GivesTheSinkLinesOfAnyLengthWhole,
+                            EscapesEveryControlByte, EscapesANulByteToo,
+                            LeavesBytesBeyondAsciiAsTheyAre, GivesALineThatEscapingLengthensWhole,
+                            GivesALineAboutAFormatThatFails, LeavesErrnoAlone,
+                            GivesNothingToASinkThatWasReplaced, GivesNothingToASinkThatWasTakenBack,
+                            SurvivesASinkThatLogs, LetsASinkReplaceItself,
+                            CallsTheSinkFromOneThreadAtATimeWithEveryLine,
                             LetsTheContextBeFreedOnceTheSinkIsReplaced);
 
 }  // namespace quenor::conformance
 
-#endif  // QUENOR_TESTS_CONFORMANCE_LOCAL_LOG_CONFORMANCE_H_
+#endif  // QUENOR_TESTS_CONFORMANCE_LOG_CONFORMANCE_H_

@@ -1,8 +1,8 @@
 // What every JSON reader must do. An embedder runs it on his own by linking that and writing
-//   INSTANTIATE_TYPED_TEST_SUITE_P(Mine, JsonReaderConformance, quenor::base::JSONReader);
+//   INSTANTIATE_TYPED_TEST_SUITE_P(Mine, JsonConformance, quenor::base::JSONReader);
 // in namespace quenor::conformance. The parameter has the static Read() of base::JSONReader.
-#ifndef QUENOR_TESTS_CONFORMANCE_JSON_READER_CONFORMANCE_H_
-#define QUENOR_TESTS_CONFORMANCE_JSON_READER_CONFORMANCE_H_
+#ifndef QUENOR_TESTS_CONFORMANCE_JSON_CONFORMANCE_H_
+#define QUENOR_TESTS_CONFORMANCE_JSON_CONFORMANCE_H_
 
 #include <gtest/gtest.h>
 
@@ -35,7 +35,7 @@ inline std::string NestedObjects(size_t levels) {
 }
 
 template <typename Reader>
-class JsonReaderConformance : public testing::Test {
+class JsonConformance : public testing::Test {
  protected:
   static base::Optional<base::Value> Read(const std::string& text, int max_depth = kJsonDepth) {
     return Reader::Read(text, 0, max_depth);
@@ -47,21 +47,21 @@ class JsonReaderConformance : public testing::Test {
     return value ? value->FindIntKey("k") : base::nullopt;
   }
 };
-TYPED_TEST_SUITE_P(JsonReaderConformance);
+TYPED_TEST_SUITE_P(JsonConformance);
 
-TYPED_TEST_P(JsonReaderConformance, AcceptsEveryValidText) {
+TYPED_TEST_P(JsonConformance, AcceptsEveryValidText) {
   for (const JsonCase& c : kJsonToAccept) {
     EXPECT_TRUE(this->Read(std::string(c.text)).has_value()) << c.name << ": " << c.text;
   }
 }
 
-TYPED_TEST_P(JsonReaderConformance, RefusesEveryInvalidText) {
+TYPED_TEST_P(JsonConformance, RefusesEveryInvalidText) {
   for (const JsonCase& c : kJsonToRefuse) {
     EXPECT_FALSE(this->Read(std::string(c.text)).has_value()) << c.name << ": " << c.text;
   }
 }
 
-TYPED_TEST_P(JsonReaderConformance, JudgesEachTextTheSameAsTheValueOfAMember) {
+TYPED_TEST_P(JsonConformance, JudgesEachTextTheSameAsTheValueOfAMember) {
   for (const JsonCase& c : kJsonToAccept) {
     const std::string text = "{\"k\":" + std::string(c.text) + "}";
     EXPECT_TRUE(this->Read(text).has_value()) << c.name;
@@ -72,7 +72,7 @@ TYPED_TEST_P(JsonReaderConformance, JudgesEachTextTheSameAsTheValueOfAMember) {
   }
 }
 
-TYPED_TEST_P(JsonReaderConformance, RefusesEveryPrefixOfAnObject) {
+TYPED_TEST_P(JsonConformance, RefusesEveryPrefixOfAnObject) {
   const std::string text =
       R"({"bytes_errinfo":"success","a":[1,-2.5e3,"\ud834\udd1e",{"b":null}],"c":true})";
   ASSERT_TRUE(this->Read(text).has_value());
@@ -82,7 +82,7 @@ TYPED_TEST_P(JsonReaderConformance, RefusesEveryPrefixOfAnObject) {
   }
 }
 
-TYPED_TEST_P(JsonReaderConformance, RefusesEveryByteButWhiteSpaceAfterAValue) {
+TYPED_TEST_P(JsonConformance, RefusesEveryByteButWhiteSpaceAfterAValue) {
   for (int byte = 0; byte < 256; ++byte) {
     const std::string text = std::string("{}") + static_cast<char>(byte);
     const bool white = byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n';
@@ -90,7 +90,7 @@ TYPED_TEST_P(JsonReaderConformance, RefusesEveryByteButWhiteSpaceAfterAValue) {
   }
 }
 
-TYPED_TEST_P(JsonReaderConformance, ParsesExactlyAsManyLevelsAsAllowed) {
+TYPED_TEST_P(JsonConformance, ParsesExactlyAsManyLevelsAsAllowed) {
   for (const int depth : {1, 2, 199, 200, 201}) {
     const size_t levels = static_cast<size_t>(depth);
     EXPECT_TRUE(this->Read(NestedArrays(levels), depth).has_value()) << depth;
@@ -100,7 +100,7 @@ TYPED_TEST_P(JsonReaderConformance, ParsesExactlyAsManyLevelsAsAllowed) {
   }
 }
 
-TYPED_TEST_P(JsonReaderConformance, CountsAnEmptyContainerAsALevel) {
+TYPED_TEST_P(JsonConformance, CountsAnEmptyContainerAsALevel) {
   const std::string before = Repeat("[", 199);
   const std::string after = Repeat("]", 199);
 
@@ -112,12 +112,12 @@ TYPED_TEST_P(JsonReaderConformance, CountsAnEmptyContainerAsALevel) {
   EXPECT_FALSE(this->Read(before + "{\"a\":[]}" + after).has_value());
 }
 
-TYPED_TEST_P(JsonReaderConformance, CountsOpenLevelsNotAllContainers) {
+TYPED_TEST_P(JsonConformance, CountsOpenLevelsNotAllContainers) {
   EXPECT_TRUE(this->Read("[" + Repeat("[],{},", 1000) + "[]]", 2).has_value());
   EXPECT_TRUE(this->Read("[" + NestedArrays(199) + "," + NestedArrays(199) + "]").has_value());
 }
 
-TYPED_TEST_P(JsonReaderConformance, ReadsOnlyScalarsUnderDepthZeroAndNothingBelow) {
+TYPED_TEST_P(JsonConformance, ReadsOnlyScalarsUnderDepthZeroAndNothingBelow) {
   EXPECT_TRUE(this->Read("1", 0).has_value());
   EXPECT_TRUE(this->Read("\"a\"", 0).has_value());
   EXPECT_FALSE(this->Read("[]", 0).has_value());
@@ -125,14 +125,14 @@ TYPED_TEST_P(JsonReaderConformance, ReadsOnlyScalarsUnderDepthZeroAndNothingBelo
   EXPECT_FALSE(this->Read("1", -1).has_value());
 }
 
-TYPED_TEST_P(JsonReaderConformance, RefusesTextsOfOpenBracketsOnly) {
+TYPED_TEST_P(JsonConformance, RefusesTextsOfOpenBracketsOnly) {
   EXPECT_FALSE(this->Read(Repeat("[", 100000)).has_value());
   EXPECT_FALSE(this->Read(Repeat("{\"\":", 100000)).has_value());
   EXPECT_FALSE(this->Read(Repeat("[{\"\":", 50000)).has_value());
   EXPECT_FALSE(this->Read(Repeat("[", 100000), INT_MAX).has_value());
 }
 
-TYPED_TEST_P(JsonReaderConformance, ReadsAndDestroysAnyDepthWithoutRecursion) {
+TYPED_TEST_P(JsonConformance, ReadsAndDestroysAnyDepthWithoutRecursion) {
   constexpr size_t kLevels = 500000;  // A call frame each would overflow any usual stack.
 
   EXPECT_TRUE(this->Read(NestedArrays(kLevels), INT_MAX).has_value());
@@ -140,7 +140,7 @@ TYPED_TEST_P(JsonReaderConformance, ReadsAndDestroysAnyDepthWithoutRecursion) {
   EXPECT_TRUE(this->Read("{\"k\":" + NestedArrays(kLevels) + "}", INT_MAX).has_value());
 }
 
-TYPED_TEST_P(JsonReaderConformance, TellsTheTypeOfTheOutermostValue) {
+TYPED_TEST_P(JsonConformance, TellsTheTypeOfTheOutermostValue) {
   using Type = base::Value::Type;
   const std::pair<const char*, Type> kCases[] = {
       {"null", Type::kNull},      {"true", Type::kBoolean},
@@ -160,7 +160,7 @@ TYPED_TEST_P(JsonReaderConformance, TellsTheTypeOfTheOutermostValue) {
   }
 }
 
-TYPED_TEST_P(JsonReaderConformance, FindsIntegersOf32Bits) {
+TYPED_TEST_P(JsonConformance, FindsIntegersOf32Bits) {
   EXPECT_EQ(0, this->ReadNumber("0"));
   EXPECT_EQ(0, this->ReadNumber("-0"));
   EXPECT_EQ(3000, this->ReadNumber("3000"));
@@ -169,7 +169,7 @@ TYPED_TEST_P(JsonReaderConformance, FindsIntegersOf32Bits) {
   EXPECT_EQ(INT_MIN, this->ReadNumber("-2147483648"));
 }
 
-TYPED_TEST_P(JsonReaderConformance, FindsNoIntegerInOtherNumbers) {
+TYPED_TEST_P(JsonConformance, FindsNoIntegerInOtherNumbers) {
   for (const char* number : {"3000.0",
                              "1.5",
                              "1e3",
@@ -205,7 +205,7 @@ TYPED_TEST_P(JsonReaderConformance, FindsNoIntegerInOtherNumbers) {
   EXPECT_EQ(base::nullopt, this->ReadNumber("1e" + Repeat("0", 5000) + "1"));
 }
 
-TYPED_TEST_P(JsonReaderConformance, KeepsTheMembersAroundANumberTooLarge) {
+TYPED_TEST_P(JsonConformance, KeepsTheMembersAroundANumberTooLarge) {
   const auto value = this->Read(
       R"({"a":1,"s":"1e400","b":1e400,"c":2,"t":"x\"9999999999","d":99999999999,"e":[1e999],"f":3})");
 
@@ -221,7 +221,7 @@ TYPED_TEST_P(JsonReaderConformance, KeepsTheMembersAroundANumberTooLarge) {
   EXPECT_EQ("x\"9999999999", *value->FindStringKey("t"));
 }
 
-TYPED_TEST_P(JsonReaderConformance, FindsEachMemberByItsOwnTypeOnly) {
+TYPED_TEST_P(JsonConformance, FindsEachMemberByItsOwnTypeOnly) {
   const auto value = this->Read(
       R"({"string":"3000","int":3000,"true":true,"null":null,"list":[7],"dict":{"inner":9}})");
 
@@ -237,7 +237,7 @@ TYPED_TEST_P(JsonReaderConformance, FindsEachMemberByItsOwnTypeOnly) {
   }
 }
 
-TYPED_TEST_P(JsonReaderConformance, FindsNothingInAValueThatIsNoDictionary) {
+TYPED_TEST_P(JsonConformance, FindsNothingInAValueThatIsNoDictionary) {
   for (const char* text : {"[{\"k\":1}]", "[\"k\",\"v\"]", "\"k\"", "1", "null", "true"}) {
     const auto value = this->Read(text);
     ASSERT_TRUE(value.has_value()) << text;
@@ -246,7 +246,7 @@ TYPED_TEST_P(JsonReaderConformance, FindsNothingInAValueThatIsNoDictionary) {
   }
 }
 
-TYPED_TEST_P(JsonReaderConformance, LetsTheLastOfEqualKeysWinWhateverItsType) {
+TYPED_TEST_P(JsonConformance, LetsTheLastOfEqualKeysWinWhateverItsType) {
   const auto find_int = [this](const char* text) { return this->Read(text)->FindIntKey("k"); };
   const auto has_string = [this](const char* text) {
     return this->Read(text)->FindStringKey("k") != nullptr;
@@ -267,7 +267,7 @@ TYPED_TEST_P(JsonReaderConformance, LetsTheLastOfEqualKeysWinWhateverItsType) {
   EXPECT_EQ("b", *this->Read(R"({"k":"a","k":[],"k":"b"})")->FindStringKey("k"));
 }
 
-TYPED_TEST_P(JsonReaderConformance, FindsEmptyKeysAndKeysWithNulBytes) {
+TYPED_TEST_P(JsonConformance, FindsEmptyKeysAndKeysWithNulBytes) {
   const std::string key("a\0b", 3);
   const auto value = this->Read(R"({"":1,"a\u0000b":"x\u0000y","a":2})");
 
@@ -278,7 +278,7 @@ TYPED_TEST_P(JsonReaderConformance, FindsEmptyKeysAndKeysWithNulBytes) {
   EXPECT_EQ(std::string("x\0y", 3), *value->FindStringKey(key));
 }
 
-TYPED_TEST_P(JsonReaderConformance, DecodesStringsToUtf8) {
+TYPED_TEST_P(JsonConformance, DecodesStringsToUtf8) {
   const auto decode = [this](const std::string& inside) {
     return *this->Read("{\"k\":\"" + inside + "\"}")->FindStringKey("k");
   };
@@ -291,7 +291,7 @@ TYPED_TEST_P(JsonReaderConformance, DecodesStringsToUtf8) {
   EXPECT_EQ(Repeat("x", 100000), decode(Repeat("x", 100000)));
 }
 
-TYPED_TEST_P(JsonReaderConformance, MovesAValueWithItsMembers) {
+TYPED_TEST_P(JsonConformance, MovesAValueWithItsMembers) {
   auto first = this->Read(R"({"i":5,"s":"a string that is too long to be kept in place"})");
   auto second = this->Read("[]");
   ASSERT_TRUE(first.has_value() && second.has_value());
@@ -305,7 +305,7 @@ TYPED_TEST_P(JsonReaderConformance, MovesAValueWithItsMembers) {
   EXPECT_EQ("a string that is too long to be kept in place", *second->FindStringKey("s"));
 }
 
-TYPED_TEST_P(JsonReaderConformance, ReadsNothingUnderUnknownOptionsAndLogsIt) {
+TYPED_TEST_P(JsonConformance, ReadsNothingUnderUnknownOptionsAndLogsIt) {
   CapturedLog log;
 
   for (const int options : {1, 2, 1 << 30, -1}) {
@@ -316,7 +316,7 @@ TYPED_TEST_P(JsonReaderConformance, ReadsNothingUnderUnknownOptionsAndLogsIt) {
   EXPECT_EQ(2, log.lines()[0].level);
 }
 
-TYPED_TEST_P(JsonReaderConformance, LogsNothingAboutATextThatIsInvalid) {
+TYPED_TEST_P(JsonConformance, LogsNothingAboutATextThatIsInvalid) {
   CapturedLog log;
 
   EXPECT_FALSE(this->Read("{").has_value());
@@ -325,7 +325,7 @@ TYPED_TEST_P(JsonReaderConformance, LogsNothingAboutATextThatIsInvalid) {
   EXPECT_TRUE(log.lines().empty());
 }
 
-TYPED_TEST_P(JsonReaderConformance, SurvivesDamagedTexts) {
+TYPED_TEST_P(JsonConformance, SurvivesDamagedTexts) {
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
   this->RecordProperty("seed", std::to_string(seed));
@@ -352,7 +352,7 @@ TYPED_TEST_P(JsonReaderConformance, SurvivesDamagedTexts) {
 }
 
 REGISTER_TYPED_TEST_SUITE_P(
-    JsonReaderConformance, AcceptsEveryValidText, RefusesEveryInvalidText,
+    JsonConformance, AcceptsEveryValidText, RefusesEveryInvalidText,
     JudgesEachTextTheSameAsTheValueOfAMember, RefusesEveryPrefixOfAnObject,
     RefusesEveryByteButWhiteSpaceAfterAValue, ParsesExactlyAsManyLevelsAsAllowed,
     CountsAnEmptyContainerAsALevel, CountsOpenLevelsNotAllContainers,
@@ -366,4 +366,4 @@ REGISTER_TYPED_TEST_SUITE_P(
 
 }  // namespace quenor::conformance
 
-#endif  // QUENOR_TESTS_CONFORMANCE_JSON_READER_CONFORMANCE_H_
+#endif  // QUENOR_TESTS_CONFORMANCE_JSON_CONFORMANCE_H_
