@@ -15,7 +15,7 @@ using Core = FakePacketFiles::Core;
 using Operation = FileCall::Operation;
 
 struct ReliableReportCacheFile::State {
-  enum class Save { kNoneBegun, kUnderWay, kVoid };
+  enum class Save { kNoneBegun, kUnderWay, kComplete, kVoid };
 
   std::string path;
   Core::Reader reader;
@@ -25,7 +25,8 @@ struct ReliableReportCacheFile::State {
 
   // Part of the save was refused: none of it counts.
   void Void(Core* core) {
-    if (save == Save::kUnderWay) core->Replace(path, this, before);
+    if (save != Save::kUnderWay) return;
+    core->Replace(path, this, before);
     save = Save::kVoid;
   }
 };
@@ -90,8 +91,10 @@ bool ReliableReportCacheFile::AppendDataPacket(const DataPacket& packet) {
   Core& core = FakeCacheFiles().core();
   std::lock_guard<std::mutex> hold(core.mutex);
   const bool fails = Core::Fails(&core.append_failure);
-  std::string bytes(reinterpret_cast<const char*>(packet.data), packet.size);
-  const bool taken = !fails && state_ != nullptr && state_->save == State::Save::kUnderWay;
+  const bool is_packet = packet.data != nullptr || packet.size == 0;
+  std::string bytes = Core::Bytes(packet.data, packet.size);
+  const bool taken =
+      !fails && is_packet && state_ != nullptr && state_->save == State::Save::kUnderWay;
   core.calls.push_back({Operation::kAppend, state_ != nullptr ? state_->path : std::string(), 0, 0,
                         bytes, packet.data != nullptr, taken});
   if (state_ == nullptr) return false;
@@ -106,7 +109,9 @@ bool ReliableReportCacheFile::AppendDataPacket(const DataPacket& packet) {
 }
 
 bool ReliableReportCacheFile::IsSaveComplete() const {
-  return state_ != nullptr && state_->save != State::Save::kVoid;
+  if (state_ == nullptr) return false;
+  if (state_->save == State::Save::kUnderWay) state_->save = State::Save::kComplete;
+  return state_->save != State::Save::kVoid;
 }
 
 void ReliableReportCacheFile::Close() {

@@ -107,10 +107,11 @@ bool MultiProcessSafetyMmapFile::AppendDataPacket(const MmapDataPacket& packet) 
   Core& core = FakeMmapFiles().core();
   std::lock_guard<std::mutex> hold(core.mutex);
   const bool fails = Core::Fails(&core.append_failure);
-  std::string bytes(reinterpret_cast<const char*>(packet.data), packet.size);
+  const bool is_packet = packet.data != nullptr || packet.size == 0;
+  std::string bytes = Core::Bytes(packet.data, packet.size);
   const uint64_t taken_bytes = uint64_t{packet.size} + kLengthBytes;
   const bool under_way = state_ != nullptr && state_->save == State::Save::kUnderWay;
-  const bool taken = !fails && under_way && taken_bytes <= state_->missing_bytes;
+  const bool taken = !fails && is_packet && under_way && taken_bytes <= state_->missing_bytes;
   core.calls.push_back({Operation::kAppend, state_ != nullptr ? state_->path : std::string(), 0, 0,
                         bytes, packet.data != nullptr, taken});
   if (state_ != nullptr) state_->reader.lent.reset();

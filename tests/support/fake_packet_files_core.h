@@ -38,6 +38,10 @@ struct FakePacketFiles::Core {
 
   // Counts a call down to its failure.
   static bool Fails(size_t* countdown) { return *countdown > 0 && --*countdown == 0; }
+  // Of a packet; none without data.
+  static std::string Bytes(const uint8_t* data, uint32_t size) {
+    return data == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(data), size);
+  }
   static bool HasParentComponent(const std::string& path);
 
   // The next packet, into `lent`: null behind the last; not null for one of 0 bytes.

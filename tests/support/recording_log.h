@@ -13,7 +13,7 @@ struct LogLine {
   int level;
   std::string file;
   int line;
-  std::string text;  // As formatted, nothing escaped and nothing cut.
+  std::string text;  // As a sink gets it: escaped, nothing cut.
 };
 
 std::ostream& operator<<(std::ostream& out, const LogLine& line);
