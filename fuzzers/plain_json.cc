@@ -13,55 +13,59 @@ class Reader {
   Reader(const std::string& text, int max_depth) : text_(text), max_depth_(max_depth) {}
 
   bool Document(PlainDocument* out) {
-    return Element(0, &out->value, &out->members) && at_ == text_.size();
+    std::string key;  // Of the outermost dictionary's member at hand.
+    for (;;) {
+      PlainValue value;
+      const size_t depth = open_.size();
+      Blanks();
+      if (!Begin(&value)) return false;
+      if (depth == 0) out->value = value;
+      if (depth == 1 && open_[0] == '{') out->members[key] = value;
+      if (!ToTheNext(open_.size() > depth)) return false;
+      if (open_.empty()) return at_ == text_.size();
+      if (open_.back() == '{' && !Key(&key)) return false;
+    }
   }
 
  private:
-  // A value with the white space around it. `members` may be null. Recurses `max_depth_` deep.
-  bool Element(int depth, PlainValue* out, std::map<std::string, PlainValue>* members) {
-    Blanks();
+  // The whole of a scalar, or the bracket that opens a container.
+  bool Begin(PlainValue* out) {
     const int c = Peek();
-    bool good = false;
     if (c == '{' || c == '[') {
       ++at_;
       out->type = c == '{' ? Type::kDictionary : Type::kList;
-      good = depth < max_depth_ && (c == '{' ? Members(depth + 1, members) : Items(depth + 1));
-    } else if (c == '"') {
-      out->type = Type::kString;
-      good = String(&out->string);
-    } else if (c == '-' || (c >= '0' && c <= '9')) {
-      good = Number(out);
-    } else {
-      out->type = c == 'n' ? Type::kNull : Type::kBoolean;
-      good = Word("null") || Word("true") || Word("false");
+      open_ += static_cast<char>(c);
+      return max_depth_ >= 0 && open_.size() <= static_cast<size_t>(max_depth_);
     }
-    Blanks();
-    return good;
+    if (c == '"') {
+      out->type = Type::kString;
+      return String(&out->string);
+    }
+    if (c == '-' || (c >= '0' && c <= '9')) return Number(out);
+    out->type = c == 'n' ? Type::kNull : Type::kBoolean;
+    return Word("null") || Word("true") || Word("false");
   }
 
-  bool Members(int depth, std::map<std::string, PlainValue>* members) {
-    Blanks();
-    if (Take('}')) return true;
-    do {
-      std::string key;
-      PlainValue value;
-      Blanks();
-      if (Peek() != '"' || !String(&key)) return false;
-      Blanks();
-      if (!Take(':') || !Element(depth, &value, nullptr)) return false;
-      if (members != nullptr) (*members)[key] = value;
-    } while (Take(','));
-    return Take('}');
+  // Over every bracket that closes and a comma, to where the next value or key begins, or to the
+  // end. `is_first`: a container has just been opened.
+  bool ToTheNext(bool is_first) {
+    for (Blanks(); !open_.empty(); Blanks()) {
+      if (!is_first && Take(',')) break;
+      if (!Take(open_.back() == '{' ? '}' : ']')) return is_first;
+      open_.pop_back();
+      is_first = false;
+    }
+    return true;
   }
 
-  bool Items(int depth) {
+  // With the colon behind it. Into `out` when it is the outermost dictionary's.
+  bool Key(std::string* out) {
+    std::string key;
     Blanks();
-    if (Take(']')) return true;
-    do {
-      PlainValue value;
-      if (!Element(depth, &value, nullptr)) return false;
-    } while (Take(','));
-    return Take(']');
+    if (Peek() != '"' || !String(&key)) return false;
+    if (open_.size() == 1) *out = key;
+    Blanks();
+    return Take(':');
   }
 
   bool Number(PlainValue* out) {
@@ -191,6 +195,7 @@ class Reader {
 
   const std::string& text_;
   const int max_depth_;
+  std::string open_;  // The bracket of each container around `at_`: no depth of a text is recursed.
   size_t at_ = 0;
 };
 
