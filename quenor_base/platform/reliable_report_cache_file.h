@@ -55,7 +55,7 @@ class ReliableReportCacheFile {
   // Queue thread; may block on the file system. Adds a packet to the save that Clear() began.
   // Borrows packet.data until it returns; null only with size 0. False when the packet was not
   // taken (no save is under way, no room on the disk): the save is then void, and the old content
-  // stays whole.
+  // stays whole; what was taken of the void save may stand beside it.
   bool AppendDataPacket(const DataPacket& packet);
 
   // Queue thread; may block on the file system. Asked when the last packet of a save was appended,

@@ -58,47 +58,27 @@ TYPED_TEST_P(ConfigCenterConformance, GivesTheDefaultOfAKeyThatNoSourceHas) {
   EXPECT_EQ(base::nullopt, this->Get(base::nullopt));
 }
 
-TYPED_TEST_P(ConfigCenterConformance, PrefersTheEnvironmentToTheDefault) {
+TYPED_TEST_P(ConfigCenterConformance, PrefersTheHostToTheEnvironmentAndThatToTheDefault) {
   const EnvironmentVariable variable(this->variable_, "5");
-
   EXPECT_EQ(uint64_t{5}, this->Get(2));
   EXPECT_EQ(uint64_t{5}, this->Get(base::nullopt));
-}
-
-TYPED_TEST_P(ConfigCenterConformance, PrefersTheHostToTheEnvironment) {
-  const EnvironmentVariable variable(this->variable_, "5");
 
   this->center().SetHostOverride(this->key_, 9);
-
   EXPECT_EQ(uint64_t{9}, this->Get(2));
-}
-
-TYPED_TEST_P(ConfigCenterConformance, ReturnsToTheNextSourceWhenTheHostTakesItsValueBack) {
-  const EnvironmentVariable variable(this->variable_, "5");
-  this->center().SetHostOverride(this->key_, 9);
-
-  this->center().SetHostOverride(this->key_, base::nullopt);
-
-  EXPECT_EQ(uint64_t{5}, this->Get(2));
-}
-
-TYPED_TEST_P(ConfigCenterConformance, KeepsOnlyTheHostsLastValue) {
-  this->center().SetHostOverride(this->key_, 1);
   this->center().SetHostOverride(this->key_, 0);
-
-  EXPECT_EQ(uint64_t{0}, this->Get(2));
+  EXPECT_EQ(uint64_t{0}, this->Get(2)) << "the host's last";
+  this->center().SetHostOverride(this->key_, base::nullopt);
+  EXPECT_EQ(uint64_t{5}, this->Get(2)) << "taken back";
 }
 
-TYPED_TEST_P(ConfigCenterConformance, LetsTheHostChooseTheCacheOption) {
-  this->center().SetHostOverride(config::BaseCfg().cache_option, 1);
+TYPED_TEST_P(ConfigCenterConformance, LetsHostAndEnvironmentChooseTheCacheOption) {
+  const std::string& key = config::BaseCfg().cache_option;
+  const EnvironmentVariable variable("QUENOR_REPORT_CACHE_OPTION", "0");
+  EXPECT_EQ(uint64_t{0}, this->center().GetValueWithPriority(key, 2));
 
-  EXPECT_EQ(uint64_t{1}, this->center().GetValueWithPriority(config::BaseCfg().cache_option, 2));
-}
+  this->center().SetHostOverride(key, 1);
 
-TYPED_TEST_P(ConfigCenterConformance, LetsTheEnvironmentChooseTheCacheOption) {
-  const EnvironmentVariable variable("QUENOR_REPORT_CACHE_OPTION", "1");
-
-  EXPECT_EQ(uint64_t{1}, this->center().GetValueWithPriority(config::BaseCfg().cache_option, 2));
+  EXPECT_EQ(uint64_t{1}, this->center().GetValueWithPriority(key, 2));
 }
 
 TYPED_TEST_P(ConfigCenterConformance, GivesNumbersOf64BitsWhole) {
@@ -200,11 +180,9 @@ TYPED_TEST_P(ConfigCenterConformance, ServesManyThreadsAtOnce) {
 }
 
 REGISTER_TYPED_TEST_SUITE_P(ConfigCenterConformance, HasOneInstanceAndOneKeyTable,
-                            GivesTheDefaultOfAKeyThatNoSourceHas, PrefersTheEnvironmentToTheDefault,
-                            PrefersTheHostToTheEnvironment,
-                            ReturnsToTheNextSourceWhenTheHostTakesItsValueBack,
-                            KeepsOnlyTheHostsLastValue, LetsTheHostChooseTheCacheOption,
-                            LetsTheEnvironmentChooseTheCacheOption, GivesNumbersOf64BitsWhole,
+                            GivesTheDefaultOfAKeyThatNoSourceHas,
+                            PrefersTheHostToTheEnvironmentAndThatToTheDefault,
+                            LetsHostAndEnvironmentChooseTheCacheOption, GivesNumbersOf64BitsWhole,
                             SkipsAnEnvironmentTextThatIsNoDecimalNumber,
                             LogsASkippedTextOncePerKeyWithVariableAndValue,
                             LogsNothingAboutNumbersAndKeysUnset, TellsKeysApart,

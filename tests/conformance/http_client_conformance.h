@@ -2,7 +2,7 @@
 // To run it on your own, write an HttpClientPeer that lets your client reach something scripted and
 //   INSTANTIATE_TEST_SUITE_P(Mine, HttpClientConformance, ::testing::Values(&MakeMyPeer));
 // in a program that links quenor_http_client_conformance, your client and GoogleTest.
-// Threads: the tests run on the main thread; a peer is used by it alone unless it says otherwise.
+// Threads: the tests run on the main thread.
 // See docs/design/http-client.md.
 #ifndef QUENOR_TESTS_CONFORMANCE_HTTP_CLIENT_CONFORMANCE_H_
 #define QUENOR_TESTS_CONFORMANCE_HTTP_CLIENT_CONFORMANCE_H_
@@ -44,24 +44,36 @@ struct PeerRequest {
 };
 
 // The surroundings of the implementation under test; one per test.
+// Threads: any.
 class HttpClientPeer {
  public:
   virtual ~HttpClientPeer() = default;
 
-  // Any thread. A client that can reach the peer. By default what is linked.
+  // A client that can reach the peer. By default what is linked.
   virtual std::unique_ptr<HttpClient> CreateClient() {
     return HttpClientFactory::Create(HttpClient::Config());
   }
-  // Any thread. Where the peer is, without a path: "http://127.0.0.1:8080".
+  // Where the peer is, without a path: "http://127.0.0.1:8080".
   virtual std::string Origin() const = 0;
-  // What is done from now on with each request to `path`. A path never named is answered 200
-  // without a body.
-  virtual void Script(const std::string& path, const PeerAnswer& answer) = 0;
-  // Waits until `count` requests have reached the peer, and answers all that have.
-  virtual std::vector<PeerRequest> WaitForRequests(size_t count) = 0;
   // Runs what the client's own thread has to do, where the test's thread plays that thread; a
   // client with a thread of its own needs nothing. False when nothing will come any more.
   virtual bool Pump() { return true; }
+
+  // What is done from now on with each request to `path`. A path never named is answered 200
+  // without a body.
+  void Script(const std::string& path, const PeerAnswer& answer);
+  // The requests that have reached the peer.
+  std::vector<PeerRequest> Requests() const;
+
+ protected:
+  // To be called with each request that reaches the peer, before it is answered: what is to be done
+  // with it. Its headers may have names in any case.
+  PeerAnswer Arrived(PeerRequest request);
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<std::string, PeerAnswer> script_;  // Guarded by `mutex_`, as is the next.
+  std::vector<PeerRequest> seen_;
 };
 
 using MakePeer = std::unique_ptr<HttpClientPeer> (*)();

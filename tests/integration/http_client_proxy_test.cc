@@ -219,27 +219,5 @@ TEST_F(HttpClientProxyTest, ProxyThatCannotBeMeantMakesNoClient) {
 
 // ---- The process-wide settings ------------------------------------------------------------------
 
-TEST(Socks5ProxyConfigHolderTest, IsDisabledUntilSetAndGivesBackWhatWasSet) {
-  Socks5ProxyConfigHolder* holder = GetSocks5ProxyConfigHolder();
-  EXPECT_FALSE(holder->GetConfig().enabled);
-
-  Socks5ProxyConfigHolder::Socks5ProxyConfig config;
-  config.host = "proxy.example";
-  config.port = 1080;
-  config.user = "u";
-  config.password = "p";
-  config.enabled = true;
-  holder->SetConfig(config);
-
-  const Socks5ProxyConfigHolder::Socks5ProxyConfig read = holder->GetConfig();
-  EXPECT_EQ(read.host, "proxy.example");
-  EXPECT_EQ(read.port, 1080);
-  EXPECT_EQ(read.user, "u");
-  EXPECT_EQ(read.password, "p");
-  EXPECT_TRUE(read.enabled);
-  EXPECT_EQ(holder, GetSocks5ProxyConfigHolder());
-  holder->SetConfig(Socks5ProxyConfigHolder::Socks5ProxyConfig());
-}
-
 }  // namespace
 }  // namespace quenor::test

@@ -23,24 +23,6 @@ class FakePeer : public HttpClientPeer {
 
   std::string Origin() const override { return kOrigin; }
 
-  void Script(const std::string& path, const PeerAnswer& answer) override {
-    script_[path] = answer;
-  }
-
-  std::vector<PeerRequest> WaitForRequests(size_t) override {
-    std::vector<PeerRequest> seen;
-    for (const test::FakeHttp::Sent& sent : http_.Requests()) {
-      PeerRequest request{sent.request.method, PathOf(sent), {}, sent.body};
-      for (const auto& [name, value] : sent.request.headers) {
-        std::string lower = name;
-        for (char& c : lower) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
-        request.headers[lower] = value;
-      }
-      seen.push_back(request);
-    }
-    return seen;
-  }
-
   bool Pump() override {
     bool worked = false;
     for (size_t index : http_.Outstanding()) worked = Answer(index) || worked;
@@ -60,13 +42,15 @@ class FakePeer : public HttpClientPeer {
  private:
   static constexpr char kOrigin[] = "https://fake";
 
-  static std::string PathOf(const test::FakeHttp::Sent& sent) {
-    return sent.request.url.substr(sizeof(kOrigin) - 1);
-  }
-
   bool Answer(size_t index) {
-    const auto scripted = script_.find(PathOf(http_.Requests()[index]));
-    const PeerAnswer answer = scripted == script_.end() ? PeerAnswer() : scripted->second;
+    auto found = answers_.find(index);
+    if (found == answers_.end()) {
+      const test::FakeHttp::Sent sent = http_.Requests()[index];
+      const std::string path = sent.request.url.substr(sizeof(kOrigin) - 1);
+      const PeerRequest request = {sent.request.method, path, sent.request.headers, sent.body};
+      found = answers_.emplace(index, Arrived(request)).first;
+    }
+    const PeerAnswer& answer = found->second;
     if (answer.kind == PeerAnswer::Kind::kNever) return false;
     if (answer.kind == PeerAnswer::Kind::kClose) return http_.Fail(index);
     return http_.Answer(index, answer.status, answer.body, answer.headers);
@@ -77,7 +61,7 @@ class FakePeer : public HttpClientPeer {
     tasks_.push_back(std::move(task));
   }
 
-  std::map<std::string, PeerAnswer> script_;
+  std::map<size_t, PeerAnswer> answers_;  // By the index of the request.
   std::mutex mutex_;
   std::deque<base::OnceClosure> tasks_;  // Guarded by `mutex_`.
   test::FakeHttp http_;

@@ -24,9 +24,6 @@ namespace {
 using base::TimeDelta;
 using core::ThreadManager;
 
-INSTANTIATE_TEST_SUITE_P(Default, DispatchQueueConformance, ::testing::Values(&MakeThreadedHost));
-INSTANTIATE_TEST_SUITE_P(Default, TimerConformance, ::testing::Values(&MakeThreadedHost));
-
 const base::Location kHere = base::Location::CreateFromHere("dispatch_queue_test", 1);
 
 std::shared_ptr<DispatchQueue> NewQueueWithStack(size_t stack_size) {

@@ -2,33 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/conformance/config_center_conformance.h"
-
-namespace quenor::conformance {
-
-INSTANTIATE_TYPED_TEST_SUITE_P(Default, ConfigCenterConformance, config::ConfigCenterImpl);
-
-}  // namespace quenor::conformance
+#include "tests/conformance/captured_log.h"
+#include "tests/conformance/environment_variable.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace config {
 namespace {
-
-TEST(ConfigCenterTest, LeavesTheCacheOptionToItsReaderWhenNoSourceHasIt) {
-  const conformance::EnvironmentVariable unset("QUENOR_REPORT_CACHE_OPTION", nullptr);
-  ConfigCenterImpl* const center = ConfigCenterImpl::GetInstance();
-
-  EXPECT_EQ(uint64_t{2}, center->GetValueWithPriority(BaseCfg().cache_option, 2));
-  EXPECT_EQ(base::nullopt, center->GetValueWithPriority(BaseCfg().cache_option, base::nullopt));
-}
-
-TEST(ConfigCenterTest, FallsBackToTheDefaultBehindATextThatIsNoNumber) {
-  const conformance::CapturedLog log;
-  const conformance::EnvironmentVariable variable("QUENOR_REPORT_CACHE_OPTION", "mmap");
-
-  EXPECT_EQ(uint64_t{2},
-            ConfigCenterImpl::GetInstance()->GetValueWithPriority(BaseCfg().cache_option, 2));
-}
 
 TEST(ConfigCenterTest, SaysWhatToDoAboutATextThatIsNoNumber) {
   static int runs = 0;  // Once per key is logged, so each run takes another one.
@@ -50,10 +29,6 @@ TEST(ConfigCenterTest, MapsOnlyDotsAndLowerCaseLettersToTheVariablesName) {
 
   EXPECT_EQ(uint64_t{5},
             ConfigCenterImpl::GetInstance()->GetValueWithPriority("quenor.Unit-kEy_2", 2));
-}
-
-TEST(ConfigCenterTest, NamesItsImplementation) {
-  EXPECT_STREQ("std", ConfigCenterImpl::ImplementationName());
 }
 
 }  // namespace

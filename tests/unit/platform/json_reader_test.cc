@@ -2,20 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <iterator>
 #include <string>
 
-#include "tests/conformance/json_conformance.h"
-
-namespace quenor::conformance {
-
-INSTANTIATE_TYPED_TEST_SUITE_P(Default, JsonConformance, base::JSONReader);
-
-// A table that shrank by accident would pass.
-static_assert(std::size(kJsonToAccept) >= 95);
-static_assert(std::size(kJsonToRefuse) >= 188);
-
-}  // namespace quenor::conformance
+#include "tests/conformance/captured_log.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace base {
@@ -40,23 +29,6 @@ TEST(JsonReaderTest, ReadsATextOfManyHugeNumbers) {
 
   ASSERT_TRUE(value.has_value());
   EXPECT_EQ(7, value->FindIntKey("k"));
-}
-
-TEST(JsonReaderTest, ReadsAReplyOfTheCollectionServer) {
-  const Optional<Value> value = JSONReader::Read(
-      R"({"bytes_errinfo":"success","uint32_send_interval":3000,"uint32_max_resend_count":-3,)"
-      R"("uint32_report_duration":4294967296})",
-      0, 200);
-
-  ASSERT_TRUE(value.has_value());
-  EXPECT_EQ("success", *value->FindStringKey("bytes_errinfo"));
-  EXPECT_EQ(3000, value->FindIntKey("uint32_send_interval"));
-  EXPECT_EQ(-3, value->FindIntKey("uint32_max_resend_count"));
-  EXPECT_EQ(nullopt, value->FindIntKey("uint32_report_duration"));
-}
-
-TEST(JsonReaderTest, NamesItsImplementation) {
-  EXPECT_EQ(0u, std::string(JSONReader::ImplementationName()).find("RapidJSON "));
 }
 
 }  // namespace

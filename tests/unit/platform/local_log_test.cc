@@ -14,15 +14,8 @@
 #include <thread>
 #include <vector>
 
-#include "tests/conformance/log_conformance.h"
 #include "tests/support/patience.h"
 #include "tests/unit/platform/system_calls.h"
-
-namespace quenor::conformance {
-
-INSTANTIATE_TYPED_TEST_SUITE_P(Default, LogConformance, LinkedLog);
-
-}  // namespace quenor::conformance
 
 QUENOR_NAMESPACE_BEGIN
 namespace {
@@ -395,8 +388,6 @@ TEST(LogMemoryDeathTest, NeedsNoneForALineOf1023Bytes) {
   EXPECT_EXIT(LogWithoutMemory(1023, 'x', "xxxxxxxx", "xxxxxxxx"), testing::ExitedWithCode(0), "");
 }
 #endif
-
-TEST(LocalLogTest, NamesItsImplementation) { EXPECT_STREQ("stderr", LocalLogImplementationName()); }
 
 }  // namespace
 QUENOR_NAMESPACE_END

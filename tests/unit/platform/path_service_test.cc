@@ -5,17 +5,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <filesystem>
 #include <string>
+#include <system_error>
 
 #include "tests/conformance/environment_variable.h"
-#include "tests/conformance/path_service_conformance.h"
 #include "tests/unit/platform/system_calls.h"
-
-namespace quenor::conformance {
-
-INSTANTIATE_TYPED_TEST_SUITE_P(Default, PathServiceConformance, base::PathService);
-
-}  // namespace quenor::conformance
 
 QUENOR_NAMESPACE_BEGIN
 namespace base {
@@ -73,10 +69,6 @@ TEST(PathServiceTest, MakesUpToAMebibyteOfRoomForTheUsersEntry) {
         << bytes;
   }
   system_calls::Reset();
-}
-
-TEST(PathServiceTest, NamesItsImplementation) {
-  EXPECT_STREQ("posix", PathService::ImplementationName());
 }
 
 // The system calls of the path service, one of which fails.

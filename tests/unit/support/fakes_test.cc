@@ -1,4 +1,4 @@
-// The other fakes keep the promises of what they stand for.
+// What the fakes do beyond the contracts that they keep (tests/conformance/runs/fake_test.cc).
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -8,6 +8,7 @@
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/multi_process_safety_mmap_file.h"
 #include "quenor_base/platform/reliable_report_cache_file.h"
+#include "quenor_base/platform/throtter.h"
 #include "tests/support/fake_cache_file.h"
 #include "tests/support/fake_http_client.h"
 #include "tests/support/fake_mmap_file.h"
@@ -143,57 +144,6 @@ class FakeMmapFileTest : public ::testing::Test {
   static constexpr char kPath[] = "/folder/a.mmap";
 };
 
-TEST_F(FakeMmapFileTest, SaveCountsOnceExactlyTheAnnouncedSizeHasCome) {
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(Open(&file));
-  EXPECT_TRUE(file.IsSaveComplete());
-  EXPECT_TRUE(file.Clear(14));
-
-  EXPECT_TRUE(Append(&file, "one"));
-  EXPECT_FALSE(file.IsSaveComplete());
-  EXPECT_EQ(Content(), Packets{"old"});
-  EXPECT_TRUE(Append(&file, "two"));
-
-  EXPECT_TRUE(file.IsSaveComplete());
-  EXPECT_EQ(Content(), (Packets{"one", "two"}));
-  EXPECT_FALSE(Append(&file, ""));
-  EXPECT_TRUE(file.IsSaveComplete());
-}
-
-TEST_F(FakeMmapFileTest, TwoHalfSavesNeverMakeAWholeOne) {
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(Open(&file));
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_TRUE(file.Clear(14));
-    EXPECT_TRUE(Append(&file, "one"));
-  }
-
-  EXPECT_FALSE(file.IsSaveComplete());
-  EXPECT_EQ(Content(), Packets{"old"});
-}
-
-TEST_F(FakeMmapFileTest, PacketBeyondTheAnnouncedSizeVoidsTheSave) {
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(Open(&file));
-  EXPECT_TRUE(file.Clear(7));
-
-  EXPECT_FALSE(Append(&file, "four"));
-  EXPECT_FALSE(Append(&file, "one"));
-
-  EXPECT_FALSE(file.IsSaveComplete());
-  EXPECT_EQ(Content(), Packets{"old"});
-}
-
-TEST_F(FakeMmapFileTest, SizeZeroEmptiesTheFileAtOnce) {
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(Open(&file));
-
-  EXPECT_TRUE(file.Clear(0));
-
-  EXPECT_TRUE(file.IsSaveComplete());
-  EXPECT_EQ(Content(), Packets{});
-}
-
 TEST_F(FakeMmapFileTest, RefusedClearAndRefusedPacketKeepTheOldContent) {
   MultiProcessSafetyMmapFile file;
   ASSERT_TRUE(Open(&file));
@@ -208,45 +158,6 @@ TEST_F(FakeMmapFileTest, RefusedClearAndRefusedPacketKeepTheOldContent) {
 
   EXPECT_FALSE(file.IsSaveComplete());
   EXPECT_EQ(Content(), Packets{"old"});
-}
-
-TEST_F(FakeMmapFileTest, OwnerTakesWhatTheDeadLeftAndItsFirstSaveReplacesThat) {
-  MultiProcessSafetyMmapFile first;
-  MultiProcessSafetyMmapFile second;
-  ASSERT_TRUE(Open(&first));
-  ASSERT_TRUE(Open(&second));
-  EXPECT_EQ(ReadAll(&first), Packets{"old"});
-  EXPECT_EQ(ReadAll(&second), Packets{}) << "the first owner has taken it";
-  EXPECT_TRUE(second.Clear(7) && Append(&second, "its"));
-  EXPECT_EQ(Content(), (Packets{"old", "its"}));
-
-  EXPECT_TRUE(first.Clear(0));
-
-  EXPECT_EQ(Content(), Packets{"its"});
-}
-
-TEST_F(FakeMmapFileTest, ContentThatWasTakenAndNotReplacedIsLeftForTheNext) {
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(Open(&file));
-  EXPECT_TRUE(file.Clear(100));
-  file.Close();
-  EXPECT_FALSE(file.IsSaveComplete());
-
-  ASSERT_TRUE(Open(&file));
-
-  EXPECT_EQ(ReadAll(&file), Packets{"old"});
-}
-
-TEST_F(FakeMmapFileTest, OpenRefusesAnotherAccessAPathThroughAParentAndTooManyOwners) {
-  MultiProcessSafetyMmapFile file;
-  EXPECT_FALSE(file.Open(base::FilePath(kPath), base::MemoryMappedFile::READ_WRITE, 0));
-  EXPECT_FALSE(
-      file.Open(base::FilePath("/folder/../a.mmap"), base::MemoryMappedFile::READ_WRITE_EXTEND, 0));
-  std::vector<MultiProcessSafetyMmapFile> owners(MultiProcessSafetyMmapFile::kMaxOwners);
-  for (MultiProcessSafetyMmapFile& owner : owners) ASSERT_TRUE(Open(&owner));
-
-  EXPECT_FALSE(Open(&file));
-  EXPECT_EQ(RecordingLog::Texts(2).size(), 3u);
 }
 
 TEST_F(FakeMmapFileTest, UnreadablePacketIsAnEndMarkAndRefusesEverySave) {
@@ -266,34 +177,13 @@ class FakeCacheFileTest : public ::testing::Test {
   FakeCacheFileTest() {
     RecordingLog::Clear();
     FakeCacheFiles().Clear();
-    FakeCacheFiles().Put(kPath, {"old", "", "behind"});
+    FakeCacheFiles().Put(kPath, {"old"});
   }
   static bool Open(ReliableReportCacheFile* file) { return file->Open(base::FilePath(kPath)); }
   static Packets Content() { return FakeCacheFiles().Content(kPath); }
 
   static constexpr char kPath[] = "/folder/a.cache";
 };
-
-TEST_F(FakeCacheFileTest, EmptyPacketReadsLikeAnEndAndTheCallBehindItGoesOn) {
-  ReliableReportCacheFile file;
-  ASSERT_TRUE(Open(&file));
-
-  EXPECT_EQ(ReadAll(&file), Packets{"old"});
-  EXPECT_EQ(ReadAll(&file), Packets{"behind"});
-  EXPECT_EQ(ReadAll(&file), Packets{});
-}
-
-TEST_F(FakeCacheFileTest, SaveIsWhatWasAppendedSinceTheClear) {
-  ReliableReportCacheFile file;
-  ASSERT_TRUE(Open(&file));
-
-  EXPECT_TRUE(file.Clear());
-  EXPECT_TRUE(Append(&file, "one") && Append(&file, ""));
-  EXPECT_TRUE(file.IsSaveComplete());
-  file.Close();
-
-  EXPECT_EQ(Content(), (Packets{"one", ""}));
-}
 
 TEST_F(FakeCacheFileTest, RefusedPacketVoidsItsSaveAndTheOneBeforeStays) {
   ReliableReportCacheFile file;
@@ -322,16 +212,17 @@ TEST_F(FakeCacheFileTest, RefusedClearKeepsTheSaveBefore) {
   EXPECT_EQ(Content(), Packets{"whole"});
 }
 
-TEST_F(FakeCacheFileTest, SecondOwnerIsRefusedUntilTheFirstHasClosed) {
-  ReliableReportCacheFile first;
-  ReliableReportCacheFile second;
-  ASSERT_TRUE(Open(&first));
+TEST(FakeThrotterTest, OpensExactlyAfterAPeriodOfVirtualTime) {
+  VirtualTime time;
+  Throtter throtter(60000);
+  ASSERT_TRUE(throtter.ShouldGo());
 
-  EXPECT_FALSE(Open(&second));
-  first.Close();
+  time.AdvanceBy(base::TimeDelta::FromMicroseconds(59999999));
+  EXPECT_FALSE(throtter.ShouldGo());
 
-  EXPECT_TRUE(Open(&second));
-  EXPECT_EQ(RecordingLog::Texts(2).size(), 1u);
+  time.AdvanceBy(base::TimeDelta::FromMicroseconds(1));
+  EXPECT_TRUE(throtter.ShouldGo());
+  EXPECT_FALSE(throtter.ShouldGo());
 }
 
 TEST(RecordingLogTest, KeepsLevelFileLineAndTheWholeText) {

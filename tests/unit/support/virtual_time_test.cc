@@ -5,7 +5,6 @@
 
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "quenor_base/platform/base/thread_create_flag.h"
@@ -52,17 +51,6 @@ TEST_F(VirtualTimeTest, RunsPostedTasksInOrderAcrossQueues) {
   EXPECT_EQ(order_, (std::vector<int>{1, 2, 3}));
 }
 
-TEST_F(VirtualTimeTest, RunsEqualDeadlinesFirstInFirstOut) {
-  const auto queue = NewQueue();
-  queue->PostDelayedTask(kHere, Note(3), TimeDelta::FromMilliseconds(20));
-  queue->PostDelayedTask(kHere, Note(1), TimeDelta::FromMilliseconds(10));
-  queue->PostDelayedTask(kHere, Note(2), TimeDelta::FromMilliseconds(10));
-
-  time_.AdvanceBy(TimeDelta::FromMilliseconds(20));
-
-  EXPECT_EQ(order_, (std::vector<int>{1, 2, 3}));
-}
-
 TEST_F(VirtualTimeTest, ClockStandsAtTheDueTimeWhileATaskRuns) {
   const auto queue = NewQueue();
   int64_t seen_us = -1;
@@ -84,23 +72,6 @@ TEST_F(VirtualTimeTest, ClockHasJumpedBeforeTasksOfALateWakeUpRun) {
   time_.WakeLateBy(TimeDelta::FromMilliseconds(50));
 
   EXPECT_EQ(seen_us, 50000);
-}
-
-TEST_F(VirtualTimeTest, TaskRunsAsItsQueuesThread) {
-  const auto queue = NewQueue();
-  bool flag = false;
-  std::shared_ptr<DispatchQueue> current;
-  queue->PostTask(kHere, [&] {
-    flag = base::ThreadCreateFlag::IsThreadCreateByQuenor();
-    current = DispatchQueue::Current();
-  });
-
-  time_.RunUntilIdle();
-
-  EXPECT_TRUE(flag);
-  EXPECT_EQ(current, queue);
-  EXPECT_FALSE(base::ThreadCreateFlag::IsThreadCreateByQuenor());
-  EXPECT_EQ(DispatchQueue::Current(), nullptr);
 }
 
 TEST_F(VirtualTimeTest, NetworkTaskRunsOnNoQueue) {
@@ -171,20 +142,6 @@ TEST_F(VirtualTimeTest, CreationIsRecordedAndFailsWhenTold) {
   EXPECT_EQ(creations[1].business_id, 709);
   EXPECT_TRUE(creations[1].has_options);
   EXPECT_TRUE(creations[1].succeeded);
-}
-
-TEST_F(VirtualTimeTest, TakesPostsFromOtherThreads) {
-  const auto queue = NewQueue();
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&] {
-      for (int n = 0; n < 100; ++n) queue->PostTask(kHere, Note(n));
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-
-  EXPECT_EQ(time_.RunUntilIdle(), 400u);
-  EXPECT_EQ(order_.size(), 400u);
 }
 
 }  // namespace

@@ -9,21 +9,6 @@ namespace {
 
 class MmapFileContentsTest : public MmapFileTest {};
 
-TEST_F(MmapFileContentsTest, ComesBackInTheOrderWritten) {
-  Leave({"third", "first", "second"});
-
-  EXPECT_EQ((Packets{"third", "first", "second"}), LoadMapped(path_));
-}
-
-TEST_F(MmapFileContentsTest, IsThereForEveryOpenUntilASaveReplacesIt) {
-  Leave({"a", "b"});
-
-  for (int i = 0; i < 3; ++i) EXPECT_EQ((Packets{"a", "b"}), LoadMapped(path_));
-  Leave({"c"});
-
-  EXPECT_EQ((Packets{"c"}), LoadMapped(path_));
-}
-
 TEST_F(MmapFileContentsTest, IsThereWhenTheProcessIsKilledAfterTheSave) {
   MultiProcessSafetyMmapFile file;
   ASSERT_TRUE(OpenFile(file, path_));
@@ -46,27 +31,6 @@ TEST_F(MmapFileContentsTest, OfAnotherOwnerStaysUntilTheFirstSave) {
   file.Close();
 
   EXPECT_EQ((Packets{"a", "b"}), LoadMapped(path_));
-}
-
-TEST_F(MmapFileContentsTest, EndsAgainAndAgain) {
-  Leave({"a"});
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(OpenFile(file, path_));
-
-  ASSERT_EQ(1u, file.GetNextDataPacket().size);
-
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(0u, file.GetNextDataPacket().size);
-}
-
-TEST_F(MmapFileContentsTest, OfAnEmptyPacketReadsLikeAnEndAndGoesOn) {
-  Leave({"a", "", "", "b"});
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(OpenFile(file, path_));
-
-  std::vector<uint32_t> sizes;
-  for (int i = 0; i < 6; ++i) sizes.push_back(file.GetNextDataPacket().size);
-
-  EXPECT_EQ((std::vector<uint32_t>{1, 0, 0, 1, 0, 0}), sizes);
 }
 
 TEST_F(MmapFileContentsTest, OfEmptyPacketsAloneIsNoContent) {
@@ -148,44 +112,6 @@ TEST_F(MmapFileContentsTest, OfFiveThousandPacketsComesBackAndIsReplaced) {
   Leave({"one"});
 
   EXPECT_EQ(Packets{"one"}, LoadMapped(path_));
-}
-
-TEST_F(MmapFileContentsTest, WithEqualPacketsKeepsEachOfThem) {
-  const Packets packets = {"a", "a", "b", "a", "b", "b", "a"};
-
-  Leave(packets);
-  ASSERT_EQ(packets, LoadMapped(path_));
-  Leave({"a", "a"});
-
-  EXPECT_EQ((Packets{"a", "a"}), LoadMapped(path_));
-}
-
-TEST_F(MmapFileContentsTest, InAnotherOrderComesBackInThatOrder) {
-  Packets packets = NamedPackets("p", 30, 200);
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(OpenFile(file, path_));
-  ASSERT_TRUE(Save(file, packets));
-
-  std::reverse(packets.begin(), packets.end());
-  ASSERT_TRUE(Save(file, packets));
-  CopyAsIfKilled(path_, folder_.File("reversed"));
-  std::rotate(packets.begin(), packets.begin() + 7, packets.end());
-  ASSERT_TRUE(Save(file, packets));
-  file.Close();
-
-  EXPECT_EQ(packets, LoadMapped(path_));
-  EXPECT_NE(packets, LoadMapped(folder_.File("reversed")));
-}
-
-TEST_F(MmapFileContentsTest, SavedAgainUnchangedComesBack) {
-  const Packets packets = NamedPackets("same", 50, 333);
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(OpenFile(file, path_));
-
-  for (int i = 0; i < 20; ++i) ASSERT_TRUE(Save(file, packets));
-  file.Close();
-
-  EXPECT_EQ(packets, LoadMapped(path_));
 }
 
 TEST_F(MmapFileContentsTest, OfEqualLengthsAndOtherBytesIsTheNewOne) {

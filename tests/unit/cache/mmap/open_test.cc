@@ -48,16 +48,6 @@ TEST_F(MmapFileOpenTest, CreatesAFileOfMode0600UnderAnyUmask) {
   }
 }
 
-TEST_F(MmapFileOpenTest, OfAMissingFileFindsNothing) {
-  MultiProcessSafetyMmapFile file;
-
-  ASSERT_TRUE(OpenFile(file, path_));
-
-  EXPECT_EQ(0u, file.GetNextDataPacket().size);
-  EXPECT_TRUE(Exists(path_));
-  EXPECT_EQ(0, LinesWith(2, ""));
-}
-
 TEST_F(MmapFileOpenTest, OfAnEmptyFileFindsNothingAndSavesInIt) {
   ASSERT_TRUE(WriteWholeFile(path_, ""));
   MultiProcessSafetyMmapFile file;
@@ -94,92 +84,6 @@ TEST_F(MmapFileOpenTest, MakesTheRoomThatItsSizeWishes) {
   EXPECT_GE(BytesOnDisk(path_), 1u << 20);
   file.Close();
   EXPECT_EQ(Packets{"small"}, LoadMapped(path_));
-}
-
-TEST_F(MmapFileOpenTest, TwiceClosesFirst) {
-  const std::string other = folder_.File("other.mmap");
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(OpenFile(file, path_));
-  ASSERT_TRUE(Save(file, {"a"}));
-
-  ASSERT_TRUE(OpenFile(file, other));
-  ASSERT_TRUE(Save(file, {"b"}));
-  EXPECT_EQ(Packets{"a"}, LoadMapped(path_)) << "nobody is a live owner there";
-  ASSERT_TRUE(OpenFile(file, path_));
-
-  EXPECT_EQ(Packets{"a"}, ReadAll(file));
-  EXPECT_EQ(Packets{"b"}, LoadMapped(other));
-}
-
-TEST_F(MmapFileOpenTest, OfTheSameFileTwiceStartsReadingAgain) {
-  Leave({"a", "b"});
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(OpenFile(file, path_));
-  ASSERT_EQ(1u, file.GetNextDataPacket().size);
-
-  ASSERT_TRUE(OpenFile(file, path_));
-
-  EXPECT_EQ((Packets{"a", "b"}), ReadAll(file));
-}
-
-TEST_F(MmapFileOpenTest, ThatIsRefusedClosesWhatWasOpen) {
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(OpenFile(file, path_));
-  ASSERT_TRUE(Save(file, {"a"}));
-
-  ASSERT_FALSE(OpenFile(file, folder_.path()));
-
-  EXPECT_FALSE(file.Clear(0));
-  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
-}
-
-TEST_F(MmapFileOpenTest, DropsASaveUnderWay) {
-  Leave({"old"});
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(OpenFile(file, path_));
-  ASSERT_TRUE(file.Clear(10));
-
-  ASSERT_TRUE(OpenFile(file, path_));
-
-  EXPECT_TRUE(file.IsSaveComplete());
-  EXPECT_FALSE(Append(file, "x"));
-  EXPECT_EQ(Packets{"old"}, ReadAll(file));
-}
-
-TEST_F(MmapFileOpenTest, CloseTwiceIsCloseOnce) {
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(OpenFile(file, path_));
-  ASSERT_TRUE(Save(file, {"a"}));
-
-  file.Close();
-  file.Close();
-
-  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
-}
-
-TEST_F(MmapFileOpenTest, NothingWorksBeforeOpen) {
-  MultiProcessSafetyMmapFile file;
-
-  EXPECT_EQ(0u, file.GetNextDataPacket().size);
-  EXPECT_EQ(nullptr, file.GetNextDataPacket().data);
-  EXPECT_FALSE(file.Clear(0));
-  EXPECT_FALSE(file.Clear(100));
-  EXPECT_FALSE(Append(file, "x"));
-  file.Close();
-}
-
-TEST_F(MmapFileOpenTest, NothingWorksAfterClose) {
-  Leave({"a"});
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(OpenFile(file, path_));
-  ASSERT_TRUE(file.Clear(AnnouncedSize({"b"})));
-
-  file.Close();
-
-  EXPECT_EQ(0u, file.GetNextDataPacket().size);
-  EXPECT_FALSE(Append(file, "b"));
-  EXPECT_FALSE(file.Clear(0));
-  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
 }
 
 TEST_F(MmapFileOpenTest, RefusesASymbolicLinkAsLastComponent) {
@@ -375,14 +279,6 @@ TEST_F(MmapFileOpenTest, LeavesNoDescriptorBehind) {
   }
 
   EXPECT_EQ(before, lowest_free());
-}
-
-TEST_F(MmapFileOpenTest, NamesItsImplementation) {
-  const char* const name = MultiProcessSafetyMmapFile::ImplementationName();
-
-  ASSERT_NE(nullptr, name);
-  EXPECT_STRNE("", name);
-  EXPECT_EQ(name, MultiProcessSafetyMmapFile::ImplementationName());
 }
 
 }  // namespace

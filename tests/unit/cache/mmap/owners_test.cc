@@ -21,105 +21,6 @@ class MmapFileOwnersTest : public MmapFileTest {
   }
 };
 
-TEST_F(MmapFileOwnersTest, AliveKeepTheirContentsApart) {
-  const Owner first = Join();
-  ASSERT_TRUE(Save(*first, {"of the first"}));
-
-  const Owner second = Join();
-  EXPECT_EQ(Packets{}, ReadAll(*second));
-  ASSERT_TRUE(Save(*second, {"of the second"}));
-  ASSERT_TRUE(Save(*first, {"of the first", "again"}));
-
-  EXPECT_EQ(Packets{}, LoadMapped(path_));
-}
-
-TEST_F(MmapFileOwnersTest, DeadLeaveTheirContentsOldestFirst) {
-  Owner first = Join(), second = Join(), third = Join();
-  ASSERT_TRUE(Save(*third, {"3"}));
-  ASSERT_TRUE(Save(*first, {"1", "1b"}));
-  ASSERT_TRUE(Save(*second, {"2"}));
-  first.reset();
-  second.reset();
-  third.reset();
-
-  EXPECT_EQ((Packets{"3", "1", "1b", "2"}), LoadMapped(path_));
-}
-
-TEST_F(MmapFileOwnersTest, DeadAreReplacedByTheFirstSaveOfWhoTookThem) {
-  Owner first = Join(), second = Join();
-  ASSERT_TRUE(Save(*first, {"1"}));
-  ASSERT_TRUE(Save(*second, {"2"}));
-  first.reset();
-  second.reset();
-  Owner heir = Join();
-  ASSERT_EQ((Packets{"1", "2"}), ReadAll(*heir));
-
-  ASSERT_TRUE(Save(*heir, {"2", "new"}));
-  heir.reset();
-
-  EXPECT_EQ((Packets{"2", "new"}), LoadMapped(path_));
-}
-
-TEST_F(MmapFileOwnersTest, DeadAreTakenByOnlyOneOfTheLiving) {
-  Leave({"a"});
-  const Owner heir = Join();
-  const Owner other = Join();
-
-  EXPECT_EQ(Packets{"a"}, ReadAll(*heir));
-  EXPECT_EQ(Packets{}, ReadAll(*other));
-}
-
-TEST_F(MmapFileOwnersTest, DeadAreTakenEvenWhenTheirHeirNeverRead) {
-  Leave({"a"});
-  Owner heir = Join();
-  heir.reset();
-
-  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
-}
-
-TEST_F(MmapFileOwnersTest, DeadAreLeftToTheNextWhenTwoHundredPacketsAreReached) {
-  Owner first = Join(), second = Join(), third = Join();
-  ASSERT_TRUE(Save(*first, NamedPackets("first", 199, 20)));
-  ASSERT_TRUE(Save(*second, NamedPackets("second", 1, 20)));
-  ASSERT_TRUE(Save(*third, NamedPackets("third", 500, 20)));
-  first.reset();
-  second.reset();
-  third.reset();
-
-  const Owner heir = Join();
-  const size_t taken = ReadAll(*heir).size();
-  const Owner next = Join();
-  const size_t rest = ReadAll(*next).size();
-
-  EXPECT_LT(taken, MultiProcessSafetyMmapFile::kMaxPacketsOfSeveralOwners);
-  EXPECT_EQ(199u, taken);
-  EXPECT_EQ(1u, rest);
-  EXPECT_EQ(500u, LoadMapped(path_).size());
-}
-
-TEST_F(MmapFileOwnersTest, OneDeadIsTakenWhateverItsSize) {
-  Leave(NamedPackets("p", 3000, 20));
-
-  EXPECT_EQ(3000u, LoadMapped(path_).size());
-}
-
-TEST_F(MmapFileOwnersTest, BeyondSixtyThreeAreRefusedUntilOneLeaves) {
-  std::vector<Owner> owners;
-  for (int i = 0; i < MultiProcessSafetyMmapFile::kMaxOwners; ++i) {
-    owners.push_back(Join());
-    ASSERT_TRUE(Save(*owners.back(), {NamedPacket("of", static_cast<size_t>(i), 30)}));
-  }
-  RecordingLog::Clear();
-  MultiProcessSafetyMmapFile late;
-  EXPECT_FALSE(OpenFile(late, path_));
-  EXPECT_EQ(1, LinesWith(2, path_));
-
-  owners[20].reset();
-
-  ASSERT_TRUE(OpenFile(late, path_));
-  EXPECT_EQ(Packets{NamedPacket("of", 20, 30)}, ReadAll(late));
-}
-
 TEST_F(MmapFileOwnersTest, AllSixtyThreeDeadLeaveEveryPacket) {
   std::set<std::string> saved, found;
   {
@@ -175,18 +76,6 @@ TEST_F(MmapFileOwnersTest, DeadStayApartInARepair) {
 
   EXPECT_EQ(NamedPackets("first", 150, 20), ReadAll(*heir));
   EXPECT_EQ(NamedPackets("second", 150, 20), ReadAll(*next));
-}
-
-TEST_F(MmapFileOwnersTest, WhoSavesNothingNeverReplacesTheDead) {
-  Leave({"a"});
-  {
-    const Owner heir = Join();
-    ASSERT_TRUE(heir->Clear(50));
-    ASSERT_TRUE(Append(*heir, "void"));
-    ASSERT_FALSE(Append(*heir, std::string(100, 'x')));
-  }
-
-  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
 }
 
 // Three owners of one file, each led through steps that it may take at any time, and what the file

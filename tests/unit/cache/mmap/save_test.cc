@@ -27,42 +27,6 @@ class MmapFileSaveTest : public MmapFileTest {
   MultiProcessSafetyMmapFile file_;
 };
 
-TEST_F(MmapFileSaveTest, OfSizeZeroCompletesAtOnce) {
-  EXPECT_TRUE(file_.Clear(0));
-
-  EXPECT_TRUE(file_.IsSaveComplete());
-  EXPECT_EQ(Packets{}, Found());
-}
-
-TEST_F(MmapFileSaveTest, OfSizeZeroTakesNoPacket) {
-  ASSERT_TRUE(file_.Clear(0));
-
-  EXPECT_FALSE(Append(file_, "x"));
-  EXPECT_FALSE(Append(file_, ""));
-}
-
-TEST_F(MmapFileSaveTest, CompletesWithThePacketThatReachesTheAnnouncedSize) {
-  ASSERT_TRUE(file_.Clear(AnnouncedSize({"a", "bc"})));
-  EXPECT_FALSE(file_.IsSaveComplete());
-  EXPECT_TRUE(Append(file_, "a"));
-  EXPECT_FALSE(file_.IsSaveComplete());
-  EXPECT_EQ(old_, Found());
-
-  EXPECT_TRUE(Append(file_, "bc"));
-
-  EXPECT_TRUE(file_.IsSaveComplete());
-  EXPECT_EQ((Packets{"a", "bc"}), Found());
-}
-
-TEST_F(MmapFileSaveTest, OfAnEmptyPacketWithoutDataCompletes) {
-  ASSERT_TRUE(file_.Clear(4));
-
-  EXPECT_TRUE(file_.AppendDataPacket({nullptr, 0}));
-
-  EXPECT_TRUE(file_.IsSaveComplete());
-  EXPECT_EQ(Packets{}, Found());
-}
-
 TEST_F(MmapFileSaveTest, OfMorePacketsThanTheRoomWishedForHasPlacesComesBack) {
   const std::string path = folder_.File("roomy.mmap");
   // Much room, and few places in its index.
@@ -80,66 +44,6 @@ TEST_F(MmapFileSaveTest, OfMorePacketsThanTheRoomWishedForHasPlacesComesBack) {
   file.Close();
 
   EXPECT_EQ(packets, LoadMapped(path));
-}
-
-TEST_F(MmapFileSaveTest, OfASizeWithoutDataIsVoid) {
-  ASSERT_TRUE(file_.Clear(100));
-
-  EXPECT_FALSE(file_.AppendDataPacket(MmapDataPacket{nullptr, 5}));
-
-  EXPECT_FALSE(file_.IsSaveComplete());
-  EXPECT_FALSE(Append(file_, "x"));
-  EXPECT_EQ(old_, Found());
-}
-
-TEST_F(MmapFileSaveTest, CompleteTakesNoFurtherPacket) {
-  ASSERT_TRUE(Save(file_, {"a"}));
-
-  EXPECT_FALSE(Append(file_, "b"));
-
-  EXPECT_EQ(Packets{"a"}, Found());
-}
-
-TEST_F(MmapFileSaveTest, OfMoreThanAnnouncedIsVoid) {
-  ASSERT_TRUE(file_.Clear(10));
-  ASSERT_TRUE(Append(file_, "a"));
-
-  EXPECT_FALSE(Append(file_, "two much"));
-
-  EXPECT_FALSE(file_.IsSaveComplete());
-  EXPECT_FALSE(Append(file_, "b")) << "the save is void";
-  EXPECT_EQ(old_, Found());
-  ASSERT_TRUE(Save(file_, {"next"}));
-  EXPECT_EQ(Packets{"next"}, Found());
-}
-
-TEST_F(MmapFileSaveTest, OfOneByteMoreThanAnnouncedIsVoid) {
-  ASSERT_TRUE(file_.Clear(8));
-
-  EXPECT_FALSE(Append(file_, "abcde"));
-
-  EXPECT_EQ(old_, Found());
-}
-
-TEST_F(MmapFileSaveTest, AnnouncedTooSmallForAnyPacketIsVoid) {
-  for (int64_t size = 1; size <= 3; ++size) {
-    ASSERT_TRUE(file_.Clear(size));
-    EXPECT_FALSE(file_.IsSaveComplete());
-    EXPECT_FALSE(Append(file_, ""));
-    EXPECT_EQ(old_, Found());
-  }
-}
-
-TEST_F(MmapFileSaveTest, OfLessThanAnnouncedNeverComes) {
-  ASSERT_TRUE(file_.Clear(AnnouncedSize({"a", "b", "c"})));
-  ASSERT_TRUE(Append(file_, "a"));
-  ASSERT_TRUE(Append(file_, "b"));
-
-  EXPECT_FALSE(file_.IsSaveComplete());
-  EXPECT_EQ(old_, Found());
-  file_.Close();
-
-  EXPECT_EQ(old_, LoadMapped(path_));
 }
 
 TEST_F(MmapFileSaveTest, ClearedBeforeCompletionLeavesTheOldContent) {
@@ -172,27 +76,6 @@ TEST_F(MmapFileSaveTest, ClearedAHundredTimesWithoutCompletionDoesNotGrowTheFile
   EXPECT_EQ(old_, Found());
 }
 
-TEST_F(MmapFileSaveTest, OfANegativeSizeIsRefusedAndLeavesTheOldContent) {
-  for (const int64_t size : {int64_t{-1}, int64_t{-4}, std::numeric_limits<int64_t>::min()}) {
-    EXPECT_FALSE(file_.Clear(size));
-    EXPECT_FALSE(file_.IsSaveComplete());
-    EXPECT_FALSE(Append(file_, "x"));
-    EXPECT_EQ(old_, Found());
-  }
-}
-
-TEST_F(MmapFileSaveTest, RefusedByANegativeSizeEndsTheOneUnderWay) {
-  for (const Packets& packets : {Packets{"a", "b", "c"}, Packets{"old one", "old two", "c"}}) {
-    ASSERT_TRUE(file_.Clear(AnnouncedSize(packets)));
-    ASSERT_TRUE(Append(file_, packets[0]));
-
-    EXPECT_FALSE(file_.Clear(-1));
-
-    EXPECT_FALSE(Append(file_, packets[1]));
-    EXPECT_EQ(old_, Found());
-  }
-}
-
 TEST_F(MmapFileSaveTest, BeyondAnyDiskIsRefusedAndLeavesTheOldContent) {
   const uint64_t on_disk = BytesOnDisk(path_);
   const int64_t most = int64_t{1} << 40;
@@ -207,33 +90,6 @@ TEST_F(MmapFileSaveTest, BeyondAnyDiskIsRefusedAndLeavesTheOldContent) {
   EXPECT_LE(BytesOnDisk(path_), on_disk + (1 << 20));
   EXPECT_TRUE(Save(file_, {"next"}));
   EXPECT_EQ(Packets{"next"}, Found());
-}
-
-TEST_F(MmapFileSaveTest, TakesNoPacketBeforeTheFirstClear) {
-  MultiProcessSafetyMmapFile another;
-  ASSERT_TRUE(OpenFile(another, folder_.File("other.mmap")));
-
-  EXPECT_FALSE(Append(another, "x"));
-
-  EXPECT_EQ(Packets{}, ReadAll(another));
-}
-
-TEST_F(MmapFileSaveTest, NeverBegunCountsAsComplete) {
-  file_.Close();
-  ASSERT_TRUE(OpenFile(file_, path_));
-
-  EXPECT_TRUE(file_.IsSaveComplete());
-}
-
-TEST_F(MmapFileSaveTest, BorrowsThePacketOnlyUntilTheAppendReturns) {
-  std::string packet(3000, 'a');
-  ASSERT_TRUE(file_.Clear(2 * 3004));
-
-  ASSERT_TRUE(Append(file_, packet));
-  packet.assign(3000, 'b');
-  ASSERT_TRUE(Append(file_, packet));
-
-  EXPECT_EQ((Packets{std::string(3000, 'a'), std::string(3000, 'b')}), Found());
 }
 
 TEST_F(MmapFileSaveTest, TakesAPacketThatIsItsOwnMappedContent) {

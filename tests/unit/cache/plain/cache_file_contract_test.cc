@@ -1,4 +1,4 @@
-// What the plain cache file promises of each function while nothing goes wrong.
+// What the plain cache file costs and writes while nothing goes wrong.
 #include <gtest/gtest.h>
 
 #include "quenor_base/platform/reliable_report_cache_file.h"
@@ -9,118 +9,6 @@ namespace quenor::test {
 namespace {
 
 class CacheFileContractTest : public CacheFileTest {};
-
-TEST_F(CacheFileContractTest, AFileThatIsNotOpenRefusesEverything) {
-  ReliableReportCacheFile file;
-
-  EXPECT_EQ(file.GetNextDataPacket().data, nullptr);
-  EXPECT_EQ(file.GetNextDataPacket().size, 0u);
-  EXPECT_FALSE(file.Clear());
-  EXPECT_FALSE(Append(&file, "a"));
-  EXPECT_FALSE(file.IsSaveComplete());
-  file.Close();
-}
-
-TEST_F(CacheFileContractTest, OpenCreatesAFileWithoutPackets) {
-  ReliableReportCacheFile file;
-
-  ASSERT_TRUE(file.Open(file_path()));
-
-  EXPECT_TRUE(Exists(path()));
-  EXPECT_EQ(file.GetNextDataPacket().data, nullptr);
-  EXPECT_TRUE(file.IsSaveComplete());
-  EXPECT_TRUE(Complaints().empty());
-}
-
-TEST_F(CacheFileContractTest, PacketsComeBackInTheOrderSaved) {
-  const Packets packets = {"one", std::string("\0two\0", 5), std::string(100000, 'x'), "one", "z"};
-  Write(packets);
-
-  EXPECT_EQ(Reopened(), packets);
-  EXPECT_EQ(Reopened(), packets);  // Reading changes nothing.
-  EXPECT_TRUE(Complaints().empty());
-}
-
-TEST_F(CacheFileContractTest, EachSaveReplacesTheOneBeforeIt) {
-  const std::vector<Packets> saves = {
-      {"a", "b", "c"}, {"c", "b", "a"}, {"b", "new", "a"}, {"b", "b", "b"}, {}, {"b"}, {"x", "b"}};
-
-  for (const Packets& packets : saves) {
-    Write(packets);
-
-    EXPECT_EQ(Reopened(), packets);
-  }
-}
-
-TEST_F(CacheFileContractTest, ManySavesOfOneOwnerLeaveTheLast) {
-  {
-    ReliableReportCacheFile file;
-    ASSERT_TRUE(file.Open(file_path()));
-    ASSERT_TRUE(Save(&file, {"a", "b", "c"}));
-    ASSERT_TRUE(Save(&file, {"b", "c", "a", "d"}));
-    ASSERT_TRUE(Save(&file, {"d", "a", "a"}));
-  }
-
-  EXPECT_EQ(Reopened(), (Packets{"d", "a", "a"}));
-}
-
-TEST_F(CacheFileContractTest, PacketsOfOneContentAreKeptApart) {
-  Write({"a", "a", "a"});
-  {
-    ReliableReportCacheFile file;
-    ASSERT_TRUE(file.Open(file_path()));
-    ASSERT_TRUE(Save(&file, {"a", "a", "a", "a", "a"}));
-    ASSERT_TRUE(Save(&file, {"a", "a"}));
-  }
-
-  EXPECT_EQ(Reopened(), (Packets{"a", "a"}));
-}
-
-TEST_F(CacheFileContractTest, APacketOfNoBytesReadsAsAnEndMarkAndTheNextCallGoesOn) {
-  Write({"before", "", "after"});
-  ReliableReportCacheFile file;
-  ASSERT_TRUE(file.Open(file_path()));
-
-  EXPECT_EQ(ReadAll(&file), Packets{"before"});
-  EXPECT_EQ(ReadAll(&file), Packets{"after"});
-  EXPECT_EQ(file.GetNextDataPacket().size, 0u);
-}
-
-TEST_F(CacheFileContractTest, NullWithASizeIsRefusedAndVoidsTheSave) {
-  Write({"old"});
-  {
-    ReliableReportCacheFile file;
-    ASSERT_TRUE(file.Open(file_path()));
-    ASSERT_TRUE(file.Clear());
-
-    EXPECT_FALSE(file.AppendDataPacket({nullptr, 1}));
-
-    EXPECT_FALSE(file.IsSaveComplete());
-    EXPECT_FALSE(Append(&file, "more"));
-  }
-  EXPECT_EQ(Reopened(), Packets{"old"});
-}
-
-TEST_F(CacheFileContractTest, NullWithoutASizeIsAPacketOfNoBytes) {
-  ReliableReportCacheFile file;
-  ASSERT_TRUE(file.Open(file_path()));
-  ASSERT_TRUE(file.Clear());
-
-  EXPECT_TRUE(file.AppendDataPacket({nullptr, 0}));
-
-  EXPECT_TRUE(file.IsSaveComplete());
-}
-
-TEST_F(CacheFileContractTest, AnAppendWithoutAClearIsRefused) {
-  Write({"old"});
-  ReliableReportCacheFile file;
-  ASSERT_TRUE(file.Open(file_path()));
-
-  EXPECT_FALSE(Append(&file, "a"));
-
-  EXPECT_TRUE(file.IsSaveComplete());
-  EXPECT_EQ(ReadAll(&file), Packets{"old"});
-}
 
 TEST_F(CacheFileContractTest, TheQuestionCompletesTheSaveWithOneSmallWrite) {
   ReliableReportCacheFile file;
@@ -152,32 +40,6 @@ TEST_F(CacheFileContractTest, ReadingEndsWithTheFirstClear) {
   ASSERT_TRUE(file.Clear());
 
   EXPECT_EQ(file.GetNextDataPacket().data, nullptr);
-}
-
-TEST_F(CacheFileContractTest, OpeningAgainClosesFirst) {
-  const std::string other = folder_.File("other.cache");
-  ReliableReportCacheFile file;
-  ASSERT_TRUE(file.Open(file_path()));
-  ASSERT_TRUE(Save(&file, {"a"}));
-
-  ASSERT_TRUE(file.Open(base::FilePath(other)));
-
-  EXPECT_EQ(Reopened(), Packets{"a"});
-  ASSERT_TRUE(file.Open(file_path()));
-  EXPECT_EQ(ReadAll(&file), Packets{"a"});
-}
-
-TEST_F(CacheFileContractTest, CloseTwiceAndUseAfterwardsAreHarmless) {
-  ReliableReportCacheFile file;
-  ASSERT_TRUE(file.Open(file_path()));
-  ASSERT_TRUE(Save(&file, {"a"}));
-
-  file.Close();
-  file.Close();
-
-  EXPECT_FALSE(file.Clear());
-  EXPECT_FALSE(file.IsSaveComplete());
-  EXPECT_EQ(Reopened(), Packets{"a"});
 }
 
 TEST_F(CacheFileContractTest, TheFileIsForItsUserAloneWhateverTheUmask) {
@@ -233,10 +95,6 @@ TEST_F(CacheFileContractTest, ASaveInTheSteadyStateAllocatesNothing) {
 
   EXPECT_TRUE(saved);
   EXPECT_EQ(count, 0u);
-}
-
-TEST_F(CacheFileContractTest, NamesItself) {
-  EXPECT_STREQ(ReliableReportCacheFile::ImplementationName(), "posix");
 }
 
 }  // namespace
