@@ -1,29 +1,81 @@
-// Answers every request with 200 from a thread of its own; no network.
-#include <quenor_base/platform/http_client.h>
+#include "my_http.h"
 
-#include <thread>
+#include <quenor_base/platform/thread_manager.h>
 
-#include "quenor_base/platform/base/abi.h"
-
-QUENOR_NAMESPACE_BEGIN
+#include <mutex>
+#include <regex>
+#include <utility>
+#include <vector>
 
 namespace {
 
-class MyHttpClient : public HttpClient {
- public:
-  int64_t SendRequest(const Request& request, CompletionCallback callback) override {
-    Request answered = request;
-    answered.request_id = NextRequestId();
-    std::thread([answered, done = std::move(callback)]() mutable {
-      auto response = std::make_unique<Response>();
-      response->status_code = 200;
-      std::move(done).Run(State::kCompleted, answered, std::move(response));
-    }).detach();
-    return answered.request_id;
+using quenor::HttpClient;
+
+// On which all of this happens, in the order posted; for the length of the process.
+quenor::DispatchQueue& MyThread() {
+  using quenor::core::ThreadManager;
+  static auto* const queue = new std::shared_ptr(ThreadManager::CreateNewDispatchQueue(
+      quenor::core::BusinessID::kReliableReport, "my_http", quenor::base::nullopt));
+  return **queue;
+}
+
+std::function<MyAnswer(const HttpClient::Request&)> my_server;  // Its own, as are exchanges.
+
+// A request from SendRequest() to its callback, which runs once, whoever ends it.
+struct Exchange {
+  HttpClient::Request request;
+  HttpClient::CompletionCallback callback;
+  bool ended = false;
+
+  void Ask() {
+    const MyAnswer answer = my_server ? my_server(request) : MyAnswer();
+    if (!answer.comes) return;
+    if (answer.status == 0) return End(HttpClient::State::kFailed, nullptr);
+    auto response = std::make_unique<HttpClient::Response>();
+    response->status_code = answer.status;
+    response->headers = answer.headers;
+    response->body = quenor::CopyOnWriteBuffer(answer.body.data(), answer.body.size());
+    End(HttpClient::State::kCompleted, std::move(response));
+  }
+  void End(HttpClient::State state, std::unique_ptr<HttpClient::Response> response) {
+    if (std::exchange(ended, true)) return;
+    HttpClient::CompletionCallback last = std::move(callback);
+    if (last) std::move(last).Run(state, request, std::move(response));
   }
 };
 
+class MyHttpClient : public HttpClient {
+ public:
+  ~MyHttpClient() override {
+    for (const auto& exchange : exchanges_) {
+      MyThread().PostTask({}, [exchange] { exchange->End(State::kCancelled, nullptr); });
+    }
+  }
+  int64_t SendRequest(const Request& request, CompletionCallback callback) override {
+    static const std::regex usable("https?://(\\[[0-9a-f:]+\\]|[^\\s/:\\[\\]]+)(:\\d+)?(/\\S*)?");
+    if (!std::regex_match(request.url, usable)) return 0;
+    auto exchange = std::make_shared<Exchange>();
+    exchange->request = request;
+    const int64_t id = exchange->request.request_id = NextRequestId();
+    exchange->callback = std::move(callback);
+    std::lock_guard<std::mutex> hold(mutex_);
+    exchanges_.push_back(exchange);
+    MyThread().PostTask({}, [exchange] { exchange->Ask(); });
+    return id;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::shared_ptr<Exchange>> exchanges_;  // Guarded by `mutex_`. All that ever were.
+};
+
 }  // namespace
+
+void SetMyServer(std::function<MyAnswer(const HttpClient::Request&)> server) {
+  MyThread().PostTask({}, [server] { my_server = server; });
+}
+
+QUENOR_NAMESPACE_BEGIN
 
 std::unique_ptr<HttpClient> HttpClientFactory::Create(const HttpClient::Config&) {
   return std::make_unique<MyHttpClient>();
