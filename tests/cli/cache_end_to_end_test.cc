@@ -14,18 +14,11 @@
 
 #include "quenor_base/platform/multi_process_safety_mmap_file.h"
 #include "quenor_base/platform/reliable_report_cache_file.h"
-#include "tests/cli/process.h"
 #include "tests/cli/reporting.h"
+#include "tests/support/process.h"
 
 namespace quenor::test {
 namespace {
-
-std::string ReadWhole(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
 
 bool Exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
 
@@ -179,7 +172,7 @@ TEST_P(EachCacheTest, AKilledRunHasItsSavedLinesDeliveredByTheNext) {
     ASSERT_EQ(-SIGKILL, report.Wait());
   }
   const Digests before = first_collector.Stop();
-  const std::vector<std::string> rest = NotListed(lines, ReadWhole(SavedList()));
+  const std::vector<std::string> rest = NotListed(lines, ReadWholeFile(SavedList()));
   ASSERT_GE(rest.size(), 20u) << "these were never handed over";
   ASSERT_LT(rest.size(), 60u);
 
@@ -222,7 +215,7 @@ TEST_P(EachCacheTest, AnEmptyLineStaysOutOfTheCacheAndHidesNothing) {
       << first.err;
   EXPECT_TRUE(Mentions(first.err, "1 message left undelivered (line 2) and not kept on disk; "))
       << first.err;
-  EXPECT_EQ("1\n3\n", ReadWhole(SavedList()));
+  EXPECT_EQ("1\n3\n", ReadWholeFile(SavedList()));
   Collector collector(certificates_, {});
   EXPECT_EQ(0, Send(collector.url(), {"--cache", GetParam()}, "").exit_code);
   EXPECT_EQ(DigestsOf({"a", "b"}), collector.Stop());
@@ -270,7 +263,7 @@ TEST_P(EachCacheTest, WithoutAnOpenCacheWhatIsLeftIsNotCalledKept) {
 
   EXPECT_EQ(2, Field(result.out, "left"));
   EXPECT_EQ(0, Field(result.out, "kept"));
-  EXPECT_EQ("", ReadWhole(SavedList()));
+  EXPECT_EQ("", ReadWholeFile(SavedList()));
 }
 
 TEST_P(EachCacheTest, CommandsShowAndRemoveWhatARunLeft) {
@@ -287,7 +280,7 @@ TEST_P(EachCacheTest, CommandsShowAndRemoveWhatARunLeft) {
             Cache({"dump", file}).out);
   EXPECT_EQ("onetwo\\three", Cache({"dump", file, "--raw", "-"}).out);
   EXPECT_EQ(0, Cache({"dump", file, "--raw", certificates_.Path("raw")}).exit_code);
-  EXPECT_EQ("one", ReadWhole(certificates_.Path("raw/owner-01-packet-000001")));
+  EXPECT_EQ("one", ReadWholeFile(certificates_.Path("raw/owner-01-packet-000001")));
 
   const Result verify = Cache({"verify", file});
   EXPECT_EQ(0, verify.exit_code) << verify.err;
@@ -328,7 +321,7 @@ TEST_P(EachCacheTest, VerifyFindsAChangedByteAndTheRestIsStillDelivered) {
   const std::vector<std::string> lines = NumberedLines(3);
   ASSERT_EQ(75, LeaveAll({"--cache", GetParam()}, Joined(lines)).exit_code);
   const std::string file = CacheFile(GetParam());
-  const size_t at = ReadWhole(file).find(lines[1]);
+  const size_t at = ReadWholeFile(file).find(lines[1]);
   ASSERT_NE(std::string::npos, at);
   std::fstream changed(file, std::ios::in | std::ios::out | std::ios::binary);
   changed.seekp(static_cast<std::streamoff>(at));
@@ -390,10 +383,10 @@ TEST_F(CachedReportTest, CacheNoneTouchesNothing) {
   EXPECT_FALSE(Exists(certificates_.Path("state")));
 
   ASSERT_EQ(75, LeaveAll({}, "old\n").exit_code);
-  const std::string before = ReadWhole(CacheFile("mmap"));
+  const std::string before = ReadWholeFile(CacheFile("mmap"));
   EXPECT_EQ(0, Field(LeaveAll({"--cache", "none"}, "b\n").out, "loaded"));
 
-  EXPECT_EQ(before, ReadWhole(CacheFile("mmap")));
+  EXPECT_EQ(before, ReadWholeFile(CacheFile("mmap")));
 }
 
 TEST_F(CachedReportTest, WithoutACacheTheSavedListHasWhatWasDelivered) {
@@ -401,12 +394,12 @@ TEST_F(CachedReportTest, WithoutACacheTheSavedListHasWhatWasDelivered) {
   const Arguments arguments = {"--cache",      "none", "--saved-list", SavedList(), "--send-now",
                                "--max-resend", "1"};
   EXPECT_EQ(69, Send(collector.url(), arguments, "a\n").exit_code);
-  EXPECT_EQ("", ReadWhole(SavedList()));
+  EXPECT_EQ("", ReadWholeFile(SavedList()));
   Collector good(certificates_, {});
 
   EXPECT_EQ(0, Send(good.url(), arguments, "a\n\nb\n").exit_code);
 
-  std::istringstream lines(ReadWhole(SavedList()));
+  std::istringstream lines(ReadWholeFile(SavedList()));
   std::multiset<std::string> numbers;
   for (std::string line; std::getline(lines, line);) numbers.insert(line);
   EXPECT_EQ((std::multiset<std::string>{"1", "2", "3"}), numbers);
@@ -418,7 +411,7 @@ TEST_F(CachedReportTest, TheSavedListNamesFiles) {
 
   LeaveAll({"--saved-list", SavedList(), a, b}, "");
 
-  EXPECT_EQ(a + "\n" + b + "\n", ReadWhole(SavedList()));
+  EXPECT_EQ(a + "\n" + b + "\n", ReadWholeFile(SavedList()));
 }
 
 TEST_F(CachedReportTest, TwoRunsShareTheMappedFileAndEachKeepsItsOwn) {
@@ -473,7 +466,7 @@ TEST_F(CachedReportTest, CommandsTellFilesThatAreNotOurs) {
 
   EXPECT_EQ(65, Cache({"list", other}).exit_code);
   EXPECT_EQ(65, Cache({"purge", other, "--yes"}).exit_code);
-  EXPECT_EQ("some other content\n", ReadWhole(other));
+  EXPECT_EQ("some other content\n", ReadWholeFile(other));
   EXPECT_EQ(66, Cache({"dump", other + ".none"}).exit_code);
 }
 

@@ -3,10 +3,10 @@
 
 #include <string>
 
-#include "tests/cli/process.h"
 #include "tests/cli/reporting.h"
-#include "tests/integration/support/certificates.h"
-#include "tests/integration/support/child_process.h"
+#include "tests/integration/support/servers.h"
+#include "tests/support/certificates.h"
+#include "tests/support/process.h"
 
 namespace quenor::test {
 namespace {

@@ -15,11 +15,11 @@
 #include <vector>
 
 #include "quenor_base/platform/base/json_reader.h"
-#include "tests/cli/process.h"
 #include "tests/cli/reporting.h"
-#include "tests/integration/support/certificates.h"
-#include "tests/integration/support/child_process.h"
 #include "tests/integration/support/scripted_server.h"
+#include "tests/integration/support/servers.h"
+#include "tests/support/certificates.h"
+#include "tests/support/process.h"
 
 namespace quenor::test {
 namespace {

@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/cli/process.h"
 #include "tests/cli/reporting.h"
+#include "tests/support/process.h"
 
 namespace quenor::test {
 namespace {

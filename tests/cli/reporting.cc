@@ -27,9 +27,9 @@ Arguments CollectorCommand(const Certificates& certificates, const Arguments& mo
                          "--listen",
                          "127.0.0.1:0",
                          "--cert",
-                         certificates.Path("server.pem"),
+                         certificates.server().certificate_file,
                          "--key",
-                         certificates.Path("server.key"),
+                         certificates.server().key_file,
                          "--log",
                          "-"};
   arguments.insert(arguments.end(), more.begin(), more.end());
@@ -38,21 +38,8 @@ Arguments CollectorCommand(const Certificates& certificates, const Arguments& mo
 
 }  // namespace
 
-Certificates::Certificates() {
-  std::string pattern = std::filesystem::temp_directory_path() / "quenor_cli_XXXXXX";
-  if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-  folder_ = pattern;
-  Process maker({QUENOR_MAKE_CERTIFICATES_PATH, folder_}, Containing(""));
-  if (maker.Wait() != 0) throw std::runtime_error("no certificates: " + maker.err().Whole());
-}
-
-Certificates::~Certificates() {
-  std::error_code ignored;
-  std::filesystem::remove_all(folder_, ignored);
-}
-
 std::string Certificates::Write(const std::string& name, const std::string& content) const {
-  std::ofstream(Path(name), std::ios::binary) << content;
+  if (!WriteWholeFile(Path(name), content)) throw std::runtime_error("cannot write " + name);
   return Path(name);
 }
 
@@ -110,7 +97,7 @@ Arguments SendCommand(const Certificates& certificates, const std::string& url,
                          "--url",
                          url,
                          "--cacert",
-                         certificates.Path("ca.pem"),
+                         certificates.ca_file(),
                          "--cache-dir",
                          certificates.Path("state")};
   arguments.insert(arguments.end(), more.begin(), more.end());

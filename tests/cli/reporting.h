@@ -10,25 +10,28 @@
 #include <string>
 #include <vector>
 
-#include "tests/cli/process.h"
+#include "tests/support/certificates.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_folder.h"
 
 namespace quenor::test {
 
 using Arguments = std::vector<std::string>;
 
-// A folder with ca.pem, server.pem and server.key; gone with the object.
+// A folder with what a server needs; gone with the object.
 class Certificates {
  public:
-  Certificates();
-  ~Certificates();
-
-  std::string Path(const std::string& name) const { return folder_ + "/" + name; }
+  const std::string& ca_file() const { return authority_.ca_file(); }
+  const Certificate& server() const { return server_; }
+  std::string Path(const std::string& name) const { return folder_.File(name); }
 
   // A new file in the folder.
   std::string Write(const std::string& name, const std::string& content) const;
 
  private:
-  std::string folder_;
+  const TempFolder folder_;
+  CertificateAuthority authority_{folder_.path(), "ca"};
+  const Certificate server_ = authority_.Issue("server", "DNS:localhost,IP:127.0.0.1,IP:::1");
 };
 
 // How many messages there are of each SHA-256.

@@ -11,7 +11,7 @@
 #include "tests/collector/support/child.h"
 #include "tests/collector/support/raw_http.h"
 #include "tests/collector/support/record.h"
-#include "tests/collector/support/temp_dir.h"
+#include "tests/support/temp_folder.h"
 
 namespace quenor::collector::test {
 namespace {
@@ -41,7 +41,7 @@ class AttacksTest : public ::testing::Test {
     for (int i = 0; i < count; ++i) tricklers->push_back(std::make_unique<Trickler>(port, text));
   }
 
-  TempDir dir_;
+  TempFolder dir_;
 };
 
 constexpr char kTimeout[] = "HTTP/1.1 408 Request Timeout\r\n";
@@ -137,7 +137,7 @@ TEST_F(AttacksTest, ABlankBeforeAColonIsRefusedAndNothingBehindItIsARequest) {
   }
 
   EXPECT_EQ(collector.Stop().out, "requests=0 accepted=0 failed=0 distinct=0 bytes=0\n");
-  EXPECT_EQ(ReadFile(dir_ / "log"), "");
+  EXPECT_EQ(ReadWholeFile(dir_ / "log"), "");
 }
 
 TEST_F(AttacksTest, BodiesThatNobodyWillReadAwayEndTheConnection) {

@@ -9,7 +9,7 @@
 #include "tests/collector/support/child.h"
 #include "tests/collector/support/raw_http.h"
 #include "tests/collector/support/record.h"
-#include "tests/collector/support/temp_dir.h"
+#include "tests/support/temp_folder.h"
 
 namespace quenor::collector::test {
 namespace {
@@ -25,15 +25,15 @@ class BodiesTest : public ::testing::Test {
   std::string Filed(uint64_t seq, const std::string& suffix = ".bin") {
     const std::string number = std::to_string(seq);
     const std::string prefix = std::string(10 - number.size(), '0') + number + "-";
-    for (const std::string& name : ListDir(dir_ / "out")) {
+    for (const std::string& name : FileNames(dir_ / "out")) {
       if (name.rfind(prefix, 0) == 0 && name.find(suffix) != std::string::npos) {
-        return ReadFile(dir_ / ("out/" + name));
+        return ReadWholeFile(dir_ / ("out/" + name));
       }
     }
     return "no file " + prefix;
   }
 
-  TempDir dir_;
+  TempFolder dir_;
 };
 
 TEST_F(BodiesTest, BodiesOfEveryShapeArriveWhole) {
@@ -188,7 +188,7 @@ TEST_F(BodiesTest, BodyCutShortIsNoRequest) {
   ASSERT_TRUE(stats);
   EXPECT_EQ(stats->body, R"({"requests":0,"accepted":0,"failed":0,"bytes":0,"distinct_sha256":0,)"
                          R"("incomplete":1,"misbehaved":0,"misbehaved_connections":0})");
-  EXPECT_EQ(ReadFile(dir_ / "log"), "");
+  EXPECT_EQ(ReadWholeFile(dir_ / "log"), "");
 }
 
 TEST_F(BodiesTest, BodyOverTheLimitIsRefusedAndTheConnectionGoesOn) {

@@ -14,8 +14,8 @@
 #include "tests/collector/support/child.h"
 #include "tests/collector/support/raw_http.h"
 #include "tests/collector/support/record.h"
-#include "tests/collector/support/temp_dir.h"
 #include "tests/support/patience.h"
+#include "tests/support/temp_folder.h"
 
 namespace quenor::collector::test {
 namespace {
@@ -39,7 +39,7 @@ class Barrier {
 
 class ConnectionsTest : public ::testing::Test {
  protected:
-  TempDir dir_;
+  TempFolder dir_;
 };
 
 TEST_F(ConnectionsTest, ThousandPostsGoOverOneConnection) {

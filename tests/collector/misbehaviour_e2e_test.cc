@@ -10,7 +10,7 @@
 #include "tests/collector/support/child.h"
 #include "tests/collector/support/raw_http.h"
 #include "tests/collector/support/record.h"
-#include "tests/collector/support/temp_dir.h"
+#include "tests/support/temp_folder.h"
 
 namespace quenor::collector::test {
 namespace {
@@ -75,7 +75,7 @@ class MisbehaviourTest : public ::testing::Test {
     return observed;
   }
 
-  TempDir dir_;
+  TempFolder dir_;
 };
 
 // ---- Statuses and the record -------------------------------------------------------------------
@@ -88,7 +88,7 @@ TEST_F(MisbehaviourTest, RefusalsAreLoggedButNotFiled) {
   EXPECT_EQ(PostMany(collector, 7), expected);
 
   EXPECT_EQ(LoggedStatuses(), expected);
-  EXPECT_EQ(ListDir(dir_ / "out").size(), 5u);
+  EXPECT_EQ(FileNames(dir_ / "out").size(), 5u);
   EXPECT_EQ(collector.Stop().out, "requests=7 accepted=5 failed=2 distinct=5 bytes=5\n");
 }
 
@@ -208,7 +208,7 @@ TEST_F(MisbehaviourTest, HeadsOfTenMebibytesAreFollowedByTheBody) {
 
 TEST_F(MisbehaviourTest, RawReplacesTheWholeAnswer) {
   EXPECT_EQ(Observe(R"(all: raw="SSH-2.0-x\r\n")").bytes, "SSH-2.0-x\r\n");
-  WriteFile(dir_ / "raw", std::string("\0\r\n\r\n", 5));
+  ASSERT_TRUE(WriteWholeFile(dir_ / "raw", std::string("\0\r\n\r\n", 5)));
   EXPECT_EQ(Observe("all: raw-file=" + dir_ / "raw").bytes, std::string("\0\r\n\r\n", 5));
 }
 
@@ -216,7 +216,7 @@ TEST_F(MisbehaviourTest, RawReplacesTheWholeAnswer) {
 
 TEST_F(MisbehaviourTest, BodiesAreLiteralOrFromAFile) {
   const std::string literal = Observe(R"(all: body="\x1f\"no json")").bytes;
-  WriteFile(dir_ / "body", "from a file\n");
+  ASSERT_TRUE(WriteWholeFile(dir_ / "body", "from a file\n"));
   const std::string from_file = Observe("all: body-file=" + dir_ / "body").bytes;
 
   EXPECT_EQ(BodyOf(literal), "\x1f\"no json");
@@ -401,7 +401,7 @@ TEST_F(MisbehaviourTest, RequestsWithoutAStatusAreLoggedButNotFiled) {
   EXPECT_EQ(PostMany(collector, 4), (std::vector<int>{200, 0, 200, 0}));
 
   EXPECT_EQ(LoggedStatuses(), (std::vector<int>{200, 0, 200, 0}));
-  EXPECT_EQ(ListDir(dir_ / "out").size(), 2u);
+  EXPECT_EQ(FileNames(dir_ / "out").size(), 2u);
 }
 
 TEST_F(MisbehaviourTest, ATruncatedSuccessIsOnRecord) {
@@ -411,7 +411,7 @@ TEST_F(MisbehaviourTest, ATruncatedSuccessIsOnRecord) {
   Exchange(collector.port(), kPost);
 
   EXPECT_EQ(LoggedStatuses(), std::vector<int>{200});
-  EXPECT_EQ(ListDir(dir_ / "out").size(), 1u);
+  EXPECT_EQ(FileNames(dir_ / "out").size(), 1u);
 }
 
 TEST_F(MisbehaviourTest, RequestsAreCutOffBeforeOrInTheirBody) {
@@ -425,7 +425,7 @@ TEST_F(MisbehaviourTest, RequestsAreCutOffBeforeOrInTheirBody) {
        {Case{"close=request", head, 0}, Case{"reset=request", head + "some", 0},
         Case{"close=request+4", head + "some", 4}, Case{"reset=request+2", head + "some", 2},
         Case{"close=request+500", std::string(kPost), 1}}) {
-    const TempDir dir;
+    const TempFolder dir;
     Collector collector(dir_ / "", Collector::Transport::kPlain,
                         {"--misbehave", std::string("all: ") + cut.ending, "--log", dir / "log"});
     RawClient client(collector.port());
@@ -504,7 +504,7 @@ TEST_F(MisbehaviourTest, AHangInTheBodyOrInTheRequestSparesTheWorkerToo) {
 
 TEST_F(MisbehaviourTest, KeepAliveIsEndedUnderTheNextRequest) {
   for (const char* kind : {"close", "cut", "reset"}) {
-    const TempDir dir;
+    const TempFolder dir;
     Collector collector(dir_ / "", Collector::Transport::kPlain,
                         {"--misbehave", "1: " + std::string(kind) + "=next", "--log", dir / "log"});
     RawClient client(collector.port());

@@ -9,7 +9,7 @@
 #include "tests/collector/support/child.h"
 #include "tests/collector/support/raw_http.h"
 #include "tests/collector/support/raw_tls.h"
-#include "tests/collector/support/temp_dir.h"
+#include "tests/support/temp_folder.h"
 
 namespace quenor::collector::test {
 namespace {
@@ -21,7 +21,7 @@ constexpr int kVersions[] = {TLS1_2_VERSION, TLS1_3_VERSION};
 
 class MisbehaviourTlsTest : public ::testing::Test {
  protected:
-  TempDir dir_;
+  TempFolder dir_;
 };
 
 TEST_F(MisbehaviourTlsTest, AnswersEndAsTheScriptSays) {

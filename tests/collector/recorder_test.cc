@@ -14,17 +14,17 @@
 #include "collector/reports/digest.h"
 #include "tests/collector/support/raw_http.h"
 #include "tests/collector/support/record.h"
-#include "tests/collector/support/temp_dir.h"
+#include "tests/support/temp_folder.h"
 
 namespace quenor::collector {
 namespace {
 
+using quenor::test::FileNames;
+using quenor::test::ReadWholeFile;
+using quenor::test::TempFolder;
+using quenor::test::WriteWholeFile;
 using test::Deflate;
-using test::ListDir;
-using test::ReadFile;
 using test::ReadLog;
-using test::TempDir;
-using test::WriteFile;
 
 class RecorderTest : public ::testing::Test {
  protected:
@@ -49,7 +49,7 @@ class RecorderTest : public ::testing::Test {
     return number + "-" + Sha256Hex(body).substr(0, 16);
   }
 
-  TempDir dir_;
+  TempFolder dir_;
   RecorderOptions options_;
 };
 
@@ -59,8 +59,9 @@ TEST_F(RecorderTest, AcceptedBodyHasFileLineAndCount) {
 
   ASSERT_TRUE(Record(recorder, body));
 
-  EXPECT_EQ(ListDir(options_.out_dir), std::vector<std::string>{Name("0000000001", body) + ".bin"});
-  EXPECT_EQ(ReadFile(options_.out_dir + "/" + Name("0000000001", body) + ".bin"), body);
+  EXPECT_EQ(FileNames(options_.out_dir),
+            std::vector<std::string>{Name("0000000001", body) + ".bin"});
+  EXPECT_EQ(ReadWholeFile(options_.out_dir + "/" + Name("0000000001", body) + ".bin"), body);
   const auto lines = ReadLog(options_.log_path);
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0]["seq"].GetUint64(), 1u);
@@ -79,7 +80,7 @@ TEST_F(RecorderTest, FailedRequestHasALineButNoFile) {
 
   ASSERT_TRUE(Record(recorder, "body", 503));
 
-  EXPECT_EQ(ListDir(options_.out_dir), std::vector<std::string>{});
+  EXPECT_EQ(FileNames(options_.out_dir), std::vector<std::string>{});
   EXPECT_EQ(ReadLog(options_.log_path).at(0)["status"].GetInt(), 503);
   EXPECT_EQ(CountsLine(recorder.GetCounts()), "requests=1 accepted=0 failed=1 distinct=0 bytes=0");
 }
@@ -90,7 +91,7 @@ TEST_F(RecorderTest, EqualBodiesAreTwoRecordsButOneDistinct) {
   ASSERT_TRUE(Record(recorder, "same"));
   ASSERT_TRUE(Record(recorder, "same"));
 
-  EXPECT_EQ(ListDir(options_.out_dir).size(), 2u);
+  EXPECT_EQ(FileNames(options_.out_dir).size(), 2u);
   EXPECT_EQ(CountsLine(recorder.GetCounts()), "requests=2 accepted=2 failed=0 distinct=1 bytes=8");
 }
 
@@ -110,8 +111,8 @@ TEST_F(RecorderTest, InflatedBodyIsFiledPlainAndNamedByWhatCameIn) {
   ASSERT_TRUE(Record(recorder, packed));
 
   const std::string name = Name("0000000001", packed) + ".bin";
-  EXPECT_EQ(ListDir(options_.out_dir), std::vector<std::string>{name});
-  EXPECT_EQ(ReadFile(options_.out_dir + "/" + name), "plain");
+  EXPECT_EQ(FileNames(options_.out_dir), std::vector<std::string>{name});
+  EXPECT_EQ(ReadWholeFile(options_.out_dir + "/" + name), "plain");
   const auto lines = ReadLog(options_.log_path);
   EXPECT_EQ(lines.at(0)["size"].GetUint64(), packed.size());
   EXPECT_EQ(lines.at(0)["sha256"].GetString(), Sha256Hex(packed));
@@ -139,8 +140,8 @@ TEST_F(RecorderTest, BodyThatDoesNotInflateIsAlsoFiledAsItCame) {
     const std::string stem =
         options_.out_dir + "/" + Name("000000000" + std::to_string(i + 1), cases[i].first);
     EXPECT_EQ(lines.at(i)["inflate"].GetString(), cases[i].second);
-    EXPECT_EQ(ReadFile(stem + ".deflate"), cases[i].first);
-    EXPECT_EQ(ReadFile(stem + ".bin").size(), lines.at(i)["inflated_size"].GetUint64());
+    EXPECT_EQ(ReadWholeFile(stem + ".deflate"), cases[i].first);
+    EXPECT_EQ(ReadWholeFile(stem + ".bin").size(), lines.at(i)["inflated_size"].GetUint64());
   }
 }
 
@@ -150,23 +151,23 @@ TEST_F(RecorderTest, NumbersGoOnAfterTheHighestInTheFolder) {
     ASSERT_TRUE(Record(earlier, "one"));
     ASSERT_TRUE(Record(earlier, "two"));
   }
-  WriteFile(options_.out_dir + "/999notes.txt", "no record");
+  ASSERT_TRUE(WriteWholeFile(options_.out_dir + "/999notes.txt", "no record"));
 
   Recorder recorder(options_);
   ASSERT_TRUE(Record(recorder, "one"));
 
   EXPECT_EQ(ReadLog(options_.log_path).back()["seq"].GetUint64(), 3u);
-  EXPECT_EQ(ReadFile(options_.out_dir + "/" + Name("0000000001", "one") + ".bin"), "one");
-  EXPECT_EQ(ReadFile(options_.out_dir + "/" + Name("0000000003", "one") + ".bin"), "one");
+  EXPECT_EQ(ReadWholeFile(options_.out_dir + "/" + Name("0000000001", "one") + ".bin"), "one");
+  EXPECT_EQ(ReadWholeFile(options_.out_dir + "/" + Name("0000000003", "one") + ".bin"), "one");
 }
 
 TEST_F(RecorderTest, LineTornByAKillDoesNotSwallowTheNext) {
-  WriteFile(options_.log_path, "{\"seq\":1,\"ti");
+  ASSERT_TRUE(WriteWholeFile(options_.log_path, "{\"seq\":1,\"ti"));
   Recorder recorder(options_);
 
   ASSERT_TRUE(Record(recorder, "body"));
 
-  const std::string log = ReadFile(options_.log_path);
+  const std::string log = ReadWholeFile(options_.log_path);
   const size_t line_end = log.find('\n');
   EXPECT_EQ(log.substr(0, line_end), "{\"seq\":1,\"ti");
   EXPECT_EQ(test::ParseObject(log.substr(line_end + 1))["size"].GetUint64(), 4u);
@@ -179,7 +180,7 @@ TEST_F(RecorderTest, BodyThatCannotBeFiledLeavesNothingBehind) {
 
   EXPECT_FALSE(Record(recorder, "body"));
 
-  EXPECT_EQ(ListDir(options_.out_dir), std::vector<std::string>{name});
+  EXPECT_EQ(FileNames(options_.out_dir), std::vector<std::string>{name});
 }
 
 TEST_F(RecorderTest, BodyThatCannotBeFiledIsNotAccepted) {
@@ -221,7 +222,7 @@ TEST_F(RecorderTest, BodyThatCannotBeLoggedIsNotAccepted) {
 TEST_F(RecorderTest, LineThatCouldNotBeWrittenDoesNotSwallowTheNext) {
   Recorder recorder(options_);
   ASSERT_TRUE(Record(recorder, "one"));
-  const auto whole_bytes = ReadFile(options_.log_path).size();
+  const auto whole_bytes = ReadWholeFile(options_.log_path).size();
   struct rlimit before {};
   ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
   struct rlimit tight = before;
@@ -234,7 +235,7 @@ TEST_F(RecorderTest, LineThatCouldNotBeWrittenDoesNotSwallowTheNext) {
   ASSERT_TRUE(Record(recorder, "three"));
 
   EXPECT_FALSE(recorded_when_full);
-  const std::string log = ReadFile(options_.log_path);
+  const std::string log = ReadWholeFile(options_.log_path);
   EXPECT_EQ(test::CountOf(log, "\n"), 3);
   const std::string last = log.substr(log.rfind('\n', log.size() - 2) + 1);
   EXPECT_EQ(test::ParseObject(last)["seq"].GetUint64(), 3u);
@@ -242,7 +243,7 @@ TEST_F(RecorderTest, LineThatCouldNotBeWrittenDoesNotSwallowTheNext) {
 }
 
 TEST_F(RecorderTest, UnusablePathsAreNamed) {
-  WriteFile(dir_ / "file", "");
+  ASSERT_TRUE(WriteWholeFile(dir_ / "file", ""));
   options_.out_dir = dir_ / "file";
   try {
     Recorder recorder(options_);

@@ -1,13 +1,14 @@
-// Job: a process that reports what it does on its standard output, and its end. It never outlives
-// the object. Threads: one at a time.
+// Job: a process that reports what it does on its standard output, and its end. Threads: one at a
+// time.
 #ifndef QUENOR_TESTS_CRASH_JOB_H_
 #define QUENOR_TESTS_CRASH_JOB_H_
 
-#include <sys/types.h>
-
+#include <csignal>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "tests/support/process.h"
 
 namespace quenor::test {
 
@@ -30,34 +31,29 @@ class Job {
  public:
   // Starts `arguments[0]`, a path.
   explicit Job(const std::vector<std::string>& arguments);
-  // Kills it if it still runs.
-  ~Job();
-  Job(const Job&) = delete;
-  Job& operator=(const Job&) = delete;
 
   // Waits for the next event; false when the job has ended and there is none left. Kills one that
   // is silent for too long.
   bool Next(JobEvent* event);
   // What Next() reads from.
-  int events_fd() const { return events_; }
+  int events_fd() const { return events_.reader.get(); }
 
   // One byte to its standard input; nothing when it has ended. SIGPIPE must be ignored.
   void Credit();
   // Ends its standard input: the sign to go, for those that wait for one.
-  void Release();
-  void Kill();
-  void Stop();
-  void Continue();
+  void Release() { control_.writer.Reset(); }
+  // Nothing when it has ended.
+  void Kill() { process_.Signal(SIGKILL); }
+  void Stop() { process_.Signal(SIGSTOP); }
+  void Continue() { process_.Signal(SIGCONT); }
   // Waits for its end, or kills it when that does not come: the exit code, or minus the number of
   // the signal that ended it.
-  int Wait();
+  int Wait() { return process_.Wait(kLongPatience); }
 
  private:
-  pid_t pid_ = -1;
-  int control_ = -1;
-  int events_ = -1;
-  bool ended_ = false;
-  int result_ = 0;
+  Pipe control_;
+  Pipe events_;
+  ChildProcess process_;
 };
 
 }  // namespace quenor::test

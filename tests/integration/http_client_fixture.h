@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "quenor_base/platform/http_client.h"
-#include "tests/integration/support/certificates.h"
+#include "tests/support/certificates.h"
 #include "tests/support/patience.h"
 #include "tests/support/temp_folder.h"
 

@@ -6,9 +6,9 @@
 #include <fstream>
 
 #include "tests/integration/http_client_fixture.h"
-#include "tests/integration/support/child_process.h"
 #include "tests/integration/support/flood_server.h"
 #include "tests/integration/support/scripted_server.h"
+#include "tests/integration/support/servers.h"
 
 namespace quenor::test {
 namespace {

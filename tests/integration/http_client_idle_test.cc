@@ -1,7 +1,7 @@
 // Rest and patience cannot be seen without waiting: these few seconds are real.
 #include "tests/integration/http_client_fixture.h"
-#include "tests/integration/support/child_process.h"
 #include "tests/integration/support/scripted_server.h"
+#include "tests/integration/support/servers.h"
 
 namespace quenor::test {
 namespace {

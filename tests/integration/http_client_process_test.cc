@@ -5,9 +5,9 @@
 #include <sstream>
 
 #include "tests/integration/http_client_fixture.h"
-#include "tests/integration/support/child_process.h"
 #include "tests/integration/support/flood_server.h"
 #include "tests/integration/support/scripted_server.h"
+#include "tests/integration/support/servers.h"
 
 namespace quenor::test {
 namespace {
@@ -185,7 +185,7 @@ TEST_F(HttpClientProcessTest, ExitDoesNotWaitForAServerThatFloods) {
 TEST_F(HttpClientProcessTest, CallbackThatThrowsEndsTheProcessWithALine) {
   ScriptedServer server(Answering(), &certificate_);
 
-  EXPECT_EQ(Run("throw-inside-callback", server.Origin() + "/"), 128 + SIGABRT);
+  EXPECT_EQ(Run("throw-inside-callback", server.Origin() + "/"), -SIGABRT);
   EXPECT_NE(Output().find("quenor: fatal: an exception left an HTTP completion callback: int"),
             std::string::npos)
       << Output();

@@ -3,8 +3,8 @@
 
 #include "quenor_base/platform/socks5_proxy_config.h"
 #include "tests/integration/http_client_fixture.h"
-#include "tests/integration/support/child_process.h"
 #include "tests/integration/support/scripted_server.h"
+#include "tests/integration/support/servers.h"
 #include "tests/support/recording_log.h"
 
 namespace quenor::test {

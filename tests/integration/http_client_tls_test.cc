@@ -7,8 +7,8 @@
 #include <set>
 
 #include "tests/integration/http_client_fixture.h"
-#include "tests/integration/support/child_process.h"
 #include "tests/integration/support/scripted_server.h"
+#include "tests/integration/support/servers.h"
 #include "tests/support/recording_log.h"
 
 namespace quenor::test {

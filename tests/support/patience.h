@@ -67,8 +67,12 @@ inline bool WaitForInput(int fd, std::chrono::steady_clock::time_point end) {
   return poll(&waiting, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0) != 0;
 }
 
-// Waits for the end of a child, which is killed when it does not come. The exit code, or minus the
-// number of the signal that ended it.
+// The exit code of a child that has ended so, or minus the number of the signal that ended it.
+inline int ResultOf(int status) {
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+// Waits for the end of a child, which is killed when it does not come. As ResultOf().
 inline int ReapPatiently(pid_t child, std::chrono::seconds patience = kPatience) {
   const auto end = std::chrono::steady_clock::now() + patience;
   int status = 0;
@@ -76,7 +80,7 @@ inline int ReapPatiently(pid_t child, std::chrono::seconds patience = kPatience)
     if (std::chrono::steady_clock::now() > end) kill(child, SIGKILL);
     poll(nullptr, 0, 1);
   }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  return ResultOf(status);
 }
 
 }  // namespace quenor::test

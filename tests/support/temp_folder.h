@@ -3,6 +3,7 @@
 #define QUENOR_TESTS_SUPPORT_TEMP_FOLDER_H_
 
 #include <string>
+#include <vector>
 
 namespace quenor::test {
 
@@ -17,6 +18,7 @@ class TempFolder {
   // Absolute, without a separator at the end.
   const std::string& path() const { return path_; }
   std::string File(const std::string& name) const { return path_ + "/" + name; }
+  std::string operator/(const std::string& name) const { return File(name); }
 
  private:
   std::string path_;
@@ -24,6 +26,8 @@ class TempFolder {
 
 // The whole content of a file; empty when it cannot be read.
 std::string ReadWholeFile(const std::string& path);
+// The names in a folder, sorted.
+std::vector<std::string> FileNames(const std::string& folder);
 // False when the file could not be written whole.
 [[nodiscard]] bool WriteWholeFile(const std::string& path, const std::string& content);
 

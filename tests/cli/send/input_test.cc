@@ -5,11 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "tests/support/temp_folder.h"
 
 namespace quenor::cli {
 namespace {
@@ -44,33 +44,12 @@ class Pipe {
   int fds_[2];
 };
 
-class TempFolder {
+class InputFolder : public test::TempFolder {
  public:
-  TempFolder() {
-    char pattern[] = "/tmp/quenor_cli_test_XXXXXX";
-    path_ = ::mkdtemp(pattern);
+  std::string Write(const std::string& name, const std::string& content) const {
+    EXPECT_TRUE(test::WriteWholeFile(File(name), content));
+    return File(name);
   }
-  ~TempFolder() {
-    for (const std::string& file : files_) ::unlink(file.c_str());
-    ::rmdir(path_.c_str());
-  }
-
-  const std::string& path() const { return path_; }
-
-  std::string Path(const std::string& name) {
-    files_.push_back(path_ + "/" + name);
-    return files_.back();
-  }
-
-  std::string Write(const std::string& name, const std::string& content) {
-    const std::string path = Path(name);
-    std::ofstream(path, std::ios::binary) << content;
-    return path;
-  }
-
- private:
-  std::string path_;
-  std::vector<std::string> files_;
 };
 
 // Everything that is there at once; ends at kEnd or kWouldBlock.
@@ -206,7 +185,7 @@ TEST(LineInputTest, RefusesALineThatNeverEnds) {
 }
 
 TEST(LineInputTest, NamesAnInputThatFails) {
-  TempFolder folder;
+  InputFolder folder;
   const int fd = ::open(folder.path().c_str(), O_RDONLY | O_CLOEXEC);
   LineInput input(fd, "standard input");
 
@@ -217,7 +196,7 @@ TEST(LineInputTest, NamesAnInputThatFails) {
 }
 
 TEST(FileInputTest, EachFileWholeIsAMessage) {
-  TempFolder folder;
+  InputFolder folder;
   const std::string bytes("\0\n\xff\r\n", 5);
   const std::string a = folder.Write("a", bytes);
   const std::string b = folder.Write("b", "");
@@ -231,7 +210,7 @@ TEST(FileInputTest, EachFileWholeIsAMessage) {
 }
 
 TEST(FileInputTest, GivesScriptsTheNameOfTheFile) {
-  TempFolder folder;
+  InputFolder folder;
   const std::string a = folder.Write("a", "1");
   FileInput input({a});
   Message message;
@@ -241,8 +220,8 @@ TEST(FileInputTest, GivesScriptsTheNameOfTheFile) {
 }
 
 TEST(FileInputTest, WaitsForANamedPipeWithoutBlocking) {
-  TempFolder folder;
-  const std::string path = folder.Path("pipe");
+  InputFolder folder;
+  const std::string path = folder.File("pipe");
   ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
   FileInput input({path});
   Message message;
@@ -259,7 +238,7 @@ TEST(FileInputTest, WaitsForANamedPipeWithoutBlocking) {
 }
 
 TEST(FileInputTest, NamesAFileThatHasVanished) {
-  TempFolder folder;
+  InputFolder folder;
   const std::string a = folder.Write("a", "1");
   const std::string b = folder.Write("b", "2");
   EXPECT_NO_THROW(CheckFiles({a, b}));
@@ -277,7 +256,7 @@ TEST(FileInputTest, RefusesAFileThatNeverEnds) {
 }
 
 TEST(CheckFilesTest, NamesTheFirstThatCannotBeRead) {
-  TempFolder folder;
+  InputFolder folder;
   const std::string good = folder.Write("good", "x");
   const std::string huge = folder.Write("huge", "");
   ASSERT_EQ(0, ::truncate(huge.c_str(), off_t{kMaxMessageBytes} + 1));

@@ -4,14 +4,24 @@
 #define TESTS_COLLECTOR_SUPPORT_CHILD_H_
 
 #include <httplib.h>
-#include <sys/types.h>
 
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "tests/support/certificates.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_folder.h"
+
 namespace quenor::collector::test {
+
+using quenor::test::Certificate;
+using quenor::test::CertificateAuthority;
+using quenor::test::FileNames;
+using quenor::test::ReadWholeFile;
+using quenor::test::TempFolder;
+using quenor::test::WriteWholeFile;
 
 // What is left of a process that has ended.
 struct Ended {
@@ -24,14 +34,11 @@ struct Ended {
 class Child {
  public:
   explicit Child(const std::vector<std::string>& arguments);
-  ~Child();
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
 
   // The next line of standard output; empty optional at its end.
-  std::optional<std::string> ReadLine();
+  std::optional<std::string> ReadLine() { return process_.out().TakeLine(); }
 
-  void Signal(int number) const;
+  void Signal(int number) const { process_.Signal(number); }
 
   // From now on, until called again, the process gets no descriptor of this number or higher.
   void LimitDescriptors(unsigned limit) const;
@@ -43,10 +50,7 @@ class Child {
   Ended Wait();
 
  private:
-  pid_t pid_ = -1;
-  int out_fd_ = -1;
-  int err_fd_ = -1;
-  std::string unread_;
+  quenor::test::Process process_;
 };
 
 // A collector that is up. Serves HTTPS with a certificate of its own unless `plain`.

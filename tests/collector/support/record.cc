@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-#include "tests/collector/support/temp_dir.h"
+#include "tests/support/temp_folder.h"
 
 namespace quenor::collector::test {
 
@@ -16,7 +16,7 @@ rapidjson::Document ParseObject(const std::string& line) {
 }
 
 std::vector<rapidjson::Document> ReadLog(const std::string& path, TornTail torn_tail) {
-  std::string text = ReadFile(path);
+  std::string text = quenor::test::ReadWholeFile(path);
   if (!text.empty() && text.back() != '\n') {
     if (torn_tail == TornTail::kRefuse) throw std::runtime_error("torn last line in " + path);
     text.erase(text.rfind('\n') + 1);  // All of it if there is no line end at all.

@@ -16,7 +16,7 @@
 #include "quenor_base/platform/http_client.h"
 #include "quenor_base/platform/report_events.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
-#include "tests/integration/support/certificates.h"
+#include "tests/support/certificates.h"
 #include "tests/support/patience.h"
 #include "tests/support/temp_folder.h"
 

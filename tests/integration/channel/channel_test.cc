@@ -7,8 +7,8 @@
 
 #include "quenor_base/platform/thread_manager.h"
 #include "tests/integration/channel/channel_fixture.h"
-#include "tests/integration/support/child_process.h"
 #include "tests/integration/support/scripted_server.h"
+#include "tests/integration/support/servers.h"
 
 namespace quenor::test {
 namespace {

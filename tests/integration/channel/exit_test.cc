@@ -5,7 +5,7 @@
 #include <tuple>
 
 #include "tests/integration/channel/channel_fixture.h"
-#include "tests/integration/support/child_process.h"
+#include "tests/integration/support/servers.h"
 
 namespace quenor::test {
 namespace {

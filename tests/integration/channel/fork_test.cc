@@ -15,7 +15,7 @@
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/thread_manager.h"
 #include "tests/integration/channel/channel_fixture.h"
-#include "tests/integration/support/child_process.h"
+#include "tests/integration/support/servers.h"
 #include "tests/support/patience.h"
 
 namespace quenor::test {

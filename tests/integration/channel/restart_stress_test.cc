@@ -17,7 +17,7 @@
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/report_events.h"
 #include "quenor_base/platform/thread_manager.h"
-#include "tests/integration/support/child_process.h"
+#include "tests/integration/support/servers.h"
 
 namespace quenor::test {
 namespace {

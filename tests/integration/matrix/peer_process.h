@@ -7,8 +7,8 @@
 #include <memory>
 #include <string>
 
-#include "tests/integration/support/certificates.h"
-#include "tests/integration/support/child_process.h"
+#include "tests/integration/support/servers.h"
+#include "tests/support/certificates.h"
 #include "tests/support/temp_folder.h"
 
 namespace quenor::test {

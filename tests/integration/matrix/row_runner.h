@@ -13,7 +13,7 @@
 #include "tests/integration/matrix/client_watch.h"
 #include "tests/integration/matrix/peer_process.h"
 #include "tests/integration/matrix/row.h"
-#include "tests/integration/support/certificates.h"
+#include "tests/support/certificates.h"
 #include "tests/support/recording_report_events.h"
 #include "tests/support/temp_folder.h"
 #include "tests/support/virtual_time.h"

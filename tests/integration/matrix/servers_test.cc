@@ -1,6 +1,8 @@
 // Servers as they are shipped, mostly over HTTP/2: nginx, which closes a connection after so many
 // requests or as a flood, and nghttpd. The channel's queue runs in virtual time; every message
 // arrives.
+#include "tests/integration/support/servers.h"
+
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -20,7 +22,6 @@
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
 #include "tests/integration/matrix/client_watch.h"
-#include "tests/integration/support/child_process.h"
 #include "tests/support/recording_report_events.h"
 #include "tests/support/virtual_time.h"
 

@@ -12,7 +12,7 @@
 #include <memory>
 #include <string>
 
-#include "tests/integration/support/certificates.h"
+#include "tests/support/certificates.h"
 
 namespace quenor::test {
 

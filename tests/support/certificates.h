@@ -1,7 +1,7 @@
 // A throw-away certificate authority, made anew by each test that needs one: nothing that it signs
 // is good for anything after the test. Threads: one. Ends the process when OpenSSL fails.
-#ifndef QUENOR_TESTS_INTEGRATION_SUPPORT_CERTIFICATES_H_
-#define QUENOR_TESTS_INTEGRATION_SUPPORT_CERTIFICATES_H_
+#ifndef QUENOR_TESTS_SUPPORT_CERTIFICATES_H_
+#define QUENOR_TESTS_SUPPORT_CERTIFICATES_H_
 
 #include <memory>
 #include <string>
@@ -41,4 +41,4 @@ class CertificateAuthority {
 
 }  // namespace quenor::test
 
-#endif  // QUENOR_TESTS_INTEGRATION_SUPPORT_CERTIFICATES_H_
+#endif  // QUENOR_TESTS_SUPPORT_CERTIFICATES_H_

@@ -1,43 +1,16 @@
-// ChildProcess: a program that a test runs beside itself, and servers that are such programs. Every
-// one is ended, by its own process id, at the end of its scope.
-#ifndef QUENOR_TESTS_INTEGRATION_SUPPORT_CHILD_PROCESS_H_
-#define QUENOR_TESTS_INTEGRATION_SUPPORT_CHILD_PROCESS_H_
+// Servers that are programs: each on a free port, and ended at the end of its scope.
+#ifndef QUENOR_TESTS_INTEGRATION_SUPPORT_SERVERS_H_
+#define QUENOR_TESTS_INTEGRATION_SUPPORT_SERVERS_H_
 
-#include <sys/types.h>
-
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "tests/integration/support/certificates.h"
-#include "tests/support/patience.h"
+#include "tests/support/certificates.h"
+#include "tests/support/process.h"
 #include "tests/support/temp_folder.h"
 
 namespace quenor::test {
-
-class ChildProcess {
- public:
-  // Starts `arguments[0]`, searched in the usual bin and sbin folders, with `environment`
-  // ("NAME=value") added to ours. What it writes goes to `output_file`. `inherited_fd`, unless -1,
-  // is open in the child under the same number. Ends the process when it cannot be started.
-  ChildProcess(const std::vector<std::string>& arguments, const std::string& output_file,
-               const std::vector<std::string>& environment = {});
-  ~ChildProcess();
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
-
-  pid_t pid() const { return pid_; }
-  // Waits for its end, or kills it when that does not come. The exit code, or 128 and the signal's
-  // number.
-  int Wait(std::chrono::seconds patience = kPatience);
-  bool HasEnded();
-
- private:
-  pid_t pid_ = -1;
-  int status_ = -1;
-};
 
 // nginx on a free port of 127.0.0.1, with configuration and files in a folder of its own. Logs
 // nothing unless told to; the log format "connections" gives protocol and connection number.
@@ -92,4 +65,4 @@ uint16_t UnusedPort();
 
 }  // namespace quenor::test
 
-#endif  // QUENOR_TESTS_INTEGRATION_SUPPORT_CHILD_PROCESS_H_
+#endif  // QUENOR_TESTS_INTEGRATION_SUPPORT_SERVERS_H_

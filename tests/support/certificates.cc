@@ -1,4 +1,4 @@
-#include "tests/integration/support/certificates.h"
+#include "tests/support/certificates.h"
 
 #include <openssl/evp.h>
 #include <openssl/pem.h>

@@ -1,37 +1,23 @@
-#include "tests/integration/support/child_process.h"
+#include "tests/integration/support/servers.h"
 
 #include <arpa/inet.h>
-#include <errno.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "quenor_base/platform/base/check.h"
-
-extern char** environ;
 
 namespace quenor::test {
 
 namespace {
-
-// Servers are often not in a user's PATH.
-std::string FindProgram(const std::string& name) {
-  if (name[0] == '/') return name;
-  for (const char* folder : {"/usr/local/sbin/", "/usr/local/bin/", "/usr/sbin/", "/usr/bin/"}) {
-    if (access((folder + name).c_str(), X_OK) == 0) return folder + name;
-  }
-  return name;
-}
 
 // A socket bound to a free port of 127.0.0.1.
 int BindLoopback(uint16_t* port) {
@@ -76,50 +62,6 @@ void StartOnFreePort(std::unique_ptr<ChildProcess>* process, uint16_t* port,
 }
 
 }  // namespace
-
-ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
-                           const std::string& output_file,
-                           const std::vector<std::string>& environment) {
-  std::vector<char*> argv;
-  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
-  std::vector<char*> envp;
-  for (const std::string& entry : environment) envp.push_back(const_cast<char*>(entry.c_str()));
-  for (char** entry = environ; *entry != nullptr; ++entry) envp.push_back(*entry);
-  envp.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, output_file.c_str(), O_WRONLY | O_CREAT | O_APPEND,
-                                   0600);
-  posix_spawn_file_actions_adddup2(&actions, 1, 2);
-  const std::string program = FindProgram(arguments[0]);
-  const int error =
-      posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  QUENOR_CHECK(error == 0, program.c_str());
-}
-
-ChildProcess::~ChildProcess() {
-  if (HasEnded()) return;
-  kill(pid_, SIGKILL);
-  Wait();
-}
-
-int ChildProcess::Wait(std::chrono::seconds patience) {
-  if (status_ == -1) {
-    status_ = ReapPatiently(pid_, patience);
-    if (status_ < 0) status_ = 128 - status_;
-  }
-  return status_;
-}
-
-bool ChildProcess::HasEnded() {
-  if (status_ != -1) return true;
-  int status = 0;
-  if (waitpid(pid_, &status, WNOHANG) != pid_) return false;
-  status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return true;
-}
 
 NginxServer::NginxServer(const Options& options) : is_tls_(options.certificate != nullptr) {
   std::string conf = "daemon off; master_process off; pid nginx.pid; error_log stderr notice;\n";
