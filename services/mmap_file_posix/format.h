@@ -4,7 +4,7 @@
 //   extents  multiples of 16 KiB, each one owner's: head, two short indexes, packets and long
 //   indexes
 //
-// An owner's content is what his seal in force says: the valid one of his two with the larger save
+// An owner's content is what its seal in force says: the valid one of its two with the larger save
 // number. A seal names an extent and an index in it; the index names packets, in order. Nothing
 // that a seal in force names is ever overwritten. How long an extent is, its head alone says.
 #ifndef SERVICES_MMAP_FILE_POSIX_FORMAT_H_
@@ -35,6 +35,9 @@ constexpr uint32_t kVersion = 2;
 constexpr uint64_t kHeaderMagic = 0x1a4d726f6e657571;  // "quenorM\x1a"
 constexpr uint64_t kExtentMagic = 0x1a58726f6e657571;  // "quenorX\x1a"
 constexpr uint32_t kPacketMagic = 0x1a504e51;          // "QNP\x1a"
+
+// A save that announces more is refused.
+constexpr uint64_t kMostAnnounced = uint64_t{1} << 40;
 
 // No file gets that far. What is numbered from here on is repaired, which numbers it anew; from
 // twice that on it does not even count, so that numbers never begin again.
@@ -158,6 +161,14 @@ constexpr uint64_t ShortIndexAt(int which) {
 }
 
 constexpr uint64_t RecordOffset(uint32_t owner) { return owner * kRecordSize; }
+// In a set of owners.
+constexpr uint64_t Bit(uint32_t owner) { return uint64_t{1} << owner; }
+
+// release: whoever sees `value`, in this process's remains or in another process, sees every store
+// before it.
+inline void StoreLast(uint64_t* to, uint64_t value) {
+  __atomic_store_n(to, value, __ATOMIC_RELEASE);
+}
 
 }  // namespace mmap_format
 QUENOR_NAMESPACE_END

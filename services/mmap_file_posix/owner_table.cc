@@ -17,7 +17,7 @@ namespace {
 constexpr uint64_t kWaitersBegin = uint64_t{1} << 62;
 constexpr uint64_t kWaitersEnd = INT64_MAX;
 constexpr int kWaitAgainMs = 5;
-// Who leaves a free lock for so long, and waits for it, does not run.
+// What leaves a free lock for so long, and waits for it, does not run.
 constexpr int64_t kTurnNs = 20 * 1000000;
 
 }  // namespace
@@ -38,6 +38,29 @@ OwnerView Table::View(uint32_t owner) const {
   return view;
 }
 
+void Table::PrepareHeader(uint64_t largest_save_number) const {
+  Header wanted = {};
+  wanted.magic = kHeaderMagic;
+  wanted.version = kVersion;
+  wanted.table_size = kTableSize;
+  wanted.record_size = kRecordSize;
+  wanted.owners = kOwners;
+  wanted.check = CheckOf(wanted);
+  // Also where someone has written over it while owners live: they know their places by heart.
+  const size_t fixed = offsetof(Header, next_save_number);
+  if (std::memcmp(header(), &wanted, fixed) != 0) {
+    const size_t behind_magic = sizeof wanted.magic;
+    std::memcpy(reinterpret_cast<uint8_t*>(header()) + behind_magic,
+                reinterpret_cast<const uint8_t*>(&wanted) + behind_magic, fixed - behind_magic);
+    StoreLast(&header()->magic, wanted.magic);
+  }
+  const uint64_t unused = largest_save_number + 1;
+  const uint64_t next_number = __atomic_load_n(&header()->next_save_number, __ATOMIC_RELAXED);
+  if (next_number < unused || next_number >= kSaveNumberLimit) {
+    __atomic_store_n(&header()->next_save_number, unused, __ATOMIC_RELAXED);
+  }
+}
+
 void Table::WriteSeal(uint32_t owner, int which, const Seal& seal) const {
   Seal* const to = &record(owner)->seals[which];
   StoreLast(&to->check, kWriting);
@@ -49,8 +72,100 @@ void Table::WriteSeal(uint32_t owner, int which, const Seal& seal) const {
 void Table::ReplaceSeal(uint32_t owner, int in_force_now, Seal seal) const {
   seal.save_number = NextSaveNumber();
   WriteSeal(owner, 1 - in_force_now, seal);
-  StoreLast(&record(owner)->seals[in_force_now].check, kWriting);
+  PutOutOfForce(owner, in_force_now);
 }
+
+void Table::SettleDeadOwners(uint64_t dead, cache_io::Durability durability) const {
+  uint64_t heirs = 0;
+  uint64_t superseded = 0;
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    if ((dead & Bit(owner)) == 0) continue;
+    for (Reservation& reserved : record(owner)->reserved) {
+      if (reserved.size != 0) reserved.size = 0;
+    }
+    const OwnerView view = View(owner);
+    // It died holding the locks of those whose content it had taken, so they are dead too.
+    if (view.in_force < 0 || view.seal().superseded == 0) continue;
+    if ((view.seal().superseded & ~dead) != 0) continue;
+    heirs |= Bit(owner);
+    for (uint32_t other = 1; other <= kOwners; ++other) {
+      if (Supersedes(view, other, View(other))) superseded |= Bit(other);
+    }
+  }
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    const OwnerView voided = View(owner);
+    if ((superseded & Bit(owner)) == 0) continue;
+    if (voided.in_force < 0 && voided.damage == nullptr) continue;
+    ReplaceSeal(owner, std::max(voided.in_force, 0), Seal());  // Also in place of a damaged one.
+  }
+  if (heirs != 0) (void)Flush(durability);
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    const OwnerView view = View(owner);
+    if ((heirs & Bit(owner)) == 0 || view.in_force < 0) continue;
+    Seal seal = view.seal();
+    seal.superseded = 0;
+    ReplaceSeal(owner, view.in_force, seal);
+  }
+}
+
+uint64_t Table::OwnersWithContent(uint64_t dead) const {
+  uint64_t owners = 0;
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    if ((dead & Bit(owner)) == 0) continue;
+    const OwnerView view = View(owner);
+    if (view.has_content() && view.damage == nullptr) owners |= Bit(owner);
+  }
+  for (uint32_t heir = 1; heir <= kOwners; ++heir) {
+    const OwnerView view = View(heir);
+    if (view.in_force < 0 || view.seal().superseded == 0) continue;
+    for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+      if (Supersedes(view, owner, View(owner))) owners &= ~Bit(owner);
+    }
+  }
+  return owners;
+}
+
+uint32_t Table::Oldest(uint64_t owners) const {
+  uint32_t oldest = 0;
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    if ((owners & Bit(owner)) == 0) continue;
+    if (oldest == 0 || View(owner).seal().save_number < View(oldest).seal().save_number) {
+      oldest = owner;
+    }
+  }
+  return oldest;
+}
+
+// A process that dies drops all its locks at once, but perhaps in the middle of a pass: whoever got
+// one of them gets the others in the next pass. What remains is whole: with every dead owner, all
+// whose content it had taken.
+bool LockDeadOwners(const cache_io::Descriptor& file, uint64_t* dead) {
+  uint64_t before;
+  do {
+    before = *dead;
+    for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+      if ((*dead & Bit(owner)) != 0) continue;
+      if (cache_io::TryLock(file.fd(), RecordOffset(owner), 1)) {
+        *dead |= Bit(owner);
+      } else if (errno != EAGAIN) {
+        return false;
+      }
+    }
+  } while (*dead != before);
+  return true;
+}
+
+void UnlockOwners(const cache_io::Descriptor& file, uint64_t owners) {
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    if ((owners & Bit(owner)) != 0) cache_io::Unlock(file.fd(), RecordOffset(owner), 1);
+  }
+}
+
+int HasLiveOwners(const cache_io::Descriptor& file) {
+  return cache_io::IsLockedByOther(file.fd(), RecordOffset(1), kTableSize - RecordOffset(1));
+}
+
+void DropAllLocks(const cache_io::Descriptor& file) { cache_io::Unlock(file.fd(), 0, kTableSize); }
 
 bool TableLock::Take(const cache_io::Descriptor& file, int wait_ms) {
   const int fd = file.fd();

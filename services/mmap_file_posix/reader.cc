@@ -53,12 +53,6 @@ bool IsLeftOver(const ExtentHeader& head, const OwnerView& owner) {
   return head.state == kBuilding || head.state == kFree || sealed_since;
 }
 
-void SortByBegin(Range* first, Range* last) {
-  const auto comes_before = [](Range a, Range b) { return a.begin < b.begin; };
-  std::make_heap(first, last, comes_before);
-  std::sort_heap(first, last, comes_before);
-}
-
 OwnerView ViewOf(const OwnerRecord& record) {
   OwnerView view;
   SealState states[2];
@@ -122,7 +116,7 @@ uint64_t Reader::SupersededOwners() const {
     const OwnerView view = Owner(heir);
     if (view.in_force < 0 || view.seal().superseded == 0) continue;
     for (uint32_t owner = 1; owner <= kOwners; ++owner) {
-      if (Supersedes(view, owner, Owner(owner))) superseded |= uint64_t{1} << owner;
+      if (Supersedes(view, owner, Owner(owner))) superseded |= Bit(owner);
     }
   }
   return superseded;
@@ -198,7 +192,7 @@ bool Reader::ReadContent(uint32_t owner, const Seal& seal, PacketPlaces* packets
   bool is_sound;
   if (!ReadExtentSize(seal, &size, &is_sound)) return false;
   const uint64_t end = std::min(seal.extent_offset + size, file_size_);
-  // A writer makes the room before he names it.
+  // A writer makes the room before it names it.
   if (end < seal.extent_offset + size) *damage = "an extent behind the end of the file";
   ExtentHeader header;
   bool whole;

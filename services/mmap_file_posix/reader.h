@@ -8,6 +8,7 @@
 
 #include "services/cache_shared/nothrow_array.h"
 #include "services/mmap_file_posix/format.h"
+#include "services/mmap_file_posix/ranges.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace mmap_format {
@@ -19,13 +20,6 @@ struct PacketPlace {
   uint64_t body_check;
 };
 using PacketPlaces = NothrowArray<PacketPlace>;
-
-struct Range {
-  uint64_t begin;
-  uint64_t end;
-};
-// By their begins.
-void SortByBegin(Range* first, Range* last);
 
 // What an owner's record says.
 struct OwnerView {
@@ -54,7 +48,7 @@ bool IsLeftOver(const ExtentHeader& head, const OwnerView& owner);
 enum class TableState { kFresh, kGood, kNewer, kDamaged };
 
 // Everything that is intact in a file that nobody has open. Packets of one former owner stand
-// together, in the order of his content.
+// together, in the order of its content.
 struct Survey {
   struct Group {
     uint32_t owner;  // 0: what no owner's record names.

@@ -9,10 +9,9 @@ namespace mmap_format {
 namespace {
 
 constexpr int kWaitMs = 1000;
-// What records can name: two seals and two reservations each, and all room when one is damaged.
-constexpr size_t kMostRanges = 5 * kOwners;
-
-bool Overlap(const Range& a, const Range& b) { return a.begin < b.end && b.begin < a.end; }
+// The table, and what records can name: two seals and two reservations each, and all room when one
+// is damaged.
+constexpr size_t kMostRanges = 1 + 5 * kOwners;
 
 bool FileSizeOf(const cache_io::Descriptor& file, uint64_t* size) {
   uint64_t links;
@@ -21,48 +20,47 @@ bool FileSizeOf(const cache_io::Descriptor& file, uint64_t* size) {
 
 }  // namespace
 
-// Holds the table's lock, and keeps errno when it lets it go.
-class Room::Locked {
- public:
-  explicit Locked(const Room& room) : room_(room), holds_(room.lock_.Take(room.file_, kWaitMs)) {
-    if (holds_) room_.lock_.SignAs(room_.table_);
-  }
-  ~Locked() {
-    if (!holds_) return;
-    const int error = errno;
-    room_.lock_.Drop(room_.file_, room_.table_);
-    errno = error;
-  }
-  Locked(const Locked&) = delete;
-  Locked& operator=(const Locked&) = delete;
-  explicit operator bool() const { return holds_; }
+Room::Locked::Locked(Room& room, int wait_ms)
+    : room_(room), holds_(room.lock_.Take(room.file_, wait_ms)) {
+  if (holds_ && room_.table_.is_mapped()) room_.lock_.SignAs(room_.table_);
+}
 
- private:
-  const Room& room_;
-  const bool holds_;
-};
+Room::Locked::~Locked() {
+  if (!holds_ || !room_.file_.is_open()) return;
+  const int error = errno;
+  room_.lock_.Drop(room_.file_, room_.table_);
+  errno = error;
+}
 
-bool Room::Take(uint64_t size, Extent* extent) const {
+bool Room::MapTable() {
+  if (!cache_io::Allocate(file_.fd(), 0, kTableSize) || !table_.Map(file_)) return false;
+  lock_.SignAs(table_);
+  return true;
+}
+
+bool Room::Take(uint64_t size, Extent* extent) {
   const uint64_t epoch = table_.NextSaveNumber();
-  const Locked locked(*this);
+  const Locked locked(*this, kWaitMs);
   return locked && TakeLocked(size, epoch, extent);
 }
 
 // The first range that is long enough and surely free: what may be content that has lost its seal
-// is left alone.
-bool Room::TakeLocked(uint64_t size, uint64_t epoch, Extent* extent) const {
-  NothrowArray<Range> used;
-  uint64_t file_size;
-  if (!UsedRanges(&used) || !FileSizeOf(file_, &file_size)) return false;
-  const size_t count = used.size();
-  if (!used.Push({UINT64_MAX, UINT64_MAX})) return false;
-  uint64_t at = kTableSize;
-  for (size_t i = 0; i <= count; ++i) {
-    const uint64_t gap_end = std::min(used[i].begin, file_size);
-    if (used[i].begin >= at + size && FreeRange(at, std::min(at + size, gap_end), gap_end)) break;
-    // Behind the last range in use, what is not free is passed over as a whole.
-    at = std::max(at, i < count ? used[i].end : RoundUp(file_size, kUnit));
+// is left alone. Behind the last range in use, what is not free is passed over as a whole.
+uint64_t Room::FindPlace(uint64_t size, const UsedRanges& used, uint64_t file_size) const {
+  for (size_t i = 0; i < used.gaps(); ++i) {
+    const Range gap = used.gap(i);
+    const uint64_t end = std::min(gap.end, file_size);
+    if (gap.end - gap.begin < size) continue;
+    if (FreeRange(gap.begin, std::min(gap.begin + size, end), end)) return gap.begin;
   }
+  return std::max(used.End(), RoundUp(file_size, kUnit));
+}
+
+bool Room::TakeLocked(uint64_t size, uint64_t epoch, Extent* extent) const {
+  UsedRanges used;
+  uint64_t file_size;
+  if (!FindUsed(&used) || !FileSizeOf(file_, &file_size)) return false;
+  const uint64_t at = FindPlace(size, used, file_size);
   Reservation* const slots = table_.record(own_)->reserved;
   Reservation& slot = slots[0].size == 0 ? slots[0] : slots[1];
   slot.offset = at;
@@ -79,8 +77,7 @@ bool Room::TakeLocked(uint64_t size, uint64_t epoch, Extent* extent) const {
     errno = error;
     return false;
   }
-  made.file_offset = at;
-  made.epoch = epoch;
+  made.name = {at, epoch};
   ExtentHeader* const head = made.header();  // Zeros so far.
   head->magic = kExtentMagic;
   head->owner = own_;
@@ -112,16 +109,15 @@ bool Room::MapSealed(const Seal& seal, Extent* extent) const {
       !extent->map.Map(file_, seal.extent_offset, size)) {
     return false;
   }
-  extent->file_offset = seal.extent_offset;
-  extent->epoch = seal.extent_epoch;
+  extent->name = {seal.extent_offset, seal.extent_epoch};
   StoreLast(&extent->header()->state, kInUse);
   return true;
 }
 
-bool Room::Lengthen(uint64_t size, Extent* extent) const {
+bool Room::Lengthen(uint64_t size, Extent* extent) {
   cache_io::Mapping map;
   {
-    const Locked locked(*this);
+    const Locked locked(*this, kWaitMs);
     if (!locked || !LengthenLocked(size, extent, &map)) return false;
   }
   extent->map.swap(map);
@@ -130,55 +126,53 @@ bool Room::Lengthen(uint64_t size, Extent* extent) const {
 }
 
 bool Room::LengthenLocked(uint64_t size, Extent* extent, cache_io::Mapping* map) const {
-  const uint64_t begin = extent->file_offset + extent->size();
-  const uint64_t end = extent->file_offset + size;
-  NothrowArray<Range> used;
+  const uint64_t begin = extent->end();
+  const uint64_t end = extent->name.offset + size;
+  UsedRanges used;
   uint64_t file_size;
-  if (!UsedRanges(&used) || !FileSizeOf(file_, &file_size)) return false;
-  uint64_t gap_end = std::max(end, file_size);
-  for (const Range& range : used) {
-    if (range.begin >= begin) gap_end = std::min(gap_end, range.begin);
-    if (range.begin < begin && range.end > begin) gap_end = begin;
-  }
+  if (!FindUsed(&used) || !FileSizeOf(file_, &file_size)) return false;
+  const uint64_t gap_end = used.GapEnd(begin);
   if (gap_end < end || !FreeRange(begin, std::min(end, file_size), std::min(gap_end, file_size))) {
     errno = EEXIST;
     return false;
   }
   if (!Allocate(begin, end)) return false;
-  if (!map->Map(file_, extent->file_offset, size)) {
+  if (!map->Map(file_, extent->name.offset, size)) {
     const int error = errno;
     UndoAllocate(begin, end, file_size);
     errno = error;
     return false;
   }
-  for (Reservation& slot : table_.record(own_)->reserved) {
-    if (slot.size != 0 && slot.offset == extent->file_offset) StoreLast(&slot.size, size);
-  }
-  StoreLast(&extent->header()->length, LengthWord(size, extent->epoch));
+  SetLength(size, extent);
   return true;
 }
 
 // What is behind it is free only when it reads as zeros: killed on the way, it is still the
 // extent's.
-bool Room::Shorten(uint64_t size, Extent* extent) const {
+bool Room::Shorten(uint64_t size, Extent* extent) {
   cache_io::Mapping map;
-  if (!map.Map(file_, extent->file_offset, size)) return false;
-  const Locked locked(*this);
+  if (!map.Map(file_, extent->name.offset, size)) return false;
+  const Locked locked(*this, kWaitMs);
   if (!locked) return false;
-  const uint64_t end = extent->file_offset + extent->size();
+  const uint64_t begin = extent->name.offset + size;
+  const uint64_t end = extent->end();
   extent->map.swap(map);
   map.Unmap();
-  if (!cache_io::ZeroRange(file_.fd(), extent->file_offset + size,
-                           end - extent->file_offset - size) ||
+  if (!cache_io::ZeroRange(file_.fd(), begin, end - begin) ||
       (durability_ == cache_io::Durability::kOnDisk && !cache_io::SyncFile(file_.fd()))) {
     return false;
   }
-  for (Reservation& slot : table_.record(own_)->reserved) {
-    if (slot.size != 0 && slot.offset == extent->file_offset) StoreLast(&slot.size, size);
-  }
-  StoreLast(&extent->header()->length, LengthWord(size, extent->epoch));
+  SetLength(size, extent);
   CutEnd();
   return true;
+}
+
+// The store in the head is the step.
+void Room::SetLength(uint64_t size, Extent* extent) const {
+  for (Reservation& slot : table_.record(own_)->reserved) {
+    if (slot.size != 0 && slot.offset == extent->name.offset) StoreLast(&slot.size, size);
+  }
+  StoreLast(&extent->header()->length, LengthWord(size, extent->name.epoch));
 }
 
 bool Room::Allocate(uint64_t begin, uint64_t end) const {
@@ -213,44 +207,44 @@ bool Room::ReadHead(uint64_t offset, ExtentHeader* head) const {
   }
 }
 
-// With the table's lock held. What any owner's record names, in order; the table itself excepted.
-// Leaves room for one range more.
-bool Room::UsedRanges(NothrowArray<Range>* used) const {
-  if (!used->Reserve(kMostRanges + 1)) {
+// With the table's lock held. The table itself, and what any owner's record names.
+bool Room::FindUsed(UsedRanges* used) const {
+  used->Begin(UINT64_MAX);
+  if (!used->Reserve(kMostRanges)) {
     errno = ENOMEM;
     return false;
   }
+  (void)used->Add(0, kTableSize);
   for (uint32_t owner = 1; owner <= kOwners; ++owner) {
     const OwnerView view = table_.View(owner);
     bool is_known = view.damage == nullptr;
     for (int i = 0; i < 2; ++i) {
       const bool has_extent = view.valid[i] && view.seals[i].extent_offset != 0;
       if (has_extent && !AddUsed(view.seals[i], used)) is_known = false;
-      if (view.reserved[i].end != 0) (void)used->Push(view.reserved[i]);
+      if (view.reserved[i].end != 0) (void)used->Add(view.reserved[i].begin, view.reserved[i].end);
     }
     if (is_known) continue;
-    // Nobody can say what is his until a repair: only room behind the end is free.
+    // Nobody can say what it has until a repair: only room behind the end is free.
     uint64_t size;
     if (!FileSizeOf(file_, &size)) return false;
-    (void)used->Push({kTableSize, std::max(kTableSize, RoundUp(size, kUnit))});
+    (void)used->Add(kTableSize, std::max(kTableSize, RoundUp(size, kUnit)));
   }
-  SortByBegin(used->begin(), used->end());
+  used->Join();
   return true;
 }
 
 // False when it cannot be told how long the extent is. The head is there for as long as a seal
 // names it: nobody erases it but with the lock held, and after that.
-bool Room::AddUsed(const Seal& seal, NothrowArray<Range>* used) const {
+bool Room::AddUsed(const Seal& seal, UsedRanges* used) const {
   ExtentHeader head;
   if (!ReadHead(seal.extent_offset, &head) || !IsHeadOf(head, seal)) return false;
-  (void)used->Push({seal.extent_offset, seal.extent_offset + SizeOf(head)});
+  (void)used->Add(seal.extent_offset, seal.extent_offset + SizeOf(head));
   return true;
 }
 
 // With the table's lock held. Whether nothing of value starts at `at`, which no record names:
 // zeros, or an extent that was given back or whose owner died filling it, which are then made
-// zeros.
-// `*skip` is how far that holds.
+// zeros. `*skip` is how far that holds.
 bool Room::IsFreeUnit(uint64_t at, uint64_t gap_end, uint64_t* skip) const {
   *skip = kUnit;
   ExtentHeader head;
@@ -283,32 +277,35 @@ bool Room::EraseExtent(uint64_t offset, uint64_t size) const {
   return cache_io::ZeroRange(fd, offset, head);
 }
 
+void Room::Discard(Extent* extent) {
+  const ExtentName name = MarkFree(extent);
+  DropReservation(name.offset);
+  GiveBack(name);
+}
+
 // Free room reads as zeros, or is not there at all. When the lock is not to be had, the extent's
 // head tells the next who looks for room what it is. By the time it is, others may have used that
 // room and left it again: what they left there has a head of its own, and may be longer.
-void Room::GiveBack(uint64_t offset, uint64_t epoch) const {
-  const Locked locked(*this);
+void Room::GiveBack(ExtentName name) {
+  const Locked locked(*this, kWaitMs);
   if (!locked) return;
-  NothrowArray<Range> used;
+  UsedRanges used;
   uint64_t file_size;
   ExtentHeader head;
-  if (!UsedRanges(&used) || !FileSizeOf(file_, &file_size) || !ReadHead(offset, &head)) return;
-  if (IsSound(head, offset) && head.epoch == epoch && offset < file_size) {
-    const Range range = {offset, std::min(offset + SizeOf(head), file_size)};
-    const bool in_use = std::any_of(used.begin(), used.end(),
-                                    [&](const Range& other) { return Overlap(range, other); });
-    if (!in_use) (void)EraseExtent(range.begin, range.end - range.begin);
+  if (!FindUsed(&used) || !FileSizeOf(file_, &file_size) || !ReadHead(name.offset, &head)) return;
+  if (IsSound(head, name.offset) && head.epoch == name.epoch && name.offset < file_size) {
+    const Range range = {name.offset, std::min(name.offset + SizeOf(head), file_size)};
+    if (!used.Overlaps(range)) (void)EraseExtent(range.begin, range.end - range.begin);
   }
   CutEnd();
 }
 
 // With the table's lock held. Of the file, what is behind all that is in use.
 void Room::CutEnd() const {
-  NothrowArray<Range> used;
+  UsedRanges used;
   uint64_t file_size;
-  if (!UsedRanges(&used) || !FileSizeOf(file_, &file_size)) return;
-  uint64_t end = kTableSize;
-  for (const Range& range : used) end = std::max(end, range.end);
+  if (!FindUsed(&used) || !FileSizeOf(file_, &file_size)) return;
+  const uint64_t end = used.End();
   if (end < file_size && FreeRange(end, file_size, file_size)) {
     (void)cache_io::Truncate(file_.fd(), end);
   }

@@ -60,23 +60,6 @@ TEST_F(MmapFileCostTest, DiskSpaceIsBoundedByTheContentOverTenThousandSaves) {
   EXPECT_EQ(packets, LoadMapped(path_));
 }
 
-TEST_F(MmapFileCostTest, DiskSpaceFollowsAContentThatShrinksSlowly) {
-  Packets packets = NamedPackets("p", 1000, 1000);
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(OpenFile(file, path_));
-  double worst = 0;
-
-  for (; !packets.empty(); packets.pop_back()) {
-    ASSERT_TRUE(Save(file, packets));
-    ASSERT_LE(BytesOnDisk(path_), MostOnDisk(packets)) << packets.size();
-    worst = std::max(worst, static_cast<double>(BytesOnDisk(path_)) /
-                                static_cast<double>(AnnouncedSize(packets) + (64 << 10)));
-  }
-
-  std::cout << "size bound: a megabyte shrinking by a packet a save, at most " << worst
-            << " x (content + 64 KiB)" << std::endl;
-}
-
 // However it comes, and however much of it is new in each save.
 TEST_F(MmapFileCostTest, OfLongPacketsIsBoundedByTwoAndAHalfTimesTheContent) {
   const Packets all = NamedPackets("long", 300, 65536);
@@ -97,20 +80,6 @@ TEST_F(MmapFileCostTest, OfLongPacketsIsBoundedByTwoAndAHalfTimesTheContent) {
   file.Close();
 
   EXPECT_EQ(200u, LoadMapped(path_).size());
-}
-
-TEST_F(MmapFileCostTest, GivesSpaceBackWhenTheContentShrinks) {
-  MultiProcessSafetyMmapFile file;
-  ASSERT_TRUE(OpenFile(file, path_));
-  ASSERT_TRUE(Save(file, NamedPackets("large", 200, 20000)));
-  const uint64_t large = BytesOnDisk(path_);
-  ASSERT_GE(large, 4000000u);
-
-  for (int i = 0; i < 3; ++i) ASSERT_TRUE(Save(file, {NamedPacket("small", 1, 100)}));
-
-  EXPECT_LT(BytesOnDisk(path_), large / 8);
-  file.Close();
-  EXPECT_EQ(Packets{NamedPacket("small", 1, 100)}, LoadMapped(path_));
 }
 
 TEST_F(MmapFileCostTest, AnOwnerThatClosesWithoutContentGivesItsRoomBack) {
@@ -154,24 +123,6 @@ TEST_F(MmapFileCostTest, AnExtentThatCannotBeCutOffIsTriedOnce) {
   FileCalls::Reset();
   file.Close();
   EXPECT_EQ(Packets{packets[0]}, LoadMapped(path_));
-}
-
-TEST_F(MmapFileCostTest, GivesSpaceBackOfDeadOwners) {
-  {
-    MultiProcessSafetyMmapFile owners[10];
-    for (MultiProcessSafetyMmapFile& owner : owners) {
-      ASSERT_TRUE(OpenFile(owner, path_));
-      ASSERT_TRUE(Save(owner, NamedPackets("large", 15, 20000)));
-    }
-  }
-  const uint64_t large = BytesOnDisk(path_);
-  MultiProcessSafetyMmapFile heir;
-  ASSERT_TRUE(OpenFile(heir, path_));
-  ASSERT_EQ(150u, ReadAll(heir).size());
-
-  for (int i = 0; i < 3; ++i) ASSERT_TRUE(Save(heir, {"small"}));
-
-  EXPECT_LT(BytesOnDisk(path_), large / 8);
 }
 
 TEST_F(MmapFileCostTest, NoAllocationPerSaveInTheSteadyState) {

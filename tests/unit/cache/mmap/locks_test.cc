@@ -146,27 +146,6 @@ TEST_F(MmapFileLocksTest, RoomIsTakenAndGivenBackOnlyUnderTheTablesLock) {
   }
 }
 
-TEST_F(MmapFileLocksTest, AFileThatIsReplacedWhileItIsOpenedIsLeftForTheNewOne) {
-  const std::string elsewhere = folder_.File("elsewhere");
-  bool replaced = false;
-  Watcher watcher;
-  watcher.after = [&](const CallInfo& info) {
-    if (info.call != Call::kOpen || replaced) return;
-    replaced = true;
-    ASSERT_EQ(0, std::rename(path_.c_str(), elsewhere.c_str()));
-    ASSERT_TRUE(WriteWholeFile(path_, ""));
-  };
-  MultiProcessSafetyMmapFile file;
-
-  ASSERT_TRUE(OpenFile(file, path_));
-  ASSERT_TRUE(Save(file, {"a"}));
-  file.Close();
-
-  EXPECT_TRUE(replaced);
-  EXPECT_EQ(0u, SizeOf(elsewhere));
-  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
-}
-
 TEST_F(MmapFileLocksTest, AFileThatANewerVersionHasOpenIsLeftAlone) {
   MultiProcessSafetyMmapFile living;
   ASSERT_TRUE(OpenFile(living, path_));
@@ -193,57 +172,6 @@ TEST_F(MmapFileLocksTest, AFileThatANewerVersionHasOpenIsLeftAlone) {
 
 bool IsTableLock(const CallInfo& info) {
   return info.call == Call::kFcntl && info.offset == 0 && info.size == 1;
-}
-
-// A process that fills an extent of `size` bytes, the first long enough that is free, and dies
-// before it seals that; whoever opens the file next drops what it had reserved.
-void LeaveExtentWithoutName(const std::string& path, size_t size) {
-  const pid_t child = fork();
-  if (child == 0) {
-    MultiProcessSafetyMmapFile file;
-    const Packets packets = NamedPackets("never sealed", size / 500, 500);
-    bool done = OpenFile(file, path) && file.Clear(AnnouncedSize(packets) + 100);
-    for (const std::string& packet : packets) done = done && Append(file, packet);
-    _exit(done ? 0 : 1);
-  }
-  int status = -1;
-  ASSERT_EQ(child, waitpid(child, &status, 0));
-  ASSERT_EQ(0, status);
-  EXPECT_EQ(Packets{}, LoadMapped(path));
-}
-
-// Held up at each request for the table's lock in turn, among them that to give back the extent
-// that it has left: by then others have used that room, together with what was free behind it.
-TEST_F(MmapFileLocksTest, RoomThatOthersHaveTakenMeanwhileIsNotGivenBack) {
-  int held_up = 0;
-  for (size_t size = 1000; size < 30000; size += 2000) {
-    bool was_held_up = true;
-    for (int nth = 1; was_held_up; ++nth) {
-      const std::string path = folder_.File(std::to_string(size) + "." + std::to_string(nth));
-      MultiProcessSafetyMmapFile file, neighbour;
-      ASSERT_TRUE(OpenFile(file, path) && Save(file, {"a"}));
-      ASSERT_TRUE(OpenFile(neighbour, path) && Save(neighbour, NamedPackets("b", 3, 3000)));
-      int requests = 0;
-      {
-        Watcher watcher;
-        watcher.before = [&](const CallInfo& info) {
-          if (!IsTableLock(info) || ++requests != nth) return;
-          ASSERT_TRUE(Save(neighbour, {}));
-          neighbour.Close();
-          ASSERT_NO_FATAL_FAILURE(LeaveExtentWithoutName(path, size));
-        };
-        ASSERT_TRUE(Save(file, NamedPackets("grown", 60, 1000)));
-      }
-      was_held_up = requests >= nth;
-      held_up += was_held_up;
-      file.Close();
-      RecordingLog::Clear();
-
-      EXPECT_EQ(60u, LoadMapped(path).size()) << size << ", request " << nth;
-      EXPECT_EQ(0, LinesWith(2, "")) << size << ", request " << nth;
-    }
-  }
-  EXPECT_GT(held_up, 8);
 }
 
 // Content of a dead owner whose record has lost all bytes of its seals, or some, stands behind the

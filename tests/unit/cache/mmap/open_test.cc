@@ -108,18 +108,6 @@ TEST_F(MmapFileOpenTest, FollowsASymbolicLinkToTheFolder) {
   EXPECT_EQ(Packets{"a"}, LoadMapped(link + "/channel.mmap"));
 }
 
-TEST_F(MmapFileOpenTest, RefusesAFifoWithoutWaitingForItsOtherEnd) {
-  ASSERT_EQ(0, mkfifo(path_.c_str(), 0600));
-
-  ExpectRefused(path_);
-}
-
-TEST_F(MmapFileOpenTest, RefusesWhatIsNoRegularFile) {
-  ExpectRefused(folder_.path());
-  ExpectRefused("/dev/null");
-  ExpectRefused("/dev/tty");
-}
-
 TEST_F(MmapFileOpenTest, RefusesAWayThroughTheParent) {
   ASSERT_EQ(0, mkdir(folder_.File("below").c_str(), 0700));
 
@@ -211,25 +199,6 @@ TEST_F(MmapFileOpenTest, OfAFileWithoutContentLeavesItAsItIs) {
 
     EXPECT_TRUE(bytes == ReadWholeFile(path_)) << seal_in_force;
   }
-}
-
-TEST_F(MmapFileOpenTest, RepairDoesNotWriteToWhereALinkLeads) {
-  const Packets all = NamedPackets("p", 5, 300);
-  Leave(all);
-  std::string bytes = ReadWholeFile(path_);
-  const StoredPacket hit = FindPacket(bytes, all[3]).at(0);
-  bytes[hit.end - 1] = static_cast<char>(bytes[hit.end - 1] ^ 1);
-  ASSERT_TRUE(WriteWholeFile(path_, bytes));
-  const std::string elsewhere = folder_.File("elsewhere");
-  ASSERT_TRUE(WriteWholeFile(elsewhere, "somebody else's"));
-  ASSERT_EQ(0, symlink(elsewhere.c_str(), (path_ + ".recovered").c_str()));
-
-  LoadMapped(path_);
-
-  EXPECT_EQ("somebody else's", ReadWholeFile(elsewhere));
-  // At the latest the next start has repaired it.
-  EXPECT_EQ((Packets{all[0], all[1], all[2], all[4]}), LoadMapped(path_));
-  EXPECT_EQ("somebody else's", ReadWholeFile(elsewhere));
 }
 
 TEST_F(MmapFileOpenTest, ReadsOnceMoreWhatTheDiskFailedToRead) {
