@@ -1,5 +1,6 @@
 /* The protocol of the memory-mapped cache file: open, claim, take over, save, move, close, kill.
- * Page: docs/design/mmap-file.md. scripts/check_model runs it.
+ * What does what a function of the code does has that function's name, in capitals where it is a
+ * macro. Page: docs/design/mmap-file-model.md. scripts/check_model runs it.
  *
  * One step is one store, lock or look that another process, or whoever comes after a kill, can tell
  * from the next one. Before every step a process may be killed: its locks go, what it stored stays.
@@ -196,44 +197,44 @@ inline LeaveAll() {
 #define OR_DIE if :: true :: DIE fi
 
 /* --- Seals ------------------------------------------------------------------------------------- */
-inline Wipe(q) { valid[q] = 0; mask[q] = 0; cont[q] = 0; ext[q] = 0 }
-inline Write(rec, s, c, e, m) {
+inline WipeSeal(q) { valid[q] = 0; mask[q] = 0; cont[q] = 0; ext[q] = 0 }
+inline WriteSeal(rec, s, c, e, m) {
   valid[S(rec, s)] = 1; cont[S(rec, s)] = c; ext[S(rec, s)] = e; mask[S(rec, s)] = m;
   newer[rec] = s; sealed[rec] = 1;
   cont[S(rec, 1 - (s))] = 0; mask[S(rec, 1 - (s))] = 0 /* Of no account any more. */
 }
 /* An empty seal in force, and the one that was out of it for good; then THEN, which others cannot
  * see. A seal that is marked already need not be marked again. */
-#define REPLACE(rec, c, e, THEN)                                                              \
-  if                                                                                          \
-  :: atomic { valid[S(rec, 1 - INF(rec))] -> slot = 1 - INF(rec); Wipe(S(rec, slot)) };       \
-     STEP(Write(rec, slot, c, e, 0); slot = 1 - slot; Check())                                \
-  :: atomic { !valid[S(rec, 1 - INF(rec))] -> slot = INF(rec);                                \
-       Write(rec, 1 - slot, c, e, 0); Check() }                                               \
-  :: KILL                                                                                     \
-  fi;                                                                                         \
-  STEP(Wipe(S(rec, slot)); slot = 0; Check(); THEN)
-#define VOID(rec, THEN) REPLACE(rec, 0, 0, THEN)
+#define REPLACE_SEAL(rec, c, e, THEN)                                                       \
+  if                                                                                        \
+  :: atomic { valid[S(rec, 1 - INF(rec))] -> slot = 1 - INF(rec); WipeSeal(S(rec, slot)) }; \
+     STEP(WriteSeal(rec, slot, c, e, 0); slot = 1 - slot; Check())                          \
+  :: atomic { !valid[S(rec, 1 - INF(rec))] -> slot = INF(rec);                              \
+       WriteSeal(rec, 1 - slot, c, e, 0); Check() }                                         \
+  :: KILL                                                                                   \
+  fi;                                                                                       \
+  STEP(WipeSeal(S(rec, slot)); slot = 0; Check(); THEN)
+#define VOID(rec, THEN) REPLACE_SEAL(rec, 0, 0, THEN)
 /* The same content, standing for nobody else's any more. */
 #define RESEAL(rec, THEN) \
-  REPLACE(rec, cont[S(rec, newer[rec])], ext[S(rec, newer[rec])], THEN)
+  REPLACE_SEAL(rec, cont[S(rec, newer[rec])], ext[S(rec, newer[rec])], THEN)
 /* The first step of a save's seal. */
-#define MARK_SEAL slot = 1 - INF(own); Wipe(S(own, slot)); Check()
+#define BEGIN_SEAL slot = 1 - INF(own); WipeSeal(S(own, slot)); Check()
 /* Both of a dead owner's record, by one who holds the table's lock. */
-inline ReplaceDead(rec, c, e) {
-  OR_DIE; slot = INF(rec); Wipe(S(rec, 1 - slot));
-  OR_DIE; Write(rec, 1 - slot, c, e, 0); Check();
-  OR_DIE; Wipe(S(rec, slot)); slot = 0; Check()
+inline ReplaceSealOfDead(rec, c, e) {
+  OR_DIE; slot = INF(rec); WipeSeal(S(rec, 1 - slot));
+  OR_DIE; WriteSeal(rec, 1 - slot, c, e, 0); Check();
+  OR_DIE; WipeSeal(S(rec, slot)); slot = 0; Check()
 }
-#define VOID_DEAD(rec) ReplaceDead(rec, 0, 0)
-#define RESEAL_DEAD(rec) ReplaceDead(rec, cont[S(rec, slot)], ext[S(rec, slot)])
+#define VOID_DEAD(rec) ReplaceSealOfDead(rec, 0, 0)
+#define RESEAL_DEAD(rec) ReplaceSealOfDead(rec, cont[S(rec, slot)], ext[S(rec, slot)])
 
 /* --- Room -------------------------------------------------------------------------------------- */
 #define NAMED(r, s) (valid[S(r, s)] -> UNITS_OF(ext[S(r, s)]) : 0)
 #define IS_ANOTHERS(r) (record_lock[r] != NOBODY && record_lock[r] != p)
 
 /* Records that nobody else writes to may as well be read at once. */
-inline ScanStable() {
+inline FindUsedStable() {
   do
   :: i <= RECORDS && !IS_ANOTHERS(i) ->
      used = used | NAMED(i, 0) | NAMED(i, 1) | reserved[i];
@@ -241,26 +242,26 @@ inline ScanStable() {
   :: else -> break
   od
 }
-inline ScanNext() {
+inline FindUsedNext() {
   used = used | NAMED(i, 0) | NAMED(i, 1) | reserved[i];
   i++;
-  ScanStable()
+  FindUsedStable()
 }
 
 #define ALL_EXTENTS (BIT(EXTENTS + 1) - 2)
 /* Locks the table, looks which extents are named, record by record, and does the rest with the lock
  * held to the end of it. */
-#define LOCK_TABLE table_lock == NOBODY -> table_lock = p; used = 0; i = 1; ScanStable()
-#define SCAN_THEN(...)                                                     \
-  do                                                                       \
-  :: atomic { i <= RECORDS -> ScanNext() }                                 \
-  :: atomic { i > RECORDS -> i = 0; __VA_ARGS__; break }                   \
-  :: KILL                                                                  \
+#define LOCKED table_lock == NOBODY -> table_lock = p; used = 0; i = 1; FindUsedStable()
+#define FIND_USED_THEN(...)                              \
+  do                                                     \
+  :: atomic { i <= RECORDS -> FindUsedNext() }           \
+  :: atomic { i > RECORDS -> i = 0; __VA_ARGS__; break } \
+  :: KILL                                                \
   od
-#define UNLOCK_TABLE used = 0; table_lock = NOBODY
+#define UNLOCK used = 0; table_lock = NOBODY
 
 /* Whatever stood there, another extent or none does now. */
-inline NewHead(u) {
+inline HeadIsGone(u) {
   d_step {
     head = head & ~BIT(u);
     two = two & ~BIT(u);
@@ -270,55 +271,59 @@ inline NewHead(u) {
 }
 inline ZeroUnit(u) { MustBeFree(u); data[u] = 0 }
 /* An extent that nobody names: its head goes last. */
-inline Erase(e) {
+inline EraseExtent(e) {
   if
   :: HAS(two, e) && !HAS(used, e + 1) -> ZeroUnit(e + 1)
   :: else
   fi;
   ZeroUnit(e);
   OR_DIE;
-  NewHead(e)
+  HeadIsGone(e)
 }
 /* What a dead owner or one without the lock has left in a unit that nobody names. */
-inline MakeFree(u) {
+inline FreeRange(u) {
   if
-  :: HAS(head, u) -> Erase(u)
+  :: HAS(head, u) -> EraseExtent(u)
   :: else -> assert(data[u] == 0)
   fi
 }
-/* Zeroes an extent that nobody names, if it is still there; then cuts off what nobody names at the
- * end. `LATE_GIVE_BACK`: without a look whether it is, and as long as it was. */
-inline ZeroAndCut(e, was) {
+/* What nobody names at the end. */
+inline CutEnd() {
+  x = EXTENTS;
+  do
+  :: x > 0 && !HAS(used, x) ->
+     if
+     :: there[x] -> ZeroUnit(x); HeadIsGone(x); there[x] = 0
+     :: else
+     fi;
+     x--
+  :: else -> break
+  od;
+  x = 0
+}
+/* Zeroes an extent that nobody names, if it is still there; then cuts off the end.
+ * `LATE_GIVE_BACK`: without a look whether it is, and as long as it was. */
+inline GiveBackLocked(e, was) {
 #ifdef LATE_GIVE_BACK
   if
   :: (used & was) == 0 && there[e] ->
      ZeroUnit(e);
-     NewHead(e);
+     HeadIsGone(e);
      if
-     :: HAS(was, e + 1) -> ZeroUnit(e + 1); NewHead(e + 1)
+     :: HAS(was, e + 1) -> ZeroUnit(e + 1); HeadIsGone(e + 1)
      :: else
      fi
   :: else
   fi;
 #else
   if
-  :: HAS(still[p], e) && (used & UNITS_OF(e)) == 0 && there[e] -> Erase(e)
+  :: HAS(still[p], e) && (used & UNITS_OF(e)) == 0 && there[e] -> EraseExtent(e)
   :: else
   fi;
 #endif
   OR_DIE;
-  x = EXTENTS;
-  do
-  :: x > 0 && !HAS(used, x) ->
-     if
-     :: there[x] -> ZeroUnit(x); NewHead(x); there[x] = 0
-     :: else
-     fi;
-     x--
-  :: else -> break
-  od;
-  x = 0;
-  UNLOCK_TABLE;
+  CutEnd();
+  UNLOCK;
   Check()
 }
 /* The lowest in a set; 0: none. */
@@ -345,19 +350,19 @@ inline NextTaken() {
   fi
 }
 /* Or does not: the lock was not to be had in time. */
-#define GIVE_BACK(e, was, THEN)                           \
-  if                                                      \
-  :: atomic { LOCK_TABLE };                               \
-     SCAN_THEN(ZeroAndCut(e, was); LEFT(e); THEN)         \
-  :: atomic { true -> LEFT(e); THEN }                     \
-  :: KILL                                                 \
+#define GIVE_BACK(e, was, THEN)                            \
+  if                                                       \
+  :: atomic { LOCKED };                                    \
+     FIND_USED_THEN(GiveBackLocked(e, was); LEFT(e); THEN) \
+  :: atomic { true -> LEFT(e); THEN }                      \
+  :: KILL                                                  \
   fi
 #define LEFT(e) still[p] = still[p] & ~BIT(e)
 #define LEAVE(e) old = e; old_units = UNITS_OF(e); still[p] = still[p] | BIT(e)
 
 /* Tries the lock of every record: those that are free, or taken already, up to the next that is
  * held, in one step. */
-inline TryLocks() {
+inline LockDeadOwners() {
   do
   :: i <= RECORDS && record_lock[i] == NOBODY ->
      record_lock[i] = p; dead = dead | BIT(i); more = 1; i++
@@ -377,8 +382,166 @@ inline TryLocks() {
   fi
 }
 
+/* --- Opening ------------------------------------------------------------------------------------ */
+/* Finishes what the dead were at. */
+inline SettleDeadOwners() {
+  i = 1;
+  do
+  :: i <= RECORDS && HAS(dead, i) ->
+     reserved[i] = 0;
+#ifndef NO_SUPERSESSION
+     if
+     :: INF(i) != 2 -> left = mask[S(i, INF(i))]
+     :: else -> left = 0
+     fi;
+     if
+     :: left != 0 && MAY_SETTLE(left) ->
+        left = left & dead;
+        r = 1;
+        do
+        :: r <= RECORDS && HAS(left, r) && INF(r) != 2 -> VOID_DEAD(r); r++
+        :: r <= RECORDS && !(HAS(left, r) && INF(r) != 2) -> r++
+        :: r > RECORDS -> break
+        od;
+        r = 0; left = 0;
+        RESEAL_DEAD(i)
+     :: else -> left = 0
+     fi;
+#endif
+     i++
+  :: i <= RECORDS && !HAS(dead, i) -> i++
+  :: i > RECORDS -> break
+  od
+}
+/* In `left`: not what another's seal, live or dead, stands for. */
+inline OwnersWithContent() {
+  left = dead;
+  i = 1;
+  do
+  :: i <= RECORDS ->
+#ifndef NO_SUPERSESSION
+     if
+     :: INF(i) != 2 -> left = left & ~mask[S(i, INF(i))]
+     :: else
+     fi;
+#endif
+     if
+     :: CONTENT(i) == 0 -> left = left & ~BIT(i)
+     :: else
+     fi;
+     i++
+  :: i > RECORDS -> i = 0; break
+  od
+}
+/* One as this owner's own, and of further ones any: by age, size and damage. */
+inline TakeContents() {
+  own = 1;
+  do
+  :: (left >> (own + 1)) != 0 -> own++
+  :: HAS(left, own) -> break
+  od;
+  left = left & ~BIT(own);
+  r = 1;
+  do
+  :: r <= RECORDS && HAS(left, r) -> claimed = claimed | BIT(r); r++
+  :: r <= RECORDS && (LEAVES_SOME || !HAS(left, r)) -> r++
+  :: r > RECORDS -> break
+  od;
+  r = 0; left = 0;
+  cur = ext[S(own, INF(own))]
+}
+inline TakeEmptyRecord() {
+  own = 1;
+  do
+  :: own <= RECORDS && (!HAS(dead, own) || CONTENT(own) != 0) -> own++
+  :: else -> break
+  od;
+  if
+  :: own > RECORDS -> LeaveAll(); goto end_of_life /* All are taken: refused. */
+  :: else
+  fi;
+  if
+  :: INF(own) == 2 -> OR_DIE; WriteSeal(own, 0, 0, 0, 0); Check()
+  :: else -> cur = ext[S(own, INF(own))]
+  fi
+}
+/* Of those that it does not need: without the table's lock nobody tries them, so they may go in one
+ * step. */
+inline UnlockOwners() {
+  r = 1;
+  do
+  :: r <= RECORDS ->
+     if
+     :: r == own || HAS(claimed, r) -> held[p] = held[p] | CONTENT(r)
+     :: else ->
+        if
+        :: HAS(dead, r) -> record_lock[r] = NOBODY
+        :: else
+        fi
+     fi;
+     r++
+  :: else -> break
+  od;
+  r = 0; dead = 0
+}
+
+/* --- Saving ------------------------------------------------------------------------------------- */
+/* Room::Take() with the table's lock held; bld is 0 when the disk is full. */
+inline TakeLocked() {
+  if
+  :: size = 1
+  :: size = 2
+  fi;
+  /* The first room that is long enough; what is left there goes as a whole. */
+  bld = 1;
+  do
+  :: bld + size <= EXTENTS + 1 && (used & (BIT(bld) | BIT(bld + size - 1))) != 0 -> bld++
+  :: else -> break
+  od;
+  if
+  :: bld + size > EXTENTS + 1 -> bld = 0; next = 0; move = 0 /* The disk is full. */
+  :: else ->
+     FreeRange(bld);
+     if
+     :: size == 2 -> FreeRange(bld + 1)
+     :: else
+     fi;
+#ifndef NO_RESERVATION
+     reserved[own] = BIT(bld) | BIT(bld + size - 1);
+#endif
+     OR_DIE;
+     x = bld + size - 1;
+     do
+     :: x > 0 -> there[x] = 1; x--
+     :: else -> break
+     od;
+     OR_DIE;
+     head = head | BIT(bld);
+     if
+     :: size == 2 -> two = two | BIT(bld)
+     :: else
+     fi
+  fi;
+  size = 0
+}
+inline DropReservation() { reserved[own] = 0; Check() }
+/* Both extents are marked; the one that is left is unmapped. */
+inline MoveContent() {
+  Touch(bld);
+  if
+  :: cur != 0 -> Touch(cur)
+  :: else
+  fi;
+  if
+  :: cur != 0 -> LEAVE(cur)
+  :: else
+  fi;
+  cur = bld; bld = 0
+}
+/* The older seal of its own. */
+inline PutOutOfForce() { slot = 1 - INF(own); WipeSeal(S(own, slot)); slot = 0; Check() }
 /* Into every unit of it: wherever a unit is lost or comes back, a packet does. */
-inline WriteTo(e, messages) {
+inline Place(e, messages) {
   Touch(e);
   data[e] = messages;
   if
@@ -397,110 +560,21 @@ proctype Process(byte p) {
 end_of_none:
   atomic { begun == p - 1 && table_lock == NOBODY && opens > 0 -> begun++ }
 end_of_life:
-  atomic { opens > 0 && table_lock == NOBODY -> opens--; table_lock = p; i = 1; TryLocks() };
+  atomic { opens > 0 && table_lock == NOBODY -> opens--; table_lock = p; i = 1; LockDeadOwners() };
   do
-  :: atomic { i != 0 -> TryLocks() }
+  :: atomic { i != 0 -> LockDeadOwners() }
 
   :: atomic { i == 0 ->
-       /* Settle what the dead were at. */
-       i = 1;
-       do
-       :: i <= RECORDS && HAS(dead, i) ->
-          reserved[i] = 0;
-#ifndef NO_SUPERSESSION
-          if
-          :: INF(i) != 2 -> left = mask[S(i, INF(i))]
-          :: else -> left = 0
-          fi;
-          if
-          :: left != 0 && MAY_SETTLE(left) ->
-             left = left & dead;
-             r = 1;
-             do
-             :: r <= RECORDS && HAS(left, r) && INF(r) != 2 -> VOID_DEAD(r); r++
-             :: r <= RECORDS && !(HAS(left, r) && INF(r) != 2) -> r++
-             :: r > RECORDS -> break
-             od;
-             r = 0; left = 0;
-             RESEAL_DEAD(i)
-          :: else -> left = 0
-          fi;
-#endif
-          i++
-       :: i <= RECORDS && !HAS(dead, i) -> i++
-       :: i > RECORDS -> break
-       od;
+       SettleDeadOwners();
        OR_DIE;
 
-       /* Whose content may be taken: not what another's seal, live or dead, stands for. */
-       left = dead;
-       i = 1;
-       do
-       :: i <= RECORDS ->
-#ifndef NO_SUPERSESSION
-          if
-          :: INF(i) != 2 -> left = left & ~mask[S(i, INF(i))]
-          :: else
-          fi;
-#endif
-          if
-          :: CONTENT(i) == 0 -> left = left & ~BIT(i)
-          :: else
-          fi;
-          i++
-       :: i > RECORDS -> i = 0; break
-       od;
-
-       /* One as this owner's own, and of further ones any: by age, size and damage. */
+       OwnersWithContent();
        if
-       :: left != 0 ->
-          own = 1;
-          do
-          :: (left >> (own + 1)) != 0 -> own++
-          :: HAS(left, own) -> break
-          od;
-          left = left & ~BIT(own);
-          r = 1;
-          do
-          :: r <= RECORDS && HAS(left, r) -> claimed = claimed | BIT(r); r++
-          :: r <= RECORDS && (LEAVES_SOME || !HAS(left, r)) -> r++
-          :: r > RECORDS -> break
-          od;
-          r = 0; left = 0;
-          cur = ext[S(own, INF(own))]
-       /* Else an empty one. */
-       :: else ->
-          own = 1;
-          do
-          :: own <= RECORDS && (!HAS(dead, own) || CONTENT(own) != 0) -> own++
-          :: else -> break
-          od;
-          if
-          :: own > RECORDS -> LeaveAll(); goto end_of_life /* All are taken: refused. */
-          :: else
-          fi;
-          if
-          :: INF(own) == 2 -> OR_DIE; Write(own, 0, 0, 0, 0); Check()
-          :: else -> cur = ext[S(own, INF(own))]
-          fi
+       :: left != 0 -> TakeContents()
+       :: else -> TakeEmptyRecord()
        fi;
        OR_DIE;
-       /* Without the table's lock nobody tries the others, so they may go in one step. */
-       r = 1;
-       do
-       :: r <= RECORDS ->
-          if
-          :: r == own || HAS(claimed, r) -> held[p] = held[p] | CONTENT(r)
-          :: else ->
-             if
-             :: HAS(dead, r) -> record_lock[r] = NOBODY
-             :: else
-             fi
-          fi;
-          r++
-       :: else -> break
-       od;
-       r = 0; dead = 0;
+       UnlockOwners();
        table_lock = NOBODY;
        d_step {
          for (h_r : 1 .. PROCESSES) {
@@ -529,7 +603,7 @@ ready:
        fi;
        /* In place, in a new extent, or without one. */
        if
-       :: cur != 0 -> WriteTo(cur, data[cur] | next); Check()
+       :: cur != 0 -> Place(cur, data[cur] | next); Check()
        :: !(cur == 0 && next == 0) -> move = 1
        :: cur == 0 && next == 0
        fi }
@@ -538,51 +612,17 @@ ready:
   fi;
 
   if
-  :: atomic { move && LOCK_TABLE };
-     SCAN_THEN(
-       if
-       :: size = 1
-       :: size = 2
-       fi;
-       /* The first room that is long enough; what is left there goes as a whole. */
-       bld = 1;
-       do
-       :: bld + size <= EXTENTS + 1 && (used & (BIT(bld) | BIT(bld + size - 1))) != 0 -> bld++
-       :: else -> break
-       od;
-       if
-       :: bld + size > EXTENTS + 1 -> bld = 0; next = 0; move = 0 /* The disk is full. */
-       :: else ->
-          MakeFree(bld);
-          if
-          :: size == 2 -> MakeFree(bld + 1)
-          :: else
-          fi;
-#ifndef NO_RESERVATION
-          reserved[own] = BIT(bld) | BIT(bld + size - 1);
-#endif
-          OR_DIE;
-          x = bld + size - 1;
-          do
-          :: x > 0 -> there[x] = 1; x--
-          :: else -> break
-          od;
-          OR_DIE;
-          head = head | BIT(bld);
-          if
-          :: size == 2 -> two = two | BIT(bld)
-          :: else
-          fi
-       fi;
-       size = 0;
-       UNLOCK_TABLE;
+  :: atomic { move && LOCKED };
+     FIND_USED_THEN(
+       TakeLocked();
+       UNLOCK;
        Check();
        if
        :: !move -> goto ready
        :: else
        fi);
      if
-     :: atomic { move -> WriteTo(bld, next); Check() };
+     :: atomic { move -> Place(bld, next); Check() };
 #ifdef FREE_BEFORE_SEAL
         STEP(
           if
@@ -591,26 +631,26 @@ ready:
           fi);
 #endif
         if
-        :: atomic { MARK_SEAL }
-        /* Something was refused: the save is void. */
+        :: atomic { BEGIN_SEAL }
+        /* Something was refused: Void(), and the extent is given up by Discard(). */
         :: atomic { true -> Touch(bld); LEAVE(bld); bld = 0; next = 0; move = 0 };
-           STEP(reserved[own] = 0; Check());
+           STEP(DropReservation());
            GIVE_BACK(old, old_units, old = 0; old_units = 0; goto ready)
         :: KILL
         fi
      :: KILL
      fi
-  :: atomic { !move -> MARK_SEAL }
+  :: atomic { !move -> BEGIN_SEAL }
   :: KILL
   fi;
 
-  /* The one step. */
+  /* SealSave(): the one step. */
   STEP(
     x = (bld != 0 -> bld : cur);
 #ifdef NO_MASK
-    Write(own, slot, next, x, 0);
+    WriteSeal(own, slot, next, x, 0);
 #else
-    Write(own, slot, next, x, claimed);
+    WriteSeal(own, slot, next, x, claimed);
 #endif
     x = 0;
     saved = (saved & ~held[p]) | next;
@@ -622,32 +662,22 @@ ready:
     if
     :: move
     :: !move && claimed == 0 -> goto ready
-    :: !move && claimed != 0 -> goto take_over
+    :: !move && claimed != 0 -> goto finish_take_over
     fi);
 
-  /* It moved. */
+  /* FinishMove(): the content is where it was built. */
 #ifdef FREE_AFTER_VOID
-  STEP(slot = 1 - INF(own); Wipe(S(own, slot)); slot = 0; Check());
+  STEP(PutOutOfForce());
 #endif
-  STEP(
-    Touch(bld);
-    if
-    :: cur != 0 -> Touch(cur)
-    :: else
-    fi;
-    if
-    :: cur != 0 -> LEAVE(cur)
-    :: else
-    fi;
-    cur = bld; bld = 0);
+  STEP(MoveContent());
 #ifndef FREE_AFTER_VOID
-  STEP(slot = 1 - INF(own); Wipe(S(own, slot)); slot = 0; Check());
+  STEP(PutOutOfForce());
 #endif
   STEP(
-    reserved[own] = 0; move = 0; Check();
+    DropReservation(); move = 0;
     if
     :: old == 0 && claimed == 0 -> goto ready
-    :: old == 0 && claimed != 0 -> goto take_over
+    :: old == 0 && claimed != 0 -> goto finish_take_over
     :: else
     fi);
   GIVE_BACK(old, old_units,
@@ -657,7 +687,7 @@ ready:
     :: else
     fi);
 
-take_over:
+finish_take_over:
 #ifdef UNLOCK_BEFORE_VOID
   STEP(
     for (h_r : 1 .. RECORDS) {
@@ -711,7 +741,7 @@ give_next:
     fi);
 
 close:
-  /* An owner without content needs no room. */
+  /* GiveBackIfEmpty(): an owner without content needs no room. */
   if
   :: atomic { cur != 0 && held[p] == 0 && claimed == 0 ->
        LEAVE(cur); cur = 0;
@@ -731,8 +761,8 @@ close:
 
 init {
   d_step { /* What two dead owners left. */
-    Write(1, 0, 1, 1, 0);
-    Write(2, 0, 2, 2, 0);
+    WriteSeal(1, 0, 1, 1, 0);
+    WriteSeal(2, 0, 2, 2, 0);
     data[1] = 1; there[1] = 1;
     data[2] = 2; there[2] = 1;
     head = BIT(1) | BIT(2);
