@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
 
@@ -51,6 +52,40 @@ class ReliableReportChannelHttpsTestPeer {
   uint32_t report_interval_ms() const { return c_->report_interval_ms_.load(); }
   z_stream* stream() const { return c_->z_stream_.get(); }
   bool has_stream_deleter() const { return c_->z_stream_.get_deleter() != nullptr; }
+
+  // The addresses of the fields, in the order in which the class is to have them.
+  std::vector<const void*> Fields() const {
+    const Channel& c = *c_;
+    return {&c.channel_name_,
+            &c.url_,
+            &c.http_client_option_,
+            &c.enable_compress_,
+            &c.pending_messages_,
+            &c.sending_messages_,
+            &c.mmap_file_,
+            &c.cache_file_,
+            &c.state_,
+            &c.is_running_,
+            &c.dispatch_queue_,
+            &c.send_timer_,
+            &c.resend_interval_ms_,
+            &c.current_interval_ms_,
+            &c.continuous_fail_count_,
+            &c.max_resend_count_,
+            &c.http_client_,
+            &c.log_throtter_,
+            &c.dropping_message_count_,
+            &c.sending_message_needed_count_,
+            &c.sending_message_actual_count_,
+            &c.sending_message_successful_count_,
+            &c.sending_message_failed_count_,
+            &c.statistic_timer_,
+            &c.clean_timer_,
+            &c.cache_loaded_,
+            &c.cache_name_,
+            &c.report_interval_ms_,
+            &c.z_stream_};
+  }
 
   // The channel's private operations, as the queue's tasks call them.
   void DoInit() { c_->DoInit(); }

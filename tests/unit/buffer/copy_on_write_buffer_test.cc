@@ -60,6 +60,10 @@ void CountingRelease(void* array) {
 
 using Array = std::unique_ptr<uint8_t[], void (*)(void*)>;
 
+static_assert(std::is_base_of_v<base::subtle::RefCountedThreadSafeBase, BufferStorage>);
+static_assert(std::is_same_v<decltype(BufferStorage::data), Array>);
+static_assert(std::is_same_v<decltype(BufferStorage::capacity), uint32_t>);
+
 Array NewArray(const char* text) {
   const size_t size = std::strlen(text);
   Array array(new uint8_t[size], &CountingRelease);
@@ -247,6 +251,7 @@ static_assert(std::is_nothrow_move_constructible_v<CopyOnWriteBuffer>);
 
 TEST_F(CopyOnWriteBufferTest, MoveTakesTheStorageOverAndLeavesTheSourceEmpty) {
   CopyOnWriteBuffer source("abc", 3);
+  Peer(&source).SetView(1, 2);
   const uint8_t* const address = source.cdata<uint8_t>();
 
   CopyOnWriteBuffer target(std::move(source));
@@ -254,16 +259,18 @@ TEST_F(CopyOnWriteBufferTest, MoveTakesTheStorageOverAndLeavesTheSourceEmpty) {
   EXPECT_EQ(target.data<uint8_t>(), address);  // The count is one: nothing to unshare.
   EXPECT_EQ(source.data<uint8_t>(), nullptr);  // NOLINT: the contract of a moved-from buffer.
   EXPECT_EQ(source.size(), 0u);
+  EXPECT_EQ(Peer(&source).offset(), 0u);
 }
 
 TEST_F(CopyOnWriteBufferTest, MoveAssignmentReleasesTheOldAndLeavesTheSourceEmpty) {
   CopyOnWriteBuffer target(NewArray("old"), 3, 3);
   CopyOnWriteBuffer source("abc", 3);
+  Peer(&source).SetView(1, 2);
 
   target = std::move(source);
 
   EXPECT_EQ(g_released, 1);
-  EXPECT_EQ(Text(target), "abc");
+  EXPECT_EQ(Text(target), "bc");
   EXPECT_EQ(source.size(), 0u);  // NOLINT
   EXPECT_EQ(source.cdata<uint8_t>(), nullptr);
 }

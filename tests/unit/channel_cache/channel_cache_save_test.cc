@@ -120,14 +120,20 @@ TEST_F(ChannelCacheSaveTest, MessageWhoseRequestIdIsUsedAgainIsNoLongerSaved) {
 
 // --- When ---
 
-TEST_F(ChannelCacheSaveTest, AdmissionSavesOnceAfterTheImmediateSend) {
+TEST_F(ChannelCacheSaveTest, AdmissionSavesOnceBetweenTheImmediateSendAndTheTimersStart) {
   size_t writes_before = 99;
+  int64_t period_at_save = 0;
   http_.SetOnSend([&](const HttpClient::Request&) { writes_before = Writes().size(); });
+  events_.SetOnEvent([&](const ReportEvent& event) {
+    if (event.kind == Kind::kSaved) period_at_save = SendPeriod();
+  });
 
   Send("one", true, true);
 
   EXPECT_EQ(writes_before, 0u);
+  EXPECT_EQ(period_at_save, -1);
   EXPECT_EQ(Writes(), (Texts{"clear", "append one"}));
+  events_.SetOnEvent(nullptr);
 }
 
 TEST_F(ChannelCacheSaveTest, AdmissionOfAnUncachedMessageSavesToo) {

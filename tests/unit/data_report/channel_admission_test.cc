@@ -1,6 +1,7 @@
 // How a message enters the store: refusal, counting, the bound of the pending list, filing.
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -27,6 +28,8 @@ class ChannelAdmissionTest : public ChannelTest {
 static_assert(std::is_same_v<decltype(Message::data), CopyOnWriteBuffer>);
 static_assert(std::is_same_v<decltype(Message::send_count), uint32_t>);
 static_assert(std::is_same_v<decltype(Message::need_cache), bool>);
+static_assert(offsetof(Message, data) < offsetof(Message, send_count));
+static_assert(offsetof(Message, send_count) < offsetof(Message, need_cache));
 
 TEST(CachedMessageTest, EmptyOneHasNoBytesAndWasNeverSent) {
   const Message message(true);

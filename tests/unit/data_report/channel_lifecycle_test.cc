@@ -1,6 +1,7 @@
 // Construction, the two-level life cycle, and what a termination leaves.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <limits>
 #include <memory>
@@ -27,6 +28,15 @@ static_assert(std::is_base_of_v<std::enable_shared_from_this<ReliableReportChann
                                 ReliableReportChannelHttps>);
 
 // --- Construction and destruction ---
+
+TEST_F(ChannelLifecycleTest, FieldsLieInTheirOrder) {
+  Make();
+
+  const std::vector<const void*> fields = peer().Fields();
+
+  EXPECT_EQ(fields.size(), 29u);
+  EXPECT_TRUE(std::is_sorted(fields.begin(), fields.end()));
+}
 
 TEST_F(ChannelLifecycleTest, ConstructorKeepsItsArguments) {
   channel_ = std::make_shared<Channel>("name", "https://a.example/", 3u, true, false);

@@ -135,6 +135,11 @@ TEST(AllocBufferTest, ZeroOnAForeignThreadIsAnArrayOfNoBytesThatArrayDeleteFrees
   });
 }
 
+// True when the array, which may not be null, is as it came from the heap.
+bool IsUncleared(const Buffer& buffer) {
+  return static_cast<const volatile uint8_t*>(buffer.get())[0] == HeapProbe::kFill;
+}
+
 class PlainHeapTest : public ::testing::TestWithParam<uint32_t> {};
 
 TEST_P(PlainHeapTest, ForeignThreadGetsExactlyTheSizeAndTouchesNoPool) {
@@ -142,7 +147,7 @@ TEST_P(PlainHeapTest, ForeignThreadGetsExactlyTheSizeAndTouchesNoPool) {
     const HeapCounts before = HeapProbe::Counts();
     {
       Buffer buffer = AllocBufferTFromPool<uint8_t[]>(size);
-      EXPECT_NE(buffer, nullptr);
+      EXPECT_TRUE(IsUncleared(buffer));
       EXPECT_EQ(HeapProbe::Counts().array_news - before.array_news, 1u);
       EXPECT_EQ(HeapProbe::Counts().nothrow_array_news, before.nothrow_array_news);
       EXPECT_EQ(HeapProbe::Counts().last_array_bytes, size);
@@ -160,7 +165,7 @@ TEST(AllocBufferTest, AboveTheLargestClassIsExactlyTheSizeFromThePlainHeap) {
     const HeapCounts before = HeapProbe::Counts();
     {
       Buffer buffer = AllocBufferTFromPool<uint8_t[]>(1048577);
-      EXPECT_NE(buffer, nullptr);
+      EXPECT_TRUE(IsUncleared(buffer));
       EXPECT_EQ(HeapProbe::Counts().array_news - before.array_news, 1u);
       EXPECT_EQ(HeapProbe::Counts().nothrow_array_news, before.nothrow_array_news);
       EXPECT_EQ(HeapProbe::Counts().last_array_bytes, 1048577u);

@@ -1,6 +1,7 @@
 #include "heap_probe.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include "quenor_base/platform/base/abi.h"
@@ -29,6 +30,11 @@ void* AllocateOrThrow(size_t bytes) {
   void* memory = Allocate(bytes);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
+}
+
+// `array` (may be null), full of kFill.
+void* Filled(void* array, size_t bytes) {
+  return array == nullptr ? nullptr : std::memset(array, HeapProbe::kFill, bytes);
 }
 
 void DeleteObject(void* memory) {
@@ -63,12 +69,12 @@ void* operator new(size_t bytes, const std::nothrow_t&) noexcept {
 void* operator new[](size_t bytes) {
   ++quenor::counts.array_news;
   quenor::counts.last_array_bytes = bytes;
-  return quenor::AllocateOrThrow(bytes);
+  return quenor::Filled(quenor::AllocateOrThrow(bytes), bytes);
 }
 void* operator new[](size_t bytes, const std::nothrow_t&) noexcept {
   ++quenor::counts.nothrow_array_news;
   quenor::counts.last_array_bytes = bytes;
-  return quenor::MustFail() ? nullptr : quenor::Allocate(bytes);
+  return quenor::MustFail() ? nullptr : quenor::Filled(quenor::Allocate(bytes), bytes);
 }
 void operator delete(void* memory) noexcept { quenor::DeleteObject(memory); }
 void operator delete(void* memory, size_t) noexcept { quenor::DeleteObject(memory); }

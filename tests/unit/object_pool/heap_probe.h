@@ -25,6 +25,9 @@ struct HeapCounts {
 
 class HeapProbe {
  public:
+  // What every new array is full of, so that clearing one would show.
+  static constexpr uint8_t kFill = 0xC3;
+
   static HeapCounts Counts();
 
   // From the n-th nothrow new[] of this thread on (1: the next), `times` of them answer null.

@@ -103,14 +103,16 @@ TEST_F(ObjUniquePtrTest, ReleaseHandsTheArrayOutAndDestroysNothing) {
   EXPECT_TRUE(FreedLog().empty());
 }
 
-TEST(DefaultPoliciesTest, AllocatorMakesAnArrayOfTheLengthWithoutThrowingForm) {
+TEST(DefaultPoliciesTest, AllocatorMakesAnUnclearedArrayOfTheLengthWithoutThrowingForm) {
   const HeapCounts before = HeapProbe::Counts();
 
   uint8_t* array = objpool::DefaultAllocator<uint8_t[]>()(77);
   const HeapCounts after = HeapProbe::Counts();
+  ASSERT_NE(array, nullptr);
+  const uint8_t last = static_cast<volatile uint8_t*>(array)[76];
   objpool::DefaultDestroyer<uint8_t[]>()(array, 77);
 
-  ASSERT_NE(array, nullptr);
+  EXPECT_EQ(last, HeapProbe::kFill);
   EXPECT_EQ(after.nothrow_array_news - before.nothrow_array_news, 1u);
   EXPECT_EQ(after.News() - before.News(), 1u);
   EXPECT_EQ(after.last_array_bytes, 77u);
