@@ -17,11 +17,11 @@
 #include "quenor_base/platform/http_client.h"
 #include "quenor_base/platform/report_events.h"
 #include "tests/support/channel_test_peer.h"
-#include "tests/support/fake_http_client.h"
-#include "tests/support/fake_mmap_file.h"
-#include "tests/support/recording_log.h"
-#include "tests/support/recording_report_events.h"
-#include "tests/support/virtual_time.h"
+#include "tests/support/fakes/fake_http_client.h"
+#include "tests/support/fakes/fake_mmap_file.h"
+#include "tests/support/fakes/recording_log.h"
+#include "tests/support/fakes/recording_report_events.h"
+#include "tests/support/fakes/virtual_time.h"
 
 namespace quenor::fuzz {
 namespace {

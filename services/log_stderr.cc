@@ -12,10 +12,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_annotations.h"
+#include "quenor_base/platform/exception_barrier.h"
 #include "quenor_base/platform/local_log.h"
 
 QUENOR_NAMESPACE_BEGIN

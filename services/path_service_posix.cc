@@ -10,11 +10,11 @@
 #include <string>
 #include <vector>
 
-#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/path_service.h"
 #include "quenor_base/platform/base/thread_annotations.h"
+#include "quenor_base/platform/exception_barrier.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace base {

@@ -1,9 +1,9 @@
 // The process-wide SOCKS5 proxy settings, behind one lock. Any thread. Never destroyed.
 #include <atomic>
 
-#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
+#include "quenor_base/platform/exception_barrier.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
 
 QUENOR_NAMESPACE_BEGIN

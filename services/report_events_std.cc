@@ -3,8 +3,8 @@
 #include <mutex>
 #include <shared_mutex>
 
-#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/fork.h"
+#include "quenor_base/platform/exception_barrier.h"
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/report_events.h"
 

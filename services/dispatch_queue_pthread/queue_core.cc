@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <thread>
 
-#include "quenor_base/platform/base/exception_barrier.h"
+#include "quenor_base/platform/exception_barrier.h"
 #include "services/dispatch_queue_pthread/thread_registry.h"
 
 QUENOR_NAMESPACE_BEGIN

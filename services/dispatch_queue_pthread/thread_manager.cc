@@ -10,8 +10,8 @@
 #include <string>
 #include <utility>
 
-#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/thread_create_flag.h"
+#include "quenor_base/platform/exception_barrier.h"
 #include "services/dispatch_queue_pthread/queue_core.h"
 #include "services/dispatch_queue_pthread/thread_registry.h"
 

@@ -6,10 +6,10 @@
 #include <string>
 #include <utility>
 
-#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/monotonic_time.h"
+#include "quenor_base/platform/exception_barrier.h"
 #include "quenor_base/platform/http_client.h"
 #include "quenor_base/platform/local_log.h"
 #include "services/http_client_curl/address.h"

@@ -9,9 +9,9 @@
 #include <memory>
 #include <utility>
 
-#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/monotonic_time.h"
 #include "quenor_base/platform/base/thread_create_flag.h"
+#include "quenor_base/platform/exception_barrier.h"
 #include "services/http_client_curl/engine.h"
 
 QUENOR_NAMESPACE_BEGIN

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <utility>
 
-#include "quenor_base/platform/base/exception_barrier.h"
+#include "quenor_base/platform/exception_barrier.h"
 #include "services/http_client_curl/rules/syntax.h"
 
 QUENOR_NAMESPACE_BEGIN

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "tests/cache/support/cache_files.h"
-#include "tests/support/recording_log.h"
+#include "tests/support/fakes/recording_log.h"
 #include "tests/support/temp_folder.h"
 
 namespace quenor::test {

@@ -8,7 +8,7 @@
 
 #include "quenor_base/platform/base/check.h"
 #include "services/mmap_file_posix/format.h"
-#include "tests/support/recording_log.h"
+#include "tests/support/fakes/recording_log.h"
 
 namespace quenor::test {
 namespace {

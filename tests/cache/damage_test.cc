@@ -16,7 +16,7 @@
 #include "services/mmap_file_posix/reader.h"
 #include "tests/cache/damage_bench.h"
 #include "tests/cache/support/file_calls.h"
-#include "tests/support/recording_log.h"
+#include "tests/support/fakes/recording_log.h"
 
 namespace quenor::test {
 namespace {

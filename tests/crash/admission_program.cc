@@ -14,9 +14,9 @@
 
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
 #include "quenor_base/platform/base/path_service.h"
-#include "tests/support/fake_http_client.h"
+#include "tests/support/fakes/fake_http_client.h"
+#include "tests/support/fakes/virtual_time.h"
 #include "tests/support/memory_faults.h"
-#include "tests/support/virtual_time.h"
 
 namespace quenor::test {
 namespace {

@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/crash/crowd.h"
-#include "tests/crash/promises.h"
+#include "tests/crash/support/crowd.h"
+#include "tests/crash/support/promises.h"
 
 namespace quenor::test {
 namespace {

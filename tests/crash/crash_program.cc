@@ -15,9 +15,9 @@
 
 #include "quenor_base/platform/base/check.h"
 #include "quenor_base/platform/config_center.h"
-#include "tests/crash/cache_files.h"
-#include "tests/crash/contents.h"
-#include "tests/crash/job.h"
+#include "tests/crash/support/cache_files.h"
+#include "tests/crash/support/contents.h"
+#include "tests/crash/support/job.h"
 
 namespace quenor::test {
 namespace {

@@ -13,7 +13,7 @@
 #include <string>
 #include <thread>
 
-#include "tests/crash/promises.h"
+#include "tests/crash/support/promises.h"
 #include "tests/support/patience.h"
 
 namespace quenor::test {

@@ -20,8 +20,8 @@
 #include <vector>
 
 #include "services/mmap_file_posix/format.h"
-#include "tests/crash/promises.h"
-#include "tests/crash/tracer.h"
+#include "tests/crash/support/promises.h"
+#include "tests/crash/support/tracer.h"
 
 namespace quenor::test {
 namespace {

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "quenor_base/platform/multi_process_safety_mmap_file.h"
-#include "tests/crash/job.h"
-#include "tests/crash/promises.h"
-#include "tests/support/recording_log.h"
+#include "tests/crash/support/job.h"
+#include "tests/crash/support/promises.h"
+#include "tests/support/fakes/recording_log.h"
 
 namespace quenor::test {
 namespace {

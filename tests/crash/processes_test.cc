@@ -12,8 +12,8 @@
 #include <memory>
 #include <string>
 
-#include "tests/crash/crowd.h"
-#include "tests/crash/promises.h"
+#include "tests/crash/support/crowd.h"
+#include "tests/crash/support/promises.h"
 
 namespace quenor::test {
 namespace {

@@ -11,8 +11,8 @@
 #include <string>
 #include <utility>
 
-#include "tests/crash/job.h"
-#include "tests/crash/promises.h"
+#include "tests/crash/support/job.h"
+#include "tests/crash/support/promises.h"
 
 namespace quenor::test {
 namespace {

@@ -2,10 +2,10 @@
 // an application has it, with a cache of the KIND in FOLDER and LIMIT as resend limit. Sends the
 // messages FIRST, FIRST + 1, ..., COUNT of them, and ends with whatever is not answered by then in
 // the cache. With COUNT 0 it sends what the cache holds, all of it. With "fork" see Fork().
-// Reports on standard output, as tests/crash/job.h has it. That a save is complete it says on the
-// channel's own thread, once the channel has returned from the save and before it does anything
-// else, and when it has found the message's bytes in the file itself; how many messages the save
-// must have follows from its own books of what was admitted and answered.
+// Reports on standard output, as tests/crash/support/job.h has it. That a save is complete it says
+// on the channel's own thread, once the channel has returned from the save and before it does
+// anything else, and when it has found the message's bytes in the file itself; how many messages
+// the save must have follows from its own books of what was admitted and answered.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,8 +27,8 @@
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/report_events.h"
 #include "quenor_base/platform/thread_manager.h"
-#include "tests/crash/contents.h"
-#include "tests/crash/job.h"
+#include "tests/crash/support/contents.h"
+#include "tests/crash/support/job.h"
 
 namespace quenor::test {
 namespace {

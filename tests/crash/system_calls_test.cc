@@ -9,7 +9,7 @@
 #include <string>
 
 #include "tests/crash/admission_program.h"
-#include "tests/crash/tracer.h"
+#include "tests/crash/support/tracer.h"
 #include "tests/support/temp_folder.h"
 
 namespace quenor::test {

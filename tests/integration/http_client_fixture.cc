@@ -1,7 +1,7 @@
 #include "tests/integration/http_client_fixture.h"
 
+#include "tests/support/fakes/recording_log.h"
 #include "tests/support/patience.h"
-#include "tests/support/recording_log.h"
 
 namespace quenor::test {
 

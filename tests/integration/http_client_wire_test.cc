@@ -10,7 +10,7 @@
 #include "tests/integration/http_client_fixture.h"
 #include "tests/integration/support/scripted_server.h"
 #include "tests/integration/support/servers.h"
-#include "tests/support/recording_log.h"
+#include "tests/support/fakes/recording_log.h"
 
 namespace quenor::test {
 namespace {

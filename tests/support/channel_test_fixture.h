@@ -18,10 +18,10 @@
 #include "quenor_base/platform/socks5_proxy_config.h"
 #include "tests/support/channel_test_peer.h"
 #include "tests/support/deflate_faults.h"
-#include "tests/support/fake_http_client.h"
-#include "tests/support/recording_log.h"
-#include "tests/support/recording_report_events.h"
-#include "tests/support/virtual_time.h"
+#include "tests/support/fakes/fake_http_client.h"
+#include "tests/support/fakes/recording_log.h"
+#include "tests/support/fakes/recording_report_events.h"
+#include "tests/support/fakes/virtual_time.h"
 
 namespace quenor::test {
 

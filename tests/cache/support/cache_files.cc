@@ -9,7 +9,7 @@
 #include "quenor_base/platform/base/check.h"
 #include "quenor_base/platform/config_center.h"
 #include "services/mmap_file_posix/format.h"
-#include "tests/support/recording_log.h"
+#include "tests/support/fakes/recording_log.h"
 #include "tests/support/temp_folder.h"
 
 namespace quenor::test {

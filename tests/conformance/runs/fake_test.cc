@@ -13,7 +13,7 @@
 #include "tests/conformance/report_events_conformance.h"
 #include "tests/conformance/throtter_conformance.h"
 #include "tests/conformance/timer_conformance.h"
-#include "tests/support/virtual_time.h"
+#include "tests/support/fakes/virtual_time.h"
 
 namespace quenor::conformance {
 namespace {

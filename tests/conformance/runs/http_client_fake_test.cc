@@ -5,7 +5,7 @@
 #include <mutex>
 
 #include "tests/conformance/http_client_conformance.h"
-#include "tests/support/fake_http_client.h"
+#include "tests/support/fakes/fake_http_client.h"
 
 namespace quenor::conformance {
 namespace {

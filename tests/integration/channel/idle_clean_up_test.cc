@@ -7,8 +7,8 @@
 #include "quenor_base/platform/thread_manager.h"
 #include "tests/integration/channel/channel_fixture.h"
 #include "tests/integration/support/scripted_server.h"
+#include "tests/support/fakes/virtual_time.h"
 #include "tests/support/patience.h"
-#include "tests/support/virtual_time.h"
 
 namespace quenor::test {
 namespace {

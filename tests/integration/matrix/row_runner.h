@@ -14,9 +14,9 @@
 #include "tests/integration/matrix/peer_process.h"
 #include "tests/integration/matrix/row.h"
 #include "tests/support/certificates.h"
-#include "tests/support/recording_report_events.h"
+#include "tests/support/fakes/recording_report_events.h"
+#include "tests/support/fakes/virtual_time.h"
 #include "tests/support/temp_folder.h"
-#include "tests/support/virtual_time.h"
 
 namespace quenor::test {
 

@@ -22,8 +22,8 @@
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
 #include "tests/integration/matrix/client_watch.h"
-#include "tests/support/recording_report_events.h"
-#include "tests/support/virtual_time.h"
+#include "tests/support/fakes/recording_report_events.h"
+#include "tests/support/fakes/virtual_time.h"
 
 namespace quenor::test {
 namespace {

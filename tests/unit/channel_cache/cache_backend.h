@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tests/support/fake_packet_files.h"
+#include "tests/support/fakes/fake_packet_files.h"
 
 namespace quenor::test {
 

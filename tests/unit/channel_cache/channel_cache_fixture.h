@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "tests/support/channel_test_fixture.h"
-#include "tests/support/fake_path_service.h"
+#include "tests/support/fakes/fake_path_service.h"
 #include "tests/unit/channel_cache/cache_backend.h"
 
 namespace quenor::test {

@@ -1,5 +1,5 @@
-#include "tests/support/fake_cache_file.h"
-#include "tests/support/fake_mmap_file.h"
+#include "tests/support/fakes/fake_cache_file.h"
+#include "tests/support/fakes/fake_mmap_file.h"
 #include "tests/unit/channel_cache/cache_backend.h"
 
 namespace quenor::test {

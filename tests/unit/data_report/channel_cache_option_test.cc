@@ -11,8 +11,8 @@
 #include "quenor_base/platform/config_center.h"
 #include "tests/conformance/environment_variable.h"
 #include "tests/support/channel_test_fixture.h"
-#include "tests/support/fake_cache_file.h"
-#include "tests/support/fake_mmap_file.h"
+#include "tests/support/fakes/fake_cache_file.h"
+#include "tests/support/fakes/fake_mmap_file.h"
 #include "tests/support/temp_folder.h"
 
 namespace quenor::test {

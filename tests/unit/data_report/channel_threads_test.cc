@@ -15,7 +15,7 @@
 #include "quenor_base/platform/thread_manager.h"
 #include "tests/conformance/dispatch_queue_conformance.h"
 #include "tests/support/channel_test_fixture.h"
-#include "tests/support/fake_http_client.h"
+#include "tests/support/fakes/fake_http_client.h"
 #include "tests/support/memory_faults.h"
 
 namespace quenor::test {

@@ -18,16 +18,16 @@
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
 #include "quenor_base/object_pool/alloc_buffer_from_pool.h"
 #include "quenor_base/platform/base/check.h"
-#include "quenor_base/platform/base/exception_barrier.h"
 #include "quenor_base/platform/base/path_service.h"
 #include "quenor_base/platform/config_center.h"
+#include "quenor_base/platform/exception_barrier.h"
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/report_events.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
 #include "quenor_base/platform/thread_manager.h"
 #include "tests/conformance/dispatch_queue_conformance.h"
 #include "tests/support/channel_test_peer.h"
-#include "tests/support/fake_http_client.h"
+#include "tests/support/fakes/fake_http_client.h"
 #include "tests/support/memory_faults.h"
 
 namespace quenor::test {

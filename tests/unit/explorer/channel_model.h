@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "quenor_base/platform/http_client.h"
-#include "tests/support/recording_report_events.h"
+#include "tests/support/fakes/recording_report_events.h"
 
 namespace quenor::test {
 

@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "quenor_base/platform/config_center.h"
-#include "tests/support/fake_mmap_file.h"
-#include "tests/support/fake_path_service.h"
+#include "tests/support/fakes/fake_mmap_file.h"
+#include "tests/support/fakes/fake_path_service.h"
 
 namespace quenor::test {
 

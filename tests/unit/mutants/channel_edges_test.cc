@@ -10,7 +10,7 @@
 #include "quenor_base/platform/base/path_service.h"
 #include "quenor_base/platform/config_center.h"
 #include "tests/support/channel_test_fixture.h"
-#include "tests/support/fake_mmap_file.h"
+#include "tests/support/fakes/fake_mmap_file.h"
 #include "tests/support/temp_folder.h"
 
 namespace quenor::test {

@@ -8,7 +8,7 @@
 #include <memory>
 #include <vector>
 
-#include "tests/support/virtual_time.h"
+#include "tests/support/fakes/virtual_time.h"
 
 namespace quenor::test {
 namespace {

@@ -9,13 +9,13 @@
 #include "quenor_base/platform/multi_process_safety_mmap_file.h"
 #include "quenor_base/platform/reliable_report_cache_file.h"
 #include "quenor_base/platform/throtter.h"
-#include "tests/support/fake_cache_file.h"
-#include "tests/support/fake_http_client.h"
-#include "tests/support/fake_mmap_file.h"
+#include "tests/support/fakes/fake_cache_file.h"
+#include "tests/support/fakes/fake_http_client.h"
+#include "tests/support/fakes/fake_mmap_file.h"
+#include "tests/support/fakes/recording_log.h"
+#include "tests/support/fakes/virtual_time.h"
 #include "tests/support/memory_faults.h"
-#include "tests/support/recording_log.h"
 #include "tests/support/temp_folder.h"
-#include "tests/support/virtual_time.h"
 
 namespace quenor::test {
 namespace {

@@ -1,5 +1,5 @@
 // The virtual clock keeps the promises that every other test relies on.
-#include "tests/support/virtual_time.h"
+#include "tests/support/fakes/virtual_time.h"
 
 #include <gtest/gtest.h>
 

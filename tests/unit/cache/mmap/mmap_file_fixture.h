@@ -8,7 +8,7 @@
 
 #include "tests/cache/support/cache_files.h"
 #include "tests/cache/support/file_calls.h"
-#include "tests/support/recording_log.h"
+#include "tests/support/fakes/recording_log.h"
 #include "tests/support/temp_folder.h"
 
 namespace quenor::test {

@@ -17,7 +17,7 @@
 #include "quenor_base/platform/base/file_path.h"
 #include "quenor_base/platform/config_center.h"
 #include "quenor_base/platform/reliable_report_cache_file.h"
-#include "tests/support/recording_log.h"
+#include "tests/support/fakes/recording_log.h"
 #include "tests/support/temp_folder.h"
 #include "tests/unit/cache/plain/disk_calls.h"
 
