@@ -20,7 +20,8 @@ RATIO, MOST_RATIO = "test lines per hundred product lines", 220
 # What only one file may name: every other goes through it.
 ONLY_IN = {
     r"\bpthread_atfork\b": ("quenor_base/platform/base/fork.h",),
-    r"\bCLOCK_MONOTONIC\b|\bsteady_clock::now\b": ("quenor_base/platform/base/monotonic_time.h",),
+    r"\bCLOCK_MONOTONIC\b|\bsteady_clock::now\b": (
+        "quenor_base/platform/base/monotonic_time.h", "collector/clock.h", "tests/support/patience.h"),
     r"(?<![\w.>])v?fork\(\)|\bposix_spawnp?\(": ("tests/support/process.cc",),
 }
 SUBJECT_COLUMNS = 72

@@ -15,6 +15,7 @@
 #include "cli/doctor/probe.h"
 #include "cli/doctor/socks5.h"
 #include "cli/text.h"
+#include "quenor_base/platform/base/monotonic_time.h"
 #include "quenor_base/platform/http_client.h"
 
 namespace quenor::cli {
@@ -126,9 +127,9 @@ class Doctor {
 
 template <typename F>
 bool Doctor::Do(F make) {
-  const auto begin = std::chrono::steady_clock::now();
+  const auto begin = base::MonotonicNow();
   Step step = make();
-  const auto end = std::chrono::steady_clock::now();
+  const auto end = base::MonotonicNow();
   step.duration_ms = std::chrono::duration<double, std::milli>(end - begin).count();
   return Show(step);
 }
@@ -213,12 +214,12 @@ void Doctor::Conclude(double total_ms) {
 }
 
 ExitCode Doctor::Run() {
-  const auto begin = std::chrono::steady_clock::now();
+  const auto begin = base::MonotonicNow();
   if (Prepare() && Reach() && Secure() && command_.probe) {
     socket_ = Socket();
     Do([&] { return Probe(command_.url, target_.is_tls, command_, timeout_ms_); });
   }
-  const auto end = std::chrono::steady_clock::now();
+  const auto end = base::MonotonicNow();
   Conclude(std::chrono::duration<double, std::milli>(end - begin).count());
   return failed_.empty() ? kExitOk : kExitUnavailable;
 }

@@ -13,13 +13,14 @@
 #include <vector>
 
 #include "cli/doctor/step.h"
+#include "quenor_base/platform/base/monotonic_time.h"
 
 namespace quenor::cli {
 
 class Deadline {
  public:
   explicit Deadline(uint32_t in_ms)
-      : end_(std::chrono::steady_clock::now() + std::chrono::milliseconds(in_ms)) {}
+      : end_(base::MonotonicNow() + std::chrono::milliseconds(in_ms)) {}
 
   // 0 once it has passed.
   int LeftMs() const;

@@ -18,6 +18,7 @@
 #include "cli/doctor/net.h"
 #include "cli/fatal.h"
 #include "cli/text.h"
+#include "quenor_base/platform/base/monotonic_time.h"
 
 namespace quenor::cli {
 namespace {
@@ -510,11 +511,10 @@ Step CheckTls(int fd, const std::string& given_host, const Connection& connectio
   if (context == nullptr) return step;
   const SslPtr ssl = MakeSsl(context.get(), fd, host, connection.http1);
   // Only now: to load the system's certificates takes longer than many a handshake.
-  const auto begin = std::chrono::steady_clock::now();
+  const auto begin = base::MonotonicNow();
   const Deadline deadline(timeout_ms);
   Outcome outcome = Drive(ssl.get(), deadline, [&] { return SSL_connect(ssl.get()); });
-  const std::chrono::duration<double, std::milli> taken_ms =
-      std::chrono::steady_clock::now() - begin;
+  const std::chrono::duration<double, std::milli> taken_ms = base::MonotonicNow() - begin;
   char handshake[32];
   std::snprintf(handshake, sizeof(handshake), "%.1f ms", taken_ms.count());
   step.Add("handshake", handshake);

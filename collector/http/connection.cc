@@ -14,6 +14,8 @@
 #include <cstring>
 #include <utility>
 
+#include "collector/clock.h"
+
 namespace quenor::collector {
 namespace {
 
@@ -105,7 +107,7 @@ ssize_t Connection::read(char* data, size_t size) {
   if (input_left_ == 0) return -1;
   while (input_used_ == input_.size()) {
     if (!Flush()) return -1;
-    is_late_ = is_late_ || std::chrono::steady_clock::now() >= deadline_;
+    is_late_ = is_late_ || Now() >= deadline_;
     if (is_late_) return -1;
     const Progress progress = Fill();
     if (progress == Progress::kFailed) return broken_ ? -1 : 0;
@@ -167,11 +169,10 @@ void Connection::SendAlert() {
 }
 
 void Connection::Reset() {
-  using std::chrono::steady_clock;
-  const auto deadline = steady_clock::now() + std::chrono::milliseconds(kResetMs);
+  const auto deadline = Now() + std::chrono::milliseconds(kResetMs);
   int unsent = 0;
   Flush();
-  while (::ioctl(fd_, SIOCOUTQ, &unsent) == 0 && unsent > 0 && steady_clock::now() < deadline &&
+  while (::ioctl(fd_, SIOCOUTQ, &unsent) == 0 && unsent > 0 && Now() < deadline &&
          !stopping_.load(std::memory_order_acquire)) {
     ::poll(nullptr, 0, kResetStepMs);
   }
@@ -252,7 +253,7 @@ Connection::Want Connection::WantOfTls(int code) const {
 bool Connection::Wait(Want want) {
   if (want == Want::kNothing) return false;
   const bool to_read = want == Want::kRead;
-  const auto now = std::chrono::steady_clock::now();
+  const auto now = Now();
   auto until = now + std::chrono::milliseconds(kIoTimeoutMs);
   if (to_read) until = std::min(until, deadline_);
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - now).count();

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <utility>
 
+#include "collector/clock.h"
 #include "collector/files.h"
 #include "collector/http/answer.h"
 
@@ -15,7 +16,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-using std::chrono::steady_clock;
 
 constexpr char kJson[] = "application/json";
 
@@ -250,7 +250,7 @@ void CollectorServer::Pause(uint64_t pause_ms) {
 // Has the body read for as long as it may take.
 BodyOutcome CollectorServer::TakeBody(const Exchange& exchange, std::string* body,
                                       uint64_t* size_bytes) const {
-  exchange.connection->SetDeadline(steady_clock::now() + seconds(options_.body_timeout_s));
+  exchange.connection->SetDeadline(Now() + seconds(options_.body_timeout_s));
   return ReadBody(exchange.connection, exchange.framing, options_.max_body_bytes, body, size_bytes);
 }
 

@@ -15,6 +15,7 @@
 #include <limits>
 #include <utility>
 
+#include "collector/clock.h"
 #include "collector/fatal.h"
 #include "collector/files.h"
 #include "collector/http/answer.h"
@@ -26,7 +27,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-using std::chrono::steady_clock;
 
 constexpr int kListenBacklog = 1024;
 constexpr int kAcceptRetryMs = 50;
@@ -219,7 +219,7 @@ void CollectorServer::Wake(Peer* peer) {
 // Looks after those that are due: a head that is late is answered, all others are closed. Returns
 // the milliseconds until the next look.
 int CollectorServer::Expire() {
-  const auto now = steady_clock::now();
+  const auto now = Now();
   milliseconds wait = seconds(60);
   std::vector<std::unique_ptr<Peer>> expired;
   std::vector<Peer*> late;
@@ -300,7 +300,7 @@ void CollectorServer::Serve(Peer* peer) {
 Connection::Progress CollectorServer::Receive(Peer* peer) {
   Connection* const connection = peer->connection.get();
   if (peer->head_due == Time::max()) {
-    peer->head_due = steady_clock::now() + seconds(options_.head_timeout_s);
+    peer->head_due = Now() + seconds(options_.head_timeout_s);
   }
   if (!connection->is_handshaken()) {
     const Connection::Progress progress = connection->Handshake();
@@ -365,7 +365,7 @@ void CollectorServer::End(Peer* peer, EndKind kind) {
 // Ends our side, and gives the peer a moment to read what it was sent.
 void CollectorServer::Leave(Peer* peer) {
   peer->connection->EndSending();
-  Park(peer, State::kLeaving, steady_clock::now() + kLeaveTime);
+  Park(peer, State::kLeaving, Now() + kLeaveTime);
 }
 
 // Hands the peer to the watching thread. It may be served by another worker, or be gone, before
@@ -394,7 +394,7 @@ void CollectorServer::Park(Peer* peer, State state, Time due) {
 
 void CollectorServer::ParkIdle(Peer* peer) {
   peer->head_due = Time::max();
-  Park(peer, State::kIdle, steady_clock::now() + seconds(options_.idle_timeout_s));
+  Park(peer, State::kIdle, Now() + seconds(options_.idle_timeout_s));
 }
 
 void CollectorServer::Enqueue(Peer* peer) {

@@ -5,6 +5,8 @@
 #include <chrono>
 #include <set>
 
+#include "quenor_base/platform/base/monotonic_time.h"
+
 namespace quenor::conformance {
 
 using State = HttpClient::State;
@@ -53,12 +55,12 @@ size_t Answers::count() const {
 
 bool Answers::WaitFor(size_t count, HttpClientPeer* peer) {
   // Only a client that breaks its word lets this time pass.
-  const auto give_up = std::chrono::steady_clock::now() + std::chrono::minutes(2);
+  const auto give_up = base::MonotonicNow() + std::chrono::minutes(2);
   for (;;) {
     const bool more = peer->Pump();
     std::unique_lock<std::mutex> hold(mutex_);
     if (answers_.size() >= count) return true;
-    if (!more || std::chrono::steady_clock::now() > give_up) return false;
+    if (!more || base::MonotonicNow() > give_up) return false;
     arrived_.wait_for(hold, std::chrono::milliseconds(100));
   }
 }

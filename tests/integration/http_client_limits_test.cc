@@ -8,6 +8,7 @@
 #include "tests/integration/http_client_fixture.h"
 #include "tests/integration/support/scripted_server.h"
 #include "tests/support/fakes/recording_log.h"
+#include "tests/support/patience.h"
 
 namespace quenor::test {
 namespace {
@@ -44,11 +45,11 @@ class HttpClientLimitsTest : public HttpClientTest {
     Exchanges before;
     if (c.behind_another) client->SendRequest(request, before.Note());
     request.timeout_ms = c.request_ms;
-    const auto begun = std::chrono::steady_clock::now();
+    const auto begun = Now();
 
     const Outcome outcome = Send(client.get(), request);
 
-    const auto took = std::chrono::steady_clock::now() - begun;
+    const auto took = Now() - begun;
     EXPECT_GE(took, std::chrono::milliseconds(c.at_least_ms));
     EXPECT_EQ(outcome.state, c.state);
     ASSERT_EQ(RecordingLog::Texts(2).size(), 1u);

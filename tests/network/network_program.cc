@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
+#include "quenor_base/platform/base/monotonic_time.h"
 #include "quenor_base/platform/base/path_service.h"
 #include "quenor_base/platform/config_center.h"
 #include "quenor_base/platform/http_client.h"
@@ -58,11 +59,8 @@ struct Kept {
 
 // Says what had been saved and when it is.
 void AnnounceEnd(const Kept& kept) {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  const int64_t us = now.tv_sec * int64_t{1000000} + now.tv_nsec / 1000;
   WriteLine("ending saved=" + std::to_string(kept.saved) + " safe=" + std::to_string(kept.safe) +
-            " at_us=" + std::to_string(us));
+            " at_us=" + std::to_string(base::MonotonicNs() / 1000));
 }
 
 // ---- What becomes of the messages ---------------------------------------------------------------
@@ -253,7 +251,7 @@ class Application {
                                    static_cast<uint32_t>(body.size()), true, true);
   }
   void SendEvenly(uint64_t count, double seconds) {
-    const auto start = std::chrono::steady_clock::now();
+    const auto start = base::MonotonicNow();
     for (uint64_t i = 0; i < count; ++i) {
       std::this_thread::sleep_until(start +
                                     std::chrono::duration<double>(seconds * static_cast<double>(i) /

@@ -26,6 +26,9 @@ constexpr std::chrono::seconds kPatience{100};
 // For programs that compute, each step traced.
 constexpr std::chrono::seconds kLongPatience = 6 * kPatience;
 
+// The tests' one clock.
+inline std::chrono::steady_clock::time_point Now() { return std::chrono::steady_clock::now(); }
+
 // Waits for `condition`, which `changed` tells and the mutex held guards. Throws when it does not
 // come: the test fails, and its fixtures end what they have started.
 template <typename Condition>
@@ -39,9 +42,9 @@ void WaitPatiently(std::condition_variable* changed, std::unique_lock<std::mutex
 // The same for what tells nobody.
 template <typename Condition>
 void PollPatiently(const std::string& what, Condition condition) {
-  const auto end = std::chrono::steady_clock::now() + kPatience;
+  const auto end = Now() + kPatience;
   while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) {
+    if (Now() > end) {
       throw std::runtime_error("waited " + std::to_string(kPatience.count()) + " s in vain for " +
                                what);
     }
@@ -61,8 +64,7 @@ inline std::string StatusLine(pid_t process, const std::string& name) {
 
 // Waits for bytes or the end of a descriptor. False when neither comes before `end`.
 inline bool WaitForInput(int fd, std::chrono::steady_clock::time_point end) {
-  const auto left =
-      std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Now());
   pollfd waiting{fd, POLLIN, 0};
   return poll(&waiting, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0) != 0;
 }
@@ -74,10 +76,10 @@ inline int ResultOf(int status) {
 
 // Waits for the end of a child, which is killed when it does not come. As ResultOf().
 inline int ReapPatiently(pid_t child, std::chrono::seconds patience = kPatience) {
-  const auto end = std::chrono::steady_clock::now() + patience;
+  const auto end = Now() + patience;
   int status = 0;
   while (waitpid(child, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > end) kill(child, SIGKILL);
+    if (Now() > end) kill(child, SIGKILL);
     poll(nullptr, 0, 1);
   }
   return ResultOf(status);

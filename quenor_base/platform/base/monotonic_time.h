@@ -14,10 +14,14 @@
 QUENOR_NAMESPACE_BEGIN
 namespace base {
 
+inline std::chrono::steady_clock::time_point MonotonicNow() {
+  return std::chrono::steady_clock::now();
+}
+
 // Since some moment before the process began. Never goes back; stands while the machine sleeps.
 inline int64_t MonotonicNs() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
+             MonotonicNow().time_since_epoch())
       .count();
 }
 

@@ -16,7 +16,7 @@ Job::Job(const std::vector<std::string>& arguments)
 }
 
 bool Job::Next(JobEvent* event) {
-  if (!WaitForInput(events_.reader.get(), std::chrono::steady_clock::now() + kLongPatience)) Kill();
+  if (!WaitForInput(events_.reader.get(), Now() + kLongPatience)) Kill();
   ssize_t got;
   do {
     got = read(events_.reader.get(), event, sizeof(*event));

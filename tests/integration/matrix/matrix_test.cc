@@ -11,6 +11,7 @@
 #include <random>
 
 #include "tests/integration/matrix/row_runner.h"
+#include "tests/support/patience.h"
 
 namespace quenor::test {
 namespace {
@@ -99,9 +100,9 @@ class MatrixTest : public ::testing::Test {
     bool seen[2] = {false, false};
     for (const Cell& cell : CellsOf(rows, peer_ != nullptr)) {
       const size_t open = OpenDescriptors();
-      const auto before_row = std::chrono::steady_clock::now();
+      const auto before_row = Now();
       const std::string ending = runner_->Run(cell.row, cell.protocol, Failures(cell.row));
-      const auto took = std::chrono::steady_clock::now() - before_row;
+      const auto took = Now() - before_row;
       const size_t left = OpenDescriptors();
       EXPECT_EQ(open, left) << cell.row.name << ", HTTP/" << Name(cell.protocol);
       std::printf(

@@ -49,11 +49,11 @@ bool CanConnect(uint16_t port) {
 // and the next port is tried.
 void StartOnFreePort(std::unique_ptr<ChildProcess>* process, uint16_t* port,
                      const std::function<std::unique_ptr<ChildProcess>(uint16_t)>& start) {
-  const auto end = std::chrono::steady_clock::now() + kPatience;
+  const auto end = Now() + kPatience;
   for (int attempt = 0; attempt < 20; ++attempt) {
     *port = UnusedPort();
     *process = start(*port);
-    while (!(*process)->HasEnded() && std::chrono::steady_clock::now() < end) {
+    while (!(*process)->HasEnded() && Now() < end) {
       if (CanConnect(*port)) return;
       poll(nullptr, 0, 1);
     }

@@ -270,9 +270,9 @@ TEST(ShortLockTest, WhoWaitsForLongYieldsAndThenRests) {
     yields_of_waiter = yields;
   });
   const int rests_before = rests;
-  const auto until = std::chrono::steady_clock::now() + kPatience;
+  const auto until = Now() + kPatience;
 
-  while (rests == rests_before && std::chrono::steady_clock::now() < until) sched_yield();
+  while (rests == rests_before && Now() < until) sched_yield();
   EXPECT_GT(rests, rests_before);
   lock.unlock();
   waiter.join();
