@@ -160,6 +160,7 @@ class ArrayBooks {
   static void Clear() {
     made = 0;
     freed = 0;
+    elements = 0;
     fail_from = UINT64_MAX;
     reset = 0;
     std::lock_guard<std::mutex> lock(mutex_);
@@ -178,6 +179,7 @@ class ArrayBooks {
 
   inline static std::atomic<uint64_t> made{0};
   inline static std::atomic<uint64_t> freed{0};
+  inline static std::atomic<uint64_t> elements{0};  // Of those made, less those freed.
   inline static std::atomic<uint64_t> reset{0};
   inline static std::atomic<uint64_t> fail_from{UINT64_MAX};  // `made` from which on none is made
 
@@ -190,12 +192,14 @@ struct CountedAllocator {
   uint8_t* operator()(uint32_t size) const {
     if (ArrayBooks::made >= ArrayBooks::fail_from) return nullptr;
     ++ArrayBooks::made;
+    ArrayBooks::elements += size;
     return new (std::nothrow) uint8_t[size];
   }
 };
 struct CountedDestroyer {
-  void operator()(uint8_t* array, uint32_t /*size*/) const {
+  void operator()(uint8_t* array, uint32_t size) const {
     ArrayBooks::NoteFreed(array);
+    ArrayBooks::elements -= size;
     delete[] array;
   }
 };
@@ -211,7 +215,10 @@ class CountedPoolTest : public ::testing::Test {
 
   CountedPoolTest() { ArrayBooks::Clear(); }
   // Every test ends its threads and destroys its pool: no array may be left.
-  void TearDown() override { EXPECT_EQ(ArrayBooks::Live(), 0u); }
+  void TearDown() override {
+    EXPECT_EQ(ArrayBooks::Live(), 0u);
+    EXPECT_EQ(ArrayBooks::elements, 0u);
+  }
 
   static std::vector<uint8_t*> Take(CountedPool& pool, size_t count) {
     std::vector<uint8_t*> arrays;

@@ -51,6 +51,20 @@ TEST_F(ThreadTierTest, CapacityZeroIsTakenAsOne) {
   });
 }
 
+TEST_F(ThreadTierTest, DryAgainWithoutASharedBatchUsesTheNodesOfThoseTaken) {
+  CountedPool pool(64, 3, 8);
+  OnSdkThread([&] {
+    Arrays taken = Take(pool, 3);
+    const HeapCounts before = HeapProbe::Counts();
+
+    uint8_t* fourth = pool.AllocRaw();
+
+    EXPECT_EQ(HeapProbe::Counts().object_news, before.object_news);
+    taken.push_back(fourth);
+    Return(pool, taken);
+  });
+}
+
 TEST_F(ThreadTierTest, DryAgainMakesCapacityArraysAgain) {
   CountedPool pool(64, 3, 8);
   OnSdkThread([&] {
