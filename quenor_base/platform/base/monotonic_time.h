@@ -20,8 +20,7 @@ inline std::chrono::steady_clock::time_point MonotonicNow() {
 
 // Since some moment before the process began. Never goes back; stands while the machine sleeps.
 inline int64_t MonotonicNs() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             MonotonicNow().time_since_epoch())
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(MonotonicNow().time_since_epoch())
       .count();
 }
 
