@@ -331,17 +331,17 @@ TEST_F(HttpClientWireTest, AnswerWithoutEndIsTooLarge) {
   const struct {
     std::string begin, again;
   } cases[] = {{"\r\n", block}, {"X: ", block}, {"", "X-Again: and again\r\n"}};
-  for (const auto& [begin, again] : cases) {
+  for (const auto& one : cases) {
     const Outcome outcome = Exchange([&](Connection& connection) {
       ReceivedRequest request;
       if (!connection.ReadRequest(&request)) return;
-      connection.Write("HTTP/1.1 200 OK\r\n" + begin);
-      while (connection.Write(again)) {
+      connection.Write("HTTP/1.1 200 OK\r\n" + one.begin);
+      while (connection.Write(one.again)) {
       }
     });
 
-    EXPECT_EQ(outcome.state, State::kTooLarge) << begin;
-    EXPECT_EQ(outcome.response, nullptr) << begin;
+    EXPECT_EQ(outcome.state, State::kTooLarge) << one.begin;
+    EXPECT_EQ(outcome.response, nullptr) << one.begin;
   }
 }
 
