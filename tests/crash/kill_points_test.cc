@@ -203,12 +203,14 @@ bool IsCutOff(const Trace& trace) {
          PlacementIn(trace.begin).extent_size > PlacementIn(trace.end).extent_size;
 }
 
-// But for the process that holds the table's lock, whose number differs in every run.
+// But for the process that holds the table's lock, whose number differs in every run. A first
+// Open() writes it before the file's magic, so that nothing but the name tells a mapped file.
 FolderState WithoutHolder(FolderState state) {
   const size_t at = offsetof(mmap_format::Header, lock_holder);
+  const size_t size = sizeof(mmap_format::Header::lock_holder);
   for (auto& [name, bytes] : state.files) {
-    const bool is_mapped_file = bytes.compare(0, 7, "quenorM") == 0;
-    if (is_mapped_file) bytes.replace(at, sizeof(mmap_format::Header::lock_holder), 4, '\0');
+    const bool is_mapped_file = name.compare(0, 6, "c.mmap") == 0 && bytes.size() >= at + size;
+    if (is_mapped_file) bytes.replace(at, size, size, '\0');
   }
   return state;
 }

@@ -16,8 +16,8 @@ namespace {
 
 class MmapFileOpenTest : public MmapFileTest {
  protected:
-  // Refused with one line that names the path.
-  void ExpectRefused(const std::string& path) {
+  // Refused with one line that names the path and says why.
+  void ExpectRefused(const std::string& path, const char* why = "") {
     RecordingLog::Clear();
     MultiProcessSafetyMmapFile file;
 
@@ -25,6 +25,7 @@ class MmapFileOpenTest : public MmapFileTest {
 
     EXPECT_EQ(1, LinesWith(2, "")) << path;
     EXPECT_EQ(1, LinesWith(2, path)) << path;
+    EXPECT_EQ(1, LinesWith(2, why)) << path;
     EXPECT_EQ(0u, file.GetNextDataPacket().size);
     EXPECT_FALSE(file.Clear(0));
     EXPECT_FALSE(Append(file, "x"));
@@ -93,8 +94,8 @@ TEST_F(MmapFileOpenTest, RefusesASymbolicLinkAsLastComponent) {
   const std::string dangling = folder_.File("dangling.mmap");
   ASSERT_EQ(0, symlink(folder_.File("missing").c_str(), dangling.c_str()));
 
-  ExpectRefused(link);
-  ExpectRefused(dangling);
+  ExpectRefused(link, "it is a symbolic link, and none is followed; remove it");
+  ExpectRefused(dangling, "it is a symbolic link, and none is followed; remove it");
 
   EXPECT_FALSE(Exists(folder_.File("missing")));
   EXPECT_EQ(Packets{"a"}, LoadMapped(path_));

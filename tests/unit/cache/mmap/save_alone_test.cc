@@ -274,6 +274,43 @@ TEST_F(SaveAloneTest, WhoseLongIndexFindsNoRoomLeavesTheOldContent) {
   }
 }
 
+// Where nothing else is to be had, new packets go to where dropped ones were.
+TEST_F(SaveAloneTest, InAGapThatIsAWordTooShortLeavesWhatIsBehindTheGap) {
+  const auto packet = [](char letter, size_t room) {
+    return std::string(room - sizeof(PacketHeader), letter);
+  };
+  for (const size_t more : {0, 8}) {
+    extents_.refused.clear();
+    ASSERT_TRUE(SaveAll({}) && SaveAll({packet('d', 2000), packet('k', 400)}));
+    const std::string to_the_end = packet('e', content_.extent.size() - kPacketsBegin - 2400);
+    const Packets old = {packet('k', 400), to_the_end};
+    ASSERT_TRUE(SaveAll(Join({packet('d', 2000)}, old)) && SaveAll(old));
+    extents_.refused = "take lengthen ";
+    const Packets next = Join(old, {packet('1', 800), packet('2', 1200 + more)});
+
+    EXPECT_EQ(more == 0, SaveAll(next)) << more;
+
+    EXPECT_TRUE(Found() == (more == 0 ? next : old)) << more;
+  }
+}
+
+// Until it comes into force, which one that is killed behind its index never does.
+TEST_F(SaveAloneTest, WithItsIndexWrittenLeavesTheOldOne) {
+  for (const size_t packets : {3, 300}) {
+    for (size_t round = 0; round < 4; ++round) {
+      const Packets old = Row(round, packets, 8);
+      ASSERT_TRUE(SaveAll(old));
+      Seal never_written = {};
+      ASSERT_TRUE(Place(Row(round + 1, packets, 8)) && save_.MakeIndex());
+      ASSERT_TRUE(save_.WriteIndex(&never_written));
+
+      EXPECT_EQ(old, Found()) << packets << " packets, round " << round;
+
+      save_.Void();
+    }
+  }
+}
+
 TEST_F(SaveAloneTest, CutsOffWhatItsContentHasNoUseFor) {
   ASSERT_TRUE(SaveAll(Row(1, 12, 20000)));
   ASSERT_TRUE(SaveAll(Row(1, 1, 20000)));

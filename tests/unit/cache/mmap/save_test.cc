@@ -107,6 +107,24 @@ TEST_F(MmapFileSaveTest, ThatIsVoidAfterItHasMovedLeavesTheFileInUse) {
   EXPECT_EQ((Packets{"behind the old extent", "next"}), Found());
 }
 
+// Whole packets are in the extent that it had moved to; nothing names them.
+TEST_F(MmapFileSaveTest, ThatWasKilledAfterItHasMovedDoesNotComeBackInARepair) {
+  MultiProcessSafetyMmapFile neighbour;
+  ASSERT_TRUE(OpenFile(neighbour, path_) && Save(neighbour, {"behind the old extent"}));
+  const Packets large = NamedPackets("large", 10, 4000);
+  ASSERT_TRUE(file_.Clear(AnnouncedSize(large) + 5));
+  for (const std::string& packet : large) ASSERT_TRUE(Append(file_, packet));
+  CopyAsIfKilled(path_, folder_.File("killed"));
+  std::string bytes = ReadWholeFile(folder_.File("killed"));
+  ASSERT_NE(std::string::npos, bytes.find(large.back()));
+  const size_t damaged = bytes.find("old one");
+  ASSERT_NE(std::string::npos, damaged);
+  bytes[damaged] = '!';
+  ASSERT_TRUE(WriteWholeFile(folder_.File("killed"), bytes));
+
+  EXPECT_EQ((Packets{"old two", "behind the old extent"}), LoadMapped(folder_.File("killed")));
+}
+
 TEST_F(MmapFileSaveTest, ForWhichTheSystemHasNoRoomSaysWhy) {
   FileCalls::FailEach(Call::kPosixFallocate, EDQUOT);
 
