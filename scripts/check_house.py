@@ -22,7 +22,7 @@ ONLY_IN = {
     r"\bpthread_atfork\b": ("quenor_base/platform/base/fork.h",),
     r"\bCLOCK_MONOTONIC\b|\bsteady_clock::now\b": (
         "quenor_base/platform/base/monotonic_time.h", "collector/clock.h", "tests/support/patience.h"),
-    r"(?<![\w.>])v?fork\(\)|\bposix_spawnp?\(": ("tests/support/process.cc",),
+    r"(?<![\w.>])v?fork\(\)|\bposix_spawnp?\(": ("tests/support/process.cc", "tests/support/forked.h"),
 }
 SUBJECT_COLUMNS = 72
 # A definition's first line: not a statement, and not a type or a namespace.

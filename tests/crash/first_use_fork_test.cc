@@ -4,11 +4,9 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -28,6 +26,7 @@
 #include "quenor_base/platform/report_events.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
 #include "quenor_base/platform/thread_manager.h"
+#include "tests/support/forked.h"
 #include "tests/support/temp_folder.h"
 
 namespace quenor::test {
@@ -159,13 +158,6 @@ enum class When {
   kAtRandom,           // The fork comes some turns of a loop after the first use has begun.
 };
 
-bool EndsWell(pid_t process) {
-  int status = 0;
-  while (waitpid(process, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 // The whole of a process that forks once; its exit code is 0 when its child ended well.
 int ForkOnce(const Part& part, When when, uint32_t turns) {
   alarm(2 * kHungSeconds);
@@ -183,12 +175,10 @@ int ForkOnce(const Part& part, When when, uint32_t turns) {
     for (volatile uint32_t i = 0; i < turns; i = i + 1) {
     }
   }
-  const pid_t child = fork();
-  if (child == 0) {
+  return ResultOfChild([&] {
     alarm(kHungSeconds);
-    _exit(part.use() ? 0 : 1);
-  }
-  return EndsWell(child) ? 0 : 1;
+    return part.use() ? 0 : 1;
+  });
 }
 
 class FirstUseForkTest : public ::testing::TestWithParam<Part> {
@@ -200,9 +190,7 @@ class FirstUseForkTest : public ::testing::TestWithParam<Part> {
     int bad = 0;
     for (int i = 0; i < count; ++i) {
       const uint32_t turns = random() % (1u << (1 + random() % 24));
-      const pid_t process = fork();
-      if (process == 0) _exit(ForkOnce(GetParam(), when, turns));
-      if (!EndsWell(process)) ++bad;
+      bad += ResultOfChild([&] { return ForkOnce(GetParam(), when, turns); }) != 0;
     }
     std::cout << GetParam().name << ": " << count << " forks, " << bad << " hung or crashed (seed "
               << seed << ")" << std::endl;

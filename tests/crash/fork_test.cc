@@ -2,32 +2,20 @@
 // locked when the parent dies, every call of it on the parent's object is refused, and nothing that
 // it does harms the parent's content.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 
 #include "tests/crash/support/promises.h"
-#include "tests/support/patience.h"
+#include "tests/support/forked.h"
 
 namespace quenor::test {
 namespace {
-
-// The exit code of a child that runs `body`, and minus the signal's number if one ended it.
-int Wait(pid_t child) { return ReapPatiently(child); }
-
-pid_t Fork(const std::function<int()>& body) {
-  const pid_t child = fork();
-  if (child == 0) _exit(body());  // Neither the test's own end nor its output is the child's.
-  EXPECT_GT(child, 0);
-  return child;
-}
 
 // A gate that processes share by descriptors: whoever waits goes on once every writer has gone.
 class Gate {
@@ -83,15 +71,15 @@ class Forks : public ::testing::TestWithParam<FileKind> {
 TEST_P(Forks, AChildKeepsNothingOfAKilledParentLocked) {
   Gate parent_is_ready;
   Gate end_of_child;
-  const pid_t parent = Fork([&] {
+  const pid_t parent = ForkChild([&] {
     const auto file = Open();
     if (!file->Save(ContentOf("1-5x100"))) return 1;
     // The child waits with all that it inherited until the test is over.
-    if (fork() == 0) {
+    ForkChild([&] {
       parent_is_ready.Open();
       end_of_child.Pass();
-      _exit(0);
-    }
+      return 0;
+    });
     parent_is_ready.Open();
     end_of_child.Pass();
     return 0;
@@ -99,7 +87,7 @@ TEST_P(Forks, AChildKeepsNothingOfAKilledParentLocked) {
   parent_is_ready.Pass();
 
   kill(parent, SIGKILL);
-  EXPECT_EQ(-SIGKILL, Wait(parent));
+  EXPECT_EQ(-SIGKILL, ReapPatiently(parent));
 
   EXPECT_EQ(ContentOf("1-5x100"), Left());
 }
@@ -108,7 +96,7 @@ TEST_P(Forks, EveryCallOfAChildIsRefusedAndTheParentGoesOn) {
   const auto file = Open();
   ASSERT_TRUE(file->Save(ContentOf("1-5x100")));
 
-  EXPECT_EQ(0, Wait(Fork([&] { return UseAll(file.get()); })));
+  EXPECT_EQ(0, ResultOfChild([&] { return UseAll(file.get()); }));
 
   EXPECT_TRUE(file->IsSaveComplete());
   EXPECT_TRUE(file->Save(ContentOf("2-6x100")));
@@ -120,11 +108,11 @@ TEST_P(Forks, NothingThatAChildClosesOrDestroysHarmsTheParent) {
   auto file = Open();
   ASSERT_TRUE(file->Save(ContentOf("1-5x100")));
 
-  EXPECT_EQ(0, Wait(Fork([&] {
+  EXPECT_EQ(0, ResultOfChild([&] {
               file->Close();
               file.reset();
               return 0;
-            })));
+            }));
 
   EXPECT_TRUE(file->Save(ContentOf("1-6x100")));
   file->Close();
@@ -137,7 +125,7 @@ TEST_P(Forks, AChildInTheMiddleOfASaveDoesNotCompleteIt) {
   ASSERT_TRUE(file->Clear(2 * 104));
   ASSERT_TRUE(file->Append(Message(6, 100)));
 
-  EXPECT_EQ(0, Wait(Fork([&] { return file->Append(Message(77, 100)) ? 1 : 0; })));
+  EXPECT_EQ(0, ResultOfChild([&] { return file->Append(Message(77, 100)) ? 1 : 0; }));
   EXPECT_TRUE(file->Append(Message(7, 100)));
 
   EXPECT_TRUE(file->IsSaveComplete());
@@ -149,7 +137,7 @@ TEST_P(Forks, GrandchildrenAreRefusedToo) {
   const auto file = Open();
   ASSERT_TRUE(file->Save(ContentOf("1-5x100")));
 
-  EXPECT_EQ(0, Wait(Fork([&] { return Wait(Fork([&] { return UseAll(file.get()); })); })));
+  EXPECT_EQ(0, ResultOfChild([&] { return ResultOfChild([&] { return UseAll(file.get()); }); }));
 
   EXPECT_TRUE(file->Save(ContentOf("2-6x100")));
   file->Close();
@@ -161,11 +149,11 @@ TEST_P(Forks, AChildOpensAFileOfItsOwnWithTheParentsObject) {
   ASSERT_TRUE(file->Save(ContentOf("1-5x100")));
   const std::string other = folder_.File("other");
 
-  EXPECT_EQ(0, Wait(Fork([&] {
+  EXPECT_EQ(0, ResultOfChild([&] {
               if (!file->Open(other) || !file->Save(ContentOf("11-12x100"))) return 1;
               file->Close();
               return file->Open(other) && file->Load() == ContentOf("11-12x100") ? 0 : 2;
-            })));
+            }));
 
   EXPECT_TRUE(file->Save(ContentOf("2-6x100")));
   file->Close();
@@ -189,7 +177,7 @@ TEST_P(Forks, AThreadThatSavesIsNotDisturbedByForks) {
   int failed = 0;
   for (int i = 0; i < forks; ++i) {
     const uint64_t seen = last;
-    failed += Wait(Fork([] { return 0; })) != 0;
+    failed += ResultOfChild([] { return 0; }) != 0;
     while (last == seen) std::this_thread::yield();
   }
   stop = true;
@@ -211,11 +199,11 @@ TEST_P(MappedForks, AChildIsAnOwnerOfItsOwnWhenItOpensTheSameFile) {
   const auto file = Open();
   ASSERT_TRUE(file->Save(ContentOf("1-5x100")));
 
-  EXPECT_EQ(0, Wait(Fork([&] {
+  EXPECT_EQ(0, ResultOfChild([&] {
               const auto own = CacheFile::Create(FileKind::kMapped);
               if (!own->Open(path_) || !own->Load().empty()) return 1;
               return own->Save(ContentOf("11-12x100")) ? 0 : 2;  // And ends without closing it.
-            })));
+            }));
 
   EXPECT_EQ(ContentOf("11-12x100"), Left());
   file->Close();

@@ -6,7 +6,6 @@
 // on the channel's own thread, once the channel has returned from the save and before it does
 // anything else, and when it has found the message's bytes in the file itself; how many messages
 // the save must have follows from its own books of what was admitted and answered.
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <condition_variable>
@@ -29,6 +28,7 @@
 #include "quenor_base/platform/thread_manager.h"
 #include "tests/crash/support/contents.h"
 #include "tests/crash/support/job.h"
+#include "tests/support/forked.h"
 
 namespace quenor::test {
 namespace {
@@ -231,19 +231,13 @@ int Fork(const Orders& orders) {
   channel->SetResendInterval(kNeverMs);
   for (uint64_t i = 0; i < orders.count; ++i) Send(orders.first + i, channel.get());
   books.WaitUntilSaved(orders.count);
-  const pid_t brief = fork();
-  QUENOR_CHECK(brief >= 0, "fork failed");
-  if (brief == 0) ExitAsForked();
-  int status = -1;
-  if (waitpid(brief, &status, 0) != brief || status != 0) Report(JobEvent::kFailed, 0);
-  const pid_t lasting = fork();
-  QUENOR_CHECK(lasting >= 0, "fork failed");
-  if (lasting == 0) {
+  if (ResultOfChild([]() -> int { ExitAsForked(); }) != 0) Report(JobEvent::kFailed, 0);
+  ForkChild([]() -> int {
     // Not by the parent: a child that is still in fork() has all that its parent has.
     Report(JobEvent::kReady, static_cast<uint64_t>(getpid()));
     AwaitRelease();
     ExitAsForked();
-  }
+  });
   for (;;) pause();
 }
 

@@ -1,7 +1,5 @@
 // Servers that send frames which are no answer as fast as they are read. libcurl would go on
 // reading for ever; whoever needs the I/O thread meanwhile must get it.
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <fstream>
 
@@ -9,6 +7,7 @@
 #include "tests/integration/support/flood_server.h"
 #include "tests/integration/support/scripted_server.h"
 #include "tests/integration/support/servers.h"
+#include "tests/support/forked.h"
 
 namespace quenor::test {
 namespace {
@@ -28,12 +27,6 @@ class HttpClientFloodTest : public HttpClientTest, public ::testing::WithParamIn
     HttpClient::Config config;
     config.enable_http2 = true;
     return MakeClient(TrustingDefaults(), config);
-  }
-  static int EndOfAChild() {
-    const pid_t child = fork();
-    if (child == 0) _exit(0);
-    int status = -1;
-    return waitpid(child, &status, 0) == child ? status : -1;
   }
 };
 
@@ -72,7 +65,7 @@ TEST_P(HttpClientFloodTest, LetsTheProcessFork) {
             1);
   flooding.WaitForFlood();
 
-  EXPECT_EQ(0, EndOfAChild());
+  EXPECT_EQ(0, ResultOfChild([] { return 0; }));
 
   flooded.WaitFor(1);
 }

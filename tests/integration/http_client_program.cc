@@ -10,7 +10,6 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -31,6 +30,7 @@
 #include "quenor_base/platform/http_client.h"
 #include "tests/integration/support/counted_calls.h"
 #include "tests/integration/support/traced_getenv.h"
+#include "tests/support/forked.h"
 
 // Children that start threads are what is tested here.
 extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
@@ -232,24 +232,15 @@ int ThrowInsideCallback() {
   for (;;) pause();
 }
 
-int WaitForChild(pid_t child) {
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 // A child inherits a client in use, sends with it and with one of its own, and exits; the parent
 // then goes on.
 int Fork() {
   const auto client = HttpClientFactory::Create(g_config);
   if (!Post(client.get())) return 1;
-  const pid_t child = fork();
-  if (child == 0) {
+  const int code = test::ResultOfChild([&]() -> int {
     const auto own = HttpClientFactory::Create(g_config);
     std::exit(Post(client.get()) && Post(own.get()) && !IoThreadFolder().empty() ? 0 : 2);
-  }
-  const int code = WaitForChild(child);
+  });
   return code != 0 ? code : Post(client.get()) ? 0 : 3;
 }
 
@@ -262,15 +253,13 @@ int ForkWhileBusy() {
   for (int i = 0; i < 20; ++i) {
     const int answered = storm->answered;
     while (storm->answered < answered + 10) poll(nullptr, 0, 1);
-    const pid_t child = fork();
-    if (child == 0) {
+    const int code = test::ResultOfChild([] {
       const int before = storm->answered;
       const auto own = HttpClientFactory::Create(g_config);
       const bool posted = Post(own.get());
       delete storm->client;
-      _exit(posted && Post(own.get()) && storm->answered == before ? 0 : 2);
-    }
-    const int code = WaitForChild(child);
+      return posted && Post(own.get()) && storm->answered == before ? 0 : 2;
+    });
     if (code != 0) return code;
   }
   return 0;
@@ -292,7 +281,7 @@ int ForkInsideCallback() {
                            std::unique_ptr<HttpClient::Response> response) {
     if (getpid() != parent) ++*ran_in_child;
     if (getpid() == parent && children.size() < 2) {
-      const pid_t child = fork();
+      const pid_t child = test::ForkAndGoOn();
       if (child == 0 && children.empty()) return;
       if (child == 0) {
         std::thread([] {
@@ -308,7 +297,7 @@ int ForkInsideCallback() {
   for (size_t i = 0; i < kRequests; ++i) client->SendRequest(g_request, callback);
   gate.WaitFor(kRequests);
   for (const pid_t child : children) {
-    const int code = WaitForChild(child);
+    const int code = test::ReapPatiently(child);
     if (code != 0) return code;
   }
   for (size_t i = 0; i < kRequests; ++i) {

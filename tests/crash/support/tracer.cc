@@ -24,7 +24,7 @@
 
 #include "quenor_base/platform/base/check.h"
 #include "tests/crash/support/instruction.h"
-#include "tests/support/patience.h"
+#include "tests/support/forked.h"
 
 namespace quenor::test {
 namespace {
@@ -120,9 +120,8 @@ bool IsMark(uint64_t number) { return number == SYS_kill; }
 // A program that is being stepped. It never outlives the object.
 class Tracee {
  public:
-  explicit Tracee(const std::vector<std::string>& arguments) : pid_(fork()) {
-    QUENOR_CHECK(pid_ >= 0, "fork failed");
-    if (pid_ == 0) RunTraced(arguments);
+  explicit Tracee(const std::vector<std::string>& arguments)
+      : pid_(ForkChild([&]() -> int { RunTraced(arguments); })) {
     stopped_by_ = Wait();
     if (stopped_by_ == SIGTRAP) {
       ptrace(PTRACE_SETOPTIONS, pid_, nullptr, PTRACE_O_EXITKILL | PTRACE_O_TRACESYSGOOD);

@@ -23,6 +23,7 @@
 #include "quenor_base/platform/http_client.h"
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/thread_manager.h"
+#include "tests/support/forked.h"
 
 // Children that start threads are what is tested here.
 extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
@@ -98,9 +99,7 @@ int Main(int argc, char** argv) {
   int started = 0;
   for (int run = 0; run < std::atoi(argv[4]); ++run) {
     for (int delay_ms = 0; delay_ms <= kLongestDelayMs; ++delay_ms) {
-      const pid_t child = fork();
-      if (child == 0) RunAndExit(argv[1], argv[3], delay_ms);
-      if (child < 0) return 71;
+      const pid_t child = test::ForkChild([&]() -> int { RunAndExit(argv[1], argv[3], delay_ms); });
       g_delays_ms[child] = delay_ms;
       ++started;
       if (g_delays_ms.size() >= kAtATime) WaitForOne();

@@ -1,10 +1,8 @@
 // A host forks while its channels are at full work. The child is quiet about the parent's channels
 // and may have channels of its own; the parent notices nothing.
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -16,7 +14,7 @@
 #include "quenor_base/platform/thread_manager.h"
 #include "tests/integration/channel/channel_fixture.h"
 #include "tests/integration/support/servers.h"
-#include "tests/support/patience.h"
+#include "tests/support/forked.h"
 
 namespace quenor::test {
 namespace {
@@ -157,10 +155,7 @@ TEST_F(ForkUnderLoadTest, ChildrenHaveChannelsOfTheirOwnAndTheParentLosesNothing
     const Load load(&events_, channels);
     for (int i = 0; i < forks; ++i) {
       events_.WaitFor(ReportEventKind::kAcknowledged, static_cast<size_t>(10 * (i + 1)));
-      const pid_t child = fork();
-      ASSERT_GE(child, 0);
-      if (child == 0) _exit(InChild(&channels, i));
-      const int result = ReapPatiently(child);
+      const int result = ResultOfChild([&] { return InChild(&channels, i); });
       ++ends[result >= 0 && result < 4 ? result : 4];
     }
   }

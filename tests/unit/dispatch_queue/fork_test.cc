@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "tests/conformance/dispatch_queue_conformance.h"
+#include "tests/support/forked.h"
 
 // Children that start threads are what is tested here.
 extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
@@ -50,7 +51,7 @@ class QueueForkTest : public ::testing::Test {
     const auto bound = [&] { return Bound([this, parent] { *in_child_ += getpid() != parent; }); };
     queue->PostTask(kHere, [&] { go_on.Wait(); });
     queue->PostTask(kHere, [&] {
-      child = fork();
+      child = test::ForkAndGoOn();
       if (child == 0) in_child();
     });
     queue->PostTask(kHere, [this, parent, held = bound()] { *in_child_ += getpid() != parent; });

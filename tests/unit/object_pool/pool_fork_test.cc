@@ -1,35 +1,18 @@
 // A host forks while threads use a pool: the fork waits for both locks of the pool, and both
 // processes find them free afterwards.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "pool_test_support.h"
 #include "quenor_base/platform/base/fork.h"
+#include "tests/support/forked.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace {
-
-constexpr unsigned kHungSeconds = 20;
-
-// The exit code of a child that runs `body`, or -1 when it hung or crashed.
-template <typename Body>
-int InChild(Body body) {
-  const pid_t child = fork();
-  if (child == 0) {
-    alarm(kHungSeconds);
-    _exit(body());
-  }
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 class PoolForkTest : public CountedPoolTest {
  protected:
@@ -58,7 +41,7 @@ TEST_F(PoolForkTest, ForkHoldsThePoolsLockAndTheSharedTiersMutex) {
     pool_.Reuse(pool_.AllocRaw());
     look_.pool = &pool_;
 
-    EXPECT_EQ(InChild([] { return 0; }), 0);
+    EXPECT_EQ(test::ResultOfChild([] { return 0; }), 0);
 
     look_.pool = nullptr;
     EXPECT_FALSE(look_.pool_lock_was_free);
@@ -79,13 +62,13 @@ TEST_F(PoolForkTest, BothProcessesGoOnWithTheBatchesThatWereShared) {
       return same && ArrayBooks::made == made ? 0 : 1;
     };
 
-    EXPECT_EQ(InChild(take_all), 0);
+    EXPECT_EQ(test::ResultOfChild(take_all), 0);
     EXPECT_EQ(take_all(), 0);
   });
 }
 
 TEST_F(PoolForkTest, ChildMakesTheFirstTierOfAPoolThatNobodyHasUsed) {
-  EXPECT_EQ(InChild([this] {
+  EXPECT_EQ(test::ResultOfChild([this] {
               uint8_t* const array = pool_.AllocRaw();
               pool_.Reuse(array);
               return Peer::FreeList(pool_).size() == 2 ? 0 : 1;
@@ -96,7 +79,7 @@ TEST_F(PoolForkTest, ChildMakesTheFirstTierOfAPoolThatNobodyHasUsed) {
 TEST_F(PoolForkTest, ForkKeepsNoSharedTierAlive) {
   OnSdkThread([this] {
     pool_.Reuse(pool_.AllocRaw());
-    EXPECT_EQ(InChild([] { return 0; }), 0);
+    EXPECT_EQ(test::ResultOfChild([] { return 0; }), 0);
     EXPECT_TRUE(Peer::SharedTierIsAlive(pool_));
   });
 
@@ -124,7 +107,8 @@ TEST(ForkHandlersTest, PrepareBeforeAnyLockIsTakenAndEndWhenAllAreFree) {
   base::HeldAtFork made_second(nullptr, &TakeWith<'L'>, &TakeWith<'U'>, &TakeWith<'V'>);
   g_count = 0;
 
-  EXPECT_EQ(InChild([] { return std::string(g_steps, g_count) == "AaLlVvcC" ? 0 : 1; }), 0);
+  EXPECT_EQ(test::ResultOfChild([] { return std::string(g_steps, g_count) == "AaLlVvcC" ? 0 : 1; }),
+            0);
   EXPECT_EQ(std::string(g_steps, g_count), "AaLlUubB");
 }
 

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/patience.h"
+#include "tests/support/forked.h"
 #include "tests/unit/platform/system_calls.h"
 
 QUENOR_NAMESPACE_BEGIN
@@ -334,12 +334,10 @@ TEST_F(StderrLogTest, ForkedChildFindsNoSinkBesideAnothersContext) {
   });
   int mixed = 0;
   for (int i = 0; i < 200; ++i) {
-    const pid_t child = fork();
-    if (child == 0) {
+    mixed += test::ResultOfChild([] {
       LocalLog(0, "f", 1, "of a level that standard error does not get");
-      _exit(0);
-    }
-    mixed += test::ReapPatiently(child);
+      return 0;
+    });
   }
   done = true;
   changer.join();

@@ -13,6 +13,7 @@
 
 #include "services/mmap_file_posix/format.h"
 #include "services/mmap_file_posix/owner_table.h"
+#include "tests/support/forked.h"
 #include "tests/unit/cache/mmap/mmap_file_fixture.h"
 
 namespace quenor::test {
@@ -245,16 +246,14 @@ TEST_F(MmapFileLostRecordTest, ItsRoomIsNeverTaken) {
 
 // Starts a process that stops itself where it has the table's lock, for more room.
 pid_t StartAndStopWithTheLock(const std::string& path) {
-  const pid_t child = fork();
-  if (child == 0) {
+  const pid_t child = ForkChild([&] {
     Watcher watcher;
     watcher.before = [&](const CallInfo& info) {
       if (info.call == Call::kPosixFallocate && info.offset > 0) raise(SIGSTOP);
     };
     MultiProcessSafetyMmapFile file;
-    const bool done = OpenFile(file, path) && Save(file, {"of the stopped"});
-    _exit(done ? 0 : 1);
-  }
+    return OpenFile(file, path) && Save(file, {"of the stopped"}) ? 0 : 1;
+  });
   int status = 0;
   EXPECT_EQ(child, waitpid(child, &status, WUNTRACED));
   EXPECT_TRUE(WIFSTOPPED(status));
@@ -285,9 +284,7 @@ TEST_F(MmapFileLocksTest, AStoppedHolderCostsOneLongWaitAndIsNamed) {
   EXPECT_TRUE(Save(file, {"a", "fits where it is"}));
 
   ASSERT_EQ(0, kill(stopped, SIGCONT));
-  int status = -1;
-  ASSERT_EQ(stopped, waitpid(stopped, &status, 0));
-  EXPECT_EQ(0, status);
+  EXPECT_EQ(0, ReapPatiently(stopped));
   EXPECT_TRUE(Save(file, packets));
 }
 
@@ -346,8 +343,7 @@ TEST_F(MmapFileLocksTest, AForkedChildUnmapsNothingOfItsOwn) {
     ASSERT_TRUE(OpenFile(neighbour, path_) && Save(neighbour, {"b"}));
     ASSERT_TRUE(file.Clear(100000) && Append(file, std::string(50000, 'm')));
   }
-  const pid_t child = fork();
-  if (child == 0) {
+  const int result = ResultOfChild([&] {
     std::vector<char*> own;
     for (const CallInfo& info : mapped) {
       void* const address = const_cast<void*>(info.address);
@@ -357,11 +353,9 @@ TEST_F(MmapFileLocksTest, AForkedChildUnmapsNothingOfItsOwn) {
     }
     file.Close();
     for (char* const bytes : own) *bytes = 1;
-    _exit(own.size() < 4 ? 1 : 0);
-  }
-  int status = -1;
-  ASSERT_EQ(child, waitpid(child, &status, 0));
-  EXPECT_EQ(0, status);
+    return own.size() < 4 ? 1 : 0;
+  });
+  EXPECT_EQ(0, result);
 }
 
 // At each moment at which something has to be on the disk.

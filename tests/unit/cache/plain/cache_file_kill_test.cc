@@ -2,7 +2,6 @@
 // for real. What was promised has to be there afterwards.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -11,6 +10,7 @@
 #include <random>
 
 #include "quenor_base/platform/reliable_report_cache_file.h"
+#include "tests/support/forked.h"
 #include "tests/unit/cache/plain/cache_file_test_support.h"
 
 namespace quenor::test {
@@ -301,21 +301,18 @@ TEST_F(CacheFileKillTest, AnInterruptedRepairIsCarriedOn) {
 
 void KillAndWait(pid_t child) {
   kill(child, SIGKILL);
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFSIGNALED(status));
+  ASSERT_EQ(ReapPatiently(child), -SIGKILL);
 }
 
 TEST_F(CacheFileKillTest, AKilledOwnersPacketsAreThereAtOnce) {
   int pipe_ends[2];
   ASSERT_EQ(pipe(pipe_ends), 0);
-  const pid_t child = fork();
-  if (child == 0) {
+  const pid_t child = ForkChild([&] {
     ReliableReportCacheFile file;
     const bool saved = file.Open(file_path()) && Save(&file, {"a", "b"});
-    if (write(pipe_ends[1], saved ? "1" : "0", 1) != 1) _exit(1);
+    if (write(pipe_ends[1], saved ? "1" : "0", 1) != 1) return 1;
     for (;;) pause();
-  }
+  });
   char answer = 0;
   ASSERT_EQ(read(pipe_ends[0], &answer, 1), 1);
   ASSERT_EQ(answer, '1');
@@ -331,18 +328,17 @@ TEST_F(CacheFileKillTest, OwnersKilledAmidTheirSavesLeaveWhatTheyReported) {
   for (int round = 0; round < 10; ++round) {
     int pipe_ends[2];
     ASSERT_EQ(pipe(pipe_ends), 0);
-    const pid_t child = fork();
-    if (child == 0) {
+    const pid_t child = ForkChild([&] {
       // Saves a sliding window of ten; reports each save that is complete.
       ReliableReportCacheFile file;
-      if (!file.Open(file_path())) _exit(1);
+      if (!file.Open(file_path())) return 1;
       for (uint32_t next = 0;; ++next) {
         Packets packets;
         for (uint32_t i = next; i < next + 10; ++i) packets.push_back(std::to_string(i));
-        if (!Save(&file, packets)) _exit(1);
-        if (write(pipe_ends[1], &next, sizeof next) != sizeof next) _exit(1);
+        if (!Save(&file, packets)) return 1;
+        if (write(pipe_ends[1], &next, sizeof next) != sizeof next) return 1;
       }
-    }
+    });
     close(pipe_ends[1]);
     uint32_t reported = 0;
     for (int i = 0; i < 100 * (round + 1); ++i) {

@@ -1,13 +1,12 @@
 // One owner at a time, and what may be at the path besides a cache file.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
 
 #include "quenor_base/platform/reliable_report_cache_file.h"
-#include "tests/support/patience.h"
+#include "tests/support/forked.h"
 #include "tests/unit/cache/plain/cache_file_test_support.h"
 
 namespace quenor::test {
@@ -27,13 +26,6 @@ class CacheFileOwnerTest : public CacheFileTest {
       EXPECT_NE(Complaints()[0].find(word), std::string::npos) << Complaints()[0];
     }
     EXPECT_FALSE(file.Clear());
-  }
-  // What `act` answers in a forked child.
-  template <typename Act>
-  static int InChild(Act act) {
-    const pid_t child = fork();
-    if (child == 0) _exit(act());
-    return ReapPatiently(child);
   }
 };
 
@@ -55,7 +47,7 @@ TEST_F(CacheFileOwnerTest, AnotherProcessIsRefused) {
   ReliableReportCacheFile owner;
   ASSERT_TRUE(owner.Open(file_path()));
 
-  EXPECT_EQ(InChild([&] {
+  EXPECT_EQ(ResultOfChild([&] {
               ReliableReportCacheFile file;
               return file.Open(file_path()) ? 1 : 0;
             }),
@@ -92,7 +84,7 @@ TEST_F(CacheFileOwnerTest, AForkedChildHoldsNothingAndTouchesNothing) {
   ASSERT_TRUE(Save(&file, {"a", "b"}));
   const std::string before = Bytes();
 
-  const int answers = InChild([&] {
+  const int answers = ResultOfChild([&] {
     int wrong = 0;
     wrong += file.GetNextDataPacket().data != nullptr;
     wrong += file.Clear();
@@ -120,7 +112,7 @@ TEST_F(CacheFileOwnerTest, AChildOfAProcessWithoutStandardInputTouchesNothing) {
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(remove(path().c_str()), 0);
     EXPECT_TRUE(Save(&file, {"a"}));
-    EXPECT_EQ(InChild([&] { return file.Clear() ? 1 : 0; }), 0) << i;
+    EXPECT_EQ(ResultOfChild([&] { return file.Clear() ? 1 : 0; }), 0) << i;
   }
   file.Close();
   if (input < 0) return;
@@ -133,12 +125,11 @@ TEST_F(CacheFileOwnerTest, AChildThatLivesOnDoesNotKeepTheFile) {
   ASSERT_EQ(pipe(pipe_ends), 0);
   ReliableReportCacheFile file;
   ASSERT_TRUE(file.Open(file_path()));
-  const pid_t child = fork();
-  if (child == 0) {
+  const pid_t child = ForkChild([&] {
     char nothing;
     close(pipe_ends[1]);
-    _exit(read(pipe_ends[0], &nothing, 1) == 0 ? 0 : 1);  // Until the parent lets go.
-  }
+    return read(pipe_ends[0], &nothing, 1) == 0 ? 0 : 1;  // Until the parent lets go.
+  });
 
   file.Close();
 
@@ -146,9 +137,7 @@ TEST_F(CacheFileOwnerTest, AChildThatLivesOnDoesNotKeepTheFile) {
   EXPECT_TRUE(second.Open(file_path()));
   close(pipe_ends[0]);
   close(pipe_ends[1]);
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(ReapPatiently(child), 0);
 }
 
 TEST_F(CacheFileOwnerTest, PathsThatLeadAstrayAreRefused) {
