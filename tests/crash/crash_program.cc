@@ -18,6 +18,7 @@
 #include "tests/crash/support/cache_files.h"
 #include "tests/crash/support/contents.h"
 #include "tests/crash/support/job.h"
+#include "tests/support/patience.h"
 
 namespace quenor::test {
 namespace {
@@ -119,7 +120,7 @@ class Worker {
       : delivered_(open(delivered.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC)),
         incarnation_(std::move(incarnation)),
         random_(static_cast<unsigned>(std::hash<std::string>()(incarnation_))),
-        tries_(is_patient ? 1000 : 1) {
+        patience_(is_patient ? kPatience : std::chrono::seconds(0)) {
     Require(delivered_ >= 0 && Try([&] { return file_->Open(path); }));
     const Content left = file_->Load();
     messages_.assign(left.begin(), left.end());
@@ -166,9 +167,10 @@ class Worker {
 
   template <typename Call>
   bool Try(Call call) const {
-    for (int i = 0; i < tries_; ++i) {
+    const auto end = Now() + patience_;
+    do {
       if (call()) return true;
-    }
+    } while (Now() < end);
     return false;
   }
   bool Save() {
@@ -186,7 +188,7 @@ class Worker {
   int delivered_;
   std::string incarnation_;
   std::minstd_rand random_;
-  const int tries_;
+  const std::chrono::seconds patience_;
   std::deque<std::string> messages_;
 };
 
