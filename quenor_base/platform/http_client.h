@@ -1,4 +1,4 @@
-// The asynchronous HTTP client: POSTs go out, each is answered by one callback.
+// The asynchronous HTTP client: a POST goes out once, follows no redirect, ends in one callback.
 // Threads: any; callbacks come on the client's own thread and must not block.
 // Life cycle: a client may be destroyed on any thread, inside one of its own callbacks too; that
 // ends its requests, and each one's callback still runs once, as a failure. It waits for one thing:

@@ -4,6 +4,7 @@
 #include <map>
 #include <mutex>
 
+#include "services/http_client_curl/rules/syntax.h"
 #include "tests/conformance/http_client_conformance.h"
 #include "tests/support/fakes/fake_http_client.h"
 
@@ -15,8 +16,10 @@ class FakePeer : public HttpClientPeer {
  public:
   FakePeer() : http_([this](base::OnceClosure task) { Post(std::move(task)); }) {
     http_.SetOnSend([this](const HttpClient::Request& request) {
-      // The fake looks at no URL.
-      const bool usable = request.url.compare(0, sizeof(kOrigin) - 1, kOrigin) == 0;
+      // The fake looks at no request.
+      const bool usable = request.url.compare(0, sizeof(kOrigin) - 1, kOrigin) == 0 &&
+                          request.url.find('\0') == std::string::npos &&
+                          http_syntax::RequestProblem(request).empty();
       usable ? http_.Accept() : http_.RefuseAll(0);
     });
   }

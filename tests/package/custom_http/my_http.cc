@@ -2,6 +2,7 @@
 
 #include <quenor_base/platform/thread_manager.h>
 
+#include <algorithm>
 #include <mutex>
 #include <regex>
 #include <utility>
@@ -21,8 +22,16 @@ quenor::DispatchQueue& MyThread() {
 
 std::function<MyAnswer(const HttpClient::Request&)> my_server;  // Its own, as are exchanges.
 
+// Held while the client tells a success, so that its destructor waits for that; by one thread more
+// than once, because the callback may be who destroys the client.
+struct Telling {
+  std::recursive_mutex mutex;
+  bool is_over = false;  // Guarded by `mutex`. The client is destroyed.
+};
+
 // A request from SendRequest() to its callback, which runs once, whoever ends it.
 struct Exchange {
+  std::shared_ptr<Telling> telling;
   HttpClient::Request request;
   HttpClient::CompletionCallback callback;
   bool ended = false;
@@ -35,7 +44,9 @@ struct Exchange {
     response->status_code = answer.status;
     response->headers = answer.headers;
     response->body = quenor::CopyOnWriteBuffer(answer.body.data(), answer.body.size());
-    End(HttpClient::State::kCompleted, std::move(response));
+    const std::lock_guard<std::recursive_mutex> hold(telling->mutex);
+    // Else its cancellation is on its way.
+    if (!telling->is_over) End(HttpClient::State::kCompleted, std::move(response));
   }
   void End(HttpClient::State state, std::unique_ptr<HttpClient::Response> response) {
     if (std::exchange(ended, true)) return;
@@ -44,17 +55,35 @@ struct Exchange {
   }
 };
 
+bool IsUsable(const HttpClient::Request& request) {
+  static const std::regex url("https?://(\\[[0-9a-f:]+\\]|[^\\s/:\\[\\]]+)(:\\d+)?(/[!-~]*)?");
+  static const std::regex token("[-!#$%&'*+.^_`|~0-9A-Za-z]+");
+  static const std::regex own("content-length|transfer-encoding", std::regex::icase);
+  if (!std::regex_match(request.url, url) || !std::regex_match(request.method, token)) return false;
+  if (request.method == "HEAD" && request.body.size() > 0) return false;
+  for (const auto& [name, value] : request.headers) {
+    if (!std::regex_match(name, token) || std::regex_match(name, own)) return false;
+    const auto is_forbidden = [](unsigned char c) { return (c < 32 && c != '\t') || c == 127; };
+    if (std::any_of(value.begin(), value.end(), is_forbidden)) return false;
+  }
+  return true;
+}
+
 class MyHttpClient : public HttpClient {
  public:
   ~MyHttpClient() override {
+    {
+      const std::lock_guard<std::recursive_mutex> hold(telling_->mutex);
+      telling_->is_over = true;
+    }
     for (const auto& exchange : exchanges_) {
       MyThread().PostTask({}, [exchange] { exchange->End(State::kCancelled, nullptr); });
     }
   }
   int64_t SendRequest(const Request& request, CompletionCallback callback) override {
-    static const std::regex usable("https?://(\\[[0-9a-f:]+\\]|[^\\s/:\\[\\]]+)(:\\d+)?(/\\S*)?");
-    if (!std::regex_match(request.url, usable)) return 0;
+    if (!IsUsable(request)) return 0;
     auto exchange = std::make_shared<Exchange>();
+    exchange->telling = telling_;
     exchange->request = request;
     const int64_t id = exchange->request.request_id = NextRequestId();
     exchange->callback = std::move(callback);
@@ -65,6 +94,7 @@ class MyHttpClient : public HttpClient {
   }
 
  private:
+  const std::shared_ptr<Telling> telling_ = std::make_shared<Telling>();
   std::mutex mutex_;
   std::vector<std::shared_ptr<Exchange>> exchanges_;  // Guarded by `mutex_`. All that ever were.
 };
