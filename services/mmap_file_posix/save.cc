@@ -303,7 +303,7 @@ void Save::CopyTo(const Extent& to, uint64_t at) {
 // What was written since the save began or went on in another gap.
 bool Save::FlushWritten() { return !Target() || Target().map.Flush(begin_, at_, durability_); }
 
-// Sealing -----------------------------------------------------------------------------------------
+// The index ---------------------------------------------------------------------------------------
 
 bool Save::MakeIndex() {
   EndRun();
