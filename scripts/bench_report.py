@@ -104,8 +104,6 @@ def area_text(page, pictures):
     for plot in page["plots"]:
         out += [f"![{plot['title']}]({pictures}/{page['area']}_{plot['name']}.svg)", ""]
         out += [plot["note"], ""] if plot["note"] else []
-    if page["rows"]:
-        out += [f"![{page['title']}]({pictures}/{page['area']}.svg)", ""]
     return out
 
 
@@ -122,30 +120,32 @@ HEAD = ("set terminal svg size {width},{height} font 'sans-serif,12' background 
         "set key outside right top\n")
 
 
-def draw_rows(page, path):
-    """Each row's ratios to its rivals, as points on one logarithmic axis; 1 is a draw."""
-    names = [row["name"] for row in page["rows"]]
-    by_rival = {}
-    for index, row in enumerate(page["rows"]):
-        ours = row["contenders"][0]["median"]
-        for rival in row["contenders"][1:]:
-            if ours > 0 and rival["median"] > 0:
-                ratio = ours / rival["median"]
-                by_rival.setdefault(rival["name"], []).append((index, ratio))
-    if not by_rival:
-        return False
-    script = HEAD.format(width=1100, height=220 + 26 * len(names), output=quoted(path))
-    labels = ", ".join(f"{quoted(name)} {index}" for index, name in enumerate(names))
-    script += (f"set title {quoted(page['title'] + ': our figure divided by theirs')} noenhanced\n"
-               f"set ytics ({labels}) noenhanced\nset yrange [{len(names) - 0.5}:-0.5]\n"
-               "set logscale x\nset arrow from 1, graph 0 to 1, graph 1 nohead lw 2 lc rgb '#888888'\n"
-               "set grid xtics lc rgb '#dddddd'\nset bmargin 3\n")
-    script += "plot " + ", ".join(f"'-' with points pt 7 ps 0.9 title {quoted(rival)} noenhanced"
-                                  for rival in by_rival) + "\n"
-    for points in by_rival.values():
-        script += "".join(f"{ratio} {index}\n" for index, ratio in points) + "e\n"
+def cost_ratios(row):
+    """What ours costs divided by what each rival does: below 1 is better, of a rate too."""
+    ours = row["contenders"][0]["median"]
+    theirs = [rival["median"] for rival in row["contenders"][1:]]
+    ratios = [ours / other for other in theirs if ours > 0 and other > 0]
+    return [1 / ratio for ratio in ratios] if row["unit"].endswith(" per s") else ratios
+
+
+def draw_ratios(pages, path):
+    """Every ratio of every area on one logarithmic axis: a line for each row, in the order of the tables."""
+    bands, lines = [], 0
+    for page in pages:
+        if page["rows"]:
+            bands.append((page["title"].split(":")[0], lines, lines + len(page["rows"]), page["rows"]))
+            lines += len(page["rows"])
+    script = HEAD.format(width=900, height=140 + 7 * lines, output=quoted(path))
+    names = ", ".join(f"{quoted(name)} {(begin + end - 1) / 2}" for name, begin, end, _ in bands)
+    script += ("unset key\nset title 'our cost divided by theirs, a point for each rival: left is better'\n"
+               f"set ytics ({names}) noenhanced scale 0\nset yrange [{lines - 0.5}:-0.5]\nset grid noytics xtics\n"
+               "set logscale x\nset arrow from 1, graph 0 to 1, graph 1 nohead lw 2 lc rgb '#888888'\n")
+    script += "".join(f"set arrow from graph 0, first {begin - 0.5} to graph 1, first {begin - 0.5} nohead lc rgb '#dddddd'\n"
+                      for _, begin, _, _ in bands[1:])
+    script += "plot " + ", ".join("'-' with points pt 7 ps 0.4 lc rgb '#1f5fa8'" for _ in bands) + "\n"
+    for _, begin, _, rows in bands:
+        script += "".join(f"{ratio} {begin + index}\n" for index, row in enumerate(rows) for ratio in cost_ratios(row)) + "e\n"
     gnuplot(script)
-    return True
 
 
 def draw_plot(plot, path):
@@ -160,7 +160,9 @@ def draw_plot(plot, path):
         script += "set logscale y\n"
     else:
         script += "set yrange [0:*]\n"
-    script += "plot " + ", ".join(f"'-' with linespoints pt 7 ps 0.6 title {quoted(line['name'])} noenhanced"
+    points = max(len(line["points"]) for line in plot["lines"])
+    style = "linespoints pt 7 ps 0.6" if points < 100 else "lines"
+    script += "plot " + ", ".join(f"'-' with {style} title {quoted(line['name'])} noenhanced"
                                   for line in plot["lines"]) + "\n"
     for line in plot["lines"]:
         script += "".join(f"{x} {y}\n" for x, y in line["points"]) + "e\n"
@@ -193,11 +195,13 @@ def write(pages, path):
            "by round. What counts are the ratios, the median over the rounds of ours divided by theirs; the figures",
            "themselves belong to this machine and its noise. Repeat it with `./dev bench`, one area with",
            "`./dev bench AREA`. Rivals come from Debian's packages and are never part of the library's own build.",
-           "", f"{datetime.date.today().isoformat()}, {machine()}. Targets met: {met}, missed: {missed}.", ""]
+           "", f"{datetime.date.today().isoformat()}, {machine()}. Targets met: {met}, missed: {missed}.", "",
+           f"![Every ratio]({os.path.basename(pictures)}/ratios.svg)", "",
+           "A line for each row of the tables below, in their order, and on it a point for each rival; of rates the",
+           "inverse, so that left of 1 is better everywhere.", ""]
+    draw_ratios(pages, os.path.join(pictures, "ratios.svg"))
     for page in pages:
         out += area_text(page, os.path.basename(pictures))
-        if page["rows"] and not draw_rows(page, os.path.join(pictures, page["area"] + ".svg")):
-            out = [line for line in out if f"/{page['area']}.svg)" not in line]
         for plot in page["plots"]:
             draw_plot(plot, os.path.join(pictures, f"{page['area']}_{plot['name']}.svg"))
     while out[-1] == "":
