@@ -27,6 +27,7 @@ PARTS = {  # Started in this order.
     "network": "bad links, proxies, hostile servers, forks",
     "model": "model checking",
     "random": "a million random steps, a hundred thousand payloads",
+    "compiling": "projects that compile the library, or the contracts' suites, themselves",
     "coverage": "what the fuzzers' inputs reach",
     "hosts": "hosts files of several machines",
     "checks": "format, layers, documentation, thread safety",

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Twenty channels deliver for long while their server is killed again and again.
 
-soak_test.py [--minutes N]   a minute, or thirty with QUENOR_NETWORK_FULL=1
+soak_test.py [--minutes N]   a quarter of a minute, or thirty with QUENOR_NETWORK_FULL=1
 """
 import os, random, statistics, sys, threading, time
 
@@ -10,7 +10,7 @@ from support import FULL, SANITIZED, say, sha256
 
 CHANNELS = 20
 MESSAGES_PER_MINUTE = 200000 / 30
-MINUTES = 30.0 if FULL else 1.0
+MINUTES = 30.0 if FULL else 0.25
 if "--minutes" in sys.argv:
     at = sys.argv.index("--minutes")
     MINUTES = float(sys.argv[at + 1])

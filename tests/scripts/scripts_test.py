@@ -87,7 +87,7 @@ class FullCheckTest(ScriptTest):
         self.assertIn("network: skipped: t1: no wire\n", said)
         self.assertIn("generated: mutants: --seed 7 ", said)
         # random, kills, cache, hosts, fuzzers, coverage, generated, asan and tsan count as one each.
-        self.assertEqual("35 passed, 3 failed, 2 skipped", said.splitlines()[-1])
+        self.assertEqual("36 passed, 3 failed, 2 skipped", said.splitlines()[-1])
 
     def test_parts_know_that_they_are_of_one_run(self):
         runs = []
