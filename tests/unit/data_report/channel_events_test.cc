@@ -54,11 +54,12 @@ TEST_F(ChannelEventsTest, HandOverIsToldBeforeTheCallReturnsAndBeforeAnythingEls
 TEST_F(ChannelEventsTest, RefusalIsToldAfterTheHandOver) {
   Make();
 
-  Post("one");
+  Post("one", /*need_cache=*/true);
 
   EXPECT_EQ(Kinds(), (Kinds_{Kind::kHandedOver, Kind::kRefused}));
   EXPECT_EQ(events_.Events()[1].cause, Cause::kNotInitialized);
   EXPECT_EQ(events_.Events()[1].data, "one");
+  EXPECT_TRUE(events_.Events()[1].need_cache);
 }
 
 TEST_F(ChannelEventsTest, EmptyMessageIsToldWithNullData) {
