@@ -6,7 +6,9 @@
 
 namespace quenor::collector {
 
-inline std::chrono::steady_clock::time_point Now() { return std::chrono::steady_clock::now(); }
+using Time = std::chrono::steady_clock::time_point;
+
+inline Time Now() { return std::chrono::steady_clock::now(); }
 
 }  // namespace quenor::collector
 

@@ -21,10 +21,8 @@
 namespace quenor::cli {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double MsSince(Clock::time_point begin) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+double MsSince(base::MonotonicTime begin) {
+  return std::chrono::duration<double, std::milli>(base::MonotonicNow() - begin).count();
 }
 
 bool IsLocalhost(std::string host) {
@@ -110,7 +108,8 @@ void Settle(Attempt* attempt, double ms) {
   attempt->ms = ms;
 }
 
-void SettleAll(std::vector<Attempt>* attempts, const Deadline& deadline, Clock::time_point begin) {
+void SettleAll(std::vector<Attempt>* attempts, const Deadline& deadline,
+               base::MonotonicTime begin) {
   for (;;) {
     std::vector<pollfd> polled;
     std::vector<Attempt*> waiting;
@@ -186,7 +185,8 @@ void FailConnect(int error, const std::string& what, Step* step) {
 }  // namespace
 
 int Deadline::LeftMs() const {
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now()).count();
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(end_ - base::MonotonicNow()).count();
   return static_cast<int>(std::max<int64_t>(left, 0));
 }
 
@@ -278,7 +278,7 @@ Step Resolve(const std::string& name, const Place& place, uint32_t timeout_ms,
 Step Connect(const std::string& name, const std::string& what,
              const std::vector<Endpoint>& endpoints, uint32_t timeout_ms, Socket* socket) {
   Step step(name);
-  const Clock::time_point begin = Clock::now();
+  const base::MonotonicTime begin = base::MonotonicNow();
   const Deadline deadline(timeout_ms);
   std::vector<Attempt> attempts;
   for (const Endpoint& endpoint : endpoints) attempts.push_back(Begin(endpoint));

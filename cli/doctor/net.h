@@ -26,7 +26,7 @@ class Deadline {
   int LeftMs() const;
 
  private:
-  std::chrono::steady_clock::time_point end_;
+  base::MonotonicTime end_;
 };
 
 // A descriptor that closes itself.

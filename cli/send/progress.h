@@ -9,12 +9,13 @@
 #include <string>
 
 #include "cli/send/ledger.h"
+#include "quenor_base/platform/base/monotonic_time.h"
 
 namespace quenor::cli {
 
 class Progress {
  public:
-  using Time = std::chrono::steady_clock::time_point;
+  using Time = base::MonotonicTime;
 
   // Between two lines: five a second at most.
   static constexpr std::chrono::milliseconds kPeriod{200};

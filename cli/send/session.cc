@@ -5,10 +5,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <limits>
 
 #include "cli/send/summary.h"
 #include "cli/text.h"
+#include "quenor_base/platform/base/monotonic_time.h"
 #include "quenor_base/platform/base/time.h"
 #include "quenor_base/platform/report_events.h"
 #include "quenor_base/platform/thread_manager.h"
@@ -20,8 +22,8 @@ constexpr uint32_t kNoLimit = std::numeric_limits<uint32_t>::max();
 constexpr double kPatienceWithoutWaitS = 30;
 constexpr base::TimeDelta kDrainTime = base::TimeDelta::FromSeconds(10);
 
-std::chrono::steady_clock::duration Seconds(double seconds) {
-  return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+Progress::Time::duration Seconds(double seconds) {
+  return std::chrono::duration_cast<Progress::Time::duration>(
       std::chrono::duration<double>(seconds));
 }
 
@@ -101,12 +103,12 @@ bool Session::Step() {
   if (IsLoadOver()) {
     HandOverAgain();
     if (Feed(&poll_input)) {
-      ShowProgress(Clock::now());
+      ShowProgress(base::MonotonicNow());
       return true;
     }
   }
   if (input_state_ != InputState::kOpen && ledger_.GetCounts().left == 0) return false;
-  const Time now = Clock::now();
+  const Time now = base::MonotonicNow();
   if (WaitIsOver(now)) return false;
   ShowProgress(now);
   Sleep(now, poll_input);
@@ -168,7 +170,7 @@ void Session::OnInputFailed(const InputError& error) {
 void Session::OnInputOver(InputState state) {
   input_state_ = state;
   patience_ends_.reset();
-  wait_ends_ = Clock::now() + Seconds(options_.wait_s);
+  wait_ends_ = base::MonotonicNow() + Seconds(options_.wait_s);
 }
 
 bool Session::WaitIsOver(Time now) {
@@ -241,7 +243,7 @@ ExitCode Session::Stop() {
   PrintNotices();
   const Counts counts = ledger_.GetCounts();
   if (console_.is_terminal()) {
-    console_.ShowProgress(progress_.Line(Clock::now(), counts));
+    console_.ShowProgress(progress_.Line(base::MonotonicNow(), counts));
     console_.EndProgress();
   }
   PrintLeft(counts);

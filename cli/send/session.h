@@ -4,7 +4,6 @@
 #ifndef CLI_SEND_SESSION_H_
 #define CLI_SEND_SESSION_H_
 
-#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -37,8 +36,7 @@ class Session {
   ExitCode Run();
 
  private:
-  using Clock = std::chrono::steady_clock;
-  using Time = Clock::time_point;
+  using Time = Progress::Time;
 
   enum class InputState {
     kOpen,    // More may come.

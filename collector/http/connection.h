@@ -17,6 +17,7 @@
 #include <string>
 #include <string_view>
 
+#include "collector/clock.h"
 #include "collector/http/crew.h"
 #include "collector/http/tls.h"
 
@@ -24,7 +25,6 @@ namespace quenor::collector {
 
 class Connection : public httplib::Stream {
  public:
-  using Time = std::chrono::steady_clock::time_point;
   enum class Progress {
     kDone,
     kMore,    // The peer must send more first.

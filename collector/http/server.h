@@ -66,8 +66,6 @@ class CollectorServer : private httplib::Server {
   void Run(int stop_fd);
 
  private:
-  using Time = Connection::Time;
-
   enum class State {
     kIdle,       // Nothing of the next request has come.
     kReceiving,  // Its head, or the TLS handshake, is not whole.

@@ -1,6 +1,7 @@
 #include "services/dispatch_queue_pthread/queue_core.h"
 
 #include <algorithm>
+#include <chrono>
 #include <thread>
 
 #include "quenor_base/platform/exception_barrier.h"
@@ -28,14 +29,14 @@ constexpr std::chrono::microseconds kNap(20);
 
 }  // namespace
 
-Clock::time_point DeadlineAfter(base::TimeDelta delay) {
+base::MonotonicTime DeadlineAfter(base::TimeDelta delay) {
   const int64_t us = std::clamp<int64_t>(delay.InMicroseconds(), 0, kForeverUs);
-  return Clock::now() + std::chrono::microseconds(us);
+  return base::MonotonicNow() + std::chrono::microseconds(us);
 }
 
 uint64_t QueueCore::PostDelayed(Task task, base::TimeDelta delay) {
   if (IsInForkedChild()) return 0;
-  const Clock::time_point due = DeadlineAfter(delay);
+  const base::MonotonicTime due = DeadlineAfter(delay);
   std::unique_lock<std::mutex> hold(delayed_mutex_);
   const uint64_t id = ++last_delayed_id_;
   const bool earliest = delayed_.empty() || due < delayed_.begin()->first.first;
@@ -141,7 +142,7 @@ bool QueueCore::WaitForTasks(TaskList* batch) {
   if (in_burst_) Nap();
   bool woken_soon = false;
   for (;;) {
-    const Clock::time_point due = Take(batch);
+    const base::MonotonicTime due = Take(batch);
     if (!batch->empty()) {
       in_burst_ = woken_soon || batch->size() > kFewTasks;
       return true;
@@ -154,17 +155,17 @@ bool QueueCore::WaitForTasks(TaskList* batch) {
       if (closed_) return false;
       waiting_ = true;
     }
-    const Clock::time_point begin = Clock::now();
+    const base::MonotonicTime begin = base::MonotonicNow();
     Sleep(due);
-    woken_soon = Clock::now() - begin < kShortSleep;
+    woken_soon = base::MonotonicNow() - begin < kShortSleep;
   }
 }
 
-Clock::time_point QueueCore::Take(TaskList* batch) {
+base::MonotonicTime QueueCore::Take(TaskList* batch) {
   // Deadlines stand still meanwhile, and the clock is read before the tasks are taken: a deadline
   // that has passed finds every task in front of it that was posted before.
   std::lock_guard<std::mutex> hold_deadlines(delayed_mutex_);
-  const Clock::time_point now = delayed_.empty() ? Clock::time_point() : Clock::now();
+  const base::MonotonicTime now = delayed_.empty() ? base::MonotonicTime() : base::MonotonicNow();
   {
     std::lock_guard<ShortLock> hold(lock_);
     tasks_.Swap(batch);
@@ -176,14 +177,14 @@ Clock::time_point QueueCore::Take(TaskList* batch) {
     due_by_id_.erase(entry->first.second);
     delayed_.erase(entry);
   }
-  return delayed_.empty() ? Clock::time_point::max() : delayed_.begin()->first.first;
+  return delayed_.empty() ? base::MonotonicTime::max() : delayed_.begin()->first.first;
 }
 
-void QueueCore::Sleep(Clock::time_point due) {
+void QueueCore::Sleep(base::MonotonicTime due) {
   {
     std::unique_lock<std::mutex> hold(sleep_mutex_);
     const auto woken = [this] { return woken_; };
-    if (due == Clock::time_point::max()) {
+    if (due == base::MonotonicTime::max()) {
       awake_.wait(hold, woken);
     } else {
       awake_.wait_until(hold, due, woken);
@@ -196,7 +197,7 @@ void QueueCore::Sleep(Clock::time_point due) {
 }
 
 void QueueCore::Nap() {
-  Clock::time_point until = Clock::now() + kNap;
+  base::MonotonicTime until = base::MonotonicNow() + kNap;
   {
     std::lock_guard<std::mutex> hold(delayed_mutex_);
     if (!delayed_.empty()) until = std::min(until, delayed_.begin()->first.first);
@@ -205,7 +206,7 @@ void QueueCore::Nap() {
 }
 
 void QueueCore::DestroyDelayed() {
-  std::map<std::pair<Clock::time_point, uint64_t>, Task> doomed;
+  std::map<std::pair<base::MonotonicTime, uint64_t>, Task> doomed;
   {
     std::lock_guard<std::mutex> hold(delayed_mutex_);
     doomed.swap(delayed_);

@@ -6,7 +6,6 @@
 #define SERVICES_DISPATCH_QUEUE_PTHREAD_QUEUE_CORE_H_
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <map>
@@ -15,6 +14,7 @@
 #include <utility>
 
 #include "quenor_base/platform/base/fork.h"
+#include "quenor_base/platform/base/monotonic_time.h"
 #include "quenor_base/platform/base/time.h"
 #include "services/dispatch_queue_pthread/short_lock.h"
 #include "services/dispatch_queue_pthread/task_list.h"
@@ -22,10 +22,8 @@
 QUENOR_NAMESPACE_BEGIN
 namespace dispatch_queue {
 
-using Clock = std::chrono::steady_clock;
-
 // Any thread. When a delay that begins now ends.
-Clock::time_point DeadlineAfter(base::TimeDelta delay);
+base::MonotonicTime DeadlineAfter(base::TimeDelta delay);
 
 // What a queue's thread runs on, and where the queue object is; lives as long as the thread and
 // whoever has a reference to the queue, a weak one too, so that either may go first. In a forked
@@ -116,10 +114,10 @@ class QueueCore {
   bool WaitForTasks(TaskList* batch);
 
   // Moves what is to be run now into `batch`, which is empty; answers the next deadline.
-  Clock::time_point Take(TaskList* batch);
+  base::MonotonicTime Take(TaskList* batch);
 
   // Until somebody has woken the thread, or until `due`.
-  void Sleep(Clock::time_point due);
+  void Sleep(base::MonotonicTime due);
 
   // A pause in a burst, in which nobody has to wake the thread and the thread is in nobody's way.
   void Nap();
@@ -138,8 +136,8 @@ class QueueCore {
   // Guarded by delayed_mutex_, under which lock_ may be taken. Ordered by deadline, equal ones by
   // age.
   alignas(64) std::mutex delayed_mutex_;
-  std::map<std::pair<Clock::time_point, uint64_t>, Task> delayed_;
-  std::map<uint64_t, Clock::time_point> due_by_id_;
+  std::map<std::pair<base::MonotonicTime, uint64_t>, Task> delayed_;
+  std::map<uint64_t, base::MonotonicTime> due_by_id_;
   uint64_t last_delayed_id_ = 0;
 
   std::mutex sleep_mutex_;  // Guards woken_; nothing is taken under it.

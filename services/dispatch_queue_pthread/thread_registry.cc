@@ -44,7 +44,7 @@ void ThreadRegistry::JoinEnded() {
   changed_.notify_all();
 }
 
-bool ThreadRegistry::WaitUntilDrained(std::chrono::steady_clock::time_point deadline) {
+bool ThreadRegistry::WaitUntilDrained(base::MonotonicTime deadline) {
   {
     std::unique_lock<std::mutex> hold(mutex_);
     if (!changed_.wait_until(hold, deadline, [&] { return draining_ == 0; })) return false;

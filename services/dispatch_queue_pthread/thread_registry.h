@@ -6,13 +6,13 @@
 
 #include <pthread.h>
 
-#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <mutex>
 #include <vector>
 
 #include "quenor_base/platform/base/abi.h"
+#include "quenor_base/platform/base/monotonic_time.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace dispatch_queue {
@@ -32,7 +32,7 @@ class ThreadRegistry {
   // Joins every thread that is at its end.
   [[gnu::cold]] void JoinEnded();
   // Waits until no queue drains, and joins their threads. False when that has not come by then.
-  [[gnu::cold]] bool WaitUntilDrained(std::chrono::steady_clock::time_point deadline);
+  [[gnu::cold]] bool WaitUntilDrained(base::MonotonicTime deadline);
 
  private:
   std::mutex mutex_;

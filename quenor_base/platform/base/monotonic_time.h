@@ -14,9 +14,9 @@
 QUENOR_NAMESPACE_BEGIN
 namespace base {
 
-inline std::chrono::steady_clock::time_point MonotonicNow() {
-  return std::chrono::steady_clock::now();
-}
+using MonotonicTime = std::chrono::steady_clock::time_point;
+
+inline MonotonicTime MonotonicNow() { return std::chrono::steady_clock::now(); }
 
 // Since some moment before the process began. Never goes back; stands while the machine sleeps.
 inline int64_t MonotonicNs() {

@@ -8,10 +8,12 @@
 #include <csignal>
 #include <cstdio>
 
+#include "tests/support/patience.h"
+
 namespace quenor::test {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Time = decltype(Now());
 
 // More than a place gets through, with what its dead have left out.
 constexpr uint64_t kNumbersPerPlace = 1000000000;
@@ -28,7 +30,7 @@ struct Crowd::Place {
   Task task;                 // `count`: still to be sent.
   std::unique_ptr<Job> job;  // Null when there is nothing to send any more.
   bool is_stopped = false;
-  Clock::time_point stopped_until;
+  Time stopped_until;
 };
 
 Crowd::Crowd(Plan plan, unsigned seed) : plan_(std::move(plan)), random_(seed) {
@@ -45,12 +47,12 @@ Crowd::~Crowd() = default;
 void Crowd::Run() {
   for (const auto& place : places_) Start(place.get());
   ChooseNextKill();
-  const auto end = Clock::now() + std::chrono::seconds(plan_.seconds);
+  const auto end = Now() + std::chrono::seconds(plan_.seconds);
   while (WaitForEvents()) {
     if (plan_.look) plan_.look();
     if (plan_.seconds == 0) continue;
     ContinueDue();
-    if (Clock::now() > end) KillAll();
+    if (Now() > end) KillAll();
   }
   DrainTheRest();
 }
@@ -164,13 +166,13 @@ void Crowd::StopOne() {
   if (place->job == nullptr || place->is_stopped) return;
   place->job->Stop();
   place->is_stopped = true;
-  place->stopped_until = Clock::now() + std::chrono::milliseconds(random_() % kLongestStopMs);
+  place->stopped_until = Now() + std::chrono::milliseconds(random_() % kLongestStopMs);
   ++stops_;
 }
 
 void Crowd::ContinueDue() {
   for (const auto& place : places_) {
-    if (!place->is_stopped || Clock::now() < place->stopped_until) continue;
+    if (!place->is_stopped || Now() < place->stopped_until) continue;
     place->is_stopped = false;
     if (place->job == nullptr) continue;
     if (random_() % 4 == 0) {
