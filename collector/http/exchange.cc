@@ -170,19 +170,26 @@ void CollectorServer::GiveUpBody(httplib::Response* response) {
   if (exchange->drop) exchange->connection->Mute();
 }
 
+// What is to be put on record of the request, which is borrowed, but for body and misbehaviour.
+Received CollectorServer::HeadOnRecord(const httplib::Request& request,
+                                       const std::string& content_type, int status) {
+  Received received;
+  received.seq = current_exchange_->seq;
+  received.time = UtcNow();
+  received.peer = current_exchange_->connection->peer();
+  received.path = request.target;
+  received.content_type = content_type;
+  received.status = status;
+  return received;
+}
+
 void CollectorServer::AnswerPost(const httplib::Request& request, const std::string& body,
                                  httplib::Response* response) {
   Exchange* const exchange = current_exchange_;
   const std::string content_type = request.get_header_value("Content-Type");
-  Received received;
-  received.seq = exchange->seq;
-  received.time = UtcNow();
-  received.peer = exchange->connection->peer();
-  received.path = request.target;
-  received.content_type = content_type;
+  Received received = HeadOnRecord(request, content_type, StatusOnRecord(exchange->plan));
   received.body = body;
   received.misbehaviour = exchange->plan.words;
-  received.status = StatusOnRecord(exchange->plan);
 
   // On record first: what is acknowledged must survive a kill that comes right after the reply.
   const bool recorded = recorder_.Record(received);
@@ -227,13 +234,7 @@ void CollectorServer::RefusePost(const httplib::Request& request, uint64_t size_
                                  httplib::Response* response) {
   Exchange* const exchange = current_exchange_;
   const std::string content_type = request.get_header_value("Content-Type");
-  Received received;
-  received.seq = exchange->seq;
-  received.time = UtcNow();
-  received.peer = exchange->connection->peer();
-  received.path = request.target;
-  received.content_type = content_type;
-  received.status = status;
+  Received received = HeadOnRecord(request, content_type, status);
   if (exchange->end != EndKind::kNone) received.misbehaviour = exchange->plan.words;
   recorder_.RecordRefused(received, size_bytes);
   response->status = status != 0 ? status : 500;

@@ -113,6 +113,8 @@ class CollectorServer : private httplib::Server {
   void Handle(const httplib::Request& request, httplib::Response* response);
   void HandleGet(const httplib::Request& request, httplib::Response* response);
   void HandlePost(const httplib::Request& request, httplib::Response* response);
+  static Received HeadOnRecord(const httplib::Request& request, const std::string& content_type,
+                               int status);
   void AnswerPost(const httplib::Request& request, const std::string& body,
                   httplib::Response* response);
   void RefusePost(const httplib::Request& request, uint64_t size_bytes, int status,
