@@ -41,7 +41,6 @@ class ReliableReportChannelHttpsTestPeer {
   uint32_t continuous_fail_count() const { return c_->continuous_fail_count_; }
   uint32_t max_resend_count() const { return c_->max_resend_count_; }
   HttpClient* http_client() const { return c_->http_client_.get(); }
-  Throtter& log_throtter() { return c_->log_throtter_; }
   uint32_t dropping() const { return c_->dropping_message_count_; }
   uint32_t needed() const { return c_->sending_message_needed_count_; }
   uint32_t actual() const { return c_->sending_message_actual_count_; }
@@ -109,7 +108,6 @@ class ReliableReportChannelHttpsTestPeer {
   void LogoutStatistic() { c_->LogoutStatistic(); }
   void InitCacheMmap() { c_->InitCacheMmap(); }
   void LoadCache() { c_->LoadCache(); }
-  bool OpenCache() { return c_->OpenCache(); }
   void SaveCache() { c_->SaveCache(); }
   bool OpenCacheFile() { return c_->OpenCacheFile(); }
   void LoadCacheFile() { c_->LoadCacheFile(); }

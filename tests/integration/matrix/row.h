@@ -58,7 +58,7 @@ struct Row {
   std::string peer;
   bool peer_also_http1 = false;  // The client offers HTTP/1.1 alone in a second run.
 
-  enum Kind { kGood, kExpired, kNotYetValid, kOtherHost, kOtherAuthority, kOtherKeyOnly };
+  enum Kind { kGood, kExpired, kNotYetValid, kOtherHost, kOtherAuthority };
   Kind certificate = kGood;
 
   bool is_slow = false;          // Ends by a time limit, which is set low.
