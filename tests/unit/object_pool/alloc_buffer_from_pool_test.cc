@@ -6,12 +6,15 @@
 #include <string>
 #include <vector>
 
-#include "heap_probe.h"
 #include "pool_test_support.h"
+#include "tests/support/memory_faults.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace internal {
 namespace {
+
+using test::HeapCounts;
+using test::MemoryFaults;
 
 using Peer = ObjectPoolTestPeer;
 using Buffer = std::unique_ptr<uint8_t[], void (*)(void*)>;
@@ -38,11 +41,11 @@ TEST_P(PooledSizeTest, ComesFromItsClassAndGoesBackThere) {
   const auto [size, class_length] = GetParam();
   OnSdkThread([size = size, class_length = class_length] {
     BufferObjPool& pool = *GetBufferObjPool(class_length);
-    const HeapCounts before = HeapProbe::Counts();
+    const HeapCounts before = MemoryFaults::Counts();
 
     Buffer buffer = AllocBufferTFromPool<uint8_t[]>(size);
 
-    const HeapCounts after = HeapProbe::Counts();
+    const HeapCounts after = MemoryFaults::Counts();
     EXPECT_EQ(after.last_array_bytes, class_length);
     EXPECT_EQ(after.nothrow_array_news - before.nothrow_array_news, Peer::Capacity(pool));
     EXPECT_EQ(after.array_news, before.array_news);
@@ -57,7 +60,7 @@ TEST_P(PooledSizeTest, ComesFromItsClassAndGoesBackThere) {
     uint8_t* const array = buffer.get();
     buffer.reset();
     EXPECT_EQ(Peer::FreeList(pool).back(), array);
-    EXPECT_EQ(HeapProbe::Counts().array_deletes, after.array_deletes);
+    EXPECT_EQ(MemoryFaults::Counts().array_deletes, after.array_deletes);
   });
 }
 
@@ -70,11 +73,11 @@ TEST_P(PooledSizeTest, ComesReadyFromItsClassWhereEveryClassHasOneReady) {
     }
     BufferObjPool& pool = *GetBufferObjPool(class_length);
     const Arrays ready = Peer::FreeList(pool);
-    const HeapCounts before = HeapProbe::Counts();
+    const HeapCounts before = MemoryFaults::Counts();
 
     Buffer buffer = AllocBufferTFromPool<uint8_t[]>(size);
 
-    const HeapCounts after = HeapProbe::Counts();
+    const HeapCounts after = MemoryFaults::Counts();
     EXPECT_EQ(after.News(), before.News());
     EXPECT_EQ(buffer.get(), ready.back());
     EXPECT_EQ(Peer::FreeList(pool).size(), ready.size() - 1);
@@ -109,50 +112,50 @@ TEST(AllocBufferTest, NineClassesHaveNineReleaseFunctions) {
 
 TEST(AllocBufferTest, ZeroOnAnSdkThreadIsEmptyWithoutReleaseFunction) {
   OnSdkThread([] {
-    const HeapCounts before = HeapProbe::Counts();
+    const HeapCounts before = MemoryFaults::Counts();
     {
       Buffer buffer = AllocBufferTFromPool<uint8_t[]>(0);
       EXPECT_EQ(buffer.get(), nullptr);
       EXPECT_EQ(buffer.get_deleter(), nullptr);
     }
-    EXPECT_EQ(HeapProbe::Counts().News(), before.News());
-    EXPECT_EQ(HeapProbe::Counts().Deletes(), before.Deletes());
+    EXPECT_EQ(MemoryFaults::Counts().News(), before.News());
+    EXPECT_EQ(MemoryFaults::Counts().Deletes(), before.Deletes());
     EXPECT_TRUE(ThreadTouchedNoPool());
   });
 }
 
 TEST(AllocBufferTest, ZeroOnAForeignThreadIsAnArrayOfNoBytesThatArrayDeleteFrees) {
   OnForeignThread([] {
-    const HeapCounts before = HeapProbe::Counts();
+    const HeapCounts before = MemoryFaults::Counts();
     {
       Buffer buffer = AllocBufferTFromPool<uint8_t[]>(0);
       EXPECT_NE(buffer.get(), nullptr);
       EXPECT_NE(buffer.get_deleter(), nullptr);
-      EXPECT_EQ(HeapProbe::Counts().array_news - before.array_news, 1u);
-      EXPECT_EQ(HeapProbe::Counts().last_array_bytes, 0u);
+      EXPECT_EQ(MemoryFaults::Counts().array_news - before.array_news, 1u);
+      EXPECT_EQ(MemoryFaults::Counts().last_array_bytes, 0u);
     }
-    EXPECT_EQ(HeapProbe::Counts().array_deletes - before.array_deletes, 1u);
+    EXPECT_EQ(MemoryFaults::Counts().array_deletes - before.array_deletes, 1u);
   });
 }
 
 // True when the array, which may not be null, is as it came from the heap.
 bool IsUncleared(const Buffer& buffer) {
-  return static_cast<const volatile uint8_t*>(buffer.get())[0] == HeapProbe::kFill;
+  return static_cast<const volatile uint8_t*>(buffer.get())[0] == MemoryFaults::kFill;
 }
 
 class PlainHeapTest : public ::testing::TestWithParam<uint32_t> {};
 
 TEST_P(PlainHeapTest, ForeignThreadGetsExactlyTheSizeAndTouchesNoPool) {
   OnForeignThread([size = GetParam()] {
-    const HeapCounts before = HeapProbe::Counts();
+    const HeapCounts before = MemoryFaults::Counts();
     {
       Buffer buffer = AllocBufferTFromPool<uint8_t[]>(size);
       EXPECT_TRUE(IsUncleared(buffer));
-      EXPECT_EQ(HeapProbe::Counts().array_news - before.array_news, 1u);
-      EXPECT_EQ(HeapProbe::Counts().nothrow_array_news, before.nothrow_array_news);
-      EXPECT_EQ(HeapProbe::Counts().last_array_bytes, size);
+      EXPECT_EQ(MemoryFaults::Counts().array_news - before.array_news, 1u);
+      EXPECT_EQ(MemoryFaults::Counts().nothrow_array_news, before.nothrow_array_news);
+      EXPECT_EQ(MemoryFaults::Counts().last_array_bytes, size);
     }
-    EXPECT_EQ(HeapProbe::Counts().array_deletes - before.array_deletes, 1u);
+    EXPECT_EQ(MemoryFaults::Counts().array_deletes - before.array_deletes, 1u);
     EXPECT_TRUE(ThreadTouchedNoPool());
   });
 }
@@ -162,15 +165,15 @@ INSTANTIATE_TEST_SUITE_P(AnySize, PlainHeapTest,
 
 TEST(AllocBufferTest, AboveTheLargestClassIsExactlyTheSizeFromThePlainHeap) {
   OnSdkThread([] {
-    const HeapCounts before = HeapProbe::Counts();
+    const HeapCounts before = MemoryFaults::Counts();
     {
       Buffer buffer = AllocBufferTFromPool<uint8_t[]>(1048577);
       EXPECT_TRUE(IsUncleared(buffer));
-      EXPECT_EQ(HeapProbe::Counts().array_news - before.array_news, 1u);
-      EXPECT_EQ(HeapProbe::Counts().nothrow_array_news, before.nothrow_array_news);
-      EXPECT_EQ(HeapProbe::Counts().last_array_bytes, 1048577u);
+      EXPECT_EQ(MemoryFaults::Counts().array_news - before.array_news, 1u);
+      EXPECT_EQ(MemoryFaults::Counts().nothrow_array_news, before.nothrow_array_news);
+      EXPECT_EQ(MemoryFaults::Counts().last_array_bytes, 1048577u);
     }
-    EXPECT_EQ(HeapProbe::Counts().array_deletes - before.array_deletes, 1u);
+    EXPECT_EQ(MemoryFaults::Counts().array_deletes - before.array_deletes, 1u);
     EXPECT_TRUE(ThreadTouchedNoPool());
   });
 }
@@ -194,15 +197,15 @@ TEST(AllocBufferTest, SizesOfNoClassComeFromNoPoolWhereEveryClassHasAnArrayReady
     for (const BufferClass& one : kBufferClasses) {
       AllocBufferTFromPool<uint8_t[]>(one.length_bytes).reset();
     }
-    const HeapCounts before = HeapProbe::Counts();
+    const HeapCounts before = MemoryFaults::Counts();
 
     const Buffer none = AllocBufferTFromPool<uint8_t[]>(0);
     EXPECT_EQ(none.get(), nullptr);
     EXPECT_EQ(none.get_deleter(), nullptr);
-    EXPECT_EQ(HeapProbe::Counts().array_news, before.array_news);
+    EXPECT_EQ(MemoryFaults::Counts().array_news, before.array_news);
     const Buffer oversize = AllocBufferTFromPool<uint8_t[]>(1048577);
-    EXPECT_EQ(HeapProbe::Counts().array_news - before.array_news, 1u);
-    EXPECT_EQ(HeapProbe::Counts().last_array_bytes, 1048577u);
+    EXPECT_EQ(MemoryFaults::Counts().array_news - before.array_news, 1u);
+    EXPECT_EQ(MemoryFaults::Counts().last_array_bytes, 1048577u);
   });
 }
 
@@ -211,11 +214,11 @@ TEST(AllocBufferTest, ForeignThreadWithATierStillGetsExactlyTheSizeFromThePlainH
     BufferObjPool& pool = *GetBufferObjPool(512);
     pool.Reuse(pool.AllocRaw());
     const Arrays ready = Peer::FreeList(pool);
-    const HeapCounts before = HeapProbe::Counts();
+    const HeapCounts before = MemoryFaults::Counts();
     {
       Buffer buffer = AllocBufferTFromPool<uint8_t[]>(100);
-      EXPECT_EQ(HeapProbe::Counts().array_news - before.array_news, 1u);
-      EXPECT_EQ(HeapProbe::Counts().last_array_bytes, 100u);
+      EXPECT_EQ(MemoryFaults::Counts().array_news - before.array_news, 1u);
+      EXPECT_EQ(MemoryFaults::Counts().last_array_bytes, 100u);
     }
     EXPECT_EQ(Peer::FreeList(pool), ready);
   });
@@ -289,7 +292,7 @@ TEST_P(EveryClassTest, ArrayThatCannotBeMadeIsANullWithAPooledReleaseFunction) {
   // Fails the n-th of the arrays that a dry thread makes at once, n = 1, 2, 3 ...
   for (uint32_t n = 1; n <= buffer_class.capacity; ++n) {
     OnSdkThread([&] {
-      HeapProbe::FailNothrowArrayNews(n, 1);
+      MemoryFaults::FailNothrowArrayNews(n, 1);
       std::vector<Buffer> buffers;
       for (uint32_t i = 0; i < buffer_class.capacity; ++i) {
         buffers.push_back(AllocBufferTFromPool<uint8_t[]>(buffer_class.length_bytes));
@@ -309,7 +312,7 @@ TEST_P(EveryClassTest, DroppingTheNullResultPutsNothingIntoThePool) {
   const BufferClass buffer_class = GetParam();
   BufferObjPool& pool = *GetBufferObjPool(buffer_class.length_bytes);
   OnSdkThread([&] {
-    HeapProbe::FailNothrowArrayNews(1, buffer_class.capacity);
+    MemoryFaults::FailNothrowArrayNews(1, buffer_class.capacity);
     Buffer buffer = AllocBufferTFromPool<uint8_t[]>(buffer_class.length_bytes);
     ASSERT_EQ(buffer, nullptr);
     const size_t free_before = Peer::FreeList(pool).size();
@@ -324,12 +327,12 @@ TEST_P(EveryClassTest, PairInTheSteadyStateAllocatesAndFreesNothing) {
   const uint32_t size = GetParam().length_bytes;
   OnSdkThread([&] {
     AllocBufferTFromPool<uint8_t[]>(size).reset();
-    const HeapCounts before = HeapProbe::Counts();
+    const HeapCounts before = MemoryFaults::Counts();
 
     for (int i = 0; i < 100; ++i) AllocBufferTFromPool<uint8_t[]>(size).reset();
 
-    EXPECT_EQ(HeapProbe::Counts().News(), before.News());
-    EXPECT_EQ(HeapProbe::Counts().Deletes(), before.Deletes());
+    EXPECT_EQ(MemoryFaults::Counts().News(), before.News());
+    EXPECT_EQ(MemoryFaults::Counts().Deletes(), before.Deletes());
   });
 }
 
@@ -343,12 +346,12 @@ TEST_P(EveryClassTest, SixteenAtATimeInTheSteadyStateAllocateAndFreeNothing) {
       while (!buffers.empty()) buffers.pop_back();
     };
     for (int i = 0; i < 3; ++i) take_and_drop();
-    const HeapCounts before = HeapProbe::Counts();
+    const HeapCounts before = MemoryFaults::Counts();
 
     for (int i = 0; i < 100; ++i) take_and_drop();
 
-    EXPECT_EQ(HeapProbe::Counts().News(), before.News());
-    EXPECT_EQ(HeapProbe::Counts().Deletes(), before.Deletes());
+    EXPECT_EQ(MemoryFaults::Counts().News(), before.News());
+    EXPECT_EQ(MemoryFaults::Counts().Deletes(), before.Deletes());
   });
 }
 

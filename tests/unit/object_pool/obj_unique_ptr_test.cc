@@ -4,11 +4,14 @@
 #include <utility>
 #include <vector>
 
-#include "heap_probe.h"
 #include "quenor_base/object_pool/object_pool.h"
+#include "tests/support/memory_faults.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace {
+
+using test::HeapCounts;
+using test::MemoryFaults;
 
 struct Freed {
   uint8_t* array;
@@ -104,22 +107,22 @@ TEST_F(ObjUniquePtrTest, ReleaseHandsTheArrayOutAndDestroysNothing) {
 }
 
 TEST(DefaultPoliciesTest, AllocatorMakesAnUnclearedArrayOfTheLengthWithoutThrowingForm) {
-  const HeapCounts before = HeapProbe::Counts();
+  const HeapCounts before = MemoryFaults::Counts();
 
   uint8_t* array = objpool::DefaultAllocator<uint8_t[]>()(77);
-  const HeapCounts after = HeapProbe::Counts();
+  const HeapCounts after = MemoryFaults::Counts();
   ASSERT_NE(array, nullptr);
   const uint8_t last = static_cast<volatile uint8_t*>(array)[76];
   objpool::DefaultDestroyer<uint8_t[]>()(array, 77);
 
-  EXPECT_EQ(last, HeapProbe::kFill);
+  EXPECT_EQ(last, MemoryFaults::kFill);
   EXPECT_EQ(after.nothrow_array_news - before.nothrow_array_news, 1u);
   EXPECT_EQ(after.News() - before.News(), 1u);
   EXPECT_EQ(after.last_array_bytes, 77u);
 }
 
 TEST(DefaultPoliciesTest, AllocatorAnswersNullWhenTheHeapIsExhausted) {
-  HeapProbe::FailNothrowArrayNews(1, 1);
+  MemoryFaults::FailNothrowArrayNews(1, 1);
 
   EXPECT_EQ(objpool::DefaultAllocator<uint8_t[]>()(77), nullptr);
 }
@@ -127,11 +130,11 @@ TEST(DefaultPoliciesTest, AllocatorAnswersNullWhenTheHeapIsExhausted) {
 TEST(DefaultPoliciesTest, DestroyerFreesWithArrayDeleteAndIgnoresTheLength) {
   // volatile: a compiler may leave out a new[] whose delete[] it sees.
   uint8_t* volatile array = objpool::DefaultAllocator<uint8_t[]>()(77);
-  const HeapCounts before = HeapProbe::Counts();
+  const HeapCounts before = MemoryFaults::Counts();
 
   objpool::DefaultDestroyer<uint8_t[]>()(array, 1);
 
-  const HeapCounts after = HeapProbe::Counts();
+  const HeapCounts after = MemoryFaults::Counts();
   EXPECT_EQ(after.array_deletes - before.array_deletes, 1u);
   EXPECT_EQ(after.Deletes() - before.Deletes(), 1u);
 }

@@ -9,12 +9,15 @@
 #include <random>
 #include <vector>
 
-#include "heap_probe.h"
 #include "pool_test_support.h"
 #include "quenor_base/platform/base/abi.h"
+#include "tests/support/memory_faults.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace {
+
+using test::HeapCounts;
+using test::MemoryFaults;
 
 using Arrays = std::vector<uint8_t*>;
 using Batches = std::vector<Arrays>;
@@ -266,11 +269,11 @@ TEST_F(SharedTierTest, ThreadThatOnlyTakesAndThreadThatOnlyReturnsAllocateNothin
   const auto round = [&](HeapCounts* taker_counts, HeapCounts* returner_counts) {
     taker.Run([&] {
       for (uint8_t*& array : passing) array = pool.AllocRaw();
-      *taker_counts = HeapProbe::Counts();
+      *taker_counts = MemoryFaults::Counts();
     });
     returner.Run([&] {
       for (uint8_t* array : passing) pool.Reuse(array);
-      *returner_counts = HeapProbe::Counts();
+      *returner_counts = MemoryFaults::Counts();
     });
   };
   HeapCounts taker_before, returner_before;
@@ -325,10 +328,10 @@ TEST_F(SharedTierTest, TakerOfABatchPaysForItWithTheNodesOfItsEmptyFreeList) {
     Batches handed_over;
     giver.Run([&] { handed_over = HandOver(pool, 2); });
     ASSERT_EQ(Peer::NodesInSpareBatches(pool), std::vector<size_t>{});
-    const HeapCounts before = HeapProbe::Counts();
+    const HeapCounts before = MemoryFaults::Counts();
 
     uint8_t* const array = pool.AllocRaw();
-    const HeapCounts after = HeapProbe::Counts();
+    const HeapCounts after = MemoryFaults::Counts();
 
     EXPECT_EQ(array, handed_over[1][2]);
     EXPECT_EQ(Peer::FreeList(pool), (Arrays{handed_over[1][0], handed_over[1][1]}));
@@ -357,12 +360,12 @@ TEST_F(SharedTierTest, GiverOfABatchGathersTheNextOneInTheNodesThatATakerLeft) {
     ASSERT_EQ(Peer::NodesInSpareBatches(pool), std::vector<size_t>{3});
     Return(pool, {arrays.begin() + 9, arrays.begin() + 12});
     EXPECT_EQ(Peer::NodesInSpareBatches(pool), std::vector<size_t>{});
-    const HeapCounts before = HeapProbe::Counts();
+    const HeapCounts before = MemoryFaults::Counts();
 
     pool.Reuse(taken[0]);
     pool.Reuse(taken[1]);
 
-    EXPECT_EQ(HeapProbe::Counts().News(), before.News());
+    EXPECT_EQ(MemoryFaults::Counts().News(), before.News());
     EXPECT_EQ(Peer::PendingBatch(pool), (Arrays{taken[0], taken[1]}));
     EXPECT_EQ(Peer::Batches(pool), (Batches{{arrays[9], arrays[10], arrays[11]}}));
     Return(pool, {taken.begin() + 2, taken.end()});

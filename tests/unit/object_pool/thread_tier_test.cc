@@ -5,12 +5,15 @@
 #include <random>
 #include <vector>
 
-#include "heap_probe.h"
 #include "pool_test_support.h"
 #include "quenor_base/platform/base/abi.h"
+#include "tests/support/memory_faults.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace {
+
+using test::HeapCounts;
+using test::MemoryFaults;
 
 using Arrays = std::vector<uint8_t*>;
 
@@ -55,11 +58,11 @@ TEST_F(ThreadTierTest, DryAgainWithoutASharedBatchUsesTheNodesOfThoseTaken) {
   CountedPool pool(64, 3, 8);
   OnSdkThread([&] {
     Arrays taken = Take(pool, 3);
-    const HeapCounts before = HeapProbe::Counts();
+    const HeapCounts before = MemoryFaults::Counts();
 
     uint8_t* fourth = pool.AllocRaw();
 
-    EXPECT_EQ(HeapProbe::Counts().object_news, before.object_news);
+    EXPECT_EQ(MemoryFaults::Counts().object_news, before.object_news);
     taken.push_back(fourth);
     Return(pool, taken);
   });
@@ -351,12 +354,12 @@ TEST_F(ThreadTierTest, PairInTheSteadyStateAllocatesAndFreesNothing) {
   CountedPool pool(64, 4, 8);
   OnSdkThread([&] {
     pool.Reuse(pool.AllocRaw());
-    const HeapCounts before = HeapProbe::Counts();
+    const HeapCounts before = MemoryFaults::Counts();
 
     for (int i = 0; i < 1000; ++i) pool.Reuse(pool.AllocRaw());
 
-    EXPECT_EQ(HeapProbe::Counts().News(), before.News());
-    EXPECT_EQ(HeapProbe::Counts().Deletes(), before.Deletes());
+    EXPECT_EQ(MemoryFaults::Counts().News(), before.News());
+    EXPECT_EQ(MemoryFaults::Counts().Deletes(), before.Deletes());
   });
 }
 
@@ -370,12 +373,12 @@ TEST_F(ThreadTierTest, BurstsBeyondTheThreadTierInTheSteadyStateAllocateAndFreeN
       for (uint8_t* array : arrays) pool.Reuse(array);
     };
     for (int i = 0; i < 10; ++i) burst();
-    const HeapCounts before = HeapProbe::Counts();
+    const HeapCounts before = MemoryFaults::Counts();
 
     for (int i = 0; i < 100; ++i) burst();
 
-    EXPECT_EQ(HeapProbe::Counts().News(), before.News());
-    EXPECT_EQ(HeapProbe::Counts().Deletes(), before.Deletes());
+    EXPECT_EQ(MemoryFaults::Counts().News(), before.News());
+    EXPECT_EQ(MemoryFaults::Counts().Deletes(), before.Deletes());
   });
 }
 
