@@ -106,7 +106,7 @@ class ReportTest : public ::testing::Test {
     return RunWhole(SendCommand(certificates_, url, more), input);
   }
 
-  const Certificates certificates_;
+  const Certificates certificates_{};
 };
 
 }  // namespace quenor::test
