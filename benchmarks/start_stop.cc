@@ -1,9 +1,7 @@
 // What it takes to start and to stop channels and the process that has them, and when libcurl is
 // initialised.
-#include <arpa/inet.h>
 #include <curl/curl.h>
 #include <dlfcn.h>
-#include <netinet/in.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -26,6 +24,7 @@
 #include "quenor_base/platform/config_center.h"
 #include "quenor_base/platform/http_client.h"
 #include "quenor_base/platform/thread_manager.h"
+#include "tests/support/loopback.h"
 
 namespace {
 std::atomic<int> g_libcurl_starts{0};  // relaxed: read when everything is at rest.
@@ -221,17 +220,12 @@ void TellLaziness(Area* area) {
 // Listens and never takes a connection: the kernel accepts it, and nobody answers.
 class SilentServer {
  public:
-  SilentServer() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  SilentServer() {
     MakeCertificates(folder_.path());
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    if (bind(fd_, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(fd_, 4096) != 0 ||
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-      Fail("no port is free");
-    }
-    url_ = "https://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
+    uint16_t port = 0;
+    fd_ = test::BindLoopback(&port);
+    if (listen(fd_, 4096) != 0) Fail("cannot listen");
+    url_ = "https://127.0.0.1:" + std::to_string(port) + "/";
   }
   ~SilentServer() { close(fd_); }
   SilentServer(const SilentServer&) = delete;
@@ -241,7 +235,7 @@ class SilentServer {
 
  private:
   TempFolder folder_;
-  int fd_;
+  int fd_ = -1;
   std::string url_;
 };
 

@@ -1,9 +1,7 @@
 #include "benchmarks/delivery/server.h"
 
-#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -17,6 +15,8 @@
 #include <fstream>
 #include <set>
 
+#include "tests/support/loopback.h"
+
 extern char** environ;
 
 namespace quenor::bench {
@@ -28,21 +28,6 @@ std::string FindProgram(const std::string& name) {
     if (access((folder + name).c_str(), X_OK) == 0) return folder + name;
   }
   return name;
-}
-
-// A listening socket on a free port of 127.0.0.1.
-int ListenOnLoopback(uint16_t* port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof(address);
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  Require(fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
-              listen(fd, 511) == 0 &&
-              getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0,
-          "no free port");
-  *port = ntohs(address.sin_port);
-  return fd;
 }
 
 // The body is read to its end before the answer, as a collector does: `return 200` would answer
@@ -144,7 +129,8 @@ Nginx::Nginx() {
       {"bash", "-c", "exec \"$0\" \"$1\" 2>/dev/null", QUENOR_MAKE_CERTIFICATES, folder_.path()});
   ca_file_ = folder_.File("ca.pem");
   uint16_t port = 0;
-  const int listener = ListenOnLoopback(&port);
+  const int listener = test::BindLoopback(&port);
+  Require(listen(listener, 511) == 0, "cannot listen");
   std::ofstream(folder_.File("nginx.conf")) << Configuration(folder_.path(), port);
   // nginx takes over a socket that listens already: nobody else can have taken the port.
   constexpr int kInherited = 9;

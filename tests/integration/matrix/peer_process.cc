@@ -1,7 +1,5 @@
 #include "tests/integration/matrix/peer_process.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,6 +8,7 @@
 #include <vector>
 
 #include "quenor_base/platform/base/check.h"
+#include "tests/support/loopback.h"
 #include "tests/support/patience.h"
 
 namespace quenor::test {
@@ -33,19 +32,12 @@ std::string PeerProcess::WhyNot() {
 }
 
 PeerProcess::PeerProcess() {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof(address);
-  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  QUENOR_CHECK(listener >= 0 && bind(listener, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
-                   listen(listener, 1) == 0,
-               "no control port for h2_peer.py");
-  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+  uint16_t port = 0;
+  const int listener = BindLoopback(&port);
+  QUENOR_CHECK(listen(listener, 1) == 0, "no control port for h2_peer.py");
   // -B: no compiled files beside the source.
   child_ = std::make_unique<ChildProcess>(
-      std::vector<std::string>{kPython, "-B", QUENOR_H2_PEER,
-                               std::to_string(ntohs(address.sin_port))},
+      std::vector<std::string>{kPython, "-B", QUENOR_H2_PEER, std::to_string(port)},
       folder_.File("output"));
   pollfd waiting{listener, POLLIN, 0};
   while (poll(&waiting, 1, 100) != 1) {

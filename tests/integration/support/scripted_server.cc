@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "quenor_base/platform/base/check.h"
+#include "tests/support/loopback.h"
 #include "tests/support/patience.h"
 
 namespace quenor::test {
@@ -195,21 +196,13 @@ void BlockSigPipe() {
 // Sockets that listen on a port of 127.0.0.1 and on the same one of ::1, where there is one.
 std::vector<int> Listen(uint16_t* port) {
   for (;;) {
-    sockaddr_in v4{};
-    v4.sin_family = AF_INET;
-    v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(v4);
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    QUENOR_CHECK(
-        fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&v4), size) == 0 && listen(fd, 1024) == 0,
-        "a scripted server cannot listen");
-    getsockname(fd, reinterpret_cast<sockaddr*>(&v4), &size);
-    *port = ntohs(v4.sin_port);
+    const int fd = BindLoopback(port);
+    QUENOR_CHECK(listen(fd, 1024) == 0, "a scripted server cannot listen");
 
     sockaddr_in6 v6{};
     v6.sin6_family = AF_INET6;
     v6.sin6_addr = in6addr_loopback;
-    v6.sin6_port = v4.sin_port;
+    v6.sin6_port = htons(*port);
     const int fd6 = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd6 >= 0 && bind(fd6, reinterpret_cast<sockaddr*>(&v6), sizeof(v6)) == 0 &&
         listen(fd6, 1024) == 0) {

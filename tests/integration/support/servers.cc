@@ -14,24 +14,11 @@
 #include <vector>
 
 #include "quenor_base/platform/base/check.h"
+#include "tests/support/loopback.h"
 
 namespace quenor::test {
 
 namespace {
-
-// A socket bound to a free port of 127.0.0.1.
-int BindLoopback(uint16_t* port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof(address);
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  QUENOR_CHECK(fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), size) == 0,
-               "no free port");
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  *port = ntohs(address.sin_port);
-  return fd;
-}
 
 bool CanConnect(uint16_t port) {
   sockaddr_in address{};
