@@ -113,20 +113,36 @@ void LiveBeside(const std::string& path, const std::string& content) {
   ASSERT_TRUE(live->Save(ContentOf(content)));
 }
 
-// Two owners who have died, and a byte of what the first had is not what he wrote.
-void LeaveDamage(const std::string& path, const std::string& damaged) {
+// A content of which a byte is not what its owner wrote; the mapped file's has died beside another.
+void LeaveDamage(FileKind kind, const std::string& path, const std::string& damaged) {
   {
-    const auto first = CacheFile::Create(FileKind::kMapped);
-    const auto second = CacheFile::Create(FileKind::kMapped);
-    ASSERT_TRUE(first->Open(path) && second->Open(path));
-    ASSERT_TRUE(first->Save(ContentOf("1x200+" + damaged + "+3x200")));
-    ASSERT_TRUE(second->Save(ContentOf("11-14x90")));
+    const auto first = CacheFile::Create(kind);
+    const auto second = CacheFile::Create(kind);
+    ASSERT_TRUE(first->Open(path) && first->Save(ContentOf("1x200+" + damaged + "+3x200")));
+    if (kind == FileKind::kMapped) {
+      ASSERT_TRUE(second->Open(path) && second->Save(ContentOf("11-14x90")));
+    }
   }
   std::string bytes = ReadWholeFile(path);
   const size_t at = bytes.find(ContentOf(damaged).front());
   ASSERT_NE(std::string::npos, at);
   bytes[at + 50] = static_cast<char>(~bytes[at + 50]);
   ASSERT_TRUE(WriteWholeFile(path, bytes));
+}
+
+Transition Repairing(FileKind kind) {
+  const bool is_mapped = kind == FileKind::kMapped;
+  const std::string intact = is_mapped ? "1x200+3x200+11-14x90" : "1x200+3x200";
+  Transition repairing;
+  repairing.name = "repairing";
+  repairing.prepare = [kind](const std::string& path) { LeaveDamage(kind, path, "2x200"); };
+  repairing.commands = {"mark", "open", "mark"};
+  repairing.phases = {From(intact, intact)};
+  repairing.is_proven = [is_mapped](const Trace& trace) {
+    return trace.end.files.count(is_mapped ? "c.mmap.set-aside" : "c.cache.set-aside") > 0;
+  };
+  repairing.is_damaged = repairing.is_long = true;
+  return repairing;
 }
 
 Transition Simple(const std::string& name, const std::string& old, const std::string& now) {
@@ -333,20 +349,7 @@ const std::vector<NamedMaker>& MappedTransitions() {
          taking.is_long = true;
          return taking;
        }},
-      {"Repairing",
-       [] {
-         const std::string intact = "1x200+3x200+11-14x90";
-         Transition repairing;
-         repairing.name = "repairing";
-         repairing.prepare = [](const std::string& path) { LeaveDamage(path, "2x200"); };
-         repairing.commands = {"mark", "open", "mark"};
-         repairing.phases = {From(intact, intact)};
-         repairing.is_proven = [](const Trace& trace) {
-           return trace.end.files.count("c.mmap.set-aside") > 0;
-         };
-         repairing.is_damaged = repairing.is_long = true;
-         return repairing;
-       }},
+      {"Repairing", [] { return Repairing(FileKind::kMapped); }},
       {"EmptiedAndClosed",
        [] {
          return Transition{"emptied and closed",
@@ -394,6 +397,7 @@ const std::vector<NamedMaker>& PlainTransitions() {
          };
          return anew;
        }},
+      {"Repairing", [] { return Repairing(FileKind::kPlain); }},
       {"FirstEver",
        [] {
          return Transition{
