@@ -17,6 +17,8 @@ namespace {
 constexpr uint64_t kWaitersBegin = uint64_t{1} << 62;
 constexpr uint64_t kWaitersEnd = INT64_MAX;
 constexpr int kWaitAgainMs = 5;
+// Where a waiter stands: places in a row that are taken before it gives up.
+constexpr int kMostPlacesTried = 1000;
 // What leaves a free lock for so long, and waits for it, does not run.
 constexpr int64_t kTurnNs = 20 * 1000000;
 
@@ -174,9 +176,9 @@ bool TableLock::Take(const cache_io::Descriptor& file, int wait_ms) {
   bool taken = IsMyTurn(fd, kWaitersEnd) && cache_io::TryLock(fd, 0, 1);
   if (!taken && errno == EAGAIN) {
     uint64_t place = kWaitersBegin + static_cast<uint64_t>(base::MonotonicNs());
-    while (!cache_io::TryLock(fd, place, 1)) {
-      if (errno != EAGAIN) return false;
-      ++place;
+    // Others may have the next few; a system that refuses every lock says the same for ever.
+    for (int tries = 1; !cache_io::TryLock(fd, place, 1); ++tries, ++place) {
+      if (errno != EAGAIN || tries == kMostPlacesTried) return false;
     }
     taken = cache_io::KeepTrying([&] { return IsMyTurn(fd, place) && cache_io::TryLock(fd, 0, 1); },
                                  last_wait_ms_);
