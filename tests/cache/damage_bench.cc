@@ -108,8 +108,11 @@ void DamageBench::Try(const std::string& damaged, const std::string& what) {
   const bool set_aside = Exists(SetAside(path_));
   ++(set_aside ? repaired_ : unnoticed_);
   // Nothing tells a table without any record, and no packet behind it, from a file never used.
-  const bool is_blank = (found.empty() && kind_.looks_unused(damaged)) ||
-                        (kind_.a_cut_is_no_damage && damaged.size() < image_.size());
+  const bool is_cut = kind_.a_cut_is_no_damage && damaged.size() < image_.size();
+  const bool is_blank = (found.empty() && kind_.looks_unused(damaged)) || is_cut;
+  if (is_cut && set_aside && image_.compare(0, damaged.size(), damaged) == 0) {
+    Fault(what, "what a kill leaves was set aside", found);
+  }
   if (lost && is_blank && !set_aside) ++lost_unnoticed_;
   if (lost && !is_blank && !set_aside) {
     Fault(what, "packets are lost and the file was not set aside", found);

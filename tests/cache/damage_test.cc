@@ -11,12 +11,10 @@
 #include <iostream>
 #include <memory>
 
-#include "services/cache_file_posix/format.h"
 #include "services/mmap_file_posix/format.h"
 #include "services/mmap_file_posix/reader.h"
 #include "tests/cache/damage_bench.h"
-#include "tests/cache/support/file_calls.h"
-#include "tests/support/fakes/recording_log.h"
+#include "tests/cache/support/cache_kind.h"
 
 namespace quenor::test {
 namespace {
@@ -58,7 +56,7 @@ DamageBench CrowdedMapped() {
   return DamageBench(kMappedKind, ReadWholeFile(folder.File("f")), content, former);
 }
 
-// A plain file with a past: dropped packets, a seal, a save that nobody completed.
+// A plain file with a past: dropped packets, seals, an order, a save that a kill has cut short.
 DamageBench AgedPlain() {
   const TempFolder folder;
   const Packets all = NamedPackets("aged", 40, 130);
@@ -66,8 +64,9 @@ DamageBench AgedPlain() {
   EXPECT_TRUE(OpenFile(file, folder.File("f")));
   EXPECT_TRUE(Save(file, Slice(all, 0, 10)));
   EXPECT_TRUE(Save(file, Slice(all, 3, 25)));
-  EXPECT_TRUE(Save(file, Slice(all, 8, 40)));
-  file.Close();
+  EXPECT_TRUE(Save(file, Slice(all, 8, 38)));
+  EXPECT_TRUE(file.Clear() && Append(file, all[30]) && Append(file, all[20]));
+  EXPECT_TRUE(Append(file, all[38]) && Append(file, all[39]));
   return DamageBench(kPlainKind, ReadWholeFile(folder.File("f")), Slice(all, 8, 40),
                      Slice(all, 0, 8));
 }
@@ -246,122 +245,77 @@ TEST(PlainFileDamageTest, AnyDamageCostsOnlyThePacketsItHits) {
   Report("corruption", corruption, seed);
 }
 
-// One version more is enough: nobody here knows what it keeps, and how.
-TEST(PlainFileForeignTest, OfTheNextVersionIsKeptAsItIs) {
-  const TempFolder folder;
-  const std::string path = folder.File("channel.cache");
-  {
-    ReliableReportCacheFile file;
-    ASSERT_TRUE(OpenFile(file, path));
-    ASSERT_TRUE(Save(file, {"a", "b"}));
-  }
-  std::string bytes = ReadWholeFile(path);
-  cache_file::FileHeader header;
-  std::memcpy(&header, bytes.data(), sizeof header);
-  header.version = cache_file::kVersion + 1;
-  header.check = cache_file::CheckOf(header);
-  std::memcpy(bytes.data(), &header, sizeof header);
-  ASSERT_TRUE(WriteWholeFile(path, bytes));
-
-  EXPECT_EQ(Packets{}, LoadPlain(path));
-
-  EXPECT_TRUE(bytes == ReadWholeFile(SetAside(path)));
-}
-
-// Damage of someone else's while the file is in use, and files that were never ours.
-class MmapFileForeignTest : public ::testing::Test {
+// Files that were never ours, or of a version that we do not know: put aside as they are, and what
+// follows is as with no file.
+template <typename Kind>
+class CacheForeignTest : public CacheKindTest<Kind> {
  protected:
-  void SetUp() override {
-    FileCalls::Reset();
-    RecordingLog::Clear();
-  }
-  void TearDown() override { FileCalls::Reset(); }
-
-  bool SaveMapped(const Packets& packets) {
-    MultiProcessSafetyMmapFile file;
-    return OpenFile(file, path_) && Save(file, packets);
-  }
-  // A file that is not ours is put aside as it is, and what follows is as with no file.
   void ExpectSetAside(const std::string& content) {
-    std::remove(SetAside(path_).c_str());
-    ASSERT_TRUE(WriteWholeFile(path_, content));
+    std::remove(SetAside(this->path_).c_str());
+    ASSERT_TRUE(WriteWholeFile(this->path_, content));
     RecordingLog::Clear();
-    MultiProcessSafetyMmapFile file;
+    typename Kind::File file;
 
-    ASSERT_TRUE(OpenFile(file, path_));
+    ASSERT_TRUE(OpenFile(file, this->path_));
 
     EXPECT_EQ(Packets{}, ReadAll(file));
-    EXPECT_TRUE(content == ReadWholeFile(SetAside(path_)));
-    EXPECT_GE(LinesWith(2, SetAside(path_)), 1);
+    EXPECT_TRUE(content == ReadWholeFile(SetAside(this->path_)));
+    EXPECT_GE(LinesWith(2, SetAside(this->path_)), 1);
+    EXPECT_FALSE(Exists(Recovered(this->path_)));
     EXPECT_TRUE(Save(file, {"new"}));
     file.Close();
-    EXPECT_EQ(Packets{"new"}, LoadMapped(path_));
+    EXPECT_EQ(Packets{"new"}, Kind::Load(this->path_));
   }
-
-  TempFolder folder_;
-  const std::string path_ = folder_.File("channel.mmap");
 };
+TYPED_TEST_SUITE(CacheForeignTest, CacheKinds, CacheKindName);
 
-TEST_F(MmapFileForeignTest, TextIsSetAside) {
-  ExpectSetAside("Dear reader,\n");
-  ExpectSetAside(std::string(50000, 'a'));
+TYPED_TEST(CacheForeignTest, TextIsSetAside) {
+  this->ExpectSetAside("Dear reader,\n");
+  this->ExpectSetAside("Dear diary,\n" + std::string(50000, 'Q') + "QcP\x1aQcS\x1a");
 }
 
-TEST_F(MmapFileForeignTest, AnotherProgramsBinaryIsSetAside) {
-  ExpectSetAside(ReadWholeFile("/proc/self/exe"));
+TYPED_TEST(CacheForeignTest, AnotherProgramsBinaryIsSetAside) {
+  this->ExpectSetAside(ReadWholeFile("/proc/self/exe"));
 }
+
+TYPED_TEST(CacheForeignTest, OfTheNextVersionIsKeptAsItIs) {
+  ASSERT_TRUE(this->SaveAt(this->path_, {"a", "b"}));
+  const std::string header = TypeParam::NextHeader();
+  this->ExpectSetAside(ReadWholeFile(this->path_).replace(0, header.size(), header));
+}
+
+TYPED_TEST(CacheForeignTest, SparseAndHugeIsSetAsideWithoutReadingItAll) {
+  ASSERT_TRUE(WriteWholeFile(this->path_, "something"));
+  ASSERT_EQ(0, truncate(this->path_.c_str(), off_t{1} << 40));
+  const uint64_t before = FileCalls::Count(Call::kPread);
+  typename TypeParam::File file;
+
+  ASSERT_TRUE(OpenFile(file, this->path_));
+
+  EXPECT_EQ(Packets{}, ReadAll(file));
+  EXPECT_LE(FileCalls::Count(Call::kPread) - before, 1100u);  // Windows of 64 KiB in 64 MiB.
+  EXPECT_EQ(uint64_t{1} << 40, SizeOf(SetAside(this->path_)));
+  EXPECT_TRUE(Save(file, {"new"}));
+}
+
+// Damage of someone else's while the file is in use, and what the mapped one is searched for.
+class MmapFileForeignTest : public CacheKindTest<Mapped> {};
 
 TEST_F(MmapFileForeignTest, NothingButZerosIsNoLoss) {
   for (const size_t size : {1, 100, 16384, 16385, 100000}) {
     ASSERT_TRUE(WriteWholeFile(path_, std::string(size, '\0')));
-    {
-      MultiProcessSafetyMmapFile file;
-      ASSERT_TRUE(OpenFile(file, path_)) << size;
-      EXPECT_EQ(Packets{}, ReadAll(file));
-      EXPECT_TRUE(Save(file, {"new"}));
-    }
+    EXPECT_EQ(Packets{}, LoadMapped(path_));
+    EXPECT_TRUE(SaveAt(path_, {"new"})) << size;
     EXPECT_EQ(Packets{"new"}, LoadMapped(path_)) << size;
   }
 }
 
-TEST_F(MmapFileForeignTest, SparseAndHugeIsSetAsideWithoutReadingItAll) {
-  ASSERT_TRUE(WriteWholeFile(path_, "something"));
-  ASSERT_EQ(0, truncate(path_.c_str(), off_t{1} << 40));
-  MultiProcessSafetyMmapFile file;
-
-  ASSERT_TRUE(OpenFile(file, path_));
-
-  EXPECT_EQ(Packets{}, ReadAll(file));
-  EXPECT_EQ(uint64_t{1} << 40, SizeOf(SetAside(path_)));
-  EXPECT_TRUE(Save(file, {"new"}));
-}
-
 TEST_F(MmapFileForeignTest, OursGrownToAHugeSparseFileKeepsItsContent) {
-  {
-    MultiProcessSafetyMmapFile file;
-    ASSERT_TRUE(OpenFile(file, path_));
-    ASSERT_TRUE(Save(file, {"a", "b"}));
-  }
+  ASSERT_TRUE(SaveAt(path_, {"a", "b"}));
   ASSERT_EQ(0, truncate(path_.c_str(), off_t{1} << 40));
 
   EXPECT_EQ((Packets{"a", "b"}), LoadMapped(path_));
   EXPECT_EQ((Packets{"a", "b"}), LoadMapped(path_));
-}
-
-TEST_F(MmapFileForeignTest, OfANewerVersionIsKeptAsItIs) {
-  {
-    MultiProcessSafetyMmapFile file;
-    ASSERT_TRUE(OpenFile(file, path_));
-    ASSERT_TRUE(Save(file, {"a", "b"}));
-  }
-  std::string bytes = ReadWholeFile(path_);
-  mmap_format::Header header;
-  std::memcpy(&header, bytes.data(), sizeof header);
-  header.version = mmap_format::kVersion + 1;
-  header.check = mmap_format::CheckOf(header);
-  std::memcpy(bytes.data(), &header, sizeof header);
-
-  ExpectSetAside(bytes);
 }
 
 // Without its table, packets are found by their own bytes alone; `hole` bytes further back.
@@ -372,7 +326,7 @@ void LoseTheTable(const std::string& path, uint64_t hole = 0) {
 }
 
 TEST_F(MmapFileForeignTest, PacketsBehindALongHoleAreFound) {
-  ASSERT_TRUE(SaveMapped({"a", "b"}));
+  ASSERT_TRUE(SaveAt(path_, {"a", "b"}));
   ASSERT_NO_FATAL_FAILURE(LoseTheTable(path_, 2 * mmap_format::Reader::kMaxSearchedBytes));
 
   EXPECT_EQ((Packets{"a", "b"}), LoadMapped(path_));
@@ -380,12 +334,12 @@ TEST_F(MmapFileForeignTest, PacketsBehindALongHoleAreFound) {
 
 // At the place where one would stand, in the second unit of the outer one.
 TEST_F(MmapFileForeignTest, APacketInsideAPacketIsNone) {
-  ASSERT_TRUE(SaveMapped({"inner"}));
+  ASSERT_TRUE(SaveAt(path_, {"inner"}));
   const std::string bytes = ReadWholeFile(path_);
   const StoredPacket inner = FindPacket(bytes, "inner").at(0);
   std::string outer(24000, 'o');
   outer.replace(16000, inner.end - inner.begin, bytes, inner.begin, inner.end - inner.begin);
-  ASSERT_TRUE(SaveMapped({outer, "after"}));
+  ASSERT_TRUE(SaveAt(path_, {outer, "after"}));
   ASSERT_NO_FATAL_FAILURE(LoseTheTable(path_));
 
   EXPECT_TRUE((Packets{outer, "after"}) == LoadMapped(path_));
@@ -393,7 +347,7 @@ TEST_F(MmapFileForeignTest, APacketInsideAPacketIsNone) {
 
 TEST_F(MmapFileForeignTest, ABadPageCostsOnlyThePacketsThatAreInIt) {
   Packets packets = NamedPackets("p", 40, 1000);
-  ASSERT_TRUE(SaveMapped(packets));
+  ASSERT_TRUE(SaveAt(path_, packets));
   const uint64_t page = FindPacket(ReadWholeFile(path_), packets[20]).at(0).begin / 4096 * 4096;
   ASSERT_NO_FATAL_FAILURE(LoseTheTable(path_));
   const std::string bytes = ReadWholeFile(path_);
@@ -410,7 +364,7 @@ TEST_F(MmapFileForeignTest, ABadPageCostsOnlyThePacketsThatAreInIt) {
 }
 
 TEST_F(MmapFileForeignTest, ASearchReadsOnceMoreWhatTheDiskFailedToRead) {
-  ASSERT_TRUE(SaveMapped({"a", "b"}));
+  ASSERT_TRUE(SaveAt(path_, {"a", "b"}));
   ASSERT_NO_FATAL_FAILURE(LoseTheTable(path_));
   const std::string bytes = ReadWholeFile(path_);
   for (int nth = 1;; ++nth) {

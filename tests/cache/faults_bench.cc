@@ -1,41 +1,9 @@
 #include "tests/cache/faults_bench.h"
 
 #include <cerrno>
-#include <map>
-#include <utility>
+#include <iterator>
 
 namespace quenor::test {
-namespace {
-
-struct Tally {
-  uint64_t places = 0;
-  std::map<int, uint64_t> failures;  // By errno.
-};
-
-std::map<std::pair<std::string, Call>, Tally>& Tallies() {
-  static auto* const tallies = new std::map<std::pair<std::string, Call>, Tally>;
-  return *tallies;
-}
-
-// One line per kind and call, when the tests have run.
-class TallyPrinter : public ::testing::Environment {
-  void TearDown() override {
-    for (const auto& [key, tally] : Tallies()) {
-      std::cout << "n-th call fails, " << key.first << ", " << FileCalls::Name(key.second) << ": "
-                << tally.places << " places;";
-      uint64_t sum = 0;
-      for (const auto& [error, count] : tally.failures) {
-        std::cout << " " << ErrnoName(error) << " " << count;
-        sum += count;
-      }
-      std::cout << "; " << sum << " failures" << std::endl;
-    }
-  }
-};
-const ::testing::Environment* const g_printer =
-    ::testing::AddGlobalTestEnvironment(new TallyPrinter);
-
-}  // namespace
 
 const std::vector<Call>& FailingCalls() {
   static const auto* const calls = new std::vector<Call>{
@@ -49,23 +17,9 @@ const std::vector<Call>& FailingCalls() {
 }
 
 const std::vector<int>& FailingErrors() {
-  static const auto* const errors = new std::vector<int>{ENOSPC, EIO, EMFILE, EINTR, ENOMEM};
+  static const auto* const errors =
+      new std::vector<int>{ENOSPC, EIO, EMFILE, EINTR, ENOMEM, EDQUOT, EACCES};
   return *errors;
-}
-
-const char* ErrnoName(int error) {
-  switch (error) {
-    case ENOSPC:
-      return "ENOSPC";
-    case EIO:
-      return "EIO";
-    case EMFILE:
-      return "EMFILE";
-    case EINTR:
-      return "EINTR";
-    default:
-      return "ENOMEM";
-  }
 }
 
 bool IsMemory(Call call) {
@@ -77,25 +31,23 @@ bool IsRepeated(const Fault& fault) {
          fault.call != Call::kMadvise && fault.call != Call::kUnlink;
 }
 
-bool IsHarmless(Call call) {
-  return call == Call::kFallocate || call == Call::kSyncFileRange || call == Call::kUnlink;
+bool IsHarmless(const Fault& fault) {
+  return !fault.for_good && (fault.call == Call::kFallocate || fault.call == Call::kSyncFileRange ||
+                             fault.call == Call::kUnlink);
 }
 
 bool IsMet(const Fault& fault) {
-  if (IsMemory(fault.call)) return fault.error == ENOMEM;
-  if (FullLength() || fault.error == EINTR) return true;
-  const int errors[] = {ENOSPC, EIO, EMFILE, ENOMEM};
-  return fault.error == errors[static_cast<int>(fault.call) % 4];
+  if (IsMemory(fault.call)) return fault.error == ENOMEM && !fault.for_good;
+  if (fault.error == EINTR) return !fault.for_good;  // It is asked again for as long as it takes.
+  if (FullLength()) return true;
+  const int errors[] = {ENOSPC, EIO, EMFILE, ENOMEM, EDQUOT, EACCES};
+  return fault.error == errors[static_cast<size_t>(fault.call) % std::size(errors)];
 }
 
-int PlaceStep(Call call) { return call == Call::kFcntl && !FullLength() ? 8 : 1; }
-
-void CountFailure(const std::string& kind, const Fault& fault) {
-  ++Tallies()[{kind, fault.call}].failures[fault.error];
-}
-
-void CountPlaces(const std::string& kind, Call call, int places) {
-  if (places > 0) Tallies()[{kind, call}].places += static_cast<uint64_t>(places);
+int PlaceStep(const Fault& fault, int nth) {
+  if (FullLength() || nth < 16) return 1;
+  if (fault.call == Call::kFcntl) return fault.for_good ? 40 : 8;
+  return fault.for_good && fault.call == Call::kPread ? 10 : 1;
 }
 
 }  // namespace quenor::test

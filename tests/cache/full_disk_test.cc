@@ -1,6 +1,5 @@
 // A file system of its own, of 1 MiB, that is full: both kinds of cache file save what fits, keep
 // what they have, and go on when there is room again.
-#include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/statfs.h>
 
@@ -10,12 +9,8 @@
 #include <cstring>
 #include <iostream>
 #include <string>
-#include <type_traits>
 
-#include "tests/cache/support/cache_files.h"
-#include "tests/cache/support/file_calls.h"
-#include "tests/support/fakes/recording_log.h"
-#include "tests/support/temp_folder.h"
+#include "tests/cache/support/cache_kind.h"
 
 namespace quenor::test {
 namespace {
@@ -60,24 +55,11 @@ class SmallDisk {
   int error_ = 0;
 };
 
-struct Mapped {
-  using File = MultiProcessSafetyMmapFile;
-  static constexpr char kName[] = "mapped";
-  static Packets Load(const std::string& path) { return LoadMapped(path); }
-};
-struct Plain {
-  using File = ReliableReportCacheFile;
-  static constexpr char kName[] = "plain";
-  static Packets Load(const std::string& path) { return LoadPlain(path); }
-};
-
 template <typename Kind>
-class FullDiskTest : public ::testing::Test {
+class FullDiskTest : public CacheKindTest<Kind> {
  protected:
   // Only root may mount, and not in every container.
   void SetUp() override {
-    FileCalls::Reset();
-    RecordingLog::Clear();
     if (!disk_.is_mounted()) {
       ASSERT_EQ(EPERM, disk_.error()) << std::strerror(disk_.error());
       GTEST_SKIP() << "no file system of 1 MiB can be mounted here (" << std::strerror(EPERM)
@@ -88,10 +70,10 @@ class FullDiskTest : public ::testing::Test {
 
   // As a kill leaves it; the plain file may bring back what the last save dropped.
   void ExpectSurvivesAKill(const Packets& confirmed) {
-    const std::string copy = elsewhere_.File("copy");
+    const std::string copy = this->folder_.File("copy");
     CopyAsIfKilled(path_, copy);
     const Packets found = Kind::Load(copy);
-    if (std::is_same_v<Kind, Mapped>) {
+    if (!Kind::kIsPlain) {
       ASSERT_EQ(confirmed, found);
     }
     for (const std::string& packet : confirmed) {
@@ -100,12 +82,10 @@ class FullDiskTest : public ::testing::Test {
   }
 
   const SmallDisk disk_;
-  const TempFolder elsewhere_;
   const std::string path_ = disk_.File("channel");
 };
 
-using Kinds = ::testing::Types<Mapped, Plain>;
-TYPED_TEST_SUITE(FullDiskTest, Kinds);
+TYPED_TEST_SUITE(FullDiskTest, CacheKinds, CacheKindName);
 
 TYPED_TEST(FullDiskTest, SavesUntilItIsFullAndAgainWhenThereIsRoom) {
   typename TypeParam::File file;
@@ -132,7 +112,7 @@ TYPED_TEST(FullDiskTest, SavesUntilItIsFullAndAgainWhenThereIsRoom) {
   // The same content, or less, fits where it is; but the plain file's seal may find no room.
   EXPECT_TRUE(Save(file, confirmed));
   confirmed.pop_back();
-  EXPECT_TRUE(Save(file, confirmed) || (std::is_same_v<TypeParam, Plain>));
+  EXPECT_TRUE(Save(file, confirmed) || TypeParam::kIsPlain);
   this->disk_.Free();
   EXPECT_TRUE(file.IsSaveComplete());
   EXPECT_TRUE(Save(file, NamedPackets("after", 20, 4000)));

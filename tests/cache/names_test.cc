@@ -17,8 +17,6 @@
 #include <vector>
 
 #include "quenor_base/platform/cache_file_inspector.h"
-#include "services/cache_file_posix/format.h"
-#include "services/mmap_file_posix/format.h"
 #include "tests/cache/support/cache_files.h"
 #include "tests/cache/support/file_calls.h"
 #include "tests/support/fakes/recording_log.h"
@@ -31,6 +29,7 @@ struct Kind {
   const char* suffix;
   Packets (*load)(const std::string& path);
   bool (*save)(const std::string& path, const Packets& packets);
+  std::string (*next_header)();
 };
 
 void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.suffix; }
@@ -42,16 +41,16 @@ bool SaveIn(const std::string& path, const Packets& packets) {
 }
 
 constexpr Kind kMapped = {".mmap", [](const std::string& path) { return LoadMapped(path); },
-                          SaveIn<MultiProcessSafetyMmapFile>};
+                          SaveIn<MultiProcessSafetyMmapFile>, NextMappedHeader};
 constexpr Kind kPlain = {".cache", [](const std::string& path) { return LoadPlain(path); },
-                         SaveIn<ReliableReportCacheFile>};
+                         SaveIn<ReliableReportCacheFile>, NextPlainHeader};
 
 class CacheNamesTest : public ::testing::TestWithParam<Kind> {
  protected:
   CacheNamesTest() { RecordingLog::Clear(); }
   ~CacheNamesTest() override { FileCalls::Reset(); }
 
-  std::string recovered() const { return path_ + ".recovered"; }
+  std::string recovered() const { return Recovered(path_); }
   std::string target() const { return folder_.File("target"); }
   static Packets Load(const std::string& path) { return GetParam().load(path); }
   static bool SaveAt(const std::string& path, const Packets& packets) {
@@ -99,6 +98,7 @@ TEST_P(CacheNamesTest, WhatIsPlantedForARepairIsNeitherTakenNorWrittenTo) {
       {"a FIFO", [&] { return mkfifo(recovered().c_str(), 0600) == 0; }},
   };
   ASSERT_TRUE(SaveAt(folder_.File("other"), {"another channel's"}));
+  ASSERT_EQ(0, symlink(target().c_str(), SetAside(path_).c_str()));
   for (const std::string& bytes :
        {std::string(), std::string("precious"), ReadWholeFile(folder_.File("other"))}) {
     for (const auto& [name, plant] : plants) {
@@ -139,7 +139,88 @@ TEST_P(CacheNamesTest, WhatARepairLeftAndTheSystemRefusesIsTakenByTheNextStart) 
     FileCalls::Reset();
     EXPECT_FALSE(Exists(path_));
     EXPECT_EQ(Packets{"kept"}, Load(path_));
+    EXPECT_FALSE(Exists(recovered()));
   }
+}
+
+TEST_P(CacheNamesTest, WhatARepairLeftThatWasKilledAtItsWorkIsRemoved) {
+  ASSERT_TRUE(SaveAt(path_, {"kept"}));
+  for (const std::string& left : {std::string("half of a file"), ReadWholeFile(path_) + "more"}) {
+    ASSERT_TRUE(WriteWholeFile(recovered(), left));
+
+    EXPECT_EQ(Packets{"kept"}, Load(path_));
+
+    EXPECT_FALSE(Exists(recovered()));
+  }
+}
+
+TEST_P(CacheNamesTest, AFileSystemWithoutTheCarefulRenameIsServed) {
+  ASSERT_TRUE(SaveAt(path_, {"kept"}));
+  ASSERT_EQ(0, rename(path_.c_str(), recovered().c_str()));
+  FileCalls::FailEach(Call::kRenameat2, EINVAL);
+
+  EXPECT_EQ(Packets{"kept"}, Load(path_));
+  EXPECT_TRUE(Exists(path_));
+}
+
+TEST_P(CacheNamesTest, AFileSystemWithoutLocksIsRefused) {
+  FileCalls::FailEach(Call::kFcntl, ENOLCK);
+
+  ExpectRefused(path_, {path_, "lock", std::strerror(ENOLCK)});
+}
+
+TEST_P(CacheNamesTest, ANewFileIsForItsUserAloneWhateverTheUmask) {
+  for (const mode_t mask : {0, 022, 077, 0277, 0777}) {
+    const mode_t before = umask(mask);
+    const bool saved = SaveAt(path_, {"a"});
+    umask(before);
+
+    ASSERT_TRUE(saved) << mask;
+    struct stat info;
+    ASSERT_EQ(0, lstat(path_.c_str(), &info));
+    EXPECT_EQ(0600u, info.st_mode & 07777) << mask;
+    ASSERT_EQ(0, unlink(path_.c_str()));
+  }
+}
+
+TEST_P(CacheNamesTest, AnEmptyFileIsANewOne) {
+  ASSERT_TRUE(WriteWholeFile(path_, ""));
+
+  EXPECT_EQ(Packets{}, Load(path_));
+  EXPECT_TRUE(SaveAt(path_, {"a"}));
+
+  EXPECT_EQ(Packets{"a"}, Load(path_));
+  EXPECT_FALSE(Exists(SetAside(path_))) << "there was nothing to keep";
+  EXPECT_EQ(0, LinesWith(2, ""));
+}
+
+TEST_P(CacheNamesTest, PathsThatLeadAstrayAreRefused) {
+  ASSERT_EQ(0, mkdir(folder_.File("below").c_str(), 0700));
+  for (const std::string& path : {folder_.File("below/../channel"), folder_.File(".."),
+                                  std::string(".."), std::string("../channel")}) {
+    ExpectRefused(path, {path, "\"..\""});
+  }
+  ExpectRefused("", {"empty"});
+  ExpectRefused(folder_.path() + std::string("/a\0b", 4), {"NUL"});
+  ExpectRefused(folder_.File("missing/channel"), {std::strerror(ENOENT)});
+  ExpectRefused("/" + std::string(5000, 'n'), {"shorten"});
+
+  EXPECT_EQ(std::vector<std::string>{"below"}, FileNames(folder_.path()));
+  for (const char* const name : {"a..b", "..c", "a..", "...", ".hidden"}) {
+    EXPECT_EQ(Packets{}, Load(folder_.File(name))) << name;
+  }
+}
+
+TEST_P(CacheNamesTest, OnlyTheFolderMayBeASymbolicLink) {
+  ASSERT_TRUE(SaveAt(path_, {"kept"}));
+  const std::string link = folder_.File("link");
+  ASSERT_EQ(0, symlink(path_.c_str(), link.c_str()));
+
+  ExpectRefused(link, {link, "it is a symbolic link, and none is followed; remove it"});
+  ASSERT_EQ(0, unlink(link.c_str()));
+  ASSERT_EQ(0, symlink(folder_.path().c_str(), link.c_str()));
+
+  EXPECT_EQ(Packets{"kept"}, Load(link + path_.substr(path_.rfind('/'))));
 }
 
 TEST_P(CacheNamesTest, AFolderUnderTheNameOfARepairIsNothingToTake) {
@@ -150,19 +231,9 @@ TEST_P(CacheNamesTest, AFolderUnderTheNameOfARepairIsNothingToTake) {
 }
 
 std::string OfNewerVersion(const Kind& kind) {
-  if (kind.suffix == kPlain.suffix) {
-    cache_file::FileHeader header = cache_file::MakeFileHeader();
-    header.version = 7;
-    header.check = cache_file::CheckOf(header);
-    return std::string(reinterpret_cast<const char*>(&header), sizeof header);
-  }
-  mmap_format::Header header = {};
-  header.magic = mmap_format::kHeaderMagic;
-  header.version = mmap_format::kVersion + 1;
-  header.table_size = mmap_format::kTableSize;
-  header.check = mmap_format::CheckOf(header);
-  std::string bytes(mmap_format::kTableSize, '\0');
-  return bytes.replace(0, sizeof header, reinterpret_cast<const char*>(&header), sizeof header);
+  std::string bytes = kind.next_header();
+  bytes.resize(16384);
+  return bytes;
 }
 
 TEST_P(CacheNamesTest, NothingThatWasSetAsideIsReplaced) {
@@ -223,7 +294,7 @@ TEST_P(CacheNamesTest, WhatIsNoFileIsNamedForWhatItIs) {
       // Of no driver: only one who may make devices has this case.
       {"device", [&] { return mknod(path_.c_str(), S_IFCHR | 0600, makedev(240, 77)) == 0; }},
       {"directory", [&] { return mkdir(path_.c_str(), 0700) == 0; }},
-      {"symbolic link", [&] { return symlink("nowhere", path_.c_str()) == 0; }},
+      {"symbolic link", [&] { return symlink(target().c_str(), path_.c_str()) == 0; }},
   };
   for (const auto& [word, make] : cases) {
     if (!make()) {
@@ -240,6 +311,7 @@ TEST_P(CacheNamesTest, WhatIsNoFileIsNamedForWhatItIs) {
     EXPECT_NE(std::string::npos, error.find(word)) << error;
     ASSERT_EQ(0, remove(path_.c_str()));
   }
+  EXPECT_FALSE(Exists(target()));
 }
 
 TEST_P(CacheNamesTest, AnotherUsersFileThatEverybodyMayWriteToIsRefused) {

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
-#include <set>
 #include <string>
 
 #include "tests/cache/torn_disk.h"
@@ -41,13 +40,6 @@ Packets NextContent(const Packets& packets, Random& random, size_t* number) {
       if (Below(random, 2) == 0) next.push_back(NamedPacket("new", (*number)++, 50));
   }
   return next;
-}
-
-// All of them, however often it has each beyond that.
-bool Includes(const Packets& packets, const Packets& wanted) {
-  const std::multiset<std::string> has(packets.begin(), packets.end());
-  const std::multiset<std::string> wants(wanted.begin(), wanted.end());
-  return std::includes(has.begin(), has.end(), wants.begin(), wants.end());
 }
 
 void DrawLosses(const TornDisk& disk, const std::string& path, int cases, Random& random,

@@ -2,9 +2,12 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <set>
 
 #include "quenor_base/platform/base/check.h"
 #include "quenor_base/platform/config_center.h"
@@ -65,8 +68,8 @@ bool OpenFile(MultiProcessSafetyMmapFile& file, const std::string& path) {
   return file.Open(base::FilePath(path), base::MemoryMappedFile::READ_WRITE_EXTEND, 0);
 }
 
-bool Save(MultiProcessSafetyMmapFile& file, const Packets& packets) {
-  return file.Clear(AnnouncedSize(packets)) && AppendAll(file, packets);
+bool BeginSave(MultiProcessSafetyMmapFile& file, const Packets& packets) {
+  return file.Clear(AnnouncedSize(packets));
 }
 
 bool Append(MultiProcessSafetyMmapFile& file, const std::string& packet) {
@@ -85,6 +88,15 @@ void CopyAsIfKilled(const std::string& path, const std::string& to) {
   QUENOR_CHECK(WriteWholeFile(to, ReadWholeFile(path)), "a copy cannot be written");
 }
 
+std::string NextMappedHeader() {
+  mmap_format::Header header = {};
+  header.magic = mmap_format::kHeaderMagic;
+  header.version = mmap_format::kVersion + 1;
+  header.table_size = mmap_format::kTableSize;
+  header.check = mmap_format::CheckOf(header);
+  return std::string(reinterpret_cast<const char*>(&header), sizeof header);
+}
+
 bool WriteInto(const std::string& path, uint64_t at, const std::string& bytes) {
   std::FILE* const out = std::fopen(path.c_str(), "r+b");
   if (out == nullptr) return false;
@@ -94,6 +106,7 @@ bool WriteInto(const std::string& path, uint64_t at, const std::string& bytes) {
 }
 
 std::string SetAside(const std::string& path) { return path + ".set-aside"; }
+std::string Recovered(const std::string& path) { return path + ".recovered"; }
 bool Exists(const std::string& path) { return StatOf(path).st_ino != 0; }
 uint64_t SizeOf(const std::string& path) { return static_cast<uint64_t>(StatOf(path).st_size); }
 uint64_t BytesOnDisk(const std::string& path) {
@@ -130,6 +143,19 @@ DurabilityScope::DurabilityScope(uint64_t value) {
 DurabilityScope::~DurabilityScope() {
   config::ConfigCenterImpl::GetInstance()->SetHostOverride(config::BaseCfg().cache_durability,
                                                            base::Optional<uint64_t>());
+}
+
+bool Includes(const Packets& packets, const Packets& wanted) {
+  const std::multiset<std::string> has(packets.begin(), packets.end());
+  const std::multiset<std::string> wants(wanted.begin(), wanted.end());
+  return std::includes(has.begin(), has.end(), wants.begin(), wants.end());
+}
+
+Packets Union(const Packets& a, const Packets& b) {
+  const std::multiset<std::string> in_a(a.begin(), a.end()), in_b(b.begin(), b.end());
+  Packets both;
+  std::set_union(in_a.begin(), in_a.end(), in_b.begin(), in_b.end(), std::back_inserter(both));
+  return both;
 }
 
 int LinesWith(int level, const std::string& text) {

@@ -35,9 +35,9 @@ int64_t AnnouncedSize(const Packets& packets);
 
 [[nodiscard]] bool OpenFile(MultiProcessSafetyMmapFile& file, const std::string& path);
 [[nodiscard]] bool OpenFile(ReliableReportCacheFile& file, const std::string& path);
-// Clear() and every append. True when each was taken and the save is complete.
-[[nodiscard]] bool Save(MultiProcessSafetyMmapFile& file, const Packets& packets);
-[[nodiscard]] bool Save(ReliableReportCacheFile& file, const Packets& packets);
+// Clear(), for a save of these packets.
+[[nodiscard]] bool BeginSave(MultiProcessSafetyMmapFile& file, const Packets& packets);
+[[nodiscard]] bool BeginSave(ReliableReportCacheFile& file, const Packets& packets);
 [[nodiscard]] bool Append(MultiProcessSafetyMmapFile& file, const std::string& packet);
 [[nodiscard]] bool Append(ReliableReportCacheFile& file, const std::string& packet);
 
@@ -48,6 +48,12 @@ template <typename File>
     if (!Append(file, packet)) return false;
   }
   return file.IsSaveComplete();
+}
+
+// Clear() and every append. True when each was taken and the save is complete.
+template <typename File>
+[[nodiscard]] bool Save(File& file, const Packets& packets) {
+  return BeginSave(file, packets) && AppendAll(file, packets);
 }
 
 // Every packet to the end. `most_empty_in_a_row`: so many empty packets may stand together, and
@@ -75,10 +81,15 @@ Packets LoadPlain(const std::string& path, int most_empty_in_a_row = 0);
 // where nobody has a lock. What was set aside at `to` before is removed.
 void CopyAsIfKilled(const std::string& path, const std::string& to);
 
+// What a file of the next version begins with, which nobody here knows.
+std::string NextMappedHeader();
+std::string NextPlainHeader();
+
 // Over the bytes of a file that others may have open.
 [[nodiscard]] bool WriteInto(const std::string& path, uint64_t at, const std::string& bytes);
 
 std::string SetAside(const std::string& path);
+std::string Recovered(const std::string& path);
 bool Exists(const std::string& path);
 uint64_t SizeOf(const std::string& path);
 uint64_t BytesOnDisk(const std::string& path);
@@ -99,6 +110,11 @@ class DurabilityScope {
   DurabilityScope(const DurabilityScope&) = delete;
   DurabilityScope& operator=(const DurabilityScope&) = delete;
 };
+
+// As contents, in whatever order: whether each packet of `wanted` is there as often; and each
+// packet as often as in whichever of the two has it more often.
+bool Includes(const Packets& packets, const Packets& wanted);
+Packets Union(const Packets& a, const Packets& b);
 
 // How often `text` stands in lines of that level since the log was cleared.
 int LinesWith(int level, const std::string& text);

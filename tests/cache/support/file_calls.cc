@@ -6,9 +6,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <iterator>
 #include <new>
+#include <numeric>
 
 #include "tests/support/memory_faults.h"
 
@@ -47,7 +50,11 @@ uint64_t g_counts[kKinds];
 Call g_failing = Call::kHowMany;
 int g_fail_in = 0;  // 1: the next one of that kind; 0: none.
 int g_error = 0;
+bool g_for_good = false;
+bool g_all_fail = false;
 bool g_has_failed = false;
+uint64_t g_space = UINT64_MAX;
+size_t g_longest_write = SIZE_MAX;
 Call g_failing_always = Call::kHowMany;
 int g_error_always = 0;
 ino_t g_bad_inode = 0;
@@ -59,8 +66,11 @@ bool g_in_observer = false;
 int NextError(Call call) {
   ++g_counts[static_cast<int>(call)];
   if (call == g_failing_always) return g_error_always;
+  const bool gives_back = call == Call::kClose || call == Call::kMunmap;
+  if (g_all_fail && call < Call::kMalloc && !gives_back) return g_error;
   if (call != g_failing || g_fail_in == 0 || --g_fail_in > 0) return 0;
   g_has_failed = true;
+  g_all_fail = g_for_good;
   return g_error;
 }
 
@@ -92,18 +102,21 @@ Result Pass(const CallInfo& info, Result failed, Real real) {
 
 void FileCalls::Reset() {
   for (uint64_t& count : g_counts) count = 0;
-  g_failing = g_failing_always = Call::kHowMany;
-  g_fail_in = 0;
+  Heal();
+  g_failing = Call::kHowMany;
   g_has_failed = false;
+  g_longest_write = SIZE_MAX;
   g_bad_inode = 0;
   g_observer = nullptr;
   MemoryFaults::FailMalloc(0);
 }
 
-void FileCalls::Fail(Call call, int nth, int error) {
+void FileCalls::Fail(Call call, int nth, int error, bool for_good) {
   g_failing = call;
   g_fail_in = nth;
   g_error = error;
+  g_for_good = for_good;
+  g_all_fail = false;
   g_has_failed = false;
   MemoryFaults::FailMalloc(call == Call::kMalloc ? static_cast<size_t>(nth) : 0);
 }
@@ -111,6 +124,16 @@ void FileCalls::Fail(Call call, int nth, int error) {
 void FileCalls::FailEach(Call call, int error) {
   g_failing_always = call;
   g_error_always = error;
+}
+
+void FileCalls::SetSpace(uint64_t bytes) { g_space = bytes; }
+void FileCalls::SetLongestWrite(size_t bytes) { g_longest_write = bytes; }
+
+void FileCalls::Heal() {
+  g_fail_in = 0;
+  g_all_fail = false;
+  g_failing_always = Call::kHowMany;
+  g_space = UINT64_MAX;
 }
 
 void FileCalls::SetBadPage(const std::string& path, uint64_t offset) {
@@ -124,6 +147,10 @@ bool FileCalls::HasFailed() {
 }
 
 uint64_t FileCalls::Count(Call call) { return g_counts[static_cast<int>(call)]; }
+
+uint64_t FileCalls::CountAll() {
+  return std::accumulate(std::begin(g_counts), std::end(g_counts), uint64_t{0});
+}
 
 FileCalls::Unseen::Unseen() : before_(g_in_observer) { g_in_observer = true; }
 FileCalls::Unseen::~Unseen() { g_in_observer = before_; }
@@ -285,6 +312,15 @@ ssize_t __wrap_pread(int fd, void* out, size_t size, off_t offset) {
               [&] { return __real_pread(fd, out, size, offset); });
 }
 ssize_t __wrap_pwrite(int fd, const void* data, size_t size, off_t offset) {
+  if (!g_in_observer) {
+    if (g_space == 0 && size > 0) {
+      g_has_failed = true;
+      errno = ENOSPC;
+      return -1;
+    }
+    size = static_cast<size_t>(std::min<uint64_t>({size, g_longest_write, g_space}));
+    if (g_space != UINT64_MAX) g_space -= size;
+  }
   return Pass(Info(Call::kPwrite, fd, static_cast<uint64_t>(offset), size, data), ssize_t{-1},
               [&] { return __real_pwrite(fd, data, size, offset); });
 }

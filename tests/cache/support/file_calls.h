@@ -5,6 +5,7 @@
 #ifndef QUENOR_TESTS_CACHE_SUPPORT_FILE_CALLS_H_
 #define QUENOR_TESTS_CACHE_SUPPORT_FILE_CALLS_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -61,16 +62,25 @@ class FileCalls {
   static void Reset();
 
   // From now on the `nth` call of the kind (1 is the next) fails with `error`; later ones do not.
-  static void Fail(Call call, int nth, int error);
+  // With `for_good`, not for memory, all calls do from there on, but those that give something
+  // back.
+  static void Fail(Call call, int nth, int error, bool for_good = false);
   // Every call of the kind fails, from the next to Reset(). Not for memory.
   static void FailEach(Call call, int error);
+  // So many more bytes can be written: what does not fit is cut short, and then there is ENOSPC.
+  static void SetSpace(uint64_t bytes);
+  // No write takes more than this.
+  static void SetLongestWrite(size_t bytes);
+  // Nothing fails any more; what has failed is remembered.
+  static void Heal();
   // From now on no read gets a byte of the file's page at `offset`, as on a bad disk.
   static void SetBadPage(const std::string& path, uint64_t offset);
-  // True when the failure asked for with Fail() has happened.
+  // True when the failure asked for with Fail() has happened, or there was no space.
   static bool HasFailed();
 
   // Since Reset(). Not of kMalloc.
   static uint64_t Count(Call call);
+  static uint64_t CountAll();
   // Borrowed until Reset() or the next call; may be null.
   static void Observe(CallObserver* observer);
 

@@ -32,36 +32,6 @@ class MmapFileOpenTest : public MmapFileTest {
   }
 };
 
-TEST_F(MmapFileOpenTest, CreatesAFileOfMode0600UnderAnyUmask) {
-  for (const mode_t mask : {0, 022, 077, 0277, 0777}) {
-    const mode_t before = umask(mask);
-    MultiProcessSafetyMmapFile file;
-    const bool opened = OpenFile(file, path_);
-    const bool saved = opened && Save(file, {"a"});
-    umask(before);
-
-    ASSERT_TRUE(opened && saved) << mask;
-    struct stat info;
-    ASSERT_EQ(0, stat(path_.c_str(), &info));
-    EXPECT_EQ(0600u, info.st_mode & 07777) << mask;
-    file.Close();
-    ASSERT_EQ(0, unlink(path_.c_str()));
-  }
-}
-
-TEST_F(MmapFileOpenTest, OfAnEmptyFileFindsNothingAndSavesInIt) {
-  ASSERT_TRUE(WriteWholeFile(path_, ""));
-  MultiProcessSafetyMmapFile file;
-
-  ASSERT_TRUE(OpenFile(file, path_));
-  EXPECT_EQ(0u, file.GetNextDataPacket().size);
-  ASSERT_TRUE(Save(file, {"a"}));
-  file.Close();
-
-  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
-  EXPECT_FALSE(Exists(SetAside(path_))) << "there was nothing to keep";
-}
-
 TEST_F(MmapFileOpenTest, RefusesEveryAccessButExtend) {
   using base::MemoryMappedFile;
   for (const auto access : {MemoryMappedFile::READ_ONLY, MemoryMappedFile::READ_WRITE,
@@ -87,68 +57,6 @@ TEST_F(MmapFileOpenTest, MakesTheRoomThatItsSizeWishes) {
   EXPECT_EQ(Packets{"small"}, LoadMapped(path_));
 }
 
-TEST_F(MmapFileOpenTest, RefusesASymbolicLinkAsLastComponent) {
-  Leave({"a"});
-  const std::string link = folder_.File("link.mmap");
-  ASSERT_EQ(0, symlink(path_.c_str(), link.c_str()));
-  const std::string dangling = folder_.File("dangling.mmap");
-  ASSERT_EQ(0, symlink(folder_.File("missing").c_str(), dangling.c_str()));
-
-  ExpectRefused(link, "it is a symbolic link, and none is followed; remove it");
-  ExpectRefused(dangling, "it is a symbolic link, and none is followed; remove it");
-
-  EXPECT_FALSE(Exists(folder_.File("missing")));
-  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
-}
-
-TEST_F(MmapFileOpenTest, FollowsASymbolicLinkToTheFolder) {
-  Leave({"a"});
-  const std::string link = folder_.File("folder");
-  ASSERT_EQ(0, symlink(folder_.path().c_str(), link.c_str()));
-
-  EXPECT_EQ(Packets{"a"}, LoadMapped(link + "/channel.mmap"));
-}
-
-TEST_F(MmapFileOpenTest, RefusesAWayThroughTheParent) {
-  ASSERT_EQ(0, mkdir(folder_.File("below").c_str(), 0700));
-
-  ExpectRefused(folder_.File("below/../channel.mmap"));
-  ExpectRefused(folder_.File(".."));
-  ExpectRefused("..");
-  ExpectRefused("../channel.mmap");
-
-  EXPECT_FALSE(Exists(path_));
-}
-
-TEST_F(MmapFileOpenTest, TakesDotsThatAreNoWayToTheParent) {
-  for (const char* const name : {"a..b.mmap", "..mmap", "a..", "...", ".hidden"}) {
-    MultiProcessSafetyMmapFile file;
-    EXPECT_TRUE(OpenFile(file, folder_.File(name))) << name;
-  }
-}
-
-TEST_F(MmapFileOpenTest, RefusesPathsThatAreNone) {
-  RecordingLog::Clear();
-  MultiProcessSafetyMmapFile file;
-
-  EXPECT_FALSE(OpenFile(file, ""));
-  EXPECT_FALSE(OpenFile(file, path_ + std::string(1, '\0') + "x"));
-
-  EXPECT_EQ(2, LinesWith(2, ""));
-  EXPECT_FALSE(Exists(path_));
-}
-
-TEST_F(MmapFileOpenTest, RefusesAMissingFolder) {
-  ExpectRefused(folder_.File("missing/channel.mmap"));
-
-  EXPECT_FALSE(Exists(folder_.File("missing")));
-}
-
-TEST_F(MmapFileOpenTest, RefusesAnUnendingName) {
-  ExpectRefused(folder_.File(std::string(300, 'n')));
-  ExpectRefused("/" + std::string(5000, 'n'));
-}
-
 TEST_F(MmapFileOpenTest, RefusesAFolderThatMayNotBeWritten) {
   const Unprivileged unprivileged(folder_.path());
   if (!unprivileged.holds()) GTEST_SKIP() << "root cannot become another user here";
@@ -169,24 +77,6 @@ TEST_F(MmapFileOpenTest, RefusesAFileThatMayNotBeWritten) {
 
   ASSERT_EQ(0, chmod(path_.c_str(), 0600));
   EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
-}
-
-TEST_F(MmapFileOpenTest, RemovesWhatARepairLeftThatWasKilledAtItsWork) {
-  Leave({"a"});
-  ASSERT_TRUE(WriteWholeFile(path_ + ".recovered", "half of a file"));
-
-  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
-
-  EXPECT_FALSE(Exists(path_ + ".recovered"));
-}
-
-TEST_F(MmapFileOpenTest, EndsARepairThatWasKilledBetweenItsTwoRenames) {
-  Leave({"a"});
-  ASSERT_EQ(0, rename(path_.c_str(), (path_ + ".recovered").c_str()));
-
-  EXPECT_EQ(Packets{"a"}, LoadMapped(path_));
-
-  EXPECT_FALSE(Exists(path_ + ".recovered"));
 }
 
 // A kill while it was written to would leave it damaged, for nothing.

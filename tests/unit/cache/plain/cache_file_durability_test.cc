@@ -1,8 +1,9 @@
 // When the disk is asked to take what was saved.
-#include <gtest/gtest.h>
+#include <sys/stat.h>
 
-#include "quenor_base/platform/reliable_report_cache_file.h"
-#include "tests/unit/cache/plain/cache_file_test_support.h"
+#include <cerrno>
+
+#include "tests/unit/cache/plain/plain_file_fixture.h"
 
 namespace quenor::test {
 namespace {
@@ -10,85 +11,85 @@ namespace {
 class CacheFileDurabilityTest : public CacheFileTest {};
 
 TEST_F(CacheFileDurabilityTest, NothingIsAskedOfTheDiskByDefault) {
-  Write({"a", "b"});
+  Leave({"a", "b"});
 
-  EXPECT_EQ(DiskCalls::CountOf("fsync"), 0u);
-  EXPECT_EQ(DiskCalls::CountOf("sync_file_range"), 0u);
+  EXPECT_EQ(FileCalls::Count(Call::kFsync), 0u);
+  EXPECT_EQ(FileCalls::Count(Call::kSyncFileRange), 0u);
 }
 
 TEST_F(CacheFileDurabilityTest, OneStartsTheWritingOfEachNewPacket) {
-  SetDurability(1);
+  const DurabilityScope durability(1);
   ReliableReportCacheFile file;
-  ASSERT_TRUE(file.Open(file_path()));
-  ASSERT_TRUE(Save(&file, {"a", "b"}));
-  EXPECT_EQ(DiskCalls::CountOf("sync_file_range"), 2u);
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_TRUE(SaveUnasked(file, {"a", "b"}));
+  EXPECT_EQ(FileCalls::Count(Call::kSyncFileRange), 2u);
 
-  ASSERT_TRUE(Save(&file, {"a", "b", "c"}));
+  ASSERT_TRUE(SaveUnasked(file, {"a", "b", "c"}));
 
-  EXPECT_EQ(DiskCalls::CountOf("sync_file_range"), 3u);
-  EXPECT_EQ(DiskCalls::CountOf("fsync"), 0u);
+  EXPECT_EQ(FileCalls::Count(Call::kSyncFileRange), 3u);
+  EXPECT_EQ(FileCalls::Count(Call::kFsync), 0u);
 }
 
 TEST_F(CacheFileDurabilityTest, TwoWaitsOncePerNewPacketAndNotForKnownOnes) {
-  SetDurability(2);
+  const DurabilityScope durability(2);
   ReliableReportCacheFile file;
-  ASSERT_TRUE(file.Open(file_path()));
-  const size_t opened = DiskCalls::CountOf("fsync");
+  ASSERT_TRUE(OpenFile(file, path_));
+  const size_t opened = FileCalls::Count(Call::kFsync);
   EXPECT_EQ(opened, 2u);  // The file and the folder that names it.
-  ASSERT_TRUE(Save(&file, {"a", "b"}));
-  EXPECT_EQ(DiskCalls::CountOf("fsync"), opened + 2);
+  ASSERT_TRUE(SaveUnasked(file, {"a", "b"}));
+  EXPECT_EQ(FileCalls::Count(Call::kFsync), opened + 2);
 
-  ASSERT_TRUE(Save(&file, {"a", "b", "c"}));
-  EXPECT_EQ(DiskCalls::CountOf("fsync"), opened + 3);
-  ASSERT_TRUE(Save(&file, {"a", "b"}));
+  ASSERT_TRUE(SaveUnasked(file, {"a", "b", "c"}));
+  EXPECT_EQ(FileCalls::Count(Call::kFsync), opened + 3);
+  ASSERT_TRUE(SaveUnasked(file, {"a", "b"}));
   ASSERT_TRUE(file.IsSaveComplete());
-  EXPECT_EQ(DiskCalls::CountOf("fsync"), opened + 3);
+  EXPECT_EQ(FileCalls::Count(Call::kFsync), opened + 3);
   file.Close();
 
-  EXPECT_EQ(DiskCalls::CountOf("fsync"), opened + 4);
+  EXPECT_EQ(FileCalls::Count(Call::kFsync), opened + 4);
 }
 
 TEST_F(CacheFileDurabilityTest, TwoWaitsAtOpenForWhatAFormerOwnerWrote) {
-  Write({"a"});
-  SetDurability(2);
+  Leave({"a"});
+  const DurabilityScope durability(2);
   ReliableReportCacheFile file;
 
-  ASSERT_TRUE(file.Open(file_path()));
+  ASSERT_TRUE(OpenFile(file, path_));
 
-  EXPECT_EQ(DiskCalls::CountOf("fsync"), 2u);
+  EXPECT_EQ(FileCalls::Count(Call::kFsync), 2u);
 }
 
 TEST_F(CacheFileDurabilityTest, TwoHasANewFileAndItsNameOnTheDisk) {
-  SetDurability(2);
+  const DurabilityScope durability(2);
   ReliableReportCacheFile file;
-  ASSERT_TRUE(file.Open(file_path()));
-  ASSERT_TRUE(Save(&file, {std::string(500000, 'x')}));
-  ASSERT_TRUE(Save(&file, {"a"}));
-  const size_t before = DiskCalls::CountOf("fsync");
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_TRUE(SaveUnasked(file, {std::string(500000, 'x')}));
+  ASSERT_TRUE(SaveUnasked(file, {"a"}));
+  const size_t before = FileCalls::Count(Call::kFsync);
 
   ASSERT_TRUE(file.Clear());
 
-  EXPECT_EQ(DiskCalls::CountOf("fsync"), before + 2);
+  EXPECT_EQ(FileCalls::Count(Call::kFsync), before + 2);
 }
 
 TEST_F(CacheFileDurabilityTest, AFailedSyncRefusesThePacketAndWritesTheFileAnew) {
-  SetDurability(2);
+  const DurabilityScope durability(2);
   ReliableReportCacheFile file;
-  ASSERT_TRUE(file.Open(file_path()));
-  ASSERT_TRUE(Save(&file, {"a"}));
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_TRUE(SaveUnasked(file, {"a"}));
   ASSERT_TRUE(file.Clear());
-  DiskCalls::FailAll("fsync", EIO);
-  EXPECT_FALSE(Append(&file, "b"));
+  FileCalls::FailEach(Call::kFsync, EIO);
+  EXPECT_FALSE(Append(file, "b"));
   EXPECT_FALSE(file.IsSaveComplete());
   EXPECT_FALSE(file.Clear());
   struct stat before;
-  ASSERT_EQ(lstat(path().c_str(), &before), 0);
-  DiskCalls::Reset();
+  ASSERT_EQ(lstat(path_.c_str(), &before), 0);
+  FileCalls::Reset();
 
-  EXPECT_TRUE(Save(&file, {"a", "b"}));
+  EXPECT_TRUE(SaveUnasked(file, {"a", "b"}));
 
   struct stat after;
-  ASSERT_EQ(lstat(path().c_str(), &after), 0);
+  ASSERT_EQ(lstat(path_.c_str(), &after), 0);
   EXPECT_NE(before.st_ino, after.st_ino);
   file.Close();
   EXPECT_EQ(Reopened(), (Packets{"a", "b"}));

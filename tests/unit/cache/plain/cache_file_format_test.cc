@@ -1,15 +1,14 @@
 // The bytes on the disk are the documented ones, and the reader tells what it saw in them.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <cstdlib>
 #include <sstream>
 
-#include "quenor_base/platform/reliable_report_cache_file.h"
 #include "services/cache_file_posix/format.h"
 #include "services/cache_file_posix/reader.h"
-#include "tests/unit/cache/plain/cache_file_test_support.h"
+#include "tests/unit/cache/plain/plain_file_fixture.h"
 
 namespace quenor::test {
 namespace {
@@ -34,7 +33,7 @@ class CacheFileFormatTest : public CacheFileTest {
     return bytes;
   }
   void ReadInto(Content* content) {
-    const int fd = open(path().c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
     ASSERT_GE(fd, 0);
     EXPECT_EQ(cache_file::ReadContent(fd, 1, content), cache_file::ReadResult::kOk);
     close(fd);
@@ -43,9 +42,9 @@ class CacheFileFormatTest : public CacheFileTest {
 
 TEST_F(CacheFileFormatTest, TheDocumentedExampleIsWhatIsWritten) {
   ReliableReportCacheFile file;
-  ASSERT_TRUE(file.Open(file_path()));
-  ASSERT_TRUE(Save(&file, {"hi"}));
-  ASSERT_TRUE(Save(&file, {"hi", "you!"}));
+  ASSERT_TRUE(OpenFile(file, path_));
+  ASSERT_TRUE(SaveUnasked(file, {"hi"}));
+  ASSERT_TRUE(SaveUnasked(file, {"hi", "you!"}));
   file.Close();
 
   EXPECT_FALSE(DocumentedExample().empty());
@@ -53,7 +52,7 @@ TEST_F(CacheFileFormatTest, TheDocumentedExampleIsWhatIsWritten) {
 }
 
 TEST_F(CacheFileFormatTest, AFileOfVersionOneIsRead) {
-  ASSERT_TRUE(WriteWholeFile(path(), DocumentedExample()));
+  ASSERT_TRUE(WriteWholeFile(path_, DocumentedExample()));
 
   EXPECT_EQ(Reopened(), (Packets{"hi", "you!"}));
 }
@@ -61,12 +60,12 @@ TEST_F(CacheFileFormatTest, AFileOfVersionOneIsRead) {
 TEST_F(CacheFileFormatTest, TheReaderTellsTheCompletedSaveFromWhatCameAfter) {
   {
     ReliableReportCacheFile file;
-    ASSERT_TRUE(file.Open(file_path()));
-    ASSERT_TRUE(Save(&file, {"a", "b"}));
-    ASSERT_TRUE(Save(&file, {"b", "c"}));
+    ASSERT_TRUE(OpenFile(file, path_));
+    ASSERT_TRUE(SaveUnasked(file, {"a", "b"}));
+    ASSERT_TRUE(SaveUnasked(file, {"b", "c"}));
     const std::string bytes = Bytes();  // As a kill leaves it.
     file.Close();
-    ASSERT_TRUE(WriteWholeFile(path(), bytes));
+    ASSERT_TRUE(WriteWholeFile(path_, bytes));
   }
   Content content;
   ASSERT_NO_FATAL_FAILURE(ReadInto(&content));
@@ -77,7 +76,7 @@ TEST_F(CacheFileFormatTest, TheReaderTellsTheCompletedSaveFromWhatCameAfter) {
   EXPECT_TRUE(content.has_tail);
   EXPECT_EQ(content.save_number, 1u);
   EXPECT_EQ(content.last_number, 3u);
-  EXPECT_EQ(content.end, FileBytes(path()));
+  EXPECT_EQ(content.end, SizeOf(path_));
   ASSERT_EQ(content.packets.size(), 3u);
   const std::vector<std::pair<uint64_t, bool>> expected = {{2, true}, {3, false}, {1, true}};
   for (size_t i = 0; i < expected.size(); ++i) {
@@ -88,11 +87,11 @@ TEST_F(CacheFileFormatTest, TheReaderTellsTheCompletedSaveFromWhatCameAfter) {
 }
 
 TEST_F(CacheFileFormatTest, TheReaderCountsWhatIsMissing) {
-  Write({"aaa", "bbb", "ccc"});
+  Leave({"aaa", "bbb", "ccc"});
   std::string bytes = Bytes();
   bytes[bytes.find("aaa")] ^= 1;                                  // The body of one
   bytes[bytes.find("bbb") - cache_file::kRecordHeaderSize] ^= 1;  // and the header of another.
-  ASSERT_TRUE(WriteWholeFile(path(), bytes));
+  ASSERT_TRUE(WriteWholeFile(path_, bytes));
   Content content;
   ASSERT_NO_FATAL_FAILURE(ReadInto(&content));
 
@@ -113,7 +112,7 @@ TEST_F(CacheFileFormatTest, TheReaderNamesTheKindOfFile) {
       {std::string(1000, 'x'), Content::Kind::kForeign},
   };
   for (const auto& [bytes, kind] : cases) {
-    ASSERT_TRUE(WriteWholeFile(path(), bytes));
+    ASSERT_TRUE(WriteWholeFile(path_, bytes));
     Content content;
     ASSERT_NO_FATAL_FAILURE(ReadInto(&content));
 
