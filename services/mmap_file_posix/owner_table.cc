@@ -178,7 +178,8 @@ bool TableLock::Take(const cache_io::Descriptor& file, int wait_ms) {
     uint64_t place = kWaitersBegin + static_cast<uint64_t>(base::MonotonicNs());
     // Others may have the next few; a system that refuses every lock says the same for ever.
     for (int tries = 1; !cache_io::TryLock(fd, place, 1); ++tries, ++place) {
-      if (errno != EAGAIN || tries == kMostPlacesTried) return false;
+      if (tries == kMostPlacesTried) errno = ENOLCK;
+      if (errno != EAGAIN) return false;
     }
     taken = cache_io::KeepTrying([&] { return IsMyTurn(fd, place) && cache_io::TryLock(fd, 0, 1); },
                                  last_wait_ms_);

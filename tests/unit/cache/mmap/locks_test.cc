@@ -330,6 +330,24 @@ TEST_F(MmapFileLocksTest, TwoWhoCameTogetherWaitOneBehindTheOther) {
   EXPECT_EQ(places[0] + 1, places[1]);
 }
 
+// As a security policy may. Refused so is also what another has, whom one would wait for.
+TEST_F(MmapFileLocksTest, ASystemThatRefusesEveryLockIsNotAskedForEver) {
+  MultiProcessSafetyMmapFile file;
+  FileCalls::FailEach(Call::kFcntl, EACCES);
+  EXPECT_FALSE(OpenFile(file, path_));
+  EXPECT_EQ(1, LinesWith(2, std::strerror(ENOLCK)));
+
+  FileCalls::Reset();
+  ASSERT_TRUE(OpenFile(file, path_) && Save(file, {"a"}));
+  FileCalls::FailEach(Call::kFcntl, EACCES);
+  EXPECT_FALSE(Save(file, NamedPackets("p", 100, 1000)));
+  EXPECT_EQ(2, LinesWith(2, std::strerror(ENOLCK)));
+  EXPECT_EQ(0, LinesWith(2, "holds its lock")) << "nobody does";
+  FileCalls::Reset();
+
+  EXPECT_TRUE(Save(file, {"b"}));
+}
+
 // The child has other things by now where its parent has the file mapped, a save under way too.
 TEST_F(MmapFileLocksTest, AForkedChildUnmapsNothingOfItsOwn) {
   std::vector<CallInfo> mapped;
