@@ -179,6 +179,7 @@ TEST_F(HttpClientWireTest, PlaceOfARequestThatTimedOutGoesToTheNextThatWaits) {
   });
   HttpDefaults defaults;
   defaults.max_connections_per_host = 1;
+  defaults.total_timeout_ms = 600000;  // Not theirs, which have one of their own.
   const auto client = MakeClient(defaults);
   Exchanges exchanges;
   HttpClient::Request hanging = MakeRequest(server.Origin() + "/", "hang");

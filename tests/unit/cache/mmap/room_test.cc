@@ -145,6 +145,21 @@ TEST_P(RoomTest, HasTheseRangesInUse) {
   EXPECT_EQ(GetParam().used, Used() + (done ? "" : " refused"));
 }
 
+TEST(UsedRangesTest, WhatTouchesOrOverlapsBecomesOneInWhateverOrder) {
+  UsedRanges used;
+  used.Begin(100);
+  for (const Range range : {Range{40, 50}, Range{10, 30}, Range{15, 20}, Range{30, 32}}) {
+    ASSERT_TRUE(used.Add(range.begin, range.end));
+  }
+
+  used.Join();
+
+  EXPECT_EQ(used.GapEnd(20), 20u);  // One of them ended there, inside another.
+  EXPECT_EQ(used.GapEnd(32), 40u);
+  EXPECT_EQ(used.End(), 50u);
+  EXPECT_EQ(used.gaps(), 2u);
+}
+
 INSTANTIATE_TEST_SUITE_P(, RoomTest, ::testing::ValuesIn(kCases));
 
 }  // namespace
