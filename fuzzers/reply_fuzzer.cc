@@ -189,8 +189,8 @@ void Apply(const std::string& body, Fields* f) {
   if (!ReadPlainJson(body, kMaxDepth, &reply) || reply.value.type != Type::kDictionary) return;
   const PlainValue& verdict = reply.members[kVerdict];
   if (verdict.type != Type::kString || verdict.string != "success") {
-    f->lines.push_back(std::string("response_errinfo is not success, response_msg:") +
-                       body.c_str());
+    f->lines.push_back("response_errinfo is not success, response_msg:" +
+                       test::RecordingLog::Escaped(body.c_str()));
     return;
   }
   const uint32_t interval_ms = Control(reply, kSendInterval);

@@ -36,7 +36,13 @@ std::string Formatted(const char* format, va_list arguments) {
   return size < 0 ? "cannot format " + std::string(format) : text;
 }
 
-std::string Escaped(const std::string& text) {
+}  // namespace
+
+std::ostream& operator<<(std::ostream& out, const LogLine& line) {
+  return out << "[" << line.level << "] " << line.file << ":" << line.line << " " << line.text;
+}
+
+std::string RecordingLog::Escaped(const std::string& text) {
   std::string escaped;
   for (const char c : text) {
     char code[5] = {c, 0};
@@ -44,12 +50,6 @@ std::string Escaped(const std::string& text) {
     escaped += c == '\n' ? "\\n" : c == '\r' ? "\\r" : c == '\t' ? "\\t" : code;
   }
   return escaped;
-}
-
-}  // namespace
-
-std::ostream& operator<<(std::ostream& out, const LogLine& line) {
-  return out << "[" << line.level << "] " << line.file << ":" << line.line << " " << line.text;
 }
 
 std::vector<LogLine> RecordingLog::Lines() {
@@ -84,7 +84,7 @@ void LocalLog(int level, const char* file, int line, const char* format, ...) {
   const int callers_errno = errno;
   va_list arguments;
   va_start(arguments, format);
-  const std::string text = test::Escaped(test::Formatted(format, arguments));
+  const std::string text = test::RecordingLog::Escaped(test::Formatted(format, arguments));
   va_end(arguments);
 
   test::State& state = test::TheState();

@@ -26,6 +26,8 @@ class RecordingLog {
   static std::vector<std::string> Texts();
   static std::vector<std::string> Texts(int level);
   static void Clear();
+  // What a line of the log has in place of `text`.
+  static std::string Escaped(const std::string& text);
 };
 
 }  // namespace quenor::test
