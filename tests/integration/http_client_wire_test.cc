@@ -179,7 +179,9 @@ TEST_F(HttpClientWireTest, PlaceOfARequestThatTimedOutGoesToTheNextThatWaits) {
   });
   HttpDefaults defaults;
   defaults.max_connections_per_host = 1;
-  defaults.total_timeout_ms = 600000;  // Not theirs, which have one of their own.
+  // Not theirs, which have one of their own.
+  defaults.total_timeout_ms = 600000;
+  defaults.low_speed_seconds = 600;
   const auto client = MakeClient(defaults);
   Exchanges exchanges;
   HttpClient::Request hanging = MakeRequest(server.Origin() + "/", "hang");
