@@ -1,5 +1,6 @@
-// Runs a fuzzer's inputs without libFuzzer: REPLAY FOLDER [MUTATIONS]. Each file of the folder as
-// it is, then so many inputs that the fuzzer's own mutator makes of it, the same ones at each run.
+// Runs a fuzzer's inputs without libFuzzer: REPLAY COUNT FOLDER... Each file of the folders as it
+// is, then inputs that the fuzzer's own mutator makes of it, of each file as many and the same ones
+// at each run, as long as they are no more than COUNT in all.
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -23,16 +24,19 @@ extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t max_size) 
 }
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    std::fprintf(stderr, "usage: %s FOLDER [MUTATIONS]\n", argv[0]);
+  if (argc < 3) {
+    std::fprintf(stderr, "usage: %s COUNT FOLDER...\n", argv[0]);
     return 2;
   }
-  const int count = argc > 2 ? std::atoi(argv[2]) : 0;
   std::vector<std::filesystem::path> paths;
-  for (const auto& entry : std::filesystem::directory_iterator(argv[1])) {
-    paths.push_back(entry.path());
+  for (int i = 2; i < argc; ++i) {
+    for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
+      paths.push_back(entry.path());
+    }
   }
+  if (paths.empty()) return 1;
   std::sort(paths.begin(), paths.end());
+  const int count = std::atoi(argv[1]) / static_cast<int>(paths.size()) - 1;
   size_t inputs = 0;
   for (const std::filesystem::path& path : paths) {
     std::ifstream stream(path, std::ios::binary);
@@ -50,5 +54,5 @@ int main(int argc, char** argv) {
     }
   }
   std::printf("%zu inputs of %zu files\n", inputs, paths.size());
-  return paths.empty() ? 1 : 0;
+  return 0;
 }
