@@ -360,10 +360,23 @@ bool Reader::SkipKnown(uint64_t offset, uint64_t end, uint64_t* skip) {
   ExtentHeader header;
   bool whole;
   if (!Read(&header, sizeof header, offset, &whole)) return false;
-  if (whole && IsSound(header, offset) &&
-      (IsLeftOver(header, Owner(header.owner)) || IsSuperseded(header))) {
+  if (!whole || !IsSound(header, offset)) return true;
+  bool is_own;
+  if (!HasOwnSeal(header.owner, &is_own)) return false;
+  if ((is_own && IsLeftOver(header, Owner(header.owner))) || IsSuperseded(header)) {
     *skip = std::min(SizeOf(header), end - offset);
   }
+  return true;
+}
+
+bool Reader::HasOwnSeal(uint32_t owner, bool* is_own) {
+  *is_own = true;
+  const OwnerView view = Owner(owner);
+  if (view.in_force < 0 || view.seal().extent_offset == 0) return true;
+  ExtentHeader header;
+  bool whole;
+  if (!Read(&header, sizeof header, view.seal().extent_offset, &whole)) return false;
+  *is_own = !whole || !IsSound(header, view.seal().extent_offset) || header.owner == owner;
   return true;
 }
 

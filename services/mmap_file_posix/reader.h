@@ -107,6 +107,8 @@ class Reader {
   [[gnu::cold]] bool ExamineGap(uint64_t begin, uint64_t end, Survey* survey);
   // A gap block that is known not to hold anything of value; 0 when that is not known.
   [[gnu::cold]] bool SkipKnown(uint64_t offset, uint64_t end, uint64_t* skip);
+  // Not another owner's, which a misdirected write has put into its record.
+  [[gnu::cold]] bool HasOwnSeal(uint32_t owner, bool* is_own);
   // Adds every intact packet in the range that was not retired.
   [[gnu::cold]] bool Search(uint64_t begin, uint64_t end, PacketPlaces* packets);
 

@@ -228,6 +228,21 @@ TEST(MmapFileDamageTest, RandomCorruptionCostsOnlyWhatItHits) {
   Report("corruption, three owners", crowded, seed);
 }
 
+// As after a write to the wrong place: whose seal it is, only the extent that it names tells.
+TEST(MmapFileDamageTest, SealsInAnotherOwnersRecordCostNothingThatIsIntact) {
+  using mmap_format::kRecordSize;
+  using mmap_format::RecordOffset;
+  DamageBench bench = CrowdedMapped();
+  for (uint32_t from = 1; from <= 3; ++from) {
+    for (uint32_t to = 1; to <= 3; ++to) {
+      std::string bytes = bench.image();
+      bytes.replace(RecordOffset(to), kRecordSize, bench.image(), RecordOffset(from), kRecordSize);
+      bench.Try(bytes, "record " + std::to_string(from) + " at " + std::to_string(to));
+    }
+  }
+  Report("records that moved", bench);
+}
+
 TEST(PlainFileDamageTest, AnyDamageCostsOnlyThePacketsItHits) {
   const uint64_t seed = TestSeed();
   Random random(seed);
