@@ -12,9 +12,10 @@ namespace {
 
 struct Folder {
   Folder() {
-    char name[] = "/dev/shm/quenor-fuzz-XXXXXX";
-    FUZZ_CHECK(mkdtemp(name) != nullptr);
-    path = name;
+    // In memory, where that may be had.
+    const bool has_memory = access("/dev/shm", W_OK | X_OK) == 0;
+    path = std::string(has_memory ? "/dev/shm" : "/tmp") + "/quenor-fuzz-XXXXXX";
+    FUZZ_CHECK(mkdtemp(path.data()) != nullptr);
     file = path + "/fuzzed" + kFuzzedEnd;
   }
   ~Folder() {

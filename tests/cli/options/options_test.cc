@@ -73,7 +73,7 @@ TEST(OptionsTest, TakesEveryOption) {
       Parse({"--channel",    "usage",        "--send-now",  "--compress", "--cacert",
              "ca.pem",       "--http1",      "--socks5",    "u:p@h:1",    "--interval",
              "250",          "--max-resend", "4294967295",  "--wait",     "0.5",
-             "--cache",      "file",         "--cache-dir", "/",          "--no-persist",
+             "--cache",      "file",         "--cache-dir", "/tmp",       "--no-persist",
              "--saved-list", "saved",        "a",           "-",          "/b"});
 
   EXPECT_EQ("usage", options.channel);
@@ -87,7 +87,7 @@ TEST(OptionsTest, TakesEveryOption) {
   EXPECT_EQ(4294967295u, options.max_resend);
   EXPECT_EQ(0.5, options.wait_s);
   EXPECT_EQ(CacheKind::kFile, options.cache);
-  EXPECT_EQ("/", options.cache_dir);
+  EXPECT_EQ("/tmp", options.cache_dir);
   EXPECT_FALSE(options.persist);
   EXPECT_EQ("saved", options.saved_list);
   EXPECT_EQ((std::vector<std::string>{"a", "-", "/b"}), options.files);
