@@ -397,6 +397,17 @@ TEST_P(CacheNamesTest, APurgeThatIsKilledBringsNothingBack) {
   for (const char* end : {"", ".recovered", ".set-aside.7"}) EXPECT_FALSE(Exists(path_ + end));
 }
 
+// As an Open() may that runs at the same time.
+TEST_P(CacheNamesTest, ARepairWhoseLastStepSomebodyElseMakesIsDone) {
+  ASSERT_NO_FATAL_FAILURE(LeaveDamaged(path_, "kept"));
+  bool made = false;
+  const AtEach make(Call::kRename,
+                    [&] { made = made || rename(recovered().c_str(), path_.c_str()) == 0; });
+
+  EXPECT_EQ(Packets{"kept"}, Load(path_));
+  EXPECT_TRUE(made);
+}
+
 // The owner writes it anew and goes on there, between the purge's opening and its lock.
 TEST_P(CacheNamesTest, APurgeLooksAgainAtAFileThatWasReplacedBeforeItsLock) {
   ASSERT_TRUE(SaveAt(path_, {"old"}));

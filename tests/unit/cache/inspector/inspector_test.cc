@@ -95,6 +95,15 @@ class InspectorTest : public ::testing::Test {
     }
     return newest;
   }
+  // What is in force of that heir says so.
+  void LetStandFor(uint32_t heir, uint32_t owner) {
+    ChangeRecord(heir, [owner](OwnerRecord* record) {
+      Seal* const seal = InForce(record);
+      ASSERT_NE(nullptr, seal);
+      seal->superseded = uint64_t{1} << owner;
+      seal->check = mmap_format::CheckOf(*seal);
+    });
+  }
 
   TempFolder folder_;
   const std::string mapped_ = folder_.File("channel.mmap");
@@ -306,12 +315,7 @@ TEST_F(InspectorTest, DamagedRecordThatAnotherStandsForIsEmptiedAtTheNextOpen) {
     ASSERT_TRUE(OpenFile(first, mapped_) && OpenFile(second, mapped_));
     ASSERT_TRUE(Save(second, {"left"}) && Save(first, {"mine"}));
   }
-  ChangeRecord(1, [](OwnerRecord* record) {
-    Seal* const seal = InForce(record);
-    ASSERT_NE(nullptr, seal);
-    seal->superseded = uint64_t{1} << 2;
-    seal->check = mmap_format::CheckOf(*seal);
-  });
+  LetStandFor(1, 2);
   ChangeRecord(2, [](OwnerRecord* record) {
     for (Seal& seal : record->seals) seal.check ^= 1;
   });
@@ -320,6 +324,21 @@ TEST_F(InspectorTest, DamagedRecordThatAnotherStandsForIsEmptiedAtTheNextOpen) {
   EXPECT_EQ((Packets{"mine"}), LoadMapped(mapped_));
   EXPECT_FALSE(Shown(mapped_).summary.damaged);
   EXPECT_FALSE(Exists(SetAside(mapped_)));
+}
+
+// No writer wrote that; either of the two seals may be the one in force.
+TEST_F(InspectorTest, NoSealStandsForItsOwnContent) {
+  for (const Packets& saved : {Packets{"a"}, Packets{"a", "b"}}) {
+    unlink(mapped_.c_str());
+    {
+      MultiProcessSafetyMmapFile file;
+      ASSERT_TRUE(OpenFile(file, mapped_));
+      for (const std::string& packet : saved) ASSERT_TRUE(Save(file, {packet}));
+    }
+    LetStandFor(1, 1);
+
+    EXPECT_EQ(Packets{saved.back()}, Shown(mapped_).All());
+  }
 }
 
 // Killed while it is written, the next seal must have the other one to fall back on.
@@ -345,12 +364,7 @@ TEST_F(InspectorTest, WhatTheLastRecordStandsForIsShownOnce) {
     ASSERT_TRUE(Save(owners[0], {"left"}));
     ASSERT_TRUE(Save(owners[mmap_format::kOwners - 1], {"left", "new"}));
   }
-  ChangeRecord(mmap_format::kOwners, [](OwnerRecord* record) {
-    Seal* const seal = InForce(record);
-    ASSERT_NE(nullptr, seal);
-    seal->superseded = uint64_t{1} << 1;
-    seal->check = mmap_format::CheckOf(*seal);
-  });
+  LetStandFor(mmap_format::kOwners, 1);
 
   EXPECT_EQ((Packets{"left", "new"}), Shown(mapped_).All());
   EXPECT_EQ((Packets{"left", "new"}), LoadMapped(mapped_));

@@ -176,6 +176,7 @@ const Case kCases[] = {
     {"Emptied", {Row(1, 3, 100), {}}, "take 1 ", 3},
     {"KeptPrefix", {Row(1, 3, 100), Row(1, 2, 100)}, "take 1 ", 3},
     {"KeptEndAndOneMore", {Row(1, 3, 100), Row(2, 3, 100)}, "take 1 ", 4},
+    {"BehindWhatWasKept", {Row(1, 3, 100), Row(2, 2, 100), Row(2, 3, 100)}, "take 1 ", 4},
     {"Disordered", {Row(1, 9, 100), Reversed(Row(1, 9, 100))}, "take 1 ", 9},
     {"NewInFront", {Row(2, 3, 100), Row(1, 4, 100)}, "take 1 ", 4},
     {"TwiceThenOnce", {{"a", "b"}, {"a", "a"}, {"a"}}, "take 1 ", 2},

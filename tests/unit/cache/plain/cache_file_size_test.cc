@@ -87,6 +87,16 @@ TEST_F(CacheFileSizeTest, ARewriteThatFailedIsTriedAgainWhenTheFileHasGrown) {
   EXPECT_LT(SizeOf(path_), 1000u);
 }
 
+TEST_F(CacheFileSizeTest, WhatAVoidSaveHasWrittenCountsAsContent) {
+  ReliableReportCacheFile file;
+  ASSERT_TRUE(OpenFile(file, path_) && SaveUnasked(file, {std::string(100000, 'x')}));
+  ASSERT_FALSE(file.AppendDataPacket({nullptr, 1}));
+
+  ASSERT_TRUE(file.Clear());
+
+  EXPECT_EQ(FileCalls::Count(Call::kRename), 0u) << "it is not too long for that";
+}
+
 TEST_F(CacheFileSizeTest, LargePacketsAreCarriedOverWhole) {
   ReliableReportCacheFile file;
   ASSERT_TRUE(OpenFile(file, path_));
