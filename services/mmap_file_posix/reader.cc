@@ -19,7 +19,7 @@ bool IsZero(const void* bytes, size_t size) {
 // An extent that a check vouches for may still be cut off by the end of the file: that is for
 // whoever reads it.
 bool IsSaneExtent(uint64_t offset, uint64_t size) {
-  return offset >= kTableSize && offset % kUnit == 0 && size > 0 && size % kUnit == 0 &&
+  return offset >= kTableSize && offset % kUnit == 0 && size % kUnit == 0 &&
          offset + size > offset && offset + size < uint64_t{1} << 62;
 }
 
