@@ -182,6 +182,12 @@ TEST_F(HttpClientProcessTest, ExitDoesNotWaitForAServerThatFloods) {
   EXPECT_EQ(Run("exit-while-flooded", server.Url(), {"QUENOR_TEST_HTTP2=1"}), 0) << Output();
 }
 
+TEST_F(HttpClientProcessTest, ExitWaitsNoLongerThanItsTimeForAStepThatNeverEnds) {
+  ScriptedServer server(Answering(), &certificate_);
+
+  EXPECT_EQ(Run("exit-while-stuck", server.Origin() + "/"), 0) << Output();
+}
+
 TEST_F(HttpClientProcessTest, CallbackThatThrowsEndsTheProcessWithALine) {
   ScriptedServer server(Answering(), &certificate_);
 

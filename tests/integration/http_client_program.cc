@@ -44,12 +44,22 @@ extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* at
   return __real_pthread_create(thread, attributes, start, argument);
 }
 
+// And those that wait for no longer than some time.
+static std::atomic<bool> g_time_is_up{false};
+extern "C" int __real_pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec*);
+extern "C" int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                             const timespec* until) {
+  return g_time_is_up ? ETIMEDOUT : __real_pthread_cond_timedwait(condition, mutex, until);
+}
+
 // libcurl reads files of authorities by it.
 static std::atomic<int> g_authority_files{0};
+static std::atomic<bool> g_authorities_are_stuck{false};
 extern "C" int X509_STORE_load_file(void* store, const char* file) {
   static const auto next =
       reinterpret_cast<int (*)(void*, const char*)>(dlsym(RTLD_NEXT, "X509_STORE_load_file"));
   ++g_authority_files;
+  while (g_authorities_are_stuck) pause();
   return next(store, file);
 }
 
@@ -215,6 +225,16 @@ int ExitWhileFlooded() {
   client->SendRequest(g_request, [](State, const HttpClient::Request&,
                                     std::unique_ptr<HttpClient::Response>) { ended = true; });
   while (!ended && std::clock() < CLOCKS_PER_SEC / 5) poll(nullptr, 0, 1);
+  return 0;
+}
+
+// main() returns while the I/O thread is in a step that never ends, and the time for it is up.
+int ExitWhileStuck() {
+  static HttpClient* const client = HttpClientFactory::Create(g_config).release();
+  g_authorities_are_stuck = true;
+  client->SendRequest(g_request, nullptr);
+  while (g_authority_files == 0) poll(nullptr, 0, 1);
+  g_time_is_up = true;
   return 0;
 }
 
@@ -439,6 +459,7 @@ int Main(int argc, char** argv) {
                                                   {"exit-in-flight", &ExitInFlight},
                                                   {"exit-while-busy", &ExitWhileBusy},
                                                   {"exit-while-flooded", &ExitWhileFlooded},
+                                                  {"exit-while-stuck", &ExitWhileStuck},
                                                   {"exit-inside-callback", &ExitInsideCallback},
                                                   {"throw-inside-callback", &ThrowInsideCallback},
                                                   {"fork", &Fork},
