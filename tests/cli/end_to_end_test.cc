@@ -361,8 +361,11 @@ TEST_F(ReportTest, ASecondSignalEndsItAtOnce) {
   while (::write(error.writer.get(), block.data(), block.size()) > 0) {
   }
   ::fcntl(error.writer.get(), F_SETFL, 0);
-  Process report(SendCommand(certificates_, collector.url(), {"--send-now"}),
-                 std::move(input.reader), std::move(error.writer));
+  // As shells start what they put into the background.
+  Arguments command = {"sh", "-c", "trap '' INT TERM; exec \"$@\"", "sh"};
+  const Arguments send = SendCommand(certificates_, collector.url(), {"--send-now"});
+  command.insert(command.end(), send.begin(), send.end());
+  Process report(command, std::move(input.reader), std::move(error.writer));
   ASSERT_EQ(2, ::write(input.writer.get(), "a\n", 2));
   collector.WaitForRequests(1);
 
