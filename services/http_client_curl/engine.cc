@@ -68,8 +68,8 @@ void Engine::Submit(Transfer* transfer) {
                                                           &client->lines, transfer);
     if (entered) io->submitted.push_back(transfer);
     // One that waits has nothing for the I/O thread to do before its time limit.
-    if (!io->sleeping || (!entered && transfer->deadline_ms >= io->sleep_until_ms)) return;
-    io->sleeping = false;
+    if (!entered && transfer->deadline_ms >= io->sleep_until_ms) return;
+    if (!std::exchange(io->sleeping, false)) return;
   }
   io->multi.WakeUp();
 }
