@@ -170,9 +170,9 @@ void RequestConnection(Wire& wire, const Place& target, Step* step) {
 
 Wire::End SocketWire::Write(const std::string& bytes) {
   for (size_t sent = 0; sent < bytes.size();) {
-    const ssize_t step = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-    if (step > 0) {
-      sent += static_cast<size_t>(step);
+    const ssize_t taken = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    if (taken > 0) {
+      sent += static_cast<size_t>(taken);
     } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
       if (!Await(fd_, POLLOUT, deadline_)) return End::kTimedOut;
     } else if (errno != EINTR) {
