@@ -32,7 +32,7 @@ PARTS = {  # Started in this order.
     "hosts": "hosts files of several machines",
     "checks": "format, layers, documentation, thread safety",
 }
-TOLD = ("skipped: ", "mutants: --seed ")  # Lines that the end repeats.
+TOLD = ("skipped: ", "mutants: --seed ", "generated: ", "survived: ")  # Lines that the end repeats.
 BESIDE = "waiting"  # It needs hardly any processor time, and counts for none of the two.
 AT_A_TIME = 2
 LAST_LINES = 40

@@ -1,5 +1,8 @@
 #!/usr/bin/env python3
 """What the rules of scripts/generated_mutants.py find, and how it stands behind its switch."""
+import collections
+import contextlib
+import io
 import pathlib
 import sys
 import unittest
@@ -68,6 +71,23 @@ class Rules(unittest.TestCase):
         self.assertLess(50, total)
         taken = [line for m in one for line in m.lines()]
         self.assertEqual(len(taken), len(set(taken)))
+
+    def test_three_in_four_of_what_is_not_explained_must_be_killed(self):
+        mutants = found("bound") + found("drop") + found("unreset") + found("return")
+        for number, mutant in enumerate(mutants):
+            mutant.number = number
+        last = {"room.cc": {("return", "return true;"): "Why."}}
+        for killed, explained, code, said in (
+                (5, {}, 0, "5 of 5 killed, 0 explained, 0 survived"),
+                (4, {}, 0, "4 of 5 killed, 0 explained, 1 survived"),
+                (3, {}, 1, "3 of 5 killed, 0 explained, 2 survived"),
+                (3, last, 0, "3 of 5 killed, 1 explained, 1 survived")):
+            results = {m.number: ("a test" if m.number < killed else None, 1, 1) for m in mutants}
+            with contextlib.redirect_stdout(io.StringIO()) as out:
+                got = generated.table(mutants, results, collections.defaultdict(dict, explained), 9, 0)
+
+            self.assertEqual((code, f"generated: {said}; at least three in four are asked for"),
+                             (got, out.getvalue().splitlines()[-1]))
 
 
 if __name__ == "__main__":

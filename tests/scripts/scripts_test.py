@@ -76,7 +76,8 @@ class FullCheckTest(ScriptTest):
                 echo 'skipped: t1: no wire'; echo 'tests: 2 passed, 1 failed, 1 skipped' ;;
               waiting) echo 'tests: 3 passed, 0 failed, 0 skipped' ;;
               mutants) echo 'mutants: 9 killed, 0 survived' ;;
-              generated) echo 'mutants: --seed 7 --count 60: 60 of 7000' ;;
+              generated) echo 'mutants: --seed 7 --count 60: 60 of 7000'
+                echo 'survived: a.cc:1: drop'; echo 'generated: 59 of 60 killed, 0 explained, 1 survived' ;;
               model) exit 3 ;;
             esac""")
 
@@ -85,7 +86,8 @@ class FullCheckTest(ScriptTest):
                              "mutants": "9 0 0", "model": "0 1 0", "tsan": "1 0 0"}.items():
             self.assertEqual(counts.split(), rows[part], part)
         self.assertIn("network: skipped: t1: no wire\n", said)
-        self.assertIn("generated: mutants: --seed 7 ", said)
+        for line in ("mutants: --seed 7 ", "survived: a.cc:1: drop\n", "generated: 59 of 60 killed, "):
+            self.assertIn("\ngenerated: " + line, said)
         # random, kills, cache, hosts, fuzzers, coverage, generated, asan and tsan count as one each.
         self.assertEqual("36 passed, 3 failed, 2 skipped", said.splitlines()[-1])
 
