@@ -1,4 +1,6 @@
 // Report events over std::shared_mutex: many tell at once, a change of listener waits for them.
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <mutex>
 #include <shared_mutex>
@@ -11,14 +13,20 @@
 QUENOR_NAMESPACE_BEGIN
 namespace {
 
-struct State {
-  explicit State(State* parents)
-      : listener(parents != nullptr ? parents->listener.load() : nullptr) {}
+using Slots = std::array<std::atomic<ReportEventListener*>, 1 + ReportEvents::kMostListeners>;
 
-  std::shared_mutex in_call;  // Shared while the listener is called, exclusive to replace it.
-  // Borrowed; may be null; guarded by `in_call`. Atomic for a child that is forked meanwhile.
-  std::atomic<ReportEventListener*> listener;
-  // A listener that is told of one event after another would keep a change waiting for ever,
+struct State {
+  explicit State(State* parents) {
+    for (size_t i = 0; parents != nullptr && i < slots.size(); ++i) {
+      slots[i] = parents->slots[i].load();
+    }
+  }
+
+  std::shared_mutex in_call;  // Shared while listeners are called, exclusive to change them.
+  // Borrowed; null where there is none; guarded by `in_call`. The first is SetListener()'s. Atomic
+  // for a child that is forked meanwhile.
+  Slots slots{};
+  // Listeners that are told of one event after another would keep a change waiting for ever,
   // because the shared mutex lets readers pass a waiting writer. So a change shuts this gate first;
   // only those already inside go on.
   std::mutex gate;
@@ -30,52 +38,92 @@ State& GetState() {
   return state.Get();
 }
 
-// Set while this thread is inside the listener and so holds `in_call`. A listener that calls the
+// Set while this thread is inside a listener and so holds `in_call`. A listener that calls the
 // channel is told of that on the same thread; taking `in_call` again there would deadlock with a
-// change of listener that waits in between.
+// change of listeners that waits in between.
 thread_local bool in_listener = false;
 
-void Call(ReportEventListener* listener, const ReportEvent& event) {
-  base::EndOnException("the host's report event listener", [&] { listener->OnReportEvent(event); });
+void TellAll(State& state, const ReportEvent& event) {
+  for (const std::atomic<ReportEventListener*>& slot : state.slots) {
+    ReportEventListener* const listener = slot.load();
+    if (listener == nullptr) continue;
+    base::EndOnException("the host's report event listener",
+                         [&] { listener->OnReportEvent(event); });
+  }
+}
+
+// Runs `change` while no listener is being called. False inside a listener, where nothing is done.
+template <typename Change>
+bool ChangeAlone(const char* operation, Change change) {
+  if (in_listener) {
+    LocalLog(2, "services/report_events_std", __LINE__,
+             "report_events: %s is ignored: it was called by the listener, which it would "
+             "have to wait for; call it from outside OnReportEvent",
+             operation);
+    return false;
+  }
+  State& state = GetState();
+  std::lock_guard<std::mutex> shut(state.gate);
+  // relaxed, both: only a hint to queue up at the gate; `in_call` orders the listeners themselves.
+  state.gate_shut.store(true, std::memory_order_relaxed);
+  {
+    std::unique_lock<std::shared_mutex> alone(state.in_call);
+    change(state.slots);
+  }
+  state.gate_shut.store(false, std::memory_order_relaxed);
+  return true;
+}
+
+// Puts `fresh` where `old` is, behind the first slot. False when it is nowhere.
+bool Replace(Slots& slots, ReportEventListener* old, ReportEventListener* fresh) {
+  const auto found = std::find(slots.begin() + 1, slots.end(), old);
+  if (found == slots.end()) return false;
+  *found = fresh;
+  return true;
+}
+
+bool AreAny(const Slots& slots) {
+  return std::any_of(slots.begin(), slots.end(),
+                     [](const auto& slot) { return slot.load() != nullptr; });
 }
 
 }  // namespace
 
 void ReportEvents::SetListener(ReportEventListener* listener) {
-  if (in_listener) {
-    LocalLog(2, "services/report_events_std", __LINE__,
-             "report_events: SetListener is ignored: it was called by the listener, which it would "
-             "have to wait for; call it from outside OnReportEvent");
-    return;
-  }
-  State& state = GetState();
-  std::lock_guard<std::mutex> shut(state.gate);
-  // relaxed, both: only a hint to queue up at the gate; `in_call` orders the listener itself.
-  state.gate_shut.store(true, std::memory_order_relaxed);
-  {
-    std::unique_lock<std::shared_mutex> alone(state.in_call);
-    state.listener = listener;
+  ChangeAlone("SetListener", [listener](Slots& slots) {
+    slots[0] = listener;
     // relaxed: pairs with the hint in HasListener().
-    has_listener_.store(listener != nullptr, std::memory_order_relaxed);
-  }
-  state.gate_shut.store(false, std::memory_order_relaxed);
+    has_listener_.store(AreAny(slots), std::memory_order_relaxed);
+  });
+}
+
+bool ReportEvents::AddListener(ReportEventListener* listener) {
+  bool is_there = false;
+  ChangeAlone("AddListener", [&](Slots& slots) {
+    is_there = listener != nullptr &&
+               (Replace(slots, listener, listener) || Replace(slots, nullptr, listener));
+    has_listener_.store(AreAny(slots), std::memory_order_relaxed);
+  });
+  return is_there;
+}
+
+void ReportEvents::RemoveListener(ReportEventListener* listener) {
+  ChangeAlone("RemoveListener", [listener](Slots& slots) {
+    if (listener != nullptr) Replace(slots, listener, nullptr);
+    has_listener_.store(AreAny(slots), std::memory_order_relaxed);
+  });
 }
 
 void ReportEvents::Tell(const ReportEvent& event) {
   State& state = GetState();
-  if (in_listener) {
-    Call(state.listener.load(), event);
-    return;
-  }
-  // relaxed: see SetListener.
+  if (in_listener) return TellAll(state, event);
+  // relaxed: see ChangeAlone().
   if (state.gate_shut.load(std::memory_order_relaxed)) {
     std::lock_guard<std::mutex> wait(state.gate);
   }
   std::shared_lock<std::shared_mutex> inside(state.in_call);
-  ReportEventListener* const listener = state.listener.load();
-  if (listener == nullptr) return;
   in_listener = true;
-  Call(listener, event);
+  TellAll(state, event);
   in_listener = false;
 }
 

@@ -47,6 +47,7 @@ bool CopyOnWriteBuffer::Replace(uint32_t capacity, uint32_t room) {
   }
   BufferStorage* fresh = AllocateStorage(size_, wanted);
   if (fresh == nullptr) return false;
+  if (buffer_ != nullptr) fresh->tag = buffer_->tag;
   if (size_ > 0) std::memcpy(fresh->data.get(), buffer_->data.get() + offset_, size_);
   ReleaseStorage(std::exchange(buffer_, fresh));
   offset_ = 0;

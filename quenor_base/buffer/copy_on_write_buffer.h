@@ -16,6 +16,14 @@
 
 QUENOR_NAMESPACE_BEGIN
 
+// What a body says of the message that it is the body of, to whoever is told what becomes of it.
+struct MessageTag {
+  uint64_t id = 0;             // Unique in the process and rising; 0: none.
+  int64_t handed_over_ns = 0;  // Monotonic time; of a message that was loaded: when that was.
+  bool is_delayed = false;     // It was handed over to be admitted later.
+  bool is_loaded = false;      // It came back from the cache.
+};
+
 // The shared bytes. They are released through whatever function they came with.
 struct BufferStorage : public base::subtle::RefCountedThreadSafeBase {
   BufferStorage(uint32_t length_in, uint32_t capacity_in,
@@ -25,6 +33,7 @@ struct BufferStorage : public base::subtle::RefCountedThreadSafeBase {
   uint32_t length;    // Bytes that the first view was made with.
   uint32_t capacity;  // Usable bytes.
   std::unique_ptr<uint8_t[], void (*)(void*)> data;
+  MessageTag tag;
 };
 
 class CopyOnWriteBuffer {
@@ -104,6 +113,14 @@ class CopyOnWriteBuffer {
   }
 
   uint32_t size() const { return size_; }
+
+  // Every copy of the buffer has it, whatever happens to the bytes; none without a storage, which
+  // has the only place for it.
+  MessageTag tag() const { return buffer_ != nullptr ? buffer_->tag : MessageTag(); }
+  // Before the buffer is shared.
+  void set_tag(const MessageTag& tag) {
+    if (buffer_ != nullptr) buffer_->tag = tag;
+  }
 
   // Makes the storage this buffer's own, with at least `capacity` bytes from the view's start on;
   // the view's bytes stay. A storage that has to grow grows by half at least. False, and nothing

@@ -1,4 +1,5 @@
 // What becomes of each message, told to whoever listens: metrics, command lines, tests.
+// A message is known by its id, from kHandedOver or kLoaded to its end.
 // Threads: an event is told on the thread where it happens: the caller's for kHandedOver and for
 // refusals before the queue, the channel's queue thread for all others. Events of one channel never
 // overlap on the queue thread; a listener sees them in the order in which they happened.
@@ -8,10 +9,13 @@
 #define QUENOR_BASE_PLATFORM_REPORT_EVENTS_H_
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
+#include "quenor_base/buffer/copy_on_write_buffer.h"
 #include "quenor_base/platform/base/abi.h"
+#include "quenor_base/platform/base/monotonic_time.h"
 
 QUENOR_NAMESPACE_BEGIN
 
@@ -28,6 +32,7 @@ enum class ReportEventKind : int32_t {
   kLoaded,        // One message came back from the cache.
   kRetuned,       // A server's reply brought control fields; the values now in force are given.
   kKept,          // Still in the cache when the channel terminated. The message's end, in this run.
+  kNotSaved,      // The cache could not be rewritten with `count` messages: the last save stays.
 };
 
 enum class ReportEventCause : int32_t {
@@ -55,9 +60,12 @@ struct ReportEvent {
   ReportEventKind kind;
   ReportEventCause cause = ReportEventCause::kNone;
   const std::string& channel_name;
+  // Whose event it is; id 0 for what is about no message, and for one that was handed over, or
+  // loaded, while nobody listened.
+  MessageTag message = MessageTag();
   // The bytes as they stand at this point: the caller's for kHandedOver, kRefused and a message
   // that never reached the store, the stored (perhaps compressed) ones afterwards. Null with size 0
-  // for an empty message, for kSaved and for kRetuned.
+  // for an empty message, for kSaved, kNotSaved and kRetuned.
   const uint8_t* data = nullptr;
   uint32_t size = 0;
   // kAdmitted only: the caller's bytes when the stored ones differ.
@@ -67,7 +75,7 @@ struct ReportEvent {
   uint32_t send_count = 0;          // How often the message has been sent.
   int32_t http_state = 0;           // kFailed: the HTTP client's state.
   int status_code = 0;              // kFailed: the HTTP status, or 0.
-  uint32_t count = 0;               // kSaved: messages written.
+  uint32_t count = 0;               // kSaved, kNotSaved: messages.
   uint32_t send_interval_ms = 0;    // kRetuned; 0 means none configured.
   uint32_t max_resend_count = 0;    // kRetuned.
   uint32_t report_interval_ms = 0;  // kRetuned.
@@ -91,13 +99,29 @@ class ReportEvents {
   // one.
   static void SetListener(ReportEventListener* listener);
 
+  // As SetListener(), for one listener more, which keeps none of the others from being told; one
+  // that is there already stays as it is. False for null, when kMostListeners are there, and inside
+  // a listener.
+  static constexpr size_t kMostListeners = 8;
+  static bool AddListener(ReportEventListener* listener);
+  // Takes away what AddListener() added. When it returns, the listener is not being called and
+  // never will be. Not from a listener.
+  static void RemoveListener(ReportEventListener* listener);
+
   // Any thread. One load and one predictable branch: ask before building an event.
   static bool HasListener() {
     // relaxed: only a hint; Tell() takes the listener under its own synchronisation.
     return has_listener_.load(std::memory_order_relaxed);
   }
 
-  // Any thread, also from a listener. Tells the listener, if there is one.
+  // Any thread. The tag of a message that comes now.
+  static MessageTag NewMessage(bool is_delayed, bool is_loaded) {
+    // relaxed: nothing but its uniqueness matters.
+    const uint64_t id = last_message_id_.fetch_add(1, std::memory_order_relaxed) + 1;
+    return {id, base::MonotonicNs(), is_delayed, is_loaded};
+  }
+
+  // Any thread, also from a listener. Tells every listener, if there is one.
   static void Tell(const ReportEvent& event);
 
   // Any thread. Names the implementation that is linked.
@@ -105,6 +129,7 @@ class ReportEvents {
 
  private:
   inline static std::atomic<bool> has_listener_{false};
+  inline static std::atomic<uint64_t> last_message_id_{0};
 };
 
 QUENOR_NAMESPACE_END

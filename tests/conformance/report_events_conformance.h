@@ -121,6 +121,50 @@ TYPED_TEST_P(ReportEventsConformance, KeepsTheOrderOfAThreadsEvents) {
   EXPECT_EQ(kinds, told);
 }
 
+TYPED_TEST_P(ReportEventsConformance, TellsEveryListenerUntilItIsTakenAway) {
+  std::vector<CountingListener> all(TypeParam::kMostListeners + 1);
+  CountingListener& host = all.back();
+  for (size_t i = 0; i + 1 < all.size(); ++i) EXPECT_TRUE(TypeParam::AddListener(&all[i])) << i;
+  EXPECT_TRUE(TypeParam::AddListener(&all[0])) << "it is there";
+  EXPECT_FALSE(TypeParam::AddListener(&host)) << "there are so many";
+  EXPECT_FALSE(TypeParam::AddListener(nullptr));
+  TypeParam::SetListener(&host);
+
+  this->Tell();
+  for (const CountingListener& each : all) EXPECT_EQ(1, each.count());
+  TypeParam::SetListener(nullptr);
+  TypeParam::RemoveListener(&all[0]);
+  TypeParam::RemoveListener(&all[0]);
+  TypeParam::RemoveListener(nullptr);
+  EXPECT_TRUE(TypeParam::HasListener());
+  this->Tell();
+  for (size_t i = 1; i + 1 < all.size(); ++i) TypeParam::RemoveListener(&all[i]);
+  EXPECT_FALSE(TypeParam::HasListener());
+  this->Tell();
+
+  EXPECT_EQ(1, all[0].count());
+  EXPECT_EQ(2, all[1].count());
+  EXPECT_EQ(1, host.count());
+}
+
+TYPED_TEST_P(ReportEventsConformance, DoesNotAddOrRemoveInsideAListener) {
+  CountingListener other;
+  FunctionListener listener([&](const ReportEvent&) {
+    EXPECT_FALSE(TypeParam::AddListener(&other));
+    TypeParam::RemoveListener(&listener);
+  });
+  ASSERT_TRUE(TypeParam::AddListener(&listener));
+  {
+    const CapturedLog log;
+    this->Tell();
+    EXPECT_EQ(2u, log.Lines().size());
+  }
+
+  EXPECT_TRUE(TypeParam::HasListener());
+  TypeParam::RemoveListener(&listener);
+  EXPECT_EQ(0, other.count());
+}
+
 TYPED_TEST_P(ReportEventsConformance, TellsAListenerInsideItsOwnCall) {
   int depth = 0;
   int deepest = 0;

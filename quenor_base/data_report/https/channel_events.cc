@@ -6,19 +6,24 @@ namespace {
 using Kind = ReportEventKind;
 using Cause = ReportEventCause;
 
-ReportEvent OfBytes(Kind kind, Cause cause, const std::string& channel_name, const uint8_t* data,
-                    uint32_t size, bool need_cache) {
-  ReportEvent event{kind, cause, channel_name};
+ReportEvent OfBytes(Kind kind, Cause cause, const std::string& channel_name, const MessageTag& tag,
+                    const uint8_t* data, uint32_t size, bool need_cache) {
+  ReportEvent event{kind, cause, channel_name, tag};
   event.data = size > 0 ? data : nullptr;
   event.size = size;
   event.need_cache = need_cache;
   return event;
 }
 
+ReportEvent OfBody(Kind kind, Cause cause, const std::string& channel_name,
+                   const CopyOnWriteBuffer& body, bool need_cache) {
+  return OfBytes(kind, cause, channel_name, body.tag(), body.cdata<uint8_t>(), body.size(),
+                 need_cache);
+}
+
 ReportEvent OfMessage(Kind kind, Cause cause, const std::string& channel_name,
                       const ChannelEvents::Message& message, int64_t request_id) {
-  ReportEvent event = OfBytes(kind, cause, channel_name, message.data.cdata<uint8_t>(),
-                              message.data.size(), message.need_cache);
+  ReportEvent event = OfBody(kind, cause, channel_name, message.data, message.need_cache);
   event.send_count = message.send_count;
   event.request_id = request_id;
   return event;
@@ -32,21 +37,27 @@ void TellMessage(Kind kind, Cause cause, const std::string& channel_name,
 
 }  // namespace
 
-void ChannelEvents::TellHandedOver(const uint8_t* data, uint32_t size, bool need_cache) const {
+MessageTag ChannelEvents::TellHandedOver(const uint8_t* data, uint32_t size, bool need_cache,
+                                         bool is_delayed) const {
+  const MessageTag tag = ReportEvents::NewMessage(is_delayed, /*is_loaded=*/false);
   ReportEvents::Tell(
-      OfBytes(Kind::kHandedOver, Cause::kNone, channel_name_, data, size, need_cache));
+      OfBytes(Kind::kHandedOver, Cause::kNone, channel_name_, tag, data, size, need_cache));
+  return tag;
 }
 
-void ChannelEvents::Refused(Cause cause, const uint8_t* data, uint32_t size,
+void ChannelEvents::Refused(Cause cause, const MessageTag& tag, const uint8_t* data, uint32_t size,
                             bool need_cache) const {
   if (!ReportEvents::HasListener()) return;
-  ReportEvents::Tell(OfBytes(Kind::kRefused, cause, channel_name_, data, size, need_cache));
+  ReportEvents::Tell(OfBytes(Kind::kRefused, cause, channel_name_, tag, data, size, need_cache));
+}
+
+void ChannelEvents::Refused(Cause cause, const CopyOnWriteBuffer& body, bool need_cache) const {
+  Refused(cause, body.tag(), body.cdata<uint8_t>(), body.size(), need_cache);
 }
 
 void ChannelEvents::Dropped(Cause cause, const CopyOnWriteBuffer& body, bool need_cache) const {
   if (!ReportEvents::HasListener()) return;
-  ReportEvents::Tell(OfBytes(Kind::kDropped, cause, channel_name_, body.cdata<uint8_t>(),
-                             body.size(), need_cache));
+  ReportEvents::Tell(OfBody(Kind::kDropped, cause, channel_name_, body, need_cache));
 }
 
 void ChannelEvents::Admitted(const Message& message, const CopyOnWriteBuffer& original) const {
@@ -59,8 +70,9 @@ void ChannelEvents::Admitted(const Message& message, const CopyOnWriteBuffer& or
   ReportEvents::Tell(event);
 }
 
-void ChannelEvents::Loaded(const Message& message) const {
-  TellMessage(Kind::kLoaded, Cause::kNone, channel_name_, message, 0);
+void ChannelEvents::Loaded(Message* message) const {
+  if (ReportEvents::HasListener()) message->data.set_tag(ReportEvents::NewMessage(false, /*is_loaded=*/true));
+  TellMessage(Kind::kLoaded, Cause::kNone, channel_name_, *message, 0);
 }
 
 void ChannelEvents::Sent(const Message& message, int64_t request_id) const {
@@ -97,9 +109,9 @@ void ChannelEvents::LeftOver(const std::map<int64_t, Message>& sending,
   for (const Message& message : pending) tell(message, 0);
 }
 
-void ChannelEvents::Saved(uint32_t count) const {
+void ChannelEvents::Saved(uint32_t count, bool is_complete) const {
   if (!ReportEvents::HasListener()) return;
-  ReportEvent event{Kind::kSaved, Cause::kNone, channel_name_};
+  ReportEvent event{is_complete ? Kind::kSaved : Kind::kNotSaved, Cause::kNone, channel_name_};
   event.count = count;
   ReportEvents::Tell(event);
 }

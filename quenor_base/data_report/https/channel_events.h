@@ -23,16 +23,22 @@ class ChannelEvents {
 
   explicit ChannelEvents(const std::string& channel_name) : channel_name_(channel_name) {}
 
-  // Of bytes that are no message of the store yet, or never will be.
-  void HandedOver(const uint8_t* data, uint32_t size, bool need_cache) const {
-    if (ReportEvents::HasListener()) TellHandedOver(data, size, need_cache);
+  // Of bytes that are no message of the store yet, or never will be. The first answers the
+  // message's tag, which the body is to carry; none while nobody listens.
+  MessageTag HandedOver(const uint8_t* data, uint32_t size, bool need_cache,
+                        bool is_delayed) const {
+    if (!ReportEvents::HasListener()) return MessageTag();
+    return TellHandedOver(data, size, need_cache, is_delayed);
   }
-  void Refused(ReportEventCause cause, const uint8_t* data, uint32_t size, bool need_cache) const;
+  void Refused(ReportEventCause cause, const MessageTag& tag, const uint8_t* data, uint32_t size,
+               bool need_cache) const;
+  void Refused(ReportEventCause cause, const CopyOnWriteBuffer& body, bool need_cache) const;
   void Dropped(ReportEventCause cause, const CopyOnWriteBuffer& body, bool need_cache) const;
 
   // `original` is what was handed over; the message's body may be compressed.
   void Admitted(const Message& message, const CopyOnWriteBuffer& original) const;
-  void Loaded(const Message& message) const;
+  // Gives it a tag, while somebody listens.
+  void Loaded(Message* message) const;
   void Sent(const Message& message, int64_t request_id) const;
   void Acknowledged(const Message& message, int64_t request_id) const;
   // `response` may be null.
@@ -44,12 +50,13 @@ class ChannelEvents {
   void LeftOver(const std::map<int64_t, Message>& sending, const std::list<Message>& pending,
                 bool cache_is_whole) const;
 
-  void Saved(uint32_t count) const;
+  void Saved(uint32_t count, bool is_complete) const;
   void Retuned(uint32_t send_interval_ms, uint32_t max_resend_count,
                uint32_t report_interval_ms) const;
 
  private:
-  void TellHandedOver(const uint8_t* data, uint32_t size, bool need_cache) const;
+  MessageTag TellHandedOver(const uint8_t* data, uint32_t size, bool need_cache,
+                            bool is_delayed) const;
 
   const std::string& channel_name_;  // Borrowed.
 };

@@ -224,18 +224,20 @@ bool ReliableReportChannelHttps::CheckRunning(const char* operation, int line) {
 void ReliableReportChannelHttps::HandOver(const char* operation, int line, const uint8_t* data,
                                           uint32_t size, bool need_cache, bool send_now,
                                           const base::TimeDelta* delay) {
-  Events().HandedOver(data, size, need_cache);
+  const MessageTag tag = Events().HandedOver(data, size, need_cache, delay != nullptr);
   const auto refuse = [&](ReportEventCause cause) {
-    Events().Refused(cause, data, size, need_cache);
+    Events().Refused(cause, tag, data, size, need_cache);
   };
   if (!CheckInitialized(operation, line)) return refuse(ReportEventCause::kNotInitialized);
-  CopyOnWriteBuffer body(data, size);
+  // An empty one has room, so that it has a place for its tag.
+  CopyOnWriteBuffer body = size > 0 ? CopyOnWriteBuffer(data, size) : CopyOnWriteBuffer(0, 1);
   if (body.size() != size) {
     LocalLog(2, kSourcePath, line,
              "%s, no memory to copy a message of %u bytes; it is refused, hand it over again later",
              operation, size);
     return refuse(ReportEventCause::kOutOfMemory);
   }
+  body.set_tag(tag);
   const std::shared_ptr<DispatchQueue> queue = Queue();
   if (queue == nullptr) return refuse(ReportEventCause::kQueueGone);
   AdmissionTask task(StrongThis(), std::move(body), need_cache, send_now);
@@ -326,9 +328,7 @@ void ReliableReportChannelHttps::DoSetResendInterval(unsigned int interval_ms) {
 
 void ReliableReportChannelHttps::UpdateCacheAndSend(CopyOnWriteBuffer data, bool need_cache,
                                                     bool send_now) {
-  const auto refuse = [&](ReportEventCause cause) {
-    Events().Refused(cause, data.cdata<uint8_t>(), data.size(), need_cache);
-  };
+  const auto refuse = [&](ReportEventCause cause) { Events().Refused(cause, data, need_cache); };
   if (!CheckRunning("UpdateCacheAndSend", __LINE__)) return refuse(ReportEventCause::kNotRunning);
   if (url_.empty()) return refuse(ReportEventCause::kNoServer);
   ++sending_message_needed_count_;
@@ -412,6 +412,7 @@ bool ReliableReportChannelHttps::CompressBody(const CopyOnWriteBuffer& body,
   uint64_t length = body.size();
   if (Compress(body.cdata<uint8_t>(), body.size(), output.get(), &length) != Z_OK) return false;
   *compressed = CopyOnWriteBuffer(output.get(), static_cast<uint32_t>(length));
+  compressed->set_tag(body.tag());
   return compressed->size() == length;
 }
 
@@ -675,7 +676,7 @@ bool ReliableReportChannelHttps::LoadMessages(File* file, uint32_t* total_bytes)
     pending_messages_.push_back(std::move(message));
     ++sending_message_needed_count_;
     *total_bytes += packet.size;
-    Events().Loaded(pending_messages_.back());
+    Events().Loaded(&pending_messages_.back());
   }
 }
 
@@ -687,7 +688,7 @@ void ReliableReportChannelHttps::AppendMessages(File* file) {
     file->AppendDataPacket(Packet{PacketBytes(&message.data), message.data.size()});
     ++count;
   });
-  if (file->IsSaveComplete()) Events().Saved(count);
+  Events().Saved(count, file->IsSaveComplete());
 }
 
 bool ReliableReportChannelHttps::IsCacheWhole() const {

@@ -3,11 +3,14 @@
 // one.
 #include <pthread.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <map>
 #include <mutex>
 #include <set>
+#include <vector>
 
 #include "fuzzers/plain_json.h"
 #include "quenor_base/platform/base/json_reader.h"
@@ -105,26 +108,62 @@ const char* ConfigCenterImpl::ImplementationName() { return "plain"; }
 
 namespace {
 
-// Read while the listener is called, written to replace it; who writes goes before who reads.
+// Read while listeners are called, written to change them; who writes goes before who reads.
 pthread_rwlock_t in_call = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
-ReportEventListener* the_listener = nullptr;  // Guarded by `in_call`.
-thread_local bool is_inside = false;          // This thread holds `in_call`.
+ReportEventListener* host_listener = nullptr;  // Guarded by `in_call`, like the others.
+std::vector<ReportEventListener*> more_listeners;
+thread_local bool is_inside = false;  // This thread holds `in_call`.
+
+template <typename Change>
+bool ChangeListeners(const char* operation, std::atomic<bool>* has_listener, Change change) {
+  if (is_inside) {
+    LocalLog(2, __FILE__, __LINE__, "%s is called by the listener", operation);
+    return false;
+  }
+  pthread_rwlock_wrlock(&in_call);
+  const bool done = change();
+  *has_listener = host_listener != nullptr || !more_listeners.empty();
+  pthread_rwlock_unlock(&in_call);
+  return done;
+}
+
+void TellAll(const ReportEvent& event) {
+  if (host_listener != nullptr) host_listener->OnReportEvent(event);
+  for (ReportEventListener* const listener : more_listeners) listener->OnReportEvent(event);
+}
 
 }  // namespace
 
 void ReportEvents::SetListener(ReportEventListener* listener) {
-  if (is_inside) return LocalLog(2, __FILE__, __LINE__, "SetListener is called by the listener");
-  pthread_rwlock_wrlock(&in_call);
-  the_listener = listener;
-  has_listener_.store(listener != nullptr, std::memory_order_relaxed);  // A hint, no more.
-  pthread_rwlock_unlock(&in_call);
+  ChangeListeners("SetListener", &has_listener_, [&] {
+    host_listener = listener;
+    return true;
+  });
+}
+
+bool ReportEvents::AddListener(ReportEventListener* listener) {
+  return ChangeListeners("AddListener", &has_listener_, [&] {
+    auto& all = more_listeners;
+    const bool is_there = std::find(all.begin(), all.end(), listener) != all.end();
+    if (listener == nullptr || is_there || all.size() == kMostListeners) return is_there;
+    all.push_back(listener);
+    return true;
+  });
+}
+
+void ReportEvents::RemoveListener(ReportEventListener* listener) {
+  ChangeListeners("RemoveListener", &has_listener_, [&] {
+    auto& all = more_listeners;
+    all.erase(std::remove(all.begin(), all.end(), listener), all.end());
+    return true;
+  });
 }
 
 void ReportEvents::Tell(const ReportEvent& event) {
-  if (is_inside) return the_listener->OnReportEvent(event);
+  if (is_inside) return TellAll(event);
   pthread_rwlock_rdlock(&in_call);
   is_inside = true;
-  if (the_listener != nullptr) the_listener->OnReportEvent(event);
+  TellAll(event);
   is_inside = false;
   pthread_rwlock_unlock(&in_call);
 }

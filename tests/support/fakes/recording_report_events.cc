@@ -16,7 +16,7 @@ std::string Bytes(const uint8_t* data, uint32_t size) {
 std::ostream& operator<<(std::ostream& out, const RecordedEvent& event) {
   return out << "event " << static_cast<int>(event.kind) << " cause "
              << static_cast<int>(event.cause) << " \"" << event.data << "\" id " << event.request_id
-             << " sent " << event.send_count;
+             << " sent " << event.send_count << " message " << event.message_id;
 }
 
 void RecordingReportEvents::OnReportEvent(const ReportEvent& event) {
@@ -28,7 +28,8 @@ void RecordingReportEvents::OnReportEvent(const ReportEvent& event) {
                        event.data != nullptr, Bytes(event.original_data, event.original_size),
                        event.original_data != nullptr, event.request_id, event.send_count,
                        event.http_state, event.status_code, event.count, event.send_interval_ms,
-                       event.max_resend_count, event.report_interval_ms, event.need_cache});
+                       event.max_resend_count, event.report_interval_ms, event.need_cache,
+                       event.message.id});
   }
   if (on_event) on_event(event);
 }

@@ -32,6 +32,7 @@ struct RecordedEvent {
   uint32_t max_resend_count;
   uint32_t report_interval_ms;
   bool need_cache;
+  uint64_t message_id;
 };
 
 std::ostream& operator<<(std::ostream& out, const RecordedEvent& event);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,33 @@ TEST_F(ChannelEventsTest, HandOverIsToldBeforeTheCallReturnsAndBeforeAnythingEls
   EXPECT_EQ(Kinds(), Kinds_{Kind::kHandedOver});
 }
 
+// Of equal messages too, through compression, failures and saves; after a restart by another one.
+TEST_F(ChannelEventsTest, MessageIsKnownByOneIdFromHandOverToItsEnd) {
+  for (const bool compress : {false, true}) {
+    events_.Clear();
+    Start(compress);
+    for (int i = 0; i < 3; ++i) Send(std::string(200, 'a'), true, true);
+    Answer(1, 500);
+    Answer(0, 200);
+    Stop();
+
+    std::map<uint64_t, Kinds_> told;
+    for (const RecordedEvent& event : events_.Events()) {
+      if (event.kind != Kind::kSaved) told[event.message_id].push_back(event.kind);
+    }
+    const Kinds_ begin = {Kind::kHandedOver, Kind::kAdmitted, Kind::kSent};
+    ASSERT_EQ(3u, told.size()) << compress;
+    size_t ended = 0;
+    for (const auto& [id, kinds] : told) {
+      EXPECT_NE(0u, id);
+      EXPECT_EQ(begin, Kinds_(kinds.begin(), kinds.begin() + 3)) << compress << ", message " << id;
+      ended += kinds.back() == Kind::kAcknowledged || kinds.back() == Kind::kKept ||
+               kinds.back() == Kind::kDropped;
+    }
+    EXPECT_EQ(3u, ended) << compress;
+  }
+}
+
 TEST_F(ChannelEventsTest, RefusalIsToldAfterTheHandOver) {
   Make();
 
@@ -60,6 +88,7 @@ TEST_F(ChannelEventsTest, RefusalIsToldAfterTheHandOver) {
   EXPECT_EQ(events_.Events()[1].cause, Cause::kNotInitialized);
   EXPECT_EQ(events_.Events()[1].data, "one");
   EXPECT_TRUE(events_.Events()[1].need_cache);
+  EXPECT_EQ(events_.Events()[1].message_id, events_.Events()[0].message_id);
 }
 
 TEST_F(ChannelEventsTest, EmptyMessageIsToldWithNullData) {
