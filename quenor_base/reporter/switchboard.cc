@@ -1,0 +1,55 @@
+#include "quenor_base/reporter/switchboard.h"
+
+#include <mutex>
+#include <utility>
+
+#include "quenor_base/platform/base/monotonic_time.h"
+
+QUENOR_NAMESPACE_BEGIN
+
+// The same one in a forked child, which finds the child's switchboard.
+struct Switchboard::Listener final : ReportEventListener {
+  void OnReportEvent(const ReportEvent& event) override { OfProcess().Pass(event); }
+};
+
+Switchboard& Switchboard::OfProcess() {
+  static base::OnePerProcess<Switchboard> switchboard;
+  return switchboard.Get();
+}
+
+bool Switchboard::Join(const std::string& channel_name, std::shared_ptr<EventReceiver> receiver) {
+  static std::atomic<Listener*> listener{nullptr};
+  if (!ReportEvents::AddListener(base::FindOrMake(&listener, [] { return new Listener; }))) {
+    return false;
+  }
+  std::unique_lock<std::shared_mutex> hold(mutex_);
+  return receivers_.emplace(channel_name, std::move(receiver)).second;
+}
+
+void Switchboard::Leave(const std::string& channel_name) {
+  std::unique_lock<std::shared_mutex> hold(mutex_);
+  receivers_.erase(channel_name);
+}
+
+std::vector<std::pair<std::string, BooksEntry>> Switchboard::ReadAllBooks() {
+  std::vector<std::pair<std::string, BooksEntry>> all = {{"", ReadBooks()}};
+  std::shared_lock<std::shared_mutex> hold(mutex_);
+  for (const auto& [name, receiver] : receivers_) all.emplace_back(name, receiver->ReadBooks());
+  return all;
+}
+
+void Switchboard::Pass(const ReportEvent& event) {
+  const int64_t now_ns = base::MonotonicNs();
+  std::shared_ptr<EventReceiver> receiver;
+  {
+    std::shared_lock<std::shared_mutex> hold(mutex_);
+    const auto found = receivers_.find(event.channel_name);
+    if (found != receivers_.end()) receiver = found->second;
+  }
+  const auto verdict =
+      receiver != nullptr ? receiver->OnEvent(event, now_ns) : EventReceiver::Verdict::kCounts;
+  if (verdict == EventReceiver::Verdict::kOwn) return;
+  books_.Note(event, now_ns, verdict == EventReceiver::Verdict::kRejection);
+}
+
+QUENOR_NAMESPACE_END

@@ -1,0 +1,148 @@
+// The books close in every life that a channel and its messages may have, at every instant at which
+// its queue rests, and say what happened.
+#include "quenor_base/reporter/books.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/support/channel_test_fixture.h"
+
+namespace quenor::test {
+namespace {
+
+class BooksTest : public ChannelTest, public ReportEventListener {
+ protected:
+  BooksTest() { ReportEvents::AddListener(this); }
+  ~BooksTest() override { ReportEvents::RemoveListener(this); }
+  void OnReportEvent(const ReportEvent& event) override {
+    books_.Note(event, event.message.handed_over_ns + latency_ms_ * 1000000, false);
+  }
+  // Asked wherever the queue rests.
+  BooksEntry Read() {
+    const BooksEntry entry = books_.Read();
+    EXPECT_TRUE(entry.Closes());
+    return entry;
+  }
+  static uint64_t Of(const std::array<uint64_t, BooksEntry::kCauses>& counts, Cause cause) {
+    return counts[static_cast<size_t>(cause)];
+  }
+
+  Books books_;
+  int64_t latency_ms_ = 0;
+};
+
+TEST_F(BooksTest, FollowAMessageFromHandOverToItsEnd) {
+  Start();
+  Post("one");
+  EXPECT_EQ(1u, Read().pending);
+  time_.RunUntilIdle();
+  EXPECT_EQ(1u, Read().pending);
+
+  Advance(100);
+  EXPECT_EQ(1u, Read().in_flight);
+  Answer(0, 500);
+  EXPECT_EQ(1u, Read().pending);
+  Advance(1000);
+  latency_ms_ = 70;
+  Answer(1, 200);
+
+  const BooksEntry entry = Read();
+  EXPECT_EQ(0u, entry.Outstanding());
+  EXPECT_EQ(1u, entry.handed_over);
+  EXPECT_EQ(1u, entry.acknowledged);
+  EXPECT_EQ(2u, entry.attempts);
+  EXPECT_EQ(1u, entry.failed_by_status[5]);
+  EXPECT_EQ(3u, entry.bytes_handed_over);
+  EXPECT_EQ(3u, entry.bytes_acknowledged);
+  EXPECT_EQ(1u, entry.latency[2]) << "50 to 100 ms";
+  EXPECT_EQ(70u, entry.latency_sum_ms);
+  EXPECT_EQ(500, entry.last_failure_status);
+  EXPECT_GT(entry.last_failure_time, 0);
+}
+
+TEST_F(BooksTest, CloseWhereMessagesAreDelayed) {
+  Start();
+  for (const int64_t delay_ms : {500, 1000000}) {
+    channel_->SendPacketWithDelay(nullptr, 0, false, TimeDelta::FromMilliseconds(delay_ms));
+    channel_->SendPacketWithDelay(reinterpret_cast<const uint8_t*>("b"), 1, false,
+                                  TimeDelta::FromMilliseconds(delay_ms));
+  }
+  EXPECT_EQ(4u, Read().delayed);
+
+  Advance(500);
+  EXPECT_EQ(2u, Read().delayed);
+  EXPECT_EQ(2u, Read().Outstanding() - Read().delayed);
+  Stop();
+
+  EXPECT_EQ(0u, Read().Outstanding());
+  EXPECT_EQ(2u, Of(Read().dropped, Cause::kNeverRun));
+  EXPECT_EQ(2u, Of(Read().dropped, Cause::kTerminated));
+}
+
+TEST_F(BooksTest, CloseWhereMessagesAreRefused) {
+  Make();
+  Post("before it runs");
+  EXPECT_EQ(1u, Of(Read().refused, Cause::kNotInitialized));
+  channel_->Initialize();
+  channel_->SetServerDomain("");
+  Send("without a server");
+  EXPECT_EQ(1u, Of(Read().refused, Cause::kNoServer));
+  channel_->Terminate();
+  Post("after its end");
+
+  EXPECT_EQ(2u, Of(Read().refused, Cause::kNotInitialized));
+  EXPECT_EQ(3u, Read().Refused());
+}
+
+TEST_F(BooksTest, CloseWhereMessagesAreDropped) {
+  Start(/*compress=*/true);
+  Send("ab");  // Which deflate makes longer.
+  EXPECT_EQ(1u, Of(Read().dropped, Cause::kNotCompressed));
+  channel_->SetMaxResendCount(1);
+  Send(std::string(100, 'a'), false, true);
+  Fail(0);
+  EXPECT_EQ(1u, Of(Read().dropped, Cause::kResendLimit));
+  EXPECT_EQ(1u, Read().failed_by_state[static_cast<size_t>(State::kFailed)]);
+  http_.RefuseAll(0);
+  for (int i = 0; i < 201; ++i) Post(std::string(100, 'b'));
+  time_.RunUntilIdle();
+  EXPECT_EQ(50u, Of(Read().dropped, Cause::kTrimmed));
+  http_.Accept();
+  http_.ReturnNextIds({77, 77});
+  Tick();
+  Tick();
+
+  EXPECT_EQ(1u, Of(Read().dropped, Cause::kReplaced));
+  EXPECT_EQ(1u, Read().in_flight);
+  EXPECT_EQ(149u, Read().pending);
+}
+
+TEST_F(BooksTest, CountSavesAndWhatIsKeptAndLoaded) {
+  Start();
+  Send("kept in flight", true, true);
+  Send("kept", true);
+  Send("in memory");
+  EXPECT_EQ(3u, Read().saves);
+  Stop();
+  EXPECT_EQ(2u, Read().kept);
+  EXPECT_EQ(1u, Of(Read().dropped, Cause::kTerminated));
+  EXPECT_EQ(0u, Read().Outstanding());
+
+  channel_->Initialize();
+  time_.RunUntilIdle();
+  EXPECT_EQ(2u, Read().loaded);
+  EXPECT_EQ(2u, Read().pending);
+}
+
+TEST_F(BooksTest, CountRetunings) {
+  Start();
+  Send("one", false, true);
+  Answer(0, 200, "{\"bytes_errinfo\":\"success\",\"uint32_send_interval\":5000}");
+
+  EXPECT_EQ(1u, Read().retunings);
+  EXPECT_EQ(1u, Read().acknowledged);
+}
+
+}  // namespace
+}  // namespace quenor::test
