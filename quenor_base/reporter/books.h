@@ -67,6 +67,7 @@ class Books {
   // `is_rejected`: the drop that is told is that of a message that the server refused for good.
   void Note(const ReportEvent& event, int64_t now_ns, bool is_rejected);
   BooksEntry Read() const;
+  int64_t delayed() const { return delayed_.load(std::memory_order_relaxed); }
 
  private:
   using Count = std::atomic<uint64_t>;

@@ -27,6 +27,9 @@ class RefusedForGood {
   // true.
   bool OnEvent(const ReportEvent& event, uint32_t* limit);
 
+  // As the owner or the server has set it, whatever is in force for a moment.
+  uint32_t limit() const { return limit_; }
+
   // Before OnEvent() is told of its end: whether the drop of this message is its rejection.
   bool IsRejection(const ReportEvent& event) const;
 

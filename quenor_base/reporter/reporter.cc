@@ -80,6 +80,7 @@ bool StateOf(const ReportEvent& event, bool is_rejection, Reporter::State* state
     case Kind::kAcknowledged:
       *state = Reporter::State::kAcknowledged;
       return true;
+    case Kind::kRefused:
     case Kind::kDropped:
       *state = is_rejection ? Reporter::State::kRejected : Reporter::State::kDropped;
       return true;
@@ -140,6 +141,7 @@ class Reporter::Core final : public EventReceiver, public std::enable_shared_fro
   void Free();
   void OnGone();
   Verdict OnOwnProbe(const ReportEvent& event);
+  bool TellSend(const ReportEvent& event);
   void TellHost(const ReportEvent& event, bool is_rejection);
   bool IsInCallback() const { return in_callback_of == this; }
   template <typename Condition>
@@ -176,9 +178,15 @@ class Reporter::Core final : public EventReceiver, public std::enable_shared_fro
 
 std::string Reporter::Core::Start() {
   const auto self = shared_from_this();
-  if (!Switchboard::OfProcess().Join(options_.name, self)) {
-    return "name: a reporter of this process has \"" + options_.name +
-           "\", or has not come to its end; stop it, or choose another";
+  switch (Switchboard::OfProcess().Join(options_.name, self)) {
+    case Switchboard::Joined::kDone:
+      break;
+    case Switchboard::Joined::kNameTaken:
+      return "name: a reporter of this process has \"" + options_.name +
+             "\", or has not come to its end; stop it, or choose another";
+    case Switchboard::Joined::kNoListener:
+      return "the process has too many report event listeners, or this is called by one; take one "
+             "away, and create reporters elsewhere";
   }
   // Without a URL, until what is in the file is loaded: nothing is taken, and nothing is sent.
   channel_ = std::shared_ptr<Channel>(
@@ -209,7 +217,8 @@ Reporter::Outcome Reporter::Core::Flush(milliseconds patience) {
   if (is_forked()) return Outcome();
   const Time end = base::MonotonicNow() + patience;
   WithChannel([](Channel* channel) { channel->FlushPacket(); });
-  if (!IsInCallback()) WaitUntil(end, [this] { return outstanding_.load() == 0 || is_gone_; });
+  if (!IsInCallback())
+    WaitUntil(end, [this] { return outstanding_.load() <= books_.delayed() || is_gone_; });
   return Now();
 }
 
@@ -247,6 +256,10 @@ Reporter::Outcome Reporter::Core::Now() const {
   outcome.acknowledged = books.acknowledged;
   outcome.rejected = books.rejected;
   outcome.dropped = books.Dropped();
+  // What Send() had taken, before the channel ended or lost its URL.
+  for (const Cause cause : {Cause::kNotRunning, Cause::kNoServer}) {
+    outcome.dropped += books.refused[static_cast<size_t>(cause)];
+  }
   outcome.kept = books.kept + std::min(kept_in_file_.load(), outstanding);
   outcome.out = outstanding - std::min(kept_in_file_.load(), outstanding);
   return outcome;
@@ -261,7 +274,7 @@ bool Reporter::Core::Reserve() {
 }
 
 void Reporter::Core::Free() {
-  if (outstanding_.fetch_sub(1) != 1) return;
+  if (outstanding_.fetch_sub(1) - 1 > books_.delayed()) return;
   std::lock_guard<std::mutex> hold(mutex_);
   changed_.notify_all();
 }
@@ -305,17 +318,23 @@ EventReceiver::Verdict Reporter::Core::OnOwnProbe(const ReportEvent& event) {
   return Verdict::kOwn;
 }
 
+// True when Send() is at it, on this thread, and says it.
+bool Reporter::Core::TellSend(const ReportEvent& event) {
+  HandOver* const now = handing_over;
+  if (now == nullptr || now->core != this) return false;
+  if (event.kind == Kind::kHandedOver) {
+    now->id = event.message.id;
+  } else if (now->id == event.message.id) {
+    now->refused = event.cause;
+  }
+  return now->id == event.message.id;
+}
+
 EventReceiver::Verdict Reporter::Core::OnEvent(const ReportEvent& event, int64_t now_ns) {
   if (is_starting_ && IsBeforeStore(event)) return OnOwnProbe(event);
   bool is_rejection = false;
-  if (IsBeforeStore(event)) {
-    HandOver* const now = handing_over;
-    if (now != nullptr && now->core == this && event.kind == Kind::kHandedOver) {
-      now->id = event.message.id;
-    } else if (now != nullptr && now->core == this && now->id == event.message.id) {
-      now->refused = event.cause;
-    }
-  } else {
+  const bool is_told_by_send = IsBeforeStore(event) && TellSend(event);
+  if (!IsBeforeStore(event)) {
     is_rejection = refused_.IsRejection(event);
     uint32_t limit;
     const bool is_to_be_set = refused_.OnEvent(event, &limit);
@@ -325,7 +344,7 @@ EventReceiver::Verdict Reporter::Core::OnEvent(const ReportEvent& event, int64_t
   if (event.kind == Kind::kLoaded) ++outstanding_;
   if (event.kind == Kind::kLoaded) ++kept_in_file_;
   if (event.kind == Kind::kSaved) kept_in_file_ = event.count;
-  if (!IsBeforeStore(event)) TellHost(event, is_rejection);
+  if (!is_told_by_send) TellHost(event, is_rejection);
   // Last: who waits for it finds the books and the host told.
   if (IsEnd(event.kind)) Free();
   return is_rejection ? Verdict::kRejection : Verdict::kCounts;
@@ -344,8 +363,7 @@ void Reporter::Core::TellHost(const ReportEvent& event, bool is_rejection) {
       options_.on_update({event.message.id, state, event.cause, event.http_state, event.status_code,
                           event.send_count});
     } else {
-      options_.on_tuning(
-          {event.send_interval_ms, event.max_resend_count, event.report_interval_ms});
+      options_.on_tuning({event.send_interval_ms, refused_.limit(), event.report_interval_ms});
     }
   });
   in_callback_of = outer;

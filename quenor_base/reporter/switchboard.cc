@@ -17,13 +17,15 @@ Switchboard& Switchboard::OfProcess() {
   return switchboard.Get();
 }
 
-bool Switchboard::Join(const std::string& channel_name, std::shared_ptr<EventReceiver> receiver) {
+Switchboard::Joined Switchboard::Join(const std::string& channel_name,
+                                      std::shared_ptr<EventReceiver> receiver) {
   static std::atomic<Listener*> listener{nullptr};
   if (!ReportEvents::AddListener(base::FindOrMake(&listener, [] { return new Listener; }))) {
-    return false;
+    return Joined::kNoListener;
   }
   std::unique_lock<std::shared_mutex> hold(mutex_);
-  return receivers_.emplace(channel_name, std::move(receiver)).second;
+  const bool is_new = receivers_.emplace(channel_name, std::move(receiver)).second;
+  return is_new ? Joined::kDone : Joined::kNameTaken;
 }
 
 void Switchboard::Leave(const std::string& channel_name) {

@@ -36,8 +36,8 @@ class Switchboard {
   explicit Switchboard(Switchboard*) {}  // For OfProcess().
   static Switchboard& OfProcess();
 
-  // False when somebody has the name, or when there are too many listeners in the process.
-  bool Join(const std::string& channel_name, std::shared_ptr<EventReceiver> receiver);
+  enum class Joined { kDone, kNameTaken, kNoListener };
+  Joined Join(const std::string& channel_name, std::shared_ptr<EventReceiver> receiver);
   void Leave(const std::string& channel_name);
   // The process's.
   BooksEntry ReadBooks() const { return books_.Read(); }

@@ -156,6 +156,8 @@ TEST_F(ReporterTest, IsFullBeforeTheStoreDropsAnything) {
   EXPECT_EQ(149, taken);
   EXPECT_EQ(Refusal::kFull, sent.refusal);
 
+  PollPatiently("the saves", [&] { return reporter->Now().kept == 149; });
+
   const Reporter::Outcome outcome = reporter->Stop(0s);
   EXPECT_EQ(149u, outcome.kept);
   EXPECT_EQ(0u, outcome.dropped);
@@ -242,6 +244,7 @@ TEST_F(ReporterTest, TellsTheStatesOfEachMessageByItsId) {
 
 TEST_F(ReporterTest, RejectsWhatTheServerRefusesForGoodAndDeliversTheRest) {
   status_ = 403;
+  options_.send_interval_ms = 100;  // Failures wait no longer.
   std::atomic<int> rejected{0};
   Gate done;
   options_.on_update = [&](const Reporter::Update& update) {
@@ -310,6 +313,11 @@ TEST_F(ReporterTest, InAForkedChildIsTheParentsAndTheChildHasItsOwn) {
 TEST_F(ReporterTest, OperationsOnManyThreadsWhileItStopsLoseNoBook) {
   for (int round = 0; round < 20; ++round) {
     options_.name = "round " + std::to_string(round);
+    std::atomic<uint64_t> ends{0};
+    options_.on_update = [&ends](const Reporter::Update& update) {
+      ends += update.state == State::kAcknowledged || update.state == State::kDropped ||
+              update.state == State::kKept;
+    };
     const auto reporter = Create();
     std::atomic<uint64_t> taken{0};
     std::vector<std::thread> threads;
@@ -328,10 +336,11 @@ TEST_F(ReporterTest, OperationsOnManyThreadsWhileItStopsLoseNoBook) {
     for (std::thread& thread : threads) thread.join();
     reporter->Stop(60s);
 
-    const BooksEntry books = reporter->ReadBooks();
-    EXPECT_TRUE(books.Closes()) << round;
-    EXPECT_EQ(0u, books.Outstanding()) << round;
-    EXPECT_EQ(taken, books.handed_over - books.Refused()) << round;
+    PollPatiently("its end", [&] { return reporter->ReadBooks().Outstanding() == 0; });
+    EXPECT_TRUE(reporter->ReadBooks().Closes()) << round;
+    const Reporter::Outcome outcome = reporter->Now();
+    EXPECT_EQ(taken, outcome.acknowledged + outcome.dropped + outcome.kept) << round;
+    EXPECT_EQ(taken, ends) << round;
   }
 }
 
