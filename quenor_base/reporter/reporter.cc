@@ -103,6 +103,7 @@ class Reporter::Core final : public EventReceiver, public std::enable_shared_fro
   Sent Send(const void* bytes, size_t size, const SendOptions& options);
   Outcome Flush(milliseconds patience);
   Outcome Stop(milliseconds patience);
+  void Silence();
   Outcome Now() const;
   BooksEntry ReadBooks() const override { return books_.Read(); }
   bool is_forked() const { return fork_generation_ != base::ForkGeneration(); }
@@ -230,15 +231,15 @@ Reporter::Outcome Reporter::Core::Stop(milliseconds patience) {
     channel_->Terminate();
     Leave();
   }
-  if (IsInCallback()) {
-    is_silent_ = true;
-    return Now();
-  }
-  WaitUntil(end, [this] { return is_gone_; });
-  // Behind a callback that is running, if it ends in time.
-  std::unique_lock<std::timed_mutex> behind(calling_, end);
-  is_silent_ = true;
+  if (!IsInCallback()) WaitUntil(end, [this] { return is_gone_; });
   return Now();
+}
+
+// No callback begins any more; one that is running is waited for, if it ends in time.
+void Reporter::Core::Silence() {
+  is_silent_ = true;
+  if (is_forked() || IsInCallback()) return;
+  std::unique_lock<std::timed_mutex> behind(calling_, base::MonotonicNow() + kGrace);
 }
 
 // Whoever held the channel last has let go of it: no event comes any more.
@@ -382,7 +383,10 @@ std::unique_ptr<Reporter> Reporter::Create(const Options& options, std::string* 
 }
 
 Reporter::Reporter(std::shared_ptr<Core> core) : core_(std::move(core)) {}
-Reporter::~Reporter() { core_->Stop(milliseconds(0)); }
+Reporter::~Reporter() {
+  core_->Stop(milliseconds(0));
+  core_->Silence();
+}
 
 Reporter::Sent Reporter::Send(const void* bytes, size_t size, const SendOptions& options) {
   return core_->Send(bytes, size, options);

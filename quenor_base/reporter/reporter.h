@@ -135,6 +135,7 @@ class Reporter {
 
   // Any thread. Waits until every message that is out has ended, or `patience` is over: sending
   // takes 0.1 s a message, or the interval in force. What earlier runs have left is sent, too.
+  // Delays that are not over are not waited for.
   Outcome Flush(std::chrono::milliseconds patience);
 
   // Any thread. Flush(), then no further message is taken and sending ends. After it the process
