@@ -187,6 +187,25 @@ TEST_F(CopyOnWriteBufferTest, WriteThroughACopyLeavesTheFirstBufferUnchanged) {
   EXPECT_EQ(Text(copy), "xbc");
 }
 
+TEST_F(CopyOnWriteBufferTest, EveryCopyHasTheTagAlsoOnceItIsWrittenTo) {
+  CopyOnWriteBuffer buffer("abc", 3);
+  EXPECT_EQ(0u, buffer.tag().id);
+  buffer.set_tag({7, 1000, /*is_delayed=*/true, /*is_loaded=*/false});
+  CopyOnWriteBuffer copy = buffer;
+  ASSERT_NE(nullptr, copy.data<uint8_t>());
+  ASSERT_NE(copy.cdata<uint8_t>(), buffer.cdata<uint8_t>());
+  ASSERT_TRUE(copy.UnshareAndEnsureCapacity(1000));
+
+  for (const CopyOnWriteBuffer* const each : {&buffer, &copy}) {
+    EXPECT_EQ(7u, each->tag().id);
+    EXPECT_EQ(1000, each->tag().handed_over_ns);
+    EXPECT_TRUE(each->tag().is_delayed);
+  }
+  CopyOnWriteBuffer none;
+  none.set_tag({7, 1000, false, false});
+  EXPECT_EQ(0u, none.tag().id);
+}
+
 TEST_F(CopyOnWriteBufferTest, WriteThroughTheFirstBufferLeavesTheCopyUnchanged) {
   CopyOnWriteBuffer buffer("abc", 3);
   const CopyOnWriteBuffer copy(buffer);
