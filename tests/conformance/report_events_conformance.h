@@ -157,7 +157,7 @@ TYPED_TEST_P(ReportEventsConformance, DoesNotAddOrRemoveInsideAListener) {
   {
     const CapturedLog log;
     this->Tell();
-    EXPECT_EQ(2u, log.Lines().size());
+    EXPECT_EQ(2u, log.lines().size());
   }
 
   EXPECT_TRUE(TypeParam::HasListener());
@@ -336,6 +336,7 @@ TYPED_TEST_P(ReportEventsConformance, KeepsTheListenerThatTriesToReplaceItself) 
 REGISTER_TYPED_TEST_SUITE_P(ReportEventsConformance,
                             TellsTheListenerOnTheCallersThreadWithEveryField,
                             TellsTheListenerThatThereIsAndNoOther, KeepsTheOrderOfAThreadsEvents,
+                            TellsEveryListenerUntilItIsTakenAway, DoesNotAddOrRemoveInsideAListener,
                             TellsAListenerInsideItsOwnCall,
                             TellsInsideACallWhileAnotherThreadChangesTheListener,
                             WaitsForACallInProgressBeforeItLetsTheListenerGo,
