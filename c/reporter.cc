@@ -9,6 +9,8 @@
 #include <string>
 #include <utility>
 
+#include "c/sized.h"
+#include "c/transport.h"
 #include "quenor_base/platform/exception_barrier.h"
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/reporter/exposition.h"
@@ -24,6 +26,9 @@ struct quenor_reporter {
 namespace {
 
 constexpr char kInC[] = "quenor's C interface";
+constexpr char kTransportsOwn[] =
+    "ca_file, client_certificate_file, client_key_file: they are of the library's own HTTP client, "
+    "and quenor_set_transport() has replaced it; leave them out, and tell the transport";
 
 std::string& LastError() {
   thread_local std::string error;
@@ -31,24 +36,6 @@ std::string& LastError() {
 }
 
 std::string TextOr(const char* text) { return text != nullptr ? text : ""; }
-
-// As much of it as the program knows of; what it does not know of is 0. False when it is none.
-template <typename T>
-bool Take(const T* from, T* to) {
-  *to = T();
-  if (from == nullptr || from->size < sizeof(size_t)) return false;
-  std::memcpy(static_cast<void*>(to), from, std::min(from->size, sizeof(T)));
-  return true;
-}
-
-// What the program has room for.
-template <typename T>
-void Give(const T& from, T* to) {
-  const size_t size = std::min(to->size, sizeof(T));
-  if (size <= sizeof(size_t)) return;
-  std::memcpy(reinterpret_cast<char*>(to) + sizeof(size_t),
-              reinterpret_cast<const char*>(&from) + sizeof(size_t), size - sizeof(size_t));
-}
 
 quenor_error ErrorOf(Reporter::Refusal refusal) {
   switch (refusal) {
@@ -101,6 +88,11 @@ SharedSettings SharedOf(const quenor_options& options) {
   return shared;
 }
 
+bool HasClientOptions(const quenor_options& options) {
+  return options.ca_file != nullptr || options.client_certificate_file != nullptr ||
+         options.client_key_file != nullptr;
+}
+
 Reporter::Options OptionsOf(const quenor_options& from) {
   Reporter::Options options;
   options.name = TextOr(from.name);
@@ -132,7 +124,8 @@ Reporter::Options OptionsOf(const quenor_options& from) {
 
 void GiveOutcome(const Reporter::Outcome& from, quenor_outcome* to) {
   if (to == nullptr) return;
-  Give({sizeof *to, from.acknowledged, from.rejected, from.dropped, from.kept, from.out}, to);
+  sized::Give({sizeof *to, from.acknowledged, from.rejected, from.dropped, from.kept, from.out},
+              to);
 }
 
 // Of an operation that needs nothing but its reporter.
@@ -185,10 +178,16 @@ quenor_error quenor_create(const quenor_options* options, quenor_reporter** repo
   quenor_options taken;
   if (reporter == nullptr) return QUENOR_BAD_ARGUMENT;
   *reporter = nullptr;
-  if (!Take(options, &taken)) return QUENOR_BAD_ARGUMENT;
+  if (!sized::Take(options, &taken)) return QUENOR_BAD_ARGUMENT;
+  if (host_transport::IsSet() && HasClientOptions(taken)) {
+    LastError() = kTransportsOwn;
+    return QUENOR_BAD_OPTION;
+  }
   quenor::base::EndOnException(kInC, [&] {
     auto made = Reporter::Create(OptionsOf(taken), &LastError());
-    if (made != nullptr) *reporter = new quenor_reporter{std::move(made)};
+    if (made == nullptr) return;
+    host_transport::Fix();
+    *reporter = new quenor_reporter{std::move(made)};
   });
   return *reporter != nullptr ? QUENOR_OK : QUENOR_BAD_OPTION;
 }
@@ -199,7 +198,7 @@ quenor_error quenor_send(quenor_reporter* reporter, const void* bytes, size_t si
                          const quenor_send_options* options, uint64_t* id) {
   quenor_send_options taken;
   if (id != nullptr) *id = 0;
-  if (reporter == nullptr || (!Take(options, &taken) && options != nullptr)) {
+  if (reporter == nullptr || (!sized::Take(options, &taken) && options != nullptr)) {
     return QUENOR_BAD_ARGUMENT;
   }
   Reporter::SendOptions with;

@@ -113,6 +113,17 @@ class HttpClientFactory {
 
   // Any thread. Names the implementation that is linked, with the versions beneath it.
   static const char* ImplementationName();
+
+  // Any thread, before the first client: from now on the default implementation's Create() answers
+  // what `maker` does, so that a host can bring its network stack at run time. Null: clients of its
+  // own again. Another implementation has no need to ask.
+  using Maker = std::unique_ptr<HttpClient> (*)(const HttpClient::Config&);
+  // release and acquire: whoever finds one finds whole what it uses.
+  static void SetMaker(Maker maker) { maker_.store(maker, std::memory_order_release); }
+  static Maker GetMaker() { return maker_.load(std::memory_order_acquire); }
+
+ private:
+  inline static std::atomic<Maker> maker_{nullptr};
 };
 
 // What holds for every client of the process. The host sets it before the first request; a later

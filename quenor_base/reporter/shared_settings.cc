@@ -65,15 +65,26 @@ void Configure(const std::string& key, const std::optional<T>& value) {
   config::ConfigCenterImpl::GetInstance()->SetHostOverride(key, static_cast<uint64_t>(*value));
 }
 
-std::string PutIntoForce(const SharedSettings& settings) {
-  if (settings.http) {
-    const std::string wrong = SetHttpDefaults(*settings.http);
-    if (!wrong.empty()) return wrong;
+std::string WhatIsWrongWith(const SharedSettings& settings) {
+  if (settings.cache && *settings.cache > SharedSettings::Cache::kMapped) {
+    return "cache: there is no such kind; give none, file or mapped";
   }
+  if (settings.durability && *settings.durability > SharedSettings::Durability::kOnDisk) {
+    return "durability: there is no such one; give process, started or on disk";
+  }
+  return "";
+}
+
+// Those first that can be refused.
+std::string PutIntoForce(const SharedSettings& settings) {
+  std::string wrong = WhatIsWrongWith(settings);
+  if (!wrong.empty()) return wrong;
   if (settings.folder &&
       !base::PathService::Override(base::DIR_RELIABLE_REPORT, base::FilePath(*settings.folder))) {
-    return "folder: " + *settings.folder + " is not an absolute path; give one";
+    return "folder: " + *settings.folder + " is no absolute path of a folder that can be had; give one";
   }
+  if (settings.http) wrong = SetHttpDefaults(*settings.http);
+  if (!wrong.empty()) return wrong;
   Configure(config::BaseCfg().cache_option, settings.cache);
   Configure(config::BaseCfg().cache_durability, settings.durability);
   if (settings.socks5_proxy) GetSocks5ProxyConfigHolder()->SetConfig(*settings.socks5_proxy);

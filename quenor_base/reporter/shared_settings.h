@@ -35,7 +35,7 @@ struct SharedSettings {
 };
 
 // Any thread; one at a time goes on. Puts what is set into force, or finds that it is in force
-// already. Empty, or one line that names the setting, and what to do; nothing is changed then.
+// already. Empty, or one line that names the setting, and what to do; nothing is fixed then.
 std::string FixSharedSettings(const SharedSettings& settings);
 
 QUENOR_NAMESPACE_END

@@ -210,8 +210,10 @@ std::string CheckAndSetDefaults(const HttpDefaults& defaults) {
 }  // namespace
 
 std::unique_ptr<HttpClient> HttpClientFactory::Create(const HttpClient::Config& config) {
+  const Maker maker = GetMaker();
   std::unique_ptr<HttpClient> client;
-  base::EndOnException(kInClient, [&] { client = CreateClient(config); });
+  base::EndOnException(kInClient,
+                       [&] { client = maker != nullptr ? maker(config) : CreateClient(config); });
   return client;
 }
 
