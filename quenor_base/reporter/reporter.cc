@@ -19,7 +19,7 @@ namespace {
 
 using Kind = ReportEventKind;
 using Cause = ReportEventCause;
-using Time = std::chrono::steady_clock::time_point;
+using Time = base::MonotonicTime;
 using std::chrono::milliseconds;
 
 constexpr size_t kLongestName = 236;
