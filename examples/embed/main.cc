@@ -1,14 +1,16 @@
-#include <quenor_base/data_report/https/reliable_report_channel_https.h>
-#include <quenor_base/platform/thread_manager.h>
+#include <quenor_base/reporter/reporter.h>
+
+#include <iostream>
 
 int main(int argc, char** argv) {
+  std::string error;
   const char* url = argc > 1 ? argv[1] : "https://collector.example/reports";
-  auto channel = std::make_shared<quenor::ReliableReportChannelHttps>(
-      "usage", url, 0, /*http_client_option: HTTP/2*/ true, /*enable_compress*/ false);
-  channel->Initialize();
-  const uint8_t report[] = {'s', 't', 'a', 'r', 't', 'e', 'd'};
-  channel->SendPacket(report, sizeof(report), /*need_cache*/ true, /*send_now*/ true);
-  // Here the application runs. What is undelivered when it ends is kept for the next start.
-  channel->Terminate();
-  return quenor::core::ThreadManager::WaitForDrain(quenor::base::TimeDelta::FromSeconds(2)) ? 0 : 1;
+  const auto reporter = quenor::Reporter::Create({"usage", url}, &error);
+  if (reporter == nullptr) return std::cerr << error << '\n', 2;
+  const auto sent = reporter->Send("started", 7);  // Copied; the application goes on.
+  if (!sent) std::cerr << "not taken: " << quenor::Reporter::TextOf(sent.refusal) << '\n';
+  const auto all = reporter->Stop(std::chrono::seconds(2));  // Waits no longer than that.
+  std::cout << all.acknowledged << " acknowledged, " << all.kept << " kept for the next start, "
+            << all.rejected + all.dropped + all.out << " lost\n";
+  return sent && all.all_delivered() ? 0 : 1;
 }
