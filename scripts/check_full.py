@@ -24,7 +24,7 @@ PARTS = {  # Started in this order.
     "cache": "damage, failing calls, full disks, power losses",
     "generated": "sixty generated mutants, by a seed that is printed",
     "fuzzers": "fuzzers",
-    "network": "bad links, proxies, hostile servers, forks",
+    "network": "bad links, proxies, hostile servers, forks, the README's programs 300 times",
     "model": "model checking",
     "random": "a million random steps, a hundred thousand payloads",
     "compiling": "projects that compile the library, or the contracts' suites, themselves",
