@@ -1,0 +1,89 @@
+#!/usr/bin/env python3
+"""The wheel: the same bytes wherever it is made, and all that a user needs beside Python."""
+import os, pathlib, re, shutil, subprocess, sys, zipfile
+
+import support
+from support import PATIENCE_S, sha256
+
+ROOT = support.HERE.parent.parent
+LIBRARY = os.environ["QUENOR_LIBRARY"]
+USE = """
+import pathlib, sys, quenor
+assert pathlib.Path(quenor.__file__).is_relative_to(sys.prefix), quenor.__file__
+with quenor.Reporter("wheel", sys.argv[1], folder=sys.argv[2]) as reporter:
+    reporter.send(b"from a wheel")
+    assert reporter.flush(float(sys.argv[3])).all_delivered
+print(quenor.__version__)
+"""
+
+
+class WheelTest(support.Case):
+    def run_alone(self, *command, **variables):
+        """Without what the test has in its environment."""
+        bare = {name: value for name, value in os.environ.items()
+                if name not in ("PYTHONPATH", "QUENOR_LIBRARY")}
+        done = subprocess.run(list(map(str, command)), cwd=self.folder, env={**bare, **variables},
+                              capture_output=True, text=True)
+        self.assertEqual(0, done.returncode, done.stdout + done.stderr)
+        return done.stdout
+
+    def make(self, name):
+        """A wheel of a copy of the sources."""
+        tree = pathlib.Path(self.folder, name)
+        header = pathlib.Path("quenor_base/platform/base/abi.h")
+        (tree / header.parent).mkdir(parents=True)
+        (tree / "scripts").mkdir()
+        for part in (header, pathlib.Path("scripts/make_wheel")):
+            shutil.copyfile(ROOT / part, tree / part)
+        shutil.copytree(ROOT / "python", tree / "python")
+        made = self.run_alone(sys.executable, "-B", tree / "scripts/make_wheel", LIBRARY,
+                              tree / "out")
+        return pathlib.Path(made.strip())
+
+    def test_is_reproducible(self):
+        one, other = self.make("one"), self.make("other/deeper")
+        self.assertEqual(one.name, other.name)
+        self.assertRegex(one.name, r"^quenor-\d+\.\d+\.\d+-py3-none-linux_\w+\.whl$")
+        self.assertEqual(one.read_bytes(), other.read_bytes())
+        with zipfile.ZipFile(one) as wheel:
+            self.assertEqual(pathlib.Path(LIBRARY).read_bytes(), wheel.read("quenor/libquenor.so.0"))
+            self.assertIn("quenor/py.typed", wheel.namelist())
+
+    def test_is_installed_and_used(self):
+        collector = self.collector()
+        self.run_alone(sys.executable, "-m", "venv", "venv")
+        python = pathlib.Path(self.folder, "venv/bin/python")
+        self.run_alone(python, "-m", "pip", "install", "--no-index", "--disable-pip-version-check",
+                       self.make("tree"))
+        said = self.run_alone(python, "-c", USE, collector.url("127.0.0.1"), support.STATE,
+                              PATIENCE_S)
+        self.assertRegex(said, r"^\d+\.\d+\.\d+$")
+        self.assertEqual({sha256(b"from a wheel")}, set(collector.accepted()))
+
+    def test_without_its_library_it_says_what_to_do(self):
+        done = subprocess.run([sys.executable, "-B", "-c", "import quenor"], capture_output=True,
+                              text=True, env={**os.environ, "QUENOR_LIBRARY": "/no/libquenor.so.0"})
+        self.assertEqual(1, done.returncode)
+        self.assertRegex(done.stderr, "ImportError: quenor: .*/no/libquenor.so.0.*install libquenor0")
+
+    def test_types(self):
+        if shutil.which("mypy") is None:
+            self.skipTest("no mypy; install it")
+        user = pathlib.Path(self.folder, "user.py")
+        user.write_text("import quenor\n"
+                        "with quenor.Reporter('a', 'https://b/', cache='file') as reporter:\n"
+                        "    number: int = reporter.send(b'x', now=True)\n"
+                        "    reporter.send('text')\n"
+                        "    kept: str = reporter.stop(1).kept\n"
+                        "quenor.Reporter('a', 'https://b/', cache='disk')\n")
+        cache = pathlib.Path(self.folder, "cache")
+        self.run_alone("mypy", "--strict", "--cache-dir", cache, ROOT / "python/quenor")
+        done = subprocess.run(["mypy", "--strict", "--cache-dir", cache, user], cwd=self.folder,
+                              env={**os.environ, "MYPYPATH": ROOT / "python"},
+                              capture_output=True, text=True)
+        self.assertEqual(["4", "5", "6"], re.findall(r"^user.py:(\d+): error", done.stdout, re.M),
+                         done.stdout + done.stderr)
+
+
+if __name__ == "__main__":
+    support.main()
