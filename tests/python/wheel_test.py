@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """The wheel: the same bytes wherever it is made, and all that a user needs beside Python."""
-import os, pathlib, re, shutil, subprocess, sys, zipfile
+import ctypes, os, pathlib, re, shutil, subprocess, sys, zipfile
 
 import support
 from support import PATIENCE_S, sha256
@@ -65,6 +65,24 @@ class WheelTest(support.Case):
                               text=True, env={**os.environ, "QUENOR_LIBRARY": "/no/libquenor.so.0"})
         self.assertEqual(1, done.returncode)
         self.assertRegex(done.stderr, "ImportError: quenor: .*/no/libquenor.so.0.*install libquenor0")
+
+    def test_structures_are_the_headers(self):
+        from quenor import _library
+        lines, mine = [], []
+        for name in ("Update", "Tuning", "Options", "SendOptions", "Outcome"):
+            structure = getattr(_library, name)
+            theirs = "quenor_" + re.sub(r"\B(?=[A-Z])", "_", name).lower()
+            for field, _ in structure._fields_:
+                lines.append(f"offsetof({theirs}, {field})")
+                mine.append(getattr(structure, field).offset)
+            lines.append(f"sizeof({theirs})")
+            mine.append(ctypes.sizeof(structure))
+        source = pathlib.Path(self.folder, "layout.c")
+        source.write_text('#include <stdio.h>\n#include "quenor/reporter.h"\nint main(void) {\n' +
+                          "".join(f'printf("%zu\\n", {line});\n' for line in lines) + "return 0; }\n")
+        self.run_alone("cc", "-I", ROOT / "c", source, "-o", "layout")
+        theirs = [int(line) for line in self.run_alone("./layout").split()]
+        self.assertEqual(list(zip(lines, theirs)), list(zip(lines, mine)))
 
     def test_types(self):
         if shutil.which("mypy") is None:
