@@ -9,6 +9,7 @@ function(quenor_library name)
     add_library(quenor_${name} STATIC ${A_SRCS})
     set(scope PUBLIC)
     quenor_library_flags(quenor_${name})
+    set_property(GLOBAL APPEND PROPERTY QUENOR_ARCHIVES quenor_${name})
     # Of what comes out of the archive, templates of the C++ library included, a shared object that
     # embeds it exports nothing.
     target_link_options(quenor_${name} INTERFACE LINKER:--exclude-libs,libquenor_${name}.a)
@@ -19,10 +20,9 @@ function(quenor_library name)
   target_include_directories(quenor_${name} ${scope}
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_link_libraries(quenor_${name} ${scope} ${A_DEPS})
-  if(QUENOR_INSTALL)
-    install(TARGETS quenor_${name} EXPORT quenorTargets
-      ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-  endif()
+  # Always in the export set: a host that exports a target over this one could not be configured else.
+  install(TARGETS quenor_${name} EXPORT quenorTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    COMPONENT quenor_dev ${QUENOR_IF_ASKED})
 endfunction()
 
 # quenor_service(<name> [FOLDER folder] [SRCS ...] [SMALL_SRCS ...] [LIBS ...] [INCLUDES ...])
@@ -49,6 +49,11 @@ function(quenor_flags target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow -Wnon-virtual-dtor
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
     $<$<BOOL:${QUENOR_WERROR}>:-Werror>)
+  # Built in another folder: the same bytes. Sanitizers, fuzzers and debuggers need real paths.
+  if(NOT QUENOR_SANITIZE AND NOT QUENOR_BUILD_FUZZERS)
+    target_compile_options(${target} PRIVATE
+      "$<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=;-ffile-prefix-map=${PROJECT_BINARY_DIR}=.>")
+  endif()
   if(QUENOR_BUILD_FUZZERS)
     target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
     target_link_options(${target} PUBLIC -fsanitize=fuzzer-no-link)
