@@ -28,6 +28,7 @@ PARTS = {  # Started in this order.
     "model": "model checking",
     "random": "a million random steps, a hundred thousand payloads",
     "compiling": "projects that compile the library, or the contracts' suites, themselves",
+    "abi": "what programs that were built before would find in the shared library",
     "coverage": "what the fuzzers' inputs reach",
     "hosts": "hosts files of several machines",
     "checks": "format, layers, documentation, thread safety",

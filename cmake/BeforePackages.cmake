@@ -1,0 +1,15 @@
+# Run by cpack over what it has installed for the packages. No names or times go into what it writes.
+set(roots ${CPACK_TEMPORARY_DIRECTORY}/*/usr)
+file(GLOB_RECURSE documents ${roots}/share/man/*.1 ${roots}/share/doc/*/changelog ${roots}/share/doc/*/NEWS)
+if(documents)
+  execute_process(COMMAND gzip -9n ${documents} COMMAND_ERROR_IS_FATAL ANY)
+endif()
+file(GLOB_RECURSE archives ${roots}/lib/*.a)
+if(archives)
+  execute_process(COMMAND strip -D --strip-debug -R .comment -R .note ${archives}
+    COMMAND_ERROR_IS_FATAL ANY)
+endif()
+file(GLOB_RECURSE programs ${roots}/bin/* ${roots}/lib/*.so.*.*.*)
+if(programs)
+  execute_process(COMMAND strip -D -R .comment ${programs} COMMAND_ERROR_IS_FATAL ANY)
+endif()
