@@ -97,11 +97,14 @@ void ReportEvents::SetListener(ReportEventListener* listener) {
   });
 }
 
-bool ReportEvents::AddListener(ReportEventListener* listener) {
+bool ReportEvents::AddListener(ReportEventListener* listener, uint64_t* newest_before) {
   bool is_there = false;
   ChangeAlone("AddListener", [&](Slots& slots) {
-    is_there = listener != nullptr &&
-               (Replace(slots, listener, listener) || Replace(slots, nullptr, listener));
+    if (listener == nullptr) return;
+    const bool is_new = !Replace(slots, listener, listener);
+    is_there = !is_new || Replace(slots, nullptr, listener);
+    // A message of a higher id is told of behind this change, as its id is given before.
+    if (is_new && is_there && newest_before != nullptr) *newest_before = NewestMessage();
     has_listener_.store(AreAny(slots), std::memory_order_relaxed);
   });
   return is_there;

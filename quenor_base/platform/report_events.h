@@ -80,6 +80,7 @@ struct ReportEvent {
   uint32_t max_resend_count = 0;    // kRetuned.
   uint32_t report_interval_ms = 0;  // kRetuned.
   bool need_cache = false;
+  bool sets_max_resend_count = false;  // kRetuned: the reply brought `max_resend_count`.
 };
 
 class ReportEventListener {
@@ -103,7 +104,11 @@ class ReportEvents {
   // that is there already stays as it is. False for null, when kMostListeners are there, and inside
   // a listener.
   static constexpr size_t kMostListeners = 8;
-  static bool AddListener(ReportEventListener* listener);
+  static bool AddListener(ReportEventListener* listener) { return AddListener(listener, nullptr); }
+  // Once it is added, and before it is told of anything, writes to `*newest_before` which message
+  // was the newest then: who leaves out that one and all with lower ids is told of every other one
+  // from its hand-over on. May be null; left alone for a listener that is there already.
+  static bool AddListener(ReportEventListener* listener, uint64_t* newest_before);
   // Takes away what AddListener() added. When it returns, the listener is not being called and
   // never will be. Not from a listener.
   static void RemoveListener(ReportEventListener* listener);
@@ -120,6 +125,9 @@ class ReportEvents {
     const uint64_t id = last_message_id_.fetch_add(1, std::memory_order_relaxed) + 1;
     return {id, base::MonotonicNs(), is_delayed, is_loaded};
   }
+
+  // Any thread. The id of the newest message; 0 when there has been none.
+  static uint64_t NewestMessage() { return last_message_id_.load(std::memory_order_relaxed); }
 
   // Any thread, also from a listener. Tells every listener, if there is one.
   static void Tell(const ReportEvent& event);

@@ -13,6 +13,8 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -213,6 +215,48 @@ TYPED_TEST_P(ReportEventsConformance, TellsInsideACallWhileAnotherThreadChangesT
   }
 }
 
+TYPED_TEST_P(ReportEventsConformance, ALaterListenerIsToldOfAllThatComesBehindTheNewestMessage) {
+  CountingListener first;
+  TypeParam::SetListener(&first);
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 3; ++i) {
+    threads.emplace_back([&] {
+      while (!stop.load()) {
+        const MessageTag tag = TypeParam::NewMessage(false, false);
+        for (const auto kind : {ReportEventKind::kHandedOver, ReportEventKind::kAdmitted}) {
+          TypeParam::Tell({kind, ReportEventCause::kNone, this->channel_name_, tag});
+        }
+      }
+    });
+  }
+
+  for (int round = 0; round < 100; ++round) {
+    std::mutex mutex;
+    std::set<uint64_t> handed_over;
+    int without_begin = 0, whole = 0;
+    uint64_t newest_before = 0;
+    FunctionListener later([&](const ReportEvent& event) {
+      std::lock_guard<std::mutex> hold(mutex);
+      if (event.message.id <= newest_before) return;
+      if (event.kind == ReportEventKind::kHandedOver) {
+        handed_over.insert(event.message.id);
+      } else {
+        ++(handed_over.count(event.message.id) > 0 ? whole : without_begin);
+      }
+    });
+    ASSERT_TRUE(TypeParam::AddListener(&later, &newest_before));
+    for (;; std::this_thread::yield()) {
+      std::lock_guard<std::mutex> hold(mutex);
+      if (whole >= 3) break;
+    }
+    TypeParam::RemoveListener(&later);
+    EXPECT_EQ(0, without_begin);
+  }
+  stop.store(true);
+  for (std::thread& thread : threads) thread.join();
+}
+
 TYPED_TEST_P(ReportEventsConformance, WaitsForACallInProgressBeforeItLetsTheListenerGo) {
   std::promise<void> entered;
   std::promise<void> may_leave;
@@ -339,6 +383,7 @@ REGISTER_TYPED_TEST_SUITE_P(ReportEventsConformance,
                             TellsEveryListenerUntilItIsTakenAway, DoesNotAddOrRemoveInsideAListener,
                             TellsAListenerInsideItsOwnCall,
                             TellsInsideACallWhileAnotherThreadChangesTheListener,
+                            ALaterListenerIsToldOfAllThatComesBehindTheNewestMessage,
                             WaitsForACallInProgressBeforeItLetsTheListenerGo,
                             TellsOnManyThreadsAtOnce, LosesNoEventWhileListenersAreReplaced,
                             ChangesTheListenerThoughOthersNeverStopTelling,

@@ -71,7 +71,8 @@ void ChannelEvents::Admitted(const Message& message, const CopyOnWriteBuffer& or
 }
 
 void ChannelEvents::Loaded(Message* message) const {
-  if (ReportEvents::HasListener()) message->data.set_tag(ReportEvents::NewMessage(false, /*is_loaded=*/true));
+  if (!ReportEvents::HasListener()) return;
+  message->data.set_tag(ReportEvents::NewMessage(/*is_delayed=*/false, /*is_loaded=*/true));
   TellMessage(Kind::kLoaded, Cause::kNone, channel_name_, *message, 0);
 }
 
@@ -117,12 +118,13 @@ void ChannelEvents::Saved(uint32_t count, bool is_complete) const {
 }
 
 void ChannelEvents::Retuned(uint32_t send_interval_ms, uint32_t max_resend_count,
-                            uint32_t report_interval_ms) const {
+                            uint32_t report_interval_ms, bool sets_max_resend_count) const {
   if (!ReportEvents::HasListener()) return;
   ReportEvent event{Kind::kRetuned, Cause::kNone, channel_name_};
   event.send_interval_ms = send_interval_ms;
   event.max_resend_count = max_resend_count;
   event.report_interval_ms = report_interval_ms;
+  event.sets_max_resend_count = sets_max_resend_count;
   ReportEvents::Tell(event);
 }
 

@@ -51,8 +51,8 @@ class ChannelEvents {
                 bool cache_is_whole) const;
 
   void Saved(uint32_t count, bool is_complete) const;
-  void Retuned(uint32_t send_interval_ms, uint32_t max_resend_count,
-               uint32_t report_interval_ms) const;
+  void Retuned(uint32_t send_interval_ms, uint32_t max_resend_count, uint32_t report_interval_ms,
+               bool sets_max_resend_count) const;
 
  private:
   MessageTag TellHandedOver(const uint8_t* data, uint32_t size, bool need_cache,

@@ -231,13 +231,13 @@ void ReliableReportChannelHttps::HandOver(const char* operation, int line, const
   if (!CheckInitialized(operation, line)) return refuse(ReportEventCause::kNotInitialized);
   // An empty one has room, so that it has a place for its tag.
   CopyOnWriteBuffer body = size > 0 ? CopyOnWriteBuffer(data, size) : CopyOnWriteBuffer(0, 1);
-  if (body.size() != size) {
+  body.set_tag(tag);
+  if (body.size() != size || body.tag().id != tag.id) {
     LocalLog(2, kSourcePath, line,
              "%s, no memory to copy a message of %u bytes; it is refused, hand it over again later",
              operation, size);
     return refuse(ReportEventCause::kOutOfMemory);
   }
-  body.set_tag(tag);
   const std::shared_ptr<DispatchQueue> queue = Queue();
   if (queue == nullptr) return refuse(ReportEventCause::kQueueGone);
   AdmissionTask task(StrongThis(), std::move(body), need_cache, send_now);
@@ -533,9 +533,9 @@ void ReliableReportChannelHttps::HandleResponse(const char* body, uint32_t size,
   if (max_resend_count > 0) max_resend_count_ = static_cast<uint32_t>(max_resend_count);
   const int report_duration = reply->FindIntKey("uint32_report_duration").value_or(0);
   if (report_duration > 0) report_interval_ms_.store(static_cast<uint32_t>(report_duration) * 1000);
-  if (send_interval > 0 || max_resend_count > 0 || report_duration > 0) {
-    Events().Retuned(resend_interval_ms_, max_resend_count_, report_interval_ms_.load());
-  }
+  if (send_interval <= 0 && max_resend_count <= 0 && report_duration <= 0) return;
+  Events().Retuned(resend_interval_ms_, max_resend_count_, report_interval_ms_.load(),
+                   max_resend_count > 0);
 }
 
 // Statistics --------------------------------------------------------------------------------------

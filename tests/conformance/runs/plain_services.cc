@@ -141,12 +141,13 @@ void ReportEvents::SetListener(ReportEventListener* listener) {
   });
 }
 
-bool ReportEvents::AddListener(ReportEventListener* listener) {
+bool ReportEvents::AddListener(ReportEventListener* listener, uint64_t* newest_before) {
   return ChangeListeners("AddListener", &has_listener_, [&] {
     auto& all = more_listeners;
     const bool is_there = std::find(all.begin(), all.end(), listener) != all.end();
     if (listener == nullptr || is_there || all.size() == kMostListeners) return is_there;
     all.push_back(listener);
+    if (newest_before != nullptr) *newest_before = NewestMessage();
     return true;
   });
 }

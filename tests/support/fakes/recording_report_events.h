@@ -33,6 +33,7 @@ struct RecordedEvent {
   uint32_t report_interval_ms;
   bool need_cache;
   uint64_t message_id;
+  bool sets_max_resend_count;
 };
 
 std::ostream& operator<<(std::ostream& out, const RecordedEvent& event);
