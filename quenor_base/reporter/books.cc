@@ -42,15 +42,17 @@ bool IsBeforeAdmission(const ReportEvent& event) {
 
 uint64_t BooksEntry::Refused() const { return Sum(refused); }
 uint64_t BooksEntry::Dropped() const { return Sum(dropped); }
+uint64_t BooksEntry::FailedAttempts() const { return Sum(failed_by_status) + Sum(failed_by_state); }
 bool BooksEntry::Closes() const {
   return handed_over + loaded ==
          Refused() + acknowledged + Dropped() + rejected + kept + Outstanding();
 }
 
 void Books::Note(const ReportEvent& event, int64_t now_ns, bool is_rejected) {
-  if (IsAboutAMessage(event.kind) && event.message.id == 0) return;  // It came before the books.
-  Add(&events_[static_cast<size_t>(event.kind)][static_cast<size_t>(event.cause)], uint64_t{1});
-  if (is_rejected) Add(&rejected_, uint64_t{1});
+  // It came before the books; 0: before anybody listened.
+  if (IsAboutAMessage(event.kind) && event.message.id <= newest_before_) return;
+  Count& of_its_kind = events_[static_cast<size_t>(event.kind)][static_cast<size_t>(event.cause)];
+  Add(is_rejected ? &rejected_ : &of_its_kind, uint64_t{1});
   NoteMove(event);
   if (event.kind == Kind::kHandedOver) Add(&bytes_handed_over_, uint64_t{event.size});
   if (event.kind == Kind::kFailed) NoteFailure(event);
@@ -106,11 +108,11 @@ void Books::NoteFailure(const ReportEvent& event) {
 }
 
 void Books::NoteLatency(int64_t ns) {
-  const int64_t ms = std::max<int64_t>(ns, 0) / 1000000;
+  const int64_t us = std::max<int64_t>(ns, 0) / 1000;
   const auto& bounds = BooksEntry::kLatencyBoundsMs;
-  const auto bound = std::lower_bound(bounds.begin(), bounds.end(), ms);
+  const auto bound = std::lower_bound(bounds.begin(), bounds.end(), (us + 999) / 1000);
   Add(&latency_[static_cast<size_t>(bound - bounds.begin())], uint64_t{1});
-  Add(&latency_sum_ms_, static_cast<uint64_t>(ms));
+  Add(&latency_sum_us_, static_cast<uint64_t>(us));
 }
 
 BooksEntry Books::Read() const {
@@ -128,7 +130,6 @@ BooksEntry Books::Read() const {
   entry.rejected = rejected_.load(kRelaxed);
   copy(events_[static_cast<size_t>(Kind::kRefused)], &entry.refused);
   copy(events_[static_cast<size_t>(Kind::kDropped)], &entry.dropped);
-  entry.dropped[static_cast<size_t>(Cause::kResendLimit)] -= entry.rejected;
   entry.kept = of(Kind::kKept);
   entry.delayed = AtLeastZero(delayed_.load(kRelaxed));
   entry.pending = AtLeastZero(pending_.load(kRelaxed));
@@ -142,7 +143,7 @@ BooksEntry Books::Read() const {
   entry.failed_saves = of(Kind::kNotSaved);
   entry.retunings = of(Kind::kRetuned);
   copy(latency_, &entry.latency);
-  entry.latency_sum_ms = latency_sum_ms_.load(kRelaxed);
+  entry.latency_sum_ms = latency_sum_us_.load(kRelaxed) / 1000;
   const uint64_t failure = last_failure_.load(kRelaxed);
   entry.last_failure_state = static_cast<int>(failure & ((1u << kStateBits) - 1));
   entry.last_failure_status = static_cast<int>(failure >> kStateBits & ((1u << kStatusBits) - 1));

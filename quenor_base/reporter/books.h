@@ -1,8 +1,8 @@
 // Books: what became of messages, counted from their events: of one reporter, or of the process.
-// They close: what was handed over or loaded is refused, acknowledged, dropped or kept, or is
-// delayed, pending or in flight, at every instant at which no event is on its way.
-// Threads: any; nothing waits for anything. A copy of the numbers that is taken while events are
-// told may be a few messages off in itself; the next one is not.
+// They close: what was handed over or loaded is refused, acknowledged, rejected, dropped or kept,
+// or is delayed, pending or in flight, at every instant at which no event is on its way. Threads:
+// any; nothing waits for anything. A copy of the numbers that is taken while events are told may be
+// a few messages off in itself; the next one is not.
 #ifndef QUENOR_BASE_REPORTER_BOOKS_H_
 #define QUENOR_BASE_REPORTER_BOOKS_H_
 
@@ -18,7 +18,7 @@ QUENOR_NAMESPACE_BEGIN
 // Counts of messages unless they say something else; all since the books were opened.
 struct BooksEntry {
   static constexpr size_t kCauses = static_cast<size_t>(ReportEventCause::kReplaced) + 1;
-  static constexpr size_t kHttpStates = 6;  // HttpClient::State.
+  static constexpr size_t kHttpStates = 5;  // HttpClient::State.
   // From hand-over to acknowledgement; the last one has no upper bound.
   static constexpr std::array<int64_t, 15> kLatencyBoundsMs = {
       10,    50,    100,   250,    500,    1000,    2500,    5000,
@@ -56,14 +56,19 @@ struct BooksEntry {
   int last_failure_state = 0;   // HttpClient::State.
 
   uint64_t Refused() const;
-  // Lost at a channel's end included.
+  // Lost before admission (kNotCompressed, kNeverRun) and at a channel's end (kTerminated)
+  // included.
   uint64_t Dropped() const;
+  uint64_t FailedAttempts() const;
   uint64_t Outstanding() const { return delayed + pending + in_flight; }
   bool Closes() const;
 };
 
 class Books {
  public:
+  // 0 at first. For ReportEvents::AddListener(), or written before the first Note(): of that
+  // message and of all with lower ids nothing is noted, as their beginning was not.
+  uint64_t* newest_before() { return &newest_before_; }
   // `is_rejected`: the drop that is told is that of a message that the server refused for good.
   void Note(const ReportEvent& event, int64_t now_ns, bool is_rejected);
   BooksEntry Read() const;
@@ -76,6 +81,7 @@ class Books {
   void NoteFailure(const ReportEvent& event);
   void NoteLatency(int64_t ns);
 
+  uint64_t newest_before_ = 0;
   static constexpr size_t kKinds = static_cast<size_t>(ReportEventKind::kNotSaved) + 1;
   // Events of each kind, by cause.
   std::array<std::array<Count, BooksEntry::kCauses>, kKinds> events_{};
@@ -89,7 +95,7 @@ class Books {
   std::array<Count, 10> failed_by_status_{};
   std::array<Count, BooksEntry::kHttpStates> failed_by_state_{};
   std::array<Count, BooksEntry::kLatencyBoundsMs.size() + 1> latency_{};
-  Count latency_sum_ms_{0};
+  Count latency_sum_us_{0};
   // Time, status and state in one, so that they belong together.
   Count last_failure_{0};
 };

@@ -1,6 +1,7 @@
 #include "quenor_base/reporter/exposition.h"
 
-#include <cstdio>
+#include <algorithm>
+#include <string_view>
 
 QUENOR_NAMESPACE_BEGIN
 namespace {
@@ -8,23 +9,48 @@ namespace {
 using Cause = ReportEventCause;
 using AllBooks = std::vector<std::pair<std::string, BooksEntry>>;
 
-std::string Escaped(const std::string& label) {
+// Bytes of the UTF-8 character that `text` begins with, 0 if it begins with none.
+size_t LengthOfCharacter(std::string_view text) {
+  const auto byte = [text](size_t i) { return i < text.size() ? text[i] & 0xffu : 0u; };
+  const unsigned first = byte(0);
+  const size_t length = first < 0x80   ? 1
+                        : first < 0xc2 ? 0
+                        : first < 0xe0 ? 2
+                        : first < 0xf0 ? 3
+                                       : 4;
+  for (size_t i = 1; i < length; ++i) {
+    if (byte(i) >> 6 != 2) return 0;
+  }
+  // Longer than need be, a surrogate, or past the last character.
+  const unsigned two = first << 8 | byte(1);
+  const bool is_none = (length == 3 && (two < 0xe0a0 || (two >= 0xeda0 && two < 0xee00))) ||
+                       (length == 4 && (two < 0xf090 || two >= 0xf490));
+  return is_none ? 0 : length;
+}
+
+// A byte that is none of a character's becomes its number: scrapers refuse the whole text
+// otherwise.
+std::string Escaped(std::string_view label) {
+  constexpr char kDigits[] = "0123456789ABCDEF";
   std::string escaped;
-  for (const char c : label) {
-    if (c == '\n') {
+  for (size_t length; !label.empty(); label.remove_prefix(std::max<size_t>(length, 1))) {
+    const char c = label.front();
+    length = LengthOfCharacter(label);
+    if (length == 0) {
+      escaped += {'%', kDigits[(c >> 4) & 15], kDigits[c & 15]};
+    } else if (c == '\n') {
       escaped += "\\n";
-      continue;
+    } else {
+      if (c == '\\' || c == '"') escaped += '\\';
+      escaped += label.substr(0, length);
     }
-    if (c == '\\' || c == '"') escaped += '\\';
-    escaped += c;
   }
   return escaped;
 }
 
+// Without printf(), which heeds the host's locale.
 std::string Seconds(uint64_t ms) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.3f", static_cast<double>(ms) / 1000);
-  return text;
+  return std::to_string(ms / 1000) + "." + std::to_string(1000 + ms % 1000).substr(1);
 }
 
 // One metric: its head once, then its samples.
@@ -77,8 +103,9 @@ void WriteFailures(const AllBooks& all, std::string* out) {
       out, "quenor_attempts_failed_total", "counter",
       "Exchanges that failed, by the HTTP status or by how they ended without one.");
   for (const auto& [name, books] : all) {
-    for (size_t hundreds = 1; hundreds < books.failed_by_status.size(); ++hundreds) {
-      if (hundreds > 5 && books.failed_by_status[hundreds] == 0) continue;
+    for (size_t hundreds = 0; hundreds < books.failed_by_status.size(); ++hundreds) {
+      const bool is_rare = hundreds < 1 || hundreds > 5;
+      if (is_rare && books.failed_by_status[hundreds] == 0) continue;
       metric.Sample(name, "reason=\"status_" + std::to_string(hundreds) + "xx\"",
                     books.failed_by_status[hundreds]);
     }

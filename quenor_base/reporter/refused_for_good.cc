@@ -28,9 +28,12 @@ bool RefusedForGood::IsRejection(const ReportEvent& event) const {
 bool RefusedForGood::OnEvent(const ReportEvent& event, uint32_t* limit) {
   const uint64_t id = event.message.id;
   if (event.kind == Kind::kRetuned) {
-    // The server's word counts, and has just replaced a lowered limit. Unless it has said nothing
-    // of it: then the reply tells the one that is in force.
-    if (event.max_resend_count != in_force_) limit_ = in_force_ = event.max_resend_count;
+    if (!event.sets_max_resend_count) return false;
+    // It is in force at once. One that was to be set before may still be on its way and will
+    // replace it, so it is set behind that once more.
+    limit_ = event.max_resend_count;
+    *limit = in_force_ = Wanted();
+    return true;
   } else if (id == 0) {
     return false;
   } else if (event.kind == Kind::kSent || event.kind == Kind::kFailed) {

@@ -117,7 +117,7 @@ class Reporter::Core final : public EventReceiver, public std::enable_shared_fro
     return true;
   }
 
-  Verdict OnEvent(const ReportEvent& event, int64_t now_ns) override;
+  void OnEvent(const ReportEvent& event, int64_t now_ns, Books* process_books) override;
 
  private:
   using Channel = ReliableReportChannelHttps;
@@ -141,7 +141,7 @@ class Reporter::Core final : public EventReceiver, public std::enable_shared_fro
   bool Reserve();
   void Free();
   void OnGone();
-  Verdict OnOwnProbe(const ReportEvent& event);
+  void OnOwnProbe(const ReportEvent& event);
   bool TellSend(const ReportEvent& event);
   void TellHost(const ReportEvent& event, bool is_rejection);
   bool IsInCallback() const { return in_callback_of == this; }
@@ -310,13 +310,12 @@ Reporter::Sent Reporter::Core::Send(const void* bytes, size_t size, const SendOp
 // Events ------------------------------------------------------------------------------------------
 
 // Nobody but the probe is handed over before the end of the load.
-EventReceiver::Verdict Reporter::Core::OnOwnProbe(const ReportEvent& event) {
-  if (event.kind == Kind::kHandedOver) return Verdict::kOwn;
+void Reporter::Core::OnOwnProbe(const ReportEvent& event) {
+  if (event.kind == Kind::kHandedOver) return;
   is_starting_ = false;
   std::lock_guard<std::mutex> hold(mutex_);
   probe_end_ = event.cause;
   changed_.notify_all();
-  return Verdict::kOwn;
 }
 
 // True when Send() is at it, on this thread, and says it.
@@ -331,7 +330,7 @@ bool Reporter::Core::TellSend(const ReportEvent& event) {
   return now->id == event.message.id;
 }
 
-EventReceiver::Verdict Reporter::Core::OnEvent(const ReportEvent& event, int64_t now_ns) {
+void Reporter::Core::OnEvent(const ReportEvent& event, int64_t now_ns, Books* process_books) {
   if (is_starting_ && IsBeforeStore(event)) return OnOwnProbe(event);
   bool is_rejection = false;
   const bool is_told_by_send = IsBeforeStore(event) && TellSend(event);
@@ -341,14 +340,16 @@ EventReceiver::Verdict Reporter::Core::OnEvent(const ReportEvent& event, int64_t
     const bool is_to_be_set = refused_.OnEvent(event, &limit);
     if (is_to_be_set) WithChannel([limit](Channel* channel) { channel->SetMaxResendCount(limit); });
   }
+  process_books->Note(event, now_ns, is_rejection);
   books_.Note(event, now_ns, is_rejection);
   if (event.kind == Kind::kLoaded) ++outstanding_;
   if (event.kind == Kind::kLoaded) ++kept_in_file_;
   if (event.kind == Kind::kSaved) kept_in_file_ = event.count;
+  // Which of them the last complete save holds nobody knows any more.
+  if (event.kind == Kind::kNotSaved) kept_in_file_ = 0;
   if (!is_told_by_send) TellHost(event, is_rejection);
   // Last: who waits for it finds the books and the host told.
   if (IsEnd(event.kind)) Free();
-  return is_rejection ? Verdict::kRejection : Verdict::kCounts;
 }
 
 void Reporter::Core::TellHost(const ReportEvent& event, bool is_rejection) {

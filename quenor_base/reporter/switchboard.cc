@@ -12,6 +12,11 @@ struct Switchboard::Listener final : ReportEventListener {
   void OnReportEvent(const ReportEvent& event) override { OfProcess().Pass(event); }
 };
 
+// In a child the listener is there already; what the parent has handed over is none of its books'.
+Switchboard::Switchboard(Switchboard* parents) {
+  if (parents != nullptr) *books_.newest_before() = ReportEvents::NewestMessage();
+}
+
 Switchboard& Switchboard::OfProcess() {
   static base::OnePerProcess<Switchboard> switchboard;
   return switchboard.Get();
@@ -20,9 +25,8 @@ Switchboard& Switchboard::OfProcess() {
 Switchboard::Joined Switchboard::Join(const std::string& channel_name,
                                       std::shared_ptr<EventReceiver> receiver) {
   static std::atomic<Listener*> listener{nullptr};
-  if (!ReportEvents::AddListener(base::FindOrMake(&listener, [] { return new Listener; }))) {
-    return Joined::kNoListener;
-  }
+  Listener* const the_one = base::FindOrMake(&listener, [] { return new Listener; });
+  if (!ReportEvents::AddListener(the_one, books_.newest_before())) return Joined::kNoListener;
   std::unique_lock<std::shared_mutex> hold(mutex_);
   const bool is_new = receivers_.emplace(channel_name, std::move(receiver)).second;
   return is_new ? Joined::kDone : Joined::kNameTaken;
@@ -48,10 +52,8 @@ void Switchboard::Pass(const ReportEvent& event) {
     const auto found = receivers_.find(event.channel_name);
     if (found != receivers_.end()) receiver = found->second;
   }
-  const auto verdict =
-      receiver != nullptr ? receiver->OnEvent(event, now_ns) : EventReceiver::Verdict::kCounts;
-  if (verdict == EventReceiver::Verdict::kOwn) return;
-  books_.Note(event, now_ns, verdict == EventReceiver::Verdict::kRejection);
+  if (receiver != nullptr) return receiver->OnEvent(event, now_ns, &books_);
+  books_.Note(event, now_ns, /*is_rejected=*/false);
 }
 
 QUENOR_NAMESPACE_END

@@ -21,19 +21,15 @@ QUENOR_NAMESPACE_BEGIN
 class EventReceiver {
  public:
   virtual ~EventReceiver() = default;
-  enum class Verdict {
-    kCounts,     // Of the books.
-    kRejection,  // The drop of what the server has refused for good.
-    kOwn,        // No message of anybody's: the receiver's own business.
-  };
-  // As ReportEventListener::OnReportEvent().
-  virtual Verdict OnEvent(const ReportEvent& event, int64_t now_ns) = 0;
+  // As ReportEventListener::OnReportEvent(). Notes the event in `process_books`, too, before
+  // anybody learns of it, unless it is of no message of anybody's.
+  virtual void OnEvent(const ReportEvent& event, int64_t now_ns, Books* process_books) = 0;
   virtual BooksEntry ReadBooks() const = 0;
 };
 
 class Switchboard {
  public:
-  explicit Switchboard(Switchboard*) {}  // For OfProcess().
+  explicit Switchboard(Switchboard* parents);  // For OfProcess().
   static Switchboard& OfProcess();
 
   enum class Joined { kDone, kNameTaken, kNoListener };

@@ -31,6 +31,7 @@
 #include "quenor_base/platform/report_events.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
 #include "quenor_base/platform/thread_manager.h"
+#include "quenor_base/reporter/books.h"
 
 namespace quenor::test {
 namespace {
@@ -68,6 +69,7 @@ void AnnounceEnd(const Kept& kept) {
 class Books : public ReportEventListener {
  public:
   void OnReportEvent(const ReportEvent& event) override {
+    library_.Note(event, base::MonotonicNs(), /*is_rejected=*/false);
     std::string end_by;
     Kept kept;
     {
@@ -134,7 +136,9 @@ class Books : public ReportEventListener {
            count("acknowledged", ReportEventKind::kAcknowledged) +
            count("failed", ReportEventKind::kFailed) + count("dropped", ReportEventKind::kDropped) +
            count("refused", ReportEventKind::kRefused) + count("kept", ReportEventKind::kKept) +
-           count("loaded", ReportEventKind::kLoaded);
+           count("loaded", ReportEventKind::kLoaded) +
+           "closes=" + std::to_string(library_.Read().Closes()) +
+           " outstanding=" + std::to_string(library_.Read().Outstanding());
   }
 
  private:
@@ -144,6 +148,7 @@ class Books : public ReportEventListener {
     return saved;
   }
 
+  quenor::Books library_;  // Any thread.
   std::mutex mutex_;
   std::condition_variable changed_;
   std::map<ReportEventKind, uint64_t> counts_;

@@ -93,6 +93,7 @@ class SoakTest(support.Case):
         # A message comes again only after an attempt whose answer did not arrive.
         self.assertLessEqual(duplicates, counts["failed"])
         self.assertEqual((0, 0), (counts["dropped"], counts["refused"]))
+        self.assertEqual((1, 0), (counts["closes"], counts["outstanding"]), "the library's books")
         # A queue for each channel, the HTTP client and its watch, main; a sanitizer has one of its own.
         self.assertLessEqual(figures["threads"][2], CHANNELS + (4 if SANITIZED else 3))
         # A file for each channel, six connections with their successors, and a few.

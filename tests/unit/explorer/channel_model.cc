@@ -496,6 +496,7 @@ void ChannelModel::Apply(const ModelReply& reply) {
   events_.back().send_interval_ms = resend_interval_ms;
   events_.back().max_resend_count = max_resend_count;
   events_.back().report_interval_ms = report_interval_ms;
+  events_.back().sets_max_resend_count = reply.max_resend_count > 0;
 }
 
 void ChannelModel::Retry(const ModelResponse& response, ModelMessage message) {
@@ -577,10 +578,9 @@ void ChannelModel::SaveCache() {
     cache.calls.push_back("append " + std::to_string(packet->size()));
     if (Fails(&cache.append_failure)) cache.whole = false;
   }
-  if (!cache.whole) return;
-  Tell(Kind::kSaved, Cause::kNone, ModelMessage(), std::string());
+  Tell(cache.whole ? Kind::kSaved : Kind::kNotSaved, Cause::kNone, ModelMessage(), std::string());
   events_.back().count = static_cast<uint32_t>(packets.size());
-  cache.packets = std::move(packets);
+  if (cache.whole) cache.packets = std::move(packets);
 }
 
 void ChannelModel::CloseCache() {

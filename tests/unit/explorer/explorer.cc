@@ -46,7 +46,8 @@ bool SameEvent(const RecordedEvent& a, const RecordedEvent& b) {
          a.send_count == b.send_count && a.http_state == b.http_state &&
          a.status_code == b.status_code && a.count == b.count &&
          a.send_interval_ms == b.send_interval_ms && a.max_resend_count == b.max_resend_count &&
-         a.report_interval_ms == b.report_interval_ms && a.need_cache == b.need_cache;
+         a.report_interval_ms == b.report_interval_ms && a.need_cache == b.need_cache &&
+         a.sets_max_resend_count == b.sets_max_resend_count;
 }
 
 // A dropped queue destroys its deadlines in no particular order.
@@ -552,6 +553,7 @@ base::TimeDelta Explorer::ChooseAnswerDelay() {
 }
 
 void Explorer::OnEvent(const ReportEvent& event) {
+  books_.Note(event, event.message.handed_over_ns, /*is_rejected=*/false);
   switch (event.kind) {
     case Kind::kHandedOver:
       ++handed_over_;
@@ -584,6 +586,8 @@ void Explorer::OnEvent(const ReportEvent& event) {
       return Saw("loaded");
     case Kind::kSaved:
       return Saw("saved");
+    case Kind::kNotSaved:
+      return Saw("not saved");
     case Kind::kRetuned:
       return Saw("retuned");
     case Kind::kDropped:
@@ -792,6 +796,11 @@ void Explorer::CheckBooks() {
   const uint64_t inside = p.pending().size() + p.sending().size() + model_->OnTheWay();
   Same("handed over and loaded less ended",
        handed_over_ + loaded_ - refused_ - acknowledged_ - dropped_ - kept_, inside);
+  const BooksEntry books = books_.Read();
+  Expect(books.Closes(), "the books do not close");
+  Same("what the books have as in flight", books.in_flight, p.sending().size());
+  Same("what they have as delayed and pending", books.delayed + books.pending,
+       p.pending().size() + model_->OnTheWay());
   Expect(model_->has_cache || loaded_ + kept_ == 0, "an event of a cache, where there is none");
   Same("sending_message_needed_count_", p.needed(), counted_[0]);
   Same("sending_message_actual_count_", p.actual(), counted_[1]);

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "quenor_base/reporter/books.h"
 #include "tests/support/channel_test_fixture.h"
 #include "tests/unit/explorer/channel_model.h"
 
@@ -121,7 +122,8 @@ class Explorer {
   uint64_t next_number_ = 0;
   int64_t next_id_ = 1;
   bool refuses_ = false;
-  // The books, from the events alone.
+  Books books_;
+  // Once more, and as plainly as can be.
   uint64_t handed_over_ = 0;
   uint64_t refused_ = 0;
   uint64_t acknowledged_ = 0;

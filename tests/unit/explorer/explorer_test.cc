@@ -49,8 +49,9 @@ std::vector<std::string> Everything() {
                                          "sent",
                                          "statistics line"};
   if (Explorer::HasCache()) {
-    everything.insert(everything.end(), {"cache not opened", "kept", "loaded", "packet unreadable",
-                                         "save failed", "save refused", "saved"});
+    everything.insert(everything.end(),
+                      {"cache not opened", "kept", "loaded", "not saved", "packet unreadable",
+                       "save failed", "save refused", "saved"});
   }
   return everything;
 }

@@ -6,17 +6,18 @@
 
 #include <string>
 
-#include "tests/support/channel_test_fixture.h"
+#include "tests/support/memory_faults.h"
+#include "tests/unit/channel_cache/channel_cache_fixture.h"
 
 namespace quenor::test {
 namespace {
 
-class BooksTest : public ChannelTest, public ReportEventListener {
+class BooksTest : public ChannelCacheTest, public ReportEventListener {
  protected:
   BooksTest() { ReportEvents::AddListener(this); }
   ~BooksTest() override { ReportEvents::RemoveListener(this); }
   void OnReportEvent(const ReportEvent& event) override {
-    books_.Note(event, event.message.handed_over_ns + latency_ms_ * 1000000, false);
+    books_.Note(event, event.message.handed_over_ns + latency_us_ * 1000, false);
   }
   // Asked wherever the queue rests.
   BooksEntry Read() {
@@ -29,7 +30,7 @@ class BooksTest : public ChannelTest, public ReportEventListener {
   }
 
   Books books_;
-  int64_t latency_ms_ = 0;
+  int64_t latency_us_ = 0;
 };
 
 TEST_F(BooksTest, FollowAMessageFromHandOverToItsEnd) {
@@ -44,7 +45,7 @@ TEST_F(BooksTest, FollowAMessageFromHandOverToItsEnd) {
   Answer(0, 500);
   EXPECT_EQ(1u, Read().pending);
   Advance(1000);
-  latency_ms_ = 70;
+  latency_us_ = 70000;
   Answer(1, 200);
 
   const BooksEntry entry = Read();
@@ -133,6 +134,84 @@ TEST_F(BooksTest, CountSavesAndWhatIsKeptAndLoaded) {
   time_.RunUntilIdle();
   EXPECT_EQ(2u, Read().loaded);
   EXPECT_EQ(2u, Read().pending);
+}
+
+// Every way in which a message can end, in the one run, and the books looked at behind each.
+TEST_F(BooksTest, CloseAfterARunWithEveryRefusalAndEveryDrop) {
+  Start(/*compress=*/true);
+  const std::string body(100, 'b');
+  const auto refused = [this](Cause cause) { return Of(Read().refused, cause); };
+  const auto dropped = [this](Cause cause) { return Of(Read().dropped, cause); };
+
+  MemoryFaults::FailMalloc(1);
+  Post("");  // An empty one needs a place for its id.
+  MemoryFaults::FailMalloc(0);
+  EXPECT_EQ(1u, refused(Cause::kOutOfMemory));
+  channel_->SetServerDomain("");
+  Send(body);
+  EXPECT_EQ(1u, refused(Cause::kNoServer));
+  channel_->SetServerDomain(kUrl);
+  Send("ab");
+  EXPECT_EQ(1u, dropped(Cause::kNotCompressed));
+  channel_->SetMaxResendCount(1);
+  Send(body, false, true);
+  Fail(0);
+  EXPECT_EQ(1u, dropped(Cause::kResendLimit));
+  http_.RefuseAll(0);
+  for (int i = 0; i < 201; ++i) Send(body, true);
+  EXPECT_EQ(50u, dropped(Cause::kTrimmed));
+  http_.Accept();
+  http_.ReturnNextIds({77, 77});
+  Tick();
+  Tick();
+  EXPECT_EQ(1u, dropped(Cause::kReplaced));
+  channel_->SendPacketWithDelay(reinterpret_cast<const uint8_t*>("late"), 4, false,
+                                TimeDelta::FromMilliseconds(1000000));
+  Send(body);
+  OnQueue([](Peer peer) { peer.DoTerminate(); });
+  EXPECT_GE(dropped(Cause::kTerminated), 1u);
+  EXPECT_GT(Read().kept, 0u);
+  Send(body);
+  EXPECT_EQ(1u, refused(Cause::kNotRunning));
+  Stop();
+  EXPECT_EQ(1u, dropped(Cause::kNeverRun));
+  Post(body);
+  EXPECT_EQ(1u, refused(Cause::kNotInitialized));
+  peer().SetState(2);
+  Post(body);
+  EXPECT_EQ(1u, refused(Cause::kQueueGone));
+  peer().SetState(0);
+
+  EXPECT_EQ(0u, Read().Outstanding());
+}
+
+// A listener that comes late, as the process's books do.
+TEST_F(BooksTest, LeaveOutWhatWasHandedOverBeforeThem) {
+  Start();
+  ReportEvents::RemoveListener(this);
+  Post("before");
+  ReportEvents::AddListener(this, books_.newest_before());
+  Send("behind");
+  Advance(200);
+  Answer(0, 200);
+  Answer(1, 500);
+
+  EXPECT_EQ(1u, Read().handed_over);
+  EXPECT_EQ(0u, Read().acknowledged);
+  EXPECT_EQ(1u, Read().pending);
+}
+
+TEST_F(BooksTest, PutALatencyUnderTheBoundThatItDoesNotExceed) {
+  Start();
+  for (const int64_t us : {10000, 10001}) {
+    latency_us_ = us;
+    Send("m", false, true);
+    Answer(http_.RequestCount() - 1, 200);
+  }
+
+  EXPECT_EQ(1u, Read().latency[0]);
+  EXPECT_EQ(1u, Read().latency[1]);
+  EXPECT_EQ(20u, Read().latency_sum_ms);
 }
 
 TEST_F(BooksTest, CountRetunings) {

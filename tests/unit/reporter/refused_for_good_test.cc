@@ -150,6 +150,63 @@ TEST_F(RefusedForGoodTest, TheServersLimitHoldsAndComesBack) {
   EXPECT_EQ(30u, peer().max_resend_count());
 }
 
+// Three are in flight: "bad", which goes with its next failure, "good" and another.
+class LoweredLimitTest : public RefusedForGoodTest {
+ protected:
+  void SetUp() override {
+    RefusedForGoodTest::SetUp();
+    Send("bad");
+    for (int refusals = 0; refusals < 5; ++refusals) {
+      Advance(8000);
+      AnswerAll([](const std::string&) { return 403; });
+    }
+    Send("good");
+    Send("another");
+    Advance(24000);
+    ASSERT_EQ(3u, http_.Outstanding().size());
+    lowered_ = peer().max_resend_count();
+    ASSERT_LT(lowered_, 5u);
+  }
+  // The reply to "good", and behind it the last refusal of "bad", or before.
+  void AnswerBoth(const std::string& reply, bool good_first) {
+    const auto answer = [&](const std::string& body, int status) {
+      for (const size_t index : http_.Outstanding()) {
+        if (http_.Requests()[index].body == body) http_.Answer(index, status, reply);
+      }
+    };
+    if (good_first) answer("good", 200);
+    answer("bad", 403);
+    if (!good_first) answer("good", 200);
+    time_.RunUntilIdle();
+    EXPECT_EQ(std::set<std::string>{"bad"}, limiter_.rejected);
+    EXPECT_EQ(std::set<std::string>{"good"}, limiter_.acknowledged);
+  }
+  uint32_t lowered_ = 0;
+};
+
+TEST_F(LoweredLimitTest, TheServersWordIsTakenThoughItIsWhatIsInForce) {
+  AnswerBoth("{\"bytes_errinfo\":\"success\",\"uint32_max_resend_count\":" +
+                 std::to_string(lowered_) + "}",
+             /*good_first=*/true);
+
+  EXPECT_EQ(lowered_, peer().max_resend_count());
+}
+
+TEST_F(LoweredLimitTest, AReplyThatSetsNoLimitLeavesNoneBehind) {
+  AnswerBoth("{\"bytes_errinfo\":\"success\",\"uint32_report_duration\":60}",
+             /*good_first=*/false);
+
+  EXPECT_EQ(kNoLimit, peer().max_resend_count());
+  EXPECT_EQ(kNoLimit, limiter_.policy.limit());
+}
+
+TEST_F(LoweredLimitTest, TheServersWordOutlivesALimitThatIsOnItsWay) {
+  AnswerBoth("{\"bytes_errinfo\":\"success\",\"uint32_max_resend_count\":30}",
+             /*good_first=*/false);
+
+  EXPECT_EQ(30u, peer().max_resend_count());
+}
+
 // Outages, answers in any order and long after, several that are refused: nothing else is dropped.
 TEST_F(RefusedForGoodTest, NothingElseIsDroppedWhateverTheServerDoes) {
   const char* const given = std::getenv("QUENOR_TEST_SEED");

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "quenor_base/data_report/https/reliable_report_channel_https.h"
 #include "quenor_base/platform/local_log.h"
 #include "quenor_base/platform/thread_manager.h"
 #include "tests/conformance/dispatch_queue_conformance.h"
@@ -303,11 +304,41 @@ TEST_F(ReporterTest, InAForkedChildIsTheParentsAndTheChildHasItsOwn) {
     std::string error;
     const auto own = Reporter::Create(options_, &error);
     if (own == nullptr) return 3;
-    return Send(own.get(), "of the child").refusal == Refusal::kNone ? 0 : 4;
+    if (!Send(own.get(), "of the child")) return 4;
+    return Reporter::ReadProcessBooks().handed_over == 1 ? 0 : 5;
   });
 
   EXPECT_EQ(0, result);
   EXPECT_EQ(1u, reporter->Flush(60s).acknowledged);
+}
+
+// A message that was in flight, and known to another listener, before there were any books.
+TEST_F(ReporterTest, TheProcesssBooksCloseThoughAChannelWasAtWorkBefore) {
+  struct Host : ReportEventListener {
+    void OnReportEvent(const ReportEvent&) override {}
+  } host;
+  ReportEvents::SetListener(&host);
+  status_ = 0;
+  auto channel =
+      std::make_shared<ReliableReportChannelHttps>("host", options_.url, 0u, true, false);
+  channel->Initialize();
+  channel->SendPacket(reinterpret_cast<const uint8_t*>("m"), 1, false, true);
+  PollPatiently("it is in flight", [&] { return http_.RequestCount() == 1; });
+  const auto reporter = Create();
+  status_ = 200;
+  EXPECT_TRUE(Send(reporter.get(), "behind"));
+
+  EXPECT_EQ(1u, reporter->Flush(60s).acknowledged);
+  EXPECT_EQ(1u, Reporter::ReadProcessBooks().acknowledged) << "told before the flush is over";
+  channel->Terminate();
+  reporter->Stop(60s);
+
+  EXPECT_TRUE(core::ThreadManager::WaitForDrain(TimeDelta::FromSeconds(60)));
+  const BooksEntry books = Reporter::ReadProcessBooks();
+  EXPECT_TRUE(books.Closes());
+  EXPECT_EQ(1u, books.handed_over);
+  EXPECT_EQ(0u, books.Outstanding());
+  ReportEvents::SetListener(nullptr);
 }
 
 TEST_F(ReporterTest, OperationsOnManyThreadsWhileItStopsLoseNoBook) {
