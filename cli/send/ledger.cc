@@ -1,11 +1,12 @@
 #include "cli/send/ledger.h"
 
-#include <algorithm>
 #include <limits>
+#include <string_view>
 #include <utility>
 
 #include "cli/send/deflate.h"
 #include "cli/text.h"
+#include "quenor_base/platform/base/monotonic_time.h"
 #include "quenor_base/platform/http_client.h"
 
 namespace quenor::cli {
@@ -54,16 +55,9 @@ std::string DropReason(const ReportEvent& event, const std::string& last_failure
   }
 }
 
-// The event is about a message in the channel's store.
-bool IsOfTheStore(const ReportEvent& event) {
-  return event.kind != ReportEventKind::kRefused &&
-         event.cause != ReportEventCause::kNotCompressed &&
-         event.cause != ReportEventCause::kNeverRun;
-}
-
-// The message leaves the channel's store with this event.
-bool EndsInTheStore(const ReportEvent& event) {
-  return event.kind == ReportEventKind::kAcknowledged || event.kind == ReportEventKind::kDropped;
+bool IsEnd(ReportEventKind kind) {
+  return kind == ReportEventKind::kAcknowledged || kind == ReportEventKind::kDropped ||
+         kind == ReportEventKind::kRefused || kind == ReportEventKind::kKept;
 }
 
 // The channel has stopped, or is about to: the message can be handed over to the next one.
@@ -107,49 +101,74 @@ void Ledger::OnReportEvent(const ReportEvent& event) {
 }
 
 bool Ledger::Account(const ReportEvent& event) {
-  const std::string_view bytes = BytesOf(event);
-  if (event.kind == ReportEventKind::kHandedOver) return OnHandedOver(bytes);
-  if (event.kind == ReportEventKind::kRetuned) return OnRetuned(event);
-  if (event.kind == ReportEventKind::kLoaded) return OnLoaded(event);
-  if (event.kind == ReportEventKind::kSaved) return OnSaved();
-  if (event.kind == ReportEventKind::kAdmitted) return OnAdmitted(event);
-  const bool is_probe = !load_over_ && event.kind == ReportEventKind::kRefused && bytes.empty();
-  if (is_probe) return OnProbeRefused(event.cause);
-  const auto stored = IsOfTheStore(event) ? in_store_.find(bytes) : in_store_.end();
-  const bool is_cut = stored != in_store_.end() && stored->second.original == nullptr;
-  const auto entry = is_cut                      ? outstanding_.end()
-                     : stored == in_store_.end() ? outstanding_.find(bytes)
-                                                 : outstanding_.find(*stored->second.original);
-  if (stored != in_store_.end() && EndsInTheStore(event)) Release(stored);
-  if (is_cut) return EndsInTheStore(event);  // There may be room again.
-  if (entry == outstanding_.end()) return false;
-  if (IsOfTheStore(event) && EndsInTheStore(event) && event.need_cache) ForgetSaved(entry);
   switch (event.kind) {
-    case ReportEventKind::kSent:
-      ++counts_.in_flight;
+    case ReportEventKind::kHandedOver:
+      return OnHandedOver(event);
+    case ReportEventKind::kLoaded:
+      return OnLoaded(event);
+    case ReportEventKind::kSaved:
+      Note(event);
+      return OnSaved();
+    case ReportEventKind::kRetuned:
+      Note(event);
+      return OnRetuned(event);
+    case ReportEventKind::kNotSaved:
+      Note(event);
       return false;
-    case ReportEventKind::kRefused:
-      return OnRefused(event, entry);
+    default:
+      break;
+  }
+  if (event.message.id == probe_id_) return OnProbeRefused(event.cause);
+  const auto entry = Find(event.message.id);
+  return entry != entries_.end() && AccountFor(event, entry);
+}
+
+bool Ledger::AccountFor(const ReportEvent& event, Entries::iterator entry) {
+  if (entry->second.is_cut) {
+    if (!IsEnd(event.kind)) return false;
+    --cut_;
+    Remove(entry);
+    return true;  // There may be room again.
+  }
+  switch (event.kind) {
+    case ReportEventKind::kAdmitted:
+      return OnAdmitted(event, entry);
     case ReportEventKind::kAcknowledged:
-      return OnAcknowledged(entry);
-    case ReportEventKind::kFailed:
-      return OnFailed(event);
+      return OnAcknowledged(event, entry);
     case ReportEventKind::kDropped:
       return OnDropped(event, entry);
+    case ReportEventKind::kRefused:
+      Note(event);
+      return OnRefused(event, entry);
+    case ReportEventKind::kFailed:
+      Note(event);
+      return OnFailed(event);
     case ReportEventKind::kKept:
-      if (event.request_id != 0) --counts_.in_flight;
-      return OnKept(entry);
+      // Only what a completed save holds is safe: saves that failed since have left it in place.
+      entry->second.kept = entry->second.saved;
+      kept_ += entry->second.kept;
+      [[fallthrough]];
     default:
+      Note(event);
       return false;
   }
 }
 
-bool Ledger::OnHandedOver(std::string_view bytes) {
-  // Unannounced, it is handed over again and on the books already.
-  if (!expected_ || expected_->bytes != bytes) return false;
-  Add(bytes, std::move(expected_->name), std::move(expected_->id));
-  expected_.reset();
-  ++counts_.handed_over;
+void Ledger::Note(const ReportEvent& event) {
+  books_.Note(event, base::MonotonicNs(), /*is_rejected=*/false);
+}
+
+bool Ledger::OnHandedOver(const ReportEvent& event) {
+  const uint64_t id = event.message.id;
+  if (expected_again_) {  // It is on the books already.
+    first_ids_[id] = *std::exchange(expected_again_, std::nullopt);
+  } else if (expected_) {
+    Note(event);
+    Add(id, {std::move(expected_->name), std::move(expected_->id), std::move(expected_->bytes)});
+    expected_.reset();
+  } else {
+    probe_id_ = id;
+  }
   return false;
 }
 
@@ -160,11 +179,11 @@ bool Ledger::OnProbeRefused(ReportEventCause cause) {
 }
 
 bool Ledger::OnLoaded(const ReportEvent& event) {
-  Equal& equal =
-      Add(BytesOf(event), "a message of an earlier run (" + CountOf(event.size, "byte") + ")", "");
-  ++equal.to_save;
-  ++equal.saved;
-  ++counts_.loaded;
+  Note(event);
+  const std::string name = "a message of an earlier run (" + CountOf(event.size, "byte") + ")";
+  Entry entry{name, "", std::string(BytesOf(event))};
+  entry.to_save = entry.saved = true;
+  Add(event.message.id, std::move(entry));
   return false;
 }
 
@@ -172,147 +191,110 @@ bool Ledger::OnLoaded(const ReportEvent& event) {
 bool Ledger::OnSaved() {
   if (!std::exchange(unsaved_, false)) return false;
   bool listed = false;
-  for (auto& [bytes, equal] : outstanding_) {
-    equal.saved = equal.to_save;
-    for (uint64_t i = 0; i < equal.saved && i < equal.names.size(); ++i) {
-      listed = List(&equal.names[i]) || listed;
-    }
+  for (auto& [id, entry] : entries_) {
+    entry.saved = entry.to_save;
+    if (entry.saved) listed = List(&entry) || listed;
   }
   return listed;
 }
 
-// Only what a completed save holds is safe: saves that failed since have left it in place.
-bool Ledger::OnKept(Outstanding::iterator entry) {
-  Equal& equal = entry->second;
-  if (equal.kept == equal.saved) return false;
-  ++equal.kept;
-  ++counts_.kept;
-  return false;
-}
-
-void Ledger::ForgetSaved(Outstanding::iterator entry) {
-  Equal& equal = entry->second;
-  if (equal.to_save > 0) --equal.to_save;
-  equal.saved = std::min(equal.saved, equal.to_save);
-}
-
-bool Ledger::List(Name* name) {
-  if (!options_.list_saved || name->listed || name->id.empty()) return false;
-  name->listed = true;
-  saved_.push_back(name->id);
+bool Ledger::List(Entry* entry) {
+  if (!options_.list_saved || entry->listed || entry->id.empty()) return false;
+  entry->listed = true;
+  saved_.push_back(entry->id);
   return true;
 }
 
-Ledger::Equal& Ledger::Add(std::string_view bytes, std::string name, std::string id) {
-  auto entry = outstanding_.find(bytes);
-  if (entry == outstanding_.end()) entry = outstanding_.try_emplace(std::string(bytes)).first;
-  entry->second.names.push_back({next_order_++, std::move(name), std::move(id), false});
-  ++outstanding_count_;
-  outstanding_bytes_ += bytes.size();
-  return entry->second;
+Ledger::Entries::iterator Ledger::Find(uint64_t message_id) {
+  const auto again = first_ids_.find(message_id);
+  return entries_.find(again != first_ids_.end() ? again->second : message_id);
 }
 
-Ledger::Name Ledger::Remove(Outstanding::iterator entry) {
-  Name name = std::move(entry->second.names.front());
-  entry->second.names.pop_front();
-  --outstanding_count_;
-  outstanding_bytes_ -= entry->first.size();
-  if (entry->second.names.empty()) outstanding_.erase(entry);
-  return name;
+void Ledger::Add(uint64_t message_id, Entry entry) {
+  bytes_ += entry.bytes.size();
+  entries_.emplace(message_id, std::move(entry));
 }
 
-void Ledger::Drop(const std::string& reason, Outstanding::iterator entry) {
-  notices_.push_back(Remove(entry).text + " was dropped: " + reason);
-  ++counts_.dropped;
+void Ledger::Remove(Entries::iterator entry) {
+  bytes_ -= entry->second.bytes.size();
+  entries_.erase(entry);
 }
 
-bool Ledger::OnAdmitted(const ReportEvent& event) {
-  const bool is_original = event.original_data == nullptr;
-  const std::string_view bytes = BytesOf(event);
-  const std::string_view original =
-      is_original ? bytes
-                  : std::string_view{reinterpret_cast<const char*>(event.original_data),
-                                     event.original_size};
-  const auto entry = outstanding_.find(original);
-  if (entry == outstanding_.end()) return false;
-  if (is_original) return OnInStore(event, entry);
-  Compressed& stored = in_store_.try_emplace(std::string(bytes), Compressed{}).first->second;
-  ++stored.count;
+bool Ledger::Drop(const std::string& reason, Entries::iterator entry) {
+  notices_.push_back(entry->second.name + " was dropped: " + reason);
+  Remove(entry);
+  return true;
+}
+
+bool Ledger::OnAdmitted(const ReportEvent& event, Entries::iterator entry) {
   // The room for the stream is as large as the message. When it is full before the message has been
   // read, the channel sends the stream as far as it got.
-  if (bytes.size() != original.size() || IsWholeDeflateStream(bytes)) {
-    stored.original = &entry->first;
-    return OnInStore(event, entry);
+  const bool may_be_cut = event.original_data != nullptr && event.size == event.original_size;
+  if (may_be_cut && !IsWholeDeflateStream(BytesOf(event))) {
+    ReportEvent end = event;
+    end.kind = ReportEventKind::kDropped;
+    end.cause = ReportEventCause::kNotCompressed;
+    Note(end);
+    entry->second.is_cut = true;
+    ++cut_;
+    notices_.push_back(entry->second.name +
+                       " was dropped: deflate does not make it shorter and was cut short; send it "
+                       "without --compress");
+    return true;
   }
-  ++cut_count_;
-  cut_bytes_ += bytes.size();
-  Drop("deflate does not make it shorter and was cut short; send it without --compress", entry);
-  return true;
-}
-
-bool Ledger::OnInStore(const ReportEvent& event, Outstanding::iterator entry) {
-  if (!event.need_cache) return false;
-  ++entry->second.to_save;
-  unsaved_ = true;
+  Note(event);
+  entry->second.to_save = event.need_cache;
+  unsaved_ = unsaved_ || event.need_cache;
   return false;
 }
 
-void Ledger::Release(InStore::iterator stored) {
-  if (stored->second.original == nullptr) {
-    --cut_count_;
-    cut_bytes_ -= stored->first.size();
-  }
-  if (--stored->second.count == 0) in_store_.erase(stored);
+bool Ledger::OnRefused(const ReportEvent& event, Entries::iterator entry) {
+  if (!IsOfTermination(event.cause)) return Drop(DropReason(event, last_failure_), entry);
+  broken_ = broken_ || !closed_;
+  return true;  // Left.
 }
 
-bool Ledger::OnRefused(const ReportEvent& event, Outstanding::iterator entry) {
-  if (IsOfTermination(event.cause)) {
-    broken_ = broken_ || !closed_;
-    return true;  // Left.
-  }
-  Drop(DropReason(event, last_failure_), entry);
-  return true;
-}
-
-bool Ledger::OnAcknowledged(Outstanding::iterator entry) {
+bool Ledger::OnAcknowledged(const ReportEvent& event, Entries::iterator entry) {
+  Note(event);
   const bool had_room = HasRoomLocked();
-  Name name = Remove(entry);
-  const bool listed = List(&name);
-  --counts_.in_flight;
-  ++counts_.delivered;
+  const bool listed = List(&entry->second);
+  first_ids_.erase(event.message.id);
+  Remove(entry);
   const bool recovered = std::exchange(failing_, false);
-  return listed || recovered || outstanding_count_ == 0 || (!had_room && HasRoomLocked());
+  return listed || recovered || entries_.size() == cut_ || (!had_room && HasRoomLocked());
 }
 
 bool Ledger::OnFailed(const ReportEvent& event) {
-  --counts_.in_flight;
-  ++counts_.failed_attempts;
-  ++counts_.retries;
   last_failure_ = FailureText(event);
   return !std::exchange(failing_, true);
 }
 
-bool Ledger::OnDropped(const ReportEvent& event, Outstanding::iterator entry) {
-  if (IsOfTermination(event.cause)) {
-    if (event.request_id != 0) --counts_.in_flight;
-    return false;  // Left.
-  }
-  if (event.cause == ReportEventCause::kReplaced) --counts_.in_flight;
+bool Ledger::OnDropped(const ReportEvent& event, Entries::iterator entry) {
   if (event.cause == ReportEventCause::kResendLimit) return OnResendLimit(event, entry);
-  Drop(DropReason(event, last_failure_), entry);
-  return true;
+  Note(event);
+  if (IsOfTermination(event.cause)) return false;  // Left.
+  return Drop(DropReason(event, last_failure_), entry);
 }
 
-bool Ledger::OnResendLimit(const ReportEvent& event, Outstanding::iterator entry) {
+bool Ledger::OnResendLimit(const ReportEvent& event, Entries::iterator entry) {
+  first_ids_.erase(event.message.id);
   // The bytes of an earlier run are compressed already, and would be again.
-  const bool is_of_earlier_run = options_.compress && BytesOf(event) == entry->first;
-  if (!options_.max_resend && !is_of_earlier_run) {
-    // A limit of the server's was in force for a moment.
-    if (!closed_) again_.push_back({entry->first, event.need_cache});
+  const bool is_of_earlier_run = options_.compress && entry->second.id.empty();
+  if (options_.max_resend || is_of_earlier_run) {
+    Note(event);
+    return Drop(DropReason(event, last_failure_), entry);
+  }
+  // A limit of the server's was in force for a moment.
+  entry->second.to_save = entry->second.saved = false;
+  if (!closed_) {
+    entry->second.need_cache = event.need_cache;
+    again_.push_back(entry->first);
     return true;
   }
-  --counts_.retries;
-  Drop(DropReason(event, last_failure_), entry);
+  ReportEvent end = event;
+  end.cause = ReportEventCause::kTerminated;
+  end.request_id = 0;  // Its failure has been told.
+  Note(end);
   return true;
 }
 
@@ -339,8 +321,7 @@ bool Ledger::OnRetuned(const ReportEvent& event) {
 }
 
 bool Ledger::HasRoomLocked() const {
-  return outstanding_count_ + cut_count_ < kMaxOutstanding &&
-         outstanding_bytes_ + cut_bytes_ < kMaxOutstandingBytes;
+  return entries_.size() < kMaxOutstanding && bytes_ < kMaxOutstandingBytes;
 }
 
 bool Ledger::HasRoom() const {
@@ -351,10 +332,11 @@ bool Ledger::HasRoom() const {
 std::optional<Ledger::Again> Ledger::TakeToHandOverAgain() {
   std::lock_guard<std::mutex> hold(mutex_);
   if (again_.empty() || closed_) return std::nullopt;
-  if (outstanding_count_ + cut_count_ - again_.size() >= kMaxOutstanding) return std::nullopt;
-  Again again = std::move(again_.front());
+  if (entries_.size() - again_.size() >= kMaxOutstanding) return std::nullopt;
+  expected_again_ = again_.front();
   again_.pop_front();
-  return again;
+  const Entry& entry = entries_.at(*expected_again_);
+  return Again{entry.bytes, entry.need_cache};
 }
 
 std::vector<std::string> Ledger::TakeSaved() {
@@ -370,12 +352,27 @@ bool Ledger::IsLoadOver() const {
 void Ledger::Close() {
   std::lock_guard<std::mutex> hold(mutex_);
   closed_ = true;
+  // They are left, and no event will tell.
+  const std::string no_channel;
+  for (const uint64_t id : std::exchange(again_, {})) {
+    Note({ReportEventKind::kDropped, ReportEventCause::kTerminated, no_channel, {id}});
+  }
 }
 
 Counts Ledger::GetCounts() const {
   std::lock_guard<std::mutex> hold(mutex_);
-  Counts counts = counts_;
-  counts.left = outstanding_count_;
+  const BooksEntry books = books_.Read();
+  Counts counts;
+  counts.loaded = books.loaded;
+  counts.handed_over = books.handed_over;
+  counts.delivered = books.acknowledged;
+  counts.failed_attempts = books.FailedAttempts();
+  counts.left = entries_.size() - cut_;
+  counts.dropped = counts.loaded + counts.handed_over - counts.delivered - counts.left;
+  counts.kept = kept_;
+  counts.in_flight = books.in_flight;
+  counts.retries =
+      counts.failed_attempts - books.dropped[static_cast<size_t>(ReportEventCause::kResendLimit)];
   return counts;
 }
 
@@ -401,20 +398,12 @@ std::vector<std::string> Ledger::TakeNotices() {
 
 std::vector<std::string> Ledger::LeftNames(bool kept, size_t limit) const {
   std::lock_guard<std::mutex> hold(mutex_);
-  std::vector<const Name*> left;
-  for (const auto& [bytes, equal] : outstanding_) {
-    for (size_t i = 0; i < equal.names.size(); ++i) {
-      if ((i < equal.kept) == kept) left.push_back(&equal.names[i]);
-    }
+  std::vector<std::string> names;
+  for (const auto& [id, entry] : entries_) {
+    if (names.size() == limit) break;
+    if (!entry.is_cut && entry.kept == kept) names.push_back(entry.name);
   }
-  std::sort(left.begin(), left.end(),
-            [](const Name* a, const Name* b) { return a->order < b->order; });
-  std::vector<std::string> texts;
-  for (const Name* name : left) {
-    if (texts.size() == limit) break;
-    texts.push_back(name->text);
-  }
-  return texts;
+  return names;
 }
 
 void Ledger::WakeOnNextEvent() {

@@ -1,8 +1,7 @@
-// The books of one run: what was handed over, what the channel's cache brought back, and what
-// became of it, known from the channel's events alone. Messages are told apart by their bytes; of
-// equal ones the oldest name goes first. A channel that compresses tells its events with the
-// compressed bytes once a message is in its store. Threads: OnReportEvent() on any thread;
-// everything else on the main thread. See docs/guide/quenor-report.md for what the numbers mean.
+// What becomes of the messages of one run, by name: the reporters' books, kept from the channel's
+// events, beside what people and scripts are told. A message is known by its id. Threads:
+// OnReportEvent() on any thread; everything else on the main thread.
+// See docs/guide/quenor-report.md for what the numbers mean.
 #ifndef CLI_SEND_LEDGER_H_
 #define CLI_SEND_LEDGER_H_
 
@@ -14,11 +13,11 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "cli/send/input.h"
 #include "quenor_base/platform/report_events.h"
+#include "quenor_base/reporter/books.h"
 
 namespace quenor::cli {
 
@@ -62,7 +61,7 @@ class Ledger : public ReportEventListener {
   // and before anything is trimmed, tells that the load is over.
   bool IsLoadOver() const;
 
-  // Announces the next message that is handed to the channel under this name. Borrows nothing.
+  // Announces the next message that is handed to the channel.
   void Expect(const Message& message);
 
   void OnReportEvent(const ReportEvent& event) override;
@@ -74,8 +73,8 @@ class Ledger : public ReportEventListener {
     std::string bytes;
     bool need_cache;  // As it had it before.
   };
-  // A message that the channel gave up although none is to be; it goes to the channel again without
-  // being announced. Empty when there is none, or no room for it.
+  // A message that the channel gave up although none is to be: the next one that is handed to the
+  // channel. Empty when there is none, or no room for it.
   std::optional<Again> TakeToHandOverAgain();
 
   // The ids of the messages that, since the last call, a completed save of the cache came to hold,
@@ -87,6 +86,9 @@ class Ledger : public ReportEventListener {
   void Close();
 
   Counts GetCounts() const;
+
+  // Any thread. The same as the channel tells it; a message that is handed over again counts once.
+  BooksEntry ReadBooks() const { return books_.Read(); }
 
   // True when the channel refuses messages although nobody has terminated it: it has no thread.
   bool IsBroken() const;
@@ -108,69 +110,56 @@ class Ledger : public ReportEventListener {
   void WakeOnNextEvent();
 
  private:
-  struct Name {
-    uint64_t order;
-    std::string text;
-    std::string id;  // Empty: of an earlier run.
-    bool listed;     // By TakeSaved().
+  struct Entry {
+    std::string name;
+    std::string id;     // Empty: of an earlier run.
+    std::string bytes;  // As it was handed over.
+    bool need_cache = false;
+    bool to_save = false;  // In the channel's store, and for the cache.
+    bool saved = false;    // In the cache's last completed save.
+    bool kept = false;     // The channel left it there at its end.
+    bool listed = false;   // By TakeSaved().
+    bool is_cut = false;   // In the store, but dropped already.
   };
-  // Messages of equal bytes. Which of the names goes with which copy nobody can tell.
-  struct Equal {
-    std::deque<Name> names;  // Oldest first; never empty.
-    uint64_t to_save = 0;    // Copies in the channel's store that are for the cache.
-    uint64_t saved = 0;      // Copies in the cache's last completed save that are still owed.
-    uint64_t kept = 0;       // Copies that the channel left there at its end.
-  };
-  // Outstanding messages by their bytes.
-  using Outstanding = std::map<std::string, Equal, std::less<>>;
-
-  // What the channel keeps under bytes that are not the message's own.
-  struct Compressed {
-    const std::string* original;  // The key in outstanding_; null: cut, and dropped already.
-    uint64_t count;
-  };
-  using InStore = std::map<std::string, Compressed, std::less<>>;
+  // Outstanding messages by the ids that they had first, and so oldest first.
+  using Entries = std::map<uint64_t, Entry>;
 
   // With mutex_ held. True when the main thread has something to look at.
   bool Account(const ReportEvent& event);
-  bool OnHandedOver(std::string_view bytes);
+  bool AccountFor(const ReportEvent& event, Entries::iterator entry);
+  void Note(const ReportEvent& event);
+  bool OnHandedOver(const ReportEvent& event);
   bool OnProbeRefused(ReportEventCause cause);
   bool OnLoaded(const ReportEvent& event);
   bool OnSaved();
-  bool OnKept(Outstanding::iterator entry);
-  // A copy that was for the cache is in the store no more, and with the next save not in the cache.
-  void ForgetSaved(Outstanding::iterator entry);
-  // True when there is something new to list.
-  bool List(Name* name);
-  bool OnAdmitted(const ReportEvent& event);
-  // The message is in the channel's store, under whatever bytes.
-  bool OnInStore(const ReportEvent& event, Outstanding::iterator entry);
-  bool OnRefused(const ReportEvent& event, Outstanding::iterator entry);
-  bool OnAcknowledged(Outstanding::iterator entry);
+  bool OnAdmitted(const ReportEvent& event, Entries::iterator entry);
+  bool OnRefused(const ReportEvent& event, Entries::iterator entry);
+  bool OnAcknowledged(const ReportEvent& event, Entries::iterator entry);
   bool OnFailed(const ReportEvent& event);
-  bool OnDropped(const ReportEvent& event, Outstanding::iterator entry);
-  bool OnResendLimit(const ReportEvent& event, Outstanding::iterator entry);
-  // The message is in the store no more.
-  void Release(InStore::iterator stored);
+  bool OnDropped(const ReportEvent& event, Entries::iterator entry);
+  bool OnResendLimit(const ReportEvent& event, Entries::iterator entry);
   bool OnRetuned(const ReportEvent& event);
-  Equal& Add(std::string_view bytes, std::string name, std::string id);
-  void Drop(const std::string& reason, Outstanding::iterator entry);
-  // Answers the oldest name; the entry is gone when that was the last one.
-  Name Remove(Outstanding::iterator entry);
+  // True when there is something new to list.
+  bool List(Entry* entry);
+  Entries::iterator Find(uint64_t message_id);
+  void Add(uint64_t message_id, Entry entry);
+  bool Drop(const std::string& reason, Entries::iterator entry);
+  void Remove(Entries::iterator entry);
   bool HasRoomLocked() const;
 
   const Options options_;
+  Books books_;
   mutable std::mutex mutex_;  // Guards everything below; never held while the options' calls run.
-  Outstanding outstanding_;
-  InStore in_store_;        // Empty unless the channel compresses.
-  uint64_t cut_count_ = 0;  // Messages in the store that are off the books; likewise below.
-  uint64_t cut_bytes_ = 0;
-  uint64_t outstanding_count_ = 0;
-  uint64_t outstanding_bytes_ = 0;
-  uint64_t next_order_ = 0;
+  Entries entries_;
+  // The first id of a message that was handed over again, by the one that it has now.
+  std::map<uint64_t, uint64_t> first_ids_;
+  uint64_t bytes_ = 0;  // Of all entries.
+  uint64_t cut_ = 0;    // Entries that are.
+  uint64_t kept_ = 0;
+  uint64_t probe_id_ = 0;
   std::optional<Message> expected_;
-  std::deque<Again> again_;  // Outstanding, but not in the channel.
-  Counts counts_;            // But for `left`.
+  std::optional<uint64_t> expected_again_;  // Its first id.
+  std::deque<uint64_t> again_;              // Outstanding, but not in the channel; by first id.
   bool load_over_ = false;
   bool unsaved_ = false;            // Something was admitted for the cache since the last save.
   std::vector<std::string> saved_;  // What TakeSaved() is to return.
