@@ -140,6 +140,13 @@ void AddCache(CLI::App* send, Options* options, Texts* texts) {
       ->type_name("FILE");
 }
 
+void AddMetrics(CLI::App* send, Options* options) {
+  send->add_option("--metrics-file", options->metrics_file,
+                   "every ten seconds and at the end, replace this file by what has become of the "
+                   "messages so far, as text for monitoring systems")
+      ->type_name("FILE");
+}
+
 void AddConnection(CLI::App* app, Connection* connection, Texts* texts) {
   const CLI::Validator not_empty(
       [](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); }, "");
@@ -375,6 +382,7 @@ std::optional<Command> ParseCommandLine(int argc, const char* const* argv) {
   AddConnection(doctor, &diagnosis, &texts);
   AddDelivery(send, &options);
   AddCache(send, &options, &texts);
+  AddMetrics(send, &options);
   AddConnection(send, &options, &texts);
   AddInput(send, &options);
   try {

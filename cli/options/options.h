@@ -28,6 +28,7 @@ struct Options : Connection {
   std::optional<std::string> cache_dir;  // Empty: the user's own folder.
   bool persist = true;
   std::string saved_list;          // Empty: none.
+  std::string metrics_file;        // Empty: none.
   std::vector<std::string> files;  // Empty: each line of standard input is a message.
 };
 

@@ -14,6 +14,7 @@
 #include "quenor_base/platform/base/time.h"
 #include "quenor_base/platform/report_events.h"
 #include "quenor_base/platform/thread_manager.h"
+#include "quenor_base/reporter/exposition.h"
 
 namespace quenor::cli {
 namespace {
@@ -61,6 +62,9 @@ Ledger::Options Session::LedgerOptions() {
 }
 
 ExitCode Session::Run() {
+  if (!options_.metrics_file.empty()) metrics_file_.emplace(options_.metrics_file);
+  const std::string failure = WriteMetrics(base::MonotonicNow());
+  if (!failure.empty()) throw Fatal(kExitUsage, failure + "; nothing was sent");
   Start();
   while (Step()) {
   }
@@ -104,6 +108,7 @@ bool Session::Step() {
     HandOverAgain();
     if (Feed(&poll_input)) {
       ShowProgress(base::MonotonicNow());
+      WriteMetricsWhenDue(base::MonotonicNow());
       return true;
     }
   }
@@ -111,6 +116,7 @@ bool Session::Step() {
   const Time now = base::MonotonicNow();
   if (WaitIsOver(now)) return false;
   ShowProgress(now);
+  WriteMetricsWhenDue(now);
   Sleep(now, poll_input);
   return true;
 }
@@ -211,6 +217,20 @@ void Session::PrintLeft(const Counts& counts) {
   }
 }
 
+std::string Session::WriteMetrics(Time now) {
+  if (!metrics_file_) return "";
+  return metrics_file_->Write(now, Exposition({{options_.channel, ledger_.ReadBooks()}}));
+}
+
+void Session::WriteMetricsWhenDue(Time now) {
+  if (!metrics_file_ || now < metrics_file_->due()) return;
+  const std::string failure = WriteMetrics(now);
+  if (!failure.empty() && failure != metrics_failure_) {
+    console_.Line(failure + "; it stays as it was, and is tried again");
+  }
+  metrics_failure_ = failure;
+}
+
 void Session::ShowProgress(Time now) {
   if (!console_.is_terminal() || now < progress_.due()) return;
   ledger_.WakeOnNextEvent();  // Before the counts are read, so that no later change is missed.
@@ -223,6 +243,7 @@ void Session::Sleep(Time now, bool poll_input) {
   if (console_.is_terminal() && progress_.due() > now) {
     until = std::min(until.value_or(progress_.due()), progress_.due());
   }
+  if (metrics_file_) until = std::min(until.value_or(metrics_file_->due()), metrics_file_->due());
   int timeout_ms = -1;
   if (until) {
     const auto ms = std::chrono::ceil<std::chrono::milliseconds>(*until - now).count();
@@ -247,6 +268,8 @@ ExitCode Session::Stop() {
     console_.EndProgress();
   }
   PrintLeft(counts);
+  const std::string failure = WriteMetrics(base::MonotonicNow());
+  if (!failure.empty()) console_.Line(failure + "; it stays as it was");
   const bool told = WriteAll(STDOUT_FILENO, ClosingLine(counts) + "\n");
   if (!told) {
     console_.Line("cannot write to standard output: " + ErrnoText(errno) + "; " +

@@ -15,6 +15,7 @@
 #include "cli/send/channel_log.h"
 #include "cli/send/input.h"
 #include "cli/send/ledger.h"
+#include "cli/send/metrics_file.h"
 #include "cli/send/progress.h"
 #include "cli/send/saved_list.h"
 #include "cli/stop_signals.h"
@@ -65,6 +66,9 @@ class Session {
   // What has happened since the last call, for people and for the saved list.
   void PrintNotices();
   void PrintLeft(const Counts& counts);
+  // One line that says what failed, or empty.
+  std::string WriteMetrics(Time now);
+  void WriteMetricsWhenDue(Time now);
   void ShowProgress(Time now);
   void Sleep(Time now, bool poll_input);
   ExitCode Stop();
@@ -80,6 +84,8 @@ class Session {
   Ledger ledger_;
   std::shared_ptr<ReliableReportChannelHttps> channel_;
   Progress progress_;
+  std::optional<MetricsFile> metrics_file_;
+  std::string metrics_failure_;  // As told last; empty once it has been written again.
   bool load_over_ = false;
   InputState input_state_ = InputState::kOpen;
   std::string first_name_;  // Of what was handed over; empty: nothing.

@@ -483,6 +483,7 @@ TEST_F(ReportTest, WrongUsageIsNamedInOneLine) {
       {{"--url", url, "--cache", "disk"}, "disk"},
       {{"--url", url, "--cache-dir", no_pem}, no_pem},
       {{"--url", url, "--saved-list", "/nowhere/saved"}, "/nowhere/saved"},
+      {{"--url", url, "--metrics-file", "/nowhere/quenor.prom"}, "/nowhere/quenor.prom"},
       {{"--url", url, "--frobnicate"}, "--frobnicate"},
       {{}, "--url"},
   };
@@ -496,6 +497,29 @@ TEST_F(ReportTest, WrongUsageIsNamedInOneLine) {
     EXPECT_TRUE(Mentions(result.err, test.named)) << result.err;
     EXPECT_EQ(1u, CountIn(result.err, "\n")) << result.err;
   }
+}
+
+TEST_F(ReportTest, TheMetricsFileHasWhatTheClosingLineHas) {
+  Collector collector(certificates_, {"--misbehave", "1: status=503"});
+  const std::string file = certificates_.Path("quenor.prom");
+  const Result result = Send(collector.url(), {"--compress", "--send-now", "--metrics-file", file},
+                             std::string(100, 'a') + "\nb\n" + std::string(100, 'c') + "\n");
+  EXPECT_EQ("handed_over=3 delivered=2 failed_attempts=1 dropped=1 left=0 loaded=0 kept=0\n",
+            result.out);
+
+  const std::string text = ReadWholeFile(file);
+  const std::string label = "{reporter=\"quenor-report\"";
+  for (const std::string line : {
+           "quenor_messages_handed_over_total" + label + "} 3",
+           "quenor_messages_ended_total" + label + ",end=\"acknowledged\",cause=\"\"} 2",
+           "quenor_messages_ended_total" + label + ",end=\"dropped\",cause=\"not_compressed\"} 1",
+           "quenor_attempts_failed_total" + label + ",reason=\"status_5xx\"} 1",
+           "quenor_messages_pending" + label + "} 0",
+       }) {
+    EXPECT_TRUE(Mentions(text, line + "\n")) << line << "\n" << text;
+  }
+  const Result check = RunWhole({"python3", "-B", QUENOR_CHECK_METRICS}, text);
+  EXPECT_EQ(0, check.exit_code) << check.out;
 }
 
 TEST_F(ReportTest, NohupKeepsAHangUpFromEndingIt) {

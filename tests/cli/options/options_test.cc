@@ -65,16 +65,38 @@ TEST(OptionsTest, HasDefaultsForAllButTheUrl) {
   EXPECT_FALSE(options.cache_dir);
   EXPECT_TRUE(options.persist);
   EXPECT_EQ("", options.saved_list);
+  EXPECT_EQ("", options.metrics_file);
   EXPECT_TRUE(options.files.empty());
 }
 
 TEST(OptionsTest, TakesEveryOption) {
-  const Options options =
-      Parse({"--channel",    "usage",        "--send-now",  "--compress", "--cacert",
-             "ca.pem",       "--http1",      "--socks5",    "u:p@h:1",    "--interval",
-             "250",          "--max-resend", "4294967295",  "--wait",     "0.5",
-             "--cache",      "file",         "--cache-dir", "/tmp",       "--no-persist",
-             "--saved-list", "saved",        "a",           "-",          "/b"});
+  const Options options = Parse({"--channel",
+                                 "usage",
+                                 "--send-now",
+                                 "--compress",
+                                 "--cacert",
+                                 "ca.pem",
+                                 "--http1",
+                                 "--socks5",
+                                 "u:p@h:1",
+                                 "--interval",
+                                 "250",
+                                 "--max-resend",
+                                 "4294967295",
+                                 "--wait",
+                                 "0.5",
+                                 "--cache",
+                                 "file",
+                                 "--cache-dir",
+                                 "/",
+                                 "--no-persist",
+                                 "--saved-list",
+                                 "saved",
+                                 "--metrics-file",
+                                 "m.prom",
+                                 "a",
+                                 "-",
+                                 "/b"});
 
   EXPECT_EQ("usage", options.channel);
   EXPECT_TRUE(options.send_now);
@@ -90,6 +112,7 @@ TEST(OptionsTest, TakesEveryOption) {
   EXPECT_EQ("/tmp", options.cache_dir);
   EXPECT_FALSE(options.persist);
   EXPECT_EQ("saved", options.saved_list);
+  EXPECT_EQ("m.prom", options.metrics_file);
   EXPECT_EQ((std::vector<std::string>{"a", "-", "/b"}), options.files);
 }
 
