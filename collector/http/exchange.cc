@@ -10,6 +10,7 @@
 #include "collector/clock.h"
 #include "collector/files.h"
 #include "collector/http/answer.h"
+#include "collector/reports/metrics.h"
 
 namespace quenor::collector {
 namespace {
@@ -95,6 +96,7 @@ void CollectorServer::Inspect(Exchange* exchange, httplib::Request* request) con
 
 void CollectorServer::Handle(const httplib::Request& request, httplib::Response* response) {
   Exchange* const exchange = current_exchange_;
+  if (exchange->refusal != 0) recorder_.CountRefused("head", exchange->refusal);
   try {
     if (exchange->refusal != 0 && request.method == "POST") {
       RefusePost(request, exchange->framing.length_bytes, exchange->refusal, response);
@@ -120,10 +122,25 @@ void CollectorServer::HandleGet(const httplib::Request& request, httplib::Respon
     response->set_content("ok", "text/plain");
   } else if (request.path == "/stats") {
     response->set_content(CountsJson(recorder_.GetCounts()), kJson);
+  } else if (request.path == "/metrics") {
+    response->set_content(Metrics(), kMetricsType);
   } else {
     response->status = 404;
-    response->set_content("POST reports on any path; GET /healthz or /stats\n", "text/plain");
+    response->set_content("POST reports on any path; GET /healthz, /stats or /metrics\n",
+                          "text/plain");
   }
+}
+
+std::string CollectorServer::Metrics() {
+  Connections connections;
+  // relaxed: a plain number.
+  connections.accepted = connections_.load(std::memory_order_relaxed);
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    connections.open = peers_.size();
+  }
+  const auto uptime = std::chrono::duration_cast<milliseconds>(Now() - started_);
+  return MetricsText(recorder_.GetCounts(), connections, uptime);
 }
 
 void CollectorServer::HandlePost(const httplib::Request& request, httplib::Response* response) {
@@ -144,16 +161,16 @@ void CollectorServer::HandlePost(const httplib::Request& request, httplib::Respo
     case BodyOutcome::kWhole:
       return AnswerPost(request, body, response);
     case BodyOutcome::kTooLarge:
-      return RefusePost(request, size_bytes, 413, response);
+      return RefuseBody(request, size_bytes, 413, response);
     case BodyOutcome::kFarTooLarge:
       exchange->close = exchange->unread = true;
-      return RefusePost(request, size_bytes, 413, response);
+      return RefuseBody(request, size_bytes, 413, response);
     case BodyOutcome::kMalformed:
       exchange->close = exchange->unread = true;
-      return RefusePost(request, size_bytes, 400, response);
+      return RefuseBody(request, size_bytes, 400, response);
     case BodyOutcome::kTrailersTooLarge:
       exchange->close = exchange->unread = true;
-      return RefusePost(request, size_bytes, 431, response);
+      return RefuseBody(request, size_bytes, 431, response);
     case BodyOutcome::kIncomplete:
       return GiveUpBody(response);
   }
@@ -163,6 +180,7 @@ void CollectorServer::HandlePost(const httplib::Request& request, httplib::Respo
 void CollectorServer::GiveUpBody(httplib::Response* response) {
   Exchange* const exchange = current_exchange_;
   recorder_.CountIncomplete();
+  if (exchange->connection->is_late()) recorder_.CountRefused("body", 408);
   response->status = 408;
   response->set_content(BuildRefusal(408), kJson);
   exchange->close = exchange->unread = exchange->connection->is_late();
@@ -228,6 +246,12 @@ void CollectorServer::Misbehave(const Plan& plan) {
   } else {
     exchange->end = ending.kind;
   }
+}
+
+void CollectorServer::RefuseBody(const httplib::Request& request, uint64_t size_bytes, int status,
+                                 httplib::Response* response) {
+  recorder_.CountRefused("body", status);
+  RefusePost(request, size_bytes, status, response);
 }
 
 void CollectorServer::RefusePost(const httplib::Request& request, uint64_t size_bytes, int status,

@@ -336,6 +336,7 @@ void CollectorServer::Answer(Peer* peer) {
   if (!exchange.drop) connection->Unmute();
   const bool sent = !exchange.drop && connection->Flush();
   if (!answered || !sent || peer_closes || exchange.close || !exchange.inspected) {
+    if (!exchange.inspected) recorder_.CountRefused("head", 400);
     if (sent && (exchange.unread || !exchange.inspected)) return Leave(peer);
     return Drop(peer);
   }
@@ -345,6 +346,7 @@ void CollectorServer::Answer(Peer* peer) {
 
 // Answers what is not to be parsed, and ends the connection.
 void CollectorServer::Refuse(Peer* peer, int status) {
+  recorder_.CountRefused("head", status);
   const std::string text = RefusalText(status);
   peer->connection->write(text.data(), text.size());
   Leave(peer);

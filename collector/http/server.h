@@ -112,12 +112,15 @@ class CollectorServer : private httplib::Server {
   void Inspect(Exchange* exchange, httplib::Request* request) const;
   void Handle(const httplib::Request& request, httplib::Response* response);
   void HandleGet(const httplib::Request& request, httplib::Response* response);
+  std::string Metrics();
   void HandlePost(const httplib::Request& request, httplib::Response* response);
   static Received HeadOnRecord(const httplib::Request& request, const std::string& content_type,
                                int status);
   void AnswerPost(const httplib::Request& request, const std::string& body,
                   httplib::Response* response);
   void RefusePost(const httplib::Request& request, uint64_t size_bytes, int status,
+                  httplib::Response* response);
+  void RefuseBody(const httplib::Request& request, uint64_t size_bytes, int status,
                   httplib::Response* response);
   void GiveUpBody(httplib::Response* response);
   void Misbehave(const Plan& plan);
@@ -133,7 +136,8 @@ class CollectorServer : private httplib::Server {
   int wake_fd_ = -1;  // Makes the thread of Run look at what is due.
   int port_ = 0;
   bool accept_paused_ = false;  // The thread of Run only: out of descriptors.
-  uint64_t connections_ = 0;    // The thread of Run only: accepted so far.
+  const Time started_ = Now();
+  std::atomic<uint64_t> connections_{0};  // Accepted so far.
 
   std::atomic<bool> stopping_{false};
   std::mutex mutex_;                 // Guards everything below, but for the crew.

@@ -140,14 +140,16 @@ bool Recorder::Record(const Received& received) {
   // What could not be recorded is refused, not done as the script says.
   const bool misbehaved =
       !received.misbehaviour.empty() && (recorded || !IsAccepted(received.status));
-  Count(recorded && IsAccepted(answered.status), misbehaved, received.body.size(), sha256);
+  const bool refused = !recorded && IsAccepted(received.status);
+  Count(refused ? kCannotRecordStatus : received.status, misbehaved, received.body.size(), sha256);
+  if (refused) CountRefused("record", kCannotRecordStatus);
   return recorded;
 }
 
 void Recorder::RecordRefused(const Received& received, uint64_t size_bytes) {
   // The answer is a refusal whether or not the line could be written.
   (void)WriteLine(LogLine(received, size_bytes, "").Finish());
-  Count(false, !received.misbehaviour.empty(), 0, "");
+  Count(received.status, !received.misbehaviour.empty(), 0, "");
 }
 
 bool Recorder::FileBody(const Received& received, const std::string& sha256,
@@ -182,11 +184,17 @@ bool Recorder::WriteLine(std::string line) {
   return error == 0;
 }
 
-void Recorder::Count(bool accepted, bool misbehaved, size_t size_bytes, const std::string& sha256) {
+void Recorder::CountRefused(const std::string& part, int status) {
+  const std::lock_guard<std::mutex> lock(counts_mutex_);
+  ++counts_.refused[{part, status}];
+}
+
+void Recorder::Count(int status, bool misbehaved, size_t size_bytes, const std::string& sha256) {
   const std::lock_guard<std::mutex> lock(counts_mutex_);
   ++counts_.requests;
+  ++counts_.by_status[status];
   counts_.misbehaved += misbehaved ? 1 : 0;
-  if (!accepted) {
+  if (!IsAccepted(status)) {
     ++counts_.failed;
     return;
   }

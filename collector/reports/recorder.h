@@ -7,10 +7,12 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <unordered_set>
+#include <utility>
 
 namespace quenor::collector {
 
@@ -45,6 +47,10 @@ struct Counts {
   uint64_t incomplete = 0;       // Requests whose body never arrived whole; in no other count.
   uint64_t misbehaved = 0;       // Requests that a script did something to.
   uint64_t misbehaved_connections = 0;  // Connections ended by a script before their first request.
+  std::map<int, uint64_t> by_status;    // Requests by what they are answered; 0: not at all.
+  // What the collector refuses by itself, whatever a script says, also what is no request: by the
+  // part that was at fault ("head", "body", "record") and the status.
+  std::map<std::pair<std::string, int>, uint64_t> refused;
 };
 
 class Recorder {
@@ -79,13 +85,15 @@ class Recorder {
     misbehaved_connections_.fetch_add(1, std::memory_order_relaxed);
   }
 
+  void CountRefused(const std::string& part, int status);
+
   Counts GetCounts() const;
 
  private:
   bool FileBody(const Received& received, const std::string& sha256, const std::string* inflated,
                 bool keep_raw);
   bool WriteLine(std::string line);
-  void Count(bool accepted, bool misbehaved, size_t size_bytes, const std::string& sha256);
+  void Count(int status, bool misbehaved, size_t size_bytes, const std::string& sha256);
 
   const RecorderOptions options_;
   int log_fd_ = -1;
