@@ -30,6 +30,7 @@ PARTS = {  # Started in this order.
     "compiling": "projects that compile the library, or the contracts' suites, themselves",
     "abi": "what programs that were built before would find in the shared library",
     "coverage": "what the fuzzers' inputs reach",
+    "metrics": "what scrapers read, by promtool",
     "hosts": "hosts files of several machines",
     "checks": "format, layers, documentation, thread safety",
 }
