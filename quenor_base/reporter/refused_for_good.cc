@@ -40,7 +40,10 @@ bool RefusedForGood::OnEvent(const ReportEvent& event, uint32_t* limit) {
     Message& message = messages_[id];
     const bool was_condemned = message.is_condemned();
     message.sends = event.send_count;
-    if (event.kind == Kind::kFailed) message.refusals = IsRefusal(event) ? message.refusals + 1 : 0;
+    // Once condemned it stays so: its next failure, of whatever kind, may meet the lowered limit.
+    if (event.kind == Kind::kFailed && !was_condemned) {
+      message.refusals = IsRefusal(event) ? message.refusals + 1 : 0;
+    }
     condemned_ += message.is_condemned();
     condemned_ -= was_condemned;
   } else if (event.kind == Kind::kAdmitted || event.kind == Kind::kLoaded) {

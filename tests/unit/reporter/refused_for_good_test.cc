@@ -184,6 +184,15 @@ class LoweredLimitTest : public RefusedForGoodTest {
   uint32_t lowered_ = 0;
 };
 
+TEST_F(LoweredLimitTest, AFailureOfAnotherKindDoesNotPardon) {
+  for (const size_t index : http_.Outstanding()) {
+    if (http_.Requests()[index].body == "bad") Answer(index, 500);
+  }
+
+  EXPECT_EQ(std::set<std::string>{"bad"}, limiter_.rejected);
+  EXPECT_EQ(std::set<std::string>{}, limiter_.dropped);
+}
+
 TEST_F(LoweredLimitTest, TheServersWordIsTakenThoughItIsWhatIsInForce) {
   AnswerBoth("{\"bytes_errinfo\":\"success\",\"uint32_max_resend_count\":" +
                  std::to_string(lowered_) + "}",

@@ -57,9 +57,10 @@ TEST_F(ChannelEventsTest, MessageIsKnownByOneIdFromHandOverToItsEnd) {
   for (const bool compress : {false, true}) {
     events_.Clear();
     Start(compress);
+    const size_t first = http_.RequestCount();
     for (int i = 0; i < 3; ++i) Send(std::string(200, 'a'), true, true);
-    Answer(1, 500);
-    Answer(0, 200);
+    Answer(first + 1, 500);
+    Answer(first, 200);
     Stop();
 
     std::map<uint64_t, Kinds_> told;
