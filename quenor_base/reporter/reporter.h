@@ -74,11 +74,11 @@ class Reporter {
     // 0: one message each 100 ms, and after a failure the next in 1, 2, 4, then 8 seconds. Else one
     // message in so many, at least 100; the server may set it, too.
     uint32_t send_interval_ms = 0;
-    SharedSettings shared;
+    SharedSettings shared = SharedSettings();
     // Both on the reporter's thread, which waits for them: they must not block. They may call the
     // reporter; Flush() and Stop() do not wait there. Never after the reporter's end.
-    std::function<void(const Update&)> on_update;
-    std::function<void(const Tuning&)> on_tuning;
+    std::function<void(const Update&)> on_update = nullptr;
+    std::function<void(const Tuning&)> on_tuning = nullptr;
   };
 
   struct SendOptions {
