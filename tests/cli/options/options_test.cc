@@ -88,7 +88,7 @@ TEST(OptionsTest, TakesEveryOption) {
                                  "--cache",
                                  "file",
                                  "--cache-dir",
-                                 "/",
+                                 "/tmp",
                                  "--no-persist",
                                  "--saved-list",
                                  "saved",
