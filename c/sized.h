@@ -9,11 +9,12 @@
 
 namespace sized {
 
-// As much of it as the program knows of; the rest is 0. False when it is none.
+// As much of it as the program knows of; the rest is 0. False when it is none: no structure ends
+// in the middle of a pointer.
 template <typename T>
 bool Take(const T* from, T* to) {
   *to = T();
-  if (from == nullptr || from->size < sizeof(size_t)) return false;
+  if (from == nullptr || from->size < sizeof(size_t) || from->size % alignof(T) != 0) return false;
   std::memcpy(static_cast<void*>(to), from, std::min(from->size, sizeof(T)));
   return true;
 }
@@ -21,7 +22,7 @@ bool Take(const T* from, T* to) {
 // As much as the program has room for; its size stays.
 template <typename T>
 void Give(const T& from, T* to) {
-  const size_t size = std::min(to->size, sizeof(T));
+  const size_t size = std::min(to->size - to->size % alignof(T), sizeof(T));
   if (size <= sizeof(size_t)) return;
   std::memcpy(reinterpret_cast<char*>(to) + sizeof(size_t),
               reinterpret_cast<const char*>(&from) + sizeof(size_t), size - sizeof(size_t));

@@ -3,7 +3,7 @@ set(QUENOR_SERVICES HTTP_CLIENT JSON TIMER DISPATCH_QUEUE MMAP_FILE CACHE_FILE C
   PATH_SERVICE REPORT_EVENTS PROXY_CONFIG THROTTER LOG)
 
 # quenor_link_platform(<target> [HTTP_CLIENT <lib>] [JSON <lib>] ...)
-# Links the report channel and exactly one implementation of every platform service to <target>:
+# Links the reporter, the channel and exactly one implementation of every platform service to <target>:
 # the library that is named, else the default. One library may be named for several services.
 function(quenor_link_platform target)
   cmake_parse_arguments(A "" "${QUENOR_SERVICES}" "" ${ARGN})
@@ -21,7 +21,8 @@ ${A_KEYWORDS_MISSING_VALUES}")
   else()
     set(scope PRIVATE)
   endif()
-  target_link_libraries(${target} ${scope} quenor::channel)
+  # Named here, as an archive that only another one asks for would stand behind the services.
+  target_link_libraries(${target} ${scope} quenor::reporter quenor::channel)
   foreach(service ${QUENOR_SERVICES})
     string(TOLOWER ${service} name)
     if(A_${service})

@@ -145,7 +145,7 @@ def main():
     parser.add_argument("--at-a-time", type=int, default=8)
     parser.add_argument("bin", type=pathlib.Path)
     parser.add_argument("name")
-    parser.add_argument("command", nargs="+")
+    parser.add_argument("command", nargs=argparse.REMAINDER)
     options = parser.parse_args()
     print("                       |------- it said -------|--- found ---|  -- after next start --"
           "               process, ms  over\n"

@@ -25,7 +25,7 @@ using std::chrono::milliseconds;
 constexpr size_t kLongestName = 236;
 constexpr uint32_t kLeastIntervalMs = 100;
 constexpr std::chrono::seconds kLoadPatience{10};
-// What the end takes beside sending: the tasks that are waiting, a callback that is running.
+// What the end takes beside sending: the tasks that are waiting.
 constexpr milliseconds kGrace{50};
 
 bool IsEnd(Kind kind) {
@@ -168,7 +168,7 @@ class Reporter::Core final : public EventReceiver, public std::enable_shared_fro
   Cause probe_end_ = Cause::kNone;
   bool is_gone_ = false;
 
-  std::timed_mutex calling_;  // While a callback runs.
+  std::mutex calling_;  // While a callback runs.
   std::atomic<bool> is_silent_{false};
 
   inline static thread_local HandOver* handing_over = nullptr;
@@ -235,11 +235,11 @@ Reporter::Outcome Reporter::Core::Stop(milliseconds patience) {
   return Now();
 }
 
-// No callback begins any more; one that is running is waited for, if it ends in time.
+// No callback begins any more; one that is running is waited for.
 void Reporter::Core::Silence() {
   is_silent_ = true;
   if (is_forked() || IsInCallback()) return;
-  std::unique_lock<std::timed_mutex> behind(calling_, base::MonotonicNow() + kGrace);
+  std::lock_guard<std::mutex> behind(calling_);
 }
 
 // Whoever held the channel last has let go of it: no event comes any more.
@@ -357,7 +357,7 @@ void Reporter::Core::TellHost(const ReportEvent& event, bool is_rejection) {
   const bool is_state = StateOf(event, is_rejection, &state) && options_.on_update != nullptr;
   const bool is_tuning = event.kind == Kind::kRetuned && options_.on_tuning != nullptr;
   if (!is_state && !is_tuning) return;
-  std::lock_guard<std::timed_mutex> hold(calling_);
+  std::lock_guard<std::mutex> hold(calling_);
   if (is_silent_) return;
   const Core* const outer = std::exchange(in_callback_of, this);
   base::EndOnException("the host's reporter callback", [&] {

@@ -2,8 +2,8 @@
 // the host, safe by construction: any operation on any thread, in any order, any number of times.
 //
 //   std::string error;
-//   auto reporter = quenor::Reporter::Create({"usage", "https://collector.example/reports"},
-//   &error); if (reporter == nullptr) { ... error says what is wrong ... }
+//   auto reporter = quenor::Reporter::Create({"usage", "https://collector.example/"}, &error);
+//   if (reporter == nullptr) { ... error says what is wrong ... }
 //   reporter->Send("started", 7);
 //   const quenor::Reporter::Outcome outcome = reporter->Stop(std::chrono::seconds(2));
 //
@@ -76,7 +76,8 @@ class Reporter {
     uint32_t send_interval_ms = 0;
     SharedSettings shared = SharedSettings();
     // Both on the reporter's thread, which waits for them: they must not block. They may call the
-    // reporter; Flush() and Stop() do not wait there. Never after the reporter's end.
+    // reporter; Flush() and Stop() do not wait there. Never after the reporter's end, which waits
+    // for one that runs: no lock is to be held there that a callback takes.
     std::function<void(const Update&)> on_update = nullptr;
     std::function<void(const Tuning&)> on_tuning = nullptr;
   };
@@ -120,11 +121,10 @@ class Reporter {
 
   // Any thread but a callback's. Makes the reporter's thread and loads what an earlier run has
   // kept, which takes the time to read one file; it is sent without being asked for. Null, and one
-  // line in
-  // `*error` that says what is wrong and what to do.
+  // line in `*error` that says what is wrong and what to do.
   static std::unique_ptr<Reporter> Create(const Options& options, std::string* error);
 
-  // Stop(0).
+  // Stop(0). A callback that is running is waited for, but in a callback.
   ~Reporter();
   Reporter(const Reporter&) = delete;
   Reporter& operator=(const Reporter&) = delete;

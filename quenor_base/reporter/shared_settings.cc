@@ -81,7 +81,8 @@ std::string PutIntoForce(const SharedSettings& settings) {
   if (!wrong.empty()) return wrong;
   if (settings.folder &&
       !base::PathService::Override(base::DIR_RELIABLE_REPORT, base::FilePath(*settings.folder))) {
-    return "folder: " + *settings.folder + " is no absolute path of a folder that can be had; give one";
+    return "folder: " + *settings.folder +
+           " is no absolute path of a folder that can be had; give one";
   }
   if (settings.http) wrong = SetHttpDefaults(*settings.http);
   if (!wrong.empty()) return wrong;

@@ -509,7 +509,7 @@ TEST_F(ReportTest, TheMetricsFileHasWhatTheClosingLineHas) {
 
   const std::string text = ReadWholeFile(file);
   const std::string label = "{reporter=\"quenor-report\"";
-  for (const std::string line : {
+  for (const std::string& line : {
            "quenor_messages_handed_over_total" + label + "} 3",
            "quenor_messages_ended_total" + label + ",end=\"acknowledged\",cause=\"\"} 2",
            "quenor_messages_ended_total" + label + ",end=\"dropped\",cause=\"not_compressed\"} 1",

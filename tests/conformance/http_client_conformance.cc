@@ -438,4 +438,7 @@ TEST_P(HttpClientConformance, ImplementationHasAName) {
 }
 
 }  // namespace
+
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(HttpClientConformance);
+
 }  // namespace quenor::conformance

@@ -63,8 +63,9 @@ void ChannelEvents::Dropped(Cause cause, const CopyOnWriteBuffer& body, bool nee
 void ChannelEvents::Admitted(const Message& message, const CopyOnWriteBuffer& original) const {
   if (!ReportEvents::HasListener()) return;
   ReportEvent event = OfMessage(Kind::kAdmitted, Cause::kNone, channel_name_, message, 0);
-  if (event.data != original.cdata<uint8_t>()) {
-    event.original_data = original.cdata<uint8_t>();
+  const uint8_t* const bytes = original.size() > 0 ? original.cdata<uint8_t>() : nullptr;
+  if (event.data != bytes) {
+    event.original_data = bytes;
     event.original_size = original.size();
   }
   ReportEvents::Tell(event);

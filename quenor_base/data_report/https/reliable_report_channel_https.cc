@@ -66,8 +66,9 @@ base::TimeDelta SendPeriod(uint32_t interval_ms) {
 }
 
 // The bytes of a packet. The store's own: a body that a request still holds is unshared, once. When
-// memory for that is exhausted the shared bytes are the same ones.
+// memory for that is exhausted the shared bytes are the same ones. Null when there are none.
 const uint8_t* PacketBytes(CopyOnWriteBuffer* body) {
+  if (body->size() == 0) return nullptr;
   const uint8_t* const bytes = body->data<uint8_t>();
   return bytes != nullptr ? bytes : body->cdata<uint8_t>();
 }
@@ -229,8 +230,8 @@ void ReliableReportChannelHttps::HandOver(const char* operation, int line, const
     Events().Refused(cause, tag, data, size, need_cache);
   };
   if (!CheckInitialized(operation, line)) return refuse(ReportEventCause::kNotInitialized);
-  // An empty one has room, so that it has a place for its tag.
-  CopyOnWriteBuffer body = size > 0 ? CopyOnWriteBuffer(data, size) : CopyOnWriteBuffer(0, 1);
+  CopyOnWriteBuffer body(data, size);
+  if (size == 0 && tag.id != 0) body = CopyOnWriteBuffer(0, 1);  // It needs a place for its tag.
   body.set_tag(tag);
   if (body.size() != size || body.tag().id != tag.id) {
     LocalLog(2, kSourcePath, line,

@@ -25,6 +25,7 @@ static place shared_places[kShared];
 
 static quenor_reporter* find(place* where) {
   quenor_reporter* found;
+  if (where == NULL) return NULL; /* The options ended before it. */
   pthread_mutex_lock(&where->mutex);
   found = where->reporter;
   pthread_mutex_unlock(&where->mutex);
@@ -217,11 +218,12 @@ static void* run(void* of) {
   snprintf(name, sizeof name, "own-%d", state->number);
   for (; state->calls % kCallsBetweenLooks != 0 || time(NULL) < until; ++state->calls) {
     const uint32_t which = next(state, kShared + 2);
-    quenor_reporter* const one = which < kShared    ? find(&shared_places[which])
-                                 : which == kShared ? find(&state->own)
-                                                    : NULL;
+    quenor_reporter* one;
     if (next(state, 500) == 0) destroy(&state->own);
     if (find(&state->own) == NULL && next(state, 50) == 0) create(state, name, &state->own);
+    one = which < kShared    ? find(&shared_places[which])
+          : which == kShared ? find(&state->own)
+                             : NULL;
     if (next(state, 2) == 0) {
       send_some(state, one);
     } else {

@@ -183,6 +183,8 @@ TEST_F(CInterfaceTest, ArgumentsThatCannotBeAreAnswered) {
   quenor_options sizeless = options_;
   sizeless.size = 0;
   EXPECT_EQ(quenor_create(&sizeless, &reporter_), QUENOR_BAD_ARGUMENT);
+  sizeless.size = offsetof(quenor_options, url) + 3;  // Three bytes of a pointer.
+  EXPECT_EQ(quenor_create(&sizeless, &reporter_), QUENOR_BAD_ARGUMENT);
   EXPECT_EQ(quenor_send(nullptr, "a", 1, nullptr, nullptr), QUENOR_BAD_ARGUMENT);
   EXPECT_EQ(quenor_flush(nullptr, 0, nullptr), QUENOR_BAD_ARGUMENT);
   EXPECT_EQ(quenor_stop(nullptr, 0, nullptr), QUENOR_BAD_ARGUMENT);
