@@ -34,8 +34,14 @@ using State = HttpClient::State;
 
 constexpr char kWhose[] = "the host's transport";
 
-// acquire and release, everywhere: who finds one finds it whole. Copies of what the host has set
-// are kept for good: another thread may be reading one.
+// What the host has set at some time; kept for good, as another thread may be reading it.
+struct SetTransport {
+  quenor_transport transport;
+  const SetTransport* before;
+};
+
+// acquire and release, everywhere: who finds one finds it whole.
+std::atomic<const SetTransport*> newest_transport{nullptr};
 std::atomic<const quenor_transport*> transport_in_force{nullptr};
 std::atomic<bool> is_fixed{false};
 std::atomic<bool> is_exiting{false};
@@ -305,7 +311,10 @@ quenor_error quenor_set_transport(const quenor_transport* transport) {
   static const int at_exit = std::atexit(&StopAtExit);
   if (at_exit != 0) return QUENOR_NO_MEMORY;
   quenor::base::EndOnException(kWhose, [&] {
-    transport_in_force.store(new quenor_transport(taken), std::memory_order_release);
+    auto* const set = new SetTransport{taken, newest_transport.load(std::memory_order_acquire)};
+    while (!newest_transport.compare_exchange_weak(set->before, set)) {
+    }
+    transport_in_force.store(&set->transport, std::memory_order_release);
   });
   quenor::HttpClientFactory::SetMaker(&MakeClient);
   return QUENOR_OK;

@@ -114,11 +114,12 @@ class CopyOnWriteBuffer {
 
   uint32_t size() const { return size_; }
 
-  // Every copy of the buffer has it, whatever happens to the bytes; none without a storage, which
-  // has the only place for it.
+  // Every copy of the buffer has it, whatever happens to the bytes.
   MessageTag tag() const { return buffer_ != nullptr ? buffer_->tag : MessageTag(); }
-  // Before the buffer is shared.
+  // Before the buffer is shared. A buffer without storage gets one, for nothing but a tag that has
+  // an id; it stays as it is when memory is exhausted.
   void set_tag(const MessageTag& tag) {
+    if (buffer_ == nullptr && tag.id != 0) *this = CopyOnWriteBuffer(0, 1);
     if (buffer_ != nullptr) buffer_->tag = tag;
   }
 

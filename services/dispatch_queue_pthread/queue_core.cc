@@ -197,12 +197,14 @@ void QueueCore::Sleep(base::MonotonicTime due) {
 }
 
 void QueueCore::Nap() {
-  base::MonotonicTime until = base::MonotonicNow() + kNap;
+  std::chrono::nanoseconds pause = kNap;
   {
     std::lock_guard<std::mutex> hold(delayed_mutex_);
-    if (!delayed_.empty()) until = std::min(until, delayed_.begin()->first.first);
+    if (!delayed_.empty()) {
+      pause = std::min(pause, delayed_.begin()->first.first - base::MonotonicNow());
+    }
   }
-  std::this_thread::sleep_until(until);
+  std::this_thread::sleep_for(pause);
 }
 
 void QueueCore::DestroyDelayed() {

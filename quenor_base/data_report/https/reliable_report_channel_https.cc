@@ -231,7 +231,6 @@ void ReliableReportChannelHttps::HandOver(const char* operation, int line, const
   };
   if (!CheckInitialized(operation, line)) return refuse(ReportEventCause::kNotInitialized);
   CopyOnWriteBuffer body(data, size);
-  if (size == 0 && tag.id != 0) body = CopyOnWriteBuffer(0, 1);  // It needs a place for its tag.
   body.set_tag(tag);
   if (body.size() != size || body.tag().id != tag.id) {
     LocalLog(2, kSourcePath, line,

@@ -201,9 +201,17 @@ TEST_F(CopyOnWriteBufferTest, EveryCopyHasTheTagAlsoOnceItIsWrittenTo) {
     EXPECT_EQ(1000, each->tag().handed_over_ns);
     EXPECT_TRUE(each->tag().is_delayed);
   }
+}
+
+TEST_F(CopyOnWriteBufferTest, EmptyOneGetsAStorageForNothingButATag) {
   CopyOnWriteBuffer none;
+
+  none.set_tag(MessageTag());
+  EXPECT_EQ(nullptr, none.cdata<uint8_t>());
+
   none.set_tag({7, 1000, false, false});
-  EXPECT_EQ(0u, none.tag().id);
+  EXPECT_EQ(7u, none.tag().id);
+  EXPECT_EQ(0u, none.size());
 }
 
 TEST_F(CopyOnWriteBufferTest, WriteThroughTheFirstBufferLeavesTheCopyUnchanged) {
