@@ -62,10 +62,10 @@ quenor_error ErrorOf(Reporter::Refusal refusal) {
 }
 
 // The shared ones begin with "as set", which is no value of ours.
-template <typename Ours, typename Theirs>
-std::optional<Ours> ValueOf(Theirs theirs) {
-  if (theirs == Theirs()) return std::nullopt;
-  return static_cast<Ours>(static_cast<uint64_t>(theirs) - 1);
+template <typename Ours>
+std::optional<Ours> ValueOf(int theirs) {
+  if (theirs == 0) return std::nullopt;
+  return static_cast<Ours>(static_cast<unsigned>(theirs) - 1);
 }
 
 SharedSettings SharedOf(const quenor_options& options) {
@@ -146,7 +146,7 @@ void quenor_init(void* structure, size_t size) {
 
 const char* quenor_version() { return QUENOR_VERSION; }
 
-const char* quenor_error_text(quenor_error error) {
+const char* quenor_error_text(int error) {
   switch (error) {
     case QUENOR_OK:
       return "it is done";

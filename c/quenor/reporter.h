@@ -53,7 +53,7 @@ typedef enum quenor_error {
 QUENOR_API void quenor_init(void* structure, size_t size);
 
 /* A sentence for each; never null. */
-QUENOR_API const char* quenor_error_text(quenor_error error);
+QUENOR_API const char* quenor_error_text(int error);
 /* What was wrong with this thread's last quenor_create(), in one line; never null. Valid until this
  * thread calls it again. */
 QUENOR_API const char* quenor_last_error(void);
@@ -116,8 +116,8 @@ typedef struct quenor_options {
   uint32_t send_interval_ms; /* 0: none; else at least 100. */
   /* What all reporters of a process share. The first one fixes it, a later one that differs is
    * refused. Null or 0: as it is set. */
-  quenor_cache cache;
-  quenor_durability durability;
+  int cache;              /* A quenor_cache. */
+  int durability;         /* A quenor_durability. */
   const char* folder;     /* Absolute. */
   const char* proxy_host; /* SOCKS5. */
   uint16_t proxy_port;

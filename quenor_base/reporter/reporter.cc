@@ -10,6 +10,7 @@
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/monotonic_time.h"
 #include "quenor_base/platform/exception_barrier.h"
+#include "quenor_base/platform/thread_manager.h"
 #include "quenor_base/reporter/exposition.h"
 #include "quenor_base/reporter/refused_for_good.h"
 #include "quenor_base/reporter/switchboard.h"
@@ -231,7 +232,12 @@ Reporter::Outcome Reporter::Core::Stop(milliseconds patience) {
     channel_->Terminate();
     Leave();
   }
-  if (!IsInCallback()) WaitUntil(end, [this] { return is_gone_; });
+  if (!IsInCallback()) {
+    WaitUntil(end, [this] { return is_gone_; });
+    // Its thread, too, so that nothing of it runs while the process ends.
+    const auto left = std::chrono::duration_cast<milliseconds>(end - base::MonotonicNow());
+    (void)core::ThreadManager::WaitForDrain(base::TimeDelta::FromMilliseconds(left.count()));
+  }
   return Now();
 }
 

@@ -126,10 +126,10 @@ static void create(thread_state* state, const char* name, place* where) {
       options.size = next(state, 2 * (uint32_t)sizeof options);
       break;
     case 4:
-      options.cache = (quenor_cache)next(state, 6);
+      options.cache = (int)next(state, 6);
       break;
     case 5:
-      options.durability = (quenor_durability)next(state, 6);
+      options.durability = (int)next(state, 6);
       break;
     case 6:
       options.send_interval_ms = next(state, 200);
@@ -196,7 +196,7 @@ static void ask(thread_state* state, quenor_reporter* one) {
       quenor_metrics(next(state, 5) == 0 ? NULL : metrics, next(state, sizeof metrics));
       break;
     case 7:
-      if (strlen(quenor_error_text((quenor_error)next(state, 20))) == 0) abort();
+      if (strlen(quenor_error_text((int)next(state, 20) - 5)) == 0) abort();
       break;
     case 8:
       if (quenor_last_error() == NULL || quenor_version() == NULL) abort();
