@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "quenor_base/platform/base/check.h"
+#include "tests/support/mutex_held_at_fork.h"
 
 namespace quenor::test {
 
@@ -16,10 +17,10 @@ struct OpenRequest {
   HttpClient::CompletionCallback callback;
 };
 
-std::mutex g_current_mutex;
+MutexHeldAtFork g_current_mutex;
 std::shared_ptr<FakeHttp::Core>* g_current = nullptr;
 
-std::mutex g_defaults_mutex;
+MutexHeldAtFork g_defaults_mutex;
 
 HttpDefaults& Defaults() {
   static auto* defaults = new HttpDefaults;
@@ -32,7 +33,7 @@ struct FakeHttp::Core {
   explicit Core(Poster poster_in) : poster(std::move(poster_in)) {}
 
   const Poster poster;
-  mutable std::mutex mutex;
+  mutable MutexHeldAtFork mutex;
   std::vector<HttpClient::Config> configs;
   std::vector<Sent> sent;
   std::map<size_t, OpenRequest> outstanding;

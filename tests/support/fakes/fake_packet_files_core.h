@@ -8,11 +8,11 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "tests/support/fakes/fake_packet_files.h"
+#include "tests/support/mutex_held_at_fork.h"
 
 namespace quenor::test {
 
@@ -50,7 +50,7 @@ struct FakePacketFiles::Core {
   void Replace(const std::string& path, const void* owner, Packets packets);
   void Leave(const std::string& path, const void* owner);
 
-  mutable std::mutex mutex;
+  mutable MutexHeldAtFork mutex;
   std::map<std::string, File> files;
   std::vector<FileCall> calls;
   size_t open_failure = 0;

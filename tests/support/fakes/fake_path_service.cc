@@ -5,13 +5,14 @@
 
 #include "quenor_base/platform/base/file_path.h"
 #include "quenor_base/platform/base/path_service.h"
+#include "tests/support/mutex_held_at_fork.h"
 
 namespace quenor::test {
 
 namespace {
 
 struct State {
-  std::mutex mutex;
+  MutexHeldAtFork mutex;
   std::set<std::string> existing;
   std::string override_path;
   bool get_fails = false;
