@@ -8,7 +8,8 @@
 // The version, written here and nowhere else.
 #define QUENOR_ABI v0_1_0
 
-// QUENOR_SHARED: in the shared library, and in who links it; its version script says what it exports.
+// QUENOR_SHARED: in the shared library, and in who links it; its version script says what it
+// exports.
 #if defined(QUENOR_SHARED)
 #define QUENOR_ABI_VISIBILITY __attribute__((visibility("default")))
 #elif defined(__PIC__) && !defined(__PIE__)
