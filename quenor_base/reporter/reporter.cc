@@ -143,6 +143,7 @@ class Reporter::Core final : public EventReceiver, public std::enable_shared_fro
   void Free();
   void OnGone();
   void OnOwnProbe(const ReportEvent& event);
+  void NoteInStore(const ReportEvent& event, int64_t now_ns, bool is_rejection);
   bool TellSend(const ReportEvent& event);
   void TellHost(const ReportEvent& event, bool is_rejection);
   bool IsInCallback() const { return in_callback_of == this; }
@@ -156,16 +157,16 @@ class Reporter::Core final : public EventReceiver, public std::enable_shared_fro
   const uint32_t fork_generation_ = base::ForkGeneration();
   Books books_;
   std::atomic<int64_t> users_{1};
-  std::shared_ptr<Channel> channel_;       // By whoever has entered.
-  std::atomic<int64_t> outstanding_{0};    // Reserved, or loaded, and not ended.
-  std::atomic<uint64_t> kept_in_file_{0};  // Messages, at the last complete save.
+  std::shared_ptr<Channel> channel_;     // By whoever has entered.
+  std::atomic<int64_t> outstanding_{0};  // Reserved, or loaded, and not ended.
   std::atomic<bool> is_stopping_{false};
   std::atomic<bool> is_starting_{true};
   RefusedForGood refused_;  // The queue thread's.
 
-  std::mutex mutex_;  // Nothing of the host's runs under it.
+  mutable std::mutex mutex_;  // Nothing of the host's runs under it.
   std::condition_variable changed_;
   // Guarded by `mutex_`.
+  uint64_t kept_in_file_ = 0;  // Messages that have not ended; it may hold more of them.
   Cause probe_end_ = Cause::kNone;
   bool is_gone_ = false;
 
@@ -257,7 +258,11 @@ void Reporter::Core::OnGone() {
 }
 
 Reporter::Outcome Reporter::Core::Now() const {
+  if (is_forked()) return Outcome();
+  std::unique_lock<std::mutex> hold(mutex_);
   const BooksEntry books = books_.Read();
+  const uint64_t kept_in_file = kept_in_file_;
+  hold.unlock();
   const uint64_t outstanding = books.Outstanding();
   Outcome outcome;
   outcome.acknowledged = books.acknowledged;
@@ -267,8 +272,8 @@ Reporter::Outcome Reporter::Core::Now() const {
   for (const Cause cause : {Cause::kNotRunning, Cause::kNoServer}) {
     outcome.dropped += books.refused[static_cast<size_t>(cause)];
   }
-  outcome.kept = books.kept + std::min(kept_in_file_.load(), outstanding);
-  outcome.out = outstanding - std::min(kept_in_file_.load(), outstanding);
+  outcome.kept = books.kept + std::min(kept_in_file, outstanding);
+  outcome.out = outstanding - std::min(kept_in_file, outstanding);
   return outcome;
 }
 
@@ -336,6 +341,18 @@ bool Reporter::Core::TellSend(const ReportEvent& event) {
   return now->id == event.message.id;
 }
 
+// In one step for Now(): a message that has ended must not stand for another that is in memory
+// only.
+void Reporter::Core::NoteInStore(const ReportEvent& event, int64_t now_ns, bool is_rejection) {
+  std::lock_guard<std::mutex> hold(mutex_);
+  books_.Note(event, now_ns, is_rejection);
+  if (event.kind == Kind::kLoaded) ++kept_in_file_;
+  if (event.kind == Kind::kSaved) kept_in_file_ = event.count;
+  // Which of them the last complete save holds nobody knows any more.
+  if (event.kind == Kind::kNotSaved) kept_in_file_ = 0;
+  if (IsEnd(event.kind) && event.need_cache && kept_in_file_ > 0) --kept_in_file_;
+}
+
 void Reporter::Core::OnEvent(const ReportEvent& event, int64_t now_ns, Books* process_books) {
   if (is_starting_ && IsBeforeStore(event)) return OnOwnProbe(event);
   bool is_rejection = false;
@@ -347,12 +364,12 @@ void Reporter::Core::OnEvent(const ReportEvent& event, int64_t now_ns, Books* pr
     if (is_to_be_set) WithChannel([limit](Channel* channel) { channel->SetMaxResendCount(limit); });
   }
   process_books->Note(event, now_ns, is_rejection);
-  books_.Note(event, now_ns, is_rejection);
+  if (IsBeforeStore(event)) {
+    books_.Note(event, now_ns, is_rejection);
+  } else {
+    NoteInStore(event, now_ns, is_rejection);
+  }
   if (event.kind == Kind::kLoaded) ++outstanding_;
-  if (event.kind == Kind::kLoaded) ++kept_in_file_;
-  if (event.kind == Kind::kSaved) kept_in_file_ = event.count;
-  // Which of them the last complete save holds nobody knows any more.
-  if (event.kind == Kind::kNotSaved) kept_in_file_ = 0;
   if (!is_told_by_send) TellHost(event, is_rejection);
   // Last: who waits for it finds the books and the host told.
   if (IsEnd(event.kind)) Free();

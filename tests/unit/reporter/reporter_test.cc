@@ -266,6 +266,30 @@ TEST_F(ReporterTest, RejectsWhatTheServerRefusesForGoodAndDeliversTheRest) {
   EXPECT_EQ(1, rejected);
 }
 
+// Between the end of a message and the save behind it the file holds one more than is outstanding.
+TEST_F(ReporterTest, CallsNothingKeptThatIsNotInTheFileYet) {
+  std::unique_ptr<Reporter> reporter;
+  Gate ready, done;
+  Reporter::Outcome before, behind;
+  options_.on_update = [&](const Reporter::Update& update) {
+    if (update.state != State::kAcknowledged || behind.out + behind.kept != 0 || !ready.Wait())
+      return;
+    before = reporter->Now();
+    EXPECT_TRUE(Send(reporter.get(), "behind"));
+    behind = reporter->Now();
+    done.Open();
+  };
+  reporter = Create();
+  EXPECT_TRUE(Send(reporter.get(), "first"));
+  ready.Open();
+  EXPECT_TRUE(done.Wait());
+
+  EXPECT_EQ(0u, before.kept + before.out);
+  EXPECT_EQ(0u, behind.kept);
+  EXPECT_EQ(1u, behind.out);
+  EXPECT_EQ(2u, reporter->Stop(60s).acknowledged);
+}
+
 TEST_F(ReporterTest, MayBeUsedStoppedAndDestroyedInItsOwnCallback) {
   for (const char* const what : {"use", "stop", "destroy"}) {
     options_.name = what;
