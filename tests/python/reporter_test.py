@@ -3,30 +3,9 @@
 import gc, logging, pickle, queue, signal, threading
 
 import support
-from support import DEAD, FULL, PATIENCE_S, STATE, say, sha256, wait_until
+from support import DEAD, PATIENCE_S, STATE, sha256, wait_until
 
 import quenor
-
-MESSAGES = 1000 if FULL else 20
-# Hands over "prefix-i" from a first to a last one, and tells of each when it is safe.
-SENDER = """
-import sys, time, quenor
-folder, url, first, last = sys.argv[1], sys.argv[2], *map(int, sys.argv[3:])
-reporter = quenor.Reporter("killed", url, folder=folder)
-for i in range(first, last):
-    while True:
-        try:
-            reporter.send(b"killed-%d" % i)
-            break
-        except quenor.Full:
-            time.sleep(0.01)
-    while reporter.outcome().out:
-        time.sleep(0.001)
-    print(i, flush=True)
-outcome = reporter.stop(100)
-print(outcome, file=sys.stderr)
-sys.exit(0 if outcome.kept + outcome.dropped + outcome.rejected == 0 else 1)
-"""
 
 
 class ReporterTest(support.Case):
@@ -58,23 +37,6 @@ class ReporterTest(support.Case):
         self.assertEqual(7000, tunings.get(timeout=PATIENCE_S).report_interval_ms)
         self.assertIn("quenor_", quenor.metrics())
         self.assertRaises(quenor.Stopped, reporter.send, b"late")
-
-    def test_killed_again_and_again_loses_nothing_that_was_safe(self):
-        collector = self.collector()
-        first = kills = 0
-        while first < MESSAGES:
-            sender = self.program(SENDER, collector.url("127.0.0.1"), first, MESSAGES)
-            kill_at = first + max(5, MESSAGES // 20)
-            for line in sender.process.stdout:
-                first = int(line) + 1
-                if first == kill_at:
-                    sender.process.kill()
-                    kills += 1
-        # What the last one was killed at.
-        self.run_program(SENDER, collector.url("127.0.0.1"), MESSAGES, MESSAGES)
-        arrived = collector.accepted()
-        self.assertEqual({sha256(b"killed-%d" % i) for i in range(MESSAGES)}, set(arrived))
-        say(f"{MESSAGES} messages, {kills} kills, {sum(arrived.values()) - MESSAGES} arrived twice")
 
     def test_what_cannot_be_is_refused(self):
         reporter = self.reporter(DEAD)

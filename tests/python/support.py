@@ -6,7 +6,7 @@ _spec = importlib.util.spec_from_file_location("network_support", HERE.parent / 
 _network = importlib.util.module_from_spec(_spec)
 _spec.loader.exec_module(_network)
 Child, Collector, PATIENCE_S, FULL = _network.Child, _network.Collector, _network.PATIENCE_S, _network.FULL
-main, say, sha256, wait_until = _network.main, _network.say, _network.sha256, _network.wait_until
+main, sha256, wait_until = _network.main, _network.sha256, _network.wait_until
 
 DEAD = "http://127.0.0.1:1/"  # Nobody listens there, or may.
 # One for the process: all of its reporters share it.
