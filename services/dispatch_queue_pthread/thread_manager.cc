@@ -92,7 +92,7 @@ class PthreadDispatchQueue : public DispatchQueue {
 // Null when the thread cannot be created.
 [[gnu::cold]] std::shared_ptr<DispatchQueue> CreateQueue(const std::string& name,
                                                          size_t stack_size) {
-  ThreadRegistry::Get().JoinEnded();
+  ThreadRegistry::Get().JoinEnded(base::MonotonicNow());  // Nobody waits here.
   auto* core = new QueueCore;
   auto queue = std::allocate_shared<PthreadDispatchQueue>(
       QueueCore::Front<PthreadDispatchQueue>(core), core);

@@ -1,11 +1,31 @@
 #include "services/dispatch_queue_pthread/thread_registry.h"
 
+#include <algorithm>
+#include <chrono>
+#include <ctime>
 #include <utility>
 
 #include "quenor_base/platform/base/fork.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace dispatch_queue {
+namespace {
+
+// False when it has not come to its end by then.
+bool JoinUntil(pthread_t thread, base::MonotonicTime deadline) {
+  using std::chrono::nanoseconds;
+  if (deadline == base::MonotonicTime::max()) return pthread_join(thread, nullptr) == 0;
+  constexpr int64_t kSecond = 1000000000;
+  const nanoseconds left = std::max(deadline - base::MonotonicNow(), nanoseconds(0));
+  timespec until;  // Of the one clock that the call knows.
+  clock_gettime(CLOCK_REALTIME, &until);
+  const int64_t rest = until.tv_nsec + left.count() % kSecond;
+  until.tv_sec += left.count() / kSecond + rest / kSecond;
+  until.tv_nsec = rest % kSecond;
+  return pthread_timedjoin_np(thread, nullptr, &until) == 0;
+}
+
+}  // namespace
 
 ThreadRegistry& ThreadRegistry::Get() {
   static base::OnePerProcess<ThreadRegistry> registry;
@@ -30,18 +50,22 @@ void ThreadRegistry::EndDrainingThread() {
   changed_.notify_all();
 }
 
-void ThreadRegistry::JoinEnded() {
+bool ThreadRegistry::JoinEnded(base::MonotonicTime deadline) {
   std::vector<pthread_t> ended;
   {
     std::lock_guard<std::mutex> hold(mutex_);
     ended.swap(ended_);
     joining_ += ended.size();
   }
-  if (ended.empty()) return;
-  for (const pthread_t thread : ended) pthread_join(thread, nullptr);
+  if (ended.empty()) return true;
+  const auto late = std::remove_if(ended.begin(), ended.end(), [deadline](pthread_t thread) {
+    return JoinUntil(thread, deadline);
+  });
   std::lock_guard<std::mutex> hold(mutex_);
   joining_ -= ended.size();
+  ended_.insert(ended_.end(), ended.begin(), late);
   changed_.notify_all();
+  return late == ended.begin();
 }
 
 bool ThreadRegistry::WaitUntilDrained(base::MonotonicTime deadline) {
@@ -49,7 +73,7 @@ bool ThreadRegistry::WaitUntilDrained(base::MonotonicTime deadline) {
     std::unique_lock<std::mutex> hold(mutex_);
     if (!changed_.wait_until(hold, deadline, [&] { return draining_ == 0; })) return false;
   }
-  JoinEnded();
+  if (!JoinEnded(deadline)) return false;
   // Another thread may be joining some of them.
   std::unique_lock<std::mutex> hold(mutex_);
   return changed_.wait_until(hold, deadline, [&] { return joining_ == 0; });

@@ -29,8 +29,9 @@ class ThreadRegistry {
   // somebody joins it.
   [[gnu::cold]] void EndDraining();
   [[gnu::cold]] void EndDrainingThread();
-  // Joins every thread that is at its end.
-  [[gnu::cold]] void JoinEnded();
+  // Joins every thread that is at its end. False when one has not come to it by then: it is joined
+  // another time.
+  [[gnu::cold]] bool JoinEnded(base::MonotonicTime deadline);
   // Waits until no queue drains, and joins their threads. False when that has not come by then.
   [[gnu::cold]] bool WaitUntilDrained(base::MonotonicTime deadline);
 

@@ -12,8 +12,6 @@ HOSTS, MESSAGES, KILLS = (4, 250, 8) if FULL else (1, 40, 3)
 # A message has five letters and more, so that the last kill comes before all is delivered.
 MOST_LETTERS = 4 * MESSAGES // KILLS
 MOST_TURNS = 20000
-# A reporter's thread has nothing left to do once it is stopped; at its end nobody joins it.
-ENVIRONMENT = {"TSAN_OPTIONS": os.environ.get("TSAN_OPTIONS", "") + ":report_thread_leaks=0"}
 
 
 class Host:
@@ -30,8 +28,7 @@ class Host:
     def start(self):
         self.until_kill = self.random.randint(1, MOST_LETTERS) if self.kills < KILLS else 0
         self.child = self.test.ending(
-            support.Child(self.command, output=self.errors, environment=ENVIRONMENT,
-                          stdout=subprocess.PIPE, bufsize=0), "kill")
+            support.Child(self.command, output=self.errors, stdout=subprocess.PIPE, bufsize=0), "kill")
         self.pipe = self.child.process.stdout
 
     def runs_on(self):
