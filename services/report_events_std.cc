@@ -4,6 +4,7 @@
 #include <atomic>
 #include <mutex>
 #include <shared_mutex>
+#include <utility>
 
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/exception_barrier.h"
@@ -38,10 +39,11 @@ State& GetState() {
   return state.Get();
 }
 
-// Set while this thread is inside a listener and so holds `in_call`. A listener that calls the
-// channel is told of that on the same thread; taking `in_call` again there would deadlock with a
-// change of listeners that waits in between.
-thread_local bool in_listener = false;
+// Whose `in_call` this thread holds, as it is inside a listener. A listener that calls the channel
+// is told of that on the same thread; taking `in_call` again there would deadlock with a change of
+// listeners that waits in between. A child that a listener forks is inside its parent's, not its
+// own.
+thread_local const State* inside = nullptr;
 
 void TellAll(State& state, const ReportEvent& event) {
   for (const std::atomic<ReportEventListener*>& slot : state.slots) {
@@ -55,14 +57,14 @@ void TellAll(State& state, const ReportEvent& event) {
 // Runs `change` while no listener is being called. False inside a listener, where nothing is done.
 template <typename Change>
 bool ChangeAlone(const char* operation, Change change) {
-  if (in_listener) {
+  State& state = GetState();
+  if (inside == &state) {
     LocalLog(2, "services/report_events_std", __LINE__,
              "report_events: %s is ignored: it was called by the listener, which it would "
              "have to wait for; call it from outside OnReportEvent",
              operation);
     return false;
   }
-  State& state = GetState();
   std::lock_guard<std::mutex> shut(state.gate);
   // relaxed, both: only a hint to queue up at the gate; `in_call` orders the listeners themselves.
   state.gate_shut.store(true, std::memory_order_relaxed);
@@ -82,6 +84,10 @@ bool Replace(Slots& slots, ReportEventListener* old, ReportEventListener* fresh)
   return true;
 }
 
+bool IsIn(const Slots& slots, ReportEventListener* listener) {
+  return std::find(slots.begin() + 1, slots.end(), listener) != slots.end();
+}
+
 bool AreAny(const Slots& slots) {
   return std::any_of(slots.begin(), slots.end(),
                      [](const auto& slot) { return slot.load() != nullptr; });
@@ -98,10 +104,13 @@ void ReportEvents::SetListener(ReportEventListener* listener) {
 }
 
 bool ReportEvents::AddListener(ReportEventListener* listener, uint64_t* newest_before) {
+  const State& state = GetState();
+  // No change, and so nobody who calls or is called is waited for.
+  if (listener != nullptr && inside != &state && IsIn(state.slots, listener)) return true;
   bool is_there = false;
   ChangeAlone("AddListener", [&](Slots& slots) {
     if (listener == nullptr) return;
-    const bool is_new = !Replace(slots, listener, listener);
+    const bool is_new = !IsIn(slots, listener);
     is_there = !is_new || Replace(slots, nullptr, listener);
     // A message of a higher id is told of behind this change, as its id is given before.
     if (is_new && is_there && newest_before != nullptr) *newest_before = NewestMessage();
@@ -119,15 +128,15 @@ void ReportEvents::RemoveListener(ReportEventListener* listener) {
 
 void ReportEvents::Tell(const ReportEvent& event) {
   State& state = GetState();
-  if (in_listener) return TellAll(state, event);
+  if (inside == &state) return TellAll(state, event);
   // relaxed: see ChangeAlone().
   if (state.gate_shut.load(std::memory_order_relaxed)) {
     std::lock_guard<std::mutex> wait(state.gate);
   }
-  std::shared_lock<std::shared_mutex> inside(state.in_call);
-  in_listener = true;
+  std::shared_lock<std::shared_mutex> hold(state.in_call);
+  const State* const outer = std::exchange(inside, &state);
   TellAll(state, event);
-  in_listener = false;
+  inside = outer;
 }
 
 const char* ReportEvents::ImplementationName() { return "std"; }

@@ -101,8 +101,8 @@ class ReportEvents {
   static void SetListener(ReportEventListener* listener);
 
   // As SetListener(), for one listener more, which keeps none of the others from being told; one
-  // that is there already stays as it is. False for null, when kMostListeners are there, and inside
-  // a listener.
+  // that is there already stays as it is, and then no call is waited for. False for null, when
+  // kMostListeners are there, and inside a listener.
   static constexpr size_t kMostListeners = 8;
   static bool AddListener(ReportEventListener* listener) { return AddListener(listener, nullptr); }
   // Once it is added, and before it is told of anything, writes to `*newest_before` which message

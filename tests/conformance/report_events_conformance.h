@@ -167,6 +167,24 @@ TYPED_TEST_P(ReportEventsConformance, DoesNotAddOrRemoveInsideAListener) {
   EXPECT_EQ(0, other.count());
 }
 
+// A host may hold a lock here that its listener is waiting for.
+TYPED_TEST_P(ReportEventsConformance, ToAddAgainWaitsForNoCall) {
+  std::promise<void> entered, may_leave;
+  FunctionListener listener([&](const ReportEvent&) {
+    entered.set_value();
+    EXPECT_EQ(std::future_status::ready, may_leave.get_future().wait_for(std::chrono::seconds(10)));
+  });
+  ASSERT_TRUE(TypeParam::AddListener(&listener));
+  std::thread teller([this] { this->Tell(); });
+  entered.get_future().wait();
+
+  EXPECT_TRUE(TypeParam::AddListener(&listener));
+
+  may_leave.set_value();
+  teller.join();
+  TypeParam::RemoveListener(&listener);
+}
+
 TYPED_TEST_P(ReportEventsConformance, TellsAListenerInsideItsOwnCall) {
   int depth = 0;
   int deepest = 0;
@@ -381,7 +399,7 @@ REGISTER_TYPED_TEST_SUITE_P(ReportEventsConformance,
                             TellsTheListenerOnTheCallersThreadWithEveryField,
                             TellsTheListenerThatThereIsAndNoOther, KeepsTheOrderOfAThreadsEvents,
                             TellsEveryListenerUntilItIsTakenAway, DoesNotAddOrRemoveInsideAListener,
-                            TellsAListenerInsideItsOwnCall,
+                            ToAddAgainWaitsForNoCall, TellsAListenerInsideItsOwnCall,
                             TellsInsideACallWhileAnotherThreadChangesTheListener,
                             ALaterListenerIsToldOfAllThatComesBehindTheNewestMessage,
                             WaitsForACallInProgressBeforeItLetsTheListenerGo,

@@ -142,10 +142,16 @@ void ReportEvents::SetListener(ReportEventListener* listener) {
 }
 
 bool ReportEvents::AddListener(ReportEventListener* listener, uint64_t* newest_before) {
+  auto& all = more_listeners;
+  const auto is_there = [&] { return std::find(all.begin(), all.end(), listener) != all.end(); };
+  if (!is_inside) {
+    pthread_rwlock_rdlock(&in_call);
+    const bool is_done = is_there();
+    pthread_rwlock_unlock(&in_call);
+    if (is_done) return true;
+  }
   return ChangeListeners("AddListener", &has_listener_, [&] {
-    auto& all = more_listeners;
-    const bool is_there = std::find(all.begin(), all.end(), listener) != all.end();
-    if (listener == nullptr || is_there || all.size() == kMostListeners) return is_there;
+    if (listener == nullptr || is_there() || all.size() == kMostListeners) return is_there();
     all.push_back(listener);
     if (newest_before != nullptr) *newest_before = NewestMessage();
     return true;

@@ -316,6 +316,47 @@ TEST_F(ReporterTest, MayBeUsedStoppedAndDestroyedInItsOwnCallback) {
   }
 }
 
+// The callback may wait for a lock that the host holds in Send().
+TEST_F(ReporterTest, IsCreatedWithoutWaitingForTheCallbacksOfOthers) {
+  Gate entered, may_leave;
+  options_.on_update = [&](const Reporter::Update&) {
+    entered.Open();
+    EXPECT_TRUE(may_leave.Wait());
+  };
+  const auto first = Create();
+  EXPECT_TRUE(Send(first.get(), "m"));
+  EXPECT_TRUE(entered.Wait());
+  options_.name = "another";
+  options_.on_update = nullptr;
+
+  const auto second = Create();
+  EXPECT_TRUE(Send(first.get(), "m"));
+
+  may_leave.Open();
+  EXPECT_EQ(2u, first->Stop(60s).acknowledged);
+}
+
+TEST_F(ReporterTest, AChildThatACallbackForksHasItsOwn) {
+#if defined(QUENOR_SANITIZED)
+  GTEST_SKIP() << "a sanitizer's locks and threads do not survive a fork";
+#endif
+  std::atomic<int> result{-1};
+  Reporter::Options own = options_;
+  options_.on_update = [&](const Reporter::Update& update) {
+    if (update.state != State::kAdmitted) return;
+    result = ResultOfChild([&own] {
+      std::string error;
+      const auto reporter = Reporter::Create(own, &error);
+      return reporter != nullptr && Send(reporter.get(), "of the child") ? 0 : 1;
+    });
+  };
+  const auto reporter = Create();
+  EXPECT_TRUE(Send(reporter.get(), "m"));
+
+  EXPECT_EQ(1u, reporter->Stop(60s).acknowledged);
+  EXPECT_EQ(0, result);
+}
+
 TEST_F(ReporterTest, InAForkedChildIsTheParentsAndTheChildHasItsOwn) {
 #if defined(QUENOR_SANITIZED)
   GTEST_SKIP() << "a sanitizer's locks and threads do not survive a fork";
