@@ -29,6 +29,12 @@ constexpr std::chrono::seconds kLoadPatience{10};
 // What the end takes beside sending: the tasks that are waiting.
 constexpr milliseconds kGrace{50};
 
+// What a host has for "forever" would run over the clock's end.
+Time After(milliseconds patience) {
+  constexpr milliseconds kForever = std::chrono::hours(24 * 365);
+  return base::MonotonicNow() + std::clamp(patience, milliseconds(0), kForever);
+}
+
 bool IsEnd(Kind kind) {
   return kind == Kind::kRefused || kind == Kind::kAcknowledged || kind == Kind::kDropped ||
          kind == Kind::kKept;
@@ -141,6 +147,7 @@ class Reporter::Core final : public EventReceiver, public std::enable_shared_fro
   }
   bool Reserve();
   void Free();
+  void Wake();
   void OnGone();
   void OnOwnProbe(const ReportEvent& event);
   void NoteInStore(const ReportEvent& event, int64_t now_ns, bool is_rejection);
@@ -218,7 +225,7 @@ std::string Reporter::Core::Start() {
 
 Reporter::Outcome Reporter::Core::Flush(milliseconds patience) {
   if (is_forked()) return Outcome();
-  const Time end = base::MonotonicNow() + patience;
+  const Time end = After(patience);
   WithChannel([](Channel* channel) { channel->FlushPacket(); });
   if (!IsInCallback())
     WaitUntil(end, [this] { return outstanding_.load() <= books_.delayed() || is_gone_; });
@@ -227,7 +234,7 @@ Reporter::Outcome Reporter::Core::Flush(milliseconds patience) {
 
 Reporter::Outcome Reporter::Core::Stop(milliseconds patience) {
   if (is_forked()) return Outcome();
-  const Time end = base::MonotonicNow() + patience + kGrace;
+  const Time end = After(patience) + kGrace;
   if (patience.count() > 0) Flush(patience);
   if (!is_stopping_.exchange(true)) {
     channel_->Terminate();
@@ -286,7 +293,11 @@ bool Reporter::Core::Reserve() {
 }
 
 void Reporter::Core::Free() {
-  if (outstanding_.fetch_sub(1) - 1 > books_.delayed()) return;
+  if (outstanding_.fetch_sub(1) - 1 <= books_.delayed()) Wake();
+}
+
+// Whoever waits looks again.
+void Reporter::Core::Wake() {
   std::lock_guard<std::mutex> hold(mutex_);
   changed_.notify_all();
 }
@@ -373,6 +384,8 @@ void Reporter::Core::OnEvent(const ReportEvent& event, int64_t now_ns, Books* pr
   if (!is_told_by_send) TellHost(event, is_rejection);
   // Last: who waits for it finds the books and the host told.
   if (IsEnd(event.kind)) Free();
+  // It was reserved before it was known to be delayed, and so waited for.
+  if (event.kind == Kind::kHandedOver && event.message.is_delayed) Wake();
 }
 
 void Reporter::Core::TellHost(const ReportEvent& event, bool is_rejection) {

@@ -22,6 +22,7 @@
 #include "tests/support/fakes/fake_http_client.h"
 #include "tests/support/fakes/fake_mmap_file.h"
 #include "tests/support/forked.h"
+#include "tests/support/patience.h"
 #include "tests/support/temp_folder.h"
 
 namespace quenor::test {
@@ -30,6 +31,7 @@ namespace {
 using namespace std::chrono_literals;
 using base::TimeDelta;
 using conformance::Gate;
+using std::chrono::milliseconds;
 using Refusal = Reporter::Refusal;
 using State = Reporter::State;
 
@@ -143,6 +145,47 @@ TEST_F(ReporterTest, StopBehindADeadServerTakesItsTimeAndNoMore) {
   EXPECT_EQ(0u, outcome.acknowledged + outcome.dropped);
   EXPECT_EQ(Refusal::kStopped, Send(reporter.get(), "late").refusal);
   EXPECT_EQ(20u, reporter->Flush(60s).kept);
+}
+
+TEST_F(ReporterTest, WaitsForAsLongAsAHostMaySay) {
+  const auto reporter = Create();
+  for (const milliseconds patience : {milliseconds::max(), milliseconds(24h * 365 * 300)}) {
+    EXPECT_TRUE(Send(reporter.get(), "m"));
+    EXPECT_TRUE(reporter->Flush(patience).all_delivered());
+  }
+  EXPECT_TRUE(Send(reporter.get(), "m"));
+  reporter->Flush(milliseconds::min());
+  EXPECT_EQ(3u, reporter->Stop(milliseconds::max()).acknowledged);
+}
+
+// A flush that comes between the place that a message takes and its being known as delayed.
+TEST_F(ReporterTest, FlushDoesNotWaitForAMessageThatIsDelayedMeanwhile) {
+  struct Host : ReportEventListener {  // Told before the reporter is.
+    std::function<void()> act;
+    void OnReportEvent(const ReportEvent& event) override {
+      if (event.kind == ReportEventKind::kHandedOver && event.message.is_delayed) act();
+    }
+  } host;
+  const auto reporter = Create();
+  ReportEvents::SetListener(&host);
+  std::thread flusher;
+  std::atomic<pid_t> id{0};
+  Gate done;
+  host.act = [&] {
+    flusher = std::thread([&] {
+      id = gettid();
+      reporter->Flush(600s);
+      done.Open();
+    });
+    PollPatiently("the flush waits", [&] { return id != 0 && StatusLine(id, "State")[0] == 'S'; });
+  };
+
+  EXPECT_TRUE(Send(reporter.get(), "m", {true, false, 1000000}));
+
+  EXPECT_TRUE(done.Wait());
+  reporter->Stop(0s);
+  flusher.join();
+  ReportEvents::SetListener(nullptr);
 }
 
 TEST_F(ReporterTest, IsFullBeforeTheStoreDropsAnything) {
