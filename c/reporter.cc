@@ -30,6 +30,11 @@ constexpr char kTransportsOwn[] =
     "ca_file, client_certificate_file, client_key_file: they are of the library's own HTTP client, "
     "and quenor_set_transport() has replaced it; leave them out, and tell the transport";
 
+constexpr char kNoUrl[] =
+    "url: it is none of the form https://HOST/PATH (or http://, unless require_tls is set); the "
+    "old "
+    "one stays";
+
 std::string& LastError() {
   thread_local std::string error;
   return error;
@@ -68,6 +73,11 @@ std::optional<Ours> ValueOf(int theirs) {
   return static_cast<Ours>(static_cast<unsigned>(theirs) - 1);
 }
 
+bool HasClientOptions(const quenor_options& options) {
+  return options.ca_file != nullptr || options.client_certificate_file != nullptr ||
+         options.client_key_file != nullptr;
+}
+
 SharedSettings SharedOf(const quenor_options& options) {
   SharedSettings shared;
   shared.cache = ValueOf<SharedSettings::Cache>(options.cache);
@@ -77,8 +87,7 @@ SharedSettings SharedOf(const quenor_options& options) {
     shared.socks5_proxy = {options.proxy_host, options.proxy_port, TextOr(options.proxy_user),
                            TextOr(options.proxy_password), /*enabled=*/true};
   }
-  if (options.ca_file != nullptr || options.client_certificate_file != nullptr ||
-      options.require_tls != 0) {
+  if (HasClientOptions(options) || options.require_tls != 0) {
     quenor::HttpDefaults& http = shared.http.emplace();
     http.ca_file = TextOr(options.ca_file);
     http.client_certificate_file = TextOr(options.client_certificate_file);
@@ -86,11 +95,6 @@ SharedSettings SharedOf(const quenor_options& options) {
     http.require_tls = options.require_tls != 0;
   }
   return shared;
-}
-
-bool HasClientOptions(const quenor_options& options) {
-  return options.ca_file != nullptr || options.client_certificate_file != nullptr ||
-         options.client_key_file != nullptr;
 }
 
 Reporter::Options OptionsOf(const quenor_options& from) {
@@ -121,6 +125,9 @@ Reporter::Options OptionsOf(const quenor_options& from) {
   }
   return options;
 }
+
+// Asked before anything is done.
+bool HasRoom(const quenor_outcome* outcome) { return outcome->size >= sizeof outcome->size; }
 
 void GiveOutcome(const Reporter::Outcome& from, quenor_outcome* to) {
   if (to == nullptr) return;
@@ -212,19 +219,21 @@ quenor_error quenor_send(quenor_reporter* reporter, const void* bytes, size_t si
 
 quenor_error quenor_flush(quenor_reporter* reporter, uint32_t patience_ms,
                           quenor_outcome* outcome) {
+  if (outcome != nullptr && !HasRoom(outcome)) return QUENOR_BAD_ARGUMENT;
   return With(reporter, [&](Reporter* one) {
     GiveOutcome(one->Flush(std::chrono::milliseconds(patience_ms)), outcome);
   });
 }
 
 quenor_error quenor_stop(quenor_reporter* reporter, uint32_t patience_ms, quenor_outcome* outcome) {
+  if (outcome != nullptr && !HasRoom(outcome)) return QUENOR_BAD_ARGUMENT;
   return With(reporter, [&](Reporter* one) {
     GiveOutcome(one->Stop(std::chrono::milliseconds(patience_ms)), outcome);
   });
 }
 
 quenor_error quenor_now(quenor_reporter* reporter, quenor_outcome* outcome) {
-  if (outcome == nullptr) return QUENOR_BAD_ARGUMENT;
+  if (outcome == nullptr || !HasRoom(outcome)) return QUENOR_BAD_ARGUMENT;
   return With(reporter, [&](Reporter* one) { GiveOutcome(one->Now(), outcome); });
 }
 
@@ -234,7 +243,11 @@ quenor_error quenor_set_send_interval(quenor_reporter* reporter, uint32_t interv
 
 quenor_error quenor_set_url(quenor_reporter* reporter, const char* url) {
   if (url == nullptr) return QUENOR_BAD_ARGUMENT;
-  return With(reporter, [&](Reporter* one) { one->SetUrl(url); });
+  bool is_one = true;
+  const quenor_error done = With(reporter, [&](Reporter* one) { is_one = one->SetUrl(url); });
+  if (is_one) return done;
+  LastError() = kNoUrl;
+  return QUENOR_BAD_OPTION;
 }
 
 quenor_error quenor_report_interval_ms(quenor_reporter* reporter, uint32_t* interval_ms) {

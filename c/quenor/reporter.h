@@ -54,8 +54,8 @@ QUENOR_API void quenor_init(void* structure, size_t size);
 
 /* A sentence for each; never null. */
 QUENOR_API const char* quenor_error_text(int error);
-/* What was wrong with this thread's last quenor_create(), in one line; never null. Valid until this
- * thread calls it again. */
+/* What was wrong with this thread's last quenor_create() or quenor_set_url(), in one line; never
+ * null. Valid until this thread calls one of them again. */
 QUENOR_API const char* quenor_last_error(void);
 /* "0.1.0" */
 QUENOR_API const char* quenor_version(void);
@@ -171,6 +171,7 @@ QUENOR_API quenor_error quenor_stop(quenor_reporter* reporter, uint32_t patience
 QUENOR_API quenor_error quenor_now(quenor_reporter* reporter, quenor_outcome* outcome);
 
 QUENOR_API quenor_error quenor_set_send_interval(quenor_reporter* reporter, uint32_t interval_ms);
+/* QUENOR_BAD_OPTION when quenor_create() would not take it: then the old one stays. */
 QUENOR_API quenor_error quenor_set_url(quenor_reporter* reporter, const char* url);
 /* How often the server wants a report: 10000 until it says so. */
 QUENOR_API quenor_error quenor_report_interval_ms(quenor_reporter* reporter, uint32_t* interval_ms);

@@ -46,20 +46,31 @@ bool IsBeforeStore(const ReportEvent& event) {
          event.cause == Cause::kNotCompressed || event.cause == Cause::kNeverRun;
 }
 
+std::string WhatIsWrongWithUrl(const std::string& url, bool requires_tls) {
+  const size_t scheme = url.compare(0, 8, "https://") == 0  ? 8
+                        : url.compare(0, 7, "http://") == 0 ? 7
+                                                            : 0;
+  const bool has_host =
+      scheme != 0 && scheme < url.size() && url.find_first_of("/?#", scheme) != scheme;
+  const bool is_clean = std::all_of(url.begin(), url.end(), [](char c) {
+    return static_cast<unsigned char>(c) > ' ' && c != '\x7f';
+  });
+  if (!has_host || !is_clean) {
+    return "url: \"" + url + "\" is none of the form https://HOST/PATH (or http://); correct it";
+  }
+  if (scheme == 8 || !requires_tls) return "";
+  return "url: \"" + url + "\" is not encrypted, and require_tls is set; give https://HOST/PATH";
+}
+
 std::string WhatIsWrongWith(const Reporter::Options& options) {
   const std::string& name = options.name;
-  const std::string& url = options.url;
   if (name.empty() || name.size() > kLongestName || name.find('\0') != std::string::npos ||
       ("/" + name + "/").find("/../") != std::string::npos) {
     return "name: it is to have 1 to 236 bytes, none of them NUL, and no way through \"..\"";
   }
-  const bool has_scheme = url.compare(0, 8, "https://") == 0 || url.compare(0, 7, "http://") == 0;
-  const bool is_clean = std::all_of(url.begin(), url.end(), [](char c) {
-    return static_cast<unsigned char>(c) > ' ' && c != '\x7f';
-  });
-  if (!has_scheme || !is_clean) {
-    return "url: \"" + url + "\" is none of the form https://HOST/PATH (or http://); correct it";
-  }
+  const HttpDefaults http = options.shared.http.value_or(GetHttpDefaults());
+  const std::string wrong = WhatIsWrongWithUrl(options.url, http.require_tls);
+  if (!wrong.empty()) return wrong;
   if (options.send_limit == 0) {
     return "send_limit: 0 would drop everything at its first failure; give 1 or more";
   }
@@ -438,8 +449,10 @@ std::string Reporter::Metrics() { return Exposition(Switchboard::OfProcess().Rea
 void Reporter::SetSendInterval(uint32_t interval_ms) {
   core_->WithChannel([=](auto* channel) { channel->SetResendInterval(interval_ms); });
 }
-void Reporter::SetUrl(const std::string& url) {
+bool Reporter::SetUrl(const std::string& url) {
+  if (!WhatIsWrongWithUrl(url, GetHttpDefaults().require_tls).empty()) return false;
   core_->WithChannel([&](auto* channel) { channel->SetServerDomain(url); });
+  return true;
 }
 uint32_t Reporter::ReportIntervalMs() const {
   uint32_t interval_ms = 0;

@@ -152,7 +152,8 @@ class Reporter {
   static std::string Metrics();
 
   void SetSendInterval(uint32_t interval_ms);
-  void SetUrl(const std::string& url);
+  // False when Create() would not take it: then the old one stays.
+  bool SetUrl(const std::string& url);
   // How often the server wants a report, in milliseconds: 10000 until it says so.
   uint32_t ReportIntervalMs() const;
 

@@ -166,6 +166,7 @@ TEST_F(CInterfaceTest, OptionsThatCannotBeAreNamed) {
       {[](quenor_options* o) { o->cache = static_cast<quenor_cache>(4); }, "cache"},
       {[](quenor_options* o) { o->durability = static_cast<quenor_durability>(4); }, "durability"},
       {[](quenor_options* o) { o->ca_file = "/ca.pem"; }, "ca_file"},
+      {[](quenor_options* o) { o->client_key_file = "/key.pem"; }, "client_key_file"},
   };
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.named);
@@ -200,10 +201,35 @@ TEST_F(CInterfaceTest, ArgumentsThatCannotBeAreAnswered) {
   EXPECT_EQ(quenor_send(reporter_, "a", 1, &both, nullptr), QUENOR_NOW_AND_DELAY);
   EXPECT_EQ(quenor_now(reporter_, nullptr), QUENOR_BAD_ARGUMENT);
   EXPECT_EQ(quenor_set_url(reporter_, nullptr), QUENOR_BAD_ARGUMENT);
+  EXPECT_EQ(quenor_set_url(reporter_, ""), QUENOR_BAD_OPTION);
+  EXPECT_EQ(std::strncmp(quenor_last_error(), "url: ", 5), 0);
   EXPECT_EQ(quenor_report_interval_ms(reporter_, nullptr), QUENOR_BAD_ARGUMENT);
+  quenor_outcome nothing = {};  // Not by QUENOR_INIT().
+  EXPECT_EQ(quenor_now(reporter_, &nothing), QUENOR_BAD_ARGUMENT);
+  EXPECT_EQ(quenor_flush(reporter_, 0, &nothing), QUENOR_BAD_ARGUMENT);
+  EXPECT_EQ(quenor_stop(reporter_, 0, &nothing), QUENOR_BAD_ARGUMENT);
+  EXPECT_EQ(quenor_send(reporter_, "a", 1, nullptr, nullptr), QUENOR_OK) << "it is not stopped";
   for (int error = -1; error < 20; ++error) {
     EXPECT_STRNE(quenor_error_text(static_cast<quenor_error>(error)), "");
   }
+}
+
+TEST_F(CInterfaceTest, AUrlInClearIsRefusedWhereTlsIsRequired) {
+  options_.url = "http://collector.example/reports";
+  options_.require_tls = 1;
+  EXPECT_EQ(quenor_create(&options_, &reporter_), QUENOR_BAD_OPTION);
+  EXPECT_EQ(std::strncmp(quenor_last_error(), "url: ", 5), 0) << quenor_last_error();
+
+  options_.url = "https://collector.example/reports";
+  Create();
+  EXPECT_EQ(quenor_set_url(reporter_, "http://collector.example/reports"), QUENOR_BAD_OPTION);
+}
+
+TEST_F(CInterfaceTest, AKeyWithoutItsCertificateIsRefused) {
+  ASSERT_EQ(quenor_set_transport(nullptr), QUENOR_OK);
+  options_.client_key_file = "/key.pem";
+  EXPECT_EQ(quenor_create(&options_, &reporter_), QUENOR_BAD_OPTION);
+  EXPECT_NE(std::strstr(quenor_last_error(), "client_key_file"), nullptr) << quenor_last_error();
 }
 
 // As a program sees it that was built when the structures were shorter.

@@ -234,6 +234,8 @@ TEST_F(ReporterTest, SaysWhatIsWrongWithItsOptions) {
       {"url: ", [](auto* options) { options->url = ""; }},
       {"url: ", [](auto* options) { options->url = "ftp://host/"; }},
       {"url: ", [](auto* options) { options->url = "https://host/a b"; }},
+      {"url: ", [](auto* options) { options->url = "https://"; }},
+      {"url: ", [](auto* options) { options->url = "http:///reports"; }},
       {"send_limit: ", [](auto* options) { options->send_limit = 0; }},
       {"send_interval_ms: ", [](auto* options) { options->send_interval_ms = 99; }},
       {"folder: ", [](auto* options) { options->shared.folder = "/another"; }},
@@ -255,6 +257,21 @@ TEST_F(ReporterTest, SaysWhatIsWrongWithItsOptions) {
 
     EXPECT_EQ(0u, error.find(one.what)) << error;
   }
+}
+
+TEST_F(ReporterTest, KeepsItsUrlWhenTheNextOneIsNone) {
+  const auto reporter = Create();
+  for (const char* const url : {"", "ftp://host/", "https://", "host"}) {
+    EXPECT_FALSE(reporter->SetUrl(url)) << url;
+  }
+  EXPECT_TRUE(Send(reporter.get(), "m"));
+  EXPECT_EQ(1u, reporter->Flush(60s).acknowledged);
+  EXPECT_EQ(options_.url, http_.Requests()[0].request.url);
+
+  EXPECT_TRUE(reporter->SetUrl("http://another/"));
+  EXPECT_TRUE(Send(reporter.get(), "m"));
+  EXPECT_EQ(2u, reporter->Stop(60s).acknowledged);
+  EXPECT_EQ("http://another/", http_.Requests()[1].request.url);
 }
 
 TEST_F(ReporterTest, HasItsNameAloneUntilItHasStopped) {
