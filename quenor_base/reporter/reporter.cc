@@ -228,6 +228,7 @@ std::string Reporter::Core::Start() {
   const Cause end = probe_end_;
   hold.unlock();
   if (end == Cause::kNoServer) return "";
+  is_silent_ = true;  // The host has no reporter. A callback that blocks is not waited for.
   Stop(milliseconds(0));
   return end == Cause::kNone ? "name: the file of \"" + options_.name +
                                    "\" could not be read within 10 s; look at the disk"

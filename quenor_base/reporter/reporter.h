@@ -76,8 +76,9 @@ class Reporter {
     uint32_t send_interval_ms = 0;
     SharedSettings shared = SharedSettings();
     // Both on the reporter's thread, which waits for them: they must not block. They may call the
-    // reporter; Flush() and Stop() do not wait there. Never after the reporter's end, which waits
-    // for one that runs: no lock is to be held there that a callback takes.
+    // reporter; Flush() and Stop() do not wait there. Never after the reporter's end. That waits
+    // for one that runs, and Create() for those of what it loads: no lock is to be held there that
+    // a callback takes.
     std::function<void(const Update&)> on_update = nullptr;
     std::function<void(const Tuning&)> on_tuning = nullptr;
   };

@@ -134,6 +134,31 @@ TEST_F(ReporterTest, WhatAStopKeepsTheNextOneDelivers) {
   EXPECT_EQ(1u, reporter->ReadBooks().loaded);
 }
 
+// Which takes ten seconds, here for a callback that blocks.
+TEST_F(ReporterTest, NoCallbackBeginsOfOneThatCouldNotBeMade) {
+  status_ = 1;
+  {
+    const auto before = Create();
+    EXPECT_TRUE(Send(before.get(), "one"));
+    EXPECT_TRUE(Send(before.get(), "two"));
+    EXPECT_EQ(2u, before->Stop(0s).kept);
+  }
+  std::atomic<int> calls{0};
+  Gate given_up;
+  options_.on_update = [&](const Reporter::Update&) {
+    ++calls;
+    EXPECT_TRUE(given_up.Wait());
+  };
+  std::string error;
+
+  EXPECT_EQ(nullptr, Reporter::Create(options_, &error));
+
+  EXPECT_EQ(0u, error.find("name: the file")) << error;
+  given_up.Open();
+  EXPECT_TRUE(core::ThreadManager::WaitForDrain(TimeDelta::FromSeconds(60)));
+  EXPECT_EQ(1, calls);
+}
+
 TEST_F(ReporterTest, StopBehindADeadServerTakesItsTimeAndNoMore) {
   status_ = 0;
   const auto reporter = Create();
