@@ -254,8 +254,10 @@ Reporter::Outcome Reporter::Core::Stop(milliseconds patience) {
   }
   if (!IsInCallback()) {
     WaitUntil(end, [this] { return is_gone_; });
-    // Its thread, too, so that nothing of it runs while the process ends.
-    const auto left = std::chrono::duration_cast<milliseconds>(end - base::MonotonicNow());
+    // Its thread, too, so that nothing of it runs while the process ends. Not for long: other
+    // reporters' threads, which may be busy, are waited for with it.
+    const auto left =
+        std::min(kGrace, std::chrono::duration_cast<milliseconds>(end - base::MonotonicNow()));
     (void)core::ThreadManager::WaitForDrain(base::TimeDelta::FromMilliseconds(left.count()));
   }
   return Now();

@@ -421,6 +421,25 @@ TEST_F(ReporterTest, IsCreatedWithoutWaitingForTheCallbacksOfOthers) {
   EXPECT_EQ(2u, first->Stop(60s).acknowledged);
 }
 
+TEST_F(ReporterTest, StopsWithoutWaitingForTheEndOfOthers) {
+  Gate entered, may_leave;
+  const auto first = Create();
+  options_.name = "another";
+  options_.on_update = [&](const Reporter::Update&) {
+    entered.Open();
+    EXPECT_TRUE(may_leave.Wait());
+  };
+  const auto second = Create();
+  EXPECT_TRUE(Send(second.get(), "m"));
+  EXPECT_TRUE(entered.Wait());
+  second->Stop(0s);
+  EXPECT_TRUE(Send(first.get(), "m"));
+
+  EXPECT_EQ(1u, first->Stop(600s).acknowledged);
+
+  may_leave.Open();
+}
+
 TEST_F(ReporterTest, AChildThatACallbackForksHasItsOwn) {
 #if defined(QUENOR_SANITIZED)
   GTEST_SKIP() << "a sanitizer's locks and threads do not survive a fork";
