@@ -31,9 +31,8 @@ constexpr char kTransportsOwn[] =
     "and quenor_set_transport() has replaced it; leave them out, and tell the transport";
 
 constexpr char kNoUrl[] =
-    "url: it is none of the form https://HOST/PATH (or http://, unless require_tls is set); the "
-    "old "
-    "one stays";
+    "url: it is none of the form https://HOST/PATH (or http://, unless require_tls is set); "
+    "the old one stays";
 
 std::string& LastError() {
   thread_local std::string error;

@@ -46,6 +46,7 @@ bool IsBeforeStore(const ReportEvent& event) {
          event.cause == Cause::kNotCompressed || event.cause == Cause::kNeverRun;
 }
 
+// It may carry a password, and is not repeated.
 std::string WhatIsWrongWithUrl(const std::string& url, bool requires_tls) {
   const size_t scheme = url.compare(0, 8, "https://") == 0  ? 8
                         : url.compare(0, 7, "http://") == 0 ? 7
@@ -56,10 +57,10 @@ std::string WhatIsWrongWithUrl(const std::string& url, bool requires_tls) {
     return static_cast<unsigned char>(c) > ' ' && c != '\x7f';
   });
   if (!has_host || !is_clean) {
-    return "url: \"" + url + "\" is none of the form https://HOST/PATH (or http://); correct it";
+    return "url: it is none of the form https://HOST/PATH (or http://); correct it";
   }
   if (scheme == 8 || !requires_tls) return "";
-  return "url: \"" + url + "\" is not encrypted, and require_tls is set; give https://HOST/PATH";
+  return "url: it is not encrypted, and require_tls is set; give https://HOST/PATH";
 }
 
 std::string WhatIsWrongWith(const Reporter::Options& options) {
