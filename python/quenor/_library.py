@@ -8,6 +8,7 @@ from ctypes import POINTER, c_char_p, c_int, c_size_t, c_uint16, c_uint32, c_uin
 
 FILE = "libquenor.so.0"
 VARIABLE = "QUENOR_LIBRARY"
+OWN = pathlib.Path(__file__).with_name(FILE)  # In a wheel.
 
 
 class Update(ctypes.Structure):
@@ -68,8 +69,7 @@ FUNCTIONS = {
 
 def _place() -> str:
     """A wheel carries it beside this file; else the environment names it, or the system has it."""
-    own = pathlib.Path(__file__).with_name(FILE)
-    return str(own) if own.exists() else os.environ.get(VARIABLE) or FILE
+    return str(OWN) if OWN.exists() else os.environ.get(VARIABLE) or FILE
 
 
 def _load(place: str) -> ctypes.CDLL:
@@ -80,9 +80,9 @@ def _load(place: str) -> ctypes.CDLL:
             function = getattr(library, name)
             function.restype, function.argtypes = answer, arguments
     except (OSError, AttributeError) as error:
-        raise ImportError(
-            f"quenor: its library cannot be used: {error}; install libquenor0 and what it needs "
-            f"(libcurl4, libssl3, zlib1g), or set {VARIABLE} to the path of {FILE}") from None
+        what = ("install libcurl4, libssl3 and zlib1g, which the wheel's library needs" if place == str(OWN) else
+                f"install libquenor0, or set {VARIABLE} to the path of {FILE}")
+        raise ImportError(f"quenor: its library cannot be used: {error}; {what}") from None
     return library
 
 

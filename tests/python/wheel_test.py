@@ -61,10 +61,15 @@ class WheelTest(support.Case):
         self.assertEqual({sha256(b"from a wheel")}, set(collector.accepted()))
 
     def test_without_its_library_it_says_what_to_do(self):
-        done = subprocess.run([sys.executable, "-B", "-c", "import quenor"], capture_output=True,
-                              text=True, env={**os.environ, "QUENOR_LIBRARY": "/no/libquenor.so.0"})
-        self.assertEqual(1, done.returncode)
-        self.assertRegex(done.stderr, "ImportError: quenor: .*/no/libquenor.so.0.*install libquenor0")
+        with_own = pathlib.Path(self.folder, "with_own")
+        shutil.copytree(ROOT / "python/quenor", with_own / "quenor")
+        (with_own / "quenor/libquenor.so.0").write_bytes(b"")  # Cannot be loaded, as one that lacks what it needs.
+        for path, library, says in ((ROOT / "python", "/no/libquenor.so.0", "/no/libquenor.so.0.*install libquenor0"),
+                                    (with_own, LIBRARY, "file too short; install libcurl4, libssl3 and zlib1g")):
+            done = subprocess.run([sys.executable, "-B", "-c", "import quenor"], capture_output=True, text=True,
+                                  env={**os.environ, "PYTHONPATH": str(path), "QUENOR_LIBRARY": library})
+            self.assertEqual(1, done.returncode)
+            self.assertRegex(done.stderr, "ImportError: quenor: .*" + says)
 
     def test_structures_are_the_headers(self):
         from quenor import _library
