@@ -67,7 +67,7 @@ base::TimeDelta SendPeriod(uint32_t interval_ms) {
 
 // The bytes of a packet. The store's own: a body that a request still holds is unshared, once. When
 // memory for that is exhausted the shared bytes are the same ones. Null when there are none.
-const uint8_t* PacketBytes(CopyOnWriteBuffer* body) {
+inline const uint8_t* PacketBytes(CopyOnWriteBuffer* body) {
   if (body->size() == 0) return nullptr;
   const uint8_t* const bytes = body->data<uint8_t>();
   return bytes != nullptr ? bytes : body->cdata<uint8_t>();
