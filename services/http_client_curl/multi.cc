@@ -212,7 +212,8 @@ void Multi::Wait(int64_t until_ms) {
   }
   curl_waitfd wake[] = {{wake_fd_, CURL_WAIT_POLLIN, 0},
                         {connections_.hang_ups.fd(), CURL_WAIT_POLLIN, 0}};
-  if (curl_multi_poll(multi_, wake, 2, timeout_ms, nullptr) != CURLM_OK) {
+  int ready = 0;
+  if (curl_multi_poll(multi_, wake, 2, timeout_ms, &ready) != CURLM_OK) {
     poll(nullptr, 0, kPollFailurePauseMs);  // Out of memory or descriptors: not at full speed.
   }
   uint64_t wake_ups;
@@ -221,7 +222,9 @@ void Multi::Wait(int64_t until_ms) {
     any_hung_up_ = true;
   }
   if (wake[0].revents != 0) (void)!read(wake_fd_, &wake_ups, sizeof(wake_ups));
-  fruitless_rounds_ = base::MonotonicMs() - before_ms > 1 ? 0 : fruitless_rounds_ + 1;
+  // That it took long says nothing where a socket was ready: the machine may be busy.
+  const bool has_slept = ready == 0 && base::MonotonicMs() - before_ms > 1;
+  fruitless_rounds_ = has_slept ? 0 : fruitless_rounds_ + 1;
 }
 
 void Multi::WakeUp() const {
