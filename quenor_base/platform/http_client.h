@@ -17,6 +17,8 @@
 
 #include "quenor_base/buffer/copy_on_write_buffer.h"
 #include "quenor_base/platform/base/callback.h"
+#include "quenor_base/platform/http_reason.h"
+#include "quenor_base/platform/http_settings.h"
 
 QUENOR_NAMESPACE_BEGIN
 
@@ -64,7 +66,8 @@ class HttpClient {
     std::string method;      // "POST", "GET", ...; sent as it is.
     CopyOnWriteBuffer body;
     std::map<std::string, std::string> headers;  // Beside, or instead of, the client's own.
-    uint32_t timeout_ms = 0;                     // Whole exchange; 0 takes the process's default.
+    uint32_t timeout_ms = 0;                     // Whole exchange; 0 takes what the settings say.
+    HttpReason reason = HttpReason::kNone;       // Set by the client, as `request_id` is.
   };
 
   struct Response {
@@ -125,40 +128,6 @@ class HttpClientFactory {
  private:
   inline static std::atomic<Maker> maker_{nullptr};
 };
-
-// What holds for every client of the process. The host sets it before the first request; a later
-// change takes effect with the next client made.
-struct HttpDefaults {
-  std::string ca_file;    // PEM bundle that replaces the system's; empty: the system's.
-  std::string ca_folder;  // Hashed folder of CA certificates, likewise.
-  // "sha256//BASE64" of accepted public keys (SubjectPublicKeyInfo), checked beside the
-  // certificate; empty: no pinning. Give a spare, so that a key can be changed.
-  std::vector<std::string> pinned_public_keys;
-  // PEM; empty: none. Both are loaded when they are set, and must belong together.
-  std::string client_certificate_file;
-  std::string client_key_file;          // Not encrypted; empty: in the certificate's file.
-  std::string user_agent;               // Empty: "quenor/VERSION".
-  uint32_t connect_timeout_ms = 15000;  // Resolve, connect, proxy and TLS. 0 is not "for ever":
-                                        // it takes the default, here and below.
-  uint32_t total_timeout_ms = 50000;    // Below the channel's 60-second idle clean-up.
-  uint32_t low_speed_bytes_per_second = 64;  // Slower than this ...
-  uint32_t low_speed_seconds = 20;           // ... for this long is a failure.
-  uint32_t max_response_body_bytes = 1 << 20;
-  uint32_t max_response_header_bytes = 64 << 10;  // At most 256 KiB.
-  // Requests beyond wait their turn, which counts in their time limit. Connections are shared: of
-  // clients with different limits the one that sent last decides.
-  uint32_t max_connections_per_host = 6;
-  // Refuses URLs with http://, which are sent without encryption. False: they are taken, and the
-  // first that leaves the machine is warned of in the log.
-  bool require_tls = false;
-};
-
-// Any thread. Answers an empty string, or, when a value cannot be used (a CA file that cannot be
-// read, a malformed pin), one line that names it and says what to do; nothing is changed then.
-[[nodiscard]] std::string SetHttpDefaults(const HttpDefaults& defaults);
-
-// Any thread. The values in force.
-HttpDefaults GetHttpDefaults();
 
 QUENOR_NAMESPACE_END
 
