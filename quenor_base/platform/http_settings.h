@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "quenor_base/platform/base/abi.h"
@@ -84,6 +85,23 @@ struct HttpSettings {
   // server knows better.
   std::vector<std::string> connect_to;
 };
+
+// Whether they come to the same; never, where one has a function.
+inline bool operator==(const HttpSettings& a, const HttpSettings& b) {
+  const auto values = [](const HttpSettings& s) {
+    return std::tie(s.ca_file, s.ca_folder, s.pinned_public_keys, s.client_certificate_file,
+                    s.client_key_file, s.user_agent, s.connect_timeout_ms, s.total_timeout_ms,
+                    s.low_speed_bytes_per_second, s.low_speed_seconds, s.max_response_body_bytes,
+                    s.max_response_header_bytes, s.max_connections_per_host, s.require_tls,
+                    s.ca_pem, s.client_certificate_pem, s.client_key_pem, s.headers,
+                    s.keep_idle_connections, s.proxy.url, s.proxy.user, s.proxy.password,
+                    s.proxy.ca_file, s.proxy.except, s.proxy_from_environment, s.connect_to);
+  };
+  const auto has_function = [](const HttpSettings& s) {
+    return s.key_passphrase != nullptr || s.fresh_headers != nullptr;
+  };
+  return values(a) == values(b) && !has_function(a) && !has_function(b);
+}
 
 // What holds for every client of the process. The host sets it before the first request; a later
 // change takes effect with the next client made.

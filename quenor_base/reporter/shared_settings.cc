@@ -29,20 +29,12 @@ Fixed& GetFixed() {
 auto Parts(const Proxy& proxy) {
   return std::tie(proxy.enabled, proxy.host, proxy.port, proxy.user, proxy.password);
 }
-auto Parts(const HttpDefaults& http) {
-  return std::tie(http.ca_file, http.ca_folder, http.pinned_public_keys,
-                  http.client_certificate_file, http.client_key_file, http.user_agent,
-                  http.connect_timeout_ms, http.total_timeout_ms, http.low_speed_bytes_per_second,
-                  http.low_speed_seconds, http.max_response_body_bytes,
-                  http.max_response_header_bytes, http.max_connections_per_host, http.require_tls);
-}
 
 template <typename T>
 bool AreEqual(const T& a, const T& b) {
   return a == b;
 }
 bool AreEqual(const Proxy& a, const Proxy& b) { return Parts(a) == Parts(b); }
-bool AreEqual(const HttpDefaults& a, const HttpDefaults& b) { return Parts(a) == Parts(b); }
 
 template <typename T>
 bool Differs(const std::optional<T>& fixed, const std::optional<T>& wanted) {

@@ -15,7 +15,7 @@
 #include "services/http_client_curl/address.h"
 #include "services/http_client_curl/easy_options.h"
 #include "services/http_client_curl/engine.h"
-#include "services/http_client_curl/rules/defaults_check.h"
+#include "services/http_client_curl/rules/settings_check.h"
 #include "services/http_client_curl/rules/syntax.h"
 #include "services/http_client_curl/tls_openssl.h"
 
@@ -38,26 +38,10 @@ class InCommon {
     return *base::FindOrMake(&common, [] { return new InCommon; });
   }
 
-  // `identity` may be null.
-  HttpDefaults GetDefaults(std::shared_ptr<const ClientIdentity>* identity) QUENOR_EXCLUDES(lock_) {
-    base::AutoLock hold(lock_);
-    if (identity != nullptr) *identity = identity_;
-    return defaults_;
-  }
-  void SetDefaults(HttpDefaults defaults, std::shared_ptr<const ClientIdentity> identity)
-      QUENOR_EXCLUDES(lock_) {
-    base::AutoLock hold(lock_);
-    std::swap(defaults_, defaults);
-    std::swap(identity_, identity);
-  }
   // True once in the process.
   bool MayWarnOfPlainHttp() QUENOR_EXCLUDES(lock_) {
     base::AutoLock hold(lock_);
     return !std::exchange(warned_of_plain_http_, true);
-  }
-  int64_t NextSerial() QUENOR_EXCLUDES(lock_) {
-    base::AutoLock hold(lock_);
-    return ++last_serial_;
   }
   // The last URL that any client found usable: most report to the same server, and libcurl's parser
   // takes 5 KiB of stack, which each of their threads would keep for good.
@@ -75,48 +59,88 @@ class InCommon {
 
   base::Lock lock_;
   base::HeldAtFork held_{&lock_};
-  HttpDefaults defaults_ QUENOR_GUARDED_BY(lock_);
-  std::shared_ptr<const ClientIdentity> identity_ QUENOR_GUARDED_BY(lock_) =
-      std::make_shared<const ClientIdentity>();
   bool warned_of_plain_http_ QUENOR_GUARDED_BY(lock_) = false;
-  int64_t last_serial_ QUENOR_GUARDED_BY(lock_) = 0;
   std::string good_url_ QUENOR_GUARDED_BY(lock_);
 };
 
+// "scheme://host:port" of a URL without a problem, so that those of one origin are equal.
+std::string OriginOf(const std::string& url) {
+  CURLU* const parsed = curl_url();
+  std::string origin;
+  if (parsed != nullptr && curl_url_set(parsed, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK) {
+    for (const auto part : {CURLUPART_SCHEME, CURLUPART_HOST, CURLUPART_PORT}) {
+      char* text = nullptr;
+      curl_url_get(parsed, part, &text, CURLU_DEFAULT_PORT);
+      if (text != nullptr) origin += (origin.empty() ? "" : " ") + std::string(text);
+      curl_free(text);
+    }
+    for (char& c : origin) c = http_syntax::LowerAscii(c);
+  }
+  curl_url_cleanup(parsed);
+  return origin;
+}
+std::string GivenOrigin(const std::string& origin, std::string* problem) {
+  *problem = http_address::UrlProblem(origin);
+  return problem->empty() ? OriginOf(origin) : std::string();
+}
+
 class HttpClientCurl final : public HttpClient {
  public:
-  explicit HttpClientCurl(std::shared_ptr<ClientSettings> settings)
-      : settings_(std::move(settings)) {}
-  ~HttpClientCurl() override { Engine::Get()->Close(settings_.get()); }
+  explicit HttpClientCurl(const Config& config)
+      : config_(config),
+        defaults_(HttpSets::Get().Defaults()),
+        state_(std::make_shared<ClientState>()) {}
+  ~HttpClientCurl() override { Engine::Get()->Close(state_.get()); }
 
   int64_t SendRequest(const Request& request, CompletionCallback callback) override;
 
  private:
   int64_t StartRequest(const Request& request, CompletionCallback callback);
-  // Empty when a request can be sent there, else why not and what to do.
-  std::string UrlProblem(const std::string& url) QUENOR_EXCLUDES(lock_);
+  std::string PrepareProblem(const Request& request,
+                             std::shared_ptr<const ClientSettings>* settings,
+                             http_syntax::Headers* headers);
+  // By which settings a request goes to `url`; empty when it can be sent there, else why not and
+  // what to do.
+  std::string UrlProblem(const std::string& url, std::shared_ptr<const ClientSettings>* settings)
+      QUENOR_EXCLUDES(lock_);
 
-  const std::shared_ptr<ClientSettings> settings_;
+  const Config config_;
+  const std::shared_ptr<const HttpSet> defaults_;  // When it was made.
+  const std::shared_ptr<ClientState> state_;
   base::Lock lock_;
-  std::string good_url_ QUENOR_GUARDED_BY(lock_);  // The last one that was found usable.
+  // The last URL that was found usable, by which settings, and as what was set stood then.
+  std::string good_url_ QUENOR_GUARDED_BY(lock_);
+  std::shared_ptr<const ClientSettings> settings_ QUENOR_GUARDED_BY(lock_);
+  uint64_t generation_ QUENOR_GUARDED_BY(lock_) = 0;
 };
 
-std::string HttpClientCurl::UrlProblem(const std::string& url) {
+std::string HttpClientCurl::UrlProblem(const std::string& url,
+                                       std::shared_ptr<const ClientSettings>* settings) {
+  const uint64_t generation = HttpSets::Get().generation();
   {
     base::AutoLock hold(lock_);
-    if (!good_url_.empty() && good_url_ == url) return std::string();
+    *settings = settings_;
+    if (!good_url_.empty() && good_url_ == url && generation_ == generation) return std::string();
   }
   if (!InCommon::Get().IsGoodUrl(url)) {
     std::string problem = http_address::UrlProblem(url);
     if (!problem.empty()) return problem;
     InCommon::Get().SetGoodUrl(url);
   }
-  if (http_address::IsUnencrypted(url)) {
-    if (settings_->defaults.require_tls) {
+  const bool is_encrypted = !http_address::IsUnencrypted(url);
+  std::shared_ptr<const HttpSet> set;
+  if (generation != 0) set = HttpSets::Get().OfOrigin(OriginOf(url));
+  if (set == nullptr) set = defaults_;
+  const bool is_as_before =
+      *settings != nullptr && (*settings)->set == set && (*settings)->is_encrypted == is_encrypted;
+  if (!is_as_before) *settings = ClientSettings::Make(config_, std::move(set), is_encrypted);
+  if (*settings == nullptr) return "out of memory; use less of it";
+  if (!is_encrypted) {
+    if ((*settings)->values().require_tls) {
       return "the URL is not encrypted and HttpDefaults::require_tls is set; give "
              "https://HOST[:PORT]/PATH";
     }
-    const bool leaves = !settings_->proxy.empty() || !http_address::IsLoopback(url);
+    const bool leaves = !(*settings)->proxy.url.empty() || !http_address::IsLoopback(url);
     if (leaves && InCommon::Get().MayWarnOfPlainHttp()) {
       LocalLog(kLogError, kLogFile, __LINE__,
                "http: requests to %s go out without encryption; give https://, and set "
@@ -126,7 +150,31 @@ std::string HttpClientCurl::UrlProblem(const std::string& url) {
   }
   base::AutoLock hold(lock_);
   good_url_ = url;
+  settings_ = *settings;
+  generation_ = generation;
   return std::string();
+}
+
+// Empty, or why it cannot be sent and what to do. `*headers`: the request's, those of its settings
+// included, when it has others than these.
+std::string HttpClientCurl::PrepareProblem(const Request& request,
+                                           std::shared_ptr<const ClientSettings>* settings,
+                                           http_syntax::Headers* headers) {
+  std::string problem = http_syntax::RequestProblem(request);
+  if (problem.empty()) problem = UrlProblem(request.url, settings);
+  if (!problem.empty()) return problem;
+  const HttpSettings& values = (*settings)->values();
+  if (values.fresh_headers == nullptr && request.headers.empty()) return problem;
+  *headers = values.headers;
+  if (values.fresh_headers != nullptr) {
+    http_syntax::Headers fresh;
+    base::EndOnException("the host's fresh_headers", [&] { fresh = values.fresh_headers(); });
+    problem = http_syntax::HeadersProblem(fresh);
+    if (!problem.empty()) return "fresh_" + problem;
+    *headers = http_syntax::Merged(*headers, fresh);
+  }
+  *headers = http_syntax::Merged(*headers, request.headers);
+  return problem;
 }
 
 int64_t HttpClientCurl::SendRequest(const Request& request, CompletionCallback callback) {
@@ -137,8 +185,9 @@ int64_t HttpClientCurl::SendRequest(const Request& request, CompletionCallback c
 
 int64_t HttpClientCurl::StartRequest(const Request& request, CompletionCallback callback) {
   Engine* engine = Engine::Get();
-  std::string problem = http_syntax::RequestProblem(request);
-  if (problem.empty()) problem = UrlProblem(request.url);
+  std::shared_ptr<const ClientSettings> settings;
+  http_syntax::Headers headers;
+  const std::string problem = PrepareProblem(request, &settings, &headers);
   if (!problem.empty()) {
     if (engine->MayLog(problem)) {
       LocalLog(kLogError, kLogFile, __LINE__, "http: cannot send: %s", problem.c_str());
@@ -147,7 +196,8 @@ int64_t HttpClientCurl::StartRequest(const Request& request, CompletionCallback 
   }
   Transfer* transfer = engine->Acquire();
   if (transfer == nullptr) return 0;
-  if (!transfer->Prepare(settings_, request)) {
+  const bool has_own = !request.headers.empty() || settings->values().fresh_headers != nullptr;
+  if (!transfer->Prepare(state_, settings, request, has_own ? &headers : nullptr)) {
     engine->GiveBack(transfer);
     if (engine->MayLog("options")) {
       LocalLog(kLogError, kLogFile, __LINE__,
@@ -157,7 +207,7 @@ int64_t HttpClientCurl::StartRequest(const Request& request, CompletionCallback 
     return 0;
   }
   const int64_t id = NextRequestId();
-  const uint32_t total_ms = settings_->defaults.total_timeout_ms;
+  const uint32_t total_ms = settings->values().total_timeout_ms;
   transfer->request.request_id = id;
   transfer->callback = std::move(callback);
   transfer->started_ms = base::MonotonicMs();
@@ -176,18 +226,7 @@ std::unique_ptr<HttpClient> CreateClient(const HttpClient::Config& config) {
     }
     return nullptr;
   }
-  std::shared_ptr<const ClientIdentity> identity;
-  HttpDefaults defaults = http_defaults::InForce(InCommon::Get().GetDefaults(&identity));
-  auto settings = std::make_shared<ClientSettings>(config, std::move(defaults));
-  settings->identity = std::move(identity);
-  settings->serial = InCommon::Get().NextSerial();
-  settings->proxy = http_address::ProxyUrl(config);
-  settings->http2 = config.enable_http2 && HasHttp2();
-  for (const std::string& pin : settings->defaults.pinned_public_keys) {
-    settings->pins += (settings->pins.empty() ? "" : ";") + pin;
-  }
-  if (!BuildHeaders({}, true, &settings->body_headers)) return nullptr;
-  return std::make_unique<HttpClientCurl>(std::move(settings));
+  return std::make_unique<HttpClientCurl>(config);
 }
 
 std::string* MakeImplementationName() {
@@ -198,12 +237,33 @@ std::string* MakeImplementationName() {
   return new std::string(text + ")");
 }
 
-std::string CheckAndSetDefaults(const HttpDefaults& defaults) {
-  auto identity = std::make_shared<ClientIdentity>();
-  std::string problem = http_defaults::Problem(defaults, &http_tls::IsPair, identity.get());
-  if (problem.empty()) {
-    InCommon::Get().SetDefaults(http_defaults::InForce(defaults), std::move(identity));
+// Null, and `*problem`, when they cannot be used.
+std::shared_ptr<const HttpSet> MakeSet(const HttpSettings& settings, std::string* problem) {
+  auto set = std::make_shared<HttpSet>();
+  *problem = http_settings_check::Problem(settings, {&http_tls::IsPair, &http_tls::Decrypt},
+                                          &set->identity);
+  if (!problem->empty()) return nullptr;
+  set->settings = http_settings_check::InForce(settings);
+  for (const std::string& pin : settings.pinned_public_keys) {
+    set->pins += (set->pins.empty() ? "" : ";") + pin;
   }
+  return set;
+}
+
+std::string CheckAndSetDefaults(const HttpDefaults& defaults) {
+  std::string problem;
+  auto set = MakeSet(defaults, &problem);
+  if (!problem.empty()) return "http defaults: " + problem;
+  HttpSets::Get().SetDefaults(std::move(set));
+  return problem;
+}
+
+std::string CheckAndSetSettings(const std::string& origin, const HttpSettings& settings) {
+  std::string problem;
+  const std::string normal = GivenOrigin(origin, &problem);
+  auto set = problem.empty() ? MakeSet(settings, &problem) : nullptr;
+  if (!problem.empty()) return "http settings: " + problem;
+  HttpSets::Get().SetOfOrigin(normal, std::move(set));
   return problem;
 }
 
@@ -230,9 +290,24 @@ std::string SetHttpDefaults(const HttpDefaults& defaults) {
 
 HttpDefaults GetHttpDefaults() {
   HttpDefaults defaults;
-  const auto get = [&] { defaults = http_defaults::InForce(InCommon::Get().GetDefaults(nullptr)); };
-  base::EndOnException(kInClient, get);
+  base::EndOnException(kInClient, [&] { defaults = HttpSets::Get().Defaults()->settings; });
   return defaults;
+}
+
+std::string SetHttpSettings(const std::string& origin, const HttpSettings& settings) {
+  std::string problem;
+  base::EndOnException(kInClient, [&] { problem = CheckAndSetSettings(origin, settings); });
+  return problem;
+}
+
+bool ResetHttpSettings(const std::string& origin) {
+  bool had_some = false;
+  base::EndOnException(kInClient, [&] {
+    std::string problem;
+    const std::string normal = GivenOrigin(origin, &problem);
+    had_some = problem.empty() && HttpSets::Get().SetOfOrigin(normal, nullptr);
+  });
+  return had_some;
 }
 
 QUENOR_NAMESPACE_END

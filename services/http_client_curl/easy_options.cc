@@ -8,6 +8,7 @@
 
 #include "services/http_client_curl/address.h"
 #include "services/http_client_curl/rules/syntax.h"
+#include "services/http_client_curl/tls_openssl.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace {
@@ -27,19 +28,42 @@ long UploadBufferBytes(uint32_t body_bytes) {
   return std::min<long>(kMaxUploadBuffer, kHeadBytes + static_cast<long>(body_bytes));
 }
 
-// The system's certificates: the bundle alone where libcurl knows one that can be read, because
-// only a bundle without a folder is parsed once and not for every connection.
-void SetSystemCa(EasyOptions* options) {
-  char* bundle = nullptr;
-  if (curl_easy_getinfo(options->easy(), CURLINFO_CAINFO, &bundle) != CURLE_OK) return;
-  if (bundle == nullptr || access(bundle, R_OK) != 0) return;
-  options->Set(CURLOPT_CAPATH, nullptr);
-  options->Set(CURLOPT_CA_CACHE_TIMEOUT, kSystemCaCacheSeconds);
-}
-
 void SetPem(CURLoption option, const std::string& pem, EasyOptions* options) {
   curl_blob blob{const_cast<char*>(pem.data()), pem.size(), CURL_BLOB_COPY};
   options->Set(option, pem.empty() ? nullptr : &blob);
+}
+
+// By which options libcurl is told whom to trust.
+struct TrustOptions {
+  CURLoption file, folder, text;
+};
+constexpr TrustOptions kOfServer = {CURLOPT_CAINFO, CURLOPT_CAPATH, CURLOPT_CAINFO_BLOB};
+constexpr TrustOptions kOfProxy = {CURLOPT_PROXY_CAINFO, CURLOPT_PROXY_CAPATH,
+                                   CURLOPT_PROXY_CAINFO_BLOB};
+
+// The system's certificates: the bundle alone where libcurl knows one that can be read, because
+// only a bundle without a folder is parsed once and not for every connection.
+void SetSystemCa(const TrustOptions& of, EasyOptions* options) {
+  char* bundle = nullptr;
+  if (curl_easy_getinfo(options->easy(), CURLINFO_CAINFO, &bundle) != CURLE_OK) return;
+  if (bundle == nullptr || access(bundle, R_OK) != 0) return;
+  options->Set(of.folder, nullptr);
+}
+
+// True when they are the system's.
+bool SetAuthorities(const ClientSettings& settings, const TrustOptions& of, EasyOptions* options) {
+  const HttpSettings& values = settings.values();
+  const bool is_proxys = of.file == kOfProxy.file && !settings.proxy.ca_file.empty();
+  const std::string& file = is_proxys ? settings.proxy.ca_file : values.ca_file;
+  if (!is_proxys && file.empty() && values.ca_folder.empty() && values.ca_pem.empty()) {
+    SetSystemCa(of, options);
+    return true;
+  }
+  // All of them, so that none of libcurl's own defaults stays beside what was given.
+  options->SetText(of.file, file);
+  options->SetText(of.folder, is_proxys ? std::string() : values.ca_folder);
+  if (!is_proxys) SetPem(of.text, values.ca_pem, options);
+  return false;
 }
 
 bool AppendHeader(curl_slist** list, const std::string& line) {
@@ -51,8 +75,8 @@ bool AppendHeader(curl_slist** list, const std::string& line) {
 
 }  // namespace
 
-void SetExchangeOptions(const ClientSettings& client, EasyOptions* options) {
-  const HttpDefaults& defaults = client.defaults;
+void SetExchangeOptions(const ClientSettings& settings, EasyOptions* options) {
+  const HttpSettings& values = settings.values();
   options->Set(CURLOPT_NOSIGNAL, 1L);
   options->Set(CURLOPT_QUICK_EXIT, 1L);  // A cancelled request does not wait for its name lookup.
   options->Set(CURLOPT_PROTOCOLS_STR, "http,https");
@@ -62,15 +86,17 @@ void SetExchangeOptions(const ClientSettings& client, EasyOptions* options) {
   options->Set(CURLOPT_TCP_NODELAY, 1L);
   options->Set(CURLOPT_TCP_KEEPALIVE, 1L);
   options->Set(CURLOPT_MAXAGE_CONN, kIdleReuseSeconds);
+  options->Set(CURLOPT_FORBID_REUSE, values.keep_idle_connections ? 0L : 1L);
+  options->Set(CURLOPT_CONNECT_TO, settings.connect_to);
   options->Set(CURLOPT_DNS_CACHE_TIMEOUT, kNameCacheSeconds);
-  options->Set(CURLOPT_USERAGENT, defaults.user_agent.c_str());
+  options->Set(CURLOPT_USERAGENT, values.user_agent.c_str());
   options->Set(CURLOPT_CONNECTTIMEOUT_MS,
-               static_cast<long>(std::min<uint32_t>(defaults.connect_timeout_ms, INT_MAX)));
-  options->Set(CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(defaults.low_speed_bytes_per_second));
-  options->Set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(defaults.low_speed_seconds));
-  options->Set(CURLOPT_PIPEWAIT, client.http2 ? 1L : 0L);
+               static_cast<long>(std::min<uint32_t>(values.connect_timeout_ms, INT_MAX)));
+  options->Set(CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(values.low_speed_bytes_per_second));
+  options->Set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(values.low_speed_seconds));
+  options->Set(CURLOPT_PIPEWAIT, settings.http2 ? 1L : 0L);
   options->Set(CURLOPT_HTTP_VERSION,
-               static_cast<long>(client.http2 ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1));
+               static_cast<long>(settings.http2 ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1));
 }
 
 void SetBody(const CopyOnWriteBuffer& body, EasyOptions* options) {
@@ -84,36 +110,40 @@ void FreeUploadBuffer(CURL* easy) {
   curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, kMaxUploadBuffer);  // Any size frees it.
 }
 
-void SetProxyOptions(const ClientSettings& client, EasyOptions* options) {
+// By CONNECT whatever the scheme: the request goes out as it would without a proxy, and what a
+// proxy answers is never taken for the server's.
+void SetProxyOptions(const ClientSettings& settings, EasyOptions* options) {
+  const HttpProxy& proxy = settings.proxy;
   // Empty, not null: null would ask the environment.
-  options->Set(CURLOPT_PROXY, client.proxy.c_str());
-  options->Set(CURLOPT_NOPROXY, "");
-  if (client.proxy.empty()) return;
+  options->Set(CURLOPT_PROXY, proxy.url.c_str());
+  options->Set(CURLOPT_NOPROXY, settings.proxy_exceptions.c_str());
+  if (proxy.url.empty()) return;
   options->Set(CURLOPT_SOCKS5_AUTH, static_cast<long>(CURLAUTH_BASIC));
-  if (client.config.socks5_user.empty()) return;
-  const std::string user = http_address::ProxyCredential(client.config.socks5_user);
-  const std::string password = http_address::ProxyCredential(client.config.socks5_password);
+  options->Set(CURLOPT_HTTPPROXYTUNNEL, 1L);
+  options->Set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  options->Set(CURLOPT_PROXYAUTH, static_cast<long>(CURLAUTH_BASIC | CURLAUTH_DIGEST));
+  options->Set(CURLOPT_PROXY_SSL_VERIFYPEER, 1L);
+  options->Set(CURLOPT_PROXY_SSL_VERIFYHOST, 2L);
+  options->Set(CURLOPT_PROXY_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  if (proxy.user.empty()) return;
+  const std::string user = http_address::ProxyCredential(proxy.user);
+  const std::string password = http_address::ProxyCredential(proxy.password);
   options->Set(CURLOPT_PROXYUSERNAME, user.c_str());
   options->Set(CURLOPT_PROXYPASSWORD, password.c_str());
 }
 
-void SetTlsOptions(const ClientSettings& client, EasyOptions* options) {
-  const HttpDefaults& defaults = client.defaults;
+void SetTlsOptions(const ClientSettings& settings, EasyOptions* options) {
   options->Set(CURLOPT_SSL_VERIFYPEER, 1L);
   options->Set(CURLOPT_SSL_VERIFYHOST, 2L);
   options->Set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-  if (defaults.ca_file.empty() && defaults.ca_folder.empty()) {
-    SetSystemCa(options);
-  } else {
-    // Both, so that neither of libcurl's own defaults stays beside what was given. Not cached: the
-    // host may replace the file's content.
-    options->SetText(CURLOPT_CAINFO, defaults.ca_file);
-    options->SetText(CURLOPT_CAPATH, defaults.ca_folder);
-    options->Set(CURLOPT_CA_CACHE_TIMEOUT, 0L);
-  }
-  options->SetText(CURLOPT_PINNEDPUBLICKEY, client.pins);
-  SetPem(CURLOPT_SSLCERT_BLOB, client.identity->certificate, options);
-  SetPem(CURLOPT_SSLKEY_BLOB, client.identity->key, options);
+  const bool are_systems = SetAuthorities(settings, kOfServer, options);
+  const bool are_systems_of_proxy = SetAuthorities(settings, kOfProxy, options);
+  // The host may replace the content of its files.
+  options->Set(CURLOPT_CA_CACHE_TIMEOUT,
+               are_systems && are_systems_of_proxy ? kSystemCaCacheSeconds : 0L);
+  options->SetText(CURLOPT_PINNEDPUBLICKEY, settings.set->pins);
+  SetPem(CURLOPT_SSLCERT_BLOB, settings.set->identity.certificate, options);
+  SetPem(CURLOPT_SSLKEY_BLOB, settings.set->identity.key, options);
   options->Set(CURLOPT_SSL_CTX_FUNCTION, &http_tls::Secure);
 }
 

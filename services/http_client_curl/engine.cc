@@ -59,13 +59,14 @@ void Engine::Submit(Transfer* transfer) {
   {
     base::AutoLock hold(lock_);
     io = io_;
-    ClientSettings* client = transfer->client.get();
+    ClientState* client = transfer->client.get();
     if (client->used_io != io) client->lines.clear();  // A parent's.
     client->used_io = io;
     // Where HTTP/2 is offered, libcurl does the queueing.
-    const bool entered = client->http2 || io->lines.Enter(transfer->request.url,
-                                                          client->defaults.max_connections_per_host,
-                                                          &client->lines, transfer);
+    const bool entered = transfer->settings->http2 ||
+                         io->lines.Enter(transfer->request.url,
+                                         transfer->settings->values().max_connections_per_host,
+                                         &client->lines, transfer);
     if (entered) io->submitted.push_back(transfer);
     // One that waits has nothing for the I/O thread to do before its time limit.
     if (!entered && transfer->deadline_ms >= io->sleep_until_ms) return;
@@ -74,7 +75,7 @@ void Engine::Submit(Transfer* transfer) {
   io->multi.WakeUp();
 }
 
-void Engine::Close(ClientSettings* client) {
+void Engine::Close(ClientState* client) {
   base::AutoLock hold(lock_);
   // release: pairs with the acquire in Transfer::IsCancelled().
   client->closed.store(true, std::memory_order_release);
@@ -210,7 +211,7 @@ void Engine::DecideState(Io* io, Transfer* transfer) {
 void Engine::LogFailure(const Transfer& transfer) {
   const std::string url = http_address::LoggableUrl(transfer.request.url);
   const HttpFailure failure{transfer.state, transfer.code, transfer.verify_result, transfer.error,
-                            !transfer.client->proxy.empty()};
+                            !transfer.settings->proxy.url.empty()};
   const std::string cause = FailureCause(failure);
   if (!MayLog(url + '\n' + std::to_string(transfer.code) + '\n' +
               std::to_string(transfer.verify_result) + '\n' +
@@ -220,8 +221,8 @@ void Engine::LogFailure(const Transfer& transfer) {
   const bool is_post = transfer.request.method == "POST";
   LocalLog(kLogError, kLogFile, __LINE__, "http: cannot %s %s%s%s: %s; %s",
            is_post ? "post to" : ("send " + transfer.request.method + " to").c_str(), url.c_str(),
-           transfer.client->proxy.empty() ? "" : " through ", transfer.client->proxy.c_str(),
-           cause.c_str(), FailureAdvice(failure));
+           transfer.settings->proxy.url.empty() ? "" : " through ",
+           transfer.settings->proxy.url.c_str(), cause.c_str(), FailureAdvice(failure));
 }
 
 // Sleeps until there is something to do; with nothing pending, for good.

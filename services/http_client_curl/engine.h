@@ -49,8 +49,8 @@ struct Io {
   bool parked = false;      // The process ends: no more transfers, no more callbacks.
   // Signalled when `working` or a fork ends, or `told`.
   pthread_cond_t work_done;
-  const ClientSettings* told = nullptr;  // Whose callback runs with a success ...
-  pthread_t told_on{};                   // ... and on which thread.
+  const ClientState* told = nullptr;  // Whose callback runs with a success ...
+  pthread_t told_on{};                // ... and on which thread.
 
   // I/O thread only.
   std::vector<Transfer*> starting;
@@ -72,7 +72,7 @@ class Engine {
   // Any thread. Hands the transfer to the I/O thread.
   void Submit(Transfer* transfer) QUENOR_EXCLUDES(lock_);
   // Any thread. Cancels what the client has sent.
-  void Close(ClientSettings* client) QUENOR_EXCLUDES(lock_);
+  void Close(ClientState* client) QUENOR_EXCLUDES(lock_);
   // Any thread. As LogPauses::MayLog().
   bool MayLog(const std::string& cause) QUENOR_EXCLUDES(lock_);
 

@@ -33,6 +33,7 @@ bool BrokeItsConnection(const Transfer& transfer) {
 
 Multi::~Multi() {
   if (wake_fd_ >= 0) close(wake_fd_);
+  for (const Shared& shared : shared_) curl_share_cleanup(shared.handle);
   if (multi_ != nullptr) curl_multi_cleanup(multi_);
 }
 
@@ -52,9 +53,10 @@ bool Multi::Open(std::string* problem) {
   return true;
 }
 
-// ---- Transfers ----------------------------------------------------------------------------------
-
+// libcurl knows one limit for all: the largest of those that are under way. Over HTTP/1.1 it is the
+// lines that keep each to its own.
 void Multi::LimitHostConnections(uint32_t count) {
+  if (!active_.empty()) count = std::max(count, host_connections_);
   if (host_connections_ == count) return;
   host_connections_ = count;
   const long connections = static_cast<long>(count);
@@ -63,10 +65,62 @@ void Multi::LimitHostConnections(uint32_t count) {
   curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, std::max(kIdleConnections, connections));
 }
 
+// ---- What a set's exchanges share --------------------------------------------------------------
+
+// While an exchange is under way its handle is in the share of its set; without memory it is not
+// begun, as it would find the connections of others.
+bool Multi::Join(Transfer* transfer) {
+  const std::shared_ptr<const HttpSet>& set = transfer->settings->set;
+  auto shared = std::find_if(shared_.begin(), shared_.end(), [&](const Shared& other) {
+    return !other.set.owner_before(set) && !set.owner_before(other.set);
+  });
+  if (shared == shared_.end()) {
+    CloseUnused();
+    CURLSH* const handle = curl_share_init();
+    if (handle == nullptr) return false;
+    for (const auto what :
+         {CURL_LOCK_DATA_CONNECT, CURL_LOCK_DATA_SSL_SESSION, CURL_LOCK_DATA_DNS}) {
+      if (curl_share_setopt(handle, CURLSHOPT_SHARE, what) == CURLSHE_OK) continue;
+      curl_share_cleanup(handle);
+      return false;
+    }
+    shared_.push_back({set, handle, 0});
+    shared = shared_.end() - 1;
+  }
+  if (curl_easy_setopt(transfer->easy, CURLOPT_SHARE, shared->handle) != CURLE_OK) return false;
+  ++shared->users;
+  transfer->share = shared->handle;
+  return true;
+}
+
+void Multi::Leave(Transfer* transfer) {
+  curl_easy_setopt(transfer->easy, CURLOPT_SHARE, nullptr);
+  for (Shared& shared : shared_) {
+    if (shared.handle == transfer->share) --shared.users;
+  }
+  transfer->share = nullptr;
+}
+
+// Of sets that nobody will send by again.
+void Multi::CloseUnused() {
+  for (size_t i = shared_.size(); i-- > 0;) {
+    if (shared_[i].users > 0 || !shared_[i].set.expired()) continue;
+    curl_share_cleanup(shared_[i].handle);
+    shared_.erase(shared_.begin() + static_cast<ptrdiff_t>(i));
+  }
+}
+
+// ---- Transfers ----------------------------------------------------------------------------------
+
 bool Multi::Start(Transfer* transfer) {
-  LimitHostConnections(transfer->client->defaults.max_connections_per_host);
+  LimitHostConnections(transfer->settings->values().max_connections_per_host);
   transfer->Begin(&connections_);
-  if (transfer->IsCancelled() || curl_multi_add_handle(multi_, transfer->easy) != CURLM_OK) {
+  if (transfer->IsCancelled() || !Join(transfer)) {
+    transfer->code = CURLE_OUT_OF_MEMORY;
+    return false;
+  }
+  if (curl_multi_add_handle(multi_, transfer->easy) != CURLM_OK) {
+    Leave(transfer);
     transfer->code = CURLE_OUT_OF_MEMORY;
     return false;
   }
@@ -114,11 +168,13 @@ void Multi::CancelClosed(std::vector<Transfer*>* ended) {
   for (size_t i = active_.size(); i-- > 0;) {
     if (active_[i]->IsCancelled()) Finish(active_[i], ended);
   }
+  CloseUnused();
 }
 
 // An HTTP/1.1 connection in mid-exchange closes, an HTTP/2 stream is reset.
 void Multi::Finish(Transfer* transfer, std::vector<Transfer*>* ended) {
   curl_multi_remove_handle(multi_, transfer->easy);
+  Leave(transfer);
   if (transfer->state == HttpClient::State::kTimedOut ||
       transfer->state == HttpClient::State::kTooLarge || BrokeItsConnection(*transfer)) {
     CutBadConnection(*transfer);
@@ -159,7 +215,7 @@ bool Multi::IsUsed(int fd, int64_t before_ms) const {
 // waits on it. A server may just be slow: only the oldest exchange on it can find it silent.
 void Multi::CutBadConnection(const Transfer& transfer) {
   // An HTTP/1.1 connection has closed with its exchange.
-  if (!transfer.client->http2 || !transfer.under_way) return;
+  if (!transfer.settings->http2 || !transfer.under_way) return;
   const bool timed_out = transfer.state == HttpClient::State::kTimedOut;
   const int64_t waited_ms = base::MonotonicMs() - transfer.started_ms;
   const HttpEnds ends = http_connection::EndsOf(transfer.easy);

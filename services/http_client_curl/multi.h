@@ -7,6 +7,7 @@
 #include <curl/curl.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,15 @@ class Multi {
 
  private:
   void LimitHostConnections(uint32_t count);
+  // What the exchanges of one set share: connections, TLS sessions, addresses of names.
+  struct Shared {
+    std::weak_ptr<const HttpSet> set;
+    CURLSH* handle;
+    size_t users;
+  };
+  bool Join(Transfer* transfer);
+  void Leave(Transfer* transfer);
+  void CloseUnused();
   bool EndedByCut(CURL* easy, CURLcode code) const;
   bool IsUsed(int fd, int64_t before_ms) const;
   void CutBadConnection(const Transfer& transfer);
@@ -62,6 +72,7 @@ class Multi {
   CURLM* multi_ = nullptr;
   int wake_fd_ = -1;  // An eventfd: cheaper to write and to empty than libcurl's own pair.
   Connections connections_;
+  std::vector<Shared> shared_;
   std::vector<Transfer*> active_;  // That libcurl has; each knows its index.
   int64_t next_deadline_ms_ = http_lines::kNever;
   uint32_t host_connections_ = 0;  // As last set in the multi handle.

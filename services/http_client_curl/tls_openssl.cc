@@ -8,6 +8,7 @@
 #include <openssl/x509.h>
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 
 QUENOR_NAMESPACE_BEGIN
@@ -23,24 +24,64 @@ Bio Open(const std::string& text) {
   return Bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())), &BIO_free);
 }
 
-int NoPassword(char*, int, int, void*) { return 0; }
+using Key = std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)>;
+
+// Never asks the terminal. `passphrase` may be null.
+int GivePassphrase(char* to, int capacity, int, void* passphrase) {
+  if (passphrase == nullptr) return 0;
+  const auto& text = *static_cast<const std::string*>(passphrase);
+  if (text.size() > static_cast<size_t>(capacity)) return 0;
+  std::memcpy(to, text.data(), text.size());
+  return static_cast<int>(text.size());
+}
+
+Key ReadKey(const std::string& pem, const std::string* passphrase) {
+  const Bio text = Open(pem);
+  return Key(PEM_read_bio_PrivateKey(text.get(), nullptr, &GivePassphrase,
+                                     const_cast<std::string*>(passphrase)),
+             &EVP_PKEY_free);
+}
+
+// For as long as it lives the host's thread may use OpenSSL as the host does, and then finds the
+// errors that it had noted.
+class OnHostsThread {
+ public:
+  OnHostsThread() {
+    // As when libcurl starts: nothing of OpenSSL's is taken away at exit under a thread that uses
+    // it.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+    ERR_set_mark();
+  }
+  ~OnHostsThread() { ERR_pop_to_mark(); }
+  OnHostsThread(const OnHostsThread&) = delete;
+  OnHostsThread& operator=(const OnHostsThread&) = delete;
+};
 
 }  // namespace
 
 bool IsPair(const ClientIdentity& identity) {
-  // As when libcurl starts: nothing of OpenSSL's is taken away at exit under a thread that uses it.
-  OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
-  ERR_set_mark();  // The thread is the host's, and so are the errors that it has noted.
+  const OnHostsThread here;
   const Bio certificate_text = Open(identity.certificate);
-  const Bio key_text = Open(identity.key);
   const std::unique_ptr<X509, void (*)(X509*)> certificate(
-      PEM_read_bio_X509(certificate_text.get(), nullptr, &NoPassword, nullptr), &X509_free);
-  const std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(
-      PEM_read_bio_PrivateKey(key_text.get(), nullptr, &NoPassword, nullptr), &EVP_PKEY_free);
-  const bool is_pair = certificate != nullptr && key != nullptr &&
-                       X509_check_private_key(certificate.get(), key.get()) == 1;
-  ERR_pop_to_mark();
-  return is_pair;
+      PEM_read_bio_X509(certificate_text.get(), nullptr, &GivePassphrase, nullptr), &X509_free);
+  const Key key = ReadKey(identity.key, nullptr);
+  return certificate != nullptr && key != nullptr &&
+         X509_check_private_key(certificate.get(), key.get()) == 1;
+}
+
+bool Decrypt(std::string* key, const std::string& passphrase) {
+  const OnHostsThread here;
+  const Key opened = ReadKey(*key, &passphrase);
+  const Bio plain(BIO_new(BIO_s_mem()), &BIO_free);
+  if (opened == nullptr || plain == nullptr ||
+      PEM_write_bio_PrivateKey(plain.get(), opened.get(), nullptr, nullptr, 0, nullptr, nullptr) !=
+          1) {
+    return false;
+  }
+  char* bytes = nullptr;
+  const long size = BIO_get_mem_data(plain.get(), &bytes);
+  key->assign(bytes, static_cast<size_t>(size));
+  return true;
 }
 
 CURLcode Secure(CURL*, void* context, void*) {

@@ -4,13 +4,19 @@
 
 #include <curl/curl.h>
 
-#include "services/http_client_curl/rules/defaults_check.h"
+#include <string>
+
+#include "services/http_client_curl/rules/settings_check.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace http_tls {
 
 // Whether OpenSSL reads both and the key is the certificate's own. Never asks for a password.
 bool IsPair(const ClientIdentity& identity);
+
+// Takes the encryption away from the first private key in a PEM text, and all else with it. False,
+// and nothing changed, when the passphrase does not open it.
+bool Decrypt(std::string* key, const std::string& passphrase);
 
 // A CURLOPT_SSL_CTX_FUNCTION, called for each connection: what the environment or OpenSSL's
 // configuration may have set gives way to our own.

@@ -19,7 +19,7 @@ constexpr uint32_t kKeptReceiveBytes = 4096;  // A receive buffer up to this siz
 
 // Makes room for `more` bytes after those that arrived; false beyond the cap or without memory.
 bool ReserveBody(Transfer* transfer, uint64_t more) {
-  const uint64_t cap = transfer->client->defaults.max_response_body_bytes;
+  const uint64_t cap = transfer->settings->values().max_response_body_bytes;
   const uint64_t needed = transfer->size_bytes + more;
   if (needed > cap) {
     transfer->limit = HttpLimit::kBody;
@@ -54,7 +54,7 @@ size_t OnHeaderLine(char* data, size_t, size_t size, void* user) {
   Transfer* transfer = static_cast<Transfer*>(user);
   ++transfer->connections->progress;
   transfer->header_bytes += size;
-  if (transfer->header_bytes > transfer->client->defaults.max_response_header_bytes) {
+  if (transfer->header_bytes > transfer->settings->values().max_response_header_bytes) {
     transfer->limit = HttpLimit::kHeaders;
   } else if (++transfer->header_lines > kMaxHeaderLines) {
     transfer->limit = HttpLimit::kHeaderLines;
@@ -81,7 +81,9 @@ bool IsAskedForHttp1(const Transfer& transfer) {
 bool MustNotRepeat(Transfer* transfer) {
   long head_bytes = 0;
   curl_easy_getinfo(transfer->easy, CURLINFO_REQUEST_SIZE, &head_bytes);
-  if (head_bytes == 0 && !transfer->is_written) return false;
+  // What a proxy is asked for comes before, and counts, too.
+  if (!transfer->under_way) transfer->head_bytes_before = head_bytes;
+  if (head_bytes == transfer->head_bytes_before && !transfer->is_written) return false;
   transfer->repeat_refused = !IsAskedForHttp1(*transfer);
   return transfer->repeat_refused;
 }
@@ -149,16 +151,17 @@ Transfer::~Transfer() {
 
 // ---- Before -------------------------------------------------------------------------------------
 
-bool Transfer::Prepare(std::shared_ptr<ClientSettings> settings,
-                       const HttpClient::Request& to_send) {
-  client = std::move(settings);
+bool Transfer::Prepare(std::shared_ptr<ClientState> of, std::shared_ptr<const ClientSettings> by,
+                       const HttpClient::Request& to_send, const http_syntax::Headers* headers) {
+  client = std::move(of);
+  settings = std::move(by);
   request = to_send;
-  if (configured_serial != client->serial && !ConfigureForClient()) return false;
-  return ConfigureForRequest();
+  if (configured_serial != settings->serial && !ConfigureForSettings()) return false;
+  return ConfigureForRequest(headers);
 }
 
-// Gives the handle all options that are the same for every request of the client.
-bool Transfer::ConfigureForClient() {
+// Gives the handle all options that are the same for every request by these settings.
+bool Transfer::ConfigureForSettings() {
   curl_easy_reset(easy);
   posted_url.clear();
   connections = nullptr;
@@ -177,17 +180,17 @@ bool Transfer::ConfigureForClient() {
   options.Set(CURLOPT_OPENSOCKETFUNCTION, &OpenSocket);
   options.Set(CURLOPT_OPENSOCKETDATA, this);
   options.Set(CURLOPT_CLOSESOCKETFUNCTION, &CloseSocket);
-  SetExchangeOptions(*client, &options);
-  SetProxyOptions(*client, &options);
-  SetTlsOptions(*client, &options);
-  configured_serial = options.all_taken() ? client->serial : 0;
+  SetExchangeOptions(*settings, &options);
+  SetProxyOptions(*settings, &options);
+  SetTlsOptions(*settings, &options);
+  configured_serial = options.all_taken() ? settings->serial : 0;
   return options.all_taken();
 }
 
 // Gives the handle what belongs to this request; the body's bytes are borrowed until it has ended.
-bool Transfer::ConfigureForRequest() {
+bool Transfer::ConfigureForRequest(const http_syntax::Headers* headers) {
   EasyOptions options(easy);
-  const bool plain_post = request.method == "POST" && request.headers.empty();
+  const bool plain_post = request.method == "POST" && headers == nullptr;
   if (plain_post && posted_url == request.url) {  // As the last: only the body differs.
     SetBody(request.body, &options);
     return options.all_taken();
@@ -207,12 +210,10 @@ bool Transfer::ConfigureForRequest() {
   }
   const bool implied = request.method == (sends_body ? "POST" : "GET") || request.method == "HEAD";
   options.Set(CURLOPT_CUSTOMREQUEST, implied ? nullptr : request.method.c_str());
-  curl_slist* headers = sends_body ? client->body_headers : nullptr;
-  if (!request.headers.empty()) {
-    if (!BuildHeaders(request.headers, sends_body, &own_headers)) return false;
-    headers = own_headers;
-  }
-  options.Set(CURLOPT_HTTPHEADER, headers);
+  if (headers != nullptr && !BuildHeaders(*headers, sends_body, &own_headers)) return false;
+  options.Set(CURLOPT_HTTPHEADER, headers != nullptr ? own_headers
+                                  : sends_body       ? settings->body_headers
+                                                     : settings->plain_headers);
   if (plain_post && options.all_taken()) posted_url = request.url;
   return options.all_taken();
 }
@@ -305,7 +306,7 @@ void Transfer::SetStateOfLimit() {
   if (limit == HttpLimit::kNone) return;
   state = limit < HttpLimit::kBody ? HttpClient::State::kTimedOut : HttpClient::State::kTooLarge;
   std::snprintf(error, sizeof(error), "%s",
-                LimitText(limit, client->defaults, request.timeout_ms).c_str());
+                LimitText(limit, settings->values(), request.timeout_ms).c_str());
 }
 
 void Transfer::RunCallback() {
@@ -318,6 +319,7 @@ void Transfer::RunCallback() {
 void Transfer::Clear() {
   callback.Reset();
   client.reset();
+  settings.reset();
   request.body = CopyOnWriteBuffer();
   request.headers.clear();
   curl_slist_free_all(own_headers);

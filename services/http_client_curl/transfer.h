@@ -16,6 +16,7 @@
 #include "services/http_client_curl/easy_options.h"
 #include "services/http_client_curl/failure_text.h"
 #include "services/http_client_curl/rules/lines.h"
+#include "services/http_client_curl/rules/syntax.h"
 #include "services/http_client_curl/sockets_linux.h"
 
 QUENOR_NAMESPACE_BEGIN
@@ -46,6 +47,7 @@ struct Exchange : http_lines::Member {
   curl_off_t body_bytes_moved = 0;
   bool under_way = false;       // Has been given a connection.
   bool is_written = false;      // Something of the request went out after its first piece.
+  long head_bytes_before = 0;   // That a proxy was sent before the request could go out.
   bool repeat_refused = false;  // libcurl wanted to send again what had gone out already.
 
   // How it ended.
@@ -64,7 +66,10 @@ struct Transfer : Exchange {
 
   // The thread that prepares it: copies the request and gives the handle its options. The body's
   // bytes are shared until the exchange has ended. False when libcurl refused an option.
-  bool Prepare(std::shared_ptr<ClientSettings> settings, const HttpClient::Request& to_send);
+  // `headers`, those of the request and of its settings where they change, are null when it has
+  // none but what the settings have for all.
+  bool Prepare(std::shared_ptr<ClientState> of, std::shared_ptr<const ClientSettings> by,
+               const HttpClient::Request& to_send, const http_syntax::Headers* headers);
 
   // I/O thread, each of these. Before libcurl gets the handle: borrows what it may use until then.
   void Begin(Connections* of);
@@ -82,9 +87,11 @@ struct Transfer : Exchange {
   bool IsCancelled() const { return client->closed.load(std::memory_order_acquire); }
 
   CURL* easy = nullptr;
+  CURLSH* share = nullptr;        // That the handle is in.
   int64_t configured_serial = 0;  // Whose options the handle carries.
   std::string posted_url;         // Where to, when the last request was a plain POST; else empty.
-  std::shared_ptr<ClientSettings> client;
+  std::shared_ptr<ClientState> client;
+  std::shared_ptr<const ClientSettings> settings;
   HttpClient::Request request;
   HttpClient::CompletionCallback callback;
   curl_slist* own_headers = nullptr;
@@ -95,8 +102,8 @@ struct Transfer : Exchange {
 
  private:
   Transfer() = default;
-  bool ConfigureForClient();
-  bool ConfigureForRequest();
+  bool ConfigureForSettings();
+  bool ConfigureForRequest(const http_syntax::Headers* headers);
   bool TakeBody(CopyOnWriteBuffer* body);
   void TakeHeaders();
   void SetStateOfLimit();

@@ -1,4 +1,4 @@
-// SetHttpDefaults() as the host calls it; what is refused is told by defaults_check_test.cc.
+// SetHttpDefaults() as the host calls it; what is refused is told by settings_check_test.cc.
 #include "tests/integration/http_client_fixture.h"
 
 namespace quenor::test {

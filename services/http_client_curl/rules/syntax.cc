@@ -1,5 +1,6 @@
 #include "services/http_client_curl/rules/syntax.h"
 
+#include <algorithm>
 #include <cstring>
 
 QUENOR_NAMESPACE_BEGIN
@@ -35,6 +36,32 @@ bool IsFieldValue(const std::string& text) {
   return true;
 }
 
+std::string HeadersProblem(const Headers& headers) {
+  for (const auto& [name, value] : headers) {
+    if (!IsToken(name)) {
+      return "headers: a name holds a character that HTTP forbids; take it out";
+    }
+    if (!IsFieldValue(value)) {
+      return "headers: the value of " + name + " holds a character that HTTP forbids; take it out";
+    }
+    for (const char* own : kOwnHeaders) {
+      if (EqualsNoCase(name, own)) return "headers: " + name + " is the client's own; take it out";
+    }
+  }
+  return std::string();
+}
+
+Headers Merged(const Headers& under, const Headers& over) {
+  Headers merged = over;
+  for (const auto& header : under) {
+    const auto replaces = [&](const auto& other) {
+      return EqualsNoCase(other.first, header.first.c_str());
+    };
+    if (std::none_of(over.begin(), over.end(), replaces)) merged.insert(header);
+  }
+  return merged;
+}
+
 std::string RequestProblem(const HttpClient::Request& request) {
   if (!IsToken(request.method) || request.method == "CONNECT") {
     return "the method is none that can be sent; give POST, GET, ...";
@@ -42,16 +69,7 @@ std::string RequestProblem(const HttpClient::Request& request) {
   if (request.method == "HEAD" && request.body.size() > 0) {
     return "HEAD has no body; leave it empty";
   }
-  for (const auto& [name, value] : request.headers) {
-    if (!IsToken(name) || !IsFieldValue(value)) {
-      return "a header's name or value holds a character that HTTP forbids; take it out";
-    }
-    for (const char* own : kOwnHeaders) {
-      if (EqualsNoCase(name, own))
-        return "the header " + name + " is the client's own; take it out";
-    }
-  }
-  return std::string();
+  return HeadersProblem(request.headers);
 }
 
 bool SendsBody(const HttpClient::Request& request) {

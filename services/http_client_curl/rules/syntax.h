@@ -3,6 +3,7 @@
 #ifndef SERVICES_HTTP_CLIENT_CURL_RULES_SYNTAX_H_
 #define SERVICES_HTTP_CLIENT_CURL_RULES_SYNTAX_H_
 
+#include <map>
 #include <string>
 
 #include "quenor_base/platform/http_client.h"
@@ -17,6 +18,13 @@ bool EqualsNoCase(const std::string& a, const char* b);
 bool IsToken(const std::string& text);
 // What the value of a header consists of; empty is fine.
 bool IsFieldValue(const std::string& text);
+
+using Headers = std::map<std::string, std::string>;
+
+// Empty when these can be sent, else which of them cannot and what to do; no value is in that.
+std::string HeadersProblem(const Headers& headers);
+// Those of both; of names that differ in capitals alone, too, `over` has its way.
+Headers Merged(const Headers& under, const Headers& over);
 
 // Empty when a request with this method, these headers and this body can be sent, else why not and
 // what to do.

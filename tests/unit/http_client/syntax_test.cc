@@ -39,12 +39,12 @@ TEST(SyntaxTest, SaysWhyARequestCannotBeSentAndWhatToDo) {
       {"GET / HTTP/1.1\r\nX: y", "A", "x", "", "the method is none"},
       {"CONNECT", "A", "x", "", "the method is none"},
       {"HEAD", "A", "x", "b", "HEAD has no body; leave it empty"},
-      {"POST", "", "x", "", "a header's name or value holds"},
-      {"POST", "A:", "x", "", "a header's name or value holds"},
-      {"POST", "A", "x\r\nB: y", "", "a header's name or value holds"},
-      {"POST", "A", std::string("\0", 1), "", "a header's name or value holds"},
-      {"POST", "Content-Length", "7", "", "the header Content-Length is the client's own; take it"},
-      {"POST", "transfer-ENCODING", "", "", "the header transfer-ENCODING is the client's own"},
+      {"POST", "", "x", "", "headers: a name holds"},
+      {"POST", "A:", "x", "", "headers: a name holds"},
+      {"POST", "A", "x\r\nB: y", "", "headers: the value of A holds"},
+      {"POST", "A", std::string("\0", 1), "", "headers: the value of A holds"},
+      {"POST", "Content-Length", "7", "", "headers: Content-Length is the client's own; take it"},
+      {"POST", "transfer-ENCODING", "", "", "headers: transfer-ENCODING is the client's own"},
   };
   for (const auto& test : cases) {
     HttpClient::Request request;
