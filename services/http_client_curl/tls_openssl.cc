@@ -8,6 +8,7 @@
 #include <openssl/x509.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <memory>
 
@@ -40,6 +41,36 @@ Key ReadKey(const std::string& pem, const std::string* passphrase) {
   return Key(PEM_read_bio_PrivateKey(text.get(), nullptr, &GivePassphrase,
                                      const_cast<std::string*>(passphrase)),
              &EVP_PKEY_free);
+}
+
+using TakeSession = int (*)(SSL*, SSL_SESSION*);
+std::atomic<TakeSession> libcurl_takes{nullptr};  // relaxed: a function, always the same.
+
+// OpenSSL never resumes a session again with which a connection has ended without a goodbye, as
+// libcurl ends those over HTTP/2. So what libcurl keeps is a copy of each new session, and each
+// connection begins with a copy of what libcurl has kept.
+int GiveCopy(SSL* tls, SSL_SESSION* session) {
+  SSL_SESSION* const copy = SSL_SESSION_dup(session);
+  const TakeSession take = libcurl_takes.load(std::memory_order_relaxed);
+  if (copy != nullptr && take(tls, copy) == 0) SSL_SESSION_free(copy);
+  return 0;  // The session itself is not kept.
+}
+
+void BeginWithCopy(const SSL* tls, int where, int) {
+  SSL_SESSION* const kept = SSL_get_session(tls);
+  if (where != SSL_CB_HANDSHAKE_START || kept == nullptr || SSL_is_init_finished(tls)) return;
+  SSL_SESSION* const copy = SSL_SESSION_dup(kept);
+  if (copy == nullptr) return;
+  SSL_set_session(const_cast<SSL*>(tls), copy);
+  SSL_SESSION_free(copy);
+}
+
+void KeepSessions(SSL_CTX* tls) {
+  const TakeSession take = SSL_CTX_sess_get_new_cb(tls);
+  if (take == nullptr) return;
+  libcurl_takes.store(take, std::memory_order_relaxed);
+  SSL_CTX_sess_set_new_cb(tls, &GiveCopy);
+  SSL_CTX_set_info_callback(tls, &BeginWithCopy);
 }
 
 // For as long as it lives the host's thread may use OpenSSL as the host does, and then finds the
@@ -86,6 +117,7 @@ bool Decrypt(std::string* key, const std::string& passphrase) {
 
 CURLcode Secure(CURL*, void* context, void*) {
   SSL_CTX* tls = static_cast<SSL_CTX*>(context);
+  KeepSessions(tls);
   // A configuration may ask for more, not for less: with level 0 it could switch encryption off.
   SSL_CTX_set_security_level(tls, std::max(SSL_CTX_get_security_level(tls), kSecurityLevel));
   SSL_CTX_set_keylog_callback(tls, nullptr);  // libcurl's, where SSLKEYLOGFILE is set.

@@ -259,7 +259,7 @@ void Transfer::TakeHeaders() {
 }
 
 void Transfer::Conclude(CURLcode result) {
-  if (result == CURLE_ABORTED_BY_CALLBACK && whole_early) result = CURLE_OK;
+  if (whole_early) result = CURLE_OK;  // Whatever libcurl makes of being stopped there.
   if (repeat_refused) {
     result = CURLE_GOT_NOTHING;
     std::snprintf(error, sizeof(error),
