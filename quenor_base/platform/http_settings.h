@@ -49,8 +49,8 @@ struct HttpSettings {
   uint32_t low_speed_seconds = 20;           // ... for this long is a failure.
   uint32_t max_response_body_bytes = 1 << 20;
   uint32_t max_response_header_bytes = 64 << 10;  // At most 256 KiB.
-  // Requests beyond wait their turn, which counts in their time limit. Connections are shared: of
-  // clients with different limits the one that sent last decides.
+  // Requests beyond wait their turn, which counts in their time limit. Over HTTP/1.1 each client
+  // keeps to its own; over HTTP/2 the largest of those that have requests under way holds for all.
   uint32_t max_connections_per_host = 6;
   // Refuses URLs with http://, which are sent without encryption. False: they are taken, and the
   // first that leaves the machine is warned of in the log.
