@@ -97,6 +97,12 @@ TEST_P(HttpClientSettingsTest, OfTwoOriginsEachHasItsOwn) {
   config.enable_http2 = GetParam();
   const auto client = MakeClient(HttpDefaults(), config);
   EXPECT_EQ(Send(client.get(), MakeRequest(server_a.Origin() + "/", "x")).status(), 0);
+  const SocksProxy proxy("user", "password");
+  const bool is_proxied = HostsFileNamesLocalhost();  // Which the proxy has to resolve.
+  if (is_proxied) {
+    const std::string url = "socks5h://127.0.0.1:" + std::to_string(proxy.port());
+    a.settings.proxy = {url, "user", "password", "", {}};
+  }
   Set(server_a.Origin(), a.settings);
   Set(server_b.Origin(), b.settings);
   constexpr int kEach = 1250;
@@ -123,6 +129,11 @@ TEST_P(HttpClientSettingsTest, OfTwoOriginsEachHasItsOwn) {
     for (const Outcome& outcome : outcomes[t]) sets.insert(SetOf(outcome).substr(0, 8));
     EXPECT_EQ(sets, std::set<std::string>{t % 2 == 0 ? "a sdk-a " : "b sdk-b "});
   }
+  const auto went_through = [&](const NginxServer& server) {
+    return proxy.Output().find("localhost:" + std::to_string(server.port())) != std::string::npos;
+  };
+  EXPECT_EQ(went_through(server_a), is_proxied);
+  EXPECT_FALSE(went_through(server_b));
 }
 
 TEST_P(HttpClientSettingsTest, NoConnectionStaysWhereNoneIsToStay) {
