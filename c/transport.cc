@@ -160,6 +160,7 @@ void Exchanges::Tell(int64_t id, State state, std::unique_ptr<HttpClient::Respon
   const bool is_given_up = state == State::kCancelled || state == State::kTimedOut;
   if (is_given_up) GiveUp(id);
   if (state != State::kCompleted) response.reset();
+  exchange.request.reason = HttpClient::ReasonOf(state, response.get());
   if (exchange.callback)
     std::move(exchange.callback).Run(state, exchange.request, std::move(response));
   std::lock_guard<std::mutex> hold(mutex_);

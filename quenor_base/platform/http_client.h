@@ -100,6 +100,23 @@ class HttpClient {
     return next_request_id_.fetch_add(1, std::memory_order_relaxed);
   }
 
+  // For implementations: as much of the reason as `state` alone tells. `response` may be null.
+  static HttpReason ReasonOf(State state, const Response* response) {
+    switch (state) {
+      case State::kCompleted:
+        if (response == nullptr) return HttpReason::kOther;
+        return response->status_code == 200 ? HttpReason::kNone : HttpReason::kHttpStatus;
+      case State::kCancelled:
+        return HttpReason::kCancelled;
+      case State::kTimedOut:
+        return HttpReason::kTotalTimeout;
+      case State::kTooLarge:
+        return HttpReason::kTooLarge;
+      default:
+        return HttpReason::kOther;
+    }
+  }
+
  protected:
   HttpClient() = default;
 

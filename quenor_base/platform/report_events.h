@@ -16,6 +16,7 @@
 #include "quenor_base/buffer/copy_on_write_buffer.h"
 #include "quenor_base/platform/base/abi.h"
 #include "quenor_base/platform/base/monotonic_time.h"
+#include "quenor_base/platform/http_reason.h"
 
 QUENOR_NAMESPACE_BEGIN
 
@@ -80,7 +81,8 @@ struct ReportEvent {
   uint32_t max_resend_count = 0;    // kRetuned.
   uint32_t report_interval_ms = 0;  // kRetuned.
   bool need_cache = false;
-  bool sets_max_resend_count = false;  // kRetuned: the reply brought `max_resend_count`.
+  bool sets_max_resend_count = false;          // kRetuned: the reply brought `max_resend_count`.
+  HttpReason http_reason = HttpReason::kNone;  // kFailed: why.
 };
 
 class ReportEventListener {

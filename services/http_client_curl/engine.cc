@@ -210,8 +210,7 @@ void Engine::DecideState(Io* io, Transfer* transfer) {
 
 void Engine::LogFailure(const Transfer& transfer) {
   const std::string url = http_address::LoggableUrl(transfer.request.url);
-  const HttpFailure failure{transfer.state, transfer.code, transfer.verify_result, transfer.error,
-                            !transfer.settings->proxy.url.empty()};
+  const HttpFailure failure = transfer.Failure();
   const std::string cause = FailureCause(failure);
   if (!MayLog(url + '\n' + std::to_string(transfer.code) + '\n' +
               std::to_string(transfer.verify_result) + '\n' +

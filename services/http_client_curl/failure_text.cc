@@ -2,32 +2,145 @@
 
 #include <openssl/x509.h>
 
+#include <cerrno>
+#include <cstring>
+
 QUENOR_NAMESPACE_BEGIN
 namespace {
 
 // libcurl's start value: the chain was not looked at, or the name was wrong.
 constexpr long kNotLookedAt = 1;
 
-// X509_V_ERR_… values, which stay the same for ever.
-const char* CertificateAdvice(long verify_result) {
-  switch (verify_result) {
-    case 9:  // Not yet valid.
-      return "check this machine's clock";
-    case 10:  // Expired.
-      return "renew the server's certificate or check this machine's clock";
-    case 2:
-    case 18:
-    case 19:
-    case 20:
-    case 21:  // No way to a trusted authority.
-      return "name the authority's certificate in HttpDefaults::ca_file, or look for something "
-             "that "
-             "intercepts TLS";
-    case kNotLookedAt:
-    case 62:  // Another host's.
-      return "use the name that the certificate is for, or give the server one for this name";
+HttpReason ReasonOfLimit(HttpLimit limit) {
+  switch (limit) {
+    case HttpLimit::kConnect:
+      return HttpReason::kConnectTimeout;
+    case HttpLimit::kLowSpeed:
+      return HttpReason::kTooSlow;
+    case HttpLimit::kTotal:
+    case HttpLimit::kWait:
+      return HttpReason::kTotalTimeout;
     default:
+      return HttpReason::kTooLarge;
+  }
+}
+
+// X509_V_ERR_... values.
+HttpReason ReasonOfCertificate(long verify_result) {
+  switch (verify_result) {
+    case X509_V_ERR_CERT_NOT_YET_VALID:
+    case X509_V_ERR_CERT_HAS_EXPIRED:
+      return HttpReason::kTlsExpired;
+    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
+    case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
+    case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
+    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
+    case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
+      return HttpReason::kTlsUntrusted;
+    case X509_V_OK:
+    case kNotLookedAt:
+    case X509_V_ERR_HOSTNAME_MISMATCH:
+      return HttpReason::kTlsWrongHost;
+    default:
+      return HttpReason::kTlsOther;
+  }
+}
+
+HttpReason ReasonOfSocks(long error) {
+  switch (error) {
+    case CURLPX_NO_AUTH:
+    case CURLPX_GSSAPI:
+    case CURLPX_GSSAPI_PERMSG:
+    case CURLPX_UNKNOWN_MODE:
+    case CURLPX_USER_REJECTED:
+    case CURLPX_LONG_USER:
+    case CURLPX_LONG_PASSWD:
+      return HttpReason::kProxyCredentials;
+    default:
+      return HttpReason::kProxyRefused;
+  }
+}
+
+// Of a connection that stood and broke, or brought nonsense.
+HttpReason ReasonOfBreak(const HttpFailure& failure) {
+  const bool is_before_server = failure.proxy[0] != '\0' && !failure.under_way;
+  // OpenSSL's words. In TLS 1.3 the server judges the client's certificate once both may send.
+  if (std::strstr(failure.error, "SSL routines") != nullptr) return HttpReason::kTlsOther;
+  return is_before_server ? HttpReason::kProxyRefused : HttpReason::kProtocol;
+}
+
+bool IsOfTls(CURLcode code) {
+  switch (code) {
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SSL_ENGINE_NOTFOUND:
+    case CURLE_SSL_ENGINE_SETFAILED:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_ENGINE_INITFAILED:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_SHUTDOWN_FAILED:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_SSL_CLIENTCERT:
+      return true;
+    default:
+      return false;
+  }
+}
+
+HttpReason ReasonOfTls(const HttpFailure& failure) {
+  // With the proxy, as that has not answered yet.
+  if (std::strncmp(failure.proxy, "https:", 6) == 0 && failure.connect_status == 0) {
+    return HttpReason::kProxyUnreachable;
+  }
+  if (failure.code == CURLE_SSL_PINNEDPUBKEYNOTMATCH) return HttpReason::kTlsPin;
+  return failure.code == CURLE_PEER_FAILED_VERIFICATION ? ReasonOfCertificate(failure.verify_result)
+                                                        : HttpReason::kTlsOther;
+}
+
+HttpReason ReasonOfCode(const HttpFailure& failure) {
+  const bool is_proxied = failure.proxy[0] != '\0';
+  if (IsOfTls(failure.code)) return ReasonOfTls(failure);
+  switch (failure.code) {
+    case CURLE_COULDNT_RESOLVE_HOST:  // A SOCKS proxy's, too; that looks up the server's.
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return is_proxied ? HttpReason::kProxyUnreachable : HttpReason::kNameNotFound;
+    case CURLE_PROXY:
+      return ReasonOfSocks(failure.proxy_error);
+    case CURLE_COULDNT_CONNECT:
+      if (failure.os_error == 0) return HttpReason::kOther;  // There was no socket.
+      if (is_proxied) return HttpReason::kProxyUnreachable;
+      return failure.os_error == ECONNREFUSED ? HttpReason::kRefused : HttpReason::kUnreachable;
+    case CURLE_UNSUPPORTED_PROTOCOL:
+    case CURLE_WEIRD_SERVER_REPLY:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_HTTP2:
+    case CURLE_HTTP2_STREAM:
+    case CURLE_GOT_NOTHING:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_BAD_CONTENT_ENCODING:
+      return ReasonOfBreak(failure);
+    default:
+      return HttpReason::kOther;
+  }
+}
+
+const char* AdviceOnTls(CURLcode code) {
+  switch (code) {
+    case CURLE_PEER_FAILED_VERIFICATION:
       return "check the server's certificate chain";
+    case CURLE_SSL_CACERT_BADFILE:
+      return "check HttpDefaults::ca_file and ca_folder";
+    case CURLE_SSL_CERTPROBLEM:
+      return "check HttpDefaults::client_certificate_file and client_key_file";
+    case CURLE_SSL_CONNECT_ERROR:
+      return "check that the server speaks TLS 1.2 or newer on this port";
+    default:
+      return "check the network and the server";
   }
 }
 
@@ -71,34 +184,53 @@ std::string LimitText(HttpLimit limit, const HttpDefaults& defaults, uint32_t re
   return std::string();
 }
 
+HttpReason ReasonOf(const HttpFailure& failure) {
+  if (failure.state == HttpClient::State::kCancelled) return HttpReason::kCancelled;
+  if (failure.state == HttpClient::State::kCompleted) {
+    return failure.status == 200 ? HttpReason::kNone : HttpReason::kHttpStatus;
+  }
+  if (failure.limit != HttpLimit::kNone) return ReasonOfLimit(failure.limit);
+  const bool refused_connect = failure.connect_status != 0 && failure.connect_status / 100 != 2;
+  if (!refused_connect) return ReasonOfCode(failure);
+  return failure.connect_status == 407 ? HttpReason::kProxyCredentials : HttpReason::kProxyRefused;
+}
+
 const char* FailureAdvice(const HttpFailure& failure) {
-  switch (failure.code) {
-    case CURLE_PEER_FAILED_VERIFICATION:
-      return CertificateAdvice(failure.verify_result);
-    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+  switch (ReasonOf(failure)) {
+    case HttpReason::kTlsExpired:
+      return failure.verify_result == X509_V_ERR_CERT_NOT_YET_VALID
+                 ? "check this machine's clock"
+                 : "renew the server's certificate or check this machine's clock";
+    case HttpReason::kTlsUntrusted:
+      return "name the authority's certificate in HttpDefaults::ca_file, or look for something "
+             "that intercepts TLS";
+    case HttpReason::kTlsWrongHost:
+      return "use the name that the certificate is for, or give the server one for this name";
+    case HttpReason::kTlsPin:
       return "add the server's key to HttpDefaults::pinned_public_keys, or look for something that "
              "intercepts TLS";
-    case CURLE_SSL_CACERT_BADFILE:
-      return "check HttpDefaults::ca_file and ca_folder";
-    case CURLE_SSL_CERTPROBLEM:
-      return "check HttpDefaults::client_certificate_file and client_key_file";
-    case CURLE_SSL_CONNECT_ERROR:
-      return "check that the server speaks TLS 1.2 or newer on this port";
-    case CURLE_COULDNT_RESOLVE_HOST:
+    case HttpReason::kTlsOther:
+      return AdviceOnTls(failure.code);
+    case HttpReason::kNameNotFound:
       return "check the host name and this machine's DNS";
-    case CURLE_COULDNT_RESOLVE_PROXY:
-      return "check the SOCKS5 proxy's host name";
-    case CURLE_PROXY:
-      return "check the SOCKS5 proxy's user, password and rules";
-    case CURLE_COULDNT_CONNECT:
-      return failure.is_proxied ? "check that the SOCKS5 proxy runs and may be reached"
-                                : "check that the server runs and may be reached from here";
-    case CURLE_OPERATION_TIMEDOUT:
+    case HttpReason::kProxyUnreachable:
+      return failure.code == CURLE_COULDNT_CONNECT ? "check that the proxy runs and may be reached"
+                                                   : "check the proxy's name and certificate";
+    case HttpReason::kProxyCredentials:
+      return "check the proxy's user and password";
+    case HttpReason::kProxyRefused:
+      return "check the proxy's kind and rules, and that it can reach the server";
+    case HttpReason::kRefused:
+    case HttpReason::kUnreachable:
+      return "check that the server runs and may be reached from here";
+    case HttpReason::kConnectTimeout:
+    case HttpReason::kTotalTimeout:
+    case HttpReason::kTooSlow:
       return "check the network and the server, or raise the time limits of HttpDefaults";
+    case HttpReason::kTooLarge:
+      return "check what answers at this address, or raise the size limits of HttpDefaults";
     default:
-      return failure.state == HttpClient::State::kTooLarge
-                 ? "check what answers at this address, or raise the size limits of HttpDefaults"
-                 : "check the network and the server";
+      return "check the network and the server";
   }
 }
 

@@ -309,9 +309,26 @@ void Transfer::SetStateOfLimit() {
                 LimitText(limit, settings->values(), request.timeout_ms).c_str());
 }
 
+HttpFailure Transfer::Failure() const {
+  HttpFailure failure;
+  failure.state = state;
+  failure.code = code;
+  failure.limit = limit;
+  failure.verify_result = verify_result;
+  failure.error = error;
+  failure.proxy = settings->proxy.url.c_str();
+  failure.under_way = under_way;
+  curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &failure.os_error);
+  curl_easy_getinfo(easy, CURLINFO_PROXY_ERROR, &failure.proxy_error);
+  curl_easy_getinfo(easy, CURLINFO_HTTP_CONNECTCODE, &failure.connect_status);
+  if (response != nullptr) failure.status = response->status_code;
+  return failure;
+}
+
 void Transfer::RunCallback() {
   if (state != HttpClient::State::kCompleted) response.reset();
   if (!callback) return;
+  request.reason = ReasonOf(Failure());
   const auto run = [this] { std::move(callback).Run(state, request, std::move(response)); };
   base::EndOnException("an HTTP completion callback", run);
 }

@@ -77,6 +77,8 @@ struct Transfer : Exchange {
   void Conclude(CURLcode result);
   // Its deadline passed before libcurl got it.
   void GiveUpWaiting();
+  // How it ended; borrows from this.
+  HttpFailure Failure() const;
   // Runs the callback, with the response if there is a whole one.
   void RunCallback();
 

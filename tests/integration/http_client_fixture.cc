@@ -22,7 +22,7 @@ HttpClient::CompletionCallback Exchanges::Note(std::function<void()> then) {
                                                 std::unique_ptr<HttpClient::Response> response) {
     if (then) then();
     std::lock_guard<std::mutex> hold(core->mutex);
-    core->outcomes.push_back({request.request_id, state, std::move(response)});
+    core->outcomes.push_back({request.request_id, state, std::move(response), request.reason});
     core->arrived.notify_all();
   };
 }

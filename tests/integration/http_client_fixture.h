@@ -23,6 +23,7 @@ struct Outcome {
   int64_t id = 0;  // What SendRequest() answered.
   HttpClient::State state = HttpClient::State::kFailed;
   std::unique_ptr<HttpClient::Response> response;
+  HttpReason reason = HttpReason::kNone;
 
   int status() const { return response == nullptr ? 0 : response->status_code; }
   std::string body() const;

@@ -86,13 +86,16 @@ void ChannelEvents::Acknowledged(const Message& message, int64_t request_id) con
 }
 
 void ChannelEvents::Failed(HttpClient::State state, const HttpClient::Response* response,
-                           const Message& message, int64_t request_id) const {
+                           const Message& message, const HttpClient::Request& request) const {
   if (!ReportEvents::HasListener()) return;
   const bool answered = state == HttpClient::State::kCompleted && response != nullptr;
   ReportEvent event = OfMessage(Kind::kFailed, answered ? Cause::kStatus : Cause::kTransport,
-                                channel_name_, message, request_id);
+                                channel_name_, message, request.request_id);
   event.http_state = static_cast<int32_t>(state);
   event.status_code = answered ? response->status_code : 0;
+  // A host's client may know of no reasons.
+  event.http_reason =
+      request.reason != HttpReason::kNone ? request.reason : HttpClient::ReasonOf(state, response);
   ReportEvents::Tell(event);
 }
 

@@ -43,7 +43,7 @@ class ChannelEvents {
   void Acknowledged(const Message& message, int64_t request_id) const;
   // `response` may be null.
   void Failed(HttpClient::State state, const HttpClient::Response* response, const Message& message,
-              int64_t request_id) const;
+              const HttpClient::Request& request) const;
   // `request_id` is 0 for a message that is not in flight.
   void Dropped(ReportEventCause cause, const Message& message, int64_t request_id) const;
   // What a termination finds in the store: kept when the cache holds it, else dropped.

@@ -478,7 +478,7 @@ void ReliableReportChannelHttps::DoOnResponse(HttpClient::State state,
     Events().Acknowledged(message, request.request_id);
     OnDelivered(*response);
   } else {
-    Events().Failed(state, response.get(), message, request.request_id);
+    Events().Failed(state, response.get(), message, request);
     OnAttemptFailed(request.request_id, std::move(message));
   }
   SaveCache();

@@ -96,6 +96,7 @@ struct FakeHttp::Core {
 
   void PostAnswer(OpenRequest entry, HttpClient::State state,
                   std::unique_ptr<HttpClient::Response> response) {
+    entry.request.reason = HttpClient::ReasonOf(state, response.get());
     poster([entry = std::move(entry), state, response = std::move(response)]() mutable {
       std::move(entry.callback).Run(state, entry.request, std::move(response));
     });

@@ -70,7 +70,7 @@ class FakeHttp {
   // Any state with any response, null included.
   bool AnswerWith(size_t index, HttpClient::State state,
                   std::unique_ptr<HttpClient::Response> response);
-  // An exchange that ended without a response.
+  // An exchange that ended without a response, for HttpClient::ReasonOf().
   bool Fail(size_t index, HttpClient::State state = HttpClient::State::kFailed);
   // Destroys the callback unrun, on the client's thread.
   bool Drop(size_t index);

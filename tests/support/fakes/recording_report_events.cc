@@ -29,7 +29,7 @@ void RecordingReportEvents::OnReportEvent(const ReportEvent& event) {
                        event.original_data != nullptr, event.request_id, event.send_count,
                        event.http_state, event.status_code, event.count, event.send_interval_ms,
                        event.max_resend_count, event.report_interval_ms, event.need_cache,
-                       event.message.id, event.sets_max_resend_count});
+                       event.message.id, event.sets_max_resend_count, event.http_reason});
   }
   if (on_event) on_event(event);
 }

@@ -34,6 +34,7 @@ struct RecordedEvent {
   bool need_cache;
   uint64_t message_id;
   bool sets_max_resend_count;
+  HttpReason http_reason = HttpReason::kNone;
 };
 
 std::ostream& operator<<(std::ostream& out, const RecordedEvent& event);

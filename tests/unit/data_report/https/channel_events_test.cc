@@ -142,6 +142,7 @@ TEST_F(ChannelEventsTest, FailureByStatusIsToldWithTheStatus) {
   EXPECT_EQ(failed[0].cause, Cause::kStatus);
   EXPECT_EQ(failed[0].status_code, 503);
   EXPECT_EQ(failed[0].http_state, 2);
+  EXPECT_EQ(failed[0].http_reason, HttpReason::kHttpStatus);
   EXPECT_EQ(failed[0].request_id, http_.Requests()[0].id);
   EXPECT_EQ(failed[0].send_count, 1u);
 }
@@ -157,6 +158,7 @@ TEST_F(ChannelEventsTest, FailureByTransportIsToldWithTheState) {
   EXPECT_EQ(failed[0].cause, Cause::kTransport);
   EXPECT_EQ(failed[0].status_code, 0);
   EXPECT_EQ(failed[0].http_state, 3);
+  EXPECT_EQ(failed[0].http_reason, HttpReason::kTotalTimeout);
 }
 
 TEST_F(ChannelEventsTest, DropAtTheLimitFollowsItsFailure) {
