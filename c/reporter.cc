@@ -108,9 +108,13 @@ Reporter::Options OptionsOf(const quenor_options& from) {
   if (from.on_update != nullptr) {
     options.on_update = [tell = from.on_update,
                          context = from.context](const Reporter::Update& update) {
-      const quenor_update told = {
-          sizeof told,          update.id,          static_cast<quenor_state>(update.state),
-          NameOf(update.cause), update.status_code, update.sends};
+      const quenor_update told = {sizeof told,
+                                  update.id,
+                                  static_cast<quenor_state>(update.state),
+                                  NameOf(update.cause),
+                                  update.status_code,
+                                  update.sends,
+                                  HttpReasonName(update.reason)};
       tell(context, &told);
     };
   }

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -24,6 +25,7 @@
 
 using quenor::DispatchQueue;
 using quenor::HttpClient;
+using quenor::HttpReason;
 using quenor::base::TimeDelta;
 using quenor::core::BusinessID;
 using quenor::core::ThreadManager;
@@ -82,7 +84,8 @@ class Exchanges {
   // What could not be begun after all. False when it has ended meanwhile.
   bool Forget(int64_t id);
   // The callback runs on the queue, if the exchange has not ended before.
-  void End(int64_t id, State state, std::unique_ptr<HttpClient::Response> response);
+  void End(int64_t id, State state, std::unique_ptr<HttpClient::Response> response,
+           HttpReason reason);
   // Cancels what `client` has begun, and waits while a callback of its own runs elsewhere.
   void Close(const void* client);
   void ReleaseAtExit();
@@ -90,7 +93,9 @@ class Exchanges {
  private:
   std::shared_ptr<DispatchQueue> Queue();
   bool Take(int64_t id, Exchange* exchange);
-  void Tell(int64_t id, State state, std::unique_ptr<HttpClient::Response> response);
+  // `reason`: the host's, of a failure.
+  void Tell(int64_t id, State state, std::unique_ptr<HttpClient::Response> response,
+            HttpReason reason = HttpReason::kNone);
 
   std::mutex mutex_;
   std::condition_variable told_;
@@ -140,15 +145,18 @@ bool Exchanges::Forget(int64_t id) {
   return Take(id, &exchange);
 }
 
-void Exchanges::End(int64_t id, State state, std::unique_ptr<HttpClient::Response> response) {
+void Exchanges::End(int64_t id, State state, std::unique_ptr<HttpClient::Response> response,
+                    HttpReason reason) {
   const auto queue = Queue();
   if (queue == nullptr) return;
-  queue->PostTask(Here(__LINE__), [this, id, state, response = std::move(response)]() mutable {
-    Tell(id, state, std::move(response));
-  });
+  queue->PostTask(Here(__LINE__),
+                  [this, id, state, response = std::move(response), reason]() mutable {
+                    Tell(id, state, std::move(response), reason);
+                  });
 }
 
-void Exchanges::Tell(int64_t id, State state, std::unique_ptr<HttpClient::Response> response) {
+void Exchanges::Tell(int64_t id, State state, std::unique_ptr<HttpClient::Response> response,
+                     HttpReason reason) {
   Exchange exchange;
   {
     std::lock_guard<std::mutex> hold(mutex_);
@@ -160,7 +168,8 @@ void Exchanges::Tell(int64_t id, State state, std::unique_ptr<HttpClient::Respon
   const bool is_given_up = state == State::kCancelled || state == State::kTimedOut;
   if (is_given_up) GiveUp(id);
   if (state != State::kCompleted) response.reset();
-  exchange.request.reason = HttpClient::ReasonOf(state, response.get());
+  const bool is_told = state == State::kFailed && reason != HttpReason::kNone;
+  exchange.request.reason = is_told ? reason : HttpClient::ReasonOf(state, response.get());
   if (exchange.callback)
     std::move(exchange.callback).Run(state, exchange.request, std::move(response));
   std::lock_guard<std::mutex> hold(mutex_);
@@ -284,6 +293,16 @@ bool ResponseOf(const quenor_response& from, HttpClient::Response* to) {
   return true;
 }
 
+HttpReason ReasonOf(const char* name) {
+  if (name == nullptr) return HttpReason::kNone;
+  for (int32_t i = 1; i < quenor::kHttpReasons; ++i) {
+    const auto reason = static_cast<HttpReason>(i);
+    const bool is_failure = reason != HttpReason::kHttpStatus && reason != HttpReason::kCancelled;
+    if (is_failure && std::strcmp(name, quenor::HttpReasonName(reason)) == 0) return reason;
+  }
+  return HttpReason::kOther;
+}
+
 std::unique_ptr<HttpClient> MakeClient(const HttpClient::Config& config) {
   return std::make_unique<HostClient>(config);
 }
@@ -328,13 +347,16 @@ quenor_error quenor_answer(uint64_t id, const quenor_response* response) {
   quenor::base::EndOnException(kWhose, [&] {
     State state = State::kFailed;
     std::unique_ptr<HttpClient::Response> whole;
-    if (response != nullptr) {
+    const bool has_failed = response == nullptr || taken.reason != nullptr;
+    if (!has_failed) {
       whole = std::make_unique<HttpClient::Response>();
       is_one = ResponseOf(taken, whole.get());
       const bool is_too_large = is_one && whole->body.size() != taken.body_size;
       if (is_one) state = is_too_large ? State::kTooLarge : State::kCompleted;
     }
-    if (is_one) Exchanges::OfProcess().End(static_cast<int64_t>(id), state, std::move(whole));
+    const HttpReason reason = response != nullptr ? ReasonOf(taken.reason) : HttpReason::kNone;
+    if (!is_one) return;
+    Exchanges::OfProcess().End(static_cast<int64_t>(id), state, std::move(whole), reason);
   });
   return is_one ? QUENOR_OK : QUENOR_BAD_ARGUMENT;
 }

@@ -81,6 +81,7 @@ typedef struct quenor_update {
   const char* cause; /* "resend_limit", ...; "none". */
   int status_code;   /* QUENOR_FAILED: the HTTP status, or 0. */
   uint32_t sends;
+  const char* reason; /* QUENOR_FAILED: "refused", "tls_expired", ...; else "none". Static. */
 } quenor_update;
 
 typedef struct quenor_tuning {

@@ -52,11 +52,14 @@ typedef struct quenor_request {
 
 typedef struct quenor_response {
   size_t size;
-  int status_code; /* 100 to 999. */
+  int status_code; /* 100 to 999; 0 with a `reason`. */
   const quenor_header* headers;
   size_t header_count;
   const void* body;
   size_t body_size;
+  /* The exchange failed, and there is no whole response: why, in a word as quenor_update's `reason`
+   * has it. One that is none of these counts as "other". Null: there is a response. */
+  const char* reason;
 } quenor_response;
 
 typedef struct quenor_transport {
@@ -78,7 +81,7 @@ typedef struct quenor_transport {
  * Once the process's exit handlers run, nothing of it is called any more. */
 QUENOR_API quenor_error quenor_set_transport(const quenor_transport* transport);
 
-/* Ends the exchange `id`; a null `response`: it failed, and there is no whole one. Copies what it
+/* Ends the exchange `id`; a null `response`: it failed, nobody knows why. Copies what it
  * is given. Any thread; once for each exchange, what comes after that is ignored. */
 QUENOR_API quenor_error quenor_answer(uint64_t id, const quenor_response* response);
 

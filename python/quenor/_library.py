@@ -13,7 +13,7 @@ OWN = pathlib.Path(__file__).with_name(FILE)  # In a wheel.
 
 class Update(ctypes.Structure):
     _fields_ = [("size", c_size_t), ("id", c_uint64), ("state", c_int), ("cause", c_char_p),
-                ("status_code", c_int), ("sends", c_uint32)]
+                ("status_code", c_int), ("sends", c_uint32), ("reason", c_char_p)]
 
 
 class Tuning(ctypes.Structure):

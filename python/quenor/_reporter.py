@@ -46,6 +46,7 @@ class Update:
     cause: str  # "resend_limit", ...; "none".
     status_code: int  # FAILED: the HTTP status, or 0.
     sends: int
+    reason: str  # FAILED: "refused", "tls_expired", ...; else "none".
 
 
 @dataclasses.dataclass(frozen=True)
@@ -292,8 +293,9 @@ def _on_update(context: int, update: Any) -> None:
         return
     with _process.logging_errors("on_update"):
         told = update.contents
+        has_reason = told.size >= ctypes.sizeof(_library.Update)  # An older library has none.
         reporter._on_update(Update(told.id, State(told.state), text(told.cause), told.status_code,
-                                   told.sends))
+                                   told.sends, text(told.reason) if has_reason else "none"))
 
 
 def _on_tuning(context: int, tuning: Any) -> None:

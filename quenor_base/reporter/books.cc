@@ -26,7 +26,7 @@ uint64_t Sum(const Counts& counts) {
 }
 
 // Of the parts of `last_failure_`, from the lowest bit on.
-constexpr int kStateBits = 4;
+constexpr int kReasonBits = 8;
 constexpr int kStatusBits = 12;
 
 bool IsAboutAMessage(Kind kind) {
@@ -42,7 +42,7 @@ bool IsBeforeAdmission(const ReportEvent& event) {
 
 uint64_t BooksEntry::Refused() const { return Sum(refused); }
 uint64_t BooksEntry::Dropped() const { return Sum(dropped); }
-uint64_t BooksEntry::FailedAttempts() const { return Sum(failed_by_status) + Sum(failed_by_state); }
+uint64_t BooksEntry::FailedAttempts() const { return Sum(failed_by_reason); }
 bool BooksEntry::Closes() const {
   return handed_over + loaded ==
          Refused() + acknowledged + Dropped() + rejected + kept + Outstanding();
@@ -96,15 +96,12 @@ void Books::NoteMove(const ReportEvent& event) {
 
 void Books::NoteFailure(const ReportEvent& event) {
   const auto status = static_cast<uint64_t>(std::clamp(event.status_code, 0, 999));
-  const auto state =
-      static_cast<uint64_t>(std::clamp<int32_t>(event.http_state, 0, BooksEntry::kHttpStates - 1));
-  if (event.cause == Cause::kStatus) {
-    Add(&failed_by_status_[status / 100], uint64_t{1});
-  } else {
-    Add(&failed_by_state_[state], uint64_t{1});
-  }
+  const auto reason = static_cast<uint64_t>(
+      std::clamp<int32_t>(static_cast<int32_t>(event.http_reason), 0, kHttpReasons - 1));
+  Add(&failed_by_reason_[reason], uint64_t{1});
+  if (event.cause == Cause::kStatus) Add(&failed_by_status_[status / 100], uint64_t{1});
   const auto now = static_cast<uint64_t>(std::time(nullptr));
-  last_failure_.store(((now << kStatusBits) + status) << kStateBits | state, kRelaxed);
+  last_failure_.store(((now << kStatusBits) + status) << kReasonBits | reason, kRelaxed);
 }
 
 void Books::NoteLatency(int64_t ns) {
@@ -135,7 +132,7 @@ BooksEntry Books::Read() const {
   entry.pending = AtLeastZero(pending_.load(kRelaxed));
   entry.in_flight = AtLeastZero(in_flight_.load(kRelaxed));
   copy(failed_by_status_, &entry.failed_by_status);
-  copy(failed_by_state_, &entry.failed_by_state);
+  copy(failed_by_reason_, &entry.failed_by_reason);
   entry.attempts = of(Kind::kSent);
   entry.bytes_handed_over = bytes_handed_over_.load(kRelaxed);
   entry.bytes_acknowledged = bytes_acknowledged_.load(kRelaxed);
@@ -145,9 +142,9 @@ BooksEntry Books::Read() const {
   copy(latency_, &entry.latency);
   entry.latency_sum_ms = latency_sum_us_.load(kRelaxed) / 1000;
   const uint64_t failure = last_failure_.load(kRelaxed);
-  entry.last_failure_state = static_cast<int>(failure & ((1u << kStateBits) - 1));
-  entry.last_failure_status = static_cast<int>(failure >> kStateBits & ((1u << kStatusBits) - 1));
-  entry.last_failure_time = static_cast<int64_t>(failure >> (kStateBits + kStatusBits));
+  entry.last_failure_reason = static_cast<HttpReason>(failure & ((1u << kReasonBits) - 1));
+  entry.last_failure_status = static_cast<int>(failure >> kReasonBits & ((1u << kStatusBits) - 1));
+  entry.last_failure_time = static_cast<int64_t>(failure >> (kReasonBits + kStatusBits));
   return entry;
 }
 

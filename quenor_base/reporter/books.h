@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "quenor_base/platform/http_reason.h"
 #include "quenor_base/platform/report_events.h"
 
 QUENOR_NAMESPACE_BEGIN
@@ -18,7 +19,7 @@ QUENOR_NAMESPACE_BEGIN
 // Counts of messages unless they say something else; all since the books were opened.
 struct BooksEntry {
   static constexpr size_t kCauses = static_cast<size_t>(ReportEventCause::kReplaced) + 1;
-  static constexpr size_t kHttpStates = 5;  // HttpClient::State.
+  static constexpr size_t kHttpReasons = static_cast<size_t>(quenor::kHttpReasons);
   // From hand-over to acknowledgement; the last one has no upper bound.
   static constexpr std::array<int64_t, 15> kLatencyBoundsMs = {
       10,    50,    100,   250,    500,    1000,    2500,    5000,
@@ -38,10 +39,10 @@ struct BooksEntry {
   uint64_t pending = 0;    // Waits for admission or for its turn.
   uint64_t in_flight = 0;  // At the HTTP client.
 
-  // Attempts that failed: an HTTP status other than 200, by its hundreds; or none, by what the HTTP
-  // client said.
+  // Attempts that failed, by HttpReason; those with an HTTP status other than 200 by its hundreds,
+  // too.
   std::array<uint64_t, 10> failed_by_status{};
-  std::array<uint64_t, kHttpStates> failed_by_state{};
+  std::array<uint64_t, kHttpReasons> failed_by_reason{};
   uint64_t attempts = 0;
   uint64_t bytes_handed_over = 0;
   uint64_t bytes_acknowledged = 0;  // As they were sent.
@@ -53,7 +54,7 @@ struct BooksEntry {
   // The last attempt that failed; 0 when none did. Seconds since 1970.
   int64_t last_failure_time = 0;
   int last_failure_status = 0;  // The HTTP status, or 0.
-  int last_failure_state = 0;   // HttpClient::State.
+  HttpReason last_failure_reason = HttpReason::kNone;
 
   uint64_t Refused() const;
   // Lost before admission (kNotCompressed, kNeverRun) and at a channel's end (kTerminated)
@@ -93,10 +94,10 @@ class Books {
   Count bytes_handed_over_{0};
   Count bytes_acknowledged_{0};
   std::array<Count, 10> failed_by_status_{};
-  std::array<Count, BooksEntry::kHttpStates> failed_by_state_{};
+  std::array<Count, BooksEntry::kHttpReasons> failed_by_reason_{};
   std::array<Count, BooksEntry::kLatencyBoundsMs.size() + 1> latency_{};
   Count latency_sum_us_{0};
-  // Time, status and state in one, so that they belong together.
+  // Time, status and reason in one, so that they belong together.
   Count last_failure_{0};
 };
 

@@ -97,11 +97,8 @@ void WriteEnds(const AllBooks& all, std::string* out) {
 }
 
 void WriteFailures(const AllBooks& all, std::string* out) {
-  static const char* const kStates[] = {"failed", "cancelled", "completed", "timed_out",
-                                        "too_large"};
-  const Metric metric(
-      out, "quenor_attempts_failed_total", "counter",
-      "Exchanges that failed, by the HTTP status or by how they ended without one.");
+  const Metric metric(out, "quenor_attempts_failed_total", "counter",
+                      "Exchanges that failed, by the HTTP status or by why there was none.");
   for (const auto& [name, books] : all) {
     for (size_t hundreds = 0; hundreds < books.failed_by_status.size(); ++hundreds) {
       const bool is_rare = hundreds < 1 || hundreds > 5;
@@ -109,9 +106,11 @@ void WriteFailures(const AllBooks& all, std::string* out) {
       metric.Sample(name, "reason=\"status_" + std::to_string(hundreds) + "xx\"",
                     books.failed_by_status[hundreds]);
     }
-    for (size_t state = 0; state < std::size(kStates); ++state) {
-      metric.Sample(name, std::string("reason=\"") + kStates[state] + "\"",
-                    books.failed_by_state[state]);
+    for (int32_t i = 1; i < kHttpReasons; ++i) {
+      const auto reason = static_cast<HttpReason>(i);
+      if (reason == HttpReason::kHttpStatus) continue;  // As above.
+      metric.Sample(name, std::string("reason=\"") + HttpReasonName(reason) + "\"",
+                    books.failed_by_reason[static_cast<size_t>(i)]);
     }
   }
 }

@@ -414,7 +414,7 @@ void Reporter::Core::TellHost(const ReportEvent& event, bool is_rejection) {
   base::EndOnException("the host's reporter callback", [&] {
     if (is_state) {
       options_.on_update({event.message.id, state, event.cause, event.http_state, event.status_code,
-                          event.send_count});
+                          event.send_count, event.http_reason});
     } else {
       options_.on_tuning({event.send_interval_ms, refused_.limit(), event.report_interval_ms});
     }

@@ -54,6 +54,7 @@ class Reporter {
     int32_t http_state;      // kFailed: HttpClient::State.
     int status_code;         // kFailed: the HTTP status, or 0.
     uint32_t sends;
+    HttpReason reason;  // kFailed: why.
   };
   struct Tuning {
     uint32_t send_interval_ms;  // 0: none.

@@ -89,6 +89,16 @@ class ReporterTest(support.Case):
         self.assertEqual(3, len(logged.records))
         self.assertIn("LookupError: of the callback", logged.output[0])
 
+    def test_callback_hears_why_an_attempt_failed(self):
+        told = []
+        with self.reporter(DEAD, on_update=told.append, send_limit=1) as reporter:
+            reporter.send(b"x")
+            reporter.flush(PATIENCE_S)
+
+        self.assertEqual([("none", quenor.State.ADMITTED), ("none", quenor.State.SENT),
+                          ("refused", quenor.State.FAILED), ("none", quenor.State.DROPPED)],
+                         [(update.reason, update.state) for update in told])
+
     def test_callback_may_stop_and_drop_its_reporter(self):
         has_ended = threading.Event()
         kept = {}

@@ -71,6 +71,8 @@ static int start(void* context, const quenor_request* request) {
   response.status_code = kind == 2 ? 404 : kind == 3 ? 503 : kind == 4 ? -1 : 200;
   if (kind == 5) response.body_size = 7;
   if (kind == 6) response.header_count = 7;
+  if (kind == 10) response.reason = "tls_expired";
+  if (kind == 11) response.reason = "";
   quenor_answer(request->id, kind == 7 ? NULL : &response);
   if (kind == 8) quenor_answer(request->id, &response);
   if (quenor_answer(request->id, NULL) != QUENOR_OK) abort();
@@ -86,7 +88,7 @@ static void on_update(void* context, const quenor_update* update) {
   quenor_reporter* const one = find(context);
   quenor_outcome outcome;
   QUENOR_INIT(&outcome);
-  if (update->size < sizeof *update || update->cause == NULL) abort();
+  if (update->size < sizeof *update || update->cause == NULL || update->reason == NULL) abort();
   if (update->id % 8 == 0) quenor_now(one, &outcome);
   if (update->id % 64 == 0) quenor_flush(one, 1000, &outcome);
 }

@@ -69,7 +69,8 @@ class CInterfaceTest : public ::testing::Test {
     }
     if (status_ == 0) return 0;
     auto response = Fresh<quenor_response>();
-    response.status_code = status_;
+    response.status_code = reason_ == nullptr ? status_.load() : 0;
+    response.reason = reason_;
     response.body = reply_.data();
     response.body_size = reply_.size();
     return quenor_answer(request.id, &response);
@@ -101,6 +102,7 @@ class CInterfaceTest : public ::testing::Test {
 
   const TempFolder folder_;
   std::atomic<int> status_{200};  // 0: never answered.
+  const char* reason_ = nullptr;
   std::string reply_;
   quenor_options options_ = Fresh<quenor_options>();
   quenor_reporter* reporter_ = nullptr;
@@ -140,6 +142,36 @@ TEST_F(CInterfaceTest, WhatIsNotAnsweredIsKept) {
 
   EXPECT_EQ(outcome.kept, 1u);
   EXPECT_EQ(outcome.acknowledged + outcome.out, 0u);
+}
+
+TEST_F(CInterfaceTest, UpdateNamesTheReasonThatTheTransportGave) {
+  std::vector<std::string> told;  // On the reporter's thread, until flush() returns.
+  options_.on_update = [](void* reasons, const quenor_update* update) {
+    if (update->state == QUENOR_FAILED) {
+      static_cast<std::vector<std::string>*>(reasons)->push_back(update->reason);
+    } else {
+      EXPECT_STREQ(update->reason, "none");
+    }
+  };
+  options_.context = &told;
+  options_.send_limit = 1;
+  Create();
+  const auto fail = [&](const char* reason, int status) {
+    reason_ = reason;
+    status_ = status;
+    auto at_once = Fresh<quenor_send_options>();
+    at_once.now = 1;
+    ASSERT_EQ(quenor_send(reporter_, "x", 1, &at_once, nullptr), QUENOR_OK);
+    ASSERT_EQ(quenor_flush(reporter_, 60000, nullptr), QUENOR_OK);
+  };
+
+  fail("tls_expired", 200);
+  fail("no such word", 200);
+  fail("http_status", 200);
+  fail(nullptr, 503);
+  fail(nullptr, 200);
+
+  EXPECT_EQ(told, (std::vector<std::string>{"tls_expired", "other", "other", "http_status"}));
 }
 
 TEST_F(CInterfaceTest, TheProxyIsNamedToTheTransport) {

@@ -58,6 +58,9 @@ TEST_F(BooksTest, FollowAMessageFromHandOverToItsEnd) {
   EXPECT_EQ(3u, entry.bytes_acknowledged);
   EXPECT_EQ(1u, entry.latency[2]) << "50 to 100 ms";
   EXPECT_EQ(70u, entry.latency_sum_ms);
+  EXPECT_EQ(1u, entry.failed_by_reason[static_cast<size_t>(HttpReason::kHttpStatus)]);
+  EXPECT_EQ(1u, entry.FailedAttempts());
+  EXPECT_EQ(HttpReason::kHttpStatus, entry.last_failure_reason);
   EXPECT_EQ(500, entry.last_failure_status);
   EXPECT_GT(entry.last_failure_time, 0);
 }
@@ -104,7 +107,9 @@ TEST_F(BooksTest, CloseWhereMessagesAreDropped) {
   Send(std::string(100, 'a'), false, true);
   Fail(0);
   EXPECT_EQ(1u, Of(Read().dropped, Cause::kResendLimit));
-  EXPECT_EQ(1u, Read().failed_by_state[static_cast<size_t>(State::kFailed)]);
+  EXPECT_EQ(1u, Read().failed_by_reason[static_cast<size_t>(HttpReason::kOther)]);
+  EXPECT_EQ(HttpReason::kOther, Read().last_failure_reason);
+  EXPECT_EQ(0, Read().last_failure_status);
   http_.RefuseAll(0);
   for (int i = 0; i < 201; ++i) Post(std::string(100, 'b'));
   time_.RunUntilIdle();

@@ -23,7 +23,8 @@ BooksEntry SomeBooks() {
   books.refused[static_cast<size_t>(ReportEventCause::kNoServer)] = 1;
   books.failed_by_status[0] = 7;
   books.failed_by_status[5] = 4;
-  books.failed_by_state[3] = 5;
+  books.failed_by_reason[static_cast<size_t>(HttpReason::kTlsExpired)] = 5;
+  books.failed_by_reason[static_cast<size_t>(HttpReason::kHttpStatus)] = 11;
   books.latency[0] = 1;
   books.latency[14] = 2;
   books.latency[15] = 4;
@@ -41,7 +42,7 @@ TEST(ExpositionTest, SaysWhatTheBooksHave) {
            R"(quenor_messages_ended_total{reporter="usage",end="refused",cause="no_server"} 1)",
            R"(quenor_attempts_failed_total{reporter="usage",reason="status_0xx"} 7)",
            R"(quenor_attempts_failed_total{reporter="usage",reason="status_5xx"} 4)",
-           R"(quenor_attempts_failed_total{reporter="usage",reason="timed_out"} 5)",
+           R"(quenor_attempts_failed_total{reporter="usage",reason="tls_expired"} 5)",
            R"(quenor_attempts_failed_total{reporter="",reason="status_5xx"} 0)",
            R"(quenor_delivery_seconds_bucket{reporter="usage",le="0.010"} 1)",
            R"(quenor_delivery_seconds_bucket{reporter="usage",le="86400.000"} 3)",
@@ -52,6 +53,7 @@ TEST(ExpositionTest, SaysWhatTheBooksHave) {
        }) {
     EXPECT_TRUE(Has(text, line)) << line << "\n" << text;
   }
+  EXPECT_EQ(text.find("reason=\"http_status\""), text.npos) << "it is counted by its hundreds";
   EXPECT_FALSE(Has(text, R"(quenor_attempts_failed_total{reporter="",reason="status_0xx"} 0)"));
 }
 
