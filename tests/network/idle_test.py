@@ -13,34 +13,14 @@ class IdleTest(support.Case):
         super().setUp()
         support.make_certificates(self.folder, ["DNS:localhost", "IP:127.0.0.1"])
 
-    def nginx(self):
+    def server(self):
         """The URL of a server that speaks HTTP/2, and its port."""
         placeholder = socket.socket()  # Keeps the port for it.
         placeholder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         placeholder.bind(("127.0.0.1", 0))
         self.ending(placeholder, "close")
         port = placeholder.getsockname()[1]
-        temporary = "".join(f"  {kind}_temp_path {kind};\n" for kind in
-                            ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
-        with open(self.folder + "/nginx.conf", "w") as file:
-            file.write(f"""daemon off; master_process off; pid nginx.pid; error_log stderr warn;
-events {{ worker_connections 512; }}
-http {{
-  access_log off; keepalive_timeout 3600; keepalive_requests 100000;
-{temporary}  server {{
-    listen 127.0.0.1:{port} ssl http2; ssl_certificate server.pem; ssl_certificate_key server.key;
-    location / {{ return 200 '{{}}'; }}
-  }}
-}}
-""")
-        child = support.Child(["nginx", "-e", "stderr", "-p", self.folder, "-c", "nginx.conf"],
-                              output=self.folder + "/nginx.output")
-        self.ending(child, "kill")
-
-        def is_listening():
-            with socket.socket() as probe:
-                return probe.connect_ex(("127.0.0.1", port)) == 0
-        wait_until(is_listening, "nginx listens")
+        self.nginx("127.0.0.1", port, "return 200 '{}';")
         return f"https://127.0.0.1:{port}/", port
 
     def switches(self, app):
@@ -58,7 +38,7 @@ http {{
 
     def measure(self, channels, seconds, http2):
         if http2:
-            url, port = self.nginx()
+            url, port = self.server()
         else:
             server = self.collector(options=["--idle-timeout", "3600"], name=f"for-{channels}")
             url, port = server.url("127.0.0.1"), server.port

@@ -14,6 +14,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -28,6 +29,8 @@
 #include "quenor_base/platform/base/path_service.h"
 #include "quenor_base/platform/config_center.h"
 #include "quenor_base/platform/http_client.h"
+#include "quenor_base/platform/http_reason.h"
+#include "quenor_base/platform/http_settings.h"
 #include "quenor_base/platform/report_events.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
 #include "quenor_base/platform/thread_manager.h"
@@ -216,6 +219,70 @@ long HostGets(const std::string& url, const std::string& ca_file) {
   return status;
 }
 
+// ---- The client's settings, and exchanges of its own beside the channels'
+// ------------------------
+
+// The words "KEY=VALUE" of a line, beside `ca_file`, are what holds from the next client on.
+// Answers what was found wrong with them.
+std::string SetHttp(std::istream& words, const std::string& ca_file) {
+  HttpDefaults defaults;
+  if (ca_file != "-") defaults.ca_file = ca_file;
+  std::string word;
+  while (words >> word) {
+    const size_t at = word.find('=');
+    const std::string key = word.substr(0, at);
+    const std::string value = at == std::string::npos ? "" : word.substr(at + 1);
+    if (key == "proxy") {
+      defaults.proxy.url = value;
+    } else if (key == "user") {
+      defaults.proxy.user = value;
+    } else if (key == "password") {
+      defaults.proxy.password = value;
+    } else if (key == "proxy-ca") {
+      defaults.proxy.ca_file = value;
+    } else if (key == "except") {
+      defaults.proxy.except.push_back(value);
+    } else if (key == "environment") {
+      defaults.proxy_from_environment = value == "1";
+    } else if (key == "keep") {
+      defaults.keep_idle_connections = value != "0";
+    } else if (key == "connect-ms") {
+      defaults.connect_timeout_ms = static_cast<uint32_t>(std::stoul(value));
+    } else {
+      return "no such setting: " + word;
+    }
+  }
+  return SetHttpDefaults(defaults);
+}
+
+HttpClient::Config ClientConfig(bool http2) {
+  HttpClient::Config config;
+  config.enable_http2 = http2;
+  const auto proxy = GetSocks5ProxyConfigHolder()->GetConfig();
+  if (proxy.enabled) config.SetSocks5Proxy(proxy.host, proxy.port, proxy.user, proxy.password);
+  return config;
+}
+
+// How one exchange ended.
+std::string Exchange(HttpClient* client, const std::string& url, const std::string& body) {
+  HttpClient::Request request;
+  request.url = url;
+  request.method = "POST";
+  request.body = CopyOnWriteBuffer(reinterpret_cast<const uint8_t*>(body.data()), body.size());
+  std::promise<std::string> promise;  // Outlives the callback: it is waited for.
+  std::future<std::string> result = promise.get_future();
+  const int64_t id = client->SendRequest(
+      request, [&promise](HttpClient::State state, const HttpClient::Request& ended,
+                          std::unique_ptr<HttpClient::Response> response) {
+        constexpr const char* kStates[] = {"failed", "cancelled", "completed", "timed_out",
+                                           "too_large"};
+        promise.set_value(std::string("state=") + kStates[static_cast<int>(state)] + " status=" +
+                          std::to_string(response == nullptr ? 0 : response->status_code) +
+                          " reason=" + std::to_string(static_cast<int>(ended.reason)));
+      });
+  return id < 1 ? "state=not_sent" : result.get();
+}
+
 // ---- The application ----------------------------------------------------------------------------
 
 class Application {
@@ -279,6 +346,7 @@ class Application {
   std::vector<std::string> names_;
   std::vector<std::shared_ptr<ReliableReportChannelHttps>> channels_;
   std::vector<uint64_t> next_number_;
+  std::unique_ptr<HttpClient> client_;
 };
 
 bool Application::EndFrom(const std::string& where, const std::string& way) {
@@ -321,6 +389,17 @@ bool Application::Do(const std::string& line) {
     words >> proxy.host >> proxy.port;
     proxy.enabled = true;
     GetSocks5ProxyConfigHolder()->SetConfig(proxy);
+  } else if (command == "http") {  // KEY=VALUE ...
+    text = SetHttp(words, ca_file_);
+    WriteLine(text.empty() ? "ok" : "refused: " + text);
+    return true;
+  } else if (command == "client") {  // VERSION: whom "exchange" asks from now on; 1 or 2
+    words >> text;
+    client_ = HttpClientFactory::Create(ClientConfig(text == "2"));
+  } else if (command == "exchange") {  // URL BODY
+    words >> text >> other;
+    WriteLine(Exchange(client_.get(), text, other));
+    return true;
   } else if (command == "restart") {
     if (!Stop()) return false;
     Start();
@@ -372,9 +451,8 @@ int Main(int argc, char** argv) {
                                           base::FilePath(cache_folder))) {
     return 64;
   }
-  HttpDefaults defaults;
-  if (ca_file != "-") defaults.ca_file = ca_file;
-  const std::string problem = SetHttpDefaults(defaults);
+  std::istringstream nothing_else;
+  const std::string problem = SetHttp(nothing_else, ca_file);
   if (!problem.empty()) {
     std::cerr << problem << "\n";
     return 64;

@@ -1,30 +1,21 @@
 #!/usr/bin/env python3
 """With a proxy set, nothing but connections to the proxy leaves the namespace, whatever happens."""
-import re, shutil, time
+import time
 
-import support
+import proxies, support
+from proxies import FIRST, NAME, NAME_SERVER, SECOND, SERVER
 from support import FULL, say, sha256, wait_until
 
 COUNT = 200 if FULL else 20
-NAME = "collector.test"
-HOME, FIRST, SECOND, SERVER = "10.77.0.1", "10.77.1.1", "10.77.1.3", "10.77.2.2"
-NAME_SERVER = "10.77.9.9"  # Nobody is there: who asks is seen on the wire.
 PORT = 1080  # The namespace's own: nobody else's.
 
 
-class ProxyTest(support.Case):
+class ProxyTest(proxies.ProxyCase):
     def setUp(self):
         super().setUp()
-        self.need_namespaces()
-        if shutil.which("microsocks") is None:
-            self.skipTest("no microsocks; install it")
-        support.make_certificates(self.folder, ["DNS:" + NAME])
-        self.home, self.away = self.namespace("home"), self.namespace("away")
-        self.link = self.wire(self.home, self.away)
-        self.link.address(self.home, HOME + "/16")
-        self.link.address(self.away, FIRST + "/16", SECOND + "/16", SERVER + "/16")
-        self.home.set_name_server(NAME_SERVER)
-        self.away.set_hosts({NAME: SERVER})  # Known at the proxy, not at home.
+        reason = proxies.why_missing("microsocks")
+        if reason:
+            self.skipTest(reason)
         self.judge = self.collector(self.away, SERVER)
         self.url = self.judge.url(NAME)
 
@@ -32,25 +23,8 @@ class ProxyTest(support.Case):
         child = support.Child(["microsocks", "-i", address, "-p", str(PORT), "-b", address],
                               self.away, self.folder + "/proxy.output")
         self.ending(child, "kill")
-        table = f"/proc/{self.away.holder.pid}/net/tcp"
-        local = "".join(f"{int(part):02X}" for part in reversed(address.split(".")))
-
-        def is_listening():
-            with open(table) as file:
-                return f" {local}:{PORT:04X} 00000000:0000 0A " in file.read()
-        wait_until(is_listening, "the proxy listens")
+        wait_until(lambda: support.has_listener(address, PORT, self.away), "the proxy listens")
         return child
-
-    def check_only(self, *allowed, moment=""):
-        """What has left since the last check went to these addresses' proxies, all of them."""
-        sent = dict(self.link.sent)
-        self.link.sent.clear()
-        with open(f"/proc/{self.home.holder.pid}/net/dev") as file:
-            on_loopback = int(re.search(r"lo:\s*\d+\s+(\d+)", file.read())[1])
-        say(f"{self._testMethodName}{moment}: packets by destination: {sent}, "
-            f"on the loopback device: {on_loopback}")
-        self.assertEqual(set(sent), {f"tcp {address}:{PORT}" for address in allowed})
-        self.assertEqual(0, on_loopback)
 
     def check_arrived(self, bodies):
         accepted = self.judge.accepted()
@@ -68,7 +42,7 @@ class ProxyTest(support.Case):
 
         self.assertEqual(counts["delivered"], COUNT, sender.said)
         self.check_arrived({sha256(body) for body in sender.handed_over})
-        self.check_only(FIRST)
+        self.check_only(f"{FIRST}:{PORT}")
 
     def test_without_a_proxy_the_wire_sees_the_name_server_asked(self):
         sender = self.sender(self.url, namespace=self.home)
@@ -86,19 +60,19 @@ class ProxyTest(support.Case):
         app.do("start")
         app.do("send 5")
         app.do("wait acknowledged 5")
-        self.check_only(FIRST, moment=" up")
+        self.check_only(f"{FIRST}:{PORT}", moment=" up")
         proxy.kill()
         app.do(f"send {COUNT - 6}")
         app.do(f"wait failed {COUNT - 6}")
         self.assertEqual(5, len(self.judge.accepted()))
-        self.check_only(FIRST, moment=" down")
+        self.check_only(f"{FIRST}:{PORT}", moment=" down")
         self.proxy(FIRST)
         app.do("send 1")
         app.do(f"wait acknowledged {COUNT}")
         counts = app.counts()
         self.assertEqual(0, app.finish())
 
-        self.check_only(FIRST, moment=" up again")
+        self.check_only(f"{FIRST}:{PORT}", moment=" up again")
         bodies = {sha256(f"app-0/{i}/{'x' * (i % 200)}".encode()) for i in range(COUNT)}
         self.assertLessEqual(self.check_arrived(bodies), counts["failed"])
 
@@ -121,7 +95,7 @@ class ProxyTest(support.Case):
         self.assertEqual([FIRST] * 5, send_five("at first"))
         app.do(f"proxy {SECOND} {PORT}")
         self.assertEqual([FIRST] * 5, send_five("with the old client"))
-        self.check_only(FIRST, moment=" with the old client")
+        self.check_only(f"{FIRST}:{PORT}", moment=" with the old client")
         app.do("restart")
         self.assertEqual([SECOND] * 5, send_five("after a restart"))
         if FULL:  # A channel at rest lets its client go after a minute.
@@ -130,7 +104,7 @@ class ProxyTest(support.Case):
             self.assertEqual([FIRST] * 5, send_five("after a minute at rest"))
         self.assertEqual(0, app.finish())
         # Connections of the client that has gone may say goodbye.
-        self.check_only(FIRST, SECOND, moment=" afterwards")
+        self.check_only(f"{FIRST}:{PORT}", f"{SECOND}:{PORT}", moment=" afterwards")
 
 
 if __name__ == "__main__":

@@ -116,6 +116,13 @@ class Namespace:
         self.holder.stdout.close()
 
 
+def has_listener(address, port, namespace=None):
+    """Whether somebody listens at the IPv4 address."""
+    local = "".join(f"{int(part):02X}" for part in reversed(address.split(".")))
+    with open(f"/proc/{namespace.holder.pid if namespace else 'self'}/net/tcp") as file:
+        return f" {local}:{port:04X} 00000000:0000 0A " in file.read()
+
+
 class Wire:
     """A network device in each of two namespaces and, between them, what a test asks for.
 
@@ -132,6 +139,8 @@ class Wire:
         self.is_dead = False  # Swallows everything, as a filter that drops does.
         self.random = random.Random(seed)
         self.sent = collections.Counter()  # Packets from the near end by "protocol address:port".
+        self.opened = collections.Counter()  # Likewise, of what begins something: all but the rest
+        # of a TCP connection.
         self.lost = 0
         self.carried = 0
         self.fds = [near.open_tunnel(self.DEVICE), far.open_tunnel(self.DEVICE)]
@@ -160,6 +169,7 @@ class Wire:
                 for packet in self._packets(self.fds[end]):
                     if end == 0:
                         self.sent[destination(packet)] += 1
+                        self.opened[destination(packet)] += begins(packet)
                     if self.is_dead or self.random.random() < self.loss:
                         self.lost += 1
                         continue
@@ -195,14 +205,26 @@ class Wire:
             os.close(fd)
 
 
+def payload_of(packet):
+    """The protocol's number and what it carries, of an IP packet."""
+    if packet[0] >> 4 == 4:
+        return packet[9], packet[(packet[0] & 15) * 4:]
+    return packet[6], packet[40:]
+
+
+def begins(packet):
+    """False of a TCP packet without SYN."""
+    protocol, payload = payload_of(packet)
+    return protocol != 6 or payload[13] & 2 != 0
+
+
 def destination(packet):
     """ "tcp 10.1.2.3:443" and so on, of an IP packet. """
+    protocol, payload = payload_of(packet)
     if packet[0] >> 4 == 4:
-        protocol, address = packet[9], socket.inet_ntop(socket.AF_INET, packet[16:20])
-        payload = packet[(packet[0] & 15) * 4:]
+        address = socket.inet_ntop(socket.AF_INET, packet[16:20])
     else:
-        protocol, address = packet[6], "[" + socket.inet_ntop(socket.AF_INET6, packet[24:40]) + "]"
-        payload = packet[40:]
+        address = "[" + socket.inet_ntop(socket.AF_INET6, packet[24:40]) + "]"
     names = {1: "icmp", 6: "tcp", 17: "udp", 58: "icmp6"}
     if protocol in (6, 17):
         return f"{names[protocol]} {address}:{struct.unpack('!H', payload[2:4])[0]}"
@@ -308,6 +330,9 @@ class Collector:
 
     def records(self):
         """What was answered 200, in the order of the log."""
+        return [record for record in self.all_records() if record["status"] == 200]
+
+    def all_records(self):
         records = []
         if not os.path.exists(self.log):
             return records
@@ -317,7 +342,7 @@ class Collector:
                     records.append(json.loads(line))
                 except ValueError:
                     pass  # Torn off by a kill.
-        return [record for record in records if record["status"] == 200]
+        return records
 
     def accepted(self):
         """How often each body was answered 200, by SHA-256."""
@@ -367,7 +392,7 @@ class Application(Child):
     """network_program, told what to do a line at a time."""
 
     def __init__(self, folder, url, channels=1, cache=False, namespace=None, http2=False,
-                 name="application"):
+                 name="application", environment=None):
         self.errors = os.path.join(folder, name + ".stderr")
         self.cache_folder = os.path.join(folder, name + "-state")
         ca_file = os.path.join(folder, "ca.pem")
@@ -375,7 +400,8 @@ class Application(Child):
             super().__init__(
                 [PROGRAM, url, str(channels), self.cache_folder if cache else "-",
                  ca_file if os.path.exists(ca_file) else "-"],
-                namespace, environment={"QUENOR_TEST_HTTP2": "1"} if http2 else {},
+                namespace,
+                environment={**(environment or {}), **({"QUENOR_TEST_HTTP2": "1"} if http2 else {})},
                 stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors)
 
     def tell(self, command):
@@ -492,6 +518,29 @@ class Case(unittest.TestCase):
 
     def collector(self, *arguments, **options):
         return self.ending(Collector(self.folder, *arguments, **options), "end").start()
+
+    def nginx(self, address, port, location, namespace=None, name="nginx"):
+        """HTTPS and HTTP/2 with the folder's certificate."""
+        temporary = "".join(f"  {kind}_temp_path {kind};\n" for kind in
+                            ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
+        folder = os.path.join(self.folder, name)
+        os.makedirs(folder, exist_ok=True)
+        with open(folder + "/nginx.conf", "w") as file:
+            file.write(f"""daemon off; master_process off; pid nginx.pid; error_log stderr warn;
+events {{ worker_connections 512; }}
+http {{
+  access_log off; keepalive_timeout 3600; keepalive_requests 100000;
+{temporary}  server {{
+    listen {address}:{port} ssl http2;
+    ssl_certificate {self.folder}/server.pem; ssl_certificate_key {self.folder}/server.key;
+    location / {{ {location} }}
+  }}
+}}
+""")
+        child = Child(["nginx", "-e", "stderr", "-p", folder, "-c", "nginx.conf"], namespace,
+                      folder + "/output")
+        self.ending(child, "kill")
+        wait_until(lambda: has_listener(address, port, namespace), "nginx listens")
 
     def sender(self, *arguments, **options):
         sender = Sender(self.folder, *arguments, **options)
