@@ -62,7 +62,7 @@ set(CPACK_DEBIAN_QUENOR_RUNTIME_PACKAGE_SHLIBDEPS ON)
 quenor_package(quenor_dev libquenor-dev libdevel "reliable report channel, for development"
   "${about}
 Headers for C and C++, archives, and what CMake and pkg-config need." DEPENDS
-  "${soname_package} ${exactly}, libcurl4-openssl-dev (>= 7.87), libssl-dev, zlib1g-dev")
+  "${soname_package} ${exactly}, libcurl4-openssl-dev (>= 7.87), libidn2-dev, libssl-dev, zlib1g-dev")
 quenor_package(quenor_tools quenor-tools net "reliable report channel, command line tools"
   "${about}
 quenor-report delivers from a shell; quenor-collector is a server for tests.")

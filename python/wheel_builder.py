@@ -2,7 +2,7 @@
 
 Called by scripts/make_wheel, and by pip and `python3 -m build` by way of pyproject.toml. With a
 library the wheel is one of this platform, else one for any, whose users have the library installed.
-"linux_x86_64" and not a manylinux tag: libcurl, OpenSSL and zlib come from the user's system.
+"linux_x86_64" and not a manylinux tag: libcurl, libidn2, OpenSSL and zlib come from the user's system.
 """
 import base64
 import hashlib

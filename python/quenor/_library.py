@@ -80,7 +80,7 @@ def _load(place: str) -> ctypes.CDLL:
             function = getattr(library, name)
             function.restype, function.argtypes = answer, arguments
     except (OSError, AttributeError) as error:
-        what = ("install libcurl4, libssl3 and zlib1g, which the wheel's library needs" if place == str(OWN) else
+        what = ("install libcurl4, libidn2-0, libssl3 and zlib1g, which the wheel's library needs" if place == str(OWN) else
                 f"install libquenor0, or set {VARIABLE} to the path of {FILE}")
         raise ImportError(f"quenor: its library cannot be used: {error}; {what}") from None
     return library

@@ -4,9 +4,10 @@
 #include <curl/curl.h>
 #include <netinet/in.h>
 
-#include <cstring>
 #include <memory>
 
+#include "services/http_client_curl/names/hosts.h"
+#include "services/http_client_curl/names/urls.h"
 #include "services/http_client_curl/rules/syntax.h"
 
 QUENOR_NAMESPACE_BEGIN
@@ -14,12 +15,23 @@ namespace http_address {
 namespace {
 
 constexpr size_t kMaxCredentialBytes = 255;  // What SOCKS5 takes.
-constexpr size_t kMaxZoneBytes = 15;         // What libcurl takes.
 
 using ParsedUrl = std::unique_ptr<CURLU, void (*)(CURLU*)>;
 
 // Null when memory is short.
 ParsedUrl NewUrl() { return ParsedUrl(curl_url(), &curl_url_cleanup); }
+
+// With its host in ASCII, if it has a name there. Null: libcurl cannot read it.
+ParsedUrl Parse(const std::string& url) {
+  std::string ascii;
+  (void)AsciiUrl(url, &ascii);
+  ParsedUrl parsed = NewUrl();
+  const char* const text = (ascii.empty() ? url : ascii).c_str();
+  if (parsed != nullptr && curl_url_set(parsed.get(), CURLUPART_URL, text, 0) != CURLUE_OK) {
+    parsed.reset();
+  }
+  return parsed;
+}
 
 struct Part {
   CURLUcode code;
@@ -39,41 +51,17 @@ bool HoldsNul(const ParsedUrl& url, CURLUPart which) {
   return PartOf(url, which).text.find("%00") != std::string::npos;
 }
 
-bool IsAlnum(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-
-// Whether each byte is a letter, a digit or one of `others`.
-bool ConsistsOf(const std::string& text, const char* others) {
-  for (const char c : text) {
-    if (!IsAlnum(c) && (c == '\0' || std::strchr(others, c) == nullptr)) return false;
-  }
-  return true;
-}
-
-// What may name the zone of an IPv6 address, or nothing. libcurl takes any bytes, an '@' too.
-bool IsZone(const std::string& text) { return ConsistsOf(text, ".-_~"); }
-
-// An IPv6 address, perhaps with "%ZONE" or "%25ZONE" behind it.
-bool IsIpv6(const std::string& text) {
-  const size_t percent = text.find('%');
-  in6_addr ignored;
-  if (inet_pton(AF_INET6, text.substr(0, percent).c_str(), &ignored) != 1) return false;
-  if (percent == std::string::npos) return true;
-  std::string zone = text.substr(percent + 1);
-  if (zone.size() > 2 && zone.compare(0, 2, "25") == 0) zone.erase(0, 2);
-  return !zone.empty() && zone.size() <= kMaxZoneBytes && IsZone(zone);
-}
-
 // A host that can stand in "socks5h://HOST:PORT" and mean nothing else.
 bool IsProxyHost(const std::string& host) {
   if (host.find_first_of(":[") == std::string::npos) {
-    return !host.empty() && ConsistsOf(host, ".-_");
+    std::string ascii;
+    return http_names::AsciiName(host, &ascii).empty() && !ascii.empty() &&
+           http_names::ConsistsOf(ascii, ".-_");
   }
   // libcurl's C string would end at a NUL.
   if (host.find('\0') != std::string::npos) return false;
   const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
-  return IsIpv6(bracketed ? host.substr(1, host.size() - 2) : host);
+  return http_names::IsIpv6(bracketed ? host.substr(1, host.size() - 2) : host);
 }
 
 bool IsCredential(const std::string& text) {
@@ -88,7 +76,11 @@ std::string UrlProblem(const std::string& url) {
   if (url.find('\0') != std::string::npos) return what + "it holds a NUL" + hint;
   const ParsedUrl parsed = NewUrl();
   if (parsed == nullptr) return what + "out of memory";
-  CURLUcode code = curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0);
+  std::string ascii;
+  const std::string foreign = AsciiUrl(url, &ascii);
+  if (!foreign.empty()) return what + foreign;
+  const char* const text = (ascii.empty() ? url : ascii).c_str();
+  CURLUcode code = curl_url_set(parsed.get(), CURLUPART_URL, text, 0);
   const Part scheme = code == CURLUE_OK ? PartOf(parsed, CURLUPART_SCHEME) : Part{code, {}};
   const Part host = scheme.code == CURLUE_OK ? PartOf(parsed, CURLUPART_HOST) : scheme;
   if (host.code != CURLUE_OK) return what + curl_url_strerror(host.code) + hint;
@@ -98,7 +90,7 @@ std::string UrlProblem(const std::string& url) {
   if (HoldsNul(parsed, CURLUPART_USER) || HoldsNul(parsed, CURLUPART_PASSWORD)) {
     return what + "its user or password holds %00" + hint;
   }
-  if (!IsZone(PartOf(parsed, CURLUPART_ZONEID).text)) {
+  if (!http_names::IsZone(PartOf(parsed, CURLUPART_ZONEID).text)) {
     return what + "its zone is no interface's name" + hint;
   }
   return std::string();
@@ -109,10 +101,8 @@ bool IsUnencrypted(const std::string& url) {
 }
 
 bool IsLoopback(const std::string& url) {
-  const ParsedUrl parsed = NewUrl();
-  if (parsed == nullptr || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) {
-    return false;
-  }
+  const ParsedUrl parsed = Parse(url);
+  if (parsed == nullptr) return false;
   const std::string host = PartOf(parsed, CURLUPART_HOST).text;
   in_addr v4;
   if (inet_pton(AF_INET, host.c_str(), &v4) == 1) return ntohl(v4.s_addr) >> 24 == 127;
@@ -120,10 +110,8 @@ bool IsLoopback(const std::string& url) {
 }
 
 std::string LoggableUrl(const std::string& url) {
-  const ParsedUrl parsed = NewUrl();
-  if (parsed == nullptr || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) {
-    return "(no URL)";
-  }
+  const ParsedUrl parsed = Parse(url);
+  if (parsed == nullptr) return "(no URL)";
   for (const CURLUPart secret : {CURLUPART_USER, CURLUPART_PASSWORD, CURLUPART_OPTIONS,
                                  CURLUPART_QUERY, CURLUPART_FRAGMENT}) {
     if (curl_url_set(parsed.get(), secret, nullptr, 0) != CURLUE_OK) return "(no URL)";
@@ -157,6 +145,9 @@ std::string ProxyProblem(const HttpClient::Config& config) {
 std::string ProxyUrl(const HttpClient::Config& config) {
   if (!config.use_socks5) return std::string();
   std::string host = config.socks5_host;
+  if (host.find_first_of(":[") == std::string::npos) {
+    (void)http_names::AsciiName(config.socks5_host, &host);
+  }
   if (host.find(':') != std::string::npos && host[0] != '[') host = "[" + host + "]";
   return "socks5h://" + host + ":" + std::to_string(config.socks5_port);
 }

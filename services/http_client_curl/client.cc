@@ -15,6 +15,7 @@
 #include "services/http_client_curl/address.h"
 #include "services/http_client_curl/easy_options.h"
 #include "services/http_client_curl/engine.h"
+#include "services/http_client_curl/names/urls.h"
 #include "services/http_client_curl/rules/settings_check.h"
 #include "services/http_client_curl/rules/syntax.h"
 #include "services/http_client_curl/tls_openssl.h"
@@ -63,27 +64,6 @@ class InCommon {
   std::string good_url_ QUENOR_GUARDED_BY(lock_);
 };
 
-// "scheme://host:port" of a URL without a problem, so that those of one origin are equal.
-std::string OriginOf(const std::string& url) {
-  CURLU* const parsed = curl_url();
-  std::string origin;
-  if (parsed != nullptr && curl_url_set(parsed, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK) {
-    for (const auto part : {CURLUPART_SCHEME, CURLUPART_HOST, CURLUPART_PORT}) {
-      char* text = nullptr;
-      curl_url_get(parsed, part, &text, CURLU_DEFAULT_PORT);
-      if (text != nullptr) origin += (origin.empty() ? "" : " ") + std::string(text);
-      curl_free(text);
-    }
-    for (char& c : origin) c = http_syntax::LowerAscii(c);
-  }
-  curl_url_cleanup(parsed);
-  return origin;
-}
-std::string GivenOrigin(const std::string& origin, std::string* problem) {
-  *problem = http_address::UrlProblem(origin);
-  return problem->empty() ? OriginOf(origin) : std::string();
-}
-
 class HttpClientCurl final : public HttpClient {
  public:
   explicit HttpClientCurl(const Config& config)
@@ -129,7 +109,7 @@ std::string HttpClientCurl::UrlProblem(const std::string& url,
   }
   const bool is_encrypted = !http_address::IsUnencrypted(url);
   std::shared_ptr<const HttpSet> set;
-  if (generation != 0) set = HttpSets::Get().OfOrigin(OriginOf(url));
+  if (generation != 0) set = HttpSets::Get().OfOrigin(http_address::OriginOf(url));
   if (set == nullptr) set = defaults_;
   const bool is_as_before =
       *settings != nullptr && (*settings)->set == set && (*settings)->is_encrypted == is_encrypted;
@@ -259,8 +239,8 @@ std::string CheckAndSetDefaults(const HttpDefaults& defaults) {
 }
 
 std::string CheckAndSetSettings(const std::string& origin, const HttpSettings& settings) {
-  std::string problem;
-  const std::string normal = GivenOrigin(origin, &problem);
+  std::string normal;
+  std::string problem = http_address::GivenOrigin(origin, &normal);
   auto set = problem.empty() ? MakeSet(settings, &problem) : nullptr;
   if (!problem.empty()) return "http settings: " + problem;
   HttpSets::Get().SetOfOrigin(normal, std::move(set));
@@ -303,9 +283,9 @@ std::string SetHttpSettings(const std::string& origin, const HttpSettings& setti
 bool ResetHttpSettings(const std::string& origin) {
   bool had_some = false;
   base::EndOnException(kInClient, [&] {
-    std::string problem;
-    const std::string normal = GivenOrigin(origin, &problem);
-    had_some = problem.empty() && HttpSets::Get().SetOfOrigin(normal, nullptr);
+    std::string normal;
+    had_some = http_address::GivenOrigin(origin, &normal).empty() &&
+               HttpSets::Get().SetOfOrigin(normal, nullptr);
   });
   return had_some;
 }

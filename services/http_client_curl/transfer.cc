@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "quenor_base/platform/exception_barrier.h"
+#include "services/http_client_curl/names/urls.h"
 #include "services/http_client_curl/rules/syntax.h"
 
 QUENOR_NAMESPACE_BEGIN
@@ -196,7 +197,9 @@ bool Transfer::ConfigureForRequest(const http_syntax::Headers* headers) {
     return options.all_taken();
   }
   posted_url.clear();
-  options.Set(CURLOPT_URL, request.url.c_str());
+  std::string ascii;
+  if (!http_address::AsciiUrl(request.url, &ascii).empty()) return false;
+  options.Set(CURLOPT_URL, (ascii.empty() ? request.url : ascii).c_str());
   const bool sends_body = http_syntax::SendsBody(request);
   // The order matters: each of these also sets the method, which the last line then names.
   if (sends_body) {

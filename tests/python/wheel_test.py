@@ -65,7 +65,7 @@ class WheelTest(support.Case):
         shutil.copytree(ROOT / "python/quenor", with_own / "quenor")
         (with_own / "quenor/libquenor.so.0").write_bytes(b"")  # Cannot be loaded, as one that lacks what it needs.
         for path, library, says in ((ROOT / "python", "/no/libquenor.so.0", "/no/libquenor.so.0.*install libquenor0"),
-                                    (with_own, LIBRARY, "file too short; install libcurl4, libssl3 and zlib1g")):
+                                    (with_own, LIBRARY, "file too short; install libcurl4, libidn2-0, libssl3 and zlib1g")):
             done = subprocess.run([sys.executable, "-B", "-c", "import quenor"], capture_output=True, text=True,
                                   env={**os.environ, "PYTHONPATH": str(path), "QUENOR_LIBRARY": library})
             self.assertEqual(1, done.returncode)
