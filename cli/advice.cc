@@ -15,6 +15,7 @@ struct Term {
 constexpr Term kTerms[] = {
     {", or raise the time limits of HttpDefaults", ""},
     {", or raise the size limits of HttpDefaults", ""},
+    {" or client_certificate_pem", ""},
     {"http defaults: ", ""},
     {"HttpDefaults::", ""},
     {"ca_file", "--cacert"},

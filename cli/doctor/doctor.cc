@@ -122,6 +122,7 @@ class Doctor {
   Socket socket_;
   std::string failed_;  // The step that failed.
   std::string cause_;
+  HttpReason reason_ = HttpReason::kNone;
   int warnings_ = 0;
 };
 
@@ -143,6 +144,7 @@ bool Doctor::Show(const Step& step) {
   if (step.result != Result::kFailed) return true;
   failed_ = step.name;
   cause_ = step.cause;
+  reason_ = step.reason;
   return false;
 }
 
@@ -180,10 +182,7 @@ bool Doctor::ReachThroughProxy(const Socks5Address& proxy) {
          Do([&] {
            return Connect("proxy-connect", "the proxy", endpoints, timeout_ms_, &socket_);
          }) &&
-         Do([&] {
-           SocketWire wire(socket_.get(), timeout_ms_);
-           return AskProxy(wire, proxy, target_.place);
-         });
+         Do([&] { return AskProxy(proxy, target_.place, timeout_ms_, &socket_); });
 }
 
 bool Doctor::Reach() {
@@ -204,6 +203,8 @@ void Doctor::Conclude(double total_ms) {
   if (!failed_.empty()) {
     step.Fail(cause_, "reports do not arrive: the step " + failed_ + " failed (" + cause_ + ")",
               "");
+    step.reason = reason_;
+    step.Add("reason", HttpReasonName(reason_));
   } else {
     step.summary = command_.probe ? "reports arrive"
                                   : "no step failed; no report was sent, which --probe does";

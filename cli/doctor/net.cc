@@ -147,9 +147,9 @@ std::string Outcome(const Attempt& attempt) {
   return ErrnoText(attempt.error) + ms;
 }
 
-// The error that says most of several.
+// The error that says most of several. Where one address is silent, the client waits for it.
 int Telling(const std::vector<Attempt>& attempts) {
-  for (const int error : {ECONNRESET, ECONNREFUSED, ETIMEDOUT, EACCES, EPERM, EHOSTUNREACH}) {
+  for (const int error : {ETIMEDOUT, ECONNRESET, ECONNREFUSED, EACCES, EPERM, EHOSTUNREACH}) {
     for (const Attempt& attempt : attempts) {
       if (attempt.error == error) return error;
     }

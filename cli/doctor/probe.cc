@@ -46,6 +46,7 @@ struct Answer {
   // Guarded by `mutex`.
   bool done = false;
   HttpClient::State state = HttpClient::State::kFailed;
+  HttpReason reason = HttpReason::kOther;
   std::unique_ptr<HttpClient::Response> response;
 };
 
@@ -142,6 +143,7 @@ void JudgeAnswer(int status, const std::map<std::string, std::string>& headers,
                  ", not 200: the channel would "
                  "keep the report and try again",
              AdviceOn(status, is_tls));
+  step->reason = HttpReason::kHttpStatus;
 }
 
 Step Probe(const std::string& url, bool is_tls, const Connection& connection, uint32_t timeout_ms) {
@@ -155,22 +157,25 @@ Step Probe(const std::string& url, bool is_tls, const Connection& connection, ui
                                    static_cast<uint32_t>(sizeof(kProbeBody) - 1));
   request.timeout_ms = timeout_ms;
   const auto answer = std::make_shared<Answer>();
-  const auto on_done = [answer](HttpClient::State state, const HttpClient::Request&,
+  const auto on_done = [answer](HttpClient::State state, const HttpClient::Request& sent,
                                 std::unique_ptr<HttpClient::Response> response) {
     std::lock_guard<std::mutex> hold(answer->mutex);
     answer->done = true;
     answer->state = state;
+    answer->reason = sent.reason;
     answer->response = std::move(response);
     answer->arrived.notify_all();
   };
   if (client == nullptr || client->SendRequest(request, on_done) < 1) {
     FailUnanswered(HttpClient::State::kFailed, CaughtLog::Get()->line(), &step);
+    step.reason = HttpReason::kOther;
     return step;
   }
   std::unique_lock<std::mutex> hold(answer->mutex);
   answer->arrived.wait(hold, [&] { return answer->done; });
   if (answer->state != HttpClient::State::kCompleted || answer->response == nullptr) {
     FailUnanswered(answer->state, CaughtLog::Get()->line(), &step);
+    step.reason = answer->reason;
     return step;
   }
   const HttpClient::Response& response = *answer->response;

@@ -1,210 +1,131 @@
 #include "cli/doctor/socks5.h"
 
-#include <arpa/inet.h>
-#include <poll.h>
-#include <sys/socket.h>
+#include <curl/curl.h>
+#include <fcntl.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "cli/fatal.h"
 
 namespace quenor::cli {
 namespace {
 
-constexpr char kVersion = 5;
-constexpr char kAuthVersion = 1;
-constexpr uint8_t kNoAuth = 0;
-constexpr uint8_t kPassword = 2;
-constexpr uint8_t kNoneOfThem = 0xff;
-
-uint8_t ByteAt(const std::string& bytes, size_t at) { return static_cast<uint8_t>(bytes[at]); }
-
-void FailEnd(Wire::End end, const std::string& during, Step* step) {
-  if (end == Wire::End::kTimedOut) {
-    step->Fail("proxy_timeout", "the proxy did not answer in time " + during,
-               "check that this is a SOCKS5 proxy and that it can reach the server; a slow one "
-               "needs a larger --timeout");
-  } else {
-    step->Fail("proxy_closed", "the proxy closed the connection " + during,
-               "check that this is a SOCKS5 proxy and that it lets this machine in; its log says "
-               "more");
-  }
-}
-
-// True when the proxy has chosen one of the methods offered.
-bool Greet(Wire& wire, const Socks5Address& proxy, uint8_t* method, Step* step) {
-  const bool has_user = !proxy.user.empty();
-  std::string greeting = {kVersion, has_user ? '\2' : '\1', static_cast<char>(kNoAuth)};
-  if (has_user) greeting += static_cast<char>(kPassword);
-  std::string answer;
-  Wire::End end = wire.Write(greeting);
-  if (end == Wire::End::kNone) end = wire.Read(2, &answer);
-  if (!answer.empty() && answer[0] != kVersion) {
-    step->Fail("proxy_not_socks5", "what answers is no SOCKS5 proxy",
-               "give --socks5 the address of a SOCKS5 proxy; an HTTP or SOCKS4 proxy cannot be "
-               "used");
-    return false;
-  }
-  if (end != Wire::End::kNone) {
-    FailEnd(end, "after the greeting", step);
-    return false;
-  }
-  *method = ByteAt(answer, 1);
-  if (*method == kNoAuth || (*method == kPassword && has_user)) return true;
-  step->Fail("proxy_auth",
-             *method == kNoneOfThem && !has_user ? "the proxy does not let anyone in without user "
-                                                   "and password"
-             : *method == kNoneOfThem
-                 ? "the proxy takes neither user and password nor no "
-                   "authentication"
-                 : "the proxy wants authentication of kind " + std::to_string(*method),
-             has_user ? "only user and password can be given; let the proxy accept these"
-                      : "give --socks5 user:password@host:port");
-  return false;
-}
-
-bool Authenticate(Wire& wire, const Socks5Address& proxy, Step* step) {
-  std::string request = {kAuthVersion, static_cast<char>(proxy.user.size())};
-  request += proxy.user;
-  request += static_cast<char>(proxy.password.size());
-  request += proxy.password;
-  std::string answer;
-  Wire::End end = wire.Write(request);
-  if (end == Wire::End::kNone) end = wire.Read(2, &answer);
-  if (end == Wire::End::kTimedOut) {
-    FailEnd(end, "after user and password", step);
-    return false;
-  }
-  if (end == Wire::End::kNone && ByteAt(answer, 1) == 0) return true;
-  step->Fail("proxy_auth", "the proxy refused user \"" + proxy.user + "\" or the password",
-             "correct user and password of --socks5; special characters are percent-encoded");
-  return false;
-}
-
-std::string Request(const Place& target) {
-  std::string request = {kVersion, 1, 0};
-  char address[sizeof(in6_addr)];
-  if (::inet_pton(AF_INET, target.host.c_str(), address) == 1) {
-    request += '\1' + std::string(address, sizeof(in_addr));
-  } else if (::inet_pton(AF_INET6, target.host.c_str(), address) == 1) {
-    request += '\4' + std::string(address, sizeof(in6_addr));
-  } else {
-    request += '\3';
-    request += static_cast<char>(target.host.size());
-    request += target.host;
-  }
-  request += static_cast<char>(target.port >> 8);
-  request += static_cast<char>(target.port & 0xff);
-  return request;
-}
+constexpr char kLogSaysWhy[] = "the proxy's log says why";
 
 struct Reply {
+  long error;  // libcurl's word for it ...
+  int code;    // ... and the proxy's.
   const char* cause;
   const char* words;
   const char* advice;
 };
+constexpr Reply kReplies[] = {
+    {CURLPX_REPLY_GENERAL_SERVER_FAILURE, 1, "proxy_failure", "general failure", kLogSaysWhy},
+    {CURLPX_REPLY_NOT_ALLOWED, 2, "proxy_ruleset", "its rules do not allow it",
+     "let the proxy's rules allow this host and port, for this user"},
+    {CURLPX_REPLY_NETWORK_UNREACHABLE, 3, "proxy_network", "network unreachable",
+     "check the proxy machine's network"},
+    {CURLPX_REPLY_HOST_UNREACHABLE, 4, "proxy_host", "host unreachable",
+     "check that the proxy machine can resolve the server's name and reach it"},
+    {CURLPX_REPLY_CONNECTION_REFUSED, 5, "proxy_refused", "connection refused",
+     "check that the server runs, and listens on this port for the proxy's machine"},
+    {CURLPX_REPLY_TTL_EXPIRED, 6, "proxy_ttl", "TTL expired",
+     "check the proxy machine's network and routes"},
+    {CURLPX_REPLY_COMMAND_NOT_SUPPORTED, 7, "proxy_command", "it does not know how to connect",
+     "use a proxy that supports the CONNECT command of SOCKS5"},
+    {CURLPX_REPLY_ADDRESS_TYPE_NOT_SUPPORTED, 8, "proxy_address",
+     "it does not take this kind of address",
+     "use a proxy that resolves names (and takes IPv6 addresses, if the URL has one)"},
+    {CURLPX_REPLY_UNASSIGNED, 9, "proxy_failure", "a code that SOCKS5 does not know", kLogSaysWhy},
+};
 
-Reply ReplyOf(uint8_t code) {
-  switch (code) {
-    case 1:
-      return {"proxy_failure", "general failure", "the proxy's log says why"};
-    case 2:
-      return {"proxy_ruleset", "its rules do not allow it",
-              "let the proxy's rules allow this host and port, for this user"};
-    case 3:
-      return {"proxy_network", "network unreachable", "check the proxy machine's network"};
-    case 4:
-      return {"proxy_host", "host unreachable",
-              "check that the proxy machine can resolve the server's name and reach it"};
-    case 5:
-      return {"proxy_refused", "connection refused",
-              "check that the server runs, and listens on this port for the proxy's machine"};
-    case 6:
-      return {"proxy_ttl", "TTL expired", "check the proxy machine's network and routes"};
-    case 7:
-      return {"proxy_command", "it does not know how to connect",
-              "use a proxy that supports the CONNECT command of SOCKS5"};
-    case 8:
-      return {"proxy_address", "it does not take this kind of address",
-              "use a proxy that resolves names (and takes IPv6 addresses, if the URL has one)"};
-    default:
-      return {"proxy_failure", "a code that SOCKS5 does not know", "the proxy's log says why"};
+void FailAuthentication(const Socks5Address& proxy, bool is_refused, Step* step) {
+  if (proxy.user.empty()) {
+    step->Fail("proxy_auth", "the proxy does not let anyone in without user and password",
+               "give --socks5 user:password@host:port");
+  } else if (is_refused) {
+    step->Fail("proxy_auth", "the proxy refused user \"" + proxy.user + "\" or the password",
+               "correct user and password of --socks5; special characters are percent-encoded");
+  } else {
+    step->Fail("proxy_auth", "the proxy takes neither user and password nor no authentication",
+               "only user and password can be given; let the proxy accept these");
   }
 }
 
-// Takes the rest of a good reply from the wire: the address that the proxy connects from.
-Wire::End SkipAddress(Wire& wire, uint8_t kind) {
-  std::string bytes;
-  size_t size = kind == 1 ? 4 : 16;
-  if (kind == 3) {
-    const Wire::End end = wire.Read(1, &bytes);
-    if (end != Wire::End::kNone) return end;
-    size = ByteAt(bytes, 0);
-    bytes.clear();
-  }
-  return wire.Read(size + 2, &bytes);
-}
-
-void RequestConnection(Wire& wire, const Place& target, Step* step) {
-  std::string answer;
-  Wire::End end = wire.Write(Request(target));
-  if (end == Wire::End::kNone) end = wire.Read(4, &answer);
-  const uint8_t code = answer.size() >= 2 ? ByteAt(answer, 1) : 0;
-  if (code != 0) {
-    const Reply reply = ReplyOf(code);
-    step->Add("reply code", std::to_string(code));
+void FailProxy(const Socks5Address& proxy, const Place& target, long error, Step* step) {
+  for (const Reply& reply : kReplies) {
+    if (reply.error != error) continue;
+    step->Add("reply code", reply.code < 9 ? std::to_string(reply.code) : "9 or above");
     step->Fail(reply.cause, "the proxy cannot connect to " + target.Text() + ": " + reply.words,
                reply.advice);
     return;
   }
-  if (end == Wire::End::kNone) end = SkipAddress(wire, ByteAt(answer, 3));
-  if (end != Wire::End::kNone) {
-    FailEnd(end, "after the request to connect to " + target.Text(), step);
-    return;
+  switch (error) {
+    case CURLPX_BAD_VERSION:
+      step->Fail("proxy_not_socks5", "what answers is no SOCKS5 proxy",
+                 "give --socks5 the address of a SOCKS5 proxy; an HTTP or SOCKS4 proxy cannot be "
+                 "used");
+      return;
+    case CURLPX_USER_REJECTED:
+      return FailAuthentication(proxy, /*is_refused=*/true, step);
+    case CURLPX_NO_AUTH:
+    case CURLPX_GSSAPI:
+    case CURLPX_GSSAPI_PERMSG:
+    case CURLPX_UNKNOWN_MODE:
+      return FailAuthentication(proxy, /*is_refused=*/false, step);
+    default:
+      step->Fail("proxy_closed", "the proxy closed the connection before it had connected",
+                 "check that this is a SOCKS5 proxy and that it lets this machine in; its log says "
+                 "more");
   }
-  step->Add("reply code", "0, succeeded");
-  step->summary = "the proxy has connected to " + target.Text();
+}
+
+// As libcurl wants it: it decodes what looks percent-encoded.
+std::string Encoded(const std::string& text) {
+  std::string encoded;
+  for (const char c : text) encoded += c == '%' ? std::string("%25") : std::string(1, c);
+  return encoded;
 }
 
 }  // namespace
 
-Wire::End SocketWire::Write(const std::string& bytes) {
-  for (size_t sent = 0; sent < bytes.size();) {
-    const ssize_t taken = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-    if (taken > 0) {
-      sent += static_cast<size_t>(taken);
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      if (!Await(fd_, POLLOUT, deadline_)) return End::kTimedOut;
-    } else if (errno != EINTR) {
-      return End::kClosed;
-    }
-  }
-  return End::kNone;
-}
-
-Wire::End SocketWire::Read(size_t size, std::string* bytes) {
-  while (bytes->size() < size) {
-    char buffer[512];
-    const size_t wanted = std::min(sizeof(buffer), size - bytes->size());
-    const ssize_t step = ::recv(fd_, buffer, wanted, 0);
-    if (step > 0) {
-      bytes->append(buffer, static_cast<size_t>(step));
-    } else if (step < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-      if (!Await(fd_, POLLIN, deadline_)) return End::kTimedOut;
-    } else if (step == 0 || errno != EINTR) {
-      return End::kClosed;
-    }
-  }
-  return End::kNone;
-}
-
-Step AskProxy(Wire& wire, const Socks5Address& proxy, const Place& target) {
+Step AskProxy(const Socks5Address& proxy, const Place& target, uint32_t timeout_ms,
+              Socket* socket) {
   Step step("proxy");
-  uint8_t method = kNoAuth;
-  if (!Greet(wire, proxy, &method, &step)) return step;
-  step.Add("authentication", method == kPassword ? "user and password" : "none wanted");
-  if (method == kPassword && !Authenticate(wire, proxy, &step)) return step;
-  RequestConnection(wire, target, &step);
+  const std::unique_ptr<CURL, void (*)(CURL*)> easy(curl_easy_init(), &curl_easy_cleanup);
+  if (easy == nullptr) throw Fatal(kExitInternal, "libcurl has no memory");
+  CURL* const curl = easy.get();
+  // Without TLS, whose own step follows: it goes no further than the proxy's answer.
+  curl_easy_setopt(curl, CURLOPT_URL, ("http://" + target.Text()).c_str());
+  curl_easy_setopt(curl, CURLOPT_CONNECT_ONLY, 1L);
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout_ms));
+  curl_easy_setopt(curl, CURLOPT_PROXY,
+                   ("socks5h://" + Place{proxy.host, proxy.port}.Text()).c_str());
+  curl_easy_setopt(curl, CURLOPT_NOPROXY, "");
+  curl_easy_setopt(curl, CURLOPT_SOCKS5_AUTH, static_cast<long>(CURLAUTH_BASIC));
+  if (!proxy.user.empty()) {
+    curl_easy_setopt(curl, CURLOPT_PROXYUSERNAME, Encoded(proxy.user).c_str());
+    curl_easy_setopt(curl, CURLOPT_PROXYPASSWORD, Encoded(proxy.password).c_str());
+  }
+  const CURLcode code = curl_easy_perform(curl);
+  if (code == CURLE_OK) {
+    curl_socket_t fd = CURL_SOCKET_BAD;
+    curl_easy_getinfo(curl, CURLINFO_ACTIVESOCKET, &fd);
+    *socket = Socket(::fcntl(fd, F_DUPFD_CLOEXEC, 0));
+    if (socket->get() < 0) throw Fatal(kExitInternal, "no descriptor is left");
+    step.Add("reply code", "0, succeeded");
+    step.summary = "the proxy has connected to " + target.Text();
+  } else if (code == CURLE_OPERATION_TIMEDOUT) {
+    step.Fail("proxy_timeout", "the proxy did not answer in time",
+              "check that this is a SOCKS5 proxy and that it can reach the server; a slow one "
+              "needs a larger --timeout");
+  } else {
+    long error = CURLPX_OK;
+    curl_easy_getinfo(curl, CURLINFO_PROXY_ERROR, &error);
+    FailProxy(proxy, target, error, &step);
+  }
   return step;
 }
 

@@ -1,10 +1,9 @@
-// The SOCKS5 protocol (RFC 1928, 1929) as the HTTP client speaks it, for "quenor-report doctor".
-// Threads: one. Page: docs/guide/quenor-report.md.
+// The way through a SOCKS5 proxy, for "quenor-report doctor": by libcurl, as the HTTP client goes
+// it. Threads: one. Page: docs/guide/quenor-report.md.
 #ifndef CLI_DOCTOR_SOCKS5_H_
 #define CLI_DOCTOR_SOCKS5_H_
 
-#include <cstddef>
-#include <string>
+#include <cstdint>
 
 #include "cli/doctor/net.h"
 #include "cli/doctor/step.h"
@@ -12,33 +11,9 @@
 
 namespace quenor::cli {
 
-// A connection's bytes, in order.
-class Wire {
- public:
-  enum class End { kNone, kTimedOut, kClosed };
-
-  virtual ~Wire() = default;
-  // Writes all of `bytes`, or says why that was not possible.
-  virtual End Write(const std::string& bytes) = 0;
-  // Reads exactly `size` bytes; on failure `bytes` holds those that came.
-  virtual End Read(size_t size, std::string* bytes) = 0;
-};
-
-class SocketWire : public Wire {
- public:
-  // Borrows `fd`, which does not block, and has `timeout_ms` for all.
-  SocketWire(int fd, uint32_t timeout_ms) : fd_(fd), deadline_(timeout_ms) {}
-  End Write(const std::string& bytes) override;
-  End Read(size_t size, std::string* bytes) override;
-
- private:
-  const int fd_;
-  const Deadline deadline_;
-};
-
-// The step "proxy": greeting, authentication and the request to connect to `target`. When it has
-// not failed, the wire leads there.
-Step AskProxy(Wire& wire, const Socks5Address& proxy, const Place& target);
+// The step "proxy": a new connection to the proxy, greeting, authentication and the request to
+// connect to `target`. When it has not failed, `socket`, which does not block, leads there.
+Step AskProxy(const Socks5Address& proxy, const Place& target, uint32_t timeout_ms, Socket* socket);
 
 }  // namespace quenor::cli
 

@@ -51,6 +51,30 @@ std::string Milliseconds(double duration_ms) {
   return text;
 }
 
+struct Meaning {
+  const char* cause;
+  HttpReason reason;
+};
+constexpr Meaning kMeanings[] = {
+    {"name_unknown", HttpReason::kNameNotFound}, {"resolver_failed", HttpReason::kNameNotFound},
+    {"refused", HttpReason::kRefused},           {"proxy_auth", HttpReason::kProxyCredentials},
+    {"expired", HttpReason::kTlsExpired},        {"not_yet_valid", HttpReason::kTlsExpired},
+    {"wrong_host", HttpReason::kTlsWrongHost},   {"wrong_ca", HttpReason::kTlsUntrusted},
+    {"self_signed", HttpReason::kTlsUntrusted},  {"pin_mismatch", HttpReason::kTlsPin},
+};
+
+// What the HTTP client says of the same fault; each step has a word for all that has none.
+HttpReason ReasonOf(const std::string& step, const std::string& cause) {
+  const bool is_silence = cause.size() >= 7 && cause.compare(cause.size() - 7, 7, "timeout") == 0;
+  if (is_silence) return HttpReason::kConnectTimeout;
+  if (step == "proxy-resolve" || step == "proxy-connect") return HttpReason::kProxyUnreachable;
+  for (const Meaning& meaning : kMeanings) {
+    if (cause == meaning.cause) return meaning.reason;
+  }
+  if (step == "connect") return HttpReason::kUnreachable;
+  return step == "proxy" ? HttpReason::kProxyRefused : HttpReason::kTlsOther;
+}
+
 }  // namespace
 
 void Step::Fail(const std::string& cause_in, const std::string& summary_in,
@@ -59,6 +83,7 @@ void Step::Fail(const std::string& cause_in, const std::string& summary_in,
   cause = cause_in;
   summary = summary_in;
   advice = advice_in;
+  reason = ReasonOf(name, cause);
 }
 
 void Step::Warn(const std::string& cause_in, const std::string& advice_in) {
@@ -91,7 +116,8 @@ std::string AsJson(const Step& step) {
   return "{\"step\":" + JsonString(step.name) + ",\"result\":\"" + result +
          "\",\"ms\":" + Milliseconds(step.duration_ms) +
          ",\"summary\":" + JsonString(step.summary) + ",\"details\":[" + details +
-         "],\"cause\":" + JsonString(step.cause) + ",\"advice\":" + JsonString(step.advice) + "}\n";
+         "],\"cause\":" + JsonString(step.cause) + ",\"advice\":" + JsonString(step.advice) +
+         ",\"reason\":\"" + HttpReasonName(step.reason) + "\"}\n";
 }
 
 }  // namespace quenor::cli

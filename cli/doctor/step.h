@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "quenor_base/platform/http_reason.h"
+
 namespace quenor::cli {
 
 struct Step {
@@ -21,7 +23,8 @@ struct Step {
   explicit Step(std::string name_in, std::string summary_in = "")
       : name(std::move(name_in)), summary(std::move(summary_in)) {}
 
-  // Ends it as failed. `cause_in` is one of the words on the page, for scripts.
+  // Ends it as failed. `cause_in` is one of the words on the page, for scripts; `reason` follows
+  // from it.
   void Fail(const std::string& cause_in, const std::string& summary_in,
             const std::string& advice_in);
 
@@ -40,12 +43,15 @@ struct Step {
   std::vector<Detail> details;
   std::string cause;   // Of a failure or a warning.
   std::string advice;  // Likewise: what to do.
+  // Of a failure: what the HTTP client says of the same fault.
+  HttpReason reason = HttpReason::kNone;
 };
 
 // Lines, each ended: the step's own, then its details and the advice, indented.
 std::string AsText(const Step& step);
 
-// One ended line: an object with "step", "result", "ms", "summary", "details", "cause", "advice".
+// One ended line: an object with "step", "result", "ms", "summary", "details", "cause", "advice",
+// "reason".
 std::string AsJson(const Step& step);
 
 }  // namespace quenor::cli

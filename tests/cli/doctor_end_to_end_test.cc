@@ -469,7 +469,8 @@ TEST_F(DoctorTest, AKeyOfAnotherCertificateIsNamedBeforeAnythingIsTried) {
       collector.url(), {"--client-cert", client.certificate_file, "--client-key", good_.key_file});
 
   EXPECT_EQ(64, result.exit_code) << result.out;
-  EXPECT_TRUE(Mentions(result.err, "the key in '" + good_.key_file + "' is not that of"))
+  EXPECT_TRUE(
+      Mentions(result.err, "the key in --client-key '" + good_.key_file + "' is not that of"))
       << result.err;
 }
 
@@ -610,7 +611,6 @@ TEST_F(DoctorProxyTest, GoesThroughItAndLetsItResolveTheName) {
   EXPECT_TRUE(Mentions(result.out, "resolve        skipped")) << result.out;
   EXPECT_TRUE(Mentions(result.out, "the proxy resolves \"localhost\"")) << result.out;
   EXPECT_TRUE(Mentions(result.out, "proxy-connect  ok")) << result.out;
-  EXPECT_TRUE(Mentions(result.out, "authentication: user and password")) << result.out;
   EXPECT_TRUE(Mentions(result.out, "reply code: 0, succeeded")) << result.out;
   EXPECT_FALSE(Mentions(result.out, "p@ss")) << result.out;
   EXPECT_EQ(1u, reports.load());
@@ -655,7 +655,7 @@ TEST_F(DoctorProxyTest, NamesAProxyThatIsSilent) {
   more.insert(more.end(), {"--timeout", "0.1"});
 
   ExpectFailed(ExamineTrusting(collector_.url(), more), "proxy", "proxy_timeout",
-               "after the greeting");
+               "did not answer in time");
 }
 
 TEST_F(DoctorProxyTest, SaysTheProxysOwnWordsForAServerThatRefuses) {

@@ -45,7 +45,7 @@ TEST(DoctorStepTest, JsonIsOneLineWithEveryField) {
   EXPECT_EQ(
       "{\"step\":\"connect\",\"result\":\"failed\",\"ms\":0.3,\"summary\":\"cannot\","
       "\"details\":[{\"name\":\"a\",\"value\":\"1\"},{\"name\":\"b\",\"value\":\"2\"}],"
-      "\"cause\":\"refused\",\"advice\":\"start it\"}\n",
+      "\"cause\":\"refused\",\"advice\":\"start it\",\"reason\":\"refused\"}\n",
       AsJson(step));
 }
 

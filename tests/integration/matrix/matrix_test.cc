@@ -16,12 +16,6 @@
 namespace quenor::test {
 namespace {
 
-// QUENOR_MATRIX_ROW: only the rows whose names contain it.
-bool IsWanted(const Row& row) {
-  const char* const part = std::getenv("QUENOR_MATRIX_ROW");
-  return part == nullptr || row.name.find(part) != std::string::npos;
-}
-
 bool IsFull() {
   const char* const full = std::getenv("QUENOR_NETWORK_FULL");
   return full != nullptr && *full == '1';
@@ -38,24 +32,6 @@ size_t TrimmedKib() {
 
 // Has large blocks come from the kernel and go back there, so that holes between them do not count.
 void KeepLargeBlocksApart() { mallopt(M_MMAP_THRESHOLD, 256 << 10); }
-
-// One cell of the matrix.
-struct Cell {
-  Row row;
-  Protocol protocol;
-};
-
-std::vector<Cell> CellsOf(const Rows& rows, bool has_peer) {
-  std::vector<Cell> cells;
-  for (const Row& row : rows) {
-    if (!IsWanted(row)) continue;
-    if (row.http1 || (has_peer && row.peer_also_http1)) cells.push_back({row, Protocol::kHttp1});
-    if (has_peer && !row.peer.empty()) cells.push_back({row, Protocol::kHttp2});
-  }
-  return cells;
-}
-
-const char* Name(Protocol protocol) { return protocol == Protocol::kHttp1 ? "1.1" : "2  "; }
 
 std::string Text(const Expected& expected) {
   switch (expected.what) {

@@ -64,68 +64,11 @@ size_t ResidentKib() {
   return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE)) / 1024;
 }
 
-// The misbehaving server of one row, of either kind.
-class RowRunner::Server {
- public:
-  Server(const Row& row, Protocol protocol, const std::map<Row::Kind, Certificate>& certificates,
-         PeerProcess* peer)
-      : row_(row), good_(certificates.at(Row::kGood)) {
-    const Certificate& certificate = certificates.at(row.certificate);
-    if (protocol == Protocol::kHttp1 && row.http1) {
-      scripted_ = std::make_unique<ScriptedServer>(
-          [this](ScriptedServer::Connection& connection) { Serve(connection); }, &certificate);
-      port_ = scripted_->port();
-    } else {
-      peer_ = peer;
-      port_ = peer->Arm(row.peer, certificate);
-    }
-  }
-  ~Server() {
-    if (peer_ != nullptr) peer_->Disarm();
-  }
-
-  std::string Url() const { return "https://127.0.0.1:" + std::to_string(port_) + "/reports"; }
-  void Behave() {
-    behaves_ = true;
-    if (peer_ != nullptr) peer_->Behave(good_);
-  }
-
- private:
-  void Serve(ScriptedServer::Connection& connection) {
-    if (row_.at_once && !behaves_) {
-      row_.http1(connection);
-      return;
-    }
-    ReceivedRequest request;
-    while (connection.ReadRequest(&request)) {
-      if (behaves_) {
-        connection.Respond(200, "{}", {{"Connection", "close"}});
-        return;
-      }
-      if (!row_.http1(connection)) return;
-    }
-  }
-
-  const Row& row_;
-  const Certificate& good_;
-  std::atomic<bool> behaves_{false};
-  PeerProcess* peer_ = nullptr;
-  uint16_t port_ = 0;
-  std::unique_ptr<ScriptedServer> scripted_;  // Last: its threads use what is above.
-};
-
-RowRunner::RowRunner(PeerProcess* peer)
-    : peer_(peer), authority_(folder_.path(), "ca"), unknown_authority_(folder_.path(), "other") {
-  constexpr char kNames[] = "DNS:localhost,IP:127.0.0.1";
-  certificates_[Row::kGood] = authority_.Issue("good", kNames);
-  certificates_[Row::kExpired] = authority_.Issue("expired", kNames, -7000, -3600);
-  certificates_[Row::kNotYetValid] = authority_.Issue("not-yet", kNames, 3600, 7000);
-  certificates_[Row::kOtherHost] = authority_.Issue("other-host", "DNS:example.com,IP:127.0.0.2");
-  certificates_[Row::kOtherAuthority] = unknown_authority_.Issue("unknown", kNames);
+RowRunner::RowRunner(PeerProcess* peer) : peer_(peer) {
   config::ConfigCenterImpl::GetInstance()->SetHostOverride(config::BaseCfg().cache_option,
                                                            uint64_t{2});
-  EXPECT_TRUE(
-      base::PathService::Override(base::DIR_RELIABLE_REPORT, base::FilePath(folder_.path())));
+  EXPECT_TRUE(base::PathService::Override(base::DIR_RELIABLE_REPORT,
+                                          base::FilePath(certificates_.folder())));
   GetSocks5ProxyConfigHolder()->SetConfig({});
   if (std::getenv("QUENOR_MATRIX_ROW") == nullptr) SetLogSink(&IgnoreLine, nullptr);
 }
@@ -137,7 +80,7 @@ RowRunner::~RowRunner() {
 
 void RowRunner::SetLimits(const Row& row) {
   HttpDefaults defaults;
-  defaults.ca_file = authority_.ca_file();
+  defaults.ca_file = certificates_.ca_file();
   const uint32_t short_ms = row.is_big ? 4 * kShortMs : kShortMs;
   defaults.connect_timeout_ms = defaults.total_timeout_ms = row.is_slow ? short_ms : kAmpleMs;
   if (row.low_speed) {
@@ -243,7 +186,7 @@ std::string RowRunner::Run(const Row& row, Protocol protocol, int failures) {
   watch_->Clear();
   std::string seen;
   {
-    Server server(row, protocol, certificates_, peer_);
+    RowServer server(row, protocol, certificates_, peer_);
     auto channel = std::make_shared<ReliableReportChannelHttps>(
         "matrix-" + std::to_string(lost_), server.Url(), 0, /*http2*/ protocol == Protocol::kHttp2,
         false);

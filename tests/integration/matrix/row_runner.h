@@ -5,18 +5,15 @@
 
 #include <atomic>
 #include <cstddef>
-#include <map>
 #include <memory>
 #include <string>
 
 #include "quenor_base/data_report/https/reliable_report_channel_https.h"
 #include "tests/integration/matrix/client_watch.h"
 #include "tests/integration/matrix/peer_process.h"
-#include "tests/integration/matrix/row.h"
-#include "tests/support/certificates.h"
+#include "tests/integration/matrix/row_server.h"
 #include "tests/support/fakes/recording_report_events.h"
 #include "tests/support/fakes/virtual_time.h"
-#include "tests/support/temp_folder.h"
 
 namespace quenor::test {
 
@@ -45,8 +42,6 @@ class RowRunner {
   size_t lost() const { return lost_; }
 
  private:
-  class Server;
-
   void SetLimits(const Row& row);
   // One exchange that has been sent as the `number`-th ends; its task has run.
   Ending NextEnding(size_t number);
@@ -61,10 +56,7 @@ class RowRunner {
   size_t InCache() const;
 
   PeerProcess* const peer_;
-  TempFolder folder_;
-  CertificateAuthority authority_;
-  CertificateAuthority unknown_authority_;
-  std::map<Row::Kind, Certificate> certificates_;
+  const RowCertificates certificates_;
   VirtualTime clock_;
   RecordingReportEvents events_;
   ClientWatch* const watch_ = ClientWatch::Get();
