@@ -20,6 +20,7 @@ enum ExitCode : int {
   kExitInternal = 70,     // No memory or no thread.
   kExitIo = 74,           // The system refused to read or write; no standard output.
   kExitTempFail = 75,     // At least one message is left undelivered; the cache file is in use.
+  kExitNotTrusted = 77,   // All are left, because of a certificate or of proxy credentials.
 };
 
 class Fatal : public std::runtime_error {

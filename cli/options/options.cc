@@ -46,7 +46,8 @@ left that is in the cache file for the next one:
 
 Exit codes: 0 all delivered, 64 wrong usage, 65 unreadable input, 69 something was dropped,
 70 no memory or thread, 74 standard output cannot be written to, 75 something is left, kept on disk
-or not. The guide is docs/guide/quenor-report.md.)";
+or not, 77 as 75, but nothing was delivered, each time because of the server's certificate or the
+proxy's credentials. The guide is docs/guide/quenor-report.md.)";
 
 constexpr char kCacheFooter[] = R"(Examples:
   quenor-report cache list ~/.local/state/quenor/quenor_report/quenor-report.mmap

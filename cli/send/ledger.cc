@@ -7,7 +7,7 @@
 #include "cli/send/deflate.h"
 #include "cli/text.h"
 #include "quenor_base/platform/base/monotonic_time.h"
-#include "quenor_base/platform/http_client.h"
+#include "quenor_base/platform/http_reason.h"
 
 namespace quenor::cli {
 namespace {
@@ -19,20 +19,60 @@ std::string_view BytesOf(const ReportEvent& event) {
   return {reinterpret_cast<const char*>(event.data), event.size};
 }
 
+const char* WordsFor(HttpReason reason) {
+  switch (reason) {
+    case HttpReason::kNameNotFound:
+      return "the server's name was not found";
+    case HttpReason::kRefused:
+      return "the server's machine refused the connection";
+    case HttpReason::kUnreachable:
+      return "the server could not be reached";
+    case HttpReason::kConnectTimeout:
+    case HttpReason::kTotalTimeout:
+    case HttpReason::kTooSlow:
+      return "the server did not answer in time";
+    case HttpReason::kTlsExpired:
+      return "the server's certificate was not valid at this time";
+    case HttpReason::kTlsWrongHost:
+      return "the server's certificate was for another name";
+    case HttpReason::kTlsUntrusted:
+      return "the server's certificate led to no trusted CA";
+    case HttpReason::kTlsPin:
+      return "the server's key was none of those pinned";
+    case HttpReason::kTlsOther:
+      return "TLS with the server failed";
+    case HttpReason::kProxyUnreachable:
+      return "the proxy could not be reached";
+    case HttpReason::kProxyCredentials:
+      return "the proxy refused user and password";
+    case HttpReason::kProxyRefused:
+      return "the proxy did not connect to the server";
+    case HttpReason::kProtocol:
+      return "the server broke off, or answered with no HTTP";
+    case HttpReason::kTooLarge:
+      return "the server's answer was too large";
+    case HttpReason::kCancelled:
+      return "the request was cancelled";
+    default:
+      return "the request failed";
+  }
+}
+
 std::string FailureText(const ReportEvent& event) {
   if (event.cause == ReportEventCause::kStatus) {
     return "the server answered with HTTP status " + std::to_string(event.status_code);
   }
-  switch (static_cast<HttpClient::State>(event.http_state)) {
-    case HttpClient::State::kTimedOut:
-      return "the server did not answer in time";
-    case HttpClient::State::kTooLarge:
-      return "the server's answer was too large";
-    case HttpClient::State::kCancelled:
-      return "the request was cancelled";
-    default:
-      return "the server could not be reached, not be verified, or broke off";
+  return std::string(WordsFor(event.http_reason)) + " (" + HttpReasonName(event.http_reason) + ")";
+}
+
+HttpReason OnlyReasonOf(const BooksEntry& books) {
+  HttpReason only = HttpReason::kNone;
+  for (size_t i = 0; i < books.failed_by_reason.size(); ++i) {
+    if (books.failed_by_reason[i] == 0) continue;
+    if (only != HttpReason::kNone) return HttpReason::kNone;
+    only = static_cast<HttpReason>(i);
   }
+  return only;
 }
 
 std::string DropReason(const ReportEvent& event, const std::string& last_failure) {
@@ -373,6 +413,7 @@ Counts Ledger::GetCounts() const {
   counts.in_flight = books.in_flight;
   counts.retries =
       counts.failed_attempts - books.dropped[static_cast<size_t>(ReportEventCause::kResendLimit)];
+  counts.only_reason = OnlyReasonOf(books);
   return counts;
 }
 

@@ -32,6 +32,8 @@ struct Counts {
   uint64_t kept = 0;       // Of `left`, once the channel has ended: safe in the cache.
   uint64_t in_flight = 0;  // Of `left`: at the HTTP client.
   uint64_t retries = 0;    // Failed attempts that are, or were, followed by another.
+  // Of all failed attempts; kNone when there are none, or several reasons.
+  HttpReason only_reason = HttpReason::kNone;
 };
 
 class Ledger : public ReportEventListener {

@@ -3,6 +3,24 @@
 #include "cli/text.h"
 
 namespace quenor::cli {
+namespace {
+
+// To try again is in vain until somebody changes an option, the server's certificate or the clock.
+// A name that is not found is none of these: a machine without a network knows no names.
+bool IsOfTrust(HttpReason reason) {
+  switch (reason) {
+    case HttpReason::kTlsExpired:
+    case HttpReason::kTlsWrongHost:
+    case HttpReason::kTlsUntrusted:
+    case HttpReason::kTlsPin:
+    case HttpReason::kProxyCredentials:
+      return true;
+    default:
+      return false;
+  }
+}
+
+}  // namespace
 
 std::string ClosingLine(const Counts& counts) {
   return "handed_over=" + std::to_string(counts.handed_over) +
@@ -15,8 +33,8 @@ std::string ClosingLine(const Counts& counts) {
 ExitCode ExitCodeFor(const Counts& counts, bool input_failed) {
   if (counts.dropped > 0) return kExitUnavailable;
   if (input_failed) return kExitUnreadable;
-  if (counts.left > 0) return kExitTempFail;
-  return kExitOk;
+  if (counts.left == 0) return kExitOk;
+  return counts.delivered == 0 && IsOfTrust(counts.only_reason) ? kExitNotTrusted : kExitTempFail;
 }
 
 std::string LeftLine(uint64_t count, const std::vector<std::string>& names,

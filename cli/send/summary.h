@@ -15,7 +15,8 @@ namespace quenor::cli {
 // end.
 std::string ClosingLine(const Counts& counts);
 
-// What was dropped outweighs an unreadable input, which outweighs what is left.
+// What was dropped outweighs an unreadable input, which outweighs what is left. Where nothing was
+// delivered for one reason that only a person can mend, that is told apart.
 ExitCode ExitCodeFor(const Counts& counts, bool input_failed);
 
 // One line about `count` messages that are left, the oldest of which are named. They are kept in

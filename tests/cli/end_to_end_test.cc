@@ -254,7 +254,8 @@ TEST_F(ReportTest, WhenTheServerIsDownEverythingIsLeftAndNamed) {
   EXPECT_EQ(0, Field(result.out, "delivered"));
   EXPECT_TRUE(Mentions(result.err,
                        "3 messages left undelivered (line 1, line 2, line 3) and not kept on "
-                       "disk; at the last failed send the server could not be reached"))
+                       "disk; at the last failed send the server's machine refused the "
+                       "connection (refused)"))
       << result.err;
 }
 
@@ -292,7 +293,8 @@ TEST_F(ReportTest, SendsNothingToAServerThatItCannotVerify) {
                                   "2", "--cache-dir", certificates_.Path("state")},
                                  "secret\n");
 
-  EXPECT_EQ(75, result.exit_code);
+  EXPECT_EQ(77, result.exit_code);
+  EXPECT_TRUE(Mentions(result.err, "led to no trusted CA (tls_untrusted)")) << result.err;
   EXPECT_EQ(1, Field(result.out, "left"));
   EXPECT_TRUE(collector.Stop().empty());
   EXPECT_EQ(0u, collector.requests());

@@ -418,27 +418,26 @@ TEST_F(LedgerTest, WakesWhenTheServerBeginsToFailAndWhenItRecovers) {
   EXPECT_FALSE(ledger_.IsFailing());
 }
 
-TEST_F(LedgerTest, NamesHowATransportFailed) {
-  const struct {
-    HttpClient::State state;
-    const char* text;
-  } cases[] = {
-      {HttpClient::State::kFailed,
-       "the server could not be reached, not be verified, or broke off"},
-      {HttpClient::State::kCancelled, "the request was cancelled"},
-      {HttpClient::State::kTimedOut, "the server did not answer in time"},
-      {HttpClient::State::kTooLarge, "the server's answer was too large"},
-  };
-  for (const auto& test : cases) {
-    HandOver("line", "a");
+TEST_F(LedgerTest, NamesHowATransportFailedAndWhetherItWasAlwaysSo) {
+  HandOver("line", "a");
+  const auto fail = [this](HttpReason reason) {
     ReportEvent event{ReportEventKind::kFailed, ReportEventCause::kTransport, channel_name_,
                       TagOf(ReportEventKind::kFailed, "a")};
-    event.data = reinterpret_cast<const uint8_t*>("a");
-    event.size = 1;
-    event.http_state = static_cast<int32_t>(test.state);
+    event.http_reason = reason;
     ledger_.OnReportEvent(event);
+  };
+  EXPECT_EQ(HttpReason::kNone, ledger_.GetCounts().only_reason);
 
-    EXPECT_EQ(test.text, ledger_.LastFailure());
+  for (int32_t i = 1; i < kHttpReasons; ++i) {
+    const auto reason = static_cast<HttpReason>(i);
+    fail(reason);
+    fail(reason);
+
+    const std::string name = std::string(" (") + HttpReasonName(reason) + ")";
+    const std::string text = ledger_.LastFailure();
+    EXPECT_GT(text.size(), name.size());
+    EXPECT_NE(text.npos, text.find(name)) << text;
+    EXPECT_EQ(i == 1 ? reason : HttpReason::kNone, ledger_.GetCounts().only_reason) << text;
   }
 }
 

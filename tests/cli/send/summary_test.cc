@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 namespace quenor::cli {
 namespace {
 
@@ -37,6 +39,27 @@ TEST(ExitCodeTest, DroppedOutweighsUnreadableOutweighsLeft) {
   counts.dropped = 0;
   EXPECT_EQ(65, ExitCodeFor(counts, true));
   EXPECT_EQ(75, ExitCodeFor(counts, false));
+}
+
+TEST(ExitCodeTest, TellsWhatOnlyAPersonCanMendFromWhatMayPass) {
+  Counts counts;
+  counts.left = 1;
+  for (const auto& [reason, code] : {std::pair(HttpReason::kTlsUntrusted, 77),
+                                     {HttpReason::kTlsExpired, 77},
+                                     {HttpReason::kProxyCredentials, 77},
+                                     {HttpReason::kTlsOther, 75},
+                                     {HttpReason::kNameNotFound, 75},
+                                     {HttpReason::kNone, 75}}) {
+    counts.only_reason = reason;
+    EXPECT_EQ(code, ExitCodeFor(counts, false)) << HttpReasonName(reason);
+  }
+
+  counts.only_reason = HttpReason::kTlsPin;
+  counts.delivered = 1;
+  EXPECT_EQ(75, ExitCodeFor(counts, false));
+  counts.delivered = 0;
+  counts.dropped = 1;
+  EXPECT_EQ(69, ExitCodeFor(counts, false));
 }
 
 TEST(LeftLineTest, NamesWhatIsNotKeptAndHowManyMore) {
