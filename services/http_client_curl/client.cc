@@ -2,6 +2,7 @@
 // client's own thread judges and prepares a request; the engine's I/O thread does the rest.
 // See docs/design/http-client.md.
 #include <atomic>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <utility>
@@ -222,6 +223,10 @@ std::shared_ptr<const HttpSet> MakeSet(const HttpSettings& settings, std::string
   auto set = std::make_shared<HttpSet>();
   *problem = http_settings_check::Problem(settings, {&http_tls::IsPair, &http_tls::Decrypt},
                                           &set->identity);
+  if (problem->empty() && settings.proxy_from_environment && settings.proxy.url.empty()) {
+    const auto lookup = [](const char* name) -> const char* { return std::getenv(name); };
+    *problem = http_proxy::ReadEnvironment(lookup, &set->environment);
+  }
   if (!problem->empty()) return nullptr;
   set->settings = http_settings_check::InForce(settings);
   for (const std::string& pin : settings.pinned_public_keys) {

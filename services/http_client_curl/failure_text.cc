@@ -192,7 +192,9 @@ HttpReason ReasonOf(const HttpFailure& failure) {
   if (failure.limit != HttpLimit::kNone) return ReasonOfLimit(failure.limit);
   const bool refused_connect = failure.connect_status != 0 && failure.connect_status / 100 != 2;
   if (!refused_connect) return ReasonOfCode(failure);
-  return failure.connect_status == 407 ? HttpReason::kProxyCredentials : HttpReason::kProxyRefused;
+  // Some answer wrong credentials as a server would: 401.
+  const bool wants_login = failure.connect_status == 407 || failure.connect_status == 401;
+  return wants_login ? HttpReason::kProxyCredentials : HttpReason::kProxyRefused;
 }
 
 const char* FailureAdvice(const HttpFailure& failure) {

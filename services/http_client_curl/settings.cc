@@ -13,13 +13,6 @@ int64_t NextSerial() {
   return last.fetch_add(1, std::memory_order_relaxed) + 1;  // relaxed: only uniqueness matters.
 }
 
-std::string Joined(const std::vector<std::string>& texts, char between) {
-  std::string joined;
-  for (const std::string& text : texts)
-    joined += (joined.empty() ? "" : std::string(1, between)) + text;
-  return joined;
-}
-
 }  // namespace
 
 HttpSets& HttpSets::Get() {
@@ -69,8 +62,9 @@ std::shared_ptr<const ClientSettings> ClientSettings::Make(const HttpClient::Con
     made->proxy.user = config.socks5_user;
     made->proxy.password = config.socks5_password;
   } else {
-    made->proxy = set->settings.proxy;
-    made->proxy_exceptions = Joined(made->proxy.except, ',');
+    const HttpProxy& given = set->settings.proxy;
+    made->proxy = given.url.empty() ? set->environment.For(is_encrypted) : given;
+    made->proxy_exceptions = http_proxy::Exceptions(made->proxy);
   }
   made->http2 = config.enable_http2 && HasHttp2();
   made->is_encrypted = is_encrypted;

@@ -16,6 +16,7 @@
 #include "quenor_base/platform/base/thread_annotations.h"
 #include "quenor_base/platform/http_client.h"
 #include "services/http_client_curl/rules/lines.h"
+#include "services/http_client_curl/rules/proxy.h"
 #include "services/http_client_curl/rules/settings_check.h"
 
 QUENOR_NAMESPACE_BEGIN
@@ -25,12 +26,13 @@ QUENOR_NAMESPACE_BEGIN
 struct HttpSet {
   HttpSettings settings;  // In force: no value stands for another.
   ClientIdentity identity;
-  std::string pins;  // As CURLOPT_PINNEDPUBLICKEY wants them.
+  http_proxy::OfEnvironment environment;  // Where the host has asked for its proxies.
+  std::string pins;                       // As CURLOPT_PINNEDPUBLICKEY wants them.
 
   // As far as is known before a connection is made.
   bool operator==(const HttpSet& other) const {
-    return settings == other.settings && identity.certificate == other.identity.certificate &&
-           identity.key == other.identity.key;
+    return settings == other.settings && environment == other.environment &&
+           identity.certificate == other.identity.certificate && identity.key == other.identity.key;
   }
 };
 

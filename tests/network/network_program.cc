@@ -278,7 +278,7 @@ std::string Exchange(HttpClient* client, const std::string& url, const std::stri
                                            "too_large"};
         promise.set_value(std::string("state=") + kStates[static_cast<int>(state)] + " status=" +
                           std::to_string(response == nullptr ? 0 : response->status_code) +
-                          " reason=" + std::to_string(static_cast<int>(ended.reason)));
+                          " reason=" + HttpReasonName(ended.reason));
       });
   return id < 1 ? "state=not_sent" : result.get();
 }

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "services/http_client_curl/rules/proxy.h"
 #include "services/http_client_curl/rules/syntax.h"
 
 QUENOR_NAMESPACE_BEGIN
@@ -245,6 +246,10 @@ std::string Problem(const HttpSettings& settings, const KeyCalls& keys, ClientId
   std::string problem =
       CertificateProblem({"ca_file", settings.ca_file, "ca_pem", settings.ca_pem}, &authorities);
   if (problem.empty()) problem = FolderProblem(settings.ca_folder);
+  if (problem.empty()) problem = http_proxy::Problem(settings.proxy);
+  if (problem.empty()) {
+    problem = CertificateProblem({"proxy.ca_file", settings.proxy.ca_file, "", ""}, &authorities);
+  }
   for (const std::string& pin : settings.pinned_public_keys) {
     if (problem.empty()) problem = PinProblem(pin);
   }

@@ -30,7 +30,7 @@ struct KeyCalls {
 
 // Empty when these can be used, else one line that names the field that cannot and says what to do.
 // Reads the files that they name, and takes the client's certificate and key out of them, once and
-// together; `identity` is undefined when there is a problem. Of the proxy nothing is judged here.
+// together; `identity` is undefined when there is a problem.
 std::string Problem(const HttpSettings& settings, const KeyCalls& keys, ClientIdentity* identity);
 
 }  // namespace http_settings_check

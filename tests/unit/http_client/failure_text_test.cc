@@ -85,6 +85,8 @@ TEST(FailureReasonTest, FollowsFromTheFirstThatEndedIt) {
        {kFailed, CURLE_PROXY, kNone, 0, "", kSocks, false, 0, CURLPX_REPLY_NOT_ALLOWED}},
       {Reason::kProxyCredentials,
        {kFailed, CURLE_RECV_ERROR, kNone, 0, "", "http://p:1", false, 0, 0, 407}},
+      {Reason::kProxyCredentials,
+       {kFailed, CURLE_RECV_ERROR, kNone, 0, "", "http://p:1", false, 0, 0, 401}},
       {Reason::kProxyRefused,
        {kFailed, CURLE_RECV_ERROR, kNone, 0, "", "http://p:1", false, 0, 0, 403}},
       {Reason::kProxyRefused, {kFailed, CURLE_RECV_ERROR, kNone, 0, "", "http://p:1"}},
