@@ -14,7 +14,6 @@
 #include "fuzzers/address_text.h"
 #include "fuzzers/fuzz_support.h"
 #include "services/http_client_curl/address.h"
-#include "services/http_client_curl/names/urls.h"
 
 namespace quenor::fuzz {
 namespace {

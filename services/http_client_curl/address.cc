@@ -4,10 +4,11 @@
 #include <curl/curl.h>
 #include <netinet/in.h>
 
+#include <algorithm>
+#include <cstring>
 #include <memory>
 
-#include "services/http_client_curl/names/hosts.h"
-#include "services/http_client_curl/names/urls.h"
+#include "services/http_client_curl/rules/hosts.h"
 #include "services/http_client_curl/rules/syntax.h"
 
 QUENOR_NAMESPACE_BEGIN
@@ -21,16 +22,20 @@ using ParsedUrl = std::unique_ptr<CURLU, void (*)(CURLU*)>;
 // Null when memory is short.
 ParsedUrl NewUrl() { return ParsedUrl(curl_url(), &curl_url_cleanup); }
 
-// With its host in ASCII, if it has a name there. Null: libcurl cannot read it.
-ParsedUrl Parse(const std::string& url) {
-  std::string ascii;
-  (void)AsciiUrl(url, &ascii);
+// Null: libcurl cannot read it.
+ParsedUrl ParseAsItIs(const std::string& url) {
   ParsedUrl parsed = NewUrl();
-  const char* const text = (ascii.empty() ? url : ascii).c_str();
-  if (parsed != nullptr && curl_url_set(parsed.get(), CURLUPART_URL, text, 0) != CURLUE_OK) {
+  if (parsed != nullptr && curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) {
     parsed.reset();
   }
   return parsed;
+}
+
+// With its host in ASCII, if it has a name there.
+ParsedUrl Parse(const std::string& url) {
+  std::string ascii;
+  (void)AsciiUrl(url, &ascii);
+  return ParseAsItIs(ascii.empty() ? url : ascii);
 }
 
 struct Part {
@@ -38,9 +43,9 @@ struct Part {
   std::string text;  // Empty unless CURLUE_OK.
 };
 
-Part PartOf(const ParsedUrl& url, CURLUPart which) {
+Part PartOf(const ParsedUrl& url, CURLUPart which, unsigned flags = 0) {
   char* text = nullptr;
-  Part part{curl_url_get(url.get(), which, &text, 0), std::string()};
+  Part part{curl_url_get(url.get(), which, &text, flags), std::string()};
   if (part.code == CURLUE_OK) part.text = text;
   curl_free(text);
   return part;
@@ -49,6 +54,18 @@ Part PartOf(const ParsedUrl& url, CURLUPart which) {
 // Whether libcurl would find a NUL in this part of the URL, if it has it, when it decodes it.
 bool HoldsNul(const ParsedUrl& url, CURLUPart which) {
   return PartOf(url, which).text.find("%00") != std::string::npos;
+}
+
+bool IsHexDigit(char c) { return std::strchr("0123456789abcdefABCDEF", c) != nullptr && c != '\0'; }
+
+// Whether a byte beyond ASCII stands in it, or percent-encoded: libcurl decodes those of a host.
+bool IsAscii(const std::string& url) {
+  for (size_t i = 0; i < url.size(); ++i) {
+    if (static_cast<unsigned char>(url[i]) > 0x7f) return false;
+    const bool may_be_encoded = url[i] == '%' && i + 2 < url.size() && url[i + 1] > '7';
+    if (may_be_encoded && IsHexDigit(url[i + 1]) && IsHexDigit(url[i + 2])) return false;
+  }
+  return true;
 }
 
 // A host that can stand in "socks5h://HOST:PORT" and mean nothing else.
@@ -94,6 +111,63 @@ std::string UrlProblem(const std::string& url) {
     return what + "its zone is no interface's name" + hint;
   }
   return std::string();
+}
+
+std::string AsciiUrl(const std::string& url, std::string* ascii) {
+  ascii->clear();
+  if (IsAscii(url)) return std::string();
+  const ParsedUrl parsed = ParseAsItIs(url);
+  if (parsed == nullptr) return std::string();  // UrlProblem() says why.
+  const std::string host = PartOf(parsed, CURLUPART_HOST).text;
+  std::string name;
+  std::string problem = http_names::AsciiName(host, &name);
+  if (!problem.empty() || name == host) return problem;
+  // Where it stands: libcurl takes one to three slashes, and the user ends at the last '@'.
+  const size_t begin = url.find_first_not_of('/', url.find(':') + 1);
+  const size_t end = std::min(url.find_first_of("/?#", begin), url.size());
+  const size_t at = url.substr(begin, end - begin).rfind('@');
+  const size_t host_begin = at == std::string::npos ? begin : begin + at + 1;
+  const size_t host_end = std::min(url.find(':', host_begin), end);
+  *ascii = url;
+  ascii->replace(host_begin, host_end - host_begin, name);
+  const ParsedUrl result = ParseAsItIs(*ascii);
+  const std::string now = result != nullptr ? PartOf(result, CURLUPART_HOST).text : std::string();
+  if (http_syntax::EqualsNoCase(now, name.c_str()) || http_names::IsIpv4(now)) return problem;
+  ascii->clear();
+  return "its host stands where none is looked for; give https://HOST[:PORT]/PATH";
+}
+
+std::string OriginOf(const std::string& url) {
+  const ParsedUrl parsed = Parse(url);
+  if (parsed == nullptr) return std::string();
+  std::string host = PartOf(parsed, CURLUPART_HOST).text;
+  for (char& c : host) c = http_syntax::LowerAscii(c);
+  if (host.size() > 2 && host.front() == '[') {
+    const std::string zone = PartOf(parsed, CURLUPART_ZONEID).text;
+    host = host.substr(1, host.size() - 2) + (zone.empty() ? "" : "%" + zone);
+    host = "[" + http_names::CanonicalIpv6(host) + "]";
+  }
+  return PartOf(parsed, CURLUPART_SCHEME).text + "://" + host + ":" +
+         PartOf(parsed, CURLUPART_PORT, CURLU_DEFAULT_PORT).text;
+}
+
+std::string GivenOrigin(const std::string& text, std::string* origin) {
+  const std::string hint = "; give https://HOST[:PORT]";
+  std::string problem = UrlProblem(text);
+  if (!problem.empty()) return "the origin: " + problem;
+  const ParsedUrl parsed = ParseAsItIs(text);
+  if (parsed == nullptr) return "the origin: out of memory; use less of it";
+  // In the text, as libcurl drops an empty query, say.
+  if (text.find('@') != std::string::npos || !PartOf(parsed, CURLUPART_USER).text.empty()) {
+    return "the origin has a user; leave it out" + hint;
+  }
+  if (text.find_first_of("?#") != std::string::npos) {
+    return "the origin has a query or fragment; leave it out" + hint;
+  }
+  if (PartOf(parsed, CURLUPART_PATH).text != "/")
+    return "the origin has a path; leave it out" + hint;
+  *origin = OriginOf(text);
+  return origin->empty() ? "the origin: out of memory; use less of it" : std::string();
 }
 
 bool IsUnencrypted(const std::string& url) {

@@ -14,6 +14,20 @@ namespace http_address {
 // is in that.
 std::string UrlProblem(const std::string& url);
 
+// Empty, or why the URL's host has no name in ASCII and what to do. `*ascii`: the URL with that
+// name, and otherwise as it was; empty when it is ASCII by itself, which costs nothing. libcurl
+// would convert by the locale's character set, which is the host application's.
+std::string AsciiUrl(const std::string& url, std::string* ascii);
+
+// "scheme://host:port" of a URL without a problem, so that those of one origin are equal: in small
+// letters and ASCII, the port always there, an IPv6 address canonical with its zone, a dot at the
+// host's end kept. Empty without memory.
+std::string OriginOf(const std::string& url);
+
+// The same of what a host application gives as an origin. Empty, or what is wrong and what to do;
+// nothing of the text is in that.
+std::string GivenOrigin(const std::string& text, std::string* origin);
+
 // Whether a request to `url`, which has no problem, goes out without encryption.
 bool IsUnencrypted(const std::string& url);
 

@@ -16,7 +16,6 @@
 #include "services/http_client_curl/address.h"
 #include "services/http_client_curl/easy_options.h"
 #include "services/http_client_curl/engine.h"
-#include "services/http_client_curl/names/urls.h"
 #include "services/http_client_curl/rules/settings_check.h"
 #include "services/http_client_curl/rules/syntax.h"
 #include "services/http_client_curl/tls_openssl.h"

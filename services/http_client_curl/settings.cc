@@ -4,6 +4,7 @@
 
 #include "services/http_client_curl/address.h"
 #include "services/http_client_curl/easy_options.h"
+#include "services/http_client_curl/rules/connect_to.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace {
@@ -11,6 +12,12 @@ namespace {
 int64_t NextSerial() {
   static std::atomic<int64_t> last{0};
   return last.fetch_add(1, std::memory_order_relaxed) + 1;  // relaxed: only uniqueness matters.
+}
+
+bool AppendText(const std::string& text, curl_slist** list) {
+  curl_slist* const longer = curl_slist_append(*list, text.c_str());
+  if (longer != nullptr) *list = longer;
+  return longer != nullptr;
 }
 
 }  // namespace
@@ -73,6 +80,11 @@ std::shared_ptr<const ClientSettings> ClientSettings::Make(const HttpClient::Con
   if (!BuildHeaders(values.headers, true, &made->body_headers) ||
       !BuildHeaders(values.headers, false, &made->plain_headers)) {
     return nullptr;
+  }
+  for (const std::string& entry : values.connect_to) {
+    std::string text;
+    if (!http_names::ConnectTo(entry, &text).empty()) continue;  // It would not have been set.
+    if (!AppendText(text, &made->connect_to)) return nullptr;
   }
   made->set = std::move(set);
   return made;

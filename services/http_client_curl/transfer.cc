@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "quenor_base/platform/exception_barrier.h"
-#include "services/http_client_curl/names/urls.h"
+#include "services/http_client_curl/address.h"
 #include "services/http_client_curl/rules/syntax.h"
 
 QUENOR_NAMESPACE_BEGIN

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "services/http_client_curl/rules/connect_to.h"
 #include "services/http_client_curl/rules/proxy.h"
 #include "services/http_client_curl/rules/syntax.h"
 
@@ -252,6 +253,10 @@ std::string Problem(const HttpSettings& settings, const KeyCalls& keys, ClientId
   }
   for (const std::string& pin : settings.pinned_public_keys) {
     if (problem.empty()) problem = PinProblem(pin);
+  }
+  for (const std::string& entry : settings.connect_to) {
+    std::string text;
+    if (problem.empty()) problem = http_names::ConnectTo(entry, &text);
   }
   if (problem.empty()) problem = IdentityProblem(settings, keys, identity);
   if (problem.empty() && !http_syntax::IsFieldValue(settings.user_agent)) {

@@ -4,8 +4,7 @@
 #include <string>
 
 #include "services/http_client_curl/address.h"
-#include "services/http_client_curl/names/hosts.h"
-#include "services/http_client_curl/names/urls.h"
+#include "services/http_client_curl/rules/connect_to.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace http_address {
@@ -118,6 +117,46 @@ TEST(OriginTest, IsTheSameForAllThatMeanIt) {
     EXPECT_EQ(problem.empty() ? OriginOf(test.input) : "", test.result);
   }
   EXPECT_EQ(OriginOf("https://u:p@Host/a?b#c"), "https://host:443");
+}
+
+TEST(ConnectToTest, IsTakenAsLibcurlWantsItOrRefused) {
+  const Case cases[] = {
+      {"Host:443:10.0.0.1", "host:443:10.0.0.1:443", ""},
+      {"host:443:10.0.0.1:8443", "host:443:10.0.0.1:8443", ""},
+      {"b\xc3\xbc"
+       "cher.example:80:[::1]",
+       "xn--bcher-kva.example:80:[::1]:80", ""},
+      {"[2001:DB8:0::1]:443:[::1]:1", "[2001:db8::1]:443:[::1]:1", ""},
+      {"host:443:[FE80::1%25eth0]", "host:443:[fe80::1%eth0]:443", ""},
+      {"", "", "host is empty or malformed"},
+      {":443:10.0.0.1", "", "host is empty"},
+      {"*:443:10.0.0.1", "", "host is empty or malformed"},
+      {"::1:443:10.0.0.1", "", "host is empty"},
+      {"[::1:443:10.0.0.1", "", "host is empty"},
+      {"[::g]:443:10.0.0.1", "", "no IPv6 address"},
+      {"[fe80::1%eth0]:443:10.0.0.1", "", "has a zone"},
+      {"host", "", "the port of host"},
+      {"host::10.0.0.1", "", "the port of host"},
+      {"host:0:10.0.0.1", "", "the port of host"},
+      {"host:65536:10.0.0.1", "", "the port of host"},
+      {"host:443", "", "is no address"},
+      {"host:443:", "", "is no address"},
+      {"host:443:other", "", "is no address"},
+      {"host:443:::1", "", "is no address"},
+      {"host:443:[10.0.0.1]", "", "is no address"},
+      {"host:443:10.0.0.1:", "", "leads to is malformed"},
+      {"host:443:10.0.0.1:1:2", "", "leads to is malformed"},
+      {"ho\nst:443:10.0.0.1", "", "host is empty or malformed"},
+  };
+  for (const Case& test : cases) {
+    std::string text;
+    const std::string problem = http_names::ConnectTo(test.input, &text);
+    EXPECT_EQ(text, test.result) << test.input << ": " << problem;
+    EXPECT_EQ(problem.empty(), *test.problem == '\0') << test.input << ": " << problem;
+    EXPECT_NE(problem.find(test.problem), std::string::npos) << test.input << ": " << problem;
+    EXPECT_EQ(problem.find("connect_to: "), problem.empty() ? std::string::npos : 0);
+    EXPECT_EQ(problem.find('\n'), std::string::npos);
+  }
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // Hosts as a person writes them, as libcurl wants them: names in ASCII, addresses in one form.
 // Internal to the HTTP client. Pure functions that ask no locale; any thread.
-#ifndef SERVICES_HTTP_CLIENT_CURL_NAMES_HOSTS_H_
-#define SERVICES_HTTP_CLIENT_CURL_NAMES_HOSTS_H_
+#ifndef SERVICES_HTTP_CLIENT_CURL_RULES_HOSTS_H_
+#define SERVICES_HTTP_CLIENT_CURL_RULES_HOSTS_H_
 
 #include <string>
 
@@ -32,13 +32,10 @@ std::string AsciiName(const std::string& name, std::string* ascii);
 // canonical, brackets kept. Empty, or what is wrong and what to do, as "its host ...".
 std::string NormalHost(const std::string& text, std::string* normal);
 
-// "HOST:PORT", the host as NormalHost() takes it, 1 to 65535. A port is needed.
-std::string SplitHostPort(const std::string& text, std::string* normal_host, std::string* port);
-
 // Decimal, 1 to 65535, without zeros in front.
 bool IsPort(const std::string& text);
 
 }  // namespace http_names
 QUENOR_NAMESPACE_END
 
-#endif  // SERVICES_HTTP_CLIENT_CURL_NAMES_HOSTS_H_
+#endif  // SERVICES_HTTP_CLIENT_CURL_RULES_HOSTS_H_

@@ -1,4 +1,4 @@
-#include "services/http_client_curl/names/hosts.h"
+#include "services/http_client_curl/rules/hosts.h"
 
 #include <arpa/inet.h>
 #include <idn2.h>
@@ -112,17 +112,6 @@ bool IsPort(const std::string& text) {
   if (text.empty() || text.size() > 5 || text[0] == '0') return false;
   if (text.find_first_not_of("0123456789") != std::string::npos) return false;
   return std::stoul(text) <= 65535;
-}
-
-std::string SplitHostPort(const std::string& text, std::string* normal_host, std::string* port) {
-  const size_t bracket = text.rfind(']');
-  const size_t colon = text.find(':', bracket == std::string::npos ? 0 : bracket);
-  if (colon == std::string::npos || !IsPort(text.substr(colon + 1))) {
-    return "its port is missing or malformed; give HOST:PORT, 1 to 65535, and an IPv6 address in "
-           "brackets";
-  }
-  *port = text.substr(colon + 1);
-  return NormalHost(text.substr(0, colon), normal_host);
 }
 
 }  // namespace http_names
