@@ -471,8 +471,9 @@ def private_dirty_kb(pid):
     return int(status_of(f"/proc/{pid}/smaps_rollup")["Private_Dirty"].split()[0])
 
 
-def connections_of(pid, port):
-    """How many of the process's TCP connections lead to the port."""
+def connections_of(pid, port, established=False):
+    """How many of the process's TCP connections lead to the port: all, or those that nobody has
+    closed as far as it is known here."""
     inodes = set()
     for fd in os.listdir(f"/proc/{pid}/fd"):
         try:
@@ -487,6 +488,8 @@ def connections_of(pid, port):
         except FileNotFoundError:
             continue  # No IPv6.
         for fields in map(str.split, lines):
+            if established and fields[3] != "01":
+                continue
             if int(fields[2].split(":")[1], 16) == port and f"socket:[{fields[9]}]" in inodes:
                 count += 1
     return count
