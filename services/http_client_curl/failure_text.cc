@@ -105,9 +105,12 @@ HttpReason ReasonOfCode(const HttpFailure& failure) {
   const bool is_proxied = failure.proxy[0] != '\0';
   if (IsOfTls(failure.code)) return ReasonOfTls(failure);
   switch (failure.code) {
-    case CURLE_COULDNT_RESOLVE_HOST:  // A SOCKS proxy's, too; that looks up the server's.
+    case CURLE_COULDNT_RESOLVE_HOST: {  // A SOCKS proxy's, too; that looks up the server's.
+      const bool is_socks = std::strncmp(failure.proxy, "socks", 5) == 0;
+      return is_socks ? HttpReason::kProxyUnreachable : HttpReason::kNameNotFound;
+    }
     case CURLE_COULDNT_RESOLVE_PROXY:
-      return is_proxied ? HttpReason::kProxyUnreachable : HttpReason::kNameNotFound;
+      return HttpReason::kProxyUnreachable;
     case CURLE_PROXY:
       return ReasonOfSocks(failure.proxy_error);
     case CURLE_COULDNT_CONNECT:

@@ -38,7 +38,7 @@ struct HttpFailure {
   HttpLimit limit = HttpLimit::kNone;
   long verify_result = 0;  // As CURLINFO_SSL_VERIFYRESULT gives it.
   const char* error = "";  // Our words or libcurl's; may be empty.
-  const char* proxy = "";  // Its URL; empty: none.
+  const char* proxy = "";  // Its URL; empty: none, or it was passed by, as an exception says.
   bool under_way = false;  // The request had a connection to the server.
   long os_error = 0;       // As CURLINFO_OS_ERRNO, and so on.
   long proxy_error = 0;

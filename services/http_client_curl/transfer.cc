@@ -1,5 +1,6 @@
 #include "services/http_client_curl/transfer.h"
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -128,6 +129,8 @@ curl_socket_t OpenSocket(void* user, curlsocktype, curl_sockaddr* address) {
   if (MustNotRepeat(transfer)) return CURL_SOCKET_BAD;
   const int fd = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
   if (fd < 0) return CURL_SOCKET_BAD;
+  // At the same place for both families.
+  transfer->socket_port = ntohs(reinterpret_cast<const sockaddr_in*>(&address->addr)->sin_port);
   transfer->connections->sockets.Add(fd);
   transfer->connections->hang_ups.Watch(fd);
   return fd;
@@ -312,6 +315,12 @@ void Transfer::SetStateOfLimit() {
                 LimitText(limit, settings->values(), request.timeout_ms).c_str());
 }
 
+// Past the proxy, as what the host excepts goes: libcurl does not tell, but where it connected to.
+bool Transfer::IsPastProxy() const {
+  const std::string& url = settings->proxy.url;
+  return socket_port != 0 && std::atoi(url.c_str() + url.rfind(':') + 1) != socket_port;
+}
+
 HttpFailure Transfer::Failure() const {
   HttpFailure failure;
   failure.state = state;
@@ -319,7 +328,7 @@ HttpFailure Transfer::Failure() const {
   failure.limit = limit;
   failure.verify_result = verify_result;
   failure.error = error;
-  failure.proxy = settings->proxy.url.c_str();
+  failure.proxy = IsPastProxy() ? "" : settings->proxy.url.c_str();
   failure.under_way = under_way;
   curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &failure.os_error);
   curl_easy_getinfo(easy, CURLINFO_PROXY_ERROR, &failure.proxy_error);

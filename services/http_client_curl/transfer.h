@@ -48,6 +48,7 @@ struct Exchange : http_lines::Member {
   bool under_way = false;       // Has been given a connection.
   bool is_written = false;      // Something of the request went out after its first piece.
   long head_bytes_before = 0;   // That a proxy was sent before the request could go out.
+  uint16_t socket_port = 0;     // Where the last new connection went; 0: there was none.
   bool repeat_refused = false;  // libcurl wanted to send again what had gone out already.
 
   // How it ended.
@@ -109,6 +110,7 @@ struct Transfer : Exchange {
   bool TakeBody(CopyOnWriteBuffer* body);
   void TakeHeaders();
   void SetStateOfLimit();
+  bool IsPastProxy() const;
 };
 
 }  // namespace http_engine

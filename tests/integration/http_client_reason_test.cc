@@ -2,6 +2,8 @@
 #include "tests/integration/http_client_fixture.h"
 #include "tests/integration/support/scripted_server.h"
 #include "tests/integration/support/servers.h"
+#include "tests/support/loopback.h"
+#include "tests/support/process.h"
 
 namespace quenor::test {
 namespace {
@@ -81,6 +83,25 @@ TEST_F(HttpClientReasonTest, NamesWhatIsWrongWithTheProxy) {
   EXPECT_EQ(through(Through(proxy.port(), "wrong")), HttpReason::kProxyCredentials);
   EXPECT_EQ(through(Through(none.port())), HttpReason::kProxyRefused);
   EXPECT_EQ(through(Through(proxy.port())), HttpReason::kProxyRefused);
+}
+
+TEST_F(HttpClientReasonTest, OfAServerThatGoesPastTheProxyIsTheServers) {
+  HttpDefaults defaults = TrustingDefaults();
+  uint16_t proxy_port = 0;
+  uint16_t port = 0;
+  const Fd proxy(BindLoopback(&proxy_port));  // Neither listens.
+  const Fd server(BindLoopback(&port));
+  defaults.proxy.url = "https://127.0.0.1:" + std::to_string(proxy_port);
+  const std::string url = "https://127.0.0.1:" + std::to_string(port) + "/";
+  EXPECT_EQ(ReasonOf(url, defaults), HttpReason::kProxyUnreachable);
+
+  defaults.proxy.except = {"127.0.0.1", "invalid"};
+
+  EXPECT_EQ(ReasonOf(url, defaults), HttpReason::kRefused);
+  EXPECT_EQ(ReasonOf("https://" + kNoName + "/", defaults), HttpReason::kNameNotFound);
+  ScriptedServer none([](Connection& connection) { connection.Write("no TLS"); });
+  EXPECT_EQ(ReasonOf("https://127.0.0.1:" + std::to_string(none.port()) + "/", defaults),
+            HttpReason::kTlsOther);
 }
 
 TEST_F(HttpClientReasonTest, IsCancelledForWhoIsNotWaitedForAndNewForTheNext) {
