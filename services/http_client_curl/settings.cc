@@ -71,6 +71,7 @@ std::shared_ptr<const ClientSettings> ClientSettings::Make(const HttpClient::Con
   } else {
     const HttpProxy& given = set->settings.proxy;
     made->proxy = given.url.empty() ? set->environment.For(is_encrypted) : given;
+    made->proxy.url = http_proxy::AsciiUrl(made->proxy);
     made->proxy_exceptions = http_proxy::Exceptions(made->proxy);
   }
   made->http2 = config.enable_http2 && HasHttp2();

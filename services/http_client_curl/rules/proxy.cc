@@ -1,12 +1,11 @@
 #include "services/http_client_curl/rules/proxy.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <initializer_list>
 #include <tuple>
 
+#include "services/http_client_curl/rules/hosts.h"
 #include "services/http_client_curl/rules/syntax.h"
 
 QUENOR_NAMESPACE_BEGIN
@@ -22,10 +21,8 @@ bool ConsistsOf(const std::string& text, const char* bytes) {
 }
 
 bool IsHost(const std::string& host) {
-  if (host.empty() || host[0] != '[') return ConsistsOf(host, kNameBytes);
-  in6_addr ignored;
-  return host.back() == ']' && host.find('\0') == std::string::npos &&
-         inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &ignored) == 1;
+  std::string ignored;
+  return http_names::NormalHost(host, &ignored).empty();
 }
 
 bool IsPort(const std::string& port) {
@@ -144,11 +141,20 @@ std::string Problem(const HttpProxy& proxy) {
   return CredentialProblem(proxy, url.scheme);
 }
 
+std::string AsciiUrl(const HttpProxy& proxy) {
+  const Url url(proxy.url);
+  std::string host;
+  if (!url.IsUsable() || !http_names::NormalHost(url.host, &host).empty()) return std::string();
+  return url.scheme + "://" + host + ":" + url.port;
+}
+
 std::string Exceptions(const HttpProxy& proxy) {
   std::string joined;
   for (const std::string& text : proxy.except) {
     if (text == "*") return text;  // Among others it would mean nothing.
-    joined += (joined.empty() ? "" : ",") + text;
+    // libcurl compares an address with what stands in the brackets of a URL.
+    const bool is_bracketed = text.size() > 2 && text.front() == '[' && text.back() == ']';
+    joined += (joined.empty() ? "" : ",") + (is_bracketed ? text.substr(1, text.size() - 2) : text);
   }
   return joined;
 }

@@ -14,6 +14,10 @@ namespace http_proxy {
 // says what to do: nothing of URL, user and password is in that. The file is judged elsewhere.
 std::string Problem(const HttpProxy& proxy);
 
+// The URL of one without a problem, as libcurl wants it: a host beyond ASCII as name servers know
+// it. Empty: none.
+std::string AsciiUrl(const HttpProxy& proxy);
+
 // What goes past it, as libcurl reads that.
 std::string Exceptions(const HttpProxy& proxy);
 

@@ -67,6 +67,15 @@ TEST(ProxyCheckTest, WhatCannotIsRefusedByItsFieldAndNeverShown) {
   }
 }
 
+TEST(ProxyCheckTest, UrlAndExceptionsAreGivenToLibcurlAsItReadsThem) {
+  EXPECT_EQ(AsciiUrl(Make("http://b\xc3\xbc"
+                          "cher.example:1")),
+            "http://xn--bcher-kva.example:1");
+  EXPECT_EQ(AsciiUrl(Make("https://[FE80::1%25eth0]:1")), "https://[fe80::1%eth0]:1");
+  EXPECT_EQ(AsciiUrl(Make("")), "");
+  EXPECT_EQ(Exceptions(Make("http://h:1", "", "", {"a", "[::1]"})), "a,::1");
+}
+
 TEST(ProxyCheckTest, AStarAmongExceptionsIsEverything) {
   EXPECT_EQ(Exceptions(Make("http://h:1", "", "", {"a", "10.0.0.0/8"})), "a,10.0.0.0/8");
   EXPECT_EQ(Exceptions(Make("http://h:1", "", "", {"a", "*", "b"})), "*");
