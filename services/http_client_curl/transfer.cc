@@ -318,7 +318,8 @@ void Transfer::SetStateOfLimit() {
 // Past the proxy, as what the host excepts goes: libcurl does not tell, but where it connected to.
 bool Transfer::IsPastProxy() const {
   const std::string& url = settings->proxy.url;
-  return socket_port != 0 && std::atoi(url.c_str() + url.rfind(':') + 1) != socket_port;
+  if (url.empty() || socket_port == 0) return false;
+  return std::atoi(url.c_str() + (url.rfind(':') + 1)) != socket_port;
 }
 
 HttpFailure Transfer::Failure() const {
