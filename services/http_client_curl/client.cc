@@ -13,6 +13,7 @@
 #include "quenor_base/platform/exception_barrier.h"
 #include "quenor_base/platform/http_client.h"
 #include "quenor_base/platform/local_log.h"
+#include "quenor_base/platform/network_change.h"
 #include "services/http_client_curl/address.h"
 #include "services/http_client_curl/easy_options.h"
 #include "services/http_client_curl/engine.h"
@@ -292,6 +293,14 @@ bool ResetHttpSettings(const std::string& origin) {
                HttpSets::Get().SetOfOrigin(normal, nullptr);
   });
   return had_some;
+}
+
+void NetworkChanged() { Engine::Get()->NetworkChanged(); }
+
+std::string WatchNetwork(bool on) {
+  std::string problem;
+  base::EndOnException(kInClient, [&] { problem = Engine::Get()->WatchNetwork(on); });
+  return problem;
 }
 
 QUENOR_NAMESPACE_END

@@ -89,6 +89,26 @@ void Engine::Close(ClientState* client) {
   }
 }
 
+void Engine::NetworkChanged() {
+  base::AutoLock hold(lock_);
+  if (io_ == nullptr) return;
+  io_->has_network_changed = true;
+  if (std::exchange(io_->sleeping, false)) io_->multi.WakeUp();
+}
+
+// Tried here, where its caller hears of a failure; opened by the I/O thread, now or when there is
+// one.
+std::string Engine::WatchNetwork(bool on) {
+  http_network::Watch trial;
+  const std::string problem = on ? trial.Open() : std::string();
+  base::AutoLock hold(lock_);
+  watches_network_ = on && problem.empty();
+  if (io_ == nullptr) return problem;
+  io_->is_watch_changed = true;
+  if (std::exchange(io_->sleeping, false)) io_->multi.WakeUp();
+  return problem;
+}
+
 bool Engine::MayLog(const std::string& cause) {
   base::AutoLock hold(lock_);
   return log_pauses_.MayLog(cause, base::MonotonicMs());
@@ -117,6 +137,8 @@ void Engine::Run(Io* io) {
 
 void Engine::BeginWork(Io* io) {
   bool any_closed;
+  bool has_network_changed;
+  bool watches_network;
   {
     base::AutoLock hold(lock_);
     while (io->forks > 0) pthread_cond_wait(&io->work_done, lock_.native_handle());
@@ -126,6 +148,9 @@ void Engine::BeginWork(Io* io) {
     ++io->steps;
     io->sleeping = false;
     any_closed = std::exchange(io->any_closed, false);
+    has_network_changed = std::exchange(io->has_network_changed, false);
+    io->is_watch_changed = false;
+    watches_network = watches_network_;
     io->starting.swap(io->submitted);
     // Those that wait first, lest they take the places of the others.
     if (any_closed) io->lines.Take(&IsOfClosed, 0, &io->taken);
@@ -135,6 +160,8 @@ void Engine::BeginWork(Io* io) {
   }
   io->taken.clear();
   if (any_closed) io->multi.CancelClosed(&io->finished);
+  io->multi.WatchNetwork(watches_network);
+  io->multi.FollowNetwork(has_network_changed, &io->finished);
 }
 
 void Engine::StartSubmitted(Io* io) {
@@ -229,7 +256,10 @@ void Engine::Wait(Io* io) {
   int64_t until_ms;
   {
     base::AutoLock hold(lock_);
-    if (!io->submitted.empty() || io->any_closed || !io->surplus.empty()) return;
+    if (!io->submitted.empty() || io->any_closed || io->has_network_changed ||
+        io->is_watch_changed || !io->surplus.empty()) {
+      return;
+    }
     io->sleeping = true;  // From here on whoever has something wakes this thread.
     until_ms = std::min(io->multi.next_deadline_ms(), io->lines.deadline_ms());
     io->sleep_until_ms = until_ms;

@@ -40,6 +40,8 @@ struct Io {
   std::vector<Transfer*> idle;
   http_lines::Lines lines;
   int64_t sleep_until_ms = http_lines::kNever;  // While `sleeping`.
+  bool has_network_changed = false;             // As the host says.
+  bool is_watch_changed = false;                // To be opened, or closed.
   bool any_closed = false;  // A client was destroyed since the I/O thread last looked.
   bool sleeping = false;    // The I/O thread waits, or is about to, and nobody has woken it yet.
   bool working = false;     // The I/O thread is inside libcurl's transfers, and so OpenSSL.
@@ -73,6 +75,9 @@ class Engine {
   void Submit(Transfer* transfer) QUENOR_EXCLUDES(lock_);
   // Any thread. Cancels what the client has sent.
   void Close(ClientState* client) QUENOR_EXCLUDES(lock_);
+  // Any thread. As the functions of these names.
+  void NetworkChanged() QUENOR_EXCLUDES(lock_);
+  std::string WatchNetwork(bool on) QUENOR_EXCLUDES(lock_);
   // Any thread. As LogPauses::MayLog().
   bool MayLog(const std::string& cause) QUENOR_EXCLUDES(lock_);
 
@@ -114,6 +119,7 @@ class Engine {
   bool libcurl_ready_ QUENOR_GUARDED_BY(lock_) = false;
   bool exit_handled_ QUENOR_GUARDED_BY(lock_) = false;  // AtExit() is registered.
   bool exiting_ QUENOR_GUARDED_BY(lock_) = false;       // AtExit() has run, or can no more.
+  bool watches_network_ QUENOR_GUARDED_BY(lock_) = false;
   LogPauses log_pauses_ QUENOR_GUARDED_BY(lock_);
 };
 

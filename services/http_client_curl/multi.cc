@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <climits>
+#include <set>
+#include <utility>
 
 #include "quenor_base/platform/base/monotonic_time.h"
 
@@ -15,11 +17,13 @@ namespace http_engine {
 namespace {
 
 using http_lines::kNever;
+using Change = http_network::Watch::Change;
 
 constexpr long kIdleConnections = 32;  // Kept open, over all hosts.
 constexpr int kFruitlessRounds = 16;   // Then the I/O thread pauses: 1 ms, 2 ms, ...
 constexpr int kSpinPauseMs = 10;       // ... up to this.
 constexpr int kPollFailurePauseMs = 100;
+constexpr int kSettleMs = 200;
 constexpr int kLookAgainMs = 10;  // How long a request may be forgotten beside an idle connection.
 
 // Whether the exchange ended because its connection is of no more use, to other HTTP/2 streams too.
@@ -242,6 +246,58 @@ void Multi::CloseHungUp() {
   }
 }
 
+// ---- Changes of the network ---------------------------------------------------------------------
+
+void Multi::WatchNetwork(bool on) {
+  if (!on) {
+    watch_.Close();
+    network_ = Change::kNone;
+  } else if (watch_.fd() < 0) {
+    (void)watch_.Open();  // It could be opened a moment ago.
+  }
+}
+
+// What was lost ends nothing but what cannot go on: attempts that fail at once would only have the
+// channels wait longer.
+void Multi::FollowNetwork(bool is_told, std::vector<Transfer*>* ended) {
+  const Change change = is_told ? Change::kGain : network_;
+  network_ = Change::kNone;
+  if (change == Change::kNone) return;
+  ++connections_.progress;
+  CutStranded();
+  if (change == Change::kLoss) return;
+  CutIdle();
+  for (size_t i = active_.size(); i-- > 0;) {
+    Transfer* const transfer = active_[i];
+    if (!transfer->under_way && !BeginAnew(transfer)) Finish(transfer, ended);
+  }
+}
+
+// Those whose own address this machine has no more.
+void Multi::CutStranded() {
+  const std::set<std::string> addresses = http_network::OwnAddresses(http_network::Of::kAll);
+  if (addresses.empty()) return;
+  for (int fd : connections_.sockets.All()) {
+    const std::string own = http_network::OwnAddress(fd);
+    if (!own.empty() && addresses.count(own) == 0) shutdown(fd, SHUT_RDWR);
+  }
+}
+
+// Those that no exchange is on.
+void Multi::CutIdle() {
+  for (int fd : connections_.sockets.All()) {
+    if (!IsUsed(fd, kNever)) shutdown(fd, SHUT_RDWR);
+  }
+}
+
+// It has no connection, so that nothing of it has gone out.
+bool Multi::BeginAnew(Transfer* transfer) {
+  curl_multi_remove_handle(multi_, transfer->easy);
+  if (curl_multi_add_handle(multi_, transfer->easy) == CURLM_OK) return true;
+  transfer->code = CURLE_OUT_OF_MEMORY;
+  return false;
+}
+
 // ---- Sleep --------------------------------------------------------------------------------------
 
 // libcurl gives a connection that has become free to a request that waits for one, and may forget
@@ -266,16 +322,26 @@ void Multi::Wait(int64_t until_ms) {
     const int64_t left_ms = std::max<int64_t>(until_ms - before_ms, 0);
     timeout_ms = static_cast<int>(std::min<int64_t>(left_ms, timeout_ms));
   }
+  // A burst of changes is one: what comes within a moment of the last look waits for its end.
+  const int64_t look_ms = watched_at_ms_ + kSettleMs;
+  const bool is_settling = watch_.fd() >= 0 && before_ms < look_ms;
+  if (is_settling) timeout_ms = std::min(timeout_ms, static_cast<int>(look_ms - before_ms));
   curl_waitfd wake[] = {{wake_fd_, CURL_WAIT_POLLIN, 0},
-                        {connections_.hang_ups.fd(), CURL_WAIT_POLLIN, 0}};
+                        {connections_.hang_ups.fd(), CURL_WAIT_POLLIN, 0},
+                        {watch_.fd(), CURL_WAIT_POLLIN, 0}};
+  const unsigned count = watch_.fd() >= 0 && !is_settling ? 3 : 2;
   int ready = 0;
-  if (curl_multi_poll(multi_, wake, 2, timeout_ms, &ready) != CURLM_OK) {
+  if (curl_multi_poll(multi_, wake, count, timeout_ms, &ready) != CURLM_OK) {
     poll(nullptr, 0, kPollFailurePauseMs);  // Out of memory or descriptors: not at full speed.
   }
   uint64_t wake_ups;
   if (wake[1].revents != 0) {
     connections_.hang_ups.Clear();
     any_hung_up_ = true;
+  }
+  if (wake[2].revents != 0) {
+    network_ = std::max(network_, watch_.Look());
+    watched_at_ms_ = base::MonotonicMs();
   }
   if (wake[0].revents != 0) (void)!read(wake_fd_, &wake_ups, sizeof(wake_ups));
   // That it took long says nothing where a socket was ready: the machine may be busy.

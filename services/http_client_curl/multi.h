@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "services/http_client_curl/network_linux.h"
 #include "services/http_client_curl/transfer.h"
 
 QUENOR_NAMESPACE_BEGIN
@@ -36,6 +37,12 @@ class Multi {
   void Expire(int64_t now_ms, std::vector<Transfer*>* ended);
   // ... and those whose client was destroyed.
   void CancelClosed(std::vector<Transfer*>* ended);
+
+  // Opens or closes the watch for changes of the network.
+  void WatchNetwork(bool on);
+  // Acts on a change, if the watch has seen one or `is_told`: see NetworkChanged(). Appends to
+  // `ended` what cannot be begun anew.
+  void FollowNetwork(bool is_told, std::vector<Transfer*>* ended);
 
   // After each step, with whether an exchange ended in it: true when the next is not to wait.
   bool LookAgain(bool any_ended);
@@ -63,6 +70,9 @@ class Multi {
   };
   bool Join(Transfer* transfer);
   void Leave(Transfer* transfer);
+  void CutStranded();
+  void CutIdle();
+  bool BeginAnew(Transfer* transfer);
   void CloseUnused();
   bool EndedByCut(CURL* easy, CURLcode code) const;
   bool IsUsed(int fd, int64_t before_ms) const;
@@ -76,8 +86,11 @@ class Multi {
   std::vector<Transfer*> active_;  // That libcurl has; each knows its index.
   int64_t next_deadline_ms_ = http_lines::kNever;
   uint32_t host_connections_ = 0;  // As last set in the multi handle.
-  bool any_hung_up_ = false;       // One of the sockets may be.
-  bool look_again_ = false;        // A connection may have become free unnoticed.
+  http_network::Watch watch_;
+  http_network::Watch::Change network_ = http_network::Watch::Change::kNone;  // To be acted on.
+  int64_t watched_at_ms_ = 0;  // When it was asked last.
+  bool any_hung_up_ = false;   // One of the sockets may be.
+  bool look_again_ = false;    // A connection may have become free unnoticed.
   uint64_t progress_at_wait_ = 0;
   int fruitless_rounds_ = 0;  // Sleeps in a row that ended at once and brought nothing.
 };

@@ -31,6 +31,7 @@
 #include "quenor_base/platform/http_client.h"
 #include "quenor_base/platform/http_reason.h"
 #include "quenor_base/platform/http_settings.h"
+#include "quenor_base/platform/network_change.h"
 #include "quenor_base/platform/report_events.h"
 #include "quenor_base/platform/socks5_proxy_config.h"
 #include "quenor_base/platform/thread_manager.h"
@@ -400,6 +401,12 @@ bool Application::Do(const std::string& line) {
     words >> text >> other;
     WriteLine(Exchange(client_.get(), text, other));
     return true;
+  } else if (command == "watch") {  // on|off
+    words >> text;
+    const std::string problem = WatchNetwork(text == "on");
+    if (!problem.empty()) WriteLine(problem);
+  } else if (command == "changed") {
+    NetworkChanged();
   } else if (command == "restart") {
     if (!Stop()) return false;
     Start();
