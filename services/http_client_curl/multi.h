@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "services/http_client_curl/network_linux.h"
+#include "services/http_client_curl/sockets/network_linux.h"
 #include "services/http_client_curl/transfer.h"
 
 QUENOR_NAMESPACE_BEGIN

@@ -12,12 +12,12 @@
 #include <string>
 
 #include "quenor_base/platform/http_client.h"
-#include "services/http_client_curl/connection_linux.h"
 #include "services/http_client_curl/easy_options.h"
 #include "services/http_client_curl/failure_text.h"
 #include "services/http_client_curl/rules/lines.h"
 #include "services/http_client_curl/rules/syntax.h"
-#include "services/http_client_curl/sockets_linux.h"
+#include "services/http_client_curl/sockets/connection_linux.h"
+#include "services/http_client_curl/sockets/sockets_linux.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace http_engine {

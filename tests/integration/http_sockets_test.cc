@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "services/http_client_curl/sockets_linux.h"
+#include "services/http_client_curl/sockets/sockets_linux.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace {

@@ -1,4 +1,4 @@
-#include "services/http_client_curl/connection_linux.h"
+#include "services/http_client_curl/sockets/connection_linux.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -3,8 +3,8 @@
 // which are no answer as fast as they are read keeps the thread that drives it from everything
 // else. What another thread can do is to shut that connection down: libcurl then finds it at its
 // end. Threads: any. Life cycle: outlives its connections. See docs/design/http-client.md.
-#ifndef SERVICES_HTTP_CLIENT_CURL_SOCKETS_LINUX_H_
-#define SERVICES_HTTP_CLIENT_CURL_SOCKETS_LINUX_H_
+#ifndef SERVICES_HTTP_CLIENT_CURL_SOCKETS_SOCKETS_LINUX_H_
+#define SERVICES_HTTP_CLIENT_CURL_SOCKETS_SOCKETS_LINUX_H_
 
 #include <cstdint>
 #include <string>
@@ -59,4 +59,4 @@ class HttpSockets {
 
 QUENOR_NAMESPACE_END
 
-#endif  // SERVICES_HTTP_CLIENT_CURL_SOCKETS_LINUX_H_
+#endif  // SERVICES_HTTP_CLIENT_CURL_SOCKETS_SOCKETS_LINUX_H_

@@ -1,4 +1,4 @@
-#include "services/http_client_curl/sockets_linux.h"
+#include "services/http_client_curl/sockets/sockets_linux.h"
 
 // Not <netinet/tcp.h>, whose tcp_info ends before the counts of bytes.
 #include <arpa/inet.h>

@@ -1,4 +1,4 @@
-#include "services/http_client_curl/network_linux.h"
+#include "services/http_client_curl/sockets/network_linux.h"
 
 #include <ifaddrs.h>
 #include <linux/netlink.h>

@@ -1,14 +1,14 @@
 // What the HTTP client on libcurl asks the kernel about its connections, and about libcurl's own
 // descriptors. Internal to that client. Threads: the I/O thread, and the one that starts it.
-#ifndef SERVICES_HTTP_CLIENT_CURL_CONNECTION_LINUX_H_
-#define SERVICES_HTTP_CLIENT_CURL_CONNECTION_LINUX_H_
+#ifndef SERVICES_HTTP_CLIENT_CURL_SOCKETS_CONNECTION_LINUX_H_
+#define SERVICES_HTTP_CLIENT_CURL_SOCKETS_CONNECTION_LINUX_H_
 
 #include <curl/curl.h>
 
 #include <cstdint>
 
 #include "quenor_base/platform/base/abi.h"
-#include "services/http_client_curl/sockets_linux.h"
+#include "services/http_client_curl/sockets/sockets_linux.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace http_connection {
@@ -51,4 +51,4 @@ class HangUps {
 }  // namespace http_connection
 QUENOR_NAMESPACE_END
 
-#endif  // SERVICES_HTTP_CLIENT_CURL_CONNECTION_LINUX_H_
+#endif  // SERVICES_HTTP_CLIENT_CURL_SOCKETS_CONNECTION_LINUX_H_

@@ -1,7 +1,7 @@
 // What the kernel tells of this machine's network. Internal to the HTTP client. Threads: one at a
 // time.
-#ifndef SERVICES_HTTP_CLIENT_CURL_NETWORK_LINUX_H_
-#define SERVICES_HTTP_CLIENT_CURL_NETWORK_LINUX_H_
+#ifndef SERVICES_HTTP_CLIENT_CURL_SOCKETS_NETWORK_LINUX_H_
+#define SERVICES_HTTP_CLIENT_CURL_SOCKETS_NETWORK_LINUX_H_
 
 #include <set>
 #include <string>
@@ -45,4 +45,4 @@ class Watch {
 }  // namespace http_network
 QUENOR_NAMESPACE_END
 
-#endif  // SERVICES_HTTP_CLIENT_CURL_NETWORK_LINUX_H_
+#endif  // SERVICES_HTTP_CLIENT_CURL_SOCKETS_NETWORK_LINUX_H_
