@@ -6,6 +6,7 @@
 
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 
 #include "quenor_base/platform/local_log.h"
@@ -120,8 +121,14 @@ class ReasonsTest : public ::testing::Test {
                                   << verdict.reason << " (" << verdict.words << ")";
   }
 
-  void CompareAll(const Rows& rows) {
+  // One row of so many, or all with QUENOR_NETWORK_FULL=1: behind the handshake the doctor asks the
+  // client itself.
+  void CompareAll(const Rows& rows, size_t one_of = 1) {
+    const char* const full = std::getenv("QUENOR_NETWORK_FULL");
+    if (full != nullptr && *full == '1') one_of = 1;
+    size_t count = 0;
     for (const Cell& cell : CellsOf(rows, peer_ != nullptr)) {
+      if (count++ % one_of != 0) continue;
       const RowServer server(cell.row, cell.protocol, certificates_, peer_.get());
       Way way;
       way.url = server.Url();
@@ -143,13 +150,13 @@ TEST_F(ReasonsTest, OfTcpAndTlsAreTheSameForClientAndDoctor) {
   CompareAll(TlsRows());
 }
 
-TEST_F(ReasonsTest, OfOddRepliesAreTheSameForClientAndDoctor) { CompareAll(ReplyRows()); }
+TEST_F(ReasonsTest, OfOddRepliesAreTheSameForClientAndDoctor) { CompareAll(ReplyRows(), 10); }
 
-TEST_F(ReasonsTest, OfHttp1AreTheSameForClientAndDoctor) { CompareAll(Http1Rows()); }
+TEST_F(ReasonsTest, OfHttp1AreTheSameForClientAndDoctor) { CompareAll(Http1Rows(), 10); }
 
 TEST_F(ReasonsTest, OfHttp2AreTheSameForClientAndDoctor) {
   if (peer_ == nullptr) GTEST_SKIP() << why_no_peer_;
-  CompareAll(Http2Rows());
+  CompareAll(Http2Rows(), 10);
 }
 
 // Nobody accepts, and there is no room for another connection: the attempt is never answered.
