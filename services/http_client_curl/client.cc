@@ -19,6 +19,7 @@
 #include "services/http_client_curl/engine.h"
 #include "services/http_client_curl/rules/settings_check.h"
 #include "services/http_client_curl/rules/syntax.h"
+#include "services/http_client_curl/thrift/spending.h"
 #include "services/http_client_curl/tls_openssl.h"
 
 QUENOR_NAMESPACE_BEGIN
@@ -30,6 +31,7 @@ using http_engine::kLogError;
 using http_engine::Transfer;
 
 constexpr char kLogFile[] = "services/http_client_curl/client";
+constexpr int kLogRefusal = 1;
 
 // What all clients of the process have in common, beside the engine.
 class InCommon {
@@ -77,9 +79,6 @@ class HttpClientCurl final : public HttpClient {
 
  private:
   int64_t StartRequest(const Request& request, CompletionCallback callback);
-  std::string PrepareProblem(const Request& request,
-                             std::shared_ptr<const ClientSettings>* settings,
-                             http_syntax::Headers* headers);
   // By which settings a request goes to `url`; empty when it can be sent there, else why not and
   // what to do.
   std::string UrlProblem(const std::string& url, std::shared_ptr<const ClientSettings>* settings)
@@ -138,13 +137,9 @@ std::string HttpClientCurl::UrlProblem(const std::string& url,
 
 // Empty, or why it cannot be sent and what to do. `*headers`: the request's, those of its settings
 // included, when it has others than these.
-std::string HttpClientCurl::PrepareProblem(const Request& request,
-                                           std::shared_ptr<const ClientSettings>* settings,
-                                           http_syntax::Headers* headers) {
-  std::string problem = http_syntax::RequestProblem(request);
-  if (problem.empty()) problem = UrlProblem(request.url, settings);
-  if (!problem.empty()) return problem;
-  const HttpSettings& values = (*settings)->values();
+std::string FindHeaders(const HttpClient::Request& request, const HttpSettings& values,
+                        http_syntax::Headers* headers) {
+  std::string problem;
   if (values.fresh_headers == nullptr && request.headers.empty()) return problem;
   *headers = values.headers;
   if (values.fresh_headers != nullptr) {
@@ -167,8 +162,20 @@ int64_t HttpClientCurl::SendRequest(const Request& request, CompletionCallback c
 int64_t HttpClientCurl::StartRequest(const Request& request, CompletionCallback callback) {
   Engine* engine = Engine::Get();
   std::shared_ptr<const ClientSettings> settings;
+  std::string problem = http_syntax::RequestProblem(request);
+  if (problem.empty()) problem = UrlProblem(request.url, &settings);
+  HttpCharge charge;
+  if (problem.empty() && HttpSpending::IsCapped()) {
+    const std::string cap = charge.Take(http_engine::ExpectedBytes(request, settings->values()));
+    if (!cap.empty()) {
+      if (engine->MayLog(cap)) {
+        LocalLog(kLogRefusal, kLogFile, __LINE__, "http: requests are held back: %s", cap.c_str());
+      }
+      return 0;
+    }
+  }
   http_syntax::Headers headers;
-  const std::string problem = PrepareProblem(request, &settings, &headers);
+  if (problem.empty()) problem = FindHeaders(request, settings->values(), &headers);
   if (!problem.empty()) {
     if (engine->MayLog(problem)) {
       LocalLog(kLogError, kLogFile, __LINE__, "http: cannot send: %s", problem.c_str());
@@ -190,6 +197,7 @@ int64_t HttpClientCurl::StartRequest(const Request& request, CompletionCallback 
   const int64_t id = NextRequestId();
   const uint32_t total_ms = settings->values().total_timeout_ms;
   transfer->request.request_id = id;
+  transfer->charged_bytes = charge.Release();
   transfer->callback = std::move(callback);
   transfer->started_ms = base::MonotonicMs();
   transfer->deadline_ms =

@@ -152,7 +152,7 @@ void SetExchangeOptions(const ClientSettings& settings, EasyOptions* options) {
   options->Set(CURLOPT_ACCEPT_ENCODING, nullptr);
   options->Set(CURLOPT_HTTP_CONTENT_DECODING, 0L);
   options->Set(CURLOPT_TCP_NODELAY, 1L);
-  options->Set(CURLOPT_TCP_KEEPALIVE, 1L);
+  options->Set(CURLOPT_TCP_KEEPALIVE, 0L);
   options->Set(CURLOPT_MAXAGE_CONN, kIdleReuseSeconds);
   options->Set(CURLOPT_FORBID_REUSE, values.keep_idle_connections ? 0L : 1L);
   options->Set(CURLOPT_CONNECT_TO, settings.connect_to);

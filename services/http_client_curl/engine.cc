@@ -204,6 +204,7 @@ void Engine::EndWork(Io* io) {
 // It, or the log's sink, may return in the child, too: there this thread ends.
 void Engine::Report(Io* io) {
   for (Transfer* transfer : io->finished) {
+    HttpSpending::Get().Settle(transfer->charged_bytes, transfer->moved);
     {
       base::AutoLock hold(lock_);
       StayWhileParked(io);

@@ -178,6 +178,7 @@ void Multi::CancelClosed(std::vector<Transfer*>* ended) {
 // An HTTP/1.1 connection in mid-exchange closes, an HTTP/2 stream is reset.
 void Multi::Finish(Transfer* transfer, std::vector<Transfer*>* ended) {
   curl_multi_remove_handle(multi_, transfer->easy);
+  transfer->CountMoved();
   Leave(transfer);
   if (transfer->state == HttpClient::State::kTimedOut ||
       transfer->state == HttpClient::State::kTooLarge || BrokeItsConnection(*transfer)) {

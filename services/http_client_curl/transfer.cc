@@ -18,6 +18,9 @@ namespace http_engine {
 namespace {
 
 constexpr uint32_t kKeptReceiveBytes = 4096;  // A receive buffer up to this size is recycled.
+// What a TLS handshake moves, about: 2,760 bytes were measured with TLS 1.3 and two RSA
+// certificates, 1,780 with two ECDSA ones, 724 when it was resumed; public ones are larger.
+constexpr uint64_t kHandshakeBytes = 4096;
 
 // Makes room for `more` bytes after those that arrived; false beyond the cap or without memory.
 bool ReserveBody(Transfer* transfer, uint64_t more) {
@@ -298,6 +301,42 @@ void Transfer::Conclude(CURLcode result) {
     limit = under_way ? HttpLimit::kLowSpeed : HttpLimit::kConnect;
   }
   SetStateOfLimit();
+}
+
+uint64_t ExpectedBytes(const HttpClient::Request& request, const HttpSettings& values) {
+  constexpr uint64_t kRestOfHead = 120;
+  uint64_t bytes = kRestOfHead + request.method.size() + request.url.size() +
+                   values.user_agent.size() + request.body.size();
+  for (const http_syntax::Headers* headers : {&values.headers, &request.headers}) {
+    for (const auto& [name, value] : *headers) bytes += name.size() + value.size() + 4;
+  }
+  return bytes;
+}
+
+void Transfer::CountMoved() {
+  long sent_at_first = 0;
+  long response_heads = 0;
+  long connections_made = 0;
+  curl_off_t up = 0;
+  curl_off_t down = 0;
+  curl_off_t connected_us = 0;
+  curl_easy_getinfo(easy, CURLINFO_REQUEST_SIZE, &sent_at_first);
+  curl_easy_getinfo(easy, CURLINFO_HEADER_SIZE, &response_heads);
+  curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &up);
+  curl_easy_getinfo(easy, CURLINFO_SIZE_DOWNLOAD_T, &down);
+  curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &connections_made);
+  curl_easy_getinfo(easy, CURLINFO_CONNECT_TIME_T, &connected_us);
+  moved.was_begun = true;
+  // What libcurl counts as the request is its head, a proxy's too, and as much of the body as went
+  // out with it, which is in `up` again.
+  if (sent_at_first > 0) {
+    const uint64_t head = ExpectedBytes(request, settings->values()) - request.body.size();
+    moved.bytes = std::max(static_cast<uint64_t>(sent_at_first), static_cast<uint64_t>(up) + head);
+  }
+  moved.bytes += static_cast<uint64_t>(response_heads + down);
+  // One that was refused, say, moved next to nothing.
+  if (connected_us > 0) moved.connections = static_cast<uint32_t>(connections_made);
+  if (settings->is_encrypted) moved.bytes += moved.connections * kHandshakeBytes;
 }
 
 void Transfer::GiveUpWaiting() {

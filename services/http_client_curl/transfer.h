@@ -18,6 +18,7 @@
 #include "services/http_client_curl/rules/syntax.h"
 #include "services/http_client_curl/sockets/connection_linux.h"
 #include "services/http_client_curl/sockets/sockets_linux.h"
+#include "services/http_client_curl/thrift/spending.h"
 
 QUENOR_NAMESPACE_BEGIN
 namespace http_engine {
@@ -51,6 +52,10 @@ struct Exchange : http_lines::Member {
   uint16_t socket_port = 0;     // Where the last new connection went; 0: there was none.
   bool repeat_refused = false;  // libcurl wanted to send again what had gone out already.
 
+  // What it costs.
+  uint64_t charged_bytes = 0;  // When it was taken.
+  HttpMoved moved;             // When libcurl had done with it.
+
   // How it ended.
   HttpClient::State state = HttpClient::State::kFailed;
   CURLcode code = CURLE_OK;
@@ -76,6 +81,8 @@ struct Transfer : Exchange {
   void Begin(Connections* of);
   // Decides the state from libcurl's result and completes the response.
   void Conclude(CURLcode result);
+  // Notes what libcurl has moved for it.
+  void CountMoved();
   // Its deadline passed before libcurl got it.
   void GiveUpWaiting();
   // How it ended; borrows from this.
@@ -112,6 +119,9 @@ struct Transfer : Exchange {
   void SetStateOfLimit();
   bool IsPastProxy() const;
 };
+
+// Of head and body; of headers that change, which a host is asked for late, nothing.
+uint64_t ExpectedBytes(const HttpClient::Request& request, const HttpSettings& values);
 
 }  // namespace http_engine
 QUENOR_NAMESPACE_END

@@ -38,6 +38,7 @@ struct FakeHttp::Core {
   std::vector<Sent> sent;
   std::map<size_t, OpenRequest> outstanding;
   std::deque<int64_t> next_ids;
+  std::function<bool(const HttpClient::Request&)> hold_back;
   std::function<void(const HttpClient::Request&)> on_send;
   std::function<void()> on_started;
   std::function<void()> on_client_destroyed;
@@ -48,11 +49,14 @@ struct FakeHttp::Core {
 
   int64_t Send(size_t client, const HttpClient::Request& request,
                HttpClient::CompletionCallback callback) {
+    std::function<bool(const HttpClient::Request&)> judge;
     std::function<void(const HttpClient::Request&)> watcher;
     {
       std::lock_guard<std::mutex> hold(mutex);
+      judge = hold_back;
       watcher = on_send;
     }
+    if (judge && judge(request)) return 0;
     if (watcher) watcher(request);
     std::unique_lock<std::mutex> hold(mutex);
     const int64_t id = NextId();
@@ -216,6 +220,11 @@ void FakeHttp::RefuseAll(int64_t id) {
 void FakeHttp::Accept() {
   std::lock_guard<std::mutex> hold(core_->mutex);
   core_->refusal_id = 1;
+}
+
+void FakeHttp::SetHoldBack(std::function<bool(const HttpClient::Request&)> hold_back) {
+  std::lock_guard<std::mutex> hold(core_->mutex);
+  core_->hold_back = std::move(hold_back);
 }
 
 void FakeHttp::SetOnSend(std::function<void(const HttpClient::Request&)> on_send) {

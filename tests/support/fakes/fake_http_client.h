@@ -55,7 +55,10 @@ class FakeHttp {
   // From now on every SendRequest() answers `id`; 0 or below can be taken back with Accept().
   void RefuseAll(int64_t id);
   void Accept();
-  // Called in each SendRequest(), on its thread, before anything else; null for nothing.
+  // What this answers true for is refused with 0 and not recorded, however often it is tried; null
+  // for nothing. Called in each SendRequest(), on its thread, before anything else.
+  void SetHoldBack(std::function<bool(const HttpClient::Request&)> hold_back);
+  // Called in each other SendRequest(), on its thread, before anything else; null for nothing.
   void SetOnSend(std::function<void(const HttpClient::Request&)> on_send);
   // Called in each SendRequest() that started a request, on its thread, once the request can be
   // answered; null for nothing.
