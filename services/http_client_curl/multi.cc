@@ -294,6 +294,7 @@ void Multi::CutIdle() {
 // It has no connection, so that nothing of it has gone out.
 bool Multi::BeginAnew(Transfer* transfer) {
   curl_multi_remove_handle(multi_, transfer->easy);
+  transfer->CountMoved();
   if (curl_multi_add_handle(multi_, transfer->easy) == CURLM_OK) return true;
   transfer->code = CURLE_OUT_OF_MEMORY;
   return false;

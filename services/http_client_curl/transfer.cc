@@ -331,12 +331,15 @@ void Transfer::CountMoved() {
   // out with it, which is in `up` again.
   if (sent_at_first > 0) {
     const uint64_t head = ExpectedBytes(request, settings->values()) - request.body.size();
-    moved.bytes = std::max(static_cast<uint64_t>(sent_at_first), static_cast<uint64_t>(up) + head);
+    moved.bytes += std::max(static_cast<uint64_t>(sent_at_first), static_cast<uint64_t>(up) + head);
   }
   moved.bytes += static_cast<uint64_t>(response_heads + down);
   // One that was refused, say, moved next to nothing.
-  if (connected_us > 0) moved.connections = static_cast<uint32_t>(connections_made);
-  if (settings->is_encrypted) moved.bytes += moved.connections * kHandshakeBytes;
+  if (connected_us == 0) return;
+  moved.connections += static_cast<uint32_t>(connections_made);
+  if (settings->is_encrypted) {
+    moved.bytes += static_cast<uint64_t>(connections_made) * kHandshakeBytes;
+  }
 }
 
 void Transfer::GiveUpWaiting() {

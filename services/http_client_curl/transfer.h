@@ -81,7 +81,7 @@ struct Transfer : Exchange {
   void Begin(Connections* of);
   // Decides the state from libcurl's result and completes the response.
   void Conclude(CURLcode result);
-  // Notes what libcurl has moved for it.
+  // Notes what libcurl has moved for it since it was given the handle, or this was called.
   void CountMoved();
   // Its deadline passed before libcurl got it.
   void GiveUpWaiting();

@@ -1,6 +1,10 @@
 // Caps of bytes, with real servers: what is over one is answered below 1 and goes later.
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <time.h>
+
+#include <atomic>
+#include <thread>
 
 #include "quenor_base/platform/http_thrift.h"
 #include "tests/integration/http_client_fixture.h"
@@ -9,9 +13,23 @@
 #include "tests/support/fakes/recording_log.h"
 #include "tests/support/forked.h"
 
+// The program is linked with --wrap=clock_gettime: the clock of the caps can be put ahead.
+namespace {
+std::atomic<int64_t> g_ahead_seconds{0};
+}
+extern "C" {
+int __real_clock_gettime(clockid_t clock, timespec* now);
+int __wrap_clock_gettime(clockid_t clock, timespec* now) {
+  const int result = __real_clock_gettime(clock, now);
+  if (clock == CLOCK_BOOTTIME) now->tv_sec += g_ahead_seconds.load();
+  return result;
+}
+}
+
 namespace quenor::test {
 namespace {
 
+constexpr int64_t kDaySeconds = 24 * 3600;
 constexpr uint64_t kHandshakeBytes = 4096;
 
 void AnswerEach(ScriptedServer::Connection& connection) {
@@ -21,7 +39,11 @@ void AnswerEach(ScriptedServer::Connection& connection) {
 
 class HttpClientThriftTest : public HttpClientTest {
  protected:
-  HttpClientThriftTest() : before_(GetHttpSpent()) {}
+  // A day and an hour later than any other test.
+  HttpClientThriftTest() {
+    g_ahead_seconds += 2 * kDaySeconds;
+    before_ = GetHttpSpent();
+  }
   ~HttpClientThriftTest() override { EXPECT_EQ(SetHttpThrift({}), ""); }
 
   // A day's cap that leaves so much.
@@ -35,7 +57,7 @@ class HttpClientThriftTest : public HttpClientTest {
             now.held_back - before_.held_back};
   }
 
-  const HttpSpent before_;
+  HttpSpent before_;
 };
 
 TEST_F(HttpClientThriftTest, OverTheCapIsAnsweredBelow1AndGoesLater) {
@@ -61,15 +83,16 @@ TEST_F(HttpClientThriftTest, OverTheCapIsAnsweredBelow1AndGoesLater) {
   ASSERT_EQ(lines.size(), 1u);  // Within a minute.
   EXPECT_EQ(lines[0].find("http: requests are held back: HttpThrift::bytes_per_day is "), 0u);
 
-  LeaveForDay(20 << 10);
+  g_ahead_seconds += kDaySeconds;  // The hour in which it went is not over by 24.
+  EXPECT_LT(Send(client.get(), more).id, 1);
+  g_ahead_seconds += 3600;
   EXPECT_EQ(Send(client.get(), more).status(), 200);
   EXPECT_EQ(Spent().exchanges, 3u);
   EXPECT_EQ(Spent().connections, 1u);
-  EXPECT_EQ(Spent().bytes, Spent().bytes_within_day);
+  EXPECT_GT(Spent().bytes, 20000 + kHandshakeBytes);
+  EXPECT_LT(Spent().bytes_within_day, 10400u);
 }
 
-// The bucket is paid off by its debt, and the clock is the system's: no request of this test may
-// wait for it.
 TEST_F(HttpClientThriftTest, ALargeRequestGoesAndTheSecondsAfterItArePaidFor) {
   const ScriptedServer server(&AnswerEach);
   const auto client = MakeClient();
@@ -80,11 +103,76 @@ TEST_F(HttpClientThriftTest, ALargeRequestGoesAndTheSecondsAfterItArePaidFor) {
   EXPECT_LT(Send(client.get(), MakeRequest(url, "x")).id, 1);  // For a day.
   EXPECT_NE(SetHttpThrift({0, 1}), "");
   EXPECT_LT(Send(client.get(), MakeRequest(url, "x")).id, 1);  // Nothing has changed.
+  g_ahead_seconds += 100000;
+  EXPECT_EQ(Send(client.get(), MakeRequest(url, "x")).status(), 200);
+  EXPECT_LT(Send(client.get(), MakeRequest(url, std::string(16384, 'x'))).id, 1);
   ASSERT_EQ(SetHttpThrift({}), "");
   EXPECT_EQ(Send(client.get(), MakeRequest(url, "x")).status(), 200);
-  EXPECT_EQ(Spent().held_back, 2u);
+  EXPECT_EQ(Spent().held_back, 3u);
   EXPECT_EQ(Spent().connections, 1u);
   EXPECT_LT(Spent().bytes, 101000u);  // No TLS, no handshake.
+}
+
+// Whatever part of a body goes out with the head, and whatever it goes over.
+TEST_F(HttpClientThriftTest, BodiesAreCountedOnce) {
+  for (const bool http2 : {false, true}) {
+    NginxServer::Options options;
+    options.certificate = &certificate_;
+    options.http2 = http2;
+    options.server_lines = "location / { return 200 'twelve bytes'; }";
+    const NginxServer server(options);
+    HttpClient::Config config;
+    config.enable_http2 = http2;
+    const auto client = MakeClient(TrustingDefaults(), config);
+    ASSERT_EQ(Send(client.get(), MakeRequest(server.Origin() + "/", "x")).status(), 200);
+    for (const size_t size : {0u, 100u, 15000u, 17000u, 60000u, 70000u, 500000u}) {
+      if (http2 && size > 65535) continue;  // Answered, and not read.
+      const HttpSpent before = GetHttpSpent();
+      const auto request = MakeRequest(server.Origin() + "/", std::string(size, 'x'));
+      ASSERT_EQ(Send(client.get(), request).status(), 200);
+      const HttpSpent after = GetHttpSpent();
+      EXPECT_EQ(after.connections, before.connections) << size;
+      EXPECT_GE(after.bytes - before.bytes, size + 200) << http2;
+      EXPECT_LE(after.bytes - before.bytes, size + 600) << http2;
+    }
+  }
+}
+
+// What is taken arrives, what is held back does not, and the sums are right.
+TEST_F(HttpClientThriftTest, ManyThreadsAndCapsThatChange) {
+  std::atomic<uint64_t> arrived{0};
+  const ScriptedServer server([&](ScriptedServer::Connection& connection) {
+    ReceivedRequest request;
+    while (connection.ReadRequest(&request)) {
+      ++arrived;
+      connection.Respond(200, "{}");
+    }
+  });
+  const auto client = MakeClient();
+  const std::string url = server.Origin() + "/";
+  std::atomic<uint64_t> taken{0};
+  std::atomic<uint64_t> held{0};
+  Exchanges exchanges;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 200; ++i) {
+        if (t == 0 && i % 20 == 0) LeaveForDay(i % 40 == 0 ? 20000 : 1000000);
+        const auto request = MakeRequest(url, std::string(1000, 'x'));
+        ++(client->SendRequest(request, exchanges.Note()) >= 1 ? taken : held);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  exchanges.WaitFor(taken);
+
+  for (const Outcome& outcome : exchanges.Take()) EXPECT_EQ(outcome.status(), 200);
+  EXPECT_EQ(arrived, taken);
+  EXPECT_EQ(Spent().exchanges, taken);
+  EXPECT_EQ(Spent().held_back, held);
+  EXPECT_EQ(Spent().bytes, Spent().bytes_within_day);
+  EXPECT_GT(Spent().bytes, taken * 1000);
+  EXPECT_LT(Spent().bytes, taken * 1400);
 }
 
 TEST_F(HttpClientThriftTest, WhatNeverWentIsGivenBack) {
