@@ -12,7 +12,8 @@ QUENOR_NAMESPACE_BEGIN
 // Any thread; never waits. Says that the network may have changed, as the operating system tells a
 // host: idle connections are closed, requests that have no connection yet are tried at once instead
 // of when their next attempt is due, and an exchange on a connection whose own address is gone from
-// this machine fails, so that it is repeated; all others go on. Once too often costs a handshake.
+// this machine fails, so that it is repeated; all others go on. Once too often costs a handshake;
+// more often than a handshake takes, and nothing connects.
 void NetworkChanged();
 
 // Any thread. Watches for that itself (on Linux by netlink), on the client's own thread, and acts

@@ -29,12 +29,22 @@ std::string AddressOf(const sockaddr* from) {
   return IN6_IS_ADDR_V4MAPPED(&v6->sin6_addr) ? bytes.substr(12) : bytes;
 }
 
-bool IsNewDefaultRoute(const nlmsghdr& message) {
-  if (message.nlmsg_type != RTM_NEWROUTE) return false;
-  if (message.nlmsg_len < NLMSG_LENGTH(sizeof(rtmsg))) return false;
-  rtmsg route;
-  std::memcpy(&route, NLMSG_DATA(&message), sizeof route);
-  return route.rtm_dst_len == 0 && route.rtm_type == RTN_UNICAST;
+// What tells a default route from others: gateway, interface and table, as the kernel's bytes.
+// Empty for all other messages.
+std::string DefaultRoute(const nlmsghdr& message) {
+  const bool is_route = message.nlmsg_type == RTM_NEWROUTE || message.nlmsg_type == RTM_DELROUTE;
+  if (!is_route || message.nlmsg_len < NLMSG_LENGTH(sizeof(rtmsg))) return std::string();
+  const auto* const route = static_cast<const rtmsg*>(NLMSG_DATA(&message));
+  if (route->rtm_dst_len != 0 || route->rtm_type != RTN_UNICAST) return std::string();
+  std::string key = "default";
+  auto left = static_cast<int>(RTM_PAYLOAD(&message));
+  for (const auto* each = RTM_RTA(route); RTA_OK(each, left); each = RTA_NEXT(each, left)) {
+    if (each->rta_type != RTA_GATEWAY && each->rta_type != RTA_OIF && each->rta_type != RTA_TABLE) {
+      continue;
+    }
+    key.append(reinterpret_cast<const char*>(each), each->rta_len);
+  }
+  return key;
 }
 
 }  // namespace
@@ -95,7 +105,13 @@ Watch::Change Watch::Look() {
     auto left = static_cast<unsigned>(size);
     for (auto* message = reinterpret_cast<const nlmsghdr*>(buffer); NLMSG_OK(message, left);
          message = NLMSG_NEXT(message, left)) {
-      is_gain = is_gain || IsNewDefaultRoute(*message);
+      const std::string route = DefaultRoute(*message);
+      if (route.empty()) continue;
+      if (message->nlmsg_type == RTM_DELROUTE) {
+        routes_.erase(route);
+      } else if (routes_.insert(route).second) {
+        is_gain = true;
+      }
     }
   }
   const std::set<std::string> before = std::exchange(addresses_, OwnAddresses(Of::kLinked));

@@ -33,13 +33,15 @@ class Watch {
   int fd() const { return fd_; }
   // Takes all that has been told, and answers what has come of it since the last call: kGain is an
   // address with a link, or a default route, that was not there; kLoss is one that has gone, and
-  // nothing gained. What the kernel only renews is neither.
+  // nothing gained. What the kernel only renews is neither,
+  // but for the first renewal of a route that was there before.
   enum class Change { kNone, kLoss, kGain };
   Change Look();
 
  private:
   int fd_ = -1;
   std::set<std::string> addresses_;
+  std::set<std::string> routes_;  // Default ones that have been told of.
 };
 
 }  // namespace http_network
