@@ -1,8 +1,10 @@
 // The run-time switch of the generated mutants: included first into every source of the copy that
 // scripts/generated_mutants.py builds, so that one build holds them all. QUENOR_MUTANT=N switches
 // number N on; QUENOR_MUTANTS_REACHED=FILE notes in byte N of that file that number N was executed.
+// A source in an older C++ than the library's has none: there this is empty.
 #ifndef TESTS_MUTANTS_SWITCH_H_
 #define TESTS_MUTANTS_SWITCH_H_
+#if __cplusplus >= 201703L
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -78,4 +80,5 @@ QUENOR_MUTANTS_RELATION(NotEqual, !=)
 
 }  // namespace quenor_mutants
 
+#endif  // __cplusplus
 #endif  // TESTS_MUTANTS_SWITCH_H_
