@@ -17,8 +17,8 @@ QUENOR_NAMESPACE_BEGIN
 // a request goes on charge with its own size, and when it has ended with what it really moved.
 struct HttpThrift {
   // On average. What was not used is saved up, as much as ten seconds bring, but 16 KiB at least:
-  // so much may go at once. A larger request goes when all of that is there, and is paid off
-  // afterwards. At most 1 GiB.
+  // so much may go at once. A request goes while any of that is left; what it has too much is paid
+  // off before the next one. At most 1 GiB.
   uint64_t bytes_per_second = 0;
   // In no 24 hours in a row more is begun: what goes out within an hour counts until 24 hours after
   // that hour's end. A request larger than this goes when nothing else counts. 16,384 at least,

@@ -135,8 +135,8 @@ std::string HttpClientCurl::UrlProblem(const std::string& url,
   return std::string();
 }
 
-// Empty, or why it cannot be sent and what to do. `*headers`: the request's, those of its settings
-// included, when it has others than these.
+// `*headers`: the request's, those of its settings included, when it has others than these. Empty,
+// or which the host gave that cannot be sent.
 std::string FindHeaders(const HttpClient::Request& request, const HttpSettings& values,
                         http_syntax::Headers* headers) {
   std::string problem;

@@ -204,12 +204,12 @@ void Engine::EndWork(Io* io) {
 // It, or the log's sink, may return in the child, too: there this thread ends.
 void Engine::Report(Io* io) {
   for (Transfer* transfer : io->finished) {
-    HttpSpending::Get().Settle(transfer->charged_bytes, transfer->moved);
     {
       base::AutoLock hold(lock_);
       StayWhileParked(io);
       DecideState(io, transfer);
     }
+    HttpSpending::Get().Settle(transfer->charged_bytes, transfer->moved);
     if (transfer->state != HttpClient::State::kCompleted &&
         transfer->state != HttpClient::State::kCancelled) {
       LogFailure(*transfer);

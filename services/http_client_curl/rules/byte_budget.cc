@@ -48,10 +48,7 @@ void ByteBudget::SetCaps(const HttpThrift& caps, int64_t now_ms) {
 ByteBudget::Cap ByteBudget::Take(uint64_t bytes, int64_t now_ms) {
   Turn(now_ms);
   Fill(now_ms);
-  if (caps_.bytes_per_second != 0) {
-    const uint64_t needed = std::min(bytes, BurstOf(caps_));
-    if (tokens_ < static_cast<int64_t>(needed) * kPerByte) return Cap::kSecond;
-  }
+  if (caps_.bytes_per_second != 0 && tokens_ <= 0) return Cap::kSecond;
   const bool fits = within_day_ == 0 || within_day_ + bytes <= caps_.bytes_per_day;
   if (caps_.bytes_per_day != 0 && !fits) return Cap::kDay;
   Settle(0, bytes, now_ms);

@@ -32,8 +32,9 @@ class ByteBudget {
   const HttpThrift& caps() const { return caps_; }
   bool has_cap() const { return caps_.bytes_per_second != 0 || caps_.bytes_per_day != 0; }
 
-  // Charges a request and answers kNone, or which cap holds it back. Each lets one go that is
-  // larger than it ever holds, once it is at its fullest.
+  // Charges a request and answers kNone, or which cap holds it back. The bucket lets each go while
+  // it is not empty, and a large one leaves a debt: waiting for more would let small ones of others
+  // keep it back for ever. The day lets one go that is larger than it when nothing else counts.
   Cap Take(uint64_t bytes, int64_t now_ms);
   // In place of what was taken for a request, what it has moved; either may be 0.
   void Settle(uint64_t taken, uint64_t moved, int64_t now_ms);
