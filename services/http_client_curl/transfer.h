@@ -42,7 +42,8 @@ struct Exchange : http_lines::Member {
   uint32_t header_lines = 0;
   bool headers_complete = false;       // Of the final answer.
   HttpLimit limit = HttpLimit::kNone;  // That ended it.
-  bool whole_early = false;            // The response was whole before the request was.
+  bool whole_early = false;            // The response was whole, and libcurl not at its end.
+  int64_t whole_since_ms = 0;
 
   // What has moved, to tell progress from spinning.
   curl_off_t body_bytes_moved = 0;
