@@ -112,13 +112,13 @@ TEST_F(HttpClientThriftTest, ALargeRequestGoesAndTheSecondsAfterItArePaidFor) {
   EXPECT_NE(SetHttpThrift({0, 1}), "");
   EXPECT_LT(Send(client.get(), MakeRequest(url, "x")).id, 1);  // Nothing has changed.
   g_ahead_seconds += 100000;
-  EXPECT_EQ(Send(client.get(), MakeRequest(url, "x")).status(), 200);
-  EXPECT_LT(Send(client.get(), MakeRequest(url, std::string(16384, 'x'))).id, 1);
+  EXPECT_EQ(Send(client.get(), MakeRequest(url, std::string(16384, 'x'))).status(), 200);
+  EXPECT_LT(Send(client.get(), MakeRequest(url, "x")).id, 1);
   ASSERT_EQ(SetHttpThrift({}), "");
   EXPECT_EQ(Send(client.get(), MakeRequest(url, "x")).status(), 200);
   EXPECT_EQ(Spent().held_back, 3u);
   EXPECT_EQ(Spent().connections, 1u);
-  EXPECT_LT(Spent().bytes, 101000u);  // No TLS, no handshake.
+  EXPECT_LT(Spent().bytes, 118000u);  // No TLS, no handshake.
 }
 
 // Whatever part of a body goes out with the head, and whatever it goes over.
