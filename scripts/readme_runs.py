@@ -103,7 +103,8 @@ class Run:
             return "its exit code is not what it said"
         if self.acknowledged > self.arrived:
             return "it said acknowledged, and nothing arrived"
-        if self.kept != self.in_cache:
+        # A busy machine may leave its thread a moment in which what was said to be kept is delivered.
+        if not self.in_cache <= self.kept <= self.in_cache + self.arrived:
             return f"it said {self.kept} kept, and its file holds {self.in_cache}"
         if self.lost == 0 and self.arrived + self.arrived_later == 0:
             return "it never arrived"
