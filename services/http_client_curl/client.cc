@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -135,21 +136,21 @@ std::string HttpClientCurl::UrlProblem(const std::string& url,
   return std::string();
 }
 
-// `*headers`: the request's, those of its settings included, when it has others than these. Empty,
-// or which the host gave that cannot be sent.
+// `*headers`: the request's, those of its settings included; not set when it has no others than
+// these. Empty, or which the host gave that cannot be sent.
 std::string FindHeaders(const HttpClient::Request& request, const HttpSettings& values,
-                        http_syntax::Headers* headers) {
+                        std::optional<http_syntax::Headers>* headers) {
   std::string problem;
   if (values.fresh_headers == nullptr && request.headers.empty()) return problem;
-  *headers = values.headers;
+  http_syntax::Headers all = values.headers;
   if (values.fresh_headers != nullptr) {
     http_syntax::Headers fresh;
     base::EndOnException("the host's fresh_headers", [&] { fresh = values.fresh_headers(); });
     problem = http_syntax::HeadersProblem(fresh);
     if (!problem.empty()) return "fresh_" + problem;
-    *headers = http_syntax::Merged(*headers, fresh);
+    all = http_syntax::Merged(all, fresh);
   }
-  *headers = http_syntax::Merged(*headers, request.headers);
+  *headers = http_syntax::Merged(all, request.headers);
   return problem;
 }
 
@@ -174,7 +175,7 @@ int64_t HttpClientCurl::StartRequest(const Request& request, CompletionCallback 
       return 0;
     }
   }
-  http_syntax::Headers headers;
+  std::optional<http_syntax::Headers> headers;
   if (problem.empty()) problem = FindHeaders(request, settings->values(), &headers);
   if (!problem.empty()) {
     if (engine->MayLog(problem)) {
@@ -184,8 +185,7 @@ int64_t HttpClientCurl::StartRequest(const Request& request, CompletionCallback 
   }
   Transfer* transfer = engine->Acquire();
   if (transfer == nullptr) return 0;
-  const bool has_own = !request.headers.empty() || settings->values().fresh_headers != nullptr;
-  if (!transfer->Prepare(state_, settings, request, has_own ? &headers : nullptr)) {
+  if (!transfer->Prepare(state_, settings, request, headers ? &*headers : nullptr)) {
     engine->GiveBack(transfer);
     if (engine->MayLog("options")) {
       LocalLog(kLogError, kLogFile, __LINE__,

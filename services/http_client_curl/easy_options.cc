@@ -132,13 +132,6 @@ bool SetAuthorities(const ClientSettings& settings, const TrustOptions& of, Easy
   return false;
 }
 
-bool AppendHeader(curl_slist** list, const std::string& line) {
-  curl_slist* longer = curl_slist_append(*list, line.c_str());
-  if (longer == nullptr) return false;
-  *list = longer;
-  return true;
-}
-
 }  // namespace
 
 void LookForSystemCaBelow(const std::string& root) { SystemCa::Get().SetRoot(root); }
@@ -225,6 +218,12 @@ bool HasHttp2() {
   return (features & CURL_VERSION_HTTP2) != 0;
 }
 
+bool AppendText(const std::string& text, curl_slist** list) {
+  curl_slist* const longer = curl_slist_append(*list, text.c_str());
+  if (longer != nullptr) *list = longer;
+  return longer != nullptr;
+}
+
 bool BuildHeaders(const std::map<std::string, std::string>& headers, bool sends_body,
                   curl_slist** list) {
   bool has_type = false;
@@ -233,11 +232,11 @@ bool BuildHeaders(const std::map<std::string, std::string>& headers, bool sends_
     has_type = has_type || EqualsNoCase(name, "content-type");
     has_expect = has_expect || EqualsNoCase(name, "expect");
     // libcurl reads "Name:" as "do not send Name", and "Name;" as an empty value.
-    if (!AppendHeader(list, value.empty() ? name + ";" : name + ": " + value)) return false;
+    if (!AppendText(value.empty() ? name + ";" : name + ": " + value, list)) return false;
   }
   if (!sends_body) return true;
-  if (!has_type && !AppendHeader(list, "Content-Type: application/octet-stream")) return false;
-  return has_expect || AppendHeader(list, "Expect:");
+  if (!has_type && !AppendText("Content-Type: application/octet-stream", list)) return false;
+  return has_expect || AppendText("Expect:", list);
 }
 
 QUENOR_NAMESPACE_END

@@ -60,6 +60,9 @@ void SetBody(const CopyOnWriteBuffer& body, EasyOptions* options);
 // Between two requests: one on a shared HTTP/2 connection leaves its upload buffer behind.
 void FreeUploadBuffer(CURL* easy);
 
+// False, and the list as it was, without memory.
+bool AppendText(const std::string& text, curl_slist** list);
+
 // Appends the request's headers to the list and, unless they say otherwise, the content type of a
 // body. "Expect" is taken away: libcurl would hold back a large body for a second. False without
 // memory.

@@ -14,12 +14,6 @@ int64_t NextSerial() {
   return last.fetch_add(1, std::memory_order_relaxed) + 1;  // relaxed: only uniqueness matters.
 }
 
-bool AppendText(const std::string& text, curl_slist** list) {
-  curl_slist* const longer = curl_slist_append(*list, text.c_str());
-  if (longer != nullptr) *list = longer;
-  return longer != nullptr;
-}
-
 }  // namespace
 
 HttpSets& HttpSets::Get() {

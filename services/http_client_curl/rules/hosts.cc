@@ -25,6 +25,13 @@ bool IsAlnum(char c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
+// A URL writes the '%' before a zone as "%25".
+std::string ZoneBehind(const std::string& text, size_t percent) {
+  std::string zone = text.substr(percent + 1);
+  if (zone.size() > 2 && zone.compare(0, 2, "25") == 0) zone.erase(0, 2);
+  return zone;
+}
+
 std::string Lower(std::string text) {
   for (char& c : text) c = http_syntax::LowerAscii(c);
   return text;
@@ -47,8 +54,7 @@ bool IsIpv6(const std::string& text) {
   in6_addr ignored;
   if (inet_pton(AF_INET6, text.substr(0, percent).c_str(), &ignored) != 1) return false;
   if (percent == std::string::npos) return true;
-  std::string zone = text.substr(percent + 1);
-  if (zone.size() > 2 && zone.compare(0, 2, "25") == 0) zone.erase(0, 2);
+  const std::string zone = ZoneBehind(text, percent);
   return !zone.empty() && zone.size() <= kMaxZoneBytes && IsZone(zone);
 }
 
@@ -65,8 +71,7 @@ std::string CanonicalIpv6(const std::string& text) {
     inet_ntop(AF_INET6, &address, canonical, sizeof(canonical));
   }
   if (percent == std::string::npos) return canonical;
-  std::string zone = text.substr(percent + 1);
-  if (zone.size() > 2 && zone.compare(0, 2, "25") == 0) zone.erase(0, 2);
+  const std::string zone = ZoneBehind(text, percent);
   return std::string(canonical) + '%' + zone;
 }
 
