@@ -9,6 +9,7 @@
 #include <string>
 #include <utility>
 
+#include "c/last_error.h"
 #include "c/sized.h"
 #include "c/transport.h"
 #include "quenor_base/platform/exception_barrier.h"
@@ -33,11 +34,6 @@ constexpr char kTransportsOwn[] =
 constexpr char kNoUrl[] =
     "url: it is none of the form https://HOST/PATH (or http://, unless require_tls is set); "
     "the old one stays";
-
-std::string& LastError() {
-  thread_local std::string error;
-  return error;
-}
 
 std::string TextOr(const char* text) { return text != nullptr ? text : ""; }
 
@@ -147,6 +143,11 @@ quenor_error With(quenor_reporter* reporter, Act act) {
 }
 
 }  // namespace
+
+std::string& LastError() {
+  thread_local std::string error;
+  return error;
+}
 
 void quenor_init(void* structure, size_t size) {
   if (structure == nullptr || size < sizeof size) return;

@@ -8,14 +8,14 @@ import sys
 import xml.etree.ElementTree as xml
 
 PREFIX = "quenor_"
-HANDLE = "quenor_reporter"
+HANDLES = ("quenor_headers", "quenor_reporter")
 
 
 def main():
     whole = xml.parse(sys.stdin)
     types = {node.get("id"): node for node in whole.iter() if node.get("id")}
     for node in types.values():
-        if node.get("name") == HANDLE and node.tag == "class-decl":
+        if node.get("name") in HANDLES and node.tag == "class-decl":
             node[:] = []
             node.attrib.pop("size-in-bits", None)
             node.set("is-declaration-only", "yes")

@@ -35,6 +35,12 @@ extern "C" {
 
 typedef struct quenor_reporter quenor_reporter;
 
+/* Of quenor/network.h and quenor/transport.h. */
+typedef struct quenor_header {
+  const char* name;
+  const char* value;
+} quenor_header;
+
 typedef enum quenor_error {
   QUENOR_OK = 0,
   QUENOR_BAD_ARGUMENT = 1, /* A null pointer, a null pointer with a size, a size that is none. */
@@ -54,8 +60,8 @@ QUENOR_API void quenor_init(void* structure, size_t size);
 
 /* A sentence for each; never null. */
 QUENOR_API const char* quenor_error_text(int error);
-/* What was wrong with this thread's last quenor_create() or quenor_set_url(), in one line; never
- * null. Valid until this thread calls one of them again. */
+/* What was wrong with this thread's last call that has answered QUENOR_BAD_OPTION, in one line;
+ * never null. Valid until this thread calls such a function again. */
 QUENOR_API const char* quenor_last_error(void);
 /* "0.1.0" */
 QUENOR_API const char* quenor_version(void);

@@ -25,11 +25,6 @@
 extern "C" {
 #endif
 
-typedef struct quenor_header {
-  const char* name;
-  const char* value;
-} quenor_header;
-
 /* Borrowed by start() until it returns. The library may append fields: `size` says what is there.
  */
 typedef struct quenor_request {
@@ -77,8 +72,9 @@ typedef struct quenor_transport {
 /* Has all requests of the process go through `transport`, which is copied; null: through the
  * library's own client again. Before the first reporter of the process is created: QUENOR_STOPPED
  * afterwards. QUENOR_BAD_ARGUMENT without a start(). The options that are the own client's
- * (`ca_file`, `client_certificate_file`, `client_key_file`) are then refused by quenor_create().
- * Once the process's exit handlers run, nothing of it is called any more. */
+ * (`ca_file`, `client_certificate_file`, `client_key_file`) are then refused by quenor_create(),
+ * and what quenor/network.h sets by it. Once the process's exit handlers run, nothing of it is
+ * called any more. */
 QUENOR_API quenor_error quenor_set_transport(const quenor_transport* transport);
 
 /* Ends the exchange `id`; a null `response`: it failed, nobody knows why. Copies what it

@@ -1,4 +1,4 @@
-"""The shared library, and its structures as the header quenor/reporter.h has them."""
+"""The shared library, and its structures as the headers quenor/reporter.h and network.h have them."""
 from __future__ import annotations
 
 import ctypes
@@ -24,6 +24,8 @@ class Tuning(ctypes.Structure):
 # Each call of these takes the interpreter's lock, on whichever thread of the library's it comes.
 ON_UPDATE = ctypes.CFUNCTYPE(None, c_void_p, POINTER(Update))
 ON_TUNING = ctypes.CFUNCTYPE(None, c_void_p, POINTER(Tuning))
+FRESH_HEADERS = ctypes.CFUNCTYPE(c_int, c_void_p, c_void_p)
+KEY_PASSPHRASE = ctypes.CFUNCTYPE(c_int, c_void_p, c_void_p, c_size_t)
 ON_LOG = ctypes.CFUNCTYPE(None, c_void_p, c_int, c_char_p, c_int, c_char_p, c_size_t)
 
 
@@ -47,6 +49,38 @@ class Outcome(ctypes.Structure):
                 ("dropped", c_uint64), ("kept", c_uint64), ("out", c_uint64)]
 
 
+class Header(ctypes.Structure):
+    _fields_ = [("name", c_char_p), ("value", c_char_p)]
+
+
+class Http(ctypes.Structure):
+    _fields_ = [("size", c_size_t), ("ca_file", c_char_p), ("ca_folder", c_char_p),
+                ("ca_pem", c_char_p), ("pinned_public_keys", POINTER(c_char_p)),
+                ("pinned_public_key_count", c_size_t), ("client_certificate_file", c_char_p),
+                ("client_certificate_pem", c_char_p), ("client_key_file", c_char_p),
+                ("client_key_pem", c_char_p), ("key_passphrase", KEY_PASSPHRASE),
+                ("user_agent", c_char_p), ("connect_timeout_ms", c_uint32),
+                ("total_timeout_ms", c_uint32), ("low_speed_bytes_per_second", c_uint32),
+                ("low_speed_seconds", c_uint32), ("max_response_body_bytes", c_uint32),
+                ("max_response_header_bytes", c_uint32), ("max_connections_per_host", c_uint32),
+                ("require_tls", c_int), ("close_idle_connections", c_int),
+                ("headers", POINTER(Header)), ("header_count", c_size_t),
+                ("fresh_headers", FRESH_HEADERS), ("context", c_void_p), ("proxy_url", c_char_p),
+                ("proxy_user", c_char_p), ("proxy_password", c_char_p),
+                ("proxy_ca_file", c_char_p), ("proxy_except", POINTER(c_char_p)),
+                ("proxy_except_count", c_size_t), ("proxy_from_environment", c_int),
+                ("connect_to", POINTER(c_char_p)), ("connect_to_count", c_size_t)]
+
+
+class Thrift(ctypes.Structure):
+    _fields_ = [("size", c_size_t), ("bytes_per_second", c_uint64), ("bytes_per_day", c_uint64)]
+
+
+class Spent(ctypes.Structure):
+    _fields_ = [("size", c_size_t), ("bytes", c_uint64), ("bytes_within_day", c_uint64),
+                ("exchanges", c_uint64), ("connections", c_uint64), ("held_back", c_uint64)]
+
+
 # Name: what it answers, what it takes.
 FUNCTIONS = {
     "quenor_error_text": (c_char_p, [c_int]),
@@ -64,6 +98,14 @@ FUNCTIONS = {
     "quenor_report_interval_ms": (c_int, [c_void_p, POINTER(c_uint32)]),
     "quenor_metrics": (c_size_t, [c_void_p, c_size_t]),
     "quenor_set_log": (None, [ON_LOG, c_void_p]),
+    "quenor_set_http": (c_int, [c_char_p, POINTER(Http)]),
+    "quenor_reset_http": (c_int, [c_char_p]),
+    "quenor_add_header": (c_int, [c_void_p, c_char_p, c_char_p]),
+    "quenor_withdraw_fresh_headers": (c_size_t, [FRESH_HEADERS]),
+    "quenor_network_changed": (None, []),
+    "quenor_watch_network": (c_int, [c_int]),
+    "quenor_set_thrift": (c_int, [POINTER(Thrift)]),
+    "quenor_get_spent": (c_int, [POINTER(Spent)]),
 }
 
 

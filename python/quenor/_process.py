@@ -17,7 +17,7 @@ import sys
 import threading
 import time
 import weakref
-from typing import Iterator, NamedTuple, Protocol
+from typing import Callable, Iterator, NamedTuple, Protocol
 
 from quenor._library import ON_LOG, c, metrics, text
 
@@ -27,6 +27,10 @@ logger = logging.getLogger("quenor")
 # ends inside of one takes the process along.
 _CALLBACK_PATIENCE_S = 5.0
 _LOG_PATIENCE_S = 0.05
+
+
+# Of callbacks that are no reporter's: each keeps further calls away, and answers how many still run.
+keep_away: list[Callable[[], int]] = []
 
 
 class Line(NamedTuple):
@@ -60,7 +64,7 @@ class Process:
         self.thread = threading.Thread(target=self._work, daemon=True, name="quenor-log")
 
     def begin(self) -> None:
-        """Before each reporter is made."""
+        """Before each reporter is made, and whatever else may call back."""
         self.destroy_dropped()
         with self.lock:
             if self.has_begun:
@@ -95,6 +99,8 @@ class Process:
 
     def _may_call_back(self) -> bool:
         """A reporter is in the books until its last callback has returned."""
+        if any([act() for act in keep_away]):
+            return True
         if not self.names_with_callbacks:
             return False
         books = metrics()

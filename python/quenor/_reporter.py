@@ -10,19 +10,18 @@ import os
 import time
 import weakref
 from types import TracebackType
-from typing import Any, Callable, Literal, NoReturn, Union
+from typing import Any, Callable, Literal, NoReturn
 
 from quenor import _library, _process
 from quenor._errors import BadOption, Forked, Stopped, check
 from quenor._library import c, text
+from quenor._values import MOST_32, Path, encoded, number
 
-Path = Union[str, "os.PathLike[str]"]
 Cache = Literal["none", "file", "mapped"]
 Durability = Literal["process", "started", "on_disk"]
 
 _CACHES = (None, "none", "file", "mapped")  # As the C interface counts them.
 _DURABILITIES = (None, "process", "started", "on_disk")
-_MOST_32 = 2**32 - 1
 _SLICE_S = 0.1  # A wait comes back so often for signals, such as Ctrl-C.
 _CALL_PATIENCE_S = 1.0  # Far above any call's time, on a busy machine, too.
 
@@ -70,21 +69,6 @@ class Outcome:
         return self.rejected + self.dropped + self.kept + self.out == 0
 
 
-def _number(name: str, value: int, least: int = 0, most: int = _MOST_32) -> int:
-    if not isinstance(value, int) or not least <= value <= most:
-        raise BadOption(f"{name}: {value!r} is not a whole number from {least} to {most}")
-    return value
-
-
-def _text(name: str, value: Path | None) -> bytes | None:
-    if value is None:
-        return None
-    encoded = os.fsencode(value)
-    if b"\0" in encoded:
-        raise BadOption(f"{name}: there is a NUL in {value!r}; take it out")
-    return encoded
-
-
 def _choice(name: str, value: str | None, choices: tuple[str | None, ...]) -> int:
     if value not in choices:
         raise BadOption(f"{name}: {value!r} is none of {', '.join(filter(None, choices))}")
@@ -94,7 +78,7 @@ def _choice(name: str, value: str | None, choices: tuple[str | None, ...]) -> in
 def _milliseconds(name: str, seconds: float) -> int:
     if not seconds >= 0:
         raise ValueError(f"{name}: {seconds!r} seconds is no time to wait; give 0 or more")
-    return math.ceil(min(seconds * 1000, _MOST_32))
+    return math.ceil(min(seconds * 1000, MOST_32))
 
 
 class Reporter:
@@ -137,19 +121,19 @@ class Reporter:
         _milliseconds("exit_timeout_s", exit_timeout_s)
         options = _library.Options(
             size=ctypes.sizeof(_library.Options),
-            name=_text("name", name), url=_text("url", url), http1_only=not http2,
+            name=encoded("name", name), url=encoded("url", url), http1_only=not http2,
             compress=bool(compress),
-            send_limit=0 if send_limit is None else _number("send_limit", send_limit, 1),
-            send_interval_ms=_number("send_interval_ms", send_interval_ms),
+            send_limit=0 if send_limit is None else number("send_limit", send_limit, 1),
+            send_interval_ms=number("send_interval_ms", send_interval_ms),
             cache=_choice("cache", cache, _CACHES),
             durability=_choice("durability", durability, _DURABILITIES),
-            folder=_text("folder", folder), proxy_host=_text("proxy_host", proxy_host),
-            proxy_port=_number("proxy_port", proxy_port, most=65535),
-            proxy_user=_text("proxy_user", proxy_user),
-            proxy_password=_text("proxy_password", proxy_password),
-            ca_file=_text("ca_file", ca_file),
-            client_certificate_file=_text("client_certificate_file", client_certificate_file),
-            client_key_file=_text("client_key_file", client_key_file),
+            folder=encoded("folder", folder), proxy_host=encoded("proxy_host", proxy_host),
+            proxy_port=number("proxy_port", proxy_port, most=65535),
+            proxy_user=encoded("proxy_user", proxy_user),
+            proxy_password=encoded("proxy_password", proxy_password),
+            ca_file=encoded("ca_file", ca_file),
+            client_certificate_file=encoded("client_certificate_file", client_certificate_file),
+            client_key_file=encoded("client_key_file", client_key_file),
             require_tls=bool(require_tls))
         if on_update is not None:
             options.on_update = _tell_update
@@ -215,10 +199,10 @@ class Reporter:
         return _outcome_of(outcome)
 
     def set_send_interval(self, send_interval_ms: int) -> None:
-        self._call(c.quenor_set_send_interval, _number("send_interval_ms", send_interval_ms))
+        self._call(c.quenor_set_send_interval, number("send_interval_ms", send_interval_ms))
 
     def set_url(self, url: str) -> None:
-        self._call(c.quenor_set_url, _text("url", url))
+        self._call(c.quenor_set_url, encoded("url", url))
 
     @property
     def report_interval_ms(self) -> int:

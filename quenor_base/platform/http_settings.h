@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -68,8 +69,8 @@ struct HttpSettings {
   std::map<std::string, std::string> headers;
   // Headers that change, as a token that expires does: asked for each request, before it is sent,
   // on the thread that sends it, and must not block. They win over `headers`. What HTTP forbids has
-  // SendRequest() answer below 1. Null: none.
-  std::function<std::map<std::string, std::string>()> fresh_headers;
+  // SendRequest() answer below 1, as an empty optional does: there are none now. Null: none.
+  std::function<std::optional<std::map<std::string, std::string>>()> fresh_headers;
 
   // False: a connection is closed after its exchange.
   bool keep_idle_connections = true;

@@ -144,11 +144,12 @@ std::string FindHeaders(const HttpClient::Request& request, const HttpSettings& 
   if (values.fresh_headers == nullptr && request.headers.empty()) return problem;
   http_syntax::Headers all = values.headers;
   if (values.fresh_headers != nullptr) {
-    http_syntax::Headers fresh;
+    std::optional<http_syntax::Headers> fresh;
     base::EndOnException("the host's fresh_headers", [&] { fresh = values.fresh_headers(); });
-    problem = http_syntax::HeadersProblem(fresh);
+    if (!fresh) return "the host's fresh_headers has none now; see why it does not";
+    problem = http_syntax::HeadersProblem(*fresh);
     if (!problem.empty()) return "fresh_" + problem;
-    all = http_syntax::Merged(all, fresh);
+    all = http_syntax::Merged(all, *fresh);
   }
   *headers = http_syntax::Merged(all, request.headers);
   return problem;

@@ -330,6 +330,9 @@ class HttpProxyTest(proxies.ProxyCase):
         self.assertLessEqual(sum(accepted.values()) - len(accepted), counts["failed"])
         self.check_secrets()
 
+    def test_host_in_c_with_a_header(self):
+        self.check_host(os.environ["QUENOR_C_HOST"])
+
     def test_channel_through_microsocks(self):
         self.check_channel(proxies.Microsocks)
 

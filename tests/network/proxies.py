@@ -61,6 +61,29 @@ class ProxyCase(support.Case):
         self.assertEqual(0, self.on_loopback())
 
 
+    def check_host(self, *command):
+        """What a host reports arrives through a proxy and with a token, or not at all."""
+        reason = why_missing("tinyproxy")
+        if reason:
+            self.skipTest(reason)
+        proxy = self.ending(Tinyproxy(self.folder, self.away, FIRST), "end").start()
+        self.nginx(SERVER, 8443, 'set $both "$http_authorization $http_x_host"; '
+                   'if ($both != "Bearer t0ken host") { return 401; } return 200;', self.away)
+        for token, password, wanted in (("t0ken", PASSWORD, "acknowledged=1 dropped=0 exchanges=1"),
+                                        ("other", PASSWORD, "acknowledged=0 dropped=1 exchanges=1"),
+                                        ("t0ken", WRONG, "acknowledged=0 dropped=1 exchanges=1")):
+            host = support.Child(
+                [*command, f"https://{NAME}:8443/", proxy.url("login"), USER, password,
+                 self.folder + "/ca.pem", token, self.folder + "/state"],
+                self.home, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            said, errors = (text.decode() for text in self.ending(host, "kill").process.communicate(
+                timeout=support.PATIENCE_S))
+            self.assertEqual(wanted, said.strip(), errors)
+            for secret in ("t0ken", PASSWORD, WRONG):
+                self.assertNotIn(secret, errors)
+            self.check_only(f"{FIRST}:{proxy.ports['login']}", moment=f" {token} {wanted}")
+
+
 class Proxy:
     """A proxy that listens at `address` of `namespace` while it is started, with its configuration
     and what it says in a folder of its own. Keeps its ports from one start to the next."""

@@ -7,6 +7,8 @@ _network = importlib.util.module_from_spec(_spec)
 _spec.loader.exec_module(_network)
 Child, Collector, PATIENCE_S, FULL = _network.Child, _network.Collector, _network.PATIENCE_S, _network.FULL
 main, sha256, wait_until = _network.main, _network.sha256, _network.wait_until
+has_listener, make_certificates, say = _network.has_listener, _network.make_certificates, _network.say
+sys.path.append(str(HERE.parent / "network"))  # The proxies.
 
 DEAD = "http://127.0.0.1:1/"  # Nobody listens there, or may.
 # One for the process: all of its reporters share it.

@@ -74,7 +74,8 @@ class WheelTest(support.Case):
     def test_structures_are_the_headers(self):
         from quenor import _library
         lines, mine = [], []
-        for name in ("Update", "Tuning", "Options", "SendOptions", "Outcome"):
+        for name in ("Update", "Tuning", "Options", "SendOptions", "Outcome", "Header",
+                     "Http", "Thrift", "Spent"):
             structure = getattr(_library, name)
             theirs = "quenor_" + re.sub(r"\B(?=[A-Z])", "_", name).lower()
             for field, _ in structure._fields_:
@@ -83,7 +84,7 @@ class WheelTest(support.Case):
             lines.append(f"sizeof({theirs})")
             mine.append(ctypes.sizeof(structure))
         source = pathlib.Path(self.folder, "layout.c")
-        source.write_text('#include <stdio.h>\n#include "quenor/reporter.h"\nint main(void) {\n' +
+        source.write_text('#include <stdio.h>\n#include "quenor/network.h"\nint main(void) {\n' +
                           "".join(f'printf("%zu\\n", {line});\n' for line in lines) + "return 0; }\n")
         self.run_alone("cc", "-I", ROOT / "c", source, "-o", "layout")
         theirs = [int(line) for line in self.run_alone("./layout").split()]
@@ -98,13 +99,17 @@ class WheelTest(support.Case):
                         "    number: int = reporter.send(b'x', now=True)\n"
                         "    reporter.send('text')\n"
                         "    kept: str = reporter.stop(1).kept\n"
-                        "quenor.Reporter('a', 'https://b/', cache='disk')\n")
+                        "quenor.Reporter('a', 'https://b/', cache='disk')\n"
+                        "quenor.set_http('https://b', headers={'A': 'b'}, proxy_except=['c'],\n"
+                        "                fresh_headers=lambda: {'A': 'b'}, ca_pem=b'')\n"
+                        "quenor.set_http(fresh_headers=lambda: 'A')\n"
+                        "used: str = quenor.spent().bytes\n")
         cache = pathlib.Path(self.folder, "cache")
         self.run_alone("mypy", "--strict", "--cache-dir", cache, ROOT / "python/quenor")
         done = subprocess.run(["mypy", "--strict", "--cache-dir", cache, user], cwd=self.folder,
                               env={**os.environ, "MYPYPATH": ROOT / "python"},
                               capture_output=True, text=True)
-        self.assertEqual(["4", "5", "6"], re.findall(r"^user.py:(\d+): error", done.stdout, re.M),
+        self.assertEqual(["4", "5", "6", "9", "9", "10"], re.findall(r"^user.py:(\d+): error", done.stdout, re.M),
                          done.stdout + done.stderr)
 
 

@@ -7,6 +7,7 @@
 #include <string.h>
 #include <time.h>
 
+#include "quenor/network.h"
 #include "quenor/transport.h"
 
 enum { kThreads = 8, kShared = 3, kCallsBetweenLooks = 64 };
@@ -169,13 +170,44 @@ static void send_some(thread_state* state, quenor_reporter* one) {
               next(state, 2) == 0 ? NULL : &id);
 }
 
+static int fresh_headers(void* context, quenor_headers* to) {
+  quenor_add_header(to, context, context);
+  return 0;
+}
+
+/* Beside a transport most of it is refused. */
+static void set_network(thread_state* state) {
+  const char* const texts[] = {"a", text(state)};
+  quenor_http http;
+  quenor_thrift thrift;
+  quenor_spent spent;
+  QUENOR_INIT(&http);
+  QUENOR_INIT(&thrift);
+  QUENOR_INIT(&spent);
+  http.total_timeout_ms = next(state, 2) * 50000;
+  if (next(state, 4) == 0) http.size = next(state, (uint32_t)sizeof http);
+  if (next(state, 4) == 0) http.ca_pem = text(state);
+  if (next(state, 4) == 0) http.proxy_url = text(state);
+  if (next(state, 4) == 0) http.header_count = next(state, 3);
+  if (next(state, 4) == 0) http.connect_to = texts, http.connect_to_count = next(state, 3);
+  if (next(state, 4) == 0) http.fresh_headers = fresh_headers, http.context = &state->calls;
+  quenor_set_http(next(state, 2) == 0 ? NULL : text(state), next(state, 20) == 0 ? NULL : &http);
+  quenor_reset_http(text(state));
+  quenor_withdraw_fresh_headers(fresh_headers);
+  quenor_network_changed();
+  if (quenor_watch_network(1) != QUENOR_BAD_OPTION) abort();
+  quenor_set_thrift(next(state, 2) == 0 ? NULL : &thrift);
+  quenor_get_spent(next(state, 2) == 0 ? NULL : &spent);
+  quenor_add_header(NULL, NULL, NULL);
+}
+
 static void ask(thread_state* state, quenor_reporter* one) {
   char metrics[64];
   uint32_t interval;
   quenor_outcome outcome;
   QUENOR_INIT(&outcome);
   if (next(state, 20) == 0) outcome.size = next(state, (uint32_t)sizeof outcome);
-  switch (next(state, 12)) {
+  switch (next(state, 13)) {
     case 0:
       quenor_flush(one, next(state, 5), next(state, 2) == 0 ? NULL : &outcome);
       break;
@@ -208,6 +240,9 @@ static void ask(thread_state* state, quenor_reporter* one) {
       break;
     case 10:
       if (quenor_set_transport(NULL) != QUENOR_STOPPED) abort();
+      break;
+    case 11:
+      set_network(state);
       break;
     default:
       quenor_init(next(state, 2) == 0 ? NULL : &outcome, next(state, (uint32_t)sizeof outcome));
