@@ -224,6 +224,17 @@ TEST_F(HttpClientProcessTest, ChildThatReturnsFromACallbackLeavesTheParentsReque
       << Output();
 }
 
+TEST_F(HttpClientProcessTest, WatchingTheNetworkStandsInTheWayOfNoExitAndNoFork) {
+  NginxServer server(NginxOptions(true));
+  for (const char* const mode :
+       {"exit-in-flight", "exit-while-busy", "exit-inside-callback", "fork", "fork-while-busy"}) {
+    EXPECT_EQ(Run(mode, server.Origin() + "/",
+                  {"QUENOR_TEST_WATCH=1", "QUENOR_TEST_HTTP2=1", "ASAN_OPTIONS=detect_leaks=0"}),
+              0)
+        << mode << ": " << Output();
+  }
+}
+
 // ---- Cost ---------------------------------------------------------------------------------------
 
 TEST_F(HttpClientProcessTest, SteadyExchangeStaysWithinItsAllocations) {

@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "quenor_base/platform/http_client.h"
+#include "quenor_base/platform/network_change.h"
 #include "tests/integration/support/counted_calls.h"
 #include "tests/integration/support/traced_getenv.h"
 #include "tests/support/forked.h"
@@ -252,14 +253,28 @@ int ThrowInsideCallback() {
   for (;;) pause();
 }
 
+// Sockets through which the kernel tells of the network.
+int NetlinkSockets() {
+  int count = 0;
+  for (int fd = 0; fd < 100; ++fd) {
+    sockaddr_storage address{};
+    socklen_t size = sizeof address;
+    auto* const any = reinterpret_cast<sockaddr*>(&address);
+    count += getsockname(fd, any, &size) == 0 && address.ss_family == AF_NETLINK;
+  }
+  return count;
+}
+
 // A child inherits a client in use, sends with it and with one of its own, and exits; the parent
-// then goes on.
+// then goes on. Where the parent watches the network, the child does so by a socket of its own.
 int Fork() {
   const auto client = HttpClientFactory::Create(g_config);
   if (!Post(client.get())) return 1;
+  const int watches = NetlinkSockets();
   const int code = test::ResultOfChild([&]() -> int {
     const auto own = HttpClientFactory::Create(g_config);
-    std::exit(Post(client.get()) && Post(own.get()) && !IoThreadFolder().empty() ? 0 : 2);
+    if (!Post(client.get()) || !Post(own.get()) || IoThreadFolder().empty()) std::exit(2);
+    std::exit(NetlinkSockets() == 2 * watches ? 0 : 4);
   });
   return code != 0 ? code : Post(client.get()) ? 0 : 3;
 }
@@ -487,6 +502,7 @@ int Main(int argc, char** argv) {
     std::fprintf(stderr, "%s\n", problem.c_str());
     return 64;
   }
+  if (std::getenv("QUENOR_TEST_WATCH") != nullptr && !WatchNetwork(true).empty()) return 64;
   return mode->second();
 }
 
