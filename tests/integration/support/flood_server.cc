@@ -55,18 +55,18 @@ const std::vector<Flood>& Floods() {
       {"Ping", Frame(6, 0, 0, "12345678"), true},
       {"Settings", Frame(4, 0, 0, ""), true},
       // By then the client reads without a pause.
-      {"CancelledStream", Many(Frame(0x42, 0, 0, ""), 8 << 20) + Frame(3, 0, 1, Zeros(3) + "\x08"),
-       true},
+      {"CancelledStream", Frame(3, 0, 1, Zeros(3) + "\x08"), true, 8 << 20},
   };
   return floods;
 }
 
 FloodServer::FloodServer(const Flood& flood, const Certificate& certificate)
-    : server_([this, frame = flood.frame](Connection& connection) { Serve(connection, frame); },
-              &certificate, /*http2*/ true) {}
+    : server_([this, flood](Connection& connection) { Serve(connection, flood); }, &certificate,
+              /*http2*/ true) {}
 
-void FloodServer::Serve(Connection& connection, const std::string& frame) {
-  const std::string many = Many(frame, 1 << 18);
+void FloodServer::Serve(Connection& connection, const Flood& flood) {
+  const std::string lead = Many(Frame(0x42, 0, 0, ""), flood.lead_bytes);
+  const std::string many = Many(lead + flood.frame, 1 << 18);
   size_t written = 0;
   if (connection.Write(Frame(4, 0, 0, "")) && ReadRequest(connection) &&
       connection.Write(Frame(1, 4, 1, "\x88"))) {  // Status 200, and no end of the stream.

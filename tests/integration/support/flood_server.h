@@ -17,6 +17,7 @@ struct Flood {
   const char* name;
   std::string frame;
   bool is_limited = false;  // Limited by HTTP/2 itself: nghttp2 may end stream or connection first.
+  size_t lead_bytes = 0;    // At least so much of another flood goes ahead of each `frame`.
 };
 inline void PrintTo(const Flood& flood, std::ostream* out) { *out << flood.name; }
 
@@ -36,7 +37,7 @@ class FloodServer {
   }
 
  private:
-  void Serve(ScriptedServer::Connection& connection, const std::string& frame);
+  void Serve(ScriptedServer::Connection& connection, const Flood& flood);
 
   std::atomic<bool> is_told_{false};
   std::promise<void> flooding_;
