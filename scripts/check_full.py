@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """check_full.py: every part of ./dev check --full, each in a process of its own, whatever the others
-came to; at the end one table of what they came to and how long they took.
+came to; at the end one table of what they came to, how long they took and how much of a processor.
 
 usage: scripts/check_full.py [PART...]    (all of them; ./dev check --part PART runs one bare)
 Two parts run at a time, the longest first: most of them use one core at most, or wait. What a part
@@ -44,7 +44,8 @@ COUNTS = re.compile(r"^(?:tests|check|mutants): (\d+) (?:passed|killed), (\d+) (
 
 class Part:
     def __init__(self, name):
-        self.name, self.counts, self.minutes = name, [0, 0, 0], 0.0
+        self.name, self.counts = name, [0, 0, 0]
+        self.minutes = self.processor_minutes = 0.0
         self.told = []
 
     def run(self):
@@ -64,13 +65,16 @@ class Part:
                     counted = True
                     self.counts = [sum(pair) for pair in zip(
                         self.counts, (int(count or 0) for count in found.groups()))]
-        good = part.wait() == 0
+        _, status, usage = os.wait4(part.pid, 0)  # With all that it has waited for itself.
+        part.returncode = os.waitstatus_to_exitcode(status)
+        good = part.returncode == 0
         # A part that does not count is one check; one may fail in what it does not count.
         if not counted and good:
             self.counts[0] = 1
         if not good and self.counts[1] == 0:
             self.counts[1] = 1
         self.minutes = (time.monotonic() - began) / 60
+        self.processor_minutes = (usage.ru_utime + usage.ru_stime) / 60
         self.tell(good)
 
     def tell(self, good):
@@ -81,8 +85,8 @@ class Part:
 
     def row(self):
         passed, failed, skipped = self.counts
-        return (f"{self.name:10}{passed:8}{failed:8}{skipped:9}{self.minutes:9.1f}  "
-                f"{PARTS[self.name]}")
+        return (f"{self.name:10}{passed:8}{failed:8}{skipped:9}{self.minutes:9.1f}"
+                f"{self.processor_minutes:11.1f}  {PARTS[self.name]}")
 
 
 def main(names):
@@ -94,7 +98,7 @@ def main(names):
     os.makedirs("build/check", exist_ok=True)
     os.environ["QUENOR_CHECK_RUN"] = f"{os.getpid()} {time.time()}"  # ./dev builds once in a run.
     parts = [Part(name) for name in PARTS if not names or name in names]
-    head = f"{'part':10}{'passed':>8}{'failed':>8}{'skipped':>9}{'minutes':>9}"
+    head = f"{'part':10}{'passed':>8}{'failed':>8}{'skipped':>9}{'minutes':>9}{'processor':>11}"
     print(f"      {head}", flush=True)
     beside = [threading.Thread(target=part.run) for part in parts if part.name == BESIDE]
     for thread in beside:
