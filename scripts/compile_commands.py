@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""compile_commands.py TREE OPTION...: runs every compile command of a build tree, with these options
+"""compile_commands.py TREE [OPTION...]: runs every compile command of a build tree, with these options
 added, as many at a time as there are processors. Exit code: 0 all succeeded, 1 not."""
 import concurrent.futures
 import json
