@@ -24,7 +24,23 @@ constexpr uint32_t kAmpleMs = 20000;  // Never reached.
 constexpr uint32_t kShortMs = 1500;   // Reached by what is slow, and by that alone.
 constexpr char kBody[] = R"({"quenor_doctor":"probe"})";
 
-void IgnoreLine(void*, int, const char*, int, const char*, size_t) {}
+// What the client has logged last.
+class LastLine {
+ public:
+  static void Sink(void* last, int, const char*, int, const char* text, size_t size) {
+    auto* const line = static_cast<LastLine*>(last);
+    std::lock_guard<std::mutex> hold(line->mutex_);
+    line->text_.assign(text, size);
+  }
+  std::string text() {
+    std::lock_guard<std::mutex> hold(mutex_);
+    return text_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::string text_;  // Guarded by `mutex_`.
+};
 
 // Where a report is to go, and how.
 struct Way {
@@ -44,7 +60,7 @@ class ReasonsTest : public ::testing::Test {
  protected:
   ReasonsTest() : why_no_peer_(PeerProcess::WhyNot()) {
     if (why_no_peer_.empty()) peer_ = std::make_unique<PeerProcess>();
-    SetLogSink(&IgnoreLine, nullptr);
+    SetLogSink(&LastLine::Sink, &logged_);
   }
   ~ReasonsTest() override { SetLogSink(nullptr, nullptr); }
 
@@ -117,8 +133,9 @@ class ReasonsTest : public ::testing::Test {
                 agree ? "the same" : verdict.reason.c_str(), verdict.words.c_str(), name.c_str());
     ++compared_;
     const bool is_race = either && (reason == "none" || verdict.reason == "none");
-    EXPECT_TRUE(agree || is_race) << name << ": the client says " << reason << ", the doctor "
-                                  << verdict.reason << " (" << verdict.words << ")";
+    EXPECT_TRUE(agree || is_race) << name << ": the client says " << reason << " ("
+                                  << logged_.text() << "), the doctor " << verdict.reason << " ("
+                                  << verdict.words << ")";
   }
 
   // One row of so many, or all with QUENOR_NETWORK_FULL=1: behind the handshake the doctor asks the
@@ -142,6 +159,7 @@ class ReasonsTest : public ::testing::Test {
   const std::string why_no_peer_;
   std::unique_ptr<PeerProcess> peer_;
   const RowCertificates certificates_;
+  LastLine logged_;
   size_t compared_ = 0;
 };
 

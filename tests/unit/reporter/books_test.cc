@@ -139,6 +139,12 @@ TEST_F(BooksTest, CountSavesAndWhatIsKeptAndLoaded) {
   time_.RunUntilIdle();
   EXPECT_EQ(2u, Read().loaded);
   EXPECT_EQ(2u, Read().pending);
+
+  Tick();  // Nobody knows how long it had waited.
+  Answer(http_.RequestCount() - 1, 200);
+  EXPECT_EQ(1u, Read().acknowledged);
+  EXPECT_EQ(0u, Read().latency_sum_ms);
+  for (const uint64_t count : Read().latency) EXPECT_EQ(0u, count);
 }
 
 // Every way in which a message can end, in the one run, and the books looked at behind each.

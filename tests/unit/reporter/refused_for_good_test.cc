@@ -193,6 +193,16 @@ TEST_F(LoweredLimitTest, AFailureOfAnotherKindDoesNotPardon) {
   EXPECT_EQ(std::set<std::string>{}, limiter_.dropped);
 }
 
+TEST_F(LoweredLimitTest, WhatFailsBesideItIsNotDropped) {
+  for (const size_t index : http_.Outstanding()) {
+    if (http_.Requests()[index].body == "good") Answer(index, 500);
+  }
+  Advance(8000);
+
+  EXPECT_EQ(std::set<std::string>{}, limiter_.dropped);
+  EXPECT_EQ(3u, http_.Outstanding().size());
+}
+
 TEST_F(LoweredLimitTest, TheServersWordIsTakenThoughItIsWhatIsInForce) {
   AnswerBoth("{\"bytes_errinfo\":\"success\",\"uint32_max_resend_count\":" +
                  std::to_string(lowered_) + "}",

@@ -593,6 +593,20 @@ TEST_F(ChannelOperationsTest, DelayedMessageThatCannotBeCopiedIsRefused) {
   EXPECT_EQ(events_.Count(Kind::kRefused, Cause::kOutOfMemory), 1u);
 }
 
+TEST_F(ChannelOperationsTest, EmptyMessageWithoutAPlaceForItsTagIsRefused) {
+  Start();
+
+  MemoryFaults::FailMalloc(1);
+  channel_->SendPacket(kBytes, 0, false, false);
+  const bool failed = MemoryFaults::HasFailed();
+  MemoryFaults::FailMalloc(0);
+  time_.RunUntilIdle();
+
+  EXPECT_TRUE(failed);
+  EXPECT_TRUE(peer().pending().empty());
+  EXPECT_EQ(events_.Count(Kind::kRefused, Cause::kOutOfMemory), 1u);
+}
+
 // --- Cost ---
 
 TEST_F(ChannelOperationsTest, SendPacketAllocatesAtMostTwiceOnTheCallersThread) {
