@@ -63,6 +63,7 @@ struct Row {
 
   bool is_slow = false;          // Ends by a time limit, which is set low.
   bool is_big = false;           // The message is larger than the sockets' buffers.
+  bool comes_first = false;      // Before the request, which makes another failure of it.
   bool closes_behind = false;    // The next message may meet the connection's end, and fail once.
   bool low_speed = false;        // The limit is that of the speed.
   bool checks_settings = false;  // `settings` are in force once the message is delivered.

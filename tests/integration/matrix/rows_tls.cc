@@ -20,6 +20,11 @@ Row Slow(Row row) {
   return row;
 }
 
+Row ComesFirst(Row row) {
+  row.comes_first = true;
+  return row;
+}
+
 Row With(Row::Kind certificate, const std::string& name) {
   Row row = Make(name, "reply:200:7b7d");
   row.certificate = certificate;
@@ -54,7 +59,7 @@ Rows TlsRows() {
       Make("close_notify right after the handshake", "tls_goodbye_after"),
       Make("record that cannot be decrypted", "tls_garbage_after"),
       Make("unencrypted alert after the handshake", "tls_alert_after:2:40"),
-      Make("unencrypted HTTP after the handshake", "tls_plain_after"),
+      ComesFirst(Make("unencrypted HTTP after the handshake", "tls_plain_after")),
       Make("TLS 1.2 and nothing newer", "tls_1_2", Expected::Delivered()),
       Make("no application protocol agreed on", "tls_no_protocol", Expected::Delivered()),
       With(Row::kExpired, "expired certificate"),
