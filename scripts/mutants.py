@@ -208,11 +208,11 @@ class Worker:
         original = path.read_text()
         try:
             path.write_text(mutant.apply(original))
-            if not self.compile(mutant.build, [executable for executable, _ in mutant.runs]):
-                error = re.search(r"^.*(error:|undefined reference).*$", self.output(), re.M)
-                raise Fault(f"{mutant.name} does not compile: "
-                            f"{error[0] if error else self.output()[-2000:]}")
             for run in mutant.runs:
+                if not self.compile(mutant.build, [run[0]]):
+                    error = re.search(r"^.*(error:|undefined reference).*$", self.output(), re.M)
+                    raise Fault(f"{mutant.name} does not compile: "
+                                f"{error[0] if error else self.output()[-2000:]}")
                 killer = self.test(mutant.build, *run, limits[mutant.build, run])
                 if killer is not None:
                     return killer
