@@ -3,15 +3,10 @@
 #include <algorithm>
 #include <atomic>
 #include <climits>
-#include <deque>
 
-#include "quenor_base/platform/base/fork.h"
-#include "quenor_base/platform/base/lock.h"
-#include "quenor_base/platform/local_log.h"
 #include "services/http_client_curl/address.h"
-#include "services/http_client_curl/engine.h"
 #include "services/http_client_curl/rules/syntax.h"
-#include "services/http_client_curl/rules/system_store.h"
+#include "services/http_client_curl/system_ca.h"
 #include "services/http_client_curl/tls_openssl.h"
 
 QUENOR_NAMESPACE_BEGIN
@@ -44,61 +39,6 @@ struct TrustOptions {
 constexpr TrustOptions kOfServer = {CURLOPT_CAINFO, CURLOPT_CAPATH, CURLOPT_CAINFO_BLOB};
 constexpr TrustOptions kOfProxy = {CURLOPT_PROXY_CAINFO, CURLOPT_PROXY_CAPATH,
                                    CURLOPT_PROXY_CAINFO_BLOB};
-
-// Where the system's certificates are, as last found.
-class SystemCa {
- public:
-  // Never destroyed.
-  static SystemCa& Get() {
-    static std::atomic<SystemCa*> ca{nullptr};
-    return *base::FindOrMake(&ca, [] { return new SystemCa; });
-  }
-
-  void SetRoot(const std::string& root) QUENOR_EXCLUDES(lock_) {
-    base::AutoLock hold(lock_);
-    root_ = root;
-    is_missed_ = false;
-    is_current_ = false;
-  }
-
-  // Null: nowhere but, maybe, in libcurl's own folder. Looks again only when a bundle has gone.
-  const http_system_store::Store* Find(const char* bundle, const char* folder)
-      QUENOR_EXCLUDES(lock_) {
-    {
-      base::AutoLock hold(lock_);
-      if (is_current_ &&
-          (!stores_.back().pem.empty() || http_system_store::IsBundle(stores_.back().bundle))) {
-        return &stores_.back();
-      }
-      http_system_store::Store found{root_ + (bundle != nullptr ? bundle : ""), std::string()};
-      const bool is_libcurls = bundle != nullptr && http_system_store::IsBundle(found.bundle);
-      if (!is_libcurls) found = http_system_store::Find(root_);
-      is_current_ = found.is_found();
-      if (is_current_) {
-        stores_.push_back(std::move(found));
-        return &stores_.back();
-      }
-      const bool has_folder =
-          folder != nullptr && http_system_store::IsHashedFolder(root_ + folder);
-      if (has_folder || std::exchange(is_missed_, true)) return nullptr;
-    }
-    LocalLog(http_engine::kLogError, "services/http_client_curl/easy_options", __LINE__,
-             "http: this system's CA certificates are in none of the places known; install them "
-             "(ca-certificates), or set HttpDefaults::ca_file or ca_pem");
-    return nullptr;
-  }
-
- private:
-  SystemCa() = default;
-
-  base::Lock lock_;
-  base::HeldAtFork held_{&lock_};
-  std::string root_ QUENOR_GUARDED_BY(lock_);
-  // The last holds if it is current; those before stay, as handles borrow their text.
-  std::deque<http_system_store::Store> stores_ QUENOR_GUARDED_BY(lock_);
-  bool is_current_ QUENOR_GUARDED_BY(lock_) = false;
-  bool is_missed_ QUENOR_GUARDED_BY(lock_) = false;  // And said so.
-};
 
 // The system's certificates: the bundle alone where one can be read, because only a bundle without
 // a folder is parsed once and not for every connection.
@@ -133,8 +73,6 @@ bool SetAuthorities(const ClientSettings& settings, const TrustOptions& of, Easy
 }
 
 }  // namespace
-
-void LookForSystemCaBelow(const std::string& root) { SystemCa::Get().SetRoot(root); }
 
 void SetExchangeOptions(const ClientSettings& settings, EasyOptions* options) {
   const HttpSettings& values = settings.values();

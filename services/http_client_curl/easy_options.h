@@ -47,10 +47,6 @@ void SetExchangeOptions(const ClientSettings& settings, EasyOptions* options);
 void SetProxyOptions(const ClientSettings& settings, EasyOptions* options);
 void SetTlsOptions(const ClientSettings& settings, EasyOptions* options);
 
-// Any thread. The system's certificates are looked for below this folder, libcurl's own place for
-// them included. Empty but in tests.
-void LookForSystemCaBelow(const std::string& root);
-
 // Asked for once: libcurl writes its versions' text each time, with 5 KiB of its caller's stack.
 bool HasHttp2();
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "services/http_client_curl/easy_options.h"
+#include "services/http_client_curl/system_ca.h"
 #include "tests/integration/http_client_fixture.h"
 #include "tests/integration/support/servers.h"
 #include "tests/support/fakes/recording_log.h"
@@ -72,7 +72,7 @@ class HttpSystemCaTest : public HttpClientTest {
     options.server_lines = "location / { return 200 ''; }";
     server_ = std::make_unique<NginxServer>(options);
   }
-  ~HttpSystemCaTest() override { LookForSystemCaBelow(""); }
+  ~HttpSystemCaTest() override { SystemCa::Get().SetRoot(""); }
 
   // Of a request that trusts what stands at `place`; nothing, where that is empty.
   Outcome SendTrusting(const std::string& place, const std::string& pem) {
@@ -80,7 +80,7 @@ class HttpSystemCaTest : public HttpClientTest {
     const std::filesystem::path file = root.path() + place;
     std::filesystem::create_directories(file.parent_path());
     EXPECT_TRUE(place.empty() || WriteWholeFile(file, pem));
-    LookForSystemCaBelow(root.path());
+    SystemCa::Get().SetRoot(root.path());
     const auto client = MakeClient(HttpDefaults());
     return Send(client.get(), MakeRequest(server_->Origin(), "x"));
   }
