@@ -3,11 +3,13 @@
 #ifndef CLI_CONNECTION_H_
 #define CLI_CONNECTION_H_
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/options/addresses.h"
+#include "quenor_base/platform/http_client.h"
 
 namespace quenor::cli {
 
@@ -18,8 +20,16 @@ struct Connection {
   std::string client_certificate_file;
   std::string client_key_file;  // Empty: the key is in the certificate's file.
   bool http1 = false;
-  std::optional<Socks5Address> socks5;
+  std::string key_passphrase;  // Empty: the key is not encrypted.
+  std::map<std::string, std::string> headers;
+  std::optional<ProxyAddress> proxy;
+  std::vector<std::string> no_proxy;    // What is reached without `proxy`.
+  bool proxy_from_environment = false;  // Not together with `proxy`.
+  std::vector<std::string> connect_to;
 };
+
+// What a client of these is made with.
+HttpClient::Config ClientConfig(const Connection& connection);
 
 // The main thread, before the process's first request. Makes these the process's settings. Throws
 // Fatal with kExitUsage when one cannot be used; none is changed then.

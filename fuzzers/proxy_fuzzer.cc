@@ -82,7 +82,7 @@ bool Check(const HttpClient::Config& config) {
 // -----------------------------------------------------------------------------
 
 // Empty and the address when quenor-report accepts the text, else its message.
-std::string Parse(const std::string& text, cli::Socks5Address* out) {
+std::string Parse(const std::string& text, cli::ProxyAddress* out) {
   try {
     *out = cli::ParseSocks5(text);
     return "";
@@ -101,13 +101,13 @@ std::string Encoded(const std::string& text) {
   return encoded;
 }
 
-void CheckTakesAgain(const cli::Socks5Address& address, const std::string& scheme) {
+void CheckTakesAgain(const cli::ProxyAddress& address, const std::string& scheme) {
   std::string text = scheme;
   if (!address.user.empty()) text += Encoded(address.user) + ':' + Encoded(address.password) + '@';
   const bool is_v6 = address.host.find(':') != std::string::npos;
   text += is_v6 ? '[' + address.host + ']' : address.host;
   text += ':' + std::to_string(address.port);
-  cli::Socks5Address again;
+  cli::ProxyAddress again;
   FUZZ_CHECK(Parse(text, &again).empty());
   FUZZ_CHECK(again.host == address.host && again.port == address.port &&
              again.user == address.user && again.password == address.password);
@@ -118,13 +118,13 @@ void CheckHides(const std::string& text) {
   constexpr char kMark[] = "zQxJw";
   const size_t at = text.rfind('@');
   if (at == std::string::npos || text.find(kMark) != std::string::npos) return;
-  cli::Socks5Address ignored;
+  cli::ProxyAddress ignored;
   const std::string message = Parse(text.substr(0, at) + kMark + text.substr(at), &ignored);
   FUZZ_CHECK(message.find(kMark) == std::string::npos);
 }
 
 void CheckText(const std::string& text) {
-  cli::Socks5Address address;
+  cli::ProxyAddress address;
   const std::string message = Parse(text, &address);
   CheckHides(text);
   for (const char c : message) {

@@ -19,6 +19,8 @@ PAGES = {
 .Bl -tag -width Ds
 .It Ev QUENOR_REPORT_PROXY_PASSWORD
 The password of
+.Fl Fl proxy
+or
 .Fl Fl socks5 .
 .It Ev XDG_STATE_HOME
 The folder

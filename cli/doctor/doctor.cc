@@ -13,7 +13,7 @@
 
 #include "cli/console.h"
 #include "cli/doctor/probe.h"
-#include "cli/doctor/socks5.h"
+#include "cli/doctor/proxy.h"
 #include "cli/text.h"
 #include "quenor_base/platform/base/monotonic_time.h"
 #include "quenor_base/platform/http_client.h"
@@ -34,6 +34,25 @@ std::string Part(CURLU* url, CURLUPart part, unsigned int flags = 0) {
 
 std::string WithoutBrackets(const std::string& host) {
   return !host.empty() && host.front() == '[' ? host.substr(1, host.size() - 2) : host;
+}
+
+using Url = std::unique_ptr<CURLU, void (*)(CURLU*)>;
+
+Place PlaceOf(const Url& parsed) {
+  Place place;
+  const std::string zone = Part(parsed.get(), CURLUPART_ZONEID);
+  place.host =
+      WithoutBrackets(Part(parsed.get(), CURLUPART_HOST)) + (zone.empty() ? "" : "%") + zone;
+  place.port = static_cast<uint16_t>(
+      std::atoi(Part(parsed.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT).c_str()));
+  return place;
+}
+
+// Of the proxy's URL, which the client has taken.
+Place PlaceOf(const std::string& url) {
+  const Url parsed(curl_url(), &curl_url_cleanup);
+  curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), CURLU_NON_SUPPORT_SCHEME);
+  return PlaceOf(parsed);
 }
 
 void DescribeTrust(const Connection& connection, const CaSource& ca, Step* step) {
@@ -64,17 +83,21 @@ void JudgeSystemCa(const Connection& connection, const CaSource& ca, Step* step)
   }
 }
 
-void DescribeEnvironment(const Environment& environment, Step* step) {
+void DescribeEnvironment(const Environment& environment, bool proxies_count, Step* step) {
   for (const char* const name :
        {"https_proxy", "HTTPS_PROXY", "http_proxy", "all_proxy", "ALL_PROXY", "no_proxy",
-        "SSL_CERT_FILE", "SSL_CERT_DIR", "CURL_CA_BUNDLE"}) {
+        "NO_PROXY", "SSL_CERT_FILE", "SSL_CERT_DIR", "CURL_CA_BUNDLE"}) {
     const char* const value = environment(name);
     if (value == nullptr || *value == '\0') continue;
     const std::string text = name;
-    step->Add("environment",
-              text + " is set, which changes nothing for reports: give " +
-                  (text.find("CERT") != std::string::npos || text[0] == 'C' ? "--cacert or --capath"
-                                                                            : "--socks5"));
+    const bool is_of_certificates = text.find("CERT") != std::string::npos || text[0] == 'C';
+    if (proxies_count && !is_of_certificates) {
+      step->Add("environment", text + " is set, and read: --proxy-from-environment is given");
+      continue;
+    }
+    step->Add("environment", text + " is set, which changes nothing for reports: give " +
+                                 (is_of_certificates ? "--cacert or --capath"
+                                                     : "--proxy, or --proxy-from-environment"));
   }
   const char* const keys = environment("SSLKEYLOGFILE");
   if (keys == nullptr || *keys == '\0') return;
@@ -107,7 +130,7 @@ class Doctor {
 
   bool Prepare();
   bool Reach();
-  bool ReachThroughProxy(const Socks5Address& proxy);
+  bool ReachThroughProxy();
   bool ReachDirectly();
   bool Secure();
   void Conclude(double total_ms);
@@ -119,6 +142,7 @@ class Doctor {
   const uint32_t timeout_ms_;
   const Target target_;
   CaSource ca_;
+  std::shared_ptr<const ClientSettings> settings_;
   Socket socket_;
   std::string failed_;  // The step that failed.
   std::string cause_;
@@ -159,7 +183,8 @@ bool Doctor::Prepare() {
   ca_ = CaInForce(command_);
   return Do([&] { return DescribeUrl(); }) && Do([&] {
            ApplyConnection(command_);
-           return DescribeSettings(command_, ca_, target_.is_tls,
+           settings_ = SettingsInForce(command_, target_.is_tls);
+           return DescribeSettings(command_, ca_, target_.is_tls, settings_->proxy,
                                    [](const char* name) { return std::getenv(name); });
          });
 }
@@ -172,9 +197,9 @@ bool Doctor::ReachDirectly() {
          Do([&] { return Connect("connect", "the server", endpoints, timeout_ms_, &socket_); });
 }
 
-bool Doctor::ReachThroughProxy(const Socks5Address& proxy) {
+bool Doctor::ReachThroughProxy() {
   Skip("resolve", "not done here: the proxy resolves \"" + target_.place.host + "\"");
-  const Place place{proxy.host, proxy.port};
+  const Place place = PlaceOf(settings_->proxy.url);
   std::vector<Endpoint> endpoints;
   return Do([&] {
            return Resolve("proxy-resolve", place, timeout_ms_, &SystemLookUp, &endpoints);
@@ -182,14 +207,26 @@ bool Doctor::ReachThroughProxy(const Socks5Address& proxy) {
          Do([&] {
            return Connect("proxy-connect", "the proxy", endpoints, timeout_ms_, &socket_);
          }) &&
-         Do([&] { return AskProxy(proxy, target_.place, timeout_ms_, &socket_); });
+         Do([&] { return AskProxy(*settings_, target_.place, timeout_ms_, &socket_); });
 }
 
 bool Doctor::Reach() {
-  return command_.socks5 ? ReachThroughProxy(*command_.socks5) : ReachDirectly();
+  const Route route = RouteTo(target_.place, *settings_);
+  if (route.is_proxied) return ReachThroughProxy();
+  const std::string& host = target_.place.host;
+  if (!settings_->proxy.url.empty()) {
+    Skip("proxy", "\"" + host + "\" is among what is reached without it");
+  }
+  if (!route.pinned) return ReachDirectly();
+  Skip("resolve", "not done: --connect-to says where \"" + host + "\" is");
+  return Do(
+      [&] { return Connect("connect", "the server", {*route.pinned}, timeout_ms_, &socket_); });
 }
 
 bool Doctor::Secure() {
+  if (target_.is_tls && socket_.get() < 0) {
+    return Do([&] { return CheckTlsInTls(*settings_, target_.place, timeout_ms_); });
+  }
   if (target_.is_tls) {
     return Do([&] { return CheckTls(socket_.get(), target_.host, command_, ca_, timeout_ms_); });
   }
@@ -228,7 +265,7 @@ ExitCode Doctor::Run() {
 }  // namespace
 
 Target ParseTarget(const std::string& url) {
-  const std::unique_ptr<CURLU, void (*)(CURLU*)> parsed(curl_url(), &curl_url_cleanup);
+  const Url parsed(curl_url(), &curl_url_cleanup);
   const CURLUcode code = curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0);
   if (code != CURLUE_OK) {
     throw Fatal(kExitUsage, std::string("cannot use the URL: ") + curl_url_strerror(code) +
@@ -238,10 +275,7 @@ Target ParseTarget(const std::string& url) {
   Target target;
   target.is_tls = Part(parsed.get(), CURLUPART_SCHEME) == "https";
   target.host = WithoutBrackets(Part(parsed.get(), CURLUPART_HOST));
-  const std::string zone = Part(parsed.get(), CURLUPART_ZONEID);
-  target.place.host = zone.empty() ? target.host : target.host + "%" + zone;
-  target.place.port = static_cast<uint16_t>(
-      std::atoi(Part(parsed.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT).c_str()));
+  target.place = PlaceOf(parsed);
   for (const CURLUPart secret :
        {CURLUPART_USER, CURLUPART_PASSWORD, CURLUPART_QUERY, CURLUPART_FRAGMENT}) {
     curl_url_set(parsed.get(), secret, nullptr, 0);
@@ -262,22 +296,20 @@ CaSource CaInForce(const Connection& connection) {
 }
 
 Step DescribeSettings(const Connection& connection, const CaSource& ca, bool is_tls,
-                      const Environment& environment) {
+                      const HttpProxy& proxy, const Environment& environment) {
   Step step("settings", std::string("those that quenor-report send has with these options"));
   if (is_tls) {
     DescribeTrust(connection, ca, &step);
     step.Add("TLS", "1.2 or newer");
   }
   step.Add("HTTP", connection.http1 || !is_tls ? "HTTP/1.1 only" : "HTTP/2 is offered");
-  if (connection.socks5) {
-    const Socks5Address& proxy = *connection.socks5;
-    step.Add("proxy", "socks5h://" + Place{proxy.host, proxy.port}.Text() +
-                          (proxy.user.empty() ? "" : " as \"" + proxy.user + "\""));
-  } else {
-    step.Add("proxy", "none");
-  }
+  const std::string user = proxy.user.empty() ? "" : " as \"" + proxy.user + "\"";
+  step.Add("proxy", proxy.url.empty() ? "none" : proxy.url + user);
+  for (const std::string& name : proxy.except) step.Add("without it", name);
+  for (const std::string& place : connection.connect_to) step.Add("connect to", place);
+  for (const auto& [name, value] : connection.headers) step.Add("header", name);
   step.Add("HTTP client", HttpClientFactory::ImplementationName());
-  DescribeEnvironment(environment, &step);
+  DescribeEnvironment(environment, connection.proxy_from_environment, &step);
   if (is_tls) JudgeSystemCa(connection, ca, &step);
   return step;
 }

@@ -31,9 +31,9 @@ Target ParseTarget(const std::string& url);
 using Environment = std::function<const char*(const char*)>;
 
 // The step "settings". `ca` is what is in force, with the system's certificates if nothing is
-// given.
+// given, and so is `proxy`.
 Step DescribeSettings(const Connection& connection, const CaSource& ca, bool is_tls,
-                      const Environment& environment);
+                      const HttpProxy& proxy, const Environment& environment);
 
 // What the options give, or else what the HTTP client takes for the system's.
 CaSource CaInForce(const Connection& connection);

@@ -58,8 +58,8 @@ std::string AdviceOn(int status, bool is_tls) {
                     "begins with https://";
   }
   if (status == 401 || status == 403 || status == 407) {
-    return "the server wants a proof of identity; the channel sends none but a client certificate "
-           "(--client-cert) or what is in the URL";
+    return "the server wants a proof of identity: a client certificate (--client-cert), a header "
+           "(--header), or user and password in the URL";
   }
   if (status == 404 || status == 405 || status == 410) {
     return "correct the path of --url: nothing takes POSTs there";
@@ -114,16 +114,6 @@ void FailUnanswered(HttpClient::State state, const std::string& log, Step* step)
   }
 }
 
-HttpClient::Config ConfigOf(const Connection& connection) {
-  HttpClient::Config config;
-  config.enable_http2 = !connection.http1;
-  if (connection.socks5) {
-    config.SetSocks5Proxy(connection.socks5->host, connection.socks5->port, connection.socks5->user,
-                          connection.socks5->password);
-  }
-  return config;
-}
-
 }  // namespace
 
 void JudgeAnswer(int status, const std::map<std::string, std::string>& headers,
@@ -149,7 +139,7 @@ void JudgeAnswer(int status, const std::map<std::string, std::string>& headers,
 Step Probe(const std::string& url, bool is_tls, const Connection& connection, uint32_t timeout_ms) {
   Step step("probe");
   SetLogSink(&CaughtLog::Sink, CaughtLog::Get());
-  const std::unique_ptr<HttpClient> client = HttpClientFactory::Create(ConfigOf(connection));
+  const std::unique_ptr<HttpClient> client = HttpClientFactory::Create(ClientConfig(connection));
   HttpClient::Request request;
   request.url = url;
   request.method = "POST";

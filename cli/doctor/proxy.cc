@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "cli/advice.h"
 #include "cli/fatal.h"
 #include "services/http_client_curl/easy_options.h"
 #include "services/http_client_curl/failure_text.h"
@@ -140,17 +141,36 @@ bool IsAt(const char* address, const Endpoint& endpoint) {
 
 using Easy = std::unique_ptr<CURL, void (*)(CURL*)>;
 
-Easy MakeEasy(const ClientSettings& settings, const Place& target) {
+// A connection and no more, TLS with the server included where `scheme` says so.
+Easy MakeEasy(const ClientSettings& settings, const Place& target, const char* scheme) {
   Easy easy(curl_easy_init(), &curl_easy_cleanup);
   if (easy == nullptr) throw Fatal(kExitInternal, "libcurl has no memory");
   EasyOptions options(easy.get());
   SetExchangeOptions(settings, &options);
   SetProxyOptions(settings, &options);
-  // Without TLS, whose own step follows.
-  options.SetText(CURLOPT_URL, "http://" + target.Text());
+  options.SetText(CURLOPT_URL, scheme + target.Text());
   options.Set(CURLOPT_CONNECT_ONLY, 1L);
   if (BeginsWith(settings.proxy.url, "https:")) SetTlsOptions(settings, &options);
   return easy;
+}
+
+// Through the proxy. `error` is libcurl's.
+HttpFailure Connect(CURL* curl, const ClientSettings& settings, uint32_t timeout_ms,
+                    char (&error)[CURL_ERROR_SIZE]) {
+  error[0] = '\0';
+  curl_easy_setopt(curl, CURLOPT_NOPROXY, "");
+  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout_ms));
+  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error);
+  HttpFailure failure;
+  failure.code = curl_easy_perform(curl);
+  failure.error = error;
+  failure.proxy = settings.proxy.url.c_str();
+  if (failure.code == CURLE_OPERATION_TIMEDOUT) failure.limit = HttpLimit::kConnect;
+  curl_easy_getinfo(curl, CURLINFO_OS_ERRNO, &failure.os_error);
+  curl_easy_getinfo(curl, CURLINFO_PROXY_ERROR, &failure.proxy_error);
+  curl_easy_getinfo(curl, CURLINFO_HTTP_CONNECTCODE, &failure.connect_status);
+  curl_easy_getinfo(curl, CURLINFO_SSL_VERIFYRESULT, &failure.verify_result);
+  return failure;
 }
 
 }  // namespace
@@ -163,10 +183,10 @@ std::shared_ptr<const ClientSettings> SettingsInForce(const Connection& connecti
 }
 
 Route RouteTo(const Place& target, const ClientSettings& settings) {
-  const Easy easy = MakeEasy(settings, target);
+  const Easy easy = MakeEasy(settings, target, "http://");
   Endpoint found;
   curl_slist* names = nullptr;
-  AppendText("*:" + std::to_string(target.port) + ":" + kNamesAt, &names);
+  AppendText(target.Text() + ":" + kNamesAt, &names);
   EasyOptions options(easy.get());
   options.Set(CURLOPT_RESOLVE, names);
   if (!settings.proxy.url.empty()) {
@@ -186,21 +206,9 @@ Route RouteTo(const Place& target, const ClientSettings& settings) {
 Step AskProxy(const ClientSettings& settings, const Place& target, uint32_t timeout_ms,
               Socket* socket) {
   Step step("proxy");
-  const Easy easy = MakeEasy(settings, target);
-  CURL* const curl = easy.get();
-  curl_easy_setopt(curl, CURLOPT_NOPROXY, "");
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout_ms));
-  char error[CURL_ERROR_SIZE] = "";
-  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error);
-  HttpFailure failure;
-  failure.code = curl_easy_perform(curl);
-  failure.error = error;
-  failure.proxy = settings.proxy.url.c_str();
-  if (failure.code == CURLE_OPERATION_TIMEDOUT) failure.limit = HttpLimit::kConnect;
-  curl_easy_getinfo(curl, CURLINFO_OS_ERRNO, &failure.os_error);
-  curl_easy_getinfo(curl, CURLINFO_PROXY_ERROR, &failure.proxy_error);
-  curl_easy_getinfo(curl, CURLINFO_HTTP_CONNECTCODE, &failure.connect_status);
-  curl_easy_getinfo(curl, CURLINFO_PROXY_SSL_VERIFYRESULT, &failure.verify_result);
+  const Easy easy = MakeEasy(settings, target, "http://");  // TLS has a step of its own.
+  char error[CURL_ERROR_SIZE];
+  const HttpFailure failure = Connect(easy.get(), settings, timeout_ms, error);
   if (failure.code != CURLE_OK) {
     FailProxy(settings, target, failure, &step);
     return step;
@@ -211,11 +219,28 @@ Step AskProxy(const ClientSettings& settings, const Place& target, uint32_t time
     step.Add("status", std::to_string(failure.connect_status));
   }
   step.summary = "the proxy has connected to " + target.Text();
+  *socket = Socket();
   if (BeginsWith(settings.proxy.url, "https:")) return step;
   curl_socket_t fd = CURL_SOCKET_BAD;
-  curl_easy_getinfo(curl, CURLINFO_ACTIVESOCKET, &fd);
+  curl_easy_getinfo(easy.get(), CURLINFO_ACTIVESOCKET, &fd);
   *socket = Socket(::fcntl(fd, F_DUPFD_CLOEXEC, 0));
   if (socket->get() < 0) throw Fatal(kExitInternal, "no descriptor is left");
+  return step;
+}
+
+Step CheckTlsInTls(const ClientSettings& settings, const Place& target, uint32_t timeout_ms) {
+  Step step("tls",
+            "the server is who it should be; seen by the HTTP client's libcurl, which shows "
+            "no more inside the TLS with the proxy");
+  const Easy easy = MakeEasy(settings, target, "https://");
+  char error[CURL_ERROR_SIZE];
+  const HttpFailure failure = Connect(easy.get(), settings, timeout_ms, error);
+  if (failure.code == CURLE_OK) return step;
+  const bool is_silence = failure.limit == HttpLimit::kConnect;
+  step.Fail(is_silence ? "timeout" : "tls_failed",
+            is_silence ? "no answer in time within the handshake" : FailureCause(failure),
+            InOptions(FailureAdvice(failure)));
+  step.reason = ReasonOf(failure);
   return step;
 }
 

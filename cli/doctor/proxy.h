@@ -26,10 +26,13 @@ struct Route {
 Route RouteTo(const Place& target, const ClientSettings& settings);
 
 // The step "proxy": a new connection to the proxy, authentication and the request to connect to
-// `target`. When it has not failed, `socket`, which does not block, leads there; it stays as it was
-// where TLS with the proxy is around it.
+// `target`. When it has not failed, `socket`, which does not block, leads there; it is none where
+// TLS with the proxy is around it.
 Step AskProxy(const ClientSettings& settings, const Place& target, uint32_t timeout_ms,
               Socket* socket);
+
+// The step "tls" behind an https:// proxy, by libcurl alone: it is inside the TLS with that.
+Step CheckTlsInTls(const ClientSettings& settings, const Place& target, uint32_t timeout_ms);
 
 }  // namespace quenor::cli
 

@@ -191,7 +191,11 @@ int OnTicket(SSL* ssl, SSL_SESSION*) {
 }
 
 // Without this OpenSSL would ask for the passphrase on the terminal.
-int NoPassphrase(char*, int, int, void*) { return -1; }
+int OnPassphrase(char* to, int size, int, void* given) {
+  const auto& passphrase = *static_cast<const std::string*>(given);
+  if (passphrase.empty() || passphrase.size() > static_cast<size_t>(size)) return -1;
+  return static_cast<int>(passphrase.copy(to, passphrase.size()));
+}
 
 bool UseClientCertificate(SSL_CTX* context, const Connection& connection) {
   const std::string& certificate = connection.client_certificate_file;
@@ -210,7 +214,9 @@ ContextPtr MakeContext(const Connection& connection, const CaSource& ca, Seen* s
     throw Fatal(kExitInternal, "cannot set up TLS: " + ErrorText(ERR_peek_error()) +
                                    "; check the OpenSSL installation");
   }
-  SSL_CTX_set_default_passwd_cb(context.get(), &NoPassphrase);
+  SSL_CTX_set_default_passwd_cb(context.get(), &OnPassphrase);
+  SSL_CTX_set_default_passwd_cb_userdata(context.get(),
+                                         const_cast<std::string*>(&connection.key_passphrase));
   SSL_CTX_set_app_data(context.get(), seen);
   SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
   SSL_CTX_set_cert_verify_callback(context.get(), &OnVerify, seen);
@@ -230,8 +236,7 @@ ContextPtr MakeContext(const Connection& connection, const CaSource& ca, Seen* s
   if (!UseClientCertificate(context.get(), connection)) {
     step->Fail("bad_client_cert",
                "cannot use the client certificate: " + ErrorText(ERR_peek_error()),
-               "give --client-cert and --client-key a certificate and the key that belongs to it, "
-               "not encrypted");
+               "give --client-cert and --client-key a certificate and the key that belongs to it");
     return nullptr;
   }
   return context;

@@ -170,7 +170,7 @@ bool PercentDecode(const std::string& text, std::string* out) {
 }
 
 // Empty when user and password were taken from "user[:password]", else the reason.
-std::string ParseCredentials(const std::string& text, Socks5Address* out) {
+std::string ParseCredentials(const std::string& text, ProxyAddress* out) {
   const size_t colon = text.find(':');
   const std::string password = colon == std::string::npos ? "" : text.substr(colon + 1);
   if (!PercentDecode(text.substr(0, colon), &out->user) ||
@@ -178,16 +178,17 @@ std::string ParseCredentials(const std::string& text, Socks5Address* out) {
     return "a % in user or password must be followed by two hexadecimal digits other than 00";
   }
   if (out->user.empty()) return "it has an @ but no user before it";
-  if (out->user.size() > kMaxCredentialBytes || out->password.size() > kMaxCredentialBytes) {
-    return "user and password may have 255 bytes each";
-  }
+  const bool are_short =
+      out->user.size() <= kMaxCredentialBytes && out->password.size() <= kMaxCredentialBytes;
+  if (!are_short && out->is_socks5()) return "user and password may have 255 bytes each";
   return "";
 }
 
-std::string JudgeSocks5(const std::string& text, Socks5Address* out) {
+// What follows the scheme, if there was one that is known.
+std::string JudgeProxy(const std::string& text, const char* other_scheme, ProxyAddress* out) {
   if (const std::string reason = JudgeBytes(text); !reason.empty()) return reason;
   if (const size_t end = text.find("://"); end != std::string::npos && IsScheme(text, end)) {
-    return "its scheme is not socks5h; only SOCKS5 proxies that resolve names themselves are used";
+    return other_scheme;
   }
   const size_t at = text.rfind('@');
   if (at != std::string::npos) {
@@ -206,7 +207,20 @@ std::string JudgeSocks5(const std::string& text, Socks5Address* out) {
   return "";
 }
 
+// Takes a scheme away that the text begins with.
+bool TakeScheme(const std::string& scheme, std::string* text) {
+  const std::string begin = scheme + "://";
+  if (LowerCase(text->substr(0, begin.size())) != begin) return false;
+  text->erase(0, begin.size());
+  return true;
+}
+
 }  // namespace
+
+std::string ProxyAddress::Url() const {
+  const bool is_ipv6 = host.find(':') != std::string::npos;
+  return scheme + "://" + (is_ipv6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
 
 void CheckUrl(const std::string& url) {
   const size_t scheme_end = url.find("://");
@@ -218,17 +232,37 @@ void CheckUrl(const std::string& url) {
                               "; give --url a whole one, as in https://collector.example/reports");
 }
 
-Socks5Address ParseSocks5(const std::string& text) {
-  constexpr char kScheme[] = "socks5h://";
-  constexpr size_t kSchemeBytes = sizeof(kScheme) - 1;
-  Socks5Address address;
-  const bool has_scheme = LowerCase(text.substr(0, kSchemeBytes)) == kScheme;
-  const std::string reason = JudgeSocks5(has_scheme ? text.substr(kSchemeBytes) : text, &address);
+ProxyAddress ParseSocks5(const std::string& text) {
+  ProxyAddress address;
+  std::string rest = text;
+  TakeScheme(address.scheme, &rest);
+  const std::string reason = JudgeProxy(
+      rest, "its scheme is not socks5h; only SOCKS5 proxies that resolve names themselves are used",
+      &address);
   if (reason.empty()) return address;
   throw Fatal(kExitUsage, "cannot use the proxy address \"" + WithoutCredentials(text) +
                               "\": " + reason +
                               "; give --socks5 [user:password@]host:port, as in 127.0.0.1:1080 or "
                               "[::1]:1080");
+}
+
+ProxyAddress ParseProxy(const std::string& text) {
+  ProxyAddress address;
+  std::string rest = text;
+  for (const char* const scheme : {"http", "https", "socks5h"}) {
+    if (!TakeScheme(scheme, &rest)) continue;
+    address.scheme = scheme;
+    break;
+  }
+  const bool has_slash = !rest.empty() && rest.back() == '/';
+  if (!address.is_socks5() && has_slash) rest.pop_back();
+  const std::string reason =
+      JudgeProxy(rest, "its scheme is none of http, https and socks5h", &address);
+  if (reason.empty()) return address;
+  throw Fatal(kExitUsage, "cannot use the proxy address \"" + WithoutCredentials(text) +
+                              "\": " + reason +
+                              "; give --proxy [SCHEME://][user:password@]host:port, as in "
+                              "http://proxy.example:3128");
 }
 
 }  // namespace quenor::cli

@@ -14,7 +14,7 @@
 #include "cli/fatal.h"
 #include "cli/options/cache_use.h"
 #include "cli/options/help.h"
-#include "cli/options/proxy_password.h"
+#include "cli/options/secrets.h"
 #include "cli/options/suggest.h"
 #include "cli/options/version.h"
 #include "cli/text.h"
@@ -35,6 +35,8 @@ constexpr char kSendFooter[] = R"(Examples:
       the server must know that the bodies are raw deflate: no header says so
   quenor-report send --url https://localhost:8443/ --cacert ca.pem --socks5 me:pa%40ss@[::1]:1080 a
       trusts a CA of one's own and goes through a SOCKS5 proxy, the password being "pa@ss"
+  quenor-report send --url https://collector.example/ --proxy http://proxy:3128 --header @token a
+      goes through an HTTP proxy; the file "token" has a line such as Authorization: Bearer ...
 
 What is left undelivered stays in a cache file of the channel's name, and the next run with the same
 --channel delivers it, to its own --url: give each server a channel of its own. A restart of a run
@@ -109,7 +111,11 @@ void AddDelivery(CLI::App* send, Options* options) {
 // What is parsed further once the whole line is known.
 struct Texts {
   std::string socks5;
+  std::string proxy;
   std::string proxy_password_file;
+  std::string key_passphrase_file;
+  std::string no_proxy;
+  std::vector<std::string> headers;
   std::string cache;
   std::string cache_dir;
   std::string raw;
@@ -148,9 +154,36 @@ void AddMetrics(CLI::App* send, Options* options) {
       ->type_name("FILE");
 }
 
-void AddConnection(CLI::App* app, Connection* connection, Texts* texts) {
-  const CLI::Validator not_empty(
+CLI::Validator NotEmpty() {
+  return CLI::Validator(
       [](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); }, "");
+}
+
+void AddProxy(CLI::App* app, Connection* connection, Texts* texts) {
+  app->add_option("--socks5", texts->socks5,
+                  "go through this SOCKS5 proxy, which also resolves the server's name; user "
+                  "and password percent-encoded; \"socks5h://\" may stand before it")
+      ->type_name("[user:pass@]host:port");
+  app->add_option("--proxy", texts->proxy,
+                  "go through this proxy: http://, https:// (TLS up to it) or socks5h://, as "
+                  "without a scheme; user and password percent-encoded")
+      ->type_name("[SCHEME://][user:pass@]host:port");
+  app->add_flag("--proxy-from-environment", connection->proxy_from_environment,
+                "go through the proxies that https_proxy, http_proxy, all_proxy and no_proxy name; "
+                "they do not count otherwise");
+  app->add_option("--no-proxy", texts->no_proxy,
+                  "what is reached without --proxy: names, which stand for all below them, "
+                  "addresses and networks, with commas between")
+      ->type_name("LIST");
+  app->add_option("--proxy-password-file", texts->proxy_password_file,
+                  "the first line of this file is the password of --proxy (or --socks5) "
+                  "user@host:port; not given: $QUENOR_REPORT_PROXY_PASSWORD")
+      ->type_name("FILE")
+      ->check(NotEmpty());
+}
+
+void AddConnection(CLI::App* app, Connection* connection, Texts* texts) {
+  const CLI::Validator not_empty = NotEmpty();
   app->add_option("--cacert", connection->ca_file,
                   "PEM file of CA certificates to trust instead of the system's")
       ->type_name("FILE")
@@ -170,23 +203,28 @@ void AddConnection(CLI::App* app, Connection* connection, Texts* texts) {
                       "PEM certificate to show to a server that asks for one; its key may be in it")
           ->type_name("FILE")
           ->check(not_empty);
-  app->add_option("--client-key", connection->client_key_file,
-                  "PEM private key of --client-cert, not encrypted")
+  app->add_option("--client-key", connection->client_key_file, "PEM private key of --client-cert")
       ->type_name("FILE")
       ->check(not_empty)
       ->needs(certificate);
-  app->add_flag("--http1", connection->http1, "speak HTTP/1.1 only; HTTP/2 is offered otherwise");
-  CLI::Option* const proxy =
-      app->add_option("--socks5,--proxy", texts->socks5,
-                      "go through this SOCKS5 proxy, which also resolves the server's name; user "
-                      "and password percent-encoded; \"socks5h://\" may stand before it")
-          ->type_name("[user:pass@]host:port");
-  app->add_option("--proxy-password-file", texts->proxy_password_file,
-                  "the first line of this file is the password of --socks5 user@host:port; not "
-                  "given: $QUENOR_REPORT_PROXY_PASSWORD")
+  app->add_option("--key-passphrase-file", texts->key_passphrase_file,
+                  "the first line of this file opens the key, where that is encrypted")
       ->type_name("FILE")
       ->check(not_empty)
-      ->needs(proxy);
+      ->needs(certificate);
+  app->add_option("--header", texts->headers,
+                  "send this with every report; @FILE: each line of that file, so that the list of "
+                  "processes does not show it; may be given again")
+      ->type_name("'NAME: VALUE'")
+      ->check(not_empty)
+      ->allow_extra_args(false);
+  app->add_flag("--http1", connection->http1, "speak HTTP/1.1 only; HTTP/2 is offered otherwise");
+  app->add_option("--connect-to", connection->connect_to,
+                  "connect there instead of asking for HOST; may be given again")
+      ->type_name("HOST:PORT:ADDRESS[:PORT]")
+      ->check(not_empty)
+      ->allow_extra_args(false);
+  AddProxy(app, connection, texts);
 }
 
 void AddInput(CLI::App* send, Options* options) {
@@ -322,12 +360,40 @@ void Show(const std::string& text) {
   throw Fatal(kExitIo, "cannot write to standard output: " + ErrnoText(error));
 }
 
+// What stands between commas and blanks.
+std::vector<std::string> ListOf(const std::string& text) {
+  std::vector<std::string> list;
+  for (size_t at = 0; at < text.size();) {
+    const size_t end = std::min(text.find_first_of(", ", at), text.size());
+    if (end > at) list.push_back(text.substr(at, end - at));
+    at = end + 1;
+  }
+  return list;
+}
+
 // The settings of the connection that need more than one option.
 void FinishConnection(const CLI::App& app, const Texts& texts, Connection* connection) {
-  if (app.count("--socks5") == 0) return;
-  connection->socks5 = ParseSocks5(texts.socks5);
-  FillProxyPassword(texts.proxy_password_file, std::getenv(kProxyPasswordVariable),
-                    &*connection->socks5);
+  connection->headers = Headers(texts.headers);
+  if (!texts.key_passphrase_file.empty()) {
+    connection->key_passphrase = KeyPassphrase(texts.key_passphrase_file);
+  }
+  const bool is_socks5 = app.count("--socks5") > 0;
+  const bool is_any = app.count("--proxy") > 0;
+  if (is_socks5 + is_any + connection->proxy_from_environment > 1) {
+    throw Fatal(kExitUsage, "give only one of --proxy, --socks5 and --proxy-from-environment");
+  }
+  if (is_socks5) connection->proxy = ParseSocks5(texts.socks5);
+  if (is_any) connection->proxy = ParseProxy(texts.proxy);
+  if (connection->proxy) {
+    FillProxyPassword(texts.proxy_password_file, std::getenv(kProxyPasswordVariable),
+                      &*connection->proxy);
+    connection->no_proxy = ListOf(texts.no_proxy);
+    return;
+  }
+  for (const char* const option : {"--proxy-password-file", "--no-proxy"}) {
+    if (app.count(option) == 0) continue;
+    throw Fatal(kExitUsage, std::string(option) + " needs a proxy; give --proxy or --socks5, too");
+  }
 }
 
 CacheCommand Finish(const CLI::App& cache, const Texts& texts, CacheCommand command) {

@@ -69,22 +69,29 @@ TEST(AdviceTest, SettingsThatCannotBeUsedAreNamedByTheirOptions) {
   const test::TempFolder folder;
   const std::string no_pem = folder.File("ca_file");
   ASSERT_TRUE(test::WriteWholeFile(no_pem, "x"));
-  Connection wrong[5];
+  Connection wrong[9];
   wrong[0].ca_file = no_pem;
   wrong[1].ca_folder = no_pem;
   wrong[2].pins = {"sha256//x"};
   wrong[3].client_certificate_file = no_pem;
   wrong[4].client_key_file = "key.pem";
-  const char* const options[] = {"--cacert", "--capath", "--pin", "--client-cert", "--client-key"};
+  wrong[5].headers = {{"A", "b\r\nC: d"}};
+  wrong[6].connect_to = {"h:1"};
+  wrong[7].proxy = ProxyAddress{"h", 1, "a:b", "", "http"};
+  wrong[8].proxy = ProxyAddress{"h", 1, "", ""};
+  wrong[8].no_proxy = {"a b"};
+  const char* const options[] = {"--cacert",     "--capath", "--pin",        "--client-cert",
+                                 "--client-key", "--header", "--connect-to", "the user of --proxy",
+                                 "--no-proxy"};
 
-  for (int i = 0; i < 5; ++i) {
+  for (int i = 0; i < 9; ++i) {
     try {
       ApplyConnection(wrong[i]);
       ADD_FAILURE() << options[i];
     } catch (const Fatal& fatal) {
       const std::string line = fatal.what();
       EXPECT_EQ(0u, line.find(options[i])) << line;
-      EXPECT_EQ(i != 2 && i != 4, line.find("'" + no_pem + "'") != std::string::npos) << line;
+      EXPECT_EQ(i < 4 && i != 2, line.find("'" + no_pem + "'") != std::string::npos) << line;
       EXPECT_EQ(std::string::npos, line.find("client_")) << line;
     }
   }

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The client through real proxies: what each of their answers and failures becomes, that a request
 reaches the server once or not at all, and that nothing leaves but towards the proxy."""
-import base64, collections, os, re
+import base64, collections, os, re, subprocess
 
 import proxies, support
 from proxies import FIRST, NAME, PASSWORD, SECOND, SERVER, USER, WRONG
@@ -329,6 +329,55 @@ class HttpProxyTest(proxies.ProxyCase):
         self.assertEqual(bodies, set(accepted))
         self.assertLessEqual(sum(accepted.values()) - len(accepted), counts["failed"])
         self.check_secrets()
+
+    def test_report_and_doctor_with_a_header(self):
+        proxy = self.proxy(proxies.Tinyproxy)
+        self.serve_the_token()
+        place, server = f"{FIRST}:{proxy.ports['login']}", f"{SERVER}:8443"
+        url = f"https://{NAME}:8443/"
+        header, password_file, message = (self.folder + "/" + name for name in
+                                          ("header", "password", "message"))
+
+        def write(path, text):
+            with open(path, "w") as file:
+                file.write(text)
+
+        def run(verb, code, there, *options, url=url, environment=None):
+            """What it says. Nothing has begun but to there."""
+            child = support.Child(
+                [support.REPORT, verb, "--url", url, "--cacert", self.folder + "/ca.pem",
+                 "--header", "@" + header, "--header", "X-Host: host", *options], self.home,
+                environment=environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            said = b"".join(self.ending(child, "kill").process.communicate()).decode()
+            self.assertEqual(code, child.process.returncode, said)
+            for secret in ("t0ken", PASSWORD, WRONG):
+                self.assertNotIn(secret, said)
+            begun = {to for to, count in self.link.opened.items() if count}
+            sent = set(self.link.sent)
+            self.link.opened.clear(), self.link.sent.clear()
+            say(f"{self._testMethodName}: {verb} {options[0]} {code}: begun: {begun}, sent: {sent}")
+            self.assertEqual({f"tcp {there}"}, begun)
+            # A connection that stood before may still say goodbye.
+            self.assertLessEqual(sent, {f"tcp {place}", f"tcp {server}"})
+            return said
+
+        write(message, "message")
+        send = ["--cache", "none", "--send-now", "--max-resend", "1", message]
+        for token, password, code, reason in (("t0ken", PASSWORD, 0, "none"),
+                                              ("other", PASSWORD, 69, "http_status"),
+                                              ("t0ken", WRONG, 69, "proxy_credentials")):
+            write(header, f"Authorization: Bearer {token}\n")
+            write(password_file, password + "\n")
+            through = ["--proxy", f"http://{USER}@{place}", "--proxy-password-file", password_file]
+            run("send", code, place, *through, *send)
+            said = run("doctor", code, place, *through, "--probe", "--json")
+            self.assertTrue(said.rstrip().endswith(f'"reason":"{reason}"}}'), said)
+        environment = {"https_proxy": f"http://{USER}:{PASSWORD}@{place}"}
+        for verb, more in (("send", send), ("doctor", ["--probe"])):
+            run(verb, 0, place, "--proxy-from-environment", *more, environment=environment)
+            run(verb, 0, server, "--no-proxy", SERVER, *through, *more, url=f"https://{server}/")
+            run(verb, 0, server, "--connect-to", f"{NAME}:8443:{SERVER}", *more,
+                environment=environment)
 
     def test_host_in_c_with_a_header(self):
         self.check_host(os.environ["QUENOR_C_HOST"])

@@ -61,14 +61,17 @@ class ProxyCase(support.Case):
         self.assertEqual(0, self.on_loopback())
 
 
+    def serve_the_token(self):
+        self.nginx(SERVER, 8443, 'set $both "$http_authorization $http_x_host"; '
+                   'if ($both != "Bearer t0ken host") { return 401; } return 200;', self.away)
+
     def check_host(self, *command):
         """What a host reports arrives through a proxy and with a token, or not at all."""
         reason = why_missing("tinyproxy")
         if reason:
             self.skipTest(reason)
         proxy = self.ending(Tinyproxy(self.folder, self.away, FIRST), "end").start()
-        self.nginx(SERVER, 8443, 'set $both "$http_authorization $http_x_host"; '
-                   'if ($both != "Bearer t0ken host") { return 401; } return 200;', self.away)
+        self.serve_the_token()
         for token, password, wanted in (("t0ken", PASSWORD, "acknowledged=1 dropped=0 exchanges=1"),
                                         ("other", PASSWORD, "acknowledged=0 dropped=1 exchanges=1"),
                                         ("t0ken", WRONG, "acknowledged=0 dropped=1 exchanges=1")):

@@ -52,7 +52,10 @@ Step Described(const Connection& connection, const std::map<std::string, std::st
                bool is_tls = true) {
   const CaSource ca = {connection.ca_file.empty() ? "/dev/null" : connection.ca_file,
                        connection.ca_folder};
-  return DescribeSettings(connection, ca, is_tls, [&](const char* name) {
+  const ProxyAddress given = connection.proxy.value_or(ProxyAddress());
+  HttpProxy proxy;
+  if (connection.proxy) proxy = {given.Url(), given.user, given.password, "", connection.no_proxy};
+  return DescribeSettings(connection, ca, is_tls, proxy, [&](const char* name) {
     const auto found = set.find(name);
     return found == set.end() ? nullptr : found->second.c_str();
   });
@@ -70,11 +73,15 @@ TEST(DoctorSettingsTest, SaysWhoseCertificatesAreTrusted) {
 
 TEST(DoctorSettingsTest, SaysTheProxyButNotItsPassword) {
   Connection connection;
-  connection.socks5 = Socks5Address{"::1", 1080, "me", "s3cret"};
+  connection.proxy = ProxyAddress{"::1", 1080, "me", "s3cret"};
+  connection.no_proxy = {"localhost"};
+  connection.headers = {{"Authorization", "s3cret"}};
 
   const std::string text = AsText(Described(connection));
 
   EXPECT_TRUE(Mentions(text, "proxy: socks5h://[::1]:1080 as \"me\"\n")) << text;
+  EXPECT_TRUE(Mentions(text, "without it: localhost\n")) << text;
+  EXPECT_TRUE(Mentions(text, "header: Authorization\n")) << text;
   EXPECT_FALSE(Mentions(text, "s3cret"));
 }
 
@@ -101,7 +108,11 @@ TEST(DoctorSettingsTest, NamesVariablesThatOtherProgramsHeed) {
   EXPECT_EQ(Step::Result::kOk, step.result);
   EXPECT_TRUE(Mentions(AsText(step),
                        "https_proxy is set, which changes nothing for reports: give "
-                       "--socks5"));
+                       "--proxy, or --proxy-from-environment"));
+  Connection reading;
+  reading.proxy_from_environment = true;
+  EXPECT_TRUE(Mentions(AsText(Described(reading, {{"https_proxy", "http://p:1"}})),
+                       "https_proxy is set, and read"));
   EXPECT_TRUE(Mentions(AsText(step),
                        "SSL_CERT_FILE is set, which changes nothing for reports: give "
                        "--cacert or --capath"));
@@ -110,9 +121,9 @@ TEST(DoctorSettingsTest, NamesVariablesThatOtherProgramsHeed) {
 TEST(DoctorSettingsTest, FailsWithoutCertificatesOfTheSystem) {
   const auto none = [](const char*) -> const char* { return nullptr; };
 
-  const Step missing = DescribeSettings({}, {"/nowhere/ca.pem", ""}, true, none);
-  const Step unknown = DescribeSettings({}, {"", ""}, true, none);
-  const Step plain = DescribeSettings({}, {"", ""}, false, none);
+  const Step missing = DescribeSettings({}, {"/nowhere/ca.pem", ""}, true, {}, none);
+  const Step unknown = DescribeSettings({}, {"", ""}, true, {}, none);
+  const Step plain = DescribeSettings({}, {"", ""}, false, {}, none);
 
   EXPECT_EQ("no_ca", missing.cause);
   EXPECT_TRUE(Mentions(missing.summary, "/nowhere/ca.pem"));

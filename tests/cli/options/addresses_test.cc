@@ -109,7 +109,7 @@ TEST(CheckUrlTest, NeverPrintsAPasswordThatEndsTheHost) {
 }
 
 TEST(ParseSocks5Test, TakesHostAndPort) {
-  const Socks5Address address = ParseSocks5("proxy.example:1080");
+  const ProxyAddress address = ParseSocks5("proxy.example:1080");
 
   EXPECT_EQ("proxy.example", address.host);
   EXPECT_EQ(1080, address.port);
@@ -118,7 +118,7 @@ TEST(ParseSocks5Test, TakesHostAndPort) {
 }
 
 TEST(ParseSocks5Test, TakesTheSchemeThatSaysWhoResolves) {
-  const Socks5Address address = ParseSocks5("SOCKS5h://me:p@[::1]:1080");
+  const ProxyAddress address = ParseSocks5("SOCKS5h://me:p@[::1]:1080");
 
   EXPECT_EQ("::1", address.host);
   EXPECT_EQ(1080, address.port);
@@ -127,14 +127,14 @@ TEST(ParseSocks5Test, TakesTheSchemeThatSaysWhoResolves) {
 }
 
 TEST(ParseSocks5Test, TakesIpv6InBrackets) {
-  const Socks5Address address = ParseSocks5("[2001:db8::1]:65535");
+  const ProxyAddress address = ParseSocks5("[2001:db8::1]:65535");
 
   EXPECT_EQ("2001:db8::1", address.host);
   EXPECT_EQ(65535, address.port);
 }
 
 TEST(ParseSocks5Test, DecodesUserAndPassword) {
-  const Socks5Address address = ParseSocks5("m%65%40home:p%3aa%25:%C3%a4@ss@[::1]:1");
+  const ProxyAddress address = ParseSocks5("m%65%40home:p%3aa%25:%C3%a4@ss@[::1]:1");
 
   EXPECT_EQ("me@home", address.user);
   EXPECT_EQ("p:a%:\xc3\xa4@ss", address.password);
@@ -146,7 +146,7 @@ TEST(ParseSocks5Test, TakesAPasswordThatLooksLikeAnAddress) {
 }
 
 TEST(ParseSocks5Test, TakesAUserWithoutPassword) {
-  const Socks5Address address = ParseSocks5("me@host:1");
+  const ProxyAddress address = ParseSocks5("me@host:1");
 
   EXPECT_EQ("me", address.user);
   EXPECT_EQ("", address.password);

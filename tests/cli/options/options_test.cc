@@ -57,7 +57,7 @@ TEST(OptionsTest, HasDefaultsForAllButTheUrl) {
   EXPECT_EQ("", options.client_certificate_file);
   EXPECT_EQ("", options.client_key_file);
   EXPECT_FALSE(options.http1);
-  EXPECT_FALSE(options.socks5);
+  EXPECT_FALSE(options.proxy);
   EXPECT_FALSE(options.interval_ms);
   EXPECT_FALSE(options.max_resend);
   EXPECT_EQ(30, options.wait_s);
@@ -103,8 +103,8 @@ TEST(OptionsTest, TakesEveryOption) {
   EXPECT_TRUE(options.compress);
   EXPECT_EQ("ca.pem", options.ca_file);
   EXPECT_TRUE(options.http1);
-  ASSERT_TRUE(options.socks5);
-  EXPECT_EQ("p", options.socks5->password);
+  ASSERT_TRUE(options.proxy);
+  EXPECT_EQ("p", options.proxy->password);
   EXPECT_EQ(250u, options.interval_ms);
   EXPECT_EQ(4294967295u, options.max_resend);
   EXPECT_EQ(0.5, options.wait_s);
@@ -125,9 +125,25 @@ TEST(OptionsTest, TakesWhatTheServerMustProveAndWhatItIsShown) {
   EXPECT_EQ((std::vector<std::string>{"sha256//a", "sha256//b"}), options.pins);
   EXPECT_EQ("c.pem", options.client_certificate_file);
   EXPECT_EQ("c.key", options.client_key_file);
-  ASSERT_TRUE(options.socks5);
-  EXPECT_EQ("p", options.socks5->host);
+  ASSERT_TRUE(options.proxy);
+  EXPECT_EQ("p", options.proxy->host);
   EXPECT_EQ((std::vector<std::string>{"file"}), options.files);
+}
+
+TEST(OptionsTest, TakesEveryKindOfProxyAndWhatGoesPastIt) {
+  const Options http =
+      Parse({"--proxy", "HTTP://me:p%40@[::1]:3128/", "--no-proxy", "localhost,10.0.0.0/8, b",
+             "--header", "A:b", "--header", "C: ", "--connect-to", "h:1:127.0.0.1", "file"});
+  EXPECT_EQ("http://[::1]:3128", http.proxy->Url());
+  EXPECT_EQ("me", http.proxy->user);
+  EXPECT_EQ("p@", http.proxy->password);
+  EXPECT_EQ((std::vector<std::string>{"localhost", "10.0.0.0/8", "b"}), http.no_proxy);
+  EXPECT_EQ((std::map<std::string, std::string>{{"A", "b"}, {"C", ""}}), http.headers);
+  EXPECT_EQ(std::vector<std::string>{"h:1:127.0.0.1"}, http.connect_to);
+  EXPECT_EQ(std::vector<std::string>{"file"}, http.files);
+  EXPECT_EQ("https://h:1", Parse({"--proxy", "https://h:1"}).proxy->Url());
+  EXPECT_EQ("socks5h://h:1", ParseDoctor({"--proxy", "h:1"}).proxy->Url());
+  EXPECT_TRUE(ParseDoctor({"--proxy-from-environment"}).proxy_from_environment);
 }
 
 TEST(OptionsTest, KnowsEveryKindOfCache) {
@@ -166,7 +182,7 @@ TEST(OptionsTest, DoctorHasDefaultsForAllButTheUrl) {
   EXPECT_EQ(10, command.timeout_s);
   EXPECT_FALSE(command.probe);
   EXPECT_FALSE(command.json);
-  EXPECT_FALSE(command.socks5);
+  EXPECT_FALSE(command.proxy);
 }
 
 TEST(OptionsTest, DoctorTakesItsOptionsAndThoseOfSendThatConnect) {
@@ -181,8 +197,8 @@ TEST(OptionsTest, DoctorTakesItsOptionsAndThoseOfSendThatConnect) {
   EXPECT_EQ("cas", command.ca_folder);
   EXPECT_EQ(std::vector<std::string>{"p"}, command.pins);
   EXPECT_TRUE(command.http1);
-  ASSERT_TRUE(command.socks5);
-  EXPECT_EQ("u", command.socks5->user);
+  ASSERT_TRUE(command.proxy);
+  EXPECT_EQ("u", command.proxy->user);
   EXPECT_EQ("c.pem", command.client_certificate_file);
   EXPECT_EQ("c.key", command.client_key_file);
 }
@@ -199,10 +215,10 @@ TEST(OptionsTest, TakesTheChannelNamesThatLeadNowhereElse) {
 TEST(OptionsTest, TakesTheProxysPasswordFromTheEnvironment) {
   ASSERT_EQ(0, ::setenv("QUENOR_REPORT_PROXY_PASSWORD", "p%41", 1));
 
-  EXPECT_EQ("p%41", Parse({"--socks5", "u@h:1"}).socks5->password);
-  EXPECT_EQ("p%41", ParseDoctor({"--socks5", "u@h:1"}).socks5->password);
-  EXPECT_EQ("q", Parse({"--socks5", "u:q@h:1"}).socks5->password);
-  EXPECT_FALSE(Parse({}).socks5);
+  EXPECT_EQ("p%41", Parse({"--socks5", "u@h:1"}).proxy->password);
+  EXPECT_EQ("p%41", ParseDoctor({"--socks5", "u@h:1"}).proxy->password);
+  EXPECT_EQ("q", Parse({"--socks5", "u:q@h:1"}).proxy->password);
+  EXPECT_FALSE(Parse({}).proxy);
   ::unsetenv("QUENOR_REPORT_PROXY_PASSWORD");
 }
 
@@ -254,6 +270,20 @@ TEST(OptionsTest, RefusesWrongUsageInOneLine) {
       {"send", "--url", kUrl, "--socks5", "u@h:1", "--proxy-password-file", ""},
       {"doctor", "--url", kUrl, "--socks5", "u@h:1", "--proxy-password-file", "/none/such"},
       {"send", "--url", kUrl, "--socks5", "a:1", "--proxy", "b:1"},
+      {"send", "--url", kUrl, "--proxy", "ftp://a:1"},
+      {"send", "--url", kUrl, "--proxy", "http://a"},
+      {"send", "--url", kUrl, "--proxy", "http://a:1/path"},
+      {"send", "--url", kUrl, "--proxy", "a:1", "--proxy-from-environment"},
+      {"send", "--url", kUrl, "--no-proxy", "a"},
+      {"send", "--url", kUrl, "--header", ""},
+      {"send", "--url", kUrl, "--header", "s3cret"},
+      {"send", "--url", kUrl, "--header", ": s3cret"},
+      {"send", "--url", kUrl, "--header", "A: s3cret", "--header", "A: s3cret"},
+      {"send", "--url", kUrl, "--header", "@/none/such"},
+      {"send", "--url", kUrl, "--header", "@/"},
+      {"doctor", "--url", kUrl, "--key-passphrase-file", "/dev/null"},
+      {"doctor", "--url", kUrl, "--client-cert", "c", "--key-passphrase-file", "/dev/null"},
+      {"doctor", "--url", kUrl, "--connect-to", ""},
       {"send", "--url", kUrl, "--cacert", ""},
       {"send", "--url", kUrl, "--capath", ""},
       {"send", "--url", kUrl, "--pin"},
@@ -298,6 +328,7 @@ TEST(OptionsTest, RefusesWrongUsageInOneLine) {
   for (const auto& arguments : cases) {
     EXPECT_NE("", Objection(arguments))
         << arguments.size() << " " << (arguments.empty() ? "" : arguments.back());
+    EXPECT_EQ(std::string::npos, Objection(arguments).find("s3cret")) << Objection(arguments);
   }
 }
 

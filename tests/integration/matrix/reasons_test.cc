@@ -49,6 +49,7 @@ struct Way {
   bool is_slow = false;
   uint16_t proxy_port = 0;  // 0: none.
   std::string user = "";
+  std::string scheme = "socks5h";
 };
 
 struct Verdict {
@@ -69,10 +70,15 @@ class ReasonsTest : public ::testing::Test {
     defaults.ca_file = certificates_.ca_file();
     defaults.connect_timeout_ms = way.is_slow ? kShortMs : kAmpleMs;
     defaults.total_timeout_ms = 2 * defaults.connect_timeout_ms;
+    const bool is_http_proxy = way.scheme != "socks5h";
+    if (is_http_proxy) {
+      const std::string url = way.scheme + "://127.0.0.1:" + std::to_string(way.proxy_port);
+      defaults.proxy = {url, way.user, way.user, "", {}};
+    }
     EXPECT_EQ("", SetHttpDefaults(defaults));
     HttpClient::Config config;
     config.enable_http2 = way.http2;
-    if (way.proxy_port != 0) {
+    if (way.proxy_port != 0 && !is_http_proxy) {
       config.SetSocks5Proxy("127.0.0.1", way.proxy_port, way.user, way.user);
     }
     const auto client = HttpClientFactory::Create(config);
@@ -108,8 +114,9 @@ class ReasonsTest : public ::testing::Test {
     if (!way.http2) arguments.push_back("--http1");
     if (way.proxy_port != 0) {
       const std::string user = way.user.empty() ? "" : way.user + ":" + way.user + "@";
-      arguments.insert(arguments.end(),
-                       {"--socks5", user + "127.0.0.1:" + std::to_string(way.proxy_port)});
+      arguments.insert(
+          arguments.end(),
+          {"--proxy", way.scheme + "://" + user + "127.0.0.1:" + std::to_string(way.proxy_port)});
     }
     Process process(arguments, Containing(""));
     const std::string out = process.out().Whole();
@@ -294,6 +301,54 @@ TEST_F(ReasonsTest, OfASocks5ProxyAreTheSameForClientAndDoctor) {
           {bytes({5, 0}), bytes({5, 0, 0, 1, 0, 0, 0, 0, 0, 0})}, "", /*holds=*/true);
   compare("connects, and behind it is the end",
           {bytes({5, 0}), bytes({5, 0, 0, 1, 0, 0, 0, 0, 0, 0})});
+}
+
+// An HTTP proxy that says this to each CONNECT, and then holds the connection or closes it.
+ScriptedServer::Script Answers(const std::string& answer, bool holds) {
+  return [answer, holds](Connection& connection) {
+    ReceivedRequest request;
+    while (connection.ReadRequestHead(&request)) {
+      connection.Write(answer);
+      if (answer.find("Content-Length") != answer.npos) continue;
+      if (holds) connection.HoldUntilClosed();
+      return;
+    }
+  };
+}
+
+TEST_F(ReasonsTest, OfAnHttpProxyAreTheSameForClientAndDoctor) {
+  const auto says = [](int status, const std::string& header = "") {
+    return "HTTP/1.1 " + std::to_string(status) + " Words\r\nContent-Length: 0\r\n" + header +
+           "\r\n";
+  };
+  const std::string basic = "Proxy-Authenticate: Basic realm=\"r\"\r\n";
+  const std::string digest =
+      "Proxy-Authenticate: Digest realm=\"r\", nonce=\"n\", qop=\"auth\"\r\n";
+  const auto compare = [&](const std::string& name, const std::string& answer,
+                           const std::string& user = "", bool holds = false) {
+    const ScriptedServer plain(Answers(answer, holds));
+    const ScriptedServer tls(Answers(answer, holds), &certificates_.Of(Row::kGood));
+    Compare("HTTP proxy: " + name, {At(1), false, holds, plain.port(), user, "http"});
+    Compare("HTTPS proxy: " + name, {At(1), false, holds, tls.port(), user, "https"});
+  };
+
+  for (const int status : {300, 400, 401, 403, 404, 405, 500, 502, 503, 504}) {
+    compare("answers " + std::to_string(status), says(status));
+  }
+  compare("wants user and password, there are none", says(407, basic));
+  compare("refuses user and password", says(407, basic), "me");
+  compare("refuses user and password by digest", says(407, digest), "me");
+  compare("wants what nobody knows", says(407, "Proxy-Authenticate: Other\r\n"), "me");
+  compare("closes on the request", "");
+  compare("cuts its answer", "HTTP/1.1 200 Connection est");
+  compare("speaks SOCKS5", std::string("\5\0", 2));
+  compare("says nothing", "", "", /*holds=*/true);
+  compare("connects, and behind it is silence", "HTTP/1.1 200 OK\r\n\r\n", "", /*holds=*/true);
+  compare("connects, and behind it is the end", "HTTP/1.1 200 OK\r\n\r\n");
+  const ScriptedServer unknown(Answers(says(200), false), &certificates_.Of(Row::kOtherAuthority));
+  Compare("HTTPS proxy: nobody trusts it", {At(1), false, false, unknown.port(), "", "https"});
+  const ScriptedServer plain(Answers(says(200), false));
+  Compare("HTTPS proxy: speaks no TLS", {At(1), false, false, plain.port(), "", "https"});
 }
 
 }  // namespace
