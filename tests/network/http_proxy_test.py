@@ -382,6 +382,9 @@ class HttpProxyTest(proxies.ProxyCase):
     def test_host_in_c_with_a_header(self):
         self.check_host(os.environ["QUENOR_C_HOST"])
 
+    def test_host_in_cxx_with_a_header(self):
+        self.check_host(os.environ["QUENOR_CXX_HOST"])
+
     def test_channel_through_microsocks(self):
         self.check_channel(proxies.Microsocks)
 

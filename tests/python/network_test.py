@@ -9,19 +9,7 @@ from support import PATIENCE_S, STATE, wait_until
 import quenor
 
 ORIGIN = "https://collector.test"
-# URL PROXY USER PASSWORD CA_FILE TOKEN FOLDER
-HOST = """
-import sys, quenor
-url, proxy, user, password, ca_file, token, folder = sys.argv[1:]
-quenor.set_http(ca_file=ca_file, proxy_url=proxy, proxy_user=user, proxy_password=password,
-                headers={"X-Host": "host"},
-                fresh_headers=lambda: {"Authorization": "Bearer " + token})
-with quenor.Reporter("python-host", url, folder=folder, send_limit=1) as reporter:
-    reporter.send(b"started")
-    outcome = reporter.flush(60)
-print(f"acknowledged={outcome.acknowledged} dropped={outcome.dropped} "
-      f"exchanges={quenor.spent().exchanges}")
-"""
+EXAMPLE = support.HERE.parents[1] / "examples/behind_a_proxy_python/main.py"
 # A reporter that is not Python's asks for headers, and is inside when the interpreter ends.
 ENDS = """
 import ctypes, sys, threading, time, quenor
@@ -157,9 +145,7 @@ class NetworkTest(support.Case):
 
 class HostTest(proxies.ProxyCase):
     def test_host_with_a_header_through_a_proxy(self):
-        program = pathlib.Path(self.folder, "host.py")
-        program.write_text(HOST)
-        self.check_host(sys.executable, "-B", str(program))
+        self.check_host(sys.executable, "-B", str(EXAMPLE))
 
 
 if __name__ == "__main__":

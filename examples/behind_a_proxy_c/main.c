@@ -1,6 +1,5 @@
-/* A program in C that delivers one report through a proxy, with a header that changes.
- *   quenor_c_host URL PROXY USER PASSWORD CA_FILE TOKEN FOLDER
- * Says what became of the report, and what that cost. */
+/* Delivers one report through a proxy, with a header that changes.
+ *   behind_a_proxy URL PROXY USER PASSWORD CA_FILE TOKEN FOLDER */
 #include <quenor/network.h>
 #include <stdio.h>
 
