@@ -1,8 +1,8 @@
 // The C interface over the settings of the HTTP client. Whatever a program passes is checked here.
 #include "c/quenor/network.h"
 
-#include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <map>
 #include <optional>
 #include <string>
@@ -190,15 +190,17 @@ bool TakeSettings(const quenor_http& from, HttpSettings* to, std::string* proble
 
 // "proxy.url" is proxy_url here. What stands in quotes is the host's.
 std::string InC(const std::string& line) {
-  constexpr char kProxy[] = "proxy";
   std::string said;
   bool is_quoted = false;
   for (size_t i = 0; i < line.size(); ++i) {
     if (line[i] == '\'') is_quoted = !is_quoted;
-    const bool is_within = i + 1 < line.size() && line[i] == '.' && line[i + 1] != ' ';
-    const bool is_field = is_within && !is_quoted && i >= sizeof kProxy - 1 &&
-                          line.compare(i - (sizeof kProxy - 1), sizeof kProxy - 1, kProxy) == 0;
-    said += is_field ? '_' : line[i];
+    bool is_field = false;
+    for (const char* const name :
+         {"proxy.url", "proxy.user", "proxy.password", "proxy.ca_file", "proxy.except"}) {
+      const size_t dot = std::strlen("proxy");
+      is_field = is_field || (i >= dot && line.compare(i - dot, std::strlen(name), name) == 0);
+    }
+    said += is_field && !is_quoted ? '_' : line[i];
   }
   return said;
 }

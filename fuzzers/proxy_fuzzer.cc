@@ -82,9 +82,9 @@ bool Check(const HttpClient::Config& config) {
 // -----------------------------------------------------------------------------
 
 // Empty and the address when quenor-report accepts the text, else its message.
-std::string Parse(const std::string& text, cli::ProxyAddress* out) {
+std::string Parse(const std::string& text, cli::ProxyAddress* out, bool any_scheme = false) {
   try {
-    *out = cli::ParseSocks5(text);
+    *out = any_scheme ? cli::ParseProxy(text) : cli::ParseSocks5(text);
     return "";
   } catch (const cli::Fatal& fatal) {
     return fatal.what();
@@ -119,14 +119,21 @@ void CheckHides(const std::string& text) {
   const size_t at = text.rfind('@');
   if (at == std::string::npos || text.find(kMark) != std::string::npos) return;
   cli::ProxyAddress ignored;
-  const std::string message = Parse(text.substr(0, at) + kMark + text.substr(at), &ignored);
-  FUZZ_CHECK(message.find(kMark) == std::string::npos);
+  for (const bool any_scheme : {false, true}) {
+    const std::string message =
+        Parse(text.substr(0, at) + kMark + text.substr(at), &ignored, any_scheme);
+    FUZZ_CHECK(message.find(kMark) == std::string::npos);
+  }
 }
 
 void CheckText(const std::string& text) {
   cli::ProxyAddress address;
   const std::string message = Parse(text, &address);
   CheckHides(text);
+  cli::ProxyAddress any;
+  if (Parse(text, &any, /*any_scheme=*/true).empty()) {
+    FUZZ_CHECK(!any.host.empty() && any.port > 0 && any.Url().find('@') == std::string::npos);
+  }
   for (const char c : message) {
     FUZZ_CHECK(static_cast<unsigned char>(c) >= 0x20 && c != 0x7f);
   }
