@@ -29,7 +29,7 @@ struct HttpProxy {
   std::string password;
   std::string ca_file;  // Of an https:// proxy; empty: as for the server.
   // What is reached without it: a name, which stands for all that end in ".NAME", too; an address;
-  // a network, as "10.0.0.0/8"; "*", everything.
+  // a network, as "10.0.0.0/8" or "fd00::/8"; "*", everything.
   std::vector<std::string> except;
 };
 

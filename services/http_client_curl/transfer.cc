@@ -12,6 +12,7 @@
 #include "quenor_base/platform/base/monotonic_time.h"
 #include "quenor_base/platform/exception_barrier.h"
 #include "services/http_client_curl/address.h"
+#include "services/http_client_curl/rules/proxy.h"
 #include "services/http_client_curl/rules/syntax.h"
 
 QUENOR_NAMESPACE_BEGIN
@@ -217,6 +218,11 @@ bool Transfer::ConfigureForRequest(const http_syntax::Headers* headers) {
   std::string ascii;
   if (!http_address::AsciiUrl(request.url, &ascii).empty()) return false;
   options.Set(CURLOPT_URL, (ascii.empty() ? request.url : ascii).c_str());
+  if (!settings->proxy.except.empty()) {
+    options.Set(CURLOPT_NOPROXY,
+                http_proxy::ExceptionsFor(request.url, settings->proxy, settings->proxy_exceptions)
+                    .c_str());
+  }
   const bool sends_body = http_syntax::SendsBody(request);
   // The order matters: each of these also sets the method, which the last line then names.
   if (sends_body) {

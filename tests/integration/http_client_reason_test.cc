@@ -104,6 +104,23 @@ TEST_F(HttpClientReasonTest, OfAServerThatGoesPastTheProxyIsTheServers) {
             HttpReason::kTlsOther);
 }
 
+TEST_F(HttpClientReasonTest, OfAnAddressInAnExceptedIpv6NetworkIsTheServers) {
+  HttpDefaults defaults = TrustingDefaults();
+  uint16_t proxy_port = 0;
+  uint16_t port = 0;
+  const Fd proxy(BindLoopback(&proxy_port));  // Neither listens.
+  const Fd server(BindLoopback(&port));
+  defaults.proxy.url = "http://127.0.0.1:" + std::to_string(proxy_port);
+  const std::string url = "https://[::1]:" + std::to_string(port) + "/";
+
+  defaults.proxy.except = {"fd00::/8"};
+  EXPECT_EQ(ReasonOf(url, defaults), HttpReason::kProxyUnreachable);
+  defaults.proxy.except = {"::/64"};
+  const HttpReason reason = ReasonOf(url, defaults);
+  EXPECT_TRUE(reason == HttpReason::kRefused || reason == HttpReason::kUnreachable)  // No IPv6.
+      << HttpReasonName(reason);
+}
+
 TEST_F(HttpClientReasonTest, IsCancelledForWhoIsNotWaitedForAndNewForTheNext) {
   ScriptedServer silent([](Connection& connection) { connection.HoldUntilClosed(); });
   Exchanges exchanges;

@@ -1,7 +1,11 @@
 #include "services/http_client_curl/rules/proxy.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <initializer_list>
 #include <tuple>
 
@@ -13,21 +17,11 @@ namespace http_proxy {
 namespace {
 
 constexpr char kDigits[] = "0123456789";
-constexpr char kNameBytes[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_";
 constexpr size_t kMaxSocks5Bytes = 255;
-
-bool ConsistsOf(const std::string& text, const char* bytes) {
-  return !text.empty() && text.find_first_not_of(bytes) == std::string::npos;
-}
 
 bool IsHost(const std::string& host) {
   std::string ignored;
   return http_names::NormalHost(host, &ignored).empty();
-}
-
-bool IsPort(const std::string& port) {
-  return ConsistsOf(port, kDigits) && port.size() <= 5 && std::atoi(port.c_str()) > 0 &&
-         std::atoi(port.c_str()) <= 65535;
 }
 
 // SCHEME://HOST:PORT; no colon stands in HOST but in brackets.
@@ -44,7 +38,7 @@ struct Url {
   }
   bool IsUsable() const {
     return (scheme == "http" || scheme == "https" || scheme == "socks5h") && IsHost(host) &&
-           IsPort(port);
+           http_names::IsPort(port);
   }
   std::string scheme, host, port;
 };
@@ -75,7 +69,8 @@ std::string Decoded(const std::string& text) {
   std::string decoded;
   for (size_t i = 0; i < text.size(); ++i) {
     const std::string digits = text[i] == '%' ? text.substr(i + 1, 2) : std::string();
-    if (digits.size() == 2 && ConsistsOf(digits, "0123456789abcdefABCDEF")) {
+    if (digits.size() == 2 &&
+        digits.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos) {
       decoded += static_cast<char>(std::strtol(digits.c_str(), nullptr, 16));
       i += 2;
     } else {
@@ -118,6 +113,57 @@ const char* FirstOf(const char* (*lookup)(const char*), std::initializer_list<co
   return nullptr;
 }
 
+// Without the brackets that it may stand in.
+std::string Bare(const std::string& text) {
+  const bool is_bracketed = text.size() > 2 && text.front() == '[' && text.back() == ']';
+  return is_bracketed ? text.substr(1, text.size() - 2) : text;
+}
+
+// "ADDRESS/BITS", or an address, which is a network of one.
+struct Network {
+  explicit Network(const std::string& text) {
+    const std::string bare = Bare(text);
+    const size_t slash = bare.find('/');
+    const std::string address = bare.substr(0, slash);
+    if (inet_pton(AF_INET6, address.c_str(), bytes) == 1) {
+      max_bits = 128;
+    } else if (inet_pton(AF_INET, address.c_str(), bytes) == 1) {
+      max_bits = 32;
+    }
+    bits = max_bits;
+    if (slash == std::string::npos) return;
+    const std::string digits = bare.substr(slash + 1);
+    const bool is_number =
+        !digits.empty() && digits.size() <= 3 && digits.find_first_not_of(kDigits) == digits.npos;
+    bits = is_number ? std::atoi(digits.c_str()) : -1;
+  }
+  bool IsGood() const { return max_bits > 0 && bits >= 0 && bits <= max_bits; }
+  bool Holds(const in6_addr& address) const {
+    if (!IsGood() || max_bits != 128) return false;
+    const size_t whole = static_cast<size_t>(bits) / 8;
+    if (std::memcmp(bytes, address.s6_addr, whole) != 0) return false;
+    const int rest = bits % 8;
+    return rest == 0 || ((bytes[whole] ^ address.s6_addr[whole]) >> (8 - rest)) == 0;
+  }
+
+  uint8_t bytes[16] = {};
+  int max_bits = 0;  // 0: no address.
+  int bits = 0;
+};
+
+// The host of a URL, without brackets and zone, when it is an IPv6 address.
+bool FindIpv6(const std::string& url, in6_addr* address) {
+  const size_t begin = url.find("://");
+  if (begin == std::string::npos) return false;
+  const std::string authority =
+      url.substr(begin + 3, url.find_first_of("/?#", begin + 3) - begin - 3);
+  const size_t at = authority.rfind('@');
+  const std::string place = at == std::string::npos ? authority : authority.substr(at + 1);
+  if (place.empty() || place.front() != '[') return false;
+  const std::string host = place.substr(1, place.find_first_of("]%") - 1);
+  return inet_pton(AF_INET6, host.c_str(), address) == 1;
+}
+
 auto Fields(const HttpProxy& proxy) {
   return std::tie(proxy.url, proxy.user, proxy.password, proxy.except);
 }
@@ -133,7 +179,9 @@ std::string Problem(const HttpProxy& proxy) {
            "without user, path and query";
   }
   for (const std::string& text : proxy.except) {
-    if (!ConsistsOf(text, (std::string(kNameBytes) + ":[]/*").c_str())) {
+    const bool is_network = text.find('/') != std::string::npos;
+    if (text.empty() || !http_names::ConsistsOf(text, ".-_:[]/*") ||
+        (is_network && !Network(text).IsGood())) {
       return "proxy.except holds what is no host; give names, addresses and networks, each by "
              "itself";
     }
@@ -152,11 +200,17 @@ std::string Exceptions(const HttpProxy& proxy) {
   std::string joined;
   for (const std::string& text : proxy.except) {
     if (text == "*") return text;  // Among others it would mean nothing.
-    // libcurl compares an address with what stands in the brackets of a URL.
-    const bool is_bracketed = text.size() > 2 && text.front() == '[' && text.back() == ']';
-    joined += (joined.empty() ? "" : ",") + (is_bracketed ? text.substr(1, text.size() - 2) : text);
+    joined += (joined.empty() ? "" : ",") + Bare(text);
   }
   return joined;
+}
+
+std::string ExceptionsFor(const std::string& url, const HttpProxy& proxy,
+                          const std::string& exceptions) {
+  in6_addr address;
+  if (proxy.except.empty() || !FindIpv6(url, &address)) return exceptions;
+  const auto holds = [&](const std::string& text) { return Network(text).Holds(address); };
+  return std::any_of(proxy.except.begin(), proxy.except.end(), holds) ? "*" : exceptions;
 }
 
 bool OfEnvironment::operator==(const OfEnvironment& other) const {

@@ -21,6 +21,11 @@ std::string AsciiUrl(const HttpProxy& proxy);
 // What goes past it, as libcurl reads that.
 std::string Exceptions(const HttpProxy& proxy);
 
+// The same for a request to `url`, of the proxy's `exceptions`. libcurl compares an IPv6 address as
+// a text, and knows no network of them: "*" where one of the proxy's holds the URL's.
+std::string ExceptionsFor(const std::string& url, const HttpProxy& proxy,
+                          const std::string& exceptions);
+
 // For the URLs of either scheme; one without a URL: none.
 struct OfEnvironment {
   HttpProxy http;

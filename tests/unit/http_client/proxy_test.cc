@@ -55,7 +55,8 @@ TEST(ProxyCheckTest, WhatCannotIsRefusedByItsFieldAndNeverShown) {
   cases.push_back({Make("http://h:1", "u", std::string("s3cret\0", 7)), "proxy.password"});
   cases.push_back({Make("socks5h://h:1", std::string(256, 'u')), "proxy.user"});
   cases.push_back({Make("socks5h://h:1", "u", std::string(256, 'u')), "proxy.password"});
-  for (const char* text : {"", "s3cret,b", "s3cret b", "s3cret\n"}) {
+  for (const char* text : {"", "s3cret,b", "s3cret b", "s3cret\n", "s3cret/8", "10.0.0.0/33",
+                           "10.0.0.0/", "10.0.0.0/8/8", "fd00::/129", "fd00::/-1", "/8"}) {
     cases.push_back({Make("http://h:1", "", "", {"fine", text}), "proxy.except"});
   }
   for (const Case& one : cases) {
@@ -79,6 +80,34 @@ TEST(ProxyCheckTest, UrlAndExceptionsAreGivenToLibcurlAsItReadsThem) {
 TEST(ProxyCheckTest, AStarAmongExceptionsIsEverything) {
   EXPECT_EQ(Exceptions(Make("http://h:1", "", "", {"a", "10.0.0.0/8"})), "a,10.0.0.0/8");
   EXPECT_EQ(Exceptions(Make("http://h:1", "", "", {"a", "*", "b"})), "*");
+}
+
+TEST(ProxyCheckTest, AnIpv6AddressIsExceptedByWhatItIsNotByHowItIsWritten) {
+  const struct {
+    std::string except, url;
+    bool is_excepted;
+  } cases[] = {
+      {"fd00::/8", "https://[fd12:3456::1]:8443/r", true},
+      {"fd00::/8", "https://[fe12::1]/r", false},
+      {"[fd00::/8]", "https://[FD12:0::1]/r", true},
+      {"2001:db8::/33", "http://[2001:db8:7fff::1]", true},
+      {"2001:db8::/33", "http://[2001:db8:8000::1]", false},
+      {"::/0", "https://[::1]:1/", true},
+      {"::1", "https://[0:0:0:0:0:0:0:1]/r", true},
+      {"::1/128", "https://[::2]/r", false},
+      {"fe80::/10", "https://[fe80::1%25eth0]/r", true},
+      {"fd00::/8", "https://user:pass@[fd00::1]:1/r", true},
+      {"fd00::/8", "https://host/[fd00::1]", false},
+      {"0.0.0.0/0", "https://[::1]/r", false},
+      {"fd00::/8", "https://fd00.example/r", false},
+  };
+  for (const auto& one : cases) {
+    const HttpProxy proxy = Make("http://h:1", "", "", {"other.example", one.except});
+    EXPECT_EQ(Problem(proxy), "") << one.except;
+    EXPECT_EQ(ExceptionsFor(one.url, proxy, "rest"), one.is_excepted ? "*" : "rest")
+        << one.except << ' ' << one.url;
+  }
+  EXPECT_EQ(ExceptionsFor("https://[::1]/r", Make("http://h:1"), ""), "");
 }
 
 // ---- The environment ----------------------------------------------------------------------------
