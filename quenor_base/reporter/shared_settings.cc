@@ -67,17 +67,19 @@ std::string WhatIsWrongWith(const SharedSettings& settings) {
   return "";
 }
 
-// Those first that can be refused.
+// Those first that can be refused; nothing stays of what was.
 std::string PutIntoForce(const SharedSettings& settings) {
   std::string wrong = WhatIsWrongWith(settings);
   if (!wrong.empty()) return wrong;
+  const HttpDefaults before = GetHttpDefaults();
+  if (settings.http) wrong = SetHttpDefaults(*settings.http);
+  if (!wrong.empty()) return wrong;
   if (settings.folder &&
       !base::PathService::Override(base::DIR_RELIABLE_REPORT, base::FilePath(*settings.folder))) {
+    if (settings.http) (void)SetHttpDefaults(before);
     return "folder: " + *settings.folder +
            " is no absolute path of a folder that can be had; give one";
   }
-  if (settings.http) wrong = SetHttpDefaults(*settings.http);
-  if (!wrong.empty()) return wrong;
   Configure(config::BaseCfg().cache_option, settings.cache);
   Configure(config::BaseCfg().cache_durability, settings.durability);
   if (settings.socks5_proxy) GetSocks5ProxyConfigHolder()->SetConfig(*settings.socks5_proxy);

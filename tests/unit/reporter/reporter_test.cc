@@ -289,6 +289,17 @@ TEST_F(ReporterTest, SaysWhatIsWrongWithItsOptions) {
   }
 }
 
+TEST_F(ReporterTest, LeavesNothingInForceOfSettingsThatAreRefused) {
+  options_.shared.folder = "relative";
+  options_.shared.http.emplace().require_tls = true;
+  std::string error;
+
+  EXPECT_EQ(nullptr, Reporter::Create(options_, &error));
+
+  EXPECT_EQ(0u, error.find("folder: ")) << error;
+  EXPECT_FALSE(GetHttpDefaults().require_tls);
+}
+
 TEST_F(ReporterTest, KeepsItsUrlWhenTheNextOneIsNone) {
   const auto reporter = Create();
   for (const char* const url : {"", "ftp://host/", "https://", "host"}) {
