@@ -16,6 +16,7 @@
 #include "quenor_base/platform/base/lock.h"
 #include "quenor_base/platform/base/thread_annotations.h"
 #include "quenor_base/platform/exception_barrier.h"
+#include "quenor_base/platform/gathered_wake_ups.h"
 #include "quenor_base/platform/local_log.h"
 
 QUENOR_NAMESPACE_BEGIN
@@ -265,6 +266,7 @@ State& GetState() {
 thread_local bool in_sink = false;
 
 void Deliver(int level, const char* file, int line, const char* text, size_t size) {
+  base::GatheredWakeUps::CloseOpen();  // The sink is the host's.
   if (in_sink) {
     WriteToStderr(level, file, line, text, size);
     return;

@@ -20,10 +20,9 @@ constexpr size_t kTasksToKeepRoomFor = 256;
 // Whose exception it is when there is no memory for a task.
 constexpr char kPosting[] = "quenor's dispatch queue, as a task was posted";
 
-// A queue that is woken this soon after it fell asleep, or finds more tasks than these, is in a
-// burst ...
+// A queue that a host's thread wakes this soon after it fell asleep is in a burst, as is one that
+// finds more than kFewTasks of theirs ...
 constexpr std::chrono::microseconds kShortSleep(20);
-constexpr size_t kFewTasks = 4;
 // ... and lets tasks pile up for this long (and what the system adds) before it looks again.
 constexpr std::chrono::microseconds kNap(20);
 
@@ -120,8 +119,33 @@ void QueueCore::MakeRoomAndPost(Task&& task, std::unique_lock<ShortLock>* hold) 
     if (tasks_.capacity() >= roomy.capacity()) continue;  // Another thread was faster.
     tasks_.MoveInto(&roomy);
   }
-  tasks_.Add(std::move(task));
-  WakeAndUnlock(hold);
+  Add(std::move(task), hold);
+}
+
+// The thread stays marked as asleep: whoever posts meanwhile without a scope wakes it, and so does
+// another's scope.
+void QueueCore::WakeLater(std::unique_lock<ShortLock>* hold) {
+  base::GatheredWakeUps* const scope = base::GatheredWakeUps::Open();
+  if (gathered_by_ == scope) return;
+  if (gathered_by_ != nullptr) return WakeAndUnlock(hold);
+  gathered_by_ = scope;
+  // relaxed: whoever posts holds the queue, which is a holder.
+  holders_.fetch_add(1, std::memory_order_relaxed);
+  hold->unlock();
+  scope->Add(&sleeper_);
+}
+
+void QueueCore::WakeGathered() {
+  if (IsInForkedChild()) return;
+  std::unique_lock<ShortLock> hold(lock_);
+  gathered_by_ = nullptr;
+  // Another may have woken the thread, and it has run what there was.
+  if (tasks_.empty()) {
+    hold.unlock();
+  } else {
+    WakeAndUnlock(&hold);
+  }
+  Drop();
 }
 
 void QueueCore::Wake() {
@@ -144,7 +168,7 @@ bool QueueCore::WaitForTasks(TaskList* batch) {
   for (;;) {
     const base::MonotonicTime due = Take(batch);
     if (!batch->empty()) {
-      in_burst_ = woken_soon || batch->size() > kFewTasks;
+      in_burst_ = single_posts_taken_ > kFewTasks || (woken_soon && single_posts_taken_ > 0);
       return true;
     }
     {
@@ -169,6 +193,7 @@ base::MonotonicTime QueueCore::Take(TaskList* batch) {
   {
     std::lock_guard<ShortLock> hold(lock_);
     tasks_.Swap(batch);
+    single_posts_taken_ = std::exchange(single_posts_, uint8_t{0});
   }
   while (!delayed_.empty() && delayed_.begin()->first.first <= now) {
     const auto entry = delayed_.begin();

@@ -15,7 +15,9 @@
 
 #include "quenor_base/platform/base/fork.h"
 #include "quenor_base/platform/base/monotonic_time.h"
+#include "quenor_base/platform/base/thread_create_flag.h"
 #include "quenor_base/platform/base/time.h"
+#include "quenor_base/platform/gathered_wake_ups.h"
 #include "services/dispatch_queue_pthread/short_lock.h"
 #include "services/dispatch_queue_pthread/task_list.h"
 
@@ -56,7 +58,7 @@ class QueueCore {
     }
     QueueCore* core;
   };
-  // Any thread. One of the two holders is done with it; the last one deletes it.
+  // Any thread. One of the holders is done with it; the last one deletes it.
   void Drop() {
     // acq_rel: release publishes this holder's writes, acquire lets the last one see them all.
     if (holders_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
@@ -67,8 +69,7 @@ class QueueCore {
     if (IsInForkedChild()) return;
     std::unique_lock<ShortLock> hold(lock_);
     if (tasks_.size() == tasks_.capacity()) return MakeRoomAndPost(std::move(task), &hold);
-    tasks_.Add(std::move(task));
-    WakeAndUnlock(&hold);
+    Add(std::move(task), &hold);
   }
 
   // Answers an id for Cancel(), above 0; 0 in a forked child.
@@ -86,6 +87,19 @@ class QueueCore {
   [[gnu::hot, gnu::noinline]] bool Run();
 
  private:
+  // More of a host's threads' posts at a time are a burst.
+  static constexpr uint8_t kFewTasks = 4;
+
+  // In whose scope this is.
+  class Sleeper final : public base::GatheredWakeUps::Sleeper {
+   public:
+    explicit Sleeper(QueueCore* core) : core_(core) {}
+    void WakeUp() override { core_->WakeGathered(); }
+
+   private:
+    QueueCore* const core_;
+  };
+
   bool IsInForkedChild() const { return generation_ != base::ForkGeneration(); }
 
   // Runs and destroys the tasks; false as soon as this is a forked child.
@@ -96,6 +110,19 @@ class QueueCore {
 
   // Allocates and frees without the lock.
   [[gnu::cold, gnu::noinline]] void MakeRoomAndPost(Task&& task, std::unique_lock<ShortLock>* hold);
+
+  void Add(Task&& task, std::unique_lock<ShortLock>* hold) {
+    tasks_.Add(std::move(task));
+    if (single_posts_ <= kFewTasks && !base::ThreadCreateFlag::IsThreadCreateByQuenor()) {
+      ++single_posts_;
+    }
+    if (waiting_ && base::GatheredWakeUps::Open() != nullptr) return WakeLater(hold);
+    WakeAndUnlock(hold);
+  }
+
+  // At the end of the calling thread's scope.
+  [[gnu::noinline]] void WakeLater(std::unique_lock<ShortLock>* hold);
+  void WakeGathered();
 
   void WakeAndUnlock(std::unique_lock<ShortLock>* hold) {
     const bool wake = waiting_;
@@ -128,14 +155,18 @@ class QueueCore {
   alignas(64) unsigned char front_[40];
   const uint32_t generation_ = base::ForkGeneration();
   ShortLock lock_;
-  bool waiting_ = false;  // The thread sleeps, or is about to, and nobody has woken it yet.
-  bool look_again_ = false;
-  bool closed_ = false;
+  bool waiting_ = false;      // The thread sleeps, or is about to, and nobody has woken it yet.
+  uint8_t single_posts_ = 0;  // By threads that are not the SDK's; counted no further than needed.
   TaskList tasks_;
+
+  // Guarded by lock_, too.
+  alignas(64) bool look_again_ = false;
+  bool closed_ = false;
+  base::GatheredWakeUps* gathered_by_ = nullptr;  // Who is to wake the thread, unless another does.
 
   // Guarded by delayed_mutex_, under which lock_ may be taken. Ordered by deadline, equal ones by
   // age.
-  alignas(64) std::mutex delayed_mutex_;
+  std::mutex delayed_mutex_;
   std::map<std::pair<base::MonotonicTime, uint64_t>, Task> delayed_;
   std::map<uint64_t, base::MonotonicTime> due_by_id_;
   uint64_t last_delayed_id_ = 0;
@@ -144,9 +175,11 @@ class QueueCore {
   std::condition_variable awake_;
   bool woken_ = false;
 
-  bool in_burst_ = false;        // The thread's own.
+  uint8_t single_posts_taken_ = 0;  // The thread's own, and the next.
+  bool in_burst_ = false;
   bool is_draining_ = false;     // Counted as such; guarded by the registry.
-  std::atomic<int> holders_{2};  // The thread, and what Front allocated.
+  std::atomic<int> holders_{2};  // The thread, what Front allocated and a scope that is to wake it.
+  Sleeper sleeper_{this};
 };
 
 }  // namespace dispatch_queue

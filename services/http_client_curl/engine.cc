@@ -1,9 +1,11 @@
 #include "services/http_client_curl/engine.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "quenor_base/platform/base/monotonic_time.h"
+#include "quenor_base/platform/gathered_wake_ups.h"
 #include "quenor_base/platform/local_log.h"
 #include "services/http_client_curl/address.h"
 #include "services/http_client_curl/failure_text.h"
@@ -201,11 +203,15 @@ void Engine::EndWork(Io* io) {
 }
 
 // Runs what is due, without the lock: a callback may send, create and destroy clients, and fork.
-// It, or the log's sink, may return in the child, too: there this thread ends.
+// It, or the log's sink, may return in the child, too: there this thread ends. Callbacks in a row
+// that only post wake their queues once, behind the last; any other runs as if it were alone.
 void Engine::Report(Io* io) {
+  std::optional<base::GatheredWakeUps> gathered;
   for (Transfer* transfer : io->finished) {
+    if (!transfer->callback.only_posts()) gathered.reset();
     {
       base::AutoLock hold(lock_);
+      if (io->parked) gathered.reset();
       StayWhileParked(io);
       DecideState(io, transfer);
     }
@@ -215,6 +221,7 @@ void Engine::Report(Io* io) {
       LogFailure(*transfer);
       if (io->IsParents()) return;
     }
+    if (transfer->callback.only_posts() && !gathered) gathered.emplace();
     transfer->RunCallback();
     if (io->IsParents()) return;
     transfer->Clear();

@@ -380,8 +380,8 @@ void ReliableReportChannelHttps::DoSend() {
 
   if (http_client_ == nullptr) CreateHttpClient();
   if (http_client_ == nullptr) return;
-  const int64_t request_id = http_client_->SendRequest(
-      request, base::BindOnce(&ReliableReportChannelHttps::OnResponse, StrongThis()));
+  auto bound = base::BindOnce(&ReliableReportChannelHttps::OnResponse, StrongThis());
+  const int64_t request_id = http_client_->SendRequest(request, base::OnlyPosts(std::move(bound)));
   if (request_id < 1) return;
 
   const auto in_flight = sending_messages_.find(request_id);

@@ -20,6 +20,20 @@ namespace base {
 template <typename Signature>
 class OnceCallback;
 
+namespace internal {
+
+// See OnlyPosts().
+template <typename F>
+struct Posting : F {
+  using F::operator();
+};
+template <typename F>
+inline constexpr bool kOnlyPosts = false;
+template <typename F>
+inline constexpr bool kOnlyPosts<Posting<F>> = true;
+
+}  // namespace internal
+
 template <typename R, typename... Args>
 class OnceCallback<R(Args...)> {
  public:
@@ -55,6 +69,9 @@ class OnceCallback<R(Args...)> {
 
   explicit operator bool() const { return ops_ != nullptr; }
 
+  // What OnlyPosts() was promised of; false when null.
+  bool only_posts() const { return ops_ != nullptr && ops_->only_posts; }
+
   // Runs the callable and destroys its bound values; the callback is null afterwards. Must not be
   // null. The callback object itself may be destroyed while it runs.
   R Run(Args... args) && {
@@ -76,6 +93,7 @@ class OnceCallback<R(Args...)> {
     R (*run)(void*, Args&&...);
     void (*move)(void* to, void* from) noexcept;
     void (*destroy)(void*);
+    bool only_posts;
   };
 
   template <typename Bound>
@@ -92,7 +110,7 @@ class OnceCallback<R(Args...)> {
         new (to) Bound(std::move(*static_cast<Bound*>(from)));
         static_cast<Bound*>(from)->~Bound();
       },
-      [](void* s) { static_cast<Bound*>(s)->~Bound(); }};
+      [](void* s) { static_cast<Bound*>(s)->~Bound(); }, internal::kOnlyPosts<Bound>};
 
   template <typename Bound>
   static constexpr Ops kHeapOps = {
@@ -102,7 +120,7 @@ class OnceCallback<R(Args...)> {
       [](void* to, void* from) noexcept {
         *static_cast<Bound**>(to) = *static_cast<Bound**>(from);
       },
-      [](void* s) { delete *static_cast<Bound**>(s); }};
+      [](void* s) { delete *static_cast<Bound**>(s); }, internal::kOnlyPosts<Bound>};
 
   void MoveFrom(OnceCallback& other) noexcept {
     if (other.ops_ == nullptr) return;
@@ -160,6 +178,13 @@ template <typename Method, typename Receiver, typename... Bound>
 auto BindOnce(Method method, Receiver&& receiver, Bound&&... bound) {
   return internal::BoundMethod<Method, std::decay_t<Receiver>, std::decay_t<Bound>...>{
       method, std::forward<Receiver>(receiver), {std::forward<Bound>(bound)...}};
+}
+
+// The same callable with a promise of its binder's: it posts, and does nothing that waits. Who runs
+// several of them may wake the queues once, behind the last.
+template <typename F>
+auto OnlyPosts(F callable) {
+  return internal::Posting<F>{std::move(callable)};
 }
 
 }  // namespace base

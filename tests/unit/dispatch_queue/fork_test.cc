@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "quenor_base/platform/gathered_wake_ups.h"
 #include "tests/conformance/dispatch_queue_conformance.h"
 #include "tests/support/forked.h"
 
@@ -92,6 +93,24 @@ TEST_F(QueueForkTest, ChildWithAThreadOfItsOwnHasQueuesThatDrain) {
   EXPECT_EQ(0, ForkInATask(use_queues));
 
   EXPECT_EQ(0, *in_child_);
+}
+
+// The child has the scope and none of the threads that it is to wake.
+TEST_F(QueueForkTest, ChildOfAForkInAScopeOfWakeUpsEndsItWithoutThem) {
+  Gate ran;
+  auto queue = NewQueue();
+  pid_t child = -1;
+  {
+    const base::GatheredWakeUps gathered;
+    queue->PostTask(kHere, [&] { ran.Open(); });
+    child = test::ForkAndGoOn();
+  }
+  if (child == 0) _exit(base::GatheredWakeUps::Open() == nullptr ? 0 : 1);
+
+  EXPECT_TRUE(ran.Wait());
+  int status = -1;
+  EXPECT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_EQ(0, status);
 }
 
 }  // namespace

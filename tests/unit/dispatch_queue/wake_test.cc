@@ -13,8 +13,10 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "quenor_base/platform/base/thread_create_flag.h"
+#include "quenor_base/platform/gathered_wake_ups.h"
 #include "quenor_base/platform/thread_manager.h"
 #include "services/dispatch_queue_pthread/short_lock.h"
 #include "tests/conformance/dispatch_queue_conformance.h"
@@ -258,6 +260,110 @@ TEST_F(QueueWakeTest, ThreadNapsBehindMoreThanFourTasks) {
     EXPECT_EQ(naps - before, tasks > 4 ? 1 : 0) << tasks;
     next->go_on.Open();
   }
+}
+
+// What the SDK's own threads post comes in batches that are over: responses, and what a task posts.
+TEST_F(QueueWakeTest, ThreadDoesNotNapBehindPostsOfTheSdksThreads) {
+  const auto first = Hold();
+  ASSERT_TRUE(first->inside.Wait());
+  const auto second = Hold();  // Ahead of it there is no sleep, and so no short one.
+  first->go_on.Open();
+  ASSERT_TRUE(second->inside.Wait());
+  const int before = naps;
+
+  base::ThreadCreateFlag::SetThreadCreateByQuenor(true);
+  for (int i = 0; i < 100; ++i) Nothing();
+  const auto third = Hold();
+  base::ThreadCreateFlag::SetThreadCreateByQuenor(false);
+  second->go_on.Open();
+  ASSERT_TRUE(third->inside.Wait());
+  const auto last = Hold();
+  third->go_on.Open();
+  ASSERT_TRUE(last->inside.Wait());
+
+  EXPECT_EQ(naps, before);
+  last->go_on.Open();
+}
+
+TEST_F(QueueWakeTest, PostsOfAScopeWakeEachQueueOnceAtItsEnd) {
+  std::vector<std::shared_ptr<DispatchQueue>> queues;
+  for (int i = 0; i < 20; ++i) {
+    const int sleeps_before = sleeps;
+    queues.push_back(core::ThreadManager::CreateNewDispatchQueue(core::BusinessID::kReliableReport,
+                                                                 "gathered", base::nullopt));
+    AwaitSleep(sleeps_before);
+  }
+  std::atomic<int> ran{0};
+  const int before = wake_ups;
+  const int sleeps_before = sleeps;
+
+  {
+    const base::GatheredWakeUps gathered;
+    for (int i = 0; i < 60; ++i) queues[i % 20]->PostTask(kHere, [&] { ++ran; });
+    EXPECT_EQ(wake_ups, before);
+    EXPECT_EQ(ran, 0);
+  }
+
+  EXPECT_EQ(wake_ups - before, 20);
+  AwaitSleep(sleeps_before + 19);
+  EXPECT_EQ(ran, 60);
+}
+
+TEST_F(QueueWakeTest, ScopeHoldsUpNoPostOfAnotherThread) {
+  int wake_ups_of_other = 0;
+  {
+    const base::GatheredWakeUps gathered;
+    Nothing();
+    const int sleeps_before = sleeps;
+    std::thread([&] {
+      Nothing();
+      wake_ups_of_other = wake_ups;
+    }).join();
+    AwaitSleep(sleeps_before);
+    const int before = wake_ups;
+
+    base::GatheredWakeUps::CloseOpen();
+
+    EXPECT_EQ(wake_ups, before) << "there is nothing to run any more";
+  }
+  EXPECT_EQ(wake_ups_of_other, 1);
+}
+
+TEST_F(QueueWakeTest, ClosedScopeWakesWhoWaitsAndGathersNoMore) {
+  const base::GatheredWakeUps gathered;
+  EXPECT_EQ(WakeUpsOf([&] {
+              Nothing();
+              base::GatheredWakeUps::CloseOpen();
+            }),
+            1);
+
+  EXPECT_EQ(WakeUpsOf([&] { Nothing(); }), 1);
+}
+
+TEST_F(QueueWakeTest, ScopesOfTwoThreadsEachWakeForWhatTheyPosted) {
+  const base::GatheredWakeUps gathered;
+  Nothing();
+  const int sleeps_before = sleeps;
+  int wake_ups_of_other = 0;
+
+  std::thread([&] {
+    const base::GatheredWakeUps others;
+    Nothing();
+    wake_ups_of_other = wake_ups;
+  }).join();
+
+  EXPECT_EQ(wake_ups_of_other, 1);
+  AwaitSleep(sleeps_before);
+}
+
+TEST_F(QueueWakeTest, QueueThatIsDroppedInAScopeRunsWhatWasPosted) {
+  bool ran = false;
+  {
+    const base::GatheredWakeUps gathered;
+    queue_->PostTask(kHere, [&] { ran = true; });
+    End();
+  }
+  EXPECT_TRUE(ran);
 }
 
 TEST(ShortLockTest, WhoWaitsForLongYieldsAndThenRests) {

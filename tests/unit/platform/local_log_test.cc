@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "quenor_base/platform/gathered_wake_ups.h"
 #include "tests/support/forked.h"
 #include "tests/unit/platform/system_calls.h"
 
@@ -114,6 +115,26 @@ TEST_F(StderrLogTest, WritesALineThatTheSinkLogsItself) {
   LocalLog(2, "f", 1, "outside");
 
   EXPECT_EQ("quenor[2] sink:9 inside\n", pipe.Read());
+}
+
+// The sink may take long, and wait for what runs on a queue.
+TEST_F(StderrLogTest, WakesWhoWasToBeWokenLaterBeforeTheSinkIsCalled) {
+  struct Sleeper final : base::GatheredWakeUps::Sleeper {
+    void WakeUp() override { awake = true; }
+    bool awake = false;
+  } sleeper;
+  static bool awake_in_sink;
+  awake_in_sink = false;
+  SetLogSink([](void* context, int, const char*, int, const char*,
+                size_t) { awake_in_sink = static_cast<Sleeper*>(context)->awake; },
+             &sleeper);
+  const base::GatheredWakeUps gathered;
+  base::GatheredWakeUps::Open()->Add(&sleeper);
+
+  LocalLog(1, "f.cc", 1, "x");
+
+  SetLogSink(nullptr, nullptr);
+  EXPECT_TRUE(awake_in_sink);
 }
 
 TEST_F(StderrLogTest, WritesEachLineWithOneCall) {
