@@ -1,11 +1,14 @@
 #include "benchmarks/delivery/worker.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <tuple>
@@ -17,6 +20,7 @@
 #include "quenor_base/platform/config_center.h"
 #include "quenor_base/platform/http_client.h"
 #include "quenor_base/platform/report_events.h"
+#include "quenor_base/platform/thread_manager.h"
 
 namespace quenor::bench {
 namespace {
@@ -37,6 +41,25 @@ double Switches() {
   return static_cast<double>(usage.ru_nvcsw + usage.ru_nivcsw);
 }
 
+// Where the threads of this process run: all on its first processor, or where the system puts them.
+// Those that start later follow the one that starts them.
+void Place(bool on_one_processor) {
+  static cpu_set_t all;
+  static bool has_all = sched_getaffinity(0, sizeof(all), &all) == 0;
+  Require(has_all, "the processors are not known");
+  cpu_set_t chosen = all;
+  if (on_one_processor) {
+    int first = 0;
+    while (!CPU_ISSET(first, &all)) ++first;
+    CPU_ZERO(&chosen);
+    CPU_SET(first, &chosen);
+  }
+  for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+    const pid_t id = std::atoi(thread.path().filename().c_str());
+    Require(sched_setaffinity(id, sizeof(chosen), &chosen) == 0, "a thread cannot be placed");
+  }
+}
+
 // A channel that is given the next message whenever one was acknowledged.
 class ChannelDeliverer : public Deliverer, private ReportEventListener {
  public:
@@ -44,7 +67,13 @@ class ChannelDeliverer : public Deliverer, private ReportEventListener {
       : url_(std::move(url)), ca_file_(std::move(ca_file)), cached_(cached) {
     ReportEvents::SetListener(this);
   }
-  ~ChannelDeliverer() override { ReportEvents::SetListener(nullptr); }
+  ~ChannelDeliverer() override {
+    ReportEvents::SetListener(nullptr);
+    for (const auto& channel : channels_) channel.second->Terminate();
+    channels_.clear();
+    Require(core::ThreadManager::WaitForDrain(base::TimeDelta::FromSeconds(60)),
+            "a channel does not end");
+  }
 
   bool Deliver(const Job& job) override {
     ReliableReportChannelHttps* channel = ChannelFor(job);
@@ -128,7 +157,8 @@ class ChannelDeliverer : public Deliverer, private ReportEventListener {
 
 std::unique_ptr<Deliverer> MakeDeliverer(const std::string& kind, const std::string& url,
                                          const std::string& ca_file, const std::string& folder) {
-  if (kind == "libcurl") return MakeBareLibcurl(url, ca_file);
+  if (kind == "libcurl") return MakeLibcurl(false, url, ca_file);
+  if (kind == "libcurl-2") return MakeLibcurl(true, url, ca_file);
   const bool cached = kind == "channel-cached";
   Require(cached || kind == "channel", "no such contender");
   config::ConfigCenterImpl::GetInstance()->SetHostOverride(config::BaseCfg().cache_option,
@@ -139,6 +169,7 @@ std::unique_ptr<Deliverer> MakeDeliverer(const std::string& kind, const std::str
 }
 
 Figures Measured(Deliverer* deliverer, const Job& job) {
+  Place(job.on_one_processor);
   const double cpu = CpuSeconds();
   const double switches = Switches();
   const double begin_ns = NowNs();

@@ -18,6 +18,7 @@ struct Job {
   int in_flight = 1;
   int connections = 6;  // At most so many to the server.
   int messages = 0;
+  bool on_one_processor = false;  // All threads of the contender.
 };
 
 struct Figures {
@@ -38,10 +39,12 @@ class Deliverer {
   virtual bool Deliver(const Job& job) = 0;
 };
 
-// Kinds: "channel", "channel-cached" (mapped), "libcurl".
+// Kinds: "channel", "channel-cached" (mapped), "libcurl" (one thread), "libcurl-2" (on a thread of
+// its own).
 std::unique_ptr<Deliverer> MakeDeliverer(const std::string& kind, const std::string& url,
                                          const std::string& ca_file, const std::string& folder);
-std::unique_ptr<Deliverer> MakeBareLibcurl(const std::string& url, const std::string& ca_file);
+std::unique_ptr<Deliverer> MakeLibcurl(bool two_threads, const std::string& url,
+                                       const std::string& ca_file);
 
 // Runs the job and measures it; ends the program when a message was not delivered.
 Figures Measured(Deliverer* deliverer, const Job& job);
