@@ -152,6 +152,26 @@ TEST_P(HttpClientSettingsTest, NoConnectionStaysWhereNoneIsToStay) {
   }
 }
 
+// libcurl would give a connection of one to the other.
+TEST_P(HttpClientSettingsTest, SetsThatDifferInAHeaderAloneShareNoConnection) {
+  Sdk a(folder_.path(), "a");
+  const NginxServer server(a.Nginx(GetParam()));
+  HttpClient::Config config;
+  config.enable_http2 = GetParam();
+  const auto client = MakeClient(HttpDefaults(), config);
+  const auto connection = [&] {
+    return Send(client.get(), MakeRequest(server.Origin() + "/", "x")).header("x-connection");
+  };
+  Set(server.Origin(), a.settings);
+  const std::string first = connection();
+  EXPECT_EQ(connection(), first);
+
+  a.settings.headers["x-other"] = "y";
+  Set(server.Origin(), a.settings);
+
+  EXPECT_NE(connection(), first);
+}
+
 // Two sets in turn for one origin, changed beside the senders.
 TEST_P(HttpClientSettingsTest, EachRequestGoesByOneWholeSet) {
   Sdk a(folder_.path(), "a");

@@ -1,6 +1,7 @@
 // The contract on clients of a host's own network stack, which is set through the C interface: what
 // the library adds to it keeps the contract, whatever thread the stack answers on.
 #include <cstdint>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -67,6 +68,35 @@ class HostPeer : public HttpClientPeer {
 std::unique_ptr<HttpClientPeer> MakeHostPeer() { return std::make_unique<HostPeer>(); }
 
 INSTANTIATE_TEST_SUITE_P(Host, HttpClientConformance, ::testing::Values(&MakeHostPeer));
+
+// The stack has answered, and the client ends while nobody has been told of it yet.
+TEST(HostTransportTest, SuccessThatWaitsAtTheClientsEndIsACancellation) {
+  HostPeer peer;
+  const auto other = peer.CreateClient();
+  auto client = peer.CreateClient();
+  HttpClient::Request request;
+  request.url = kOrigin;
+  request.url += "/";
+  request.method = "POST";
+  std::promise<void> begun, go_on;
+  Answers of_other, of_client;
+  ASSERT_GE(other->SendRequest(request, of_other.Note([&] {
+    begun.set_value();
+    go_on.get_future().wait();
+  })),
+            1);
+  begun.get_future().wait();
+
+  ASSERT_GE(client->SendRequest(request, of_client.Note()), 1);
+  client.reset();
+  go_on.set_value();
+
+  ASSERT_TRUE(of_client.WaitFor(1, &peer));
+  ASSERT_TRUE(of_other.WaitFor(1, &peer));
+  EXPECT_EQ(of_client.all()[0].state, HttpClient::State::kCancelled);
+  EXPECT_EQ(of_client.all()[0].response, nullptr);
+  EXPECT_EQ(of_other.all()[0].state, HttpClient::State::kCompleted);
+}
 
 }  // namespace
 }  // namespace quenor::conformance
