@@ -29,17 +29,14 @@ class Rounds {
   double MessagesPerSecond() {
     const Figures figures = worker_->Run(job_);
     kept_.push_back({job_.messages / figures.seconds, figures.cpu_seconds * 1e6 / job_.messages,
-                     figures.switches / job_.messages});
+                     figures.switches / job_.messages, figures.allocations / job_.messages});
     return kept_.back().rate;
   }
   double CpuMicroseconds() { return kept_.at(next_cpu_++).cpu_us; }
   double CpuMicrosecondsAgain() { return kept_.at(next_cpu_again_++).cpu_us; }
 
-  double Switches() const {
-    std::vector<double> all;
-    for (const Kept& one : kept_) all.push_back(one.switches);
-    return Median(all);
-  }
+  double Switches() const { return MedianOf(&Kept::switches); }
+  double Allocations() const { return MedianOf(&Kept::allocations); }
   std::string SwitchesText() const {
     char text[32];
     std::snprintf(text, sizeof(text), "%.2f", Switches());
@@ -48,8 +45,13 @@ class Rounds {
 
  private:
   struct Kept {
-    double rate, cpu_us, switches;
+    double rate, cpu_us, switches, allocations;
   };
+  double MedianOf(double Kept::*figure) const {
+    std::vector<double> all;
+    for (const Kept& one : kept_) all.push_back(one.*figure);
+    return Median(all);
+  }
   Worker* worker_;
   Job job_;
   std::vector<Kept> kept_;
@@ -138,6 +140,9 @@ void MeasureShape(Area* area, Workers* workers, const Nginx& server, const Job& 
               channel.Switches(), -1,
               "libcurl alone: " + libcurl.SwitchesText() +
                   ", on a thread of its own: " + crossing.SwitchesText()});
+  area->Tell({shape + ": allocations of the channel's process", "per message",
+              channel.Allocations(), libcurl.Allocations() + 12,
+              "At most 12 more than libcurl alone."});
 }
 
 // wrk measures for whole seconds only, and asks anew as soon as it has an answer.

@@ -1,5 +1,6 @@
 #include "benchmarks/delivery/worker.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/resource.h>
@@ -33,6 +34,13 @@ double CpuSeconds() {
   timespec spent;
   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &spent);
   return static_cast<double>(spent.tv_sec) + static_cast<double>(spent.tv_nsec) * 1e-9;
+}
+
+// Of a process that the counter was loaded into.
+double Allocations() {
+  static const auto count =
+      reinterpret_cast<uint64_t (*)()>(dlsym(RTLD_DEFAULT, "QuenorBenchHeapAllocations"));
+  return count == nullptr ? 0 : static_cast<double>(count());
 }
 
 double Switches() {
@@ -172,9 +180,11 @@ Figures Measured(Deliverer* deliverer, const Job& job) {
   Place(job.on_one_processor);
   const double cpu = CpuSeconds();
   const double switches = Switches();
+  const double allocations = Allocations();
   const double begin_ns = NowNs();
   Require(deliverer->Deliver(job), "a message was not delivered");
-  return {(NowNs() - begin_ns) * 1e-9, CpuSeconds() - cpu, Switches() - switches};
+  return {(NowNs() - begin_ns) * 1e-9, CpuSeconds() - cpu, Switches() - switches,
+          Allocations() - allocations};
 }
 
 Worker::Worker(const std::string& kind, const Nginx& server) {
@@ -184,7 +194,8 @@ Worker::Worker(const std::string& kind, const Nginx& server) {
   process_ = std::make_unique<Process>(
       std::vector<std::string>{"/proc/self/exe", kWorkerFlag, kind, server.url(), server.ca_file(),
                                server.folder().path()},
-      std::vector<std::pair<int, int>>{{jobs[0], kJobsFd}, {figures[1], kFiguresFd}});
+      std::vector<std::pair<int, int>>{{jobs[0], kJobsFd}, {figures[1], kFiguresFd}},
+      std::vector<std::string>{"LD_PRELOAD=" QUENOR_BENCH_HEAP_COUNT});
   close(jobs[0]);
   close(figures[1]);
   to_worker_ = jobs[1];

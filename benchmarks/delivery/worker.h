@@ -25,6 +25,7 @@ struct Figures {
   double seconds = 0;
   double cpu_seconds = 0;  // Of all threads of the process.
   double switches = 0;     // Context switches, likewise.
+  double allocations = 0;  // Likewise; 0 where they are not counted.
 };
 
 // What a worker drives: a channel or libcurl alone. One thread calls it.
