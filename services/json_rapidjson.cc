@@ -4,8 +4,10 @@
 #include <climits>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "quenor_base/platform/base/json_reader.h"
@@ -46,6 +48,7 @@ namespace {
 namespace rj = internal::rapidjson;
 
 constexpr char kLogSource[] = "services/json_rapidjson";
+constexpr size_t kStackBytes = 1024;  // What reading a usual text takes, beside its values.
 constexpr unsigned kFlags = rj::kParseIterativeFlag | rj::kParseValidateEncodingFlag;
 
 struct Member {
@@ -113,7 +116,7 @@ const char* SkipNumberCharacters(const char* p, const char* end) {
 // a number's value, and RapidJSON would fail the text for 1e400 and overflow an int on
 // 0.01e-2147483647. A text is valid afterwards exactly if it was before: up to its first error the
 // strings and numbers found here are those of the grammar, and only a number becomes another.
-bool ReplaceOtherNumbers(const std::string& text, std::string* out) {
+bool ReplaceOtherNumbers(std::string_view text, std::string* out) {
   const char* const end = text.data() + text.size();
   const char* copied = text.data();  // Everything before it is in `out`.
   const char* p = copied;
@@ -151,7 +154,7 @@ bool HasSurrogate(const char* text, size_t size) {
 
 struct Value::Rep {
   Type type = Type::kNull;
-  std::map<std::string, Member> members;  // kDictionary
+  std::map<std::string, Member, std::less<>> members;  // kDictionary
 };
 
 namespace {
@@ -228,7 +231,7 @@ class Handler {
 void DeleteRep(Value::Rep* rep) { delete rep; }
 
 // The member of `rep` under `key` if it is a `type`; else null.
-const Member* FindMember(const Value::Rep& rep, const std::string& key, Value::Type type) {
+const Member* FindMember(const Value::Rep& rep, std::string_view key, Value::Type type) {
   const auto found = rep.members.find(key);
   if (found == rep.members.end() || found->second.type != type) return nullptr;
   return &found->second;
@@ -238,18 +241,18 @@ const Member* FindMember(const Value::Rep& rep, const std::string& key, Value::T
 
 Value::Type Value::type() const { return rep_->type; }
 
-const std::string* Value::FindStringKey(const std::string& key) const {
+const std::string* Value::FindStringKey(std::string_view key) const {
   const Member* const member = FindMember(*rep_, key, Type::kString);
   return member == nullptr ? nullptr : &member->string;
 }
 
-Optional<int> Value::FindIntKey(const std::string& key) const {
+Optional<int> Value::FindIntKey(std::string_view key) const {
   const Member* const member = FindMember(*rep_, key, Type::kInteger);
   if (member == nullptr) return nullopt;
   return member->integer;
 }
 
-Optional<Value> JSONReader::Read(const std::string& text, int options, int max_depth) {
+Optional<Value> JSONReader::Read(std::string_view text, int options, int max_depth) {
   if (options != 0) {
     LocalLog(2, kLogSource, __LINE__,
              "json: a text of %zu bytes is not read: options %d are unknown; pass 0", text.size(),
@@ -259,9 +262,11 @@ Optional<Value> JSONReader::Read(const std::string& text, int options, int max_d
   if (max_depth < 0) return nullopt;
   std::unique_ptr<Value::Rep, void (*)(Value::Rep*)> rep(new Value::Rep, DeleteRep);
   std::string replaced;
-  const std::string& source = ReplaceOtherNumbers(text, &replaced) ? replaced : text;
+  const std::string_view source = ReplaceOtherNumbers(text, &replaced) ? replaced : text;
   rj::MemoryStream stream(source.data(), source.size());
-  rj::GenericReader<rj::UTF8<>, rj::UTF8<>> reader;
+  alignas(std::max_align_t) char room[kStackBytes];
+  rj::MemoryPoolAllocator<> memory(room, sizeof(room), kStackBytes);
+  rj::GenericReader<rj::UTF8<>, rj::UTF8<>, rj::MemoryPoolAllocator<>> reader(&memory);
   Handler handler(max_depth, rep.get());
   if (reader.Parse<kFlags>(stream, handler).IsError()) return nullopt;
   // RapidJSON takes a NUL byte for the end of the text.

@@ -26,6 +26,19 @@ constexpr std::chrono::microseconds kShortSleep(20);
 // ... and lets tasks pile up for this long (and what the system adds) before it looks again.
 constexpr std::chrono::microseconds kNap(20);
 
+// Where a node was kept of an entry that has gone, in that.
+template <typename Map>
+void Insert(Map* map, typename Map::node_type* spare, const typename Map::key_type& key,
+            typename Map::mapped_type value) {
+  if (spare->empty()) {
+    map->emplace(key, std::move(value));
+    return;
+  }
+  spare->key() = key;
+  spare->mapped() = std::move(value);
+  map->insert(std::move(*spare));
+}
+
 }  // namespace
 
 base::MonotonicTime DeadlineAfter(base::TimeDelta delay) {
@@ -40,8 +53,8 @@ uint64_t QueueCore::PostDelayed(Task task, base::TimeDelta delay) {
   const uint64_t id = ++last_delayed_id_;
   const bool earliest = delayed_.empty() || due < delayed_.begin()->first.first;
   base::EndOnException(kPosting, [&] {
-    delayed_.emplace(std::make_pair(due, id), std::move(task));
-    due_by_id_.emplace(id, due);
+    Insert(&delayed_, &spare_delayed_, {due, id}, std::move(task));
+    Insert(&due_by_id_, &spare_due_, id, due);
   });
   hold.unlock();
   // A later deadline than the one the thread waits for needs no wake-up.
@@ -58,8 +71,8 @@ bool QueueCore::Cancel(uint64_t id) {
   const auto entry = delayed_.find({due->second, id});
   const bool earliest = entry == delayed_.begin();
   cancelled = std::move(entry->second);
-  delayed_.erase(entry);
-  due_by_id_.erase(due);
+  spare_delayed_ = delayed_.extract(entry);
+  spare_due_ = due_by_id_.extract(due);
   hold.unlock();
   // The thread may be waiting for this very deadline: have it take the next one.
   if (earliest) LookAgain();
@@ -199,8 +212,8 @@ base::MonotonicTime QueueCore::Take(TaskList* batch) {
     const auto entry = delayed_.begin();
     if (batch->size() == batch->capacity()) MakeRoom(batch);
     batch->Add(std::move(entry->second));
-    due_by_id_.erase(entry->first.second);
-    delayed_.erase(entry);
+    spare_due_ = due_by_id_.extract(entry->first.second);
+    spare_delayed_ = delayed_.extract(entry);
   }
   return delayed_.empty() ? base::MonotonicTime::max() : delayed_.begin()->first.first;
 }

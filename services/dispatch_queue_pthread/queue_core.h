@@ -167,8 +167,12 @@ class QueueCore {
   // Guarded by delayed_mutex_, under which lock_ may be taken. Ordered by deadline, equal ones by
   // age.
   std::mutex delayed_mutex_;
-  std::map<std::pair<base::MonotonicTime, uint64_t>, Task> delayed_;
-  std::map<uint64_t, base::MonotonicTime> due_by_id_;
+  using Delayed = std::map<std::pair<base::MonotonicTime, uint64_t>, Task>;
+  using DueById = std::map<uint64_t, base::MonotonicTime>;
+  Delayed delayed_;
+  DueById due_by_id_;
+  Delayed::node_type spare_delayed_;  // One kept of the last that went, for a timer that is started
+  DueById::node_type spare_due_;      // and stopped with every message.
   uint64_t last_delayed_id_ = 0;
 
   std::mutex sleep_mutex_;  // Guards woken_; nothing is taken under it.

@@ -279,7 +279,7 @@ void Transfer::TakeHeaders() {
     for (char& c : name) c = http_syntax::LowerAscii(c);
     std::string value = header->value;
     if (value == "\r") value.clear();  // How libcurl gives an empty one.
-    auto [entry, is_new] = response->headers.try_emplace(std::move(name), value);
+    auto [entry, is_new] = response->headers.try_emplace(std::move(name), std::move(value));
     if (!is_new) entry->second.append(", ").append(value);
   }
 }

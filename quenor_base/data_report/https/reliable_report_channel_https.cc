@@ -518,13 +518,13 @@ void ReliableReportChannelHttps::HandleResponse(const char* body, uint32_t size,
     LocalLog(2, kSourcePath, __LINE__, "body is empty");
     return;
   }
-  const std::string text(body, size);
+  const std::string_view text(body, size);
   const base::Optional<base::Value> reply = base::JSONReader::Read(text, 0, kMaxJsonDepth);
   if (!reply.has_value() || !reply->is_dict()) return;
   const std::string* error_info = reply->FindStringKey("bytes_errinfo");
   if (error_info == nullptr || *error_info != "success") {
     LocalLog(2, kSourcePath, __LINE__, "response_errinfo is not success, response_msg:%s",
-             text.c_str());
+             std::string(text).c_str());
     return;
   }
   const int send_interval = reply->FindIntKey("uint32_send_interval").value_or(0);

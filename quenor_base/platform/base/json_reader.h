@@ -2,7 +2,7 @@
 #ifndef QUENOR_BASE_PLATFORM_BASE_JSON_READER_H_
 #define QUENOR_BASE_PLATFORM_BASE_JSON_READER_H_
 
-#include <string>
+#include <string_view>
 
 #include "quenor_base/platform/base/optional.h"
 #include "quenor_base/platform/base/values.h"
@@ -19,7 +19,7 @@ class JSONReader {
   // relaxation exists, any other value is logged and yields nothing. Never recurses with the depth
   // of the text, and takes memory in proportion to its size only. A number too large for a double
   // is a number and no integer; it does not fail the text.
-  static Optional<Value> Read(const std::string& text, int options, int max_depth);
+  static Optional<Value> Read(std::string_view text, int options, int max_depth);
 
   // Any thread. Names the implementation that is linked.
   static const char* ImplementationName();

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "quenor_base/platform/base/optional.h"
 
@@ -30,11 +31,11 @@ class Value {
   // The string under `key`, borrowed until this value is moved or destroyed; null when this is not
   // a dictionary, the key is missing or its value is not a string. Of duplicate keys the last wins,
   // whatever its type.
-  const std::string* FindStringKey(const std::string& key) const;
+  const std::string* FindStringKey(std::string_view key) const;
 
   // The integer under `key`; empty when this is not a dictionary, the key is missing or its value
   // is not an integer of 32 bits.
-  Optional<int> FindIntKey(const std::string& key) const;
+  Optional<int> FindIntKey(std::string_view key) const;
 
  private:
   std::unique_ptr<Rep, void (*)(Rep*)> rep_;

@@ -29,23 +29,24 @@ struct Value::Rep : fuzz::PlainDocument {};
 
 Value::Type Value::type() const { return rep_->value.type; }
 
-const std::string* Value::FindStringKey(const std::string& key) const {
-  const auto found = rep_->members.find(key);
+const std::string* Value::FindStringKey(std::string_view key) const {
+  const auto found = rep_->members.find(std::string(key));
   if (found == rep_->members.end() || found->second.type != Type::kString) return nullptr;
   return &found->second.string;
 }
 
-Optional<int> Value::FindIntKey(const std::string& key) const {
-  const auto found = rep_->members.find(key);
+Optional<int> Value::FindIntKey(std::string_view key) const {
+  const auto found = rep_->members.find(std::string(key));
   if (found == rep_->members.end() || found->second.type != Type::kInteger) return nullopt;
   return found->second.integer;
 }
 
-Optional<Value> JSONReader::Read(const std::string& text, int options, int max_depth) {
+Optional<Value> JSONReader::Read(std::string_view text, int options, int max_depth) {
   if (options != 0) LocalLog(2, __FILE__, __LINE__, "json: options %d are unknown", options);
   auto* const rep = new Value::Rep;
   Value value({rep, [](Value::Rep* old) { delete old; }});
-  if (options != 0 || max_depth < 0 || !fuzz::ReadPlainJson(text, max_depth, rep)) return nullopt;
+  if (options != 0 || max_depth < 0 || !fuzz::ReadPlainJson(std::string(text), max_depth, rep))
+    return nullopt;
   return value;
 }
 

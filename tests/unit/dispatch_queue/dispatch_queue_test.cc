@@ -352,6 +352,22 @@ TEST_F(PthreadQueueTest, PostAllocatesOnlyUntilTheQueueHasRoom) {
   EXPECT_LE(count, 10u);
 }
 
+// A channel's clean-up timer is started and stopped with every message.
+TEST_F(PthreadQueueTest, DeadlineThatIsSetAndCancelledAgainAllocatesNothing) {
+  const auto queue = NewQueue();
+  const auto set_and_cancel = [&] {
+    const uint64_t id = queue->PostCancelableDelayedTask(
+        kHere, [] {}, TimeDelta::FromSeconds(3600));
+    EXPECT_TRUE(queue->CancelDelayedTask(id));
+  };
+  set_and_cancel();
+
+  const test::MemoryFaults::Counter allocations;
+  for (int i = 0; i < 10; ++i) set_and_cancel();
+
+  EXPECT_EQ(allocations.count(), 0u);
+}
+
 TEST_F(PthreadQueueTest, QueuesThatPostToEachOtherEndTogether) {
   std::atomic<int> hops{0};
   Gate last;

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "quenor_base/platform/base/json_reader.h"
 #include "tests/support/channel_test_fixture.h"
 #include "tests/support/memory_faults.h"
 
@@ -651,6 +652,19 @@ TEST_F(ChannelOperationsTest, ListenerAddsNoAllocationOfTheChannelsOwn) {
   EXPECT_LE(allocations.count(), 2u);
   Stop();
   ReportEvents::SetListener(&events_);
+}
+
+// --- Replies ---
+
+TEST(ChannelReplyTest, UsualReplyIsReadWithTwoAllocations) {
+  const MemoryFaults::Counter allocations;
+  {
+    const auto reply = base::JSONReader::Read("{\"bytes_errinfo\":\"success\"}", 0, 200);
+    EXPECT_NE(reply->FindStringKey("bytes_errinfo"), nullptr);
+    EXPECT_FALSE(reply->FindIntKey("uint32_max_resend_count").has_value());
+  }
+
+  EXPECT_LE(allocations.count(), 2u);
 }
 
 // --- GetReportInterval ---
