@@ -19,7 +19,7 @@ PARTS = {  # Started in this order.
     "waiting": "the soak, a long rest",
     "mutants": "mutants: the library broken one line at a time",
     "kills": "kills at every step, at random, among processes",
-    "tsan": "all tests, thread sanitizer",
+    "tsan": "all tests that have threads, thread sanitizer",
     "asan": "all tests, address and undefined behaviour sanitizers",
     "cache": "damage, failing calls, full disks, power losses",
     "generated": "sixty generated mutants, by a seed that is printed",
