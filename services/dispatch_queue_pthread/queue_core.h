@@ -27,37 +27,10 @@ namespace dispatch_queue {
 // Any thread. When a delay that begins now ends.
 base::MonotonicTime DeadlineAfter(base::TimeDelta delay);
 
-// What a queue's thread runs on, and where the queue object is; lives as long as the thread and
-// whoever has a reference to the queue, a weak one too, so that either may go first. In a forked
-// child, where the thread is not: everything is dropped, no lock is taken.
+// What a queue's thread runs on; lives as long as the thread and the queue object, so that either
+// may go first. In a forked child, where the thread is not: everything is dropped, no lock is taken.
 class QueueCore {
  public:
-  // Allocator for the queue object and its reference counts: in the core's first bytes, on one
-  // cache line with what each post writes, if they fit there. What it has allocated is one holder.
-  template <typename T>
-  struct Front {
-    using value_type = T;
-    explicit Front(QueueCore* core_in) : core(core_in) {}
-    template <typename U>
-    Front(const Front<U>& other) : core(other.core) {}  // NOLINT: an allocator converts.
-    T* allocate(size_t count) {
-      if (count * sizeof(T) > sizeof core->front_) return std::allocator<T>().allocate(count);
-      return reinterpret_cast<T*>(core->front_);
-    }
-    void deallocate(T* at, size_t count) {
-      if (count * sizeof(T) > sizeof core->front_) std::allocator<T>().deallocate(at, count);
-      core->Drop();
-    }
-    template <typename U>
-    bool operator==(const Front<U>& other) const {
-      return core == other.core;
-    }
-    template <typename U>
-    bool operator!=(const Front<U>& other) const {
-      return core != other.core;
-    }
-    QueueCore* core;
-  };
   // Any thread. One of the holders is done with it; the last one deletes it.
   void Drop() {
     // acq_rel: release publishes this holder's writes, acquire lets the last one see them all.
@@ -151,9 +124,8 @@ class QueueCore {
 
   [[gnu::cold]] void DestroyDelayed();
 
-  // What every post touches, on a cache line of its own: the counts and the queue object first.
-  alignas(64) unsigned char front_[40];
-  const uint32_t generation_ = base::ForkGeneration();
+  // What every post touches, on a cache line of its own.
+  alignas(64) const uint32_t generation_ = base::ForkGeneration();
   ShortLock lock_;
   bool waiting_ = false;      // The thread sleeps, or is about to, and nobody has woken it yet.
   uint8_t single_posts_ = 0;  // By threads that are not the SDK's; counted no further than needed.
@@ -182,7 +154,7 @@ class QueueCore {
   uint8_t single_posts_taken_ = 0;  // The thread's own, and the next.
   bool in_burst_ = false;
   bool is_draining_ = false;     // Counted as such; guarded by the registry.
-  std::atomic<int> holders_{2};  // The thread, what Front allocated and a scope that is to wake it.
+  std::atomic<int> holders_{2};  // The thread, the queue object and a scope that is to wake it.
   Sleeper sleeper_{this};
 };
 

@@ -26,7 +26,10 @@ using dispatch_queue::ThreadRegistry;
 class PthreadDispatchQueue : public DispatchQueue {
  public:
   explicit PthreadDispatchQueue(QueueCore* core) : core_(core) {}
-  ~PthreadDispatchQueue() override { core_->Close(); }
+  ~PthreadDispatchQueue() override {
+    core_->Close();
+    core_->Drop();
+  }
 
   void PostTask(const base::Location&, Task task) override { core_->Post(std::move(task)); }
   void PostDelayedTask(const base::Location&, Task task, base::TimeDelta delay) override {
@@ -94,8 +97,7 @@ class PthreadDispatchQueue : public DispatchQueue {
                                                          size_t stack_size) {
   ThreadRegistry::Get().JoinEnded(base::MonotonicNow());  // Nobody waits here.
   auto* core = new QueueCore;
-  auto queue = std::allocate_shared<PthreadDispatchQueue>(
-      QueueCore::Front<PthreadDispatchQueue>(core), core);
+  auto queue = std::make_shared<PthreadDispatchQueue>(core);
   auto start = std::make_unique<PthreadDispatchQueue::ThreadStart>();
   start->core = core;
   start->queue = queue;

@@ -66,15 +66,6 @@ TEST_F(PthreadQueueTest, EachQueueHasAThreadOfItsOwn) {
   OnQueue(first, [&] { EXPECT_EQ(std::this_thread::get_id(), first_id); });
 }
 
-#if defined(__GLIBCXX__)
-TEST_F(PthreadQueueTest, QueueLiesOnTheCacheLineThatEachPostWrites) {
-  for (int i = 0; i < 20; ++i) {
-    const auto queue = NewQueue();
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(queue.get()) % 64, 24u) << "behind its counts";
-  }
-}
-#endif
-
 TEST_F(PthreadQueueTest, ThreadIsNamedAfterTheQueueAsFarAsTheSystemAllows) {
   for (const auto& [name, shown] : std::vector<std::pair<std::string, std::string>>{
            {"short", "short"}, {"a name of twenty byt", "a name of twent"}, {"", ""}}) {
