@@ -42,12 +42,13 @@ endforeach()
 
 if(QUENOR_BUILD_TOOLS)
   set(tools COMPONENT quenor_tools ${QUENOR_IF_ASKED})
-  install(TARGETS quenor_report_exe quenor_collector_exe
+  install(TARGETS quenor_report_exe quenor_collector_exe quenor_fleet_exe
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} ${tools})
-  install(FILES man/quenor-report.1 man/quenor-collector.1
+  install(FILES man/quenor-report.1 man/quenor-collector.1 man/quenor-fleet.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 ${tools})
+  install(DIRECTORY fleet/scenarios DESTINATION ${CMAKE_INSTALL_DATADIR}/quenor ${tools})
   set(completions ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
-  foreach(program quenor-report quenor-collector)
+  foreach(program quenor-report quenor-collector quenor-fleet)
     install(FILES completion/quenor.bash RENAME ${program} DESTINATION ${completions} ${tools})
     install(FILES completion/quenor.fish RENAME ${program}.fish
       DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d ${tools})

@@ -65,7 +65,8 @@ Headers for C and C++, archives, and what CMake and pkg-config need." DEPENDS
   "${soname_package} ${exactly}, libcurl4-openssl-dev (>= 7.87), libidn2-dev, libssl-dev, zlib1g-dev")
 quenor_package(quenor_tools quenor-tools net "reliable report channel, command line tools"
   "${about}
-quenor-report delivers from a shell; quenor-collector is a server for tests.")
+quenor-report delivers from a shell; quenor-collector is a server for tests;
+quenor-fleet runs a fleet and its collector in virtual time.")
 set(CPACK_DEBIAN_QUENOR_TOOLS_PACKAGE_SHLIBDEPS ON)
 if(EXISTS ${PROJECT_SOURCE_DIR}/python/quenor)
   quenor_package(quenor_python python3-quenor python "reliable report channel, for Python"

@@ -17,4 +17,4 @@ _quenor() {
     *) COMPREPLY=($(compgen -W "${kinds:-$commands}" -- "$current")) ;;  # Nothing: file names.
   esac
 }
-complete -o default -F _quenor quenor-report quenor-collector
+complete -o default -F _quenor quenor-report quenor-collector quenor-fleet

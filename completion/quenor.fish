@@ -16,6 +16,6 @@ function __quenor_words
     printf '%s\n' $said | sed -nE '/^Subcommands:/,/^$/s/^  ([a-z]+) +(.*)/\1\t\2/p'
     printf '%s\n' $said | sed -nE '/^Options:/,/^$/s/^  (-[^ ]*).*/\1/p' | tr , '\n'
 end
-for program in quenor-report quenor-collector
+for program in quenor-report quenor-collector quenor-fleet
     complete -c $program -a '(__quenor_words)'
 end

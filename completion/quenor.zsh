@@ -1,4 +1,4 @@
-#compdef quenor-report quenor-collector
+#compdef quenor-report quenor-collector quenor-fleet
 # What can be written next is asked of the program's own --help.
 local said kinds
 local -a chain=($words[1]) options commands

@@ -1,7 +1,8 @@
 // Policy: what a collector's replies should say, so that its fleet neither overruns it nor loses
 // reports. No clock, thread, network or chance of its own: who links it calls Tick() every ten
 // seconds and Reply() for each answer with status 200, and brings the random number.
-// Threads: one at a time. Life cycle: one per collector, for as long as it answers.
+// Threads: one at a time. Life cycle: one per collector, for as long as it answers. What each does
+// to a fleet can be seen by quenor-fleet: docs/guide/fleet.md.
 //
 // A reply reaches only the sender that it answers, and acts with that sender's next request. So
 // what is to hold in an outage must have been said before: every reply but kNone's and a calm

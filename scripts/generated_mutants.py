@@ -31,9 +31,9 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 EXPLAINED = ROOT / "tests/mutants/explained.txt"
-SOURCES = ("quenor_base/", "services/", "cli/", "collector/")
+SOURCES = ("quenor_base/", "services/", "cli/", "collector/", "control/")
 # Tests that wait long, build other projects, or count what a switch changes.
-LEFT_OUT = re.compile(r"^(package|network)\.|Soak|LongRest")
+LEFT_OUT = re.compile(r"^(package|network|fleet)\.|Soak|LongRest")
 
 RELATIONS = {"<": ("Less", "LessEqual", "<="), "<=": ("LessEqual", "Less", "<"),
              ">": ("Greater", "GreaterEqual", ">="), ">=": ("GreaterEqual", "Greater", ">"),

@@ -36,6 +36,10 @@ by default.
 .Sh SEE ALSO
 .Xr quenor-report 1
 """),
+    "quenor-fleet": ("fleets of report channels in virtual time", ["run", "compare", "check"], """\
+.Sh SEE ALSO
+.Xr quenor-collector 1
+"""),
 }
 
 
