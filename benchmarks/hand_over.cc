@@ -200,9 +200,9 @@ void DrawThreads(Area* area) {
     plot.lines.push_back(std::move(line));
   }
   plot.note =
-      "Times of the calls as their callers see them. Two callers that run at once take four cache "
+      "Times of the calls as their callers see them. Two callers that run at once take five cache "
       "lines from each other in every call (the channel's pointer to its queue, its count, the "
-      "queue's count and lock, the end of the queue's list), a step at the second thread; beyond "
+      "queue's count, its lock, the end of its list), a step at the second thread; beyond "
       "that, on two processors, callers take turns.";
   area->Draw(plot);
 }
