@@ -304,14 +304,12 @@ Target AtMost(double limit, const char* against) {
 int Run(Area* area, Folder* folder) {
   Admission admission(area, folder);
   admission.MeasureMapped(256, 0, {});
-  admission.MeasureMapped(256, 50, {});
-  admission.MeasureMapped(256, 150, {AtMost(1, kLevelDb)});
-  admission.MeasureMapped(256, 199, {});
-  admission.MeasureMapped(1024, 0, {});
-  for (const size_t pending : {size_t{50}, size_t{150}, size_t{199}}) {
-    admission.MeasureMapped(1024, pending, {AtMost(1, kCopyAndCheck), AtMost(2, kMemcmp)});
+  for (const size_t size : {size_t{256}, size_t{1024}, size_t{4096}, size_t{16384}}) {
+    for (const size_t pending : {size_t{50}, size_t{150}}) {
+      admission.MeasureMapped(size, pending, {AtMost(2, kMemcmp)});
+    }
   }
-  admission.MeasureMapped(4096, 150, {});
+  admission.MeasureMapped(1024, 199, {});
   admission.MeasurePlain(256, 50);
   admission.MeasurePlain(256, 150);
   admission.MeasurePlain(1024, 50);

@@ -117,7 +117,7 @@ def quoted(text):
 
 HEAD = ("set terminal svg size {width},{height} font 'sans-serif,12' background '#ffffff'\n"
         "set output {output}\nset border 3\nset grid ytics lc rgb '#dddddd'\n"
-        "set key outside right top\n")
+        "set key inside left top\n")
 
 
 def cost_ratios(row):

@@ -39,6 +39,10 @@ std::unique_ptr<HandOver> MakeMutexDeque();
 // recommends; the receiver takes messages in bulk. It keeps the order of each thread's messages
 // and no other, which is less than a channel promises.
 std::unique_ptr<HandOver> MakeLockFree();
+// The same queue behind what the channel's class fixes for each call: the queue's pointer is copied
+// out of a holder that a mutex guards, and the message goes with a strong reference to its channel,
+// made from a weak one. What is left to win is the queue.
+std::unique_ptr<HandOver> MakeFixedParts();
 // A copy in a lambda, posted to an io_context that one thread runs.
 std::unique_ptr<HandOver> MakeAsio();
 // spdlog's asynchronous logger, blocking when full, with one thread and a sink that does nothing.

@@ -123,6 +123,65 @@ class LockFree : public HandOver {
   std::thread thread_;
 };
 
+class FixedParts : public HandOver {
+ public:
+  FixedParts() : channel_(std::make_shared<Channel>()), thread_([this] { Run(); }) {
+    channel_->weak = channel_;
+  }
+  ~FixedParts() override {
+    channel_->queue->enqueue(Task());  // Nobody else sends one without a channel.
+    thread_.join();
+  }
+
+  std::unique_ptr<Sender> MakeSender() override { return std::make_unique<Caller>(channel_.get()); }
+
+ private:
+  struct Channel;
+  struct Task {
+    std::shared_ptr<Channel> channel;
+    Bytes message;
+  };
+  using Queue = moodycamel::BlockingConcurrentQueue<Task>;
+  struct Channel {
+    std::mutex mutex;  // Guards queue.
+    std::shared_ptr<Queue> queue = std::make_shared<Queue>();
+    std::weak_ptr<Channel> weak;
+  };
+
+  class Caller : public Sender {
+   public:
+    explicit Caller(Channel* channel) : channel_(channel), token_(*channel->queue) {}
+    void Send(const uint8_t* bytes, uint32_t size) override {
+      std::shared_ptr<Queue> queue;
+      {
+        std::lock_guard<std::mutex> hold(channel_->mutex);
+        queue = channel_->queue;
+      }
+      queue->enqueue(token_, Task{channel_->weak.lock(), Bytes(bytes, bytes + size)});
+    }
+
+   private:
+    Channel* const channel_;
+    moodycamel::ProducerToken token_;
+  };
+
+  void Run() {
+    moodycamel::ConsumerToken token(*channel_->queue);
+    std::vector<Task> batch(256);
+    for (;;) {
+      const size_t count = channel_->queue->wait_dequeue_bulk(token, batch.begin(), batch.size());
+      for (size_t i = 0; i < count; ++i) {
+        Task task = std::move(batch[i]);
+        if (task.channel == nullptr) return;
+        Refuse(std::move(task.message));
+      }
+    }
+  }
+
+  const std::shared_ptr<Channel> channel_;
+  std::thread thread_;
+};
+
 class Asio : public Plain {
  public:
   Asio() : work_(asio::make_work_guard(context_)), thread_([this] { context_.run(); }) {}
@@ -164,6 +223,7 @@ class Spdlog : public Plain {
 
 std::unique_ptr<HandOver> MakeMutexDeque() { return std::make_unique<MutexDeque>(); }
 std::unique_ptr<HandOver> MakeLockFree() { return std::make_unique<LockFree>(); }
+std::unique_ptr<HandOver> MakeFixedParts() { return std::make_unique<FixedParts>(); }
 std::unique_ptr<HandOver> MakeAsio() { return std::make_unique<Asio>(); }
 std::unique_ptr<HandOver> MakeSpdlog() { return std::make_unique<Spdlog>(); }
 
