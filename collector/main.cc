@@ -16,6 +16,7 @@
 #include "collector/http/tls.h"
 #include "collector/options.h"
 #include "collector/reports/recorder.h"
+#include "collector/tier/tier.h"
 
 namespace quenor::collector {
 namespace {
@@ -53,6 +54,7 @@ void RunCollector(const Options& options) {
   std::signal(SIGPIPE, SIG_IGN);
   AllowManyDescriptors();
   const int stop_fd = OpenStopSignals();
+  if (!options.tier.store.nodes.empty()) return RunTier(options.tier, stop_fd, PrintLine);
   SslCtxPtr tls;
   if (!options.cert_path.empty()) tls = LoadTlsContext(options.cert_path, options.key_path);
   Recorder recorder(options.recorder);

@@ -1,9 +1,15 @@
 #include "collector/options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <chrono>
 #include <cstdint>
 #include <limits>
+#include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "collector/fatal.h"
@@ -26,13 +32,15 @@ constexpr char kFooter[] = R"(Examples:
       every third request answered 503, all of them late
   quenor-collector --misbehave storm.txt --seed 7
       what the lines of storm.txt say, with the draws of seed 7
+  quenor-collector --store nats://one,two,three --stream REPORTS
+      answers 200 once a majority of the three nodes has the report
 
 A throw-away certificate:
   openssl req -x509 -newkey rsa:2048 -nodes -keyout key.pem -out cert.pem -days 30 \
       -subj /CN=localhost -addext subjectAltName=DNS:localhost,IP:127.0.0.1
 
 SIGINT or SIGTERM ends it in order. Exit codes: 0 ended in order, 64 wrong usage,
-66 unreadable certificate, key or script, 69 cannot listen, 70 no memory, thread or descriptor,
+66 unreadable certificate, key or script, 69 cannot listen or use the store, 70 no memory, thread or descriptor,
 73 cannot create output.)";
 
 // A whole number from `low` to `high`. Digits only: a minus sign would wrap around.
@@ -46,6 +54,14 @@ CLI::Validator WholeNumber(uint64_t low, uint64_t high) {
            ": \"" + text + "\"";
   };
   return CLI::Validator(check, "");
+}
+
+// As the store allows: no dots, which part its names, no spaces, no wildcards.
+std::string IsStreamName(std::string& text) {
+  const auto is_good = [](unsigned char c) { return std::isalnum(c) != 0 || c == '_' || c == '-'; };
+  if (!text.empty() && text.size() <= 32 && std::all_of(text.begin(), text.end(), is_good))
+    return "";
+  return "not a stream's name (1 to 32 letters, digits, - or _): \"" + text + "\"";
 }
 
 constexpr uint64_t kMaxCount = std::numeric_limits<int64_t>::max();
@@ -155,6 +171,89 @@ void AddServing(CLI::App* app, std::string* listen, Options* options) {
       ->capture_default_str();
 }
 
+// A time with its unit, in milliseconds.
+CLI::Validator AsTime() {
+  return CLI::AsNumberWithUnit(std::map<std::string, int64_t>{{"ms", 1}, {"s", 1000}},
+                               CLI::AsNumberWithUnit::UNIT_REQUIRED)
+      .description("");
+}
+
+// "nats://a,b:4223" as one URL for each node. Throws Fatal.
+std::vector<std::string> ParseStore(const std::string& text) {
+  constexpr std::string_view kScheme = "nats://";
+  std::vector<std::string> nodes;
+  for (size_t begin = 0; begin <= text.size();) {
+    const size_t end = std::min(text.find(',', begin), text.size());
+    std::string node = text.substr(begin, end - begin);
+    if (node.compare(0, kScheme.size(), kScheme) == 0) node.erase(0, kScheme.size());
+    if (node.empty() || node.find('/') != std::string::npos) {
+      throw Fatal(kExitUsage,
+                  "not a store: \"" + text + "\"; give the nodes as in nats://one,two:4223,three");
+    }
+    nodes.push_back(std::string(kScheme) + node);
+    begin = end + 1;
+  }
+  return nodes;
+}
+
+// What only a collector with a store heeds.
+void AddTier(CLI::App* app, std::string* store, TierOptions* tier, std::array<int64_t, 2>* times) {
+  CLI::Option* const given =
+      app->add_option("--store", *store,
+                      "keep reports in this cluster instead of files: its nodes, as in "
+                      "nats://one,two,three")
+          ->type_name("NODES")
+          ->check(NotEmpty());
+  const auto add = [&](const char* name, auto& value, const char* help, const char* type) {
+    return app->add_option(name, value, help)->type_name(type)->needs(given);
+  };
+  add("--stream", tier->store.stream, "the stream in it that takes them", "NAME")
+      ->check(CLI::Validator(IsStreamName, ""))
+      ->capture_default_str();
+  add("--hold", times->at(0), "how long a report waits for the store; then 503", "TIME")
+      ->transform(AsTime())
+      ->check(WholeNumber(1, kMaxTimeoutS * 1000))
+      ->default_str("20s");
+  add("--ack-wait", times->at(1), "after how long without an answer it is published again", "TIME")
+      ->transform(AsTime())
+      ->check(WholeNumber(1, kMaxTimeoutS * 1000))
+      ->default_str("1500ms");
+  add("--max-in-flight", tier->hold.max_reports, "most reports that wait; beyond it 503", "N")
+      ->check(WholeNumber(1, kMaxCount))
+      ->capture_default_str();
+  add("--max-in-flight-bytes", tier->hold.max_bytes, "most bytes of them; beyond it 503", "SIZE")
+      ->transform(AsSize())
+      ->check(WholeNumber(1, kMaxSizeBytes))
+      ->default_str("256MiB");
+  add("--path", tier->paths, "take reports on this path alone; may be repeated", "PATH")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->check(NotEmpty());
+}
+
+// Throws Fatal for what has no meaning beside --store.
+void RefuseBesideStore(const CLI::App& app) {
+  for (const char* name : {"--cert", "--out", "--log", "--inflate", "--misbehave", "--threads",
+                           "--head-timeout", "--body-timeout"}) {
+    if (app.get_option(name)->count() == 0) continue;
+    throw Fatal(kExitUsage, std::string(name) +
+                                " has no meaning beside --store, where nginx stands in front and "
+                                "the store keeps the reports; leave one of them out");
+  }
+}
+
+// What a collector with a store shares with one without.
+void CompleteTier(const Options& options, const std::array<int64_t, 2>& times, TierOptions* tier) {
+  tier->hold.hold = std::chrono::milliseconds(times[0]);
+  tier->hold.ack_wait = std::chrono::milliseconds(times[1]);
+  tier->host = options.server.host;
+  tier->port = options.server.port;
+  tier->port_file = options.port_file;
+  tier->max_body_bytes = options.server.max_body_bytes;
+  tier->idle_timeout_s = options.server.idle_timeout_s;
+  tier->reply = options.server.reply;
+}
+
 void AddRecording(CLI::App* app, RecorderOptions* recorder) {
   app->add_option("--out", recorder->out_dir, "folder for one file per accepted body")
       ->type_name("DIR")
@@ -210,6 +309,10 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv) {
   std::vector<std::string> scripts;
   uint64_t seed = 0;
   AddMisbehaviour(&app, &scripts, &seed);
+  std::string store;
+  std::array<int64_t, 2> times = {options.tier.hold.hold.count(),
+                                  options.tier.hold.ack_wait.count()};
+  AddTier(&app, &store, &options.tier, &times);
 
   try {
     app.parse(argc, argv);
@@ -223,6 +326,11 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv) {
   options.server.misbehaviour.set_seed(seed);
   ReadScripts(scripts, &options);
   std::tie(options.server.host, options.server.port) = ParseAddress(listen);
+  if (!store.empty()) {
+    RefuseBesideStore(app);
+    options.tier.store.nodes = ParseStore(store);
+  }
+  CompleteTier(options, times, &options.tier);
   return options;
 }
 

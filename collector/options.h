@@ -8,6 +8,7 @@
 
 #include "collector/http/server.h"
 #include "collector/reports/recorder.h"
+#include "collector/tier/options.h"
 
 namespace quenor::collector {
 
@@ -17,6 +18,7 @@ struct Options {
   std::string cert_path;  // Empty: plain HTTP.
   std::string key_path;
   std::string port_file;  // Empty: none.
+  TierOptions tier;       // If it names a store, what the others say is in it, too.
 };
 
 // Parses the command line. Empty if it asked for --help or --version, which has then been printed.

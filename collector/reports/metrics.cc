@@ -3,28 +3,14 @@
 #include <map>
 #include <utility>
 
+#include "collector/reports/exposition.h"
+
 #ifndef QUENOR_COLLECTOR_VERSION
 #define QUENOR_COLLECTOR_VERSION "unknown"
 #endif
 
 namespace quenor::collector {
 namespace {
-
-// One metric: its head, then its samples.
-class Metric {
- public:
-  Metric(std::string* out, const std::string& name, const char* type, const char* help)
-      : out_(out), name_("quenor_collector_" + name) {
-    *out_ += "# HELP " + name_ + " " + help + "\n# TYPE " + name_ + " " + type + "\n";
-  }
-  void Sample(const std::string& value, const std::string& labels = "") const {
-    *out_ += name_ + (labels.empty() ? "" : "{" + labels + "}") + " " + value + "\n";
-  }
-
- private:
-  std::string* const out_;
-  const std::string name_;
-};
 
 // So that a first refusal is seen as a rise from 0.
 std::map<std::pair<std::string, int>, uint64_t> EveryRefusal() {
@@ -73,8 +59,7 @@ std::string MetricsText(const Counts& counts, const Connections& connections,
   single("connections_open", "gauge", "Connections that are open, this one included.",
          connections.open);
   Metric(&out, "uptime_seconds", "gauge", "Since the collector began.")
-      .Sample(std::to_string(uptime.count() / 1000) + "." +
-              std::to_string(1000 + uptime.count() % 1000).substr(1));
+      .Sample(SecondsText(uptime.count()));
   Metric(&out, "build_info", "gauge", "Always 1; the version is in the label.")
       .Sample("1", "version=\"" QUENOR_COLLECTOR_VERSION "\"");
   return out;

@@ -7,11 +7,10 @@
 #include <cstdint>
 #include <string>
 
+#include "collector/reports/exposition.h"
 #include "collector/reports/recorder.h"
 
 namespace quenor::collector {
-
-constexpr char kMetricsType[] = "text/plain; version=0.0.4; charset=utf-8";
 
 struct Connections {
   uint64_t accepted = 0;

@@ -159,5 +159,39 @@ TEST(OptionsTest, CertificateAndKeyNeedEachOther) {
   EXPECT_NE(UsageError({"--key", "k"}).find("--cert"), std::string::npos);
 }
 
+TEST(OptionsTest, StoreIsAListOfNodes) {
+  const TierOptions tier =
+      Parse({"--store", "nats://a,u:p@b:4223,nats://c", "--stream", "S-1", "--hold", "2500ms",
+             "--ack-wait", "1s", "--max-in-flight-bytes", "1MiB", "--max-body", "7", "--listen",
+             "[::1]:80", "--path", "/a", "--path", "/b"})
+          ->tier;
+
+  EXPECT_EQ(tier.store.nodes,
+            (std::vector<std::string>{"nats://a", "nats://u:p@b:4223", "nats://c"}));
+  EXPECT_EQ(tier.store.stream, "S-1");
+  EXPECT_EQ(tier.hold.hold, std::chrono::milliseconds(2500));
+  EXPECT_EQ(tier.hold.ack_wait, std::chrono::seconds(1));
+  EXPECT_EQ(tier.hold.max_reports, 50'000u);
+  EXPECT_EQ(tier.hold.max_bytes, 1u << 20);
+  EXPECT_EQ(tier.max_body_bytes, 7u);
+  EXPECT_EQ(tier.host, "::1");
+  EXPECT_EQ(tier.paths, (std::vector<std::string>{"/a", "/b"}));
+  EXPECT_TRUE(Parse({})->tier.store.nodes.empty());
+}
+
+TEST(OptionsTest, WhatHasNoMeaningBesideAStoreIsRefused) {
+  EXPECT_NE(UsageError({"--store", "a", "--out", "x"}).find("--out has no meaning"),
+            std::string::npos);
+  EXPECT_NE(UsageError({"--hold", "1s"}).find("requires --store"), std::string::npos);
+  EXPECT_NE(UsageError({"--store", "a,,b"}).find("give the nodes as in"), std::string::npos);
+  EXPECT_NE(UsageError({"--store", "http://a"}).find("give the nodes as in"), std::string::npos);
+  EXPECT_NE(UsageError({"--store", "a", "--stream", "a.b"}).find("stream's name"),
+            std::string::npos);
+  for (const char* hold : {"20", "0s", "-1s", "soon"}) {
+    EXPECT_NE(UsageError({"--store", "a", "--hold", hold}).find("--hold"), std::string::npos)
+        << hold;
+  }
+}
+
 }  // namespace
 }  // namespace quenor::collector

@@ -1,0 +1,46 @@
+// The store's client library as this collector uses it: owners, names, connections and errors.
+#ifndef COLLECTOR_TIER_STORE_H_
+#define COLLECTOR_TIER_STORE_H_
+
+#include <nats/nats.h>
+
+#include <memory>
+#include <string>
+
+#include "collector/tier/options.h"
+
+namespace quenor::collector {
+
+template <auto Destroy>
+struct Destroyer {
+  template <typename T>
+  void operator()(T* object) const {
+    Destroy(object);
+  }
+};
+using ConnectionPtr = std::unique_ptr<natsConnection, Destroyer<natsConnection_Destroy>>;
+using ContextPtr = std::unique_ptr<jsCtx, Destroyer<jsCtx_Destroy>>;
+using MessagePtr = std::unique_ptr<natsMsg, Destroyer<natsMsg_Destroy>>;
+using ConnectPtr = std::unique_ptr<natsOptions, Destroyer<natsOptions_Destroy>>;
+
+// The headers of a stored report.
+constexpr char kPathHeader[] = "Quenor-Path";
+constexpr char kTimeHeader[] = "Quenor-Time";
+constexpr char kSha256Header[] = "Quenor-Sha256";
+
+// The one subject that the reports of a stream are published on.
+std::string SubjectOf(const std::string& stream);
+
+// The nodes as one text for messages: without users and passwords.
+std::string NodesText(const StoreOptions& store);
+
+// Settings of a connection that notices within three seconds that its node is gone, and looks for
+// another one for ever. Throws Fatal.
+ConnectPtr MakeConnectOptions(const StoreOptions& store);
+
+// Throws Fatal unless `status` is NATS_OK: cannot `what`, by the library's words.
+void Require(natsStatus status, const std::string& what);
+
+}  // namespace quenor::collector
+
+#endif  // COLLECTOR_TIER_STORE_H_

@@ -1,0 +1,317 @@
+#include "collector/tier/tier.h"
+
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <unordered_map>
+#include <utility>
+
+#include "collector/fatal.h"
+#include "collector/files.h"
+#include "collector/reports/digest.h"
+#include "collector/reports/exposition.h"
+#include "collector/reports/json.h"
+#include "collector/reports/recorder.h"
+#include "collector/tier/front.h"
+#include "collector/tier/ledger.h"
+#include "collector/tier/meter.h"
+#include "collector/tier/publisher.h"
+
+namespace quenor::collector {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr int kTickMs = 50;
+constexpr milliseconds kLeaveTime{1'000};  // For answers that are on their way at the end.
+
+// Lines about rejected reports in a second; all are counted.
+constexpr int kMostLines = 10;
+
+class Tier {
+ public:
+  Tier(const TierOptions& options, int stop_fd);
+  ~Tier() { ::close(epoll_fd_); }
+  Tier(const Tier&) = delete;
+  Tier& operator=(const Tier&) = delete;
+
+  const Front& front() const { return front_; }
+  void Run();
+  std::string CountsText() const { return meter_.Line(); }
+
+ private:
+  struct Held {
+    FrontRequest* request;
+    std::string time;
+    std::string sha256;
+  };
+
+  std::optional<FrontReply> OnReport(FrontRequest* request);
+  std::optional<FrontReply> Hold(FrontRequest* request, std::string sha256) noexcept;
+  FrontReply OnGet(const std::string& path) const;
+  FrontReply ReplyOf(Answer answer, const std::string& words) const;
+  bool IsWanted(const std::string& target) const;
+  void Reject(const FrontRequest& request, const std::string& sha256, const std::string& words);
+  void Publish(uint64_t id);
+  void PublishAgain(const std::vector<uint64_t>& ids);
+  void OnStore();
+  void OnCompletion(const Publisher::Completion& completion);
+  void End(uint64_t id, Answer answer, const std::string& words);
+  void Tick();
+  void Watch(int fd) const;
+  int WaitMs() const;
+  void Drain();
+
+  const TierOptions options_;
+  const int stop_fd_;
+  const std::string success_;
+  Meter meter_;
+  Ledger ledger_;
+  std::unordered_map<uint64_t, Held> held_;  // Of the ledger's reports, by their numbers.
+  Time lines_since_{};
+  int lines_ = 0;
+  Publisher publisher_;
+  Front front_;
+  int epoll_fd_ = -1;
+};
+
+Tier::Tier(const TierOptions& options, int stop_fd)
+    : options_(options),
+      stop_fd_(stop_fd),
+      success_(BuildReply(options.reply)),
+      meter_(Now()),
+      ledger_(options.hold),
+      publisher_(options.store, options.hold),
+      front_({options.host, options.port, options.max_body_bytes, options.idle_timeout_s},
+             {[this](FrontRequest* request) { return OnReport(request); },
+              [this](const std::string& path) { return OnGet(path); },
+              [this](int status) { meter_.CountRefused(status); }}) {
+  epoll_fd_ = ::epoll_create1(EPOLL_CLOEXEC);
+  if (epoll_fd_ < 0) {
+    throw Fatal(kExitInternal,
+                "cannot wait: " + ErrnoText(errno) + "; raise the limit on open files");
+  }
+  Watch(stop_fd_);
+  Watch(publisher_.event_fd());
+  Watch(front_.epoll_fd());
+}
+
+void Tier::Watch(int fd) const {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.fd = fd;
+  ::epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event);
+}
+
+void Tier::Run() {
+  Time next_tick = Now();
+  Time leave = Time::max();
+  for (;;) {
+    epoll_event events[4];
+    const int count = ::epoll_wait(epoll_fd_, events, 4, WaitMs());
+    for (int i = 0; i < count; ++i) {
+      if (events[i].data.fd != stop_fd_) continue;
+      Drain();
+      ::epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, stop_fd_, nullptr);
+    }
+    OnStore();
+    const Time now = Now();
+    if (now >= next_tick) {
+      Tick();
+      next_tick = now + milliseconds(kTickMs);
+    }
+    front_.Run();
+    if (ledger_.GetState(now) != TierState::kDraining || !ledger_.is_empty()) continue;
+    if (leave == Time::max()) leave = now + kLeaveTime;
+    if (front_.connections() == 0 || now >= leave) return;
+  }
+}
+
+int Tier::WaitMs() const {
+  const bool is_calm = ledger_.is_empty() && ledger_.GetState(Now()) != TierState::kDraining;
+  const int wait_ms = front_.TimeoutMs();
+  if (is_calm) return wait_ms;
+  return wait_ms < 0 ? kTickMs : std::min(wait_ms, kTickMs);
+}
+
+void Tier::Drain() {
+  ledger_.Drain();
+  front_.StopListening();
+}
+
+// ---- Senders -----------------------------------------------------------------------------------
+
+std::optional<FrontReply> Tier::OnReport(FrontRequest* request) {
+  std::string sha256 = Sha256Hex(request->body);
+  if (!IsWanted(request->target)) {
+    Reject(*request, sha256, "path not wanted");
+    meter_.CountAnswer(200, {});
+    return ReplyOf(Answer::kRejected, "path not wanted");
+  }
+  return Hold(request, std::move(sha256));
+}
+
+// Without memory here the process ends, and what it has not answered comes again elsewhere.
+std::optional<FrontReply> Tier::Hold(FrontRequest* request, std::string sha256) noexcept {
+  Answer refusal = Answer::kBusy;
+  const uint64_t id = ledger_.Take(request->body.size(), request->arrived, &refusal);
+  if (id == 0) {
+    FrontReply reply = ReplyOf(refusal, "");
+    meter_.CountAnswer(reply.status, {});
+    return reply;
+  }
+  held_.emplace(id, Held{request, UtcNow(), std::move(sha256)});
+  if (ledger_.is_connected()) Publish(id);
+  return std::nullopt;
+}
+
+FrontReply Tier::OnGet(const std::string& path) const {
+  const TierState state = ledger_.GetState(Now());
+  FrontReply reply;
+  reply.type = "text/plain";
+  if (path == "/healthz") {
+    reply.body = "ok\n";
+  } else if (path == "/readyz") {
+    reply.status = state == TierState::kReady ? 200 : 503;
+    reply.body = NameOf(state) + std::string("\n");
+  } else if (path == "/metrics") {
+    reply.type = kMetricsType;
+    reply.body =
+        meter_.Text({state, ledger_.reports(), ledger_.bytes(), front_.connections()}, Now());
+  } else {
+    reply.status = 404;
+    reply.body = "POST reports on any path; GET /healthz, /readyz or /metrics\n";
+  }
+  return reply;
+}
+
+FrontReply Tier::ReplyOf(Answer answer, const std::string& words) const {
+  FrontReply reply;
+  const auto say = [&reply](int status, const std::string& errinfo) {
+    reply.status = status;
+    reply.body = JsonObject().Add("bytes_errinfo", errinfo).Finish();
+    reply.retry_later = status != 200;
+  };
+  switch (answer) {
+    case Answer::kStored:
+      reply.body = success_;
+      break;
+    case Answer::kRejected:
+      say(200, "rejected: " + words);
+      break;
+    case Answer::kBusy:
+      say(503, "too much is waiting");
+      break;
+    case Answer::kLate:
+      say(503, "the store does not answer");
+      break;
+    case Answer::kFull:
+      say(507, "the store is full");
+      break;
+    case Answer::kDraining:
+      say(503, "the collector is about to end");
+      break;
+  }
+  return reply;
+}
+
+bool Tier::IsWanted(const std::string& target) const {
+  const std::string path = target.substr(0, target.find('?'));
+  return options_.paths.empty() ||
+         std::find(options_.paths.begin(), options_.paths.end(), path) != options_.paths.end();
+}
+
+void Tier::Reject(const FrontRequest& request, const std::string& sha256,
+                  const std::string& words) {
+  meter_.CountRejected();
+  const Time now = Now();
+  if (now - lines_since_ >= std::chrono::seconds(1)) {
+    lines_since_ = now;
+    lines_ = 0;
+  }
+  if (lines_++ >= kMostLines) return;
+  std::fprintf(stderr, "quenor-collector: rejected: %s\n",
+               JsonObject()
+                   .Add("path", request.target)
+                   .AddNumber("size", request.body.size())
+                   .Add("sha256", sha256)
+                   .Add("why", words)
+                   .Finish()
+                   .c_str());
+}
+
+// ---- The store ---------------------------------------------------------------------------------
+
+void Tier::Publish(uint64_t id) {
+  const Held& held = held_.at(id);
+  publisher_.Publish(id, {held.request->body, held.request->target, held.time, held.sha256});
+}
+
+void Tier::PublishAgain(const std::vector<uint64_t>& ids) {
+  meter_.CountPublishedAgain(ids.size());
+  for (const uint64_t id : ids) Publish(id);
+}
+
+void Tier::OnStore() {
+  const Publisher::Events events = publisher_.TakeEvents();
+  for (const Publisher::Completion& completion : events.completions) OnCompletion(completion);
+  if (events.is_new && events.is_connected) {
+    meter_.CountConnected();
+    PublishAgain(ledger_.OnConnected(Now()));
+  } else if (!events.is_connected) {
+    ledger_.OnDisconnected();
+  }
+}
+
+void Tier::OnCompletion(const Publisher::Completion& completion) {
+  const auto held = held_.find(completion.id);
+  if (held == held_.end()) return;  // Answered already.
+  const std::optional<Answer> answer = ledger_.OnOutcome(completion.id, completion.outcome, Now());
+  if (!answer) return;
+  const FrontRequest& request = *held->second.request;
+  if (*answer == Answer::kStored) {
+    meter_.CountStored(request.body.size(), completion.outcome == StoreOutcome::kRepeat);
+  } else if (*answer == Answer::kRejected) {
+    Reject(request, held->second.sha256, completion.words);
+  }
+  End(completion.id, *answer, completion.words);
+}
+
+void Tier::End(uint64_t id, Answer answer, const std::string& words) {
+  const auto held = held_.find(id);
+  FrontRequest* const request = held->second.request;
+  FrontReply reply = ReplyOf(answer, words);
+  meter_.CountAnswer(reply.status, std::chrono::duration_cast<std::chrono::microseconds>(
+                                       Now() - request->arrived));
+  held_.erase(held);
+  front_.Answer(request, std::move(reply));
+}
+
+void Tier::Tick() {
+  const Ledger::Due due = ledger_.Tick(Now());
+  for (const uint64_t id : due.late) End(id, Answer::kLate, "");
+  PublishAgain(due.publish);
+}
+
+}  // namespace
+
+void RunTier(const TierOptions& options, int stop_fd,
+             const std::function<void(const std::string& line)>& announce) {
+  Tier tier(options, stop_fd);
+  if (!options.port_file.empty()) {
+    const int error = WriteFileWhole(options.port_file, std::to_string(tier.front().port()) + "\n");
+    if (error != 0) {
+      throw Fatal(kExitCannotCreate, "cannot write port file " + options.port_file + ": " +
+                                         ErrnoText(error) +
+                                         "; give --port-file a path in a writable folder");
+    }
+  }
+  announce("listening url=" + tier.front().url());
+  tier.Run();
+  announce(tier.CountsText());
+}
+
+}  // namespace quenor::collector
