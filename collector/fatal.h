@@ -13,6 +13,7 @@ namespace quenor::collector {
 enum ExitCode : int {
   kExitOk = 0,
   kExitUsage = 64,
+  kExitMismatch = 65,
   kExitNoInput = 66,
   kExitUnavailable = 69,
   kExitInternal = 70,

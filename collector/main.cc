@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <exception>
 #include <optional>
+#include <variant>
 
 #include "collector/fatal.h"
 #include "collector/files.h"
@@ -45,7 +46,7 @@ void AllowManyDescriptors() {
   }
 }
 
-void PrintLine(const std::string& line) {
+void Print(const std::string& line) {
   // A caller that has closed our standard output does not want the line; that is no failure.
   (void)WriteAll(STDOUT_FILENO, line + "\n");
 }
@@ -54,7 +55,7 @@ void RunCollector(const Options& options) {
   std::signal(SIGPIPE, SIG_IGN);
   AllowManyDescriptors();
   const int stop_fd = OpenStopSignals();
-  if (!options.tier.store.nodes.empty()) return RunTier(options.tier, stop_fd, PrintLine);
+  if (!options.tier.store.nodes.empty()) return RunTier(options.tier, stop_fd, Print);
   SslCtxPtr tls;
   if (!options.cert_path.empty()) tls = LoadTlsContext(options.cert_path, options.key_path);
   Recorder recorder(options.recorder);
@@ -68,16 +69,20 @@ void RunCollector(const Options& options) {
                                          "; give --port-file a path in a writable folder");
     }
   }
-  PrintLine("listening url=" + server.url());
+  Print("listening url=" + server.url());
   server.Run(stop_fd);
-  PrintLine(CountsLine(recorder.GetCounts()));
+  Print(CountsLine(recorder.GetCounts()));
   ::close(stop_fd);
 }
 
 int Main(int argc, const char* const* argv) {
   try {
     const std::optional<Options> options = ParseCommandLine(argc, argv);
-    if (options) RunCollector(*options);
+    if (!options) return kExitOk;
+    if (const auto* provision = std::get_if<ProvisionOptions>(&options->command)) {
+      return RunProvision(*provision, Print);
+    }
+    RunCollector(*options);
     return kExitOk;
   } catch (const Fatal& fatal) {
     std::fprintf(stderr, "quenor-collector: %s\n", fatal.what());

@@ -1,18 +1,16 @@
 #include "collector/options.h"
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <array>
-#include <cctype>
 #include <chrono>
 #include <cstdint>
 #include <limits>
-#include <map>
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "collector/commands.h"
 #include "collector/fatal.h"
+#include "collector/option_types.h"
 
 #ifndef QUENOR_COLLECTOR_VERSION
 #define QUENOR_COLLECTOR_VERSION "unknown"
@@ -43,32 +41,8 @@ SIGINT or SIGTERM ends it in order. Exit codes: 0 ended in order, 64 wrong usage
 66 unreadable certificate, key or script, 69 cannot listen or use the store, 70 no memory, thread or descriptor,
 73 cannot create output.)";
 
-// A whole number from `low` to `high`. Digits only: a minus sign would wrap around.
-CLI::Validator WholeNumber(uint64_t low, uint64_t high) {
-  const auto check = [low, high](std::string& text) -> std::string {
-    const bool is_number = !text.empty() && text.size() <= 19 &&
-                           text.find_first_not_of("0123456789") == std::string::npos;
-    const uint64_t number = is_number ? std::strtoull(text.c_str(), nullptr, 10) : 0;
-    if (is_number && number >= low && number <= high) return "";
-    return "not a whole number from " + std::to_string(low) + " to " + std::to_string(high) +
-           ": \"" + text + "\"";
-  };
-  return CLI::Validator(check, "");
-}
-
-// As the store allows: no dots, which part its names, no spaces, no wildcards.
-std::string IsStreamName(std::string& text) {
-  const auto is_good = [](unsigned char c) { return std::isalnum(c) != 0 || c == '_' || c == '-'; };
-  if (!text.empty() && text.size() <= 32 && std::all_of(text.begin(), text.end(), is_good))
-    return "";
-  return "not a stream's name (1 to 32 letters, digits, - or _): \"" + text + "\"";
-}
-
-constexpr uint64_t kMaxCount = std::numeric_limits<int64_t>::max();
 constexpr uint64_t kMaxControlField = std::numeric_limits<uint32_t>::max();
 constexpr uint64_t kMaxTimeoutS = 86'400;
-constexpr uint64_t kMaxSizeBytes = uint64_t{1} << 40;
-
 void AddControlFields(CLI::App* app, ReplyOptions* reply) {
   app->add_option("--errinfo", reply->errinfo, "\"bytes_errinfo\" of the reply")
       ->type_name("TEXT")
@@ -85,12 +59,6 @@ void AddControlFields(CLI::App* app, ReplyOptions* reply) {
                   "add \"uint32_report_duration\" (seconds) to the reply")
       ->type_name("N")
       ->check(WholeNumber(0, kMaxControlField));
-}
-
-// An empty name is a variable of a script that was never set, not a wish to do without.
-CLI::Validator NotEmpty() {
-  return CLI::Validator(
-      [](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); }, "");
 }
 
 void AddMisbehaviour(CLI::App* app, std::vector<std::string>* scripts, uint64_t* seed) {
@@ -124,9 +92,6 @@ void ReadScripts(const std::vector<std::string>& scripts, Options* options) {
                                 "reset");
   }
 }
-
-// A size in bytes with an optional unit: 65536, 64KiB, 64MiB.
-CLI::Validator AsSize() { return CLI::AsSizeValue(/*kb_is_1000=*/false).description(""); }
 
 void AddServing(CLI::App* app, std::string* listen, Options* options) {
   app->add_option("--listen", *listen, "HOST:PORT to listen on; port 0: any free one")
@@ -171,45 +136,12 @@ void AddServing(CLI::App* app, std::string* listen, Options* options) {
       ->capture_default_str();
 }
 
-// A time with its unit, in milliseconds.
-CLI::Validator AsTime() {
-  return CLI::AsNumberWithUnit(std::map<std::string, int64_t>{{"ms", 1}, {"s", 1000}},
-                               CLI::AsNumberWithUnit::UNIT_REQUIRED)
-      .description("");
-}
-
-// "nats://a,b:4223" as one URL for each node. Throws Fatal.
-std::vector<std::string> ParseStore(const std::string& text) {
-  constexpr std::string_view kScheme = "nats://";
-  std::vector<std::string> nodes;
-  for (size_t begin = 0; begin <= text.size();) {
-    const size_t end = std::min(text.find(',', begin), text.size());
-    std::string node = text.substr(begin, end - begin);
-    if (node.compare(0, kScheme.size(), kScheme) == 0) node.erase(0, kScheme.size());
-    if (node.empty() || node.find('/') != std::string::npos) {
-      throw Fatal(kExitUsage,
-                  "not a store: \"" + text + "\"; give the nodes as in nats://one,two:4223,three");
-    }
-    nodes.push_back(std::string(kScheme) + node);
-    begin = end + 1;
-  }
-  return nodes;
-}
-
 // What only a collector with a store heeds.
 void AddTier(CLI::App* app, std::string* store, TierOptions* tier, std::array<int64_t, 2>* times) {
-  CLI::Option* const given =
-      app->add_option("--store", *store,
-                      "keep reports in this cluster instead of files: its nodes, as in "
-                      "nats://one,two,three")
-          ->type_name("NODES")
-          ->check(NotEmpty());
+  CLI::Option* const given = AddStore(app, false, store, &tier->store);
   const auto add = [&](const char* name, auto& value, const char* help, const char* type) {
     return app->add_option(name, value, help)->type_name(type)->needs(given);
   };
-  add("--stream", tier->store.stream, "the stream in it that takes them", "NAME")
-      ->check(CLI::Validator(IsStreamName, ""))
-      ->capture_default_str();
   add("--hold", times->at(0), "how long a report waits for the store; then 503", "TIME")
       ->transform(AsTime())
       ->check(WholeNumber(1, kMaxTimeoutS * 1000))
@@ -314,6 +246,8 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv) {
                                   options.tier.hold.ack_wait.count()};
   AddTier(&app, &store, &options.tier, &times);
 
+  Commands commands(&app);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -323,6 +257,7 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv) {
     }
     throw Fatal(kExitUsage, std::string(error.what()) + "; see quenor-collector --help");
   }
+  if (commands.Finish(&options.command)) return options;
   options.server.misbehaviour.set_seed(seed);
   ReadScripts(scripts, &options);
   std::tie(options.server.host, options.server.port) = ParseAddress(listen);

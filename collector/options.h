@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "collector/commands.h"
 #include "collector/http/server.h"
 #include "collector/reports/recorder.h"
 #include "collector/tier/options.h"
@@ -13,6 +14,7 @@
 namespace quenor::collector {
 
 struct Options {
+  Command command;  // If it is one, nothing below counts.
   ServerOptions server;
   RecorderOptions recorder;
   std::string cert_path;  // Empty: plain HTTP.

@@ -32,7 +32,7 @@ by default.
 .Sh SEE ALSO
 .Xr quenor-collector 1
 """),
-    "quenor-collector": ("collection server for development, tests and demonstrations", [], """\
+    "quenor-collector": ("collection server for development, tests and demonstrations", ["provision"], """\
 .Sh SEE ALSO
 .Xr quenor-report 1
 """),
@@ -116,9 +116,10 @@ def page(folder, program):
     helps = {command: help_of(folder / program, command) for command in ["", *commands]}
     out = [".\\\" Made by scripts/make_man.py from what --help says.", f".Dd {DATE}",
            f".Dt {program.upper()} 1", ".Os quenor", ".Sh NAME", f".Nm {program}", f".Nd {what}", ".Sh SYNOPSIS"]
-    for lines in helps.values():
+    for command, lines in helps.items():
         usage = next(line for line in lines if line.startswith("Usage: "))
-        out += [".Nm", f".Ar \"{usage.split(' ', 2)[2]}\""] if "SUBCOMMAND" not in usage else []
+        does_nothing = "SUBCOMMAND" in usage if command else " SUBCOMMAND" in usage  # Without one.
+        out += [] if does_nothing else [".Nm", f".Ar \"{usage.split(' ', 2)[2]}\""]
     out += [".Sh DESCRIPTION", *body(helps[""])]
     shared = {}  # What several commands' helps end with stands once.
     for command in commands:

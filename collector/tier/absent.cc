@@ -1,13 +1,23 @@
-// In place of the tier, in a build without the store's libraries.
+// In place of the tier and its commands, in a build without the store's libraries.
 #include "collector/fatal.h"
+#include "collector/provision/provision.h"
 #include "collector/tier/tier.h"
 
 namespace quenor::collector {
+namespace {
 
-void RunTier(const TierOptions&, int, const std::function<void(const std::string& line)>&) {
+[[noreturn]] void Refuse() {
   throw Fatal(kExitUsage,
               "cannot use --store: this quenor-collector was built without libnats and "
               "libmicrohttpd; install libnats-dev and libmicrohttpd-dev and build it again");
 }
+
+}  // namespace
+
+void RunTier(const TierOptions&, int, const std::function<void(const std::string& line)>&) {
+  Refuse();
+}
+
+int RunProvision(const ProvisionOptions&, const PrintLine&) { Refuse(); }
 
 }  // namespace quenor::collector

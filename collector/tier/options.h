@@ -9,14 +9,9 @@
 #include <vector>
 
 #include "collector/reports/reply.h"
+#include "collector/store/options.h"
 
 namespace quenor::collector {
-
-// The store: the nodes of one cluster, any of which leads to all, and the stream in it.
-struct StoreOptions {
-  std::vector<std::string> nodes;  // URLs. Empty: there is no store, the collector keeps files.
-  std::string stream = "REPORTS";
-};
 
 // How long and how much a collector holds what the store has not answered yet.
 struct HoldOptions {

@@ -13,9 +13,9 @@
 #include <string_view>
 #include <vector>
 
+#include "collector/store/session.h"
 #include "collector/tier/ledger.h"
 #include "collector/tier/options.h"
-#include "collector/tier/store.h"
 
 namespace quenor::collector {
 

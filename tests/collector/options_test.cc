@@ -185,7 +185,7 @@ TEST(OptionsTest, WhatHasNoMeaningBesideAStoreIsRefused) {
   EXPECT_NE(UsageError({"--hold", "1s"}).find("requires --store"), std::string::npos);
   EXPECT_NE(UsageError({"--store", "a,,b"}).find("give the nodes as in"), std::string::npos);
   EXPECT_NE(UsageError({"--store", "http://a"}).find("give the nodes as in"), std::string::npos);
-  EXPECT_NE(UsageError({"--store", "a", "--stream", "a.b"}).find("stream's name"),
+  EXPECT_NE(UsageError({"--store", "a", "--stream", "a.b"}).find("name for the store"),
             std::string::npos);
   for (const char* hold : {"20", "0s", "-1s", "soon"}) {
     EXPECT_NE(UsageError({"--store", "a", "--hold", hold}).find("--hold"), std::string::npos)

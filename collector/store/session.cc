@@ -1,4 +1,6 @@
-#include "collector/tier/store.h"
+#include "collector/store/session.h"
+
+#include <vector>
 
 #include "collector/fatal.h"
 
@@ -59,6 +61,19 @@ ConnectPtr MakeConnectOptions(const StoreOptions& store) {
   };
   for (const natsStatus step : steps) Require(step, "prepare a connection");
   return options;
+}
+
+Session OpenSession(const StoreOptions& store) {
+  const std::string what = "connect to the store " + NodesText(store);
+  const ConnectPtr options = MakeConnectOptions(store);
+  natsConnection* connection = nullptr;
+  Require(natsConnection_Connect(&connection, options.get()), what);
+  Session session;
+  session.connection.reset(connection);
+  jsCtx* context = nullptr;
+  Require(natsConnection_JetStream(&context, connection, nullptr), what);
+  session.context.reset(context);
+  return session;
 }
 
 }  // namespace quenor::collector

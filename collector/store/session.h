@@ -1,13 +1,13 @@
 // The store's client library as this collector uses it: owners, names, connections and errors.
-#ifndef COLLECTOR_TIER_STORE_H_
-#define COLLECTOR_TIER_STORE_H_
+#ifndef COLLECTOR_STORE_SESSION_H_
+#define COLLECTOR_STORE_SESSION_H_
 
 #include <nats/nats.h>
 
 #include <memory>
 #include <string>
 
-#include "collector/tier/options.h"
+#include "collector/store/options.h"
 
 namespace quenor::collector {
 
@@ -38,9 +38,18 @@ std::string NodesText(const StoreOptions& store);
 // another one for ever. Throws Fatal.
 ConnectPtr MakeConnectOptions(const StoreOptions& store);
 
+// A connection that stands, for a command.
+struct Session {
+  ConnectionPtr connection;
+  ContextPtr context;
+};
+
+// Throws Fatal if no node can be reached.
+Session OpenSession(const StoreOptions& store);
+
 // Throws Fatal unless `status` is NATS_OK: cannot `what`, by the library's words.
 void Require(natsStatus status, const std::string& what);
 
 }  // namespace quenor::collector
 
-#endif  // COLLECTOR_TIER_STORE_H_
+#endif  // COLLECTOR_STORE_SESSION_H_

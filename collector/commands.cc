@@ -1,0 +1,100 @@
+#include "collector/commands.h"
+
+#include <string>
+
+#include "collector/fatal.h"
+#include "collector/option_types.h"
+
+namespace quenor::collector {
+namespace {
+
+constexpr char kProvisionFooter[] = R"(Examples:
+  quenor-collector provision --store nats://one,two,three --max-bytes 400GiB \
+      --monitor http://one:8222 --monitor http://two:8222 --monitor http://three:8222
+      makes the stream REPORTS, the bucket CONTROL and the reader export, or shows them
+  quenor-collector provision --check --store nats://one,two,three \
+      --monitor http://one:8222 --monitor http://two:8222 --monitor http://three:8222
+      whether each node holds the same
+
+Exit codes: 0 as asked for, 64 wrong usage, 65 what is there differs, or a node lacks what others
+hold, 69 cannot use the store.)";
+
+}  // namespace
+
+struct Commands::Parsed {
+  std::string store;
+  ProvisionOptions provision;
+  CLI::App* provision_app = nullptr;
+};
+
+namespace {
+
+void AddProvision(CLI::App* app, ProvisionOptions* options) {
+  app->add_option("--replicas", options->replicas, "how many nodes hold each message")
+      ->type_name("N")
+      ->check(WholeNumber(1, 5))
+      ->capture_default_str();
+  app->add_option("--max-bytes", options->max_bytes,
+                  "size of the stream to be made; beyond it reports are answered 507")
+      ->type_name("SIZE")
+      ->transform(AsSize())
+      ->check(WholeNumber(1, kMaxCount));
+  app->add_option("--max-age", options->max_age_ms,
+                  "messages leave the stream after so long, read or not; without it they stay")
+      ->type_name("TIME")
+      ->transform(AsTime())
+      ->check(WholeNumber(1000, kMaxTimeMs));
+  app->add_option("--duplicate-window", options->duplicate_window_ms,
+                  "how long the stream knows a collector's repeats")
+      ->type_name("TIME")
+      ->transform(AsTime())
+      ->check(WholeNumber(1000, kMaxTimeMs))
+      ->default_str("120s");
+  app->add_option("--bucket", options->store.bucket, "the bucket of the control fields")
+      ->type_name("NAME")
+      ->check(StoreName())
+      ->capture_default_str();
+  app->add_option("--reader", options->reader, "the durable reader")
+      ->type_name("NAME")
+      ->check(StoreName())
+      ->capture_default_str();
+  CLI::Option* const monitor =
+      app->add_option("--monitor", options->monitors,
+                      "a node's monitoring address, as in http://one:8222; may be repeated")
+          ->type_name("URL")
+          ->expected(1)
+          ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+          ->check(NotEmpty());
+  CLI::Option* const check =
+      app->add_flag("--check", options->check,
+                    "make nothing: compare first sequence and count on each node")
+          ->needs(monitor);
+  app->add_option("--settle", options->settle_ms, "how long a node may lag behind the others")
+      ->type_name("TIME")
+      ->transform(AsTime())
+      ->check(WholeNumber(1, kMaxTimeMs))
+      ->default_str("10s")
+      ->needs(check);
+}
+
+}  // namespace
+
+Commands::Commands(CLI::App* app) : parsed_(std::make_unique<Parsed>()) {
+  app->require_subcommand(0, 1);
+  parsed_->provision_app = app->add_subcommand(
+      "provision", "make what a tier needs in its store, or compare the store's nodes");
+  parsed_->provision_app->footer(kProvisionFooter);
+  AddStore(parsed_->provision_app, true, &parsed_->store, &parsed_->provision.store);
+  AddProvision(parsed_->provision_app, &parsed_->provision);
+}
+
+Commands::~Commands() = default;
+
+bool Commands::Finish(Command* command) {
+  if (!parsed_->provision_app->parsed()) return false;
+  parsed_->provision.store.nodes = ParseStore(parsed_->store);
+  *command = parsed_->provision;
+  return true;
+}
+
+}  // namespace quenor::collector

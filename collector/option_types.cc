@@ -1,0 +1,83 @@
+#include "collector/option_types.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <map>
+#include <string_view>
+
+#include "collector/fatal.h"
+
+namespace quenor::collector {
+
+CLI::Validator WholeNumber(uint64_t low, uint64_t high) {
+  const auto check = [low, high](std::string& text) -> std::string {
+    const bool is_number = !text.empty() && text.size() <= 19 &&
+                           text.find_first_not_of("0123456789") == std::string::npos;
+    const uint64_t number = is_number ? std::strtoull(text.c_str(), nullptr, 10) : 0;
+    if (is_number && number >= low && number <= high) return "";
+    return "not a whole number from " + std::to_string(low) + " to " + std::to_string(high) +
+           ": \"" + text + "\"";
+  };
+  return CLI::Validator(check, "");
+}
+
+CLI::Validator NotEmpty() {
+  return CLI::Validator(
+      [](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); }, "");
+}
+
+CLI::Validator AsSize() { return CLI::AsSizeValue(/*kb_is_1000=*/false).description(""); }
+
+CLI::Validator AsTime() {
+  const std::map<std::string, int64_t> units = {
+      {"ms", 1}, {"s", 1000}, {"min", 60'000}, {"h", 3'600'000}};
+  return CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::UNIT_REQUIRED).description("");
+}
+
+CLI::Validator StoreName() {
+  const auto check = [](std::string& text) -> std::string {
+    const auto is_good = [](unsigned char c) {
+      return std::isalnum(c) != 0 || c == '_' || c == '-';
+    };
+    const bool all_good = std::all_of(text.begin(), text.end(), is_good);
+    if (!text.empty() && text.size() <= 32 && all_good) return "";
+    return "not a name for the store (1 to 32 letters, digits, - or _): \"" + text + "\"";
+  };
+  return CLI::Validator(check, "");
+}
+
+CLI::Option* AddStore(CLI::App* app, bool required, std::string* nodes, StoreOptions* store) {
+  const char* const help = required
+                               ? "the cluster's nodes, as in nats://one,two,three"
+                               : "keep reports in this cluster instead of files: its nodes, as in "
+                                 "nats://one,two,three";
+  CLI::Option* const given =
+      app->add_option("--store", *nodes, help)->type_name("NODES")->check(NotEmpty());
+  if (required) given->required();
+  CLI::Option* const stream = app->add_option("--stream", store->stream, "the stream in it")
+                                  ->type_name("NAME")
+                                  ->check(StoreName())
+                                  ->capture_default_str();
+  if (!required) stream->needs(given);
+  return given;
+}
+
+std::vector<std::string> ParseStore(const std::string& text) {
+  constexpr std::string_view kScheme = "nats://";
+  std::vector<std::string> nodes;
+  for (size_t begin = 0; begin <= text.size();) {
+    const size_t end = std::min(text.find(',', begin), text.size());
+    std::string node = text.substr(begin, end - begin);
+    if (node.compare(0, kScheme.size(), kScheme) == 0) node.erase(0, kScheme.size());
+    if (node.empty() || node.find('/') != std::string::npos) {
+      throw Fatal(kExitUsage,
+                  "not a store: \"" + text + "\"; give the nodes as in nats://one,two:4223,three");
+    }
+    nodes.push_back(std::string(kScheme) + node);
+    begin = end + 1;
+  }
+  return nodes;
+}
+
+}  // namespace quenor::collector

@@ -1,0 +1,103 @@
+#include "collector/provision/nodes.h"
+
+#include <httplib.h>
+#include <rapidjson/document.h>
+
+namespace quenor::collector {
+namespace {
+
+constexpr int kPatienceSeconds = 5;
+
+uint64_t Number(const rapidjson::Value& object, const char* name) {
+  const auto found = object.FindMember(name);
+  return found != object.MemberEnd() && found->value.IsUint64() ? found->value.GetUint64() : 0;
+}
+
+const rapidjson::Value* Member(const rapidjson::Value& object, const char* name) {
+  if (!object.IsObject()) return nullptr;
+  const auto found = object.FindMember(name);
+  return found == object.MemberEnd() ? nullptr : &found->value;
+}
+
+// The part of the answer about the stream, of whatever account; null: there is none.
+const rapidjson::Value* FindStream(const rapidjson::Value& answer, const std::string& stream) {
+  const rapidjson::Value* const accounts = Member(answer, "account_details");
+  if (accounts == nullptr || !accounts->IsArray()) return nullptr;
+  for (const rapidjson::Value& account : accounts->GetArray()) {
+    const rapidjson::Value* const streams = Member(account, "stream_detail");
+    if (streams == nullptr || !streams->IsArray()) continue;
+    for (const rapidjson::Value& each : streams->GetArray()) {
+      const rapidjson::Value* const name = Member(each, "name");
+      if (name != nullptr && name->IsString() && name->GetString() == stream) return &each;
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+NodeState ReadNode(const std::string& answer, const std::string& stream) {
+  NodeState node;
+  rapidjson::Document document;
+  document.Parse(answer.data(), answer.size());
+  if (document.HasParseError() || !document.IsObject()) {
+    node.problem = "its answer is no JSON object";
+    return node;
+  }
+  if (const auto* config = Member(document, "config"); config != nullptr && config->IsObject()) {
+    node.max_storage_bytes = Number(*config, "max_storage");
+  }
+  const rapidjson::Value* const found = FindStream(document, stream);
+  const rapidjson::Value* const state = found == nullptr ? nullptr : Member(*found, "state");
+  if (state == nullptr || !state->IsObject()) {
+    node.problem = "holds no replica of stream " + stream;
+    return node;
+  }
+  node.first_sequence = Number(*state, "first_seq");
+  node.last_sequence = Number(*state, "last_seq");
+  node.messages = Number(*state, "messages");
+  node.bytes = Number(*state, "bytes");
+  const rapidjson::Value* const cluster = Member(*found, "cluster");
+  const rapidjson::Value* const leader = cluster == nullptr ? nullptr : Member(*cluster, "leader");
+  if (leader != nullptr && leader->IsString()) node.leader = leader->GetString();
+  return node;
+}
+
+NodeState AskNode(const std::string& url, const std::string& stream) {
+  httplib::Client client(url);
+  client.set_connection_timeout(kPatienceSeconds);
+  client.set_read_timeout(kPatienceSeconds);
+  const httplib::Result result = client.Get("/jsz?streams=1&config=1");
+  NodeState node;
+  if (!result) {
+    node.problem = "does not answer (" + httplib::to_string(result.error()) + ")";
+  } else if (result->status != 200) {
+    node.problem = "answers with status " + std::to_string(result->status);
+  } else {
+    node = ReadNode(result->body, stream);
+  }
+  node.url = url;
+  return node;
+}
+
+std::string MismatchOf(const std::vector<NodeState>& nodes, uint64_t last_sequence) {
+  for (const NodeState& node : nodes) {
+    if (!node.problem.empty()) return node.url + " " + node.problem;
+    const NodeState& other = nodes.front();
+    if (node.first_sequence != other.first_sequence) {
+      return node.url + " begins at " + std::to_string(node.first_sequence) + ", " + other.url +
+             " at " + std::to_string(other.first_sequence);
+    }
+    if (node.holes() != other.holes()) {
+      return node.url + " misses " + std::to_string(node.holes()) + " between first and last, " +
+             other.url + " " + std::to_string(other.holes());
+    }
+    if (node.last_sequence < last_sequence) {
+      return node.url + " ends at " + std::to_string(node.last_sequence) + ", another at " +
+             std::to_string(last_sequence) + " or later";
+    }
+  }
+  return std::string();
+}
+
+}  // namespace quenor::collector
