@@ -19,12 +19,22 @@ constexpr char kProvisionFooter[] = R"(Examples:
 Exit codes: 0 as asked for, 64 wrong usage, 65 what is there differs, or a node lacks what others
 hold, 69 cannot use the store.)";
 
+constexpr char kExportFooter[] = R"(Examples:
+  quenor-collector export --store nats://one,two,three --out /srv/reports
+      goes on where it was, until it is told to end
+  quenor-collector export --store nats://one,two,three --out /srv/reports --once
+      ends when everything is read
+
+Exit codes: 0 ended in order, 64 wrong usage, 69 cannot use the store, 73 cannot write.)";
+
 }  // namespace
 
 struct Commands::Parsed {
   std::string store;
   ProvisionOptions provision;
   CLI::App* provision_app = nullptr;
+  ExportOptions to_files;
+  CLI::App* export_app = nullptr;
 };
 
 namespace {
@@ -77,6 +87,37 @@ void AddProvision(CLI::App* app, ProvisionOptions* options) {
       ->needs(check);
 }
 
+void AddExport(CLI::App* app, ExportOptions* options) {
+  app->add_option("--out", options->out_dir, "folder of the files")
+      ->type_name("FOLDER")
+      ->required()
+      ->check(NotEmpty());
+  app->add_option("--reader", options->reader, "the durable reader, as provision made it")
+      ->type_name("NAME")
+      ->check(StoreName())
+      ->capture_default_str();
+  app->add_option("--rotate-size", options->rotate_bytes, "begin a new file beyond it")
+      ->type_name("SIZE")
+      ->transform(AsSize())
+      ->check(WholeNumber(1, kMaxSizeBytes))
+      ->default_str("256MiB");
+  app->add_option("--rotate-time", options->rotate_ms, "begin a new file after so long")
+      ->type_name("TIME")
+      ->transform(AsTime())
+      ->check(WholeNumber(1, kMaxTimeMs))
+      ->default_str("10min");
+  app->add_option("--batch", options->batch, "most messages between two syncs of the disk")
+      ->type_name("N")
+      ->check(WholeNumber(1, 50'000))
+      ->capture_default_str();
+  app->add_option("--progress", options->progress_ms, "time between two lines about it")
+      ->type_name("TIME")
+      ->transform(AsTime())
+      ->check(WholeNumber(1, kMaxTimeMs))
+      ->default_str("10s");
+  app->add_flag("--once", options->once, "end when everything is read");
+}
+
 }  // namespace
 
 Commands::Commands(CLI::App* app) : parsed_(std::make_unique<Parsed>()) {
@@ -86,15 +127,24 @@ Commands::Commands(CLI::App* app) : parsed_(std::make_unique<Parsed>()) {
   parsed_->provision_app->footer(kProvisionFooter);
   AddStore(parsed_->provision_app, true, &parsed_->store, &parsed_->provision.store);
   AddProvision(parsed_->provision_app, &parsed_->provision);
+
+  parsed_->export_app = app->add_subcommand("export", "read the stream into files of lines");
+  parsed_->export_app->footer(kExportFooter);
+  AddStore(parsed_->export_app, true, &parsed_->store, &parsed_->to_files.store);
+  AddExport(parsed_->export_app, &parsed_->to_files);
 }
 
 Commands::~Commands() = default;
 
 bool Commands::Finish(Command* command) {
-  if (!parsed_->provision_app->parsed()) return false;
-  parsed_->provision.store.nodes = ParseStore(parsed_->store);
-  *command = parsed_->provision;
-  return true;
+  if (parsed_->provision_app->parsed()) {
+    parsed_->provision.store.nodes = ParseStore(parsed_->store);
+    *command = parsed_->provision;
+  } else if (parsed_->export_app->parsed()) {
+    parsed_->to_files.store.nodes = ParseStore(parsed_->store);
+    *command = parsed_->to_files;
+  }
+  return !std::holds_alternative<std::monostate>(*command);
 }
 
 }  // namespace quenor::collector

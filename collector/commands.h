@@ -6,6 +6,7 @@
 #include <memory>
 #include <variant>
 
+#include "collector/export/export.h"
 #include "collector/provision/provision.h"
 
 namespace CLI {
@@ -15,7 +16,7 @@ class App;
 namespace quenor::collector {
 
 // Monostate: none, quenor-collector serves.
-using Command = std::variant<std::monostate, ProvisionOptions>;
+using Command = std::variant<std::monostate, ProvisionOptions, ExportOptions>;
 
 class Commands {
  public:

@@ -82,7 +82,11 @@ int Main(int argc, const char* const* argv) {
     if (const auto* provision = std::get_if<ProvisionOptions>(&options->command)) {
       return RunProvision(*provision, Print);
     }
-    RunCollector(*options);
+    if (const auto* to_files = std::get_if<ExportOptions>(&options->command)) {
+      RunExport(*to_files, OpenStopSignals(), Print);
+    } else {
+      RunCollector(*options);
+    }
     return kExitOk;
   } catch (const Fatal& fatal) {
     std::fprintf(stderr, "quenor-collector: %s\n", fatal.what());

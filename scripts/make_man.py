@@ -32,7 +32,7 @@ by default.
 .Sh SEE ALSO
 .Xr quenor-collector 1
 """),
-    "quenor-collector": ("collection server for development, tests and demonstrations", ["provision"], """\
+    "quenor-collector": ("collection server for development, tests and demonstrations", ["provision", "export"], """\
 .Sh SEE ALSO
 .Xr quenor-report 1
 """),

@@ -1,4 +1,5 @@
 // In place of the tier and its commands, in a build without the store's libraries.
+#include "collector/export/export.h"
 #include "collector/fatal.h"
 #include "collector/provision/provision.h"
 #include "collector/tier/tier.h"
@@ -15,6 +16,10 @@ namespace {
 }  // namespace
 
 void RunTier(const TierOptions&, int, const std::function<void(const std::string& line)>&) {
+  Refuse();
+}
+
+void RunExport(const ExportOptions&, int, const std::function<void(const std::string& line)>&) {
   Refuse();
 }
 

@@ -1,0 +1,158 @@
+// The files of an export, and what a kill leaves of them.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "collector/export/folder.h"
+#include "collector/export/ranges.h"
+#include "collector/fatal.h"
+#include "tests/support/temp_folder.h"
+
+namespace quenor::collector {
+namespace {
+
+using std::chrono::milliseconds;
+using Strings = std::vector<std::string>;
+
+TEST(RangesTest, KnowsWhatItHasSeen) {
+  Ranges ranges(10);
+
+  EXPECT_TRUE(ranges.Has(10));
+  EXPECT_FALSE(ranges.Has(11));
+  EXPECT_FALSE(ranges.Add(3));
+  EXPECT_TRUE(ranges.Add(12));
+  EXPECT_FALSE(ranges.Has(11));
+  EXPECT_EQ(ranges.runs(), 2u);
+  EXPECT_TRUE(ranges.Add(11));
+  EXPECT_EQ(ranges.runs(), 1u);
+  EXPECT_FALSE(ranges.Add(12));
+}
+
+TEST(RangesTest, AgreesWithASetInAnyOrder) {
+  std::mt19937 random(7);
+  Ranges ranges;
+  std::set<uint64_t> set;
+  for (int i = 0; i < 3000; ++i) {
+    const uint64_t number = 1 + random() % 1000;
+    ASSERT_EQ(ranges.Add(number), set.insert(number).second) << number;
+  }
+  for (uint64_t number = 1; number <= 1001; ++number) {
+    ASSERT_EQ(ranges.Has(number), set.count(number) == 1) << number;
+  }
+}
+
+class ExportFolderTest : public ::testing::Test {
+ protected:
+  ExportFolder::Options Options(uint64_t rotate_bytes = 1'000'000) const {
+    return {path_, "S", rotate_bytes, milliseconds(60'000)};
+  }
+  static std::string Line(uint64_t sequence) {
+    return "{\"sequence\":" + std::to_string(sequence) + ",\"body\":\"eA==\"}";
+  }
+  Strings Names() const {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(path_)) {
+      names.insert(entry.path().filename().string());
+    }
+    return Strings(names.begin(), names.end());
+  }
+  std::string Read(const std::string& name) const {
+    std::ifstream file(path_ + "/" + name);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  }
+
+  test::TempFolder parent_;
+  const std::string path_ = parent_.path() + "/out";
+  Time now_{std::chrono::seconds(1000)};
+};
+
+TEST_F(ExportFolderTest, CompletesAFileUnderItsSequences) {
+  ExportFolder folder(Options());
+  folder.Resume(4, now_);
+  for (const uint64_t sequence : {6, 5, 9}) folder.Add(sequence, Line(sequence));
+  folder.Sync(now_);
+  EXPECT_EQ(Names(), Strings{"S.part"});
+  folder.Complete();
+
+  EXPECT_EQ(Names(), Strings{"S-00000000000000000005-00000000000000000009.ndjson"});
+  EXPECT_EQ(Read(Names()[0]), Line(6) + "\n" + Line(5) + "\n" + Line(9) + "\n");
+}
+
+TEST_F(ExportFolderTest, LeavesNothingWhereNothingCame) {
+  ExportFolder folder(Options());
+  folder.Resume(0, now_);
+  folder.Sync(now_ + milliseconds(60'000));
+  folder.Complete();
+
+  EXPECT_TRUE(Names().empty());
+}
+
+TEST_F(ExportFolderTest, MessageThatComesAgainIsWrittenOnce) {
+  ExportFolder folder(Options());
+  folder.Resume(2, now_);
+  for (const uint64_t sequence : {2, 3, 3}) folder.Add(sequence, Line(sequence));
+  folder.Sync(now_);
+
+  EXPECT_EQ(Read("S.part"), Line(3) + "\n");
+  EXPECT_EQ(folder.lines(), 1u);
+}
+
+TEST_F(ExportFolderTest, BeginsAFileWhenOneIsLargeOrOld) {
+  ExportFolder folder(Options(40));
+  folder.Resume(0, now_);
+  folder.Add(1, Line(1));
+  folder.Sync(now_);
+  folder.Add(2, Line(2));
+  folder.Sync(now_);
+  EXPECT_EQ(Names(), (Strings{"S-00000000000000000001-00000000000000000002.ndjson", "S.part"}));
+  folder.Add(3, Line(3));
+  folder.Sync(now_ + milliseconds(59'999));
+  EXPECT_EQ(Names().size(), 2u);
+  folder.Sync(now_ + milliseconds(60'000));
+  EXPECT_EQ(Names().size(), 3u);
+}
+
+TEST_F(ExportFolderTest, GoesOnAfterAKill) {
+  {
+    ExportFolder folder(Options(40));
+    folder.Resume(0, now_);
+    for (const uint64_t sequence : {1, 2, 3}) {
+      folder.Add(sequence, Line(sequence));
+      folder.Sync(now_);
+    }
+  }
+  std::ofstream(path_ + "/S.part", std::ios::app) << Line(4).substr(0, 15);
+
+  ExportFolder folder(Options(40));
+  folder.Resume(1, now_);  // 2 and 3 come again, for their acknowledgements were lost.
+  for (const uint64_t sequence : {2, 3, 4}) folder.Add(sequence, Line(sequence));
+  folder.Sync(now_);
+  folder.Complete();
+  EXPECT_EQ(Read(Names()[0]), Line(1) + "\n" + Line(2) + "\n");
+  EXPECT_EQ(Read(Names()[1]), Line(3) + "\n" + Line(4) + "\n");
+}
+
+TEST_F(ExportFolderTest, IsOneExportsAlone) {
+  ExportFolder folder(Options());
+
+  EXPECT_THROW(ExportFolder{Options()}, Fatal);
+}
+
+TEST_F(ExportFolderTest, SaysWhichFolderItCannotUse) {
+  std::ofstream(parent_.path() + "/file") << "x";
+  try {
+    ExportFolder folder({parent_.path() + "/file", "S", 1, milliseconds(1)});
+    FAIL() << "a file is no folder";
+  } catch (const Fatal& fatal) {
+    EXPECT_NE(std::string(fatal.what()).find("/file"), std::string::npos) << fatal.what();
+    EXPECT_EQ(fatal.exit_code(), kExitCannotCreate);
+  }
+}
+
+}  // namespace
+}  // namespace quenor::collector
