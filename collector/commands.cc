@@ -27,6 +27,17 @@ constexpr char kExportFooter[] = R"(Examples:
 
 Exit codes: 0 ended in order, 64 wrong usage, 69 cannot use the store, 73 cannot write.)";
 
+constexpr char kControlFooter[] = R"(Examples:
+  quenor-collector control show --store nats://one,two,three
+      what is set, as JSON, and its revision
+  quenor-collector control set --store nats://one,two,three --report-duration 300
+      from now on every reply asks for a report in 300 seconds
+  quenor-collector control policy steer --store nats://one,two,three --capacity 8000
+      intervals of 30 to 50 seconds, by what each collector has to do
+
+Exit codes: 0 done, 64 wrong usage or a value that cannot be meant, 65 what is set is not
+understood, 69 cannot use the store or it was changed meanwhile.)";
+
 }  // namespace
 
 struct Commands::Parsed {
@@ -35,6 +46,8 @@ struct Commands::Parsed {
   CLI::App* provision_app = nullptr;
   ExportOptions to_files;
   CLI::App* export_app = nullptr;
+  ControlOptions control;
+  CLI::App* control_app = nullptr;
 };
 
 namespace {
@@ -118,6 +131,53 @@ void AddExport(CLI::App* app, ExportOptions* options) {
   app->add_flag("--once", options->once, "end when everything is read");
 }
 
+CLI::Option* AddField(CLI::App* app, const char* name, std::optional<uint32_t>* field,
+                      const char* type, const char* help) {
+  return app->add_option(name, *field, help)
+      ->type_name(type)
+      ->check(WholeNumber(0, std::numeric_limits<uint32_t>::max()));
+}
+
+void AddControlSet(CLI::App* app, ControlOptions* options) {
+  AddField(app, "--send-interval", &options->send_interval_ms, "MS",
+           "\"uint32_send_interval\" of each reply, drawn up to a half longer; 0: none");
+  AddField(app, "--max-resend", &options->max_resend_count, "N",
+           "\"uint32_max_resend_count\"; 0: none");
+  AddField(app, "--report-duration", &options->report_duration_s, "S",
+           "\"uint32_report_duration\"; 0: none");
+}
+
+void AddControlPolicy(CLI::App* app, ControlOptions* options) {
+  app->add_option("kind", options->policy,
+                  "none, fixed, brake, pace or steer; with none, what control set says holds")
+      ->type_name("KIND")
+      ->required();
+  AddField(app, "--low", &options->low_ms, "MS", "least interval before its jitter");
+  AddField(app, "--high", &options->high_ms, "MS", "greatest interval before its jitter");
+  AddField(app, "--target", &options->target_percent, "PERCENT", "the use that is steered to");
+  AddField(app, "--low-duration", &options->low_duration_s, "S", "least time between reports");
+  AddField(app, "--high-duration", &options->high_duration_s, "S",
+           "greatest time between reports; 0: owners are asked for none");
+  AddField(app, "--capacity", &options->capacity, "N", "reports a second that a collector takes");
+}
+
+void AddControl(CLI::App* app, std::string* store, ControlOptions* options) {
+  app->require_subcommand(1);
+  CLI::App* const show = app->add_subcommand("show", "print what is set, and its revision");
+  CLI::App* const set = app->add_subcommand("set", "set the fields of the replies");
+  CLI::App* const policy = app->add_subcommand("policy", "have a policy decide the fields");
+  for (CLI::App* const each : {show, set, policy}) {
+    each->footer(kControlFooter);
+    AddStore(each, true, store, &options->store);
+    each->add_option("--bucket", options->store.bucket, "the bucket of the control fields")
+        ->type_name("NAME")
+        ->check(StoreName())
+        ->capture_default_str();
+  }
+  AddControlSet(set, options);
+  AddControlPolicy(policy, options);
+}
+
 }  // namespace
 
 Commands::Commands(CLI::App* app) : parsed_(std::make_unique<Parsed>()) {
@@ -132,6 +192,10 @@ Commands::Commands(CLI::App* app) : parsed_(std::make_unique<Parsed>()) {
   parsed_->export_app->footer(kExportFooter);
   AddStore(parsed_->export_app, true, &parsed_->store, &parsed_->to_files.store);
   AddExport(parsed_->export_app, &parsed_->to_files);
+
+  parsed_->control_app = app->add_subcommand("control", "what collectors say in their replies");
+  parsed_->control_app->footer(kControlFooter);
+  AddControl(parsed_->control_app, &parsed_->store, &parsed_->control);
 }
 
 Commands::~Commands() = default;
@@ -143,6 +207,10 @@ bool Commands::Finish(Command* command) {
   } else if (parsed_->export_app->parsed()) {
     parsed_->to_files.store.nodes = ParseStore(parsed_->store);
     *command = parsed_->to_files;
+  } else if (parsed_->control_app->parsed()) {
+    parsed_->control.store.nodes = ParseStore(parsed_->store);
+    parsed_->control.change = !parsed_->control_app->get_subcommand("show")->parsed();
+    *command = parsed_->control;
   }
   return !std::holds_alternative<std::monostate>(*command);
 }

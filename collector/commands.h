@@ -6,6 +6,7 @@
 #include <memory>
 #include <variant>
 
+#include "collector/control_room/control.h"
 #include "collector/export/export.h"
 #include "collector/provision/provision.h"
 
@@ -16,7 +17,7 @@ class App;
 namespace quenor::collector {
 
 // Monostate: none, quenor-collector serves.
-using Command = std::variant<std::monostate, ProvisionOptions, ExportOptions>;
+using Command = std::variant<std::monostate, ProvisionOptions, ExportOptions, ControlOptions>;
 
 class Commands {
  public:

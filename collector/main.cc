@@ -82,7 +82,9 @@ int Main(int argc, const char* const* argv) {
     if (const auto* provision = std::get_if<ProvisionOptions>(&options->command)) {
       return RunProvision(*provision, Print);
     }
-    if (const auto* to_files = std::get_if<ExportOptions>(&options->command)) {
+    if (const auto* control = std::get_if<ControlOptions>(&options->command)) {
+      RunControl(*control, Print);
+    } else if (const auto* to_files = std::get_if<ExportOptions>(&options->command)) {
       RunExport(*to_files, OpenStopSignals(), Print);
     } else {
       RunCollector(*options);

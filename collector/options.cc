@@ -166,7 +166,7 @@ void AddTier(CLI::App* app, std::string* store, TierOptions* tier, std::array<in
 // Throws Fatal for what has no meaning beside --store.
 void RefuseBesideStore(const CLI::App& app) {
   for (const char* name : {"--cert", "--out", "--log", "--inflate", "--misbehave", "--threads",
-                           "--head-timeout", "--body-timeout"}) {
+                           "--head-timeout", "--body-timeout", "--errinfo"}) {
     if (app.get_option(name)->count() == 0) continue;
     throw Fatal(kExitUsage, std::string(name) +
                                 " has no meaning beside --store, where nginx stands in front and "
@@ -183,7 +183,18 @@ void CompleteTier(const Options& options, const std::array<int64_t, 2>& times, T
   tier->port_file = options.port_file;
   tier->max_body_bytes = options.server.max_body_bytes;
   tier->idle_timeout_s = options.server.idle_timeout_s;
-  tier->reply = options.server.reply;
+  const ReplyOptions& reply = options.server.reply;
+  const auto field = [](const std::optional<uint64_t>& given, uint32_t otherwise) {
+    return given ? static_cast<uint32_t>(*given) : otherwise;
+  };
+  ControlSettings* const control = &tier->control;
+  control->send_interval_ms = field(reply.send_interval_ms, control->send_interval_ms);
+  control->max_resend_count = field(reply.max_resend_count, control->max_resend_count);
+  control->report_duration_s = field(reply.report_duration_s, control->report_duration_s);
+  const std::string problem = ProblemOf(*control);
+  if (!tier->store.nodes.empty() && !problem.empty()) {
+    throw Fatal(kExitUsage, "cannot reply with " + problem);
+  }
 }
 
 void AddRecording(CLI::App* app, RecorderOptions* recorder) {

@@ -32,7 +32,8 @@ by default.
 .Sh SEE ALSO
 .Xr quenor-collector 1
 """),
-    "quenor-collector": ("collection server for development, tests and demonstrations", ["provision", "export"], """\
+    "quenor-collector": ("collection server for development, tests and demonstrations", ["provision", "export", "control",
+                         "control show", "control set", "control policy"], """\
 .Sh SEE ALSO
 .Xr quenor-report 1
 """),

@@ -18,7 +18,6 @@ using std::chrono::milliseconds;
 
 using StreamInfoPtr = std::unique_ptr<jsStreamInfo, Destroyer<jsStreamInfo_Destroy>>;
 using ReaderInfoPtr = std::unique_ptr<jsConsumerInfo, Destroyer<jsConsumerInfo_Destroy>>;
-using BucketPtr = std::unique_ptr<kvStore, Destroyer<kvStore_Destroy>>;
 using BucketStatusPtr = std::unique_ptr<kvStatus, Destroyer<kvStatus_Destroy>>;
 
 constexpr int64_t kNanosecondsPerMillisecond = 1'000'000;

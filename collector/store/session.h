@@ -21,6 +21,8 @@ struct Destroyer {
 using ConnectionPtr = std::unique_ptr<natsConnection, Destroyer<natsConnection_Destroy>>;
 using ContextPtr = std::unique_ptr<jsCtx, Destroyer<jsCtx_Destroy>>;
 using MessagePtr = std::unique_ptr<natsMsg, Destroyer<natsMsg_Destroy>>;
+using BucketPtr = std::unique_ptr<kvStore, Destroyer<kvStore_Destroy>>;
+using WatcherPtr = std::unique_ptr<kvWatcher, Destroyer<kvWatcher_Destroy>>;
 using ConnectPtr = std::unique_ptr<natsOptions, Destroyer<natsOptions_Destroy>>;
 
 // The headers of a stored report.

@@ -1,4 +1,5 @@
 // In place of the tier and its commands, in a build without the store's libraries.
+#include "collector/control_room/control.h"
 #include "collector/export/export.h"
 #include "collector/fatal.h"
 #include "collector/provision/provision.h"
@@ -20,6 +21,10 @@ void RunTier(const TierOptions&, int, const std::function<void(const std::string
 }
 
 void RunExport(const ExportOptions&, int, const std::function<void(const std::string& line)>&) {
+  Refuse();
+}
+
+void RunControl(const ControlOptions&, const std::function<void(const std::string& line)>&) {
   Refuse();
 }
 

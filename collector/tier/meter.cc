@@ -21,14 +21,18 @@ void Meter::CountStored(uint64_t size_bytes, bool is_repeat) {
   if (is_repeat) ++repeats_;
 }
 
+uint64_t Meter::answered() const {
+  uint64_t requests = 0;
+  for (const auto& [status, count] : answered_) requests += count;
+  return requests;
+}
+
 std::string Meter::Line() const {
   const auto of = [this](int status) {
     const auto found = answered_.find(status);
     return std::to_string(found == answered_.end() ? 0 : found->second);
   };
-  uint64_t requests = 0;
-  for (const auto& [status, count] : answered_) requests += count;
-  return "requests=" + std::to_string(requests) + " stored=" + std::to_string(stored_) +
+  return "requests=" + std::to_string(answered()) + " stored=" + std::to_string(stored_) +
          " bytes=" + std::to_string(stored_bytes_) + " rejected=" + std::to_string(rejected_) +
          " busy=" + of(503) + " full=" + of(507);
 }
@@ -76,6 +80,12 @@ std::string Meter::Text(const Present& present, Time now) const {
   single("store_connections_total", "counter", "Connections made to the store.", connected_);
   single("connections_open", "gauge", "Connections of senders, this one included.",
          present.connections);
+  single("control_revision", "gauge", "Of the control settings in force; 0: the command line's.",
+         present.control_revision);
+  single("control_interval_ms", "gauge", "The interval in force before its jitter; 0: none.",
+         present.control_interval_ms);
+  single("control_refused_total", "counter", "Control settings that cannot be meant.",
+         control_refused_);
   const auto uptime = std::chrono::duration_cast<std::chrono::milliseconds>(now - started_);
   Metric(&out, "uptime_seconds", "gauge", "Since the collector began.")
       .Sample(SecondsText(uptime.count()));

@@ -24,6 +24,7 @@ class Meter {
   void CountStored(uint64_t size_bytes, bool is_repeat);
   void CountRejected() { ++rejected_; }
   void CountPublishedAgain(uint64_t reports) { published_again_ += reports; }
+  void CountControlRefused() { ++control_refused_; }
   void CountConnected() { ++connected_; }
 
   struct Present {
@@ -31,7 +32,11 @@ class Meter {
     uint64_t held_reports = 0;
     uint64_t held_bytes = 0;
     uint64_t connections = 0;
+    uint64_t control_revision = 0;
+    uint64_t control_interval_ms = 0;
   };
+  // Reports that were answered, whatever they were.
+  uint64_t answered() const;
   // "requests=… stored=… bytes=… rejected=… late=… full=…"
   std::string Line() const;
   std::string Text(const Present& present, Time now) const;
@@ -51,6 +56,7 @@ class Meter {
   uint64_t repeats_ = 0;
   uint64_t rejected_ = 0;
   uint64_t published_again_ = 0;
+  uint64_t control_refused_ = 0;
   uint64_t connected_ = 0;
 };
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "collector/reports/reply.h"
+#include "collector/control_room/settings.h"
 #include "collector/store/options.h"
 
 namespace quenor::collector {
@@ -30,7 +30,7 @@ struct TierOptions {
   size_t max_body_bytes = size_t{64} << 20;
   uint64_t idle_timeout_s = 300;
   std::vector<std::string> paths;  // Those that reports are wanted on. Empty: all.
-  ReplyOptions reply;
+  ControlSettings control;         // Until the bucket says something else.
 };
 
 }  // namespace quenor::collector

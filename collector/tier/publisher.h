@@ -45,6 +45,7 @@ class Publisher {
   Publisher& operator=(const Publisher&) = delete;
 
   int event_fd() const { return event_fd_; }
+  natsConnection* connection() const { return connection_.get(); }
 
   // What has happened since the last call.
   Events TakeEvents();

@@ -6,9 +6,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <random>
 #include <unordered_map>
 #include <utility>
 
+#include "collector/control_room/desk.h"
+#include "collector/control_room/watch.h"
 #include "collector/fatal.h"
 #include "collector/files.h"
 #include "collector/reports/digest.h"
@@ -52,7 +55,7 @@ class Tier {
   std::optional<FrontReply> OnReport(FrontRequest* request);
   std::optional<FrontReply> Hold(FrontRequest* request, std::string sha256) noexcept;
   FrontReply OnGet(const std::string& path) const;
-  FrontReply ReplyOf(Answer answer, const std::string& words) const;
+  FrontReply ReplyOf(Answer answer, const std::string& words);
   bool IsWanted(const std::string& target) const;
   void Reject(const FrontRequest& request, const std::string& sha256, const std::string& words);
   void Publish(uint64_t id);
@@ -61,19 +64,26 @@ class Tier {
   void OnCompletion(const Publisher::Completion& completion);
   void End(uint64_t id, Answer answer, const std::string& words);
   void Tick();
+  void OnControl();
+  void TickPolicy(Time now);
   void Watch(int fd) const;
   int WaitMs() const;
   void Drain();
 
   const TierOptions options_;
   const int stop_fd_;
-  const std::string success_;
+  Desk desk_;
+  std::mt19937_64 random_{std::random_device()()};
   Meter meter_;
   Ledger ledger_;
   std::unordered_map<uint64_t, Held> held_;  // Of the ledger's reports, by their numbers.
+  Time policy_ticked_ = Now();
+  uint64_t answered_then_ = 0;
+  double most_held_ = 0;  // Of what may be, since then.
   Time lines_since_{};
   int lines_ = 0;
   Publisher publisher_;
+  ControlWatch watch_;  // Ends before the connection, which is the publisher's.
   Front front_;
   int epoll_fd_ = -1;
 };
@@ -81,10 +91,11 @@ class Tier {
 Tier::Tier(const TierOptions& options, int stop_fd)
     : options_(options),
       stop_fd_(stop_fd),
-      success_(BuildReply(options.reply)),
+      desk_(options.control),
       meter_(Now()),
       ledger_(options.hold),
       publisher_(options.store, options.hold),
+      watch_(options.store, publisher_.connection()),
       front_({options.host, options.port, options.max_body_bytes, options.idle_timeout_s},
              {[this](FrontRequest* request) { return OnReport(request); },
               [this](const std::string& path) { return OnGet(path); },
@@ -96,6 +107,7 @@ Tier::Tier(const TierOptions& options, int stop_fd)
   }
   Watch(stop_fd_);
   Watch(publisher_.event_fd());
+  Watch(watch_.event_fd());
   Watch(front_.epoll_fd());
 }
 
@@ -118,9 +130,11 @@ void Tier::Run() {
       ::epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, stop_fd_, nullptr);
     }
     OnStore();
+    OnControl();
     const Time now = Now();
     if (now >= next_tick) {
       Tick();
+      TickPolicy(now);
       next_tick = now + milliseconds(kTickMs);
     }
     front_.Run();
@@ -179,8 +193,9 @@ FrontReply Tier::OnGet(const std::string& path) const {
     reply.body = NameOf(state) + std::string("\n");
   } else if (path == "/metrics") {
     reply.type = kMetricsType;
-    reply.body =
-        meter_.Text({state, ledger_.reports(), ledger_.bytes(), front_.connections()}, Now());
+    reply.body = meter_.Text({state, ledger_.reports(), ledger_.bytes(), front_.connections(),
+                              desk_.revision(), desk_.interval_ms()},
+                             Now());
   } else {
     reply.status = 404;
     reply.body = "POST reports on any path; GET /healthz, /readyz or /metrics\n";
@@ -188,7 +203,7 @@ FrontReply Tier::OnGet(const std::string& path) const {
   return reply;
 }
 
-FrontReply Tier::ReplyOf(Answer answer, const std::string& words) const {
+FrontReply Tier::ReplyOf(Answer answer, const std::string& words) {
   FrontReply reply;
   const auto say = [&reply](int status, const std::string& errinfo) {
     reply.status = status;
@@ -197,7 +212,7 @@ FrontReply Tier::ReplyOf(Answer answer, const std::string& words) const {
   };
   switch (answer) {
     case Answer::kStored:
-      reply.body = success_;
+      reply.body = desk_.Reply(std::uniform_real_distribution<double>()(random_));
       break;
     case Answer::kRejected:
       say(200, "rejected: " + words);
@@ -294,6 +309,34 @@ void Tier::Tick() {
   const Ledger::Due due = ledger_.Tick(Now());
   for (const uint64_t id : due.late) End(id, Answer::kLate, "");
   PublishAgain(due.publish);
+}
+
+// ---- Control -----------------------------------------------------------------------------------
+
+void Tier::OnControl() {
+  const std::optional<ControlWatch::Value> value = watch_.Take();
+  if (!value) return;
+  std::string problem;
+  const std::optional<ControlSettings> settings = SettingsFromJson(value->json, &problem);
+  if (settings) return desk_.Apply(*settings, value->revision);
+  meter_.CountControlRefused();
+  std::fprintf(stderr,
+               "quenor-collector: control revision %llu is ignored: %s; set it with "
+               "quenor-collector control\n",
+               static_cast<unsigned long long>(value->revision), problem.c_str());
+}
+
+void Tier::TickPolicy(Time now) {
+  const double held =
+      static_cast<double>(ledger_.reports()) / static_cast<double>(options_.hold.max_reports);
+  most_held_ = std::max(most_held_, held);
+  const double seconds = std::chrono::duration<double>(now - policy_ticked_).count();
+  if (seconds < control::kTickSeconds) return;
+  const uint64_t answered = meter_.answered();
+  desk_.Tick(answered - answered_then_, most_held_, seconds);
+  answered_then_ = answered;
+  most_held_ = 0;
+  policy_ticked_ = now;
 }
 
 }  // namespace

@@ -185,6 +185,8 @@ TEST(OptionsTest, WhatHasNoMeaningBesideAStoreIsRefused) {
   EXPECT_NE(UsageError({"--hold", "1s"}).find("requires --store"), std::string::npos);
   EXPECT_NE(UsageError({"--store", "a,,b"}).find("give the nodes as in"), std::string::npos);
   EXPECT_NE(UsageError({"--store", "http://a"}).find("give the nodes as in"), std::string::npos);
+  EXPECT_NE(UsageError({"--store", "a", "--send-interval", "9"}).find("at least 15000"),
+            std::string::npos);
   EXPECT_NE(UsageError({"--store", "a", "--stream", "a.b"}).find("name for the store"),
             std::string::npos);
   for (const char* hold : {"20", "0s", "-1s", "soon"}) {
