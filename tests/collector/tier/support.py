@@ -4,99 +4,20 @@ import base64
 import http.client
 import json
 import os
-import signal
+import pathlib
 import socket
-import subprocess
+import sys
 import tempfile
 import threading
 import time
 import unittest
-import urllib.request
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[3] / "scripts"))
+import tier
+from tier import PATIENCE_S, wait_for
 
 COLLECTOR = os.environ["QUENOR_COLLECTOR"]
-SERVER = os.environ["QUENOR_NATS_SERVER"]
 NO_SUCH_MESSAGE = 10037
-PATIENCE_S = 60  # For what is to come at all; no test's subject.
-
-
-def free_ports(count):
-    sockets = [socket.socket() for _ in range(count)]
-    for each in sockets:
-        each.bind(("127.0.0.1", 0))
-    ports = [each.getsockname()[1] for each in sockets]
-    for each in sockets:
-        each.close()
-    return ports
-
-
-def wait_for(what, ready):
-    """Asks until it is so: for states of other processes that nothing announces."""
-    end = time.monotonic() + PATIENCE_S
-    while time.monotonic() < end:
-        try:
-            found = ready()
-            if found:
-                return found
-        except (OSError, ValueError, KeyError, http.client.HTTPException):
-            pass
-        time.sleep(0.05)
-    raise AssertionError(f"waited {PATIENCE_S} s for {what}")
-
-
-def fetch(url):
-    with urllib.request.urlopen(url, timeout=5) as answer:
-        return answer.read().decode()
-
-
-class Node:
-    """One node of the store, with its folder, which outlives it."""
-
-    def __init__(self, folder, name, ports, routes=(), cluster=None):
-        self.name = name
-        self.port, self.monitor, self.route = ports
-        self.folder = os.path.join(folder, name)
-        os.makedirs(self.folder, exist_ok=True)
-        self.conf = os.path.join(folder, name + ".conf")
-        text = f"""
-            server_name: {name}
-            listen: "127.0.0.1:{self.port}"
-            http: "127.0.0.1:{self.monitor}"
-            jetstream {{ store_dir: "{self.folder}", max_file_store: 1G, max_memory_store: 64M }}
-        """
-        if cluster:
-            listed = ", ".join(f'"nats://127.0.0.1:{port}"' for port in routes)
-            text += f'cluster {{ name: {cluster}, listen: "127.0.0.1:{self.route}", routes: [{listed}] }}\n'
-        with open(self.conf, "w") as file:
-            file.write(text)
-        self.process = None
-
-    def start(self):
-        with open(self.conf + ".log", "a") as log:
-            self.process = subprocess.Popen([SERVER, "-c", self.conf], stdout=log, stderr=log)
-
-    def wait_ready(self):
-        wait_for(f"node {self.name}", lambda: fetch(f"http://127.0.0.1:{self.monitor}/healthz"))
-
-    def kill(self):
-        if self.process:
-            self.process.kill()
-            self.process.wait()
-            self.process = None
-
-    def pause(self):
-        self.process.send_signal(signal.SIGSTOP)
-
-    def go_on(self):
-        self.process.send_signal(signal.SIGCONT)
-
-    def state(self, stream):
-        """The stream's own state on this node, by its monitoring page; None: it has none."""
-        page = json.loads(fetch(f"http://127.0.0.1:{self.monitor}/jsz?streams=1&config=1&consumers=1"))
-        for account in page.get("account_details", []):
-            for each in account.get("stream_detail", []):
-                if each["name"] == stream:
-                    return each
-        return None
 
 
 class Wire:
@@ -133,59 +54,6 @@ class Wire:
                 return data[int(words[-2]):] if words[0] == b"HMSG" else data
             elif words[0] == b"-ERR":
                 raise OSError(line.decode())
-
-
-class Collector:
-    def __init__(self, nodes, *options, stream="REPORTS"):
-        store = ",".join(f"127.0.0.1:{node.port}" for node in nodes)
-        self.errors = tempfile.TemporaryFile("w+")
-        self.process = subprocess.Popen(
-            [COLLECTOR, "--store", "nats://" + store, "--stream", stream, *options],
-            stdout=subprocess.PIPE, stderr=self.errors, text=True)
-        line = self.process.stdout.readline()
-        if not line:
-            raise AssertionError(self.said())
-        self.port = int(line.rstrip("/\n").rsplit(":", 1)[1])
-
-    def said(self):
-        self.errors.seek(0)
-        return self.errors.read()
-
-    def get(self, path):
-        """(status, text)"""
-        link = http.client.HTTPConnection("127.0.0.1", self.port, timeout=PATIENCE_S)
-        try:
-            link.request("GET", path)
-            answer = link.getresponse()
-            return answer.status, answer.read().decode()
-        finally:
-            link.close()
-
-    def wait_state(self, name):
-        wait_for(f"state {name}", lambda: self.get("/readyz")[1].strip() == name)
-
-    def metric(self, name):
-        for line in self.get("/metrics")[1].splitlines():
-            if line.startswith(f"quenor_collector_{name} "):
-                return float(line.split()[1])
-        raise KeyError(name)
-
-    def kill(self):
-        if self.process:
-            self.process.kill()
-            self.end()
-
-    def end(self):
-        """The exit code and the last lines."""
-        rest = self.process.stdout.read()
-        code = self.process.wait()
-        self.process.stdout.close()
-        self.process = None
-        return code, rest
-
-    def close(self):
-        self.kill()
-        self.errors.close()
 
 
 class Sender(threading.Thread):
@@ -239,12 +107,8 @@ class Case(unittest.TestCase):
         self.nodes = []
 
     def start_nodes(self, count):
-        ports = free_ports(3 * count)
-        triples = [ports[3 * i:3 * i + 3] for i in range(count)]
-        routes = [triple[2] for triple in triples]
-        for i, triple in enumerate(triples):
-            node = Node(self.folder, f"n{i}", triple, routes, "tests" if count > 1 else None)
-            self.nodes.append(node)
+        self.nodes = tier.make_nodes(self.folder, count)
+        for node in self.nodes:
             self.addCleanup(node.kill)
             node.start()
         for node in self.nodes:
@@ -262,7 +126,7 @@ class Case(unittest.TestCase):
         self.assertNotIn("error", answer)
 
     def start_collector(self, *options):
-        collector = Collector(self.nodes, *options)
+        collector = tier.Collector(COLLECTOR, self.nodes, *options)
         self.addCleanup(collector.close)
         return collector
 

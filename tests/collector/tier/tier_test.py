@@ -9,7 +9,7 @@ import socket
 import unittest
 
 import support
-from support import Collector, Sender, wait_for
+from support import Sender, wait_for
 
 SENDERS = 8
 
