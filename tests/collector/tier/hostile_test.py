@@ -1,0 +1,131 @@
+#!/usr/bin/env python3
+"""Senders that are none: a collector with a store serves others meanwhile, and keeps nothing of them."""
+import os
+import random
+import resource
+import signal
+import socket
+import struct
+import unittest
+
+import support
+from support import wait_for
+from tier_test import post
+
+
+def resident_kb(process):
+    with open(f"/proc/{process.pid}/status") as file:
+        return next(int(line.split()[1]) for line in file if line.startswith("VmRSS:"))
+
+
+class HostileTest(support.Case):
+    def setUp(self):
+        super().setUp()
+        self.start_nodes(1)
+        self.make_stream()
+
+    def start(self, *options):
+        self.collector = self.start_collector(*options)
+        self.collector.wait_state("ready")
+
+    def connect(self):
+        link = socket.create_connection(("127.0.0.1", self.collector.port), timeout=support.PATIENCE_S)
+        self.addCleanup(link.close)
+        return link
+
+    def assert_serves(self):
+        self.assertEqual(200, post(self.collector, b"a report")[0])
+
+    def assert_ends_in_order(self):
+        """With a sanitizer: and has lost no memory."""
+        self.collector.process.send_signal(signal.SIGTERM)
+        code, _ = self.collector.end()
+        self.assertEqual(0, code, self.collector.said())
+
+    def messages(self):
+        return self.nodes[0].state("REPORTS")["state"]["messages"]
+
+    def test_body_without_end(self):
+        """Chunks for ever end at four times the limit, and are not kept meanwhile."""
+        self.start("--max-body", "1MiB")
+        self.assert_serves()
+        before = resident_kb(self.collector.process)
+        link = self.connect()
+        link.sendall(b"POST /a HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n")
+        chunk = b"10000\r\n" + b"x" * 65536 + b"\r\n"
+        sent = 0
+        with self.assertRaises((ConnectionResetError, BrokenPipeError)):
+            while sent < 100 << 20:
+                link.sendall(chunk)
+                sent += 65536
+        self.assertLess(resident_kb(self.collector.process) - before, 8 << 10)
+        self.assert_serves()
+        self.assertEqual(2, self.messages())
+
+    def test_hundred_megabytes_announced(self):
+        self.start("--max-body", "1MiB")
+        link = self.connect()
+        link.sendall(b"POST /a HTTP/1.1\r\nHost: a\r\nContent-Length: 104857600\r\n\r\n" + b"x" * 100_000)
+        self.assertEqual(b"413", link.recv(1000).split()[1])
+        self.assert_serves()
+        self.assertEqual(1, self.messages())
+
+    def test_many_connections(self):
+        """Each of them begun: idle, in its head, in its body. As many as this user may have, at most 10,000."""
+        soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+        self.addCleanup(resource.setrlimit, resource.RLIMIT_NOFILE, (soft, hard))
+        count = min(10_000, hard - 500)
+        self.start()
+        links = []
+        self.addCleanup(lambda: [link.close() for link in links])
+        beginnings = (b"", b"POST /a HTTP/1.1\r\nHost:", b"POST /a HTTP/1.1\r\nHost: a\r\nContent-Length: 50\r\n\r\nx")
+        for number in range(count):
+            link = socket.create_connection(("127.0.0.1", self.collector.port), timeout=support.PATIENCE_S)
+            link.sendall(beginnings[number % 3])
+            links.append(link)
+        wait_for("connections", lambda: self.collector.metric("connections_open") > count)
+        self.assert_serves()
+        self.assertLess(resident_kb(self.collector.process), 400 << 10)
+        while links:
+            links.pop().close()
+        wait_for("their end", lambda: self.collector.metric("connections_open") < 10)
+        self.assertEqual(1, self.messages())
+        self.assert_ends_in_order()
+
+    def test_sender_that_leaves_before_the_answer(self):
+        """Its report is stored all the same, and its connection is not touched any more."""
+        self.start()
+        self.nodes[0].pause()
+        links = [self.connect() for _ in range(100)]
+        for number, link in enumerate(links):
+            link.sendall(b"POST /a HTTP/1.1\r\nHost: a\r\nContent-Length: 5\r\n\r\n%05d" % number)
+        wait_for("all", lambda: self.collector.metric("reports_held") == 100)
+        for link in links:  # A reset, not an orderly end.
+            link.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            link.close()
+        self.nodes[0].go_on()
+        wait_for("none", lambda: self.collector.metric("reports_held") == 0)
+        self.assert_serves()
+        self.assertEqual(101, self.messages())
+        self.assert_ends_in_order()
+
+    def test_rubbish(self):
+        self.start()
+        seed = int(os.environ.get("QUENOR_TEST_SEED", "1"))
+        print(f"seed {seed}")
+        draw = random.Random(seed)
+        good = b"POST /a?b HTTP/1.1\r\nHost: a\r\nContent-Length: 3\r\nExpect: 100-continue\r\n\r\nabc"
+        for _ in range(300):
+            text = bytearray(good)
+            for _ in range(draw.randint(1, 8)):
+                at = draw.randrange(len(text))
+                text[at:at + draw.randint(0, 3)] = draw.randbytes(draw.randint(0, 3))
+            with socket.create_connection(("127.0.0.1", self.collector.port)) as link:
+                link.sendall(text)
+        self.assert_serves()
+        self.assert_ends_in_order()
+
+
+if __name__ == "__main__":
+    unittest.main()
