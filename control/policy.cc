@@ -14,6 +14,8 @@ constexpr double kLeastJitter = 0.5;
 
 constexpr double kSteerLeast = 0.97, kSteerMost = 1.15;
 constexpr double kPaceLeast = 0.5, kPaceMost = 2;
+// Of the interval, the least time between an owner's reports.
+constexpr double kDurationPerInterval = 1.25;
 // Below this part of the target a fleet may report more often again.
 constexpr double kCalm = 0.8;
 
@@ -115,6 +117,13 @@ Fields Policy::Reply(double random) const {
     fields.send_interval_ms = Bounded(interval_ms_ * (kLeastJitter + random), kMostIntervalMs);
   }
   return fields;
+}
+
+uint32_t Policy::duration_s() const {
+  const bool steers = settings_.kind == Kind::kPace || settings_.kind == Kind::kSteer;
+  const double least_s = steers ? kDurationPerInterval * interval_ms_ / 1000 : 0;
+  return static_cast<uint32_t>(
+      std::min<double>(std::max(duration_s_, least_s), settings_.high_duration_s));
 }
 
 uint32_t Policy::interval_ms() const {

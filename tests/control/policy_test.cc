@@ -140,6 +140,20 @@ TEST(PolicyTest, OwnersAreAskedForLessOnceTheIntervalCannotGrow) {
   EXPECT_EQ(policy.Reply(0).report_duration_s, 300u);
 }
 
+TEST(PolicyTest, OwnersAreNeverAskedForMoreThanTheIntervalLetsThrough) {
+  for (const Kind kind : {Kind::kPace, Kind::kSteer}) {
+    Settings settings = Of(kind);
+    settings.low_duration_s = 20;
+    settings.high_duration_s = 55;
+    Policy policy(settings);
+    EXPECT_EQ(policy.Reply(0).report_duration_s, 37u) << NameOf(kind);
+
+    TickWithUse(&policy, 4, 2);
+    EXPECT_EQ(policy.interval_ms(), 50000u) << NameOf(kind);
+    EXPECT_EQ(policy.Reply(0).report_duration_s, 55u) << NameOf(kind);
+  }
+}
+
 TEST(PolicyTest, RepliesStayWithinWhatSendersRead) {
   Settings settings;
   settings.low_ms = settings.high_ms = kMostIntervalMs;
