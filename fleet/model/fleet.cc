@@ -76,16 +76,22 @@ class Fleet::Owner final : public Event {
     channel_ = std::make_shared<Channel>(std::to_string(index_), "http://fleet", 0u, false, false);
     channel_->Initialize();
     if (settings.resend_limit) channel_->SetMaxResendCount(*settings.resend_limit);
-    if (settings.interval_ms) channel_->SetResendInterval(*settings.interval_ms);
+    if (settings.interval_ms) {
+      const auto [low_ms, high_ms] = *settings.interval_ms;
+      channel_->SetResendInterval(Between(low_ms, high_ms));
+    }
+  }
+
+  // Draws nothing when there is no choice.
+  uint32_t Between(uint32_t least, uint32_t most) {
+    if (least == most) return least;
+    return least + static_cast<uint32_t>(fleet_->random_.Below(uint64_t{1} + most - least));
   }
 
   void Report(int64_t now_us) {
     const OwnerSettings& settings = fleet_->scenario_.owner;
     static std::vector<uint8_t> bytes;
-    const uint32_t span = settings.most_bytes - settings.least_bytes + 1;
-    const uint32_t size =
-        span == 1 ? settings.least_bytes
-                  : settings.least_bytes + static_cast<uint32_t>(fleet_->random_.Below(span));
+    const uint32_t size = Between(settings.least_bytes, settings.most_bytes);
     if (bytes.size() < size) bytes.resize(size);
     Body{now_us, index_, number_++}.Write(bytes.data());
     channel_->SendPacket(bytes.data(), size, settings.with_cache, false);

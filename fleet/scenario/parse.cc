@@ -56,16 +56,17 @@ void ParseSize(Words* words, Scenario* scenario) {
 }
 
 void ParseOwner(Words* words, Scenario* scenario) {
-  constexpr char kOwner[] = "\"limit N\", \"limit none\", \"interval TIME\" or \"obeys\"";
+  constexpr char kOwner[] =
+      "\"limit N\", \"limit none\", \"interval TIME\", \"interval TIME..TIME\" or \"obeys\"";
   do {
     if (words->Take("limit")) {
       scenario->owner.resend_limit = words->Take("none")
                                          ? static_cast<uint32_t>(kMost32)
                                          : words->Whole("a number of sends, or none", 0, kMost32);
     } else if (words->Take("interval")) {
-      const int64_t interval_us = words->Time(kTime);
-      if (interval_us / 1000 > static_cast<int64_t>(kMost32)) words->Fail("at most 4294967s");
-      scenario->owner.interval_ms = static_cast<uint32_t>(interval_us / 1000);
+      const auto [low_us, high_us] = words->TimeRange(kTimes);
+      if (high_us / 1000 > static_cast<int64_t>(kMost32)) words->Fail("at most 4294967s");
+      scenario->owner.interval_ms.emplace(low_us / 1000, high_us / 1000);
     } else if (words->Take("obeys")) {
       scenario->owner.obeys = true;
     } else {

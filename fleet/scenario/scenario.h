@@ -7,6 +7,7 @@
 #include <limits>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "control/policy.h"
@@ -29,7 +30,7 @@ struct OwnerSettings {
   uint32_t least_bytes = 200;
   uint32_t most_bytes = 200;
   std::optional<uint32_t> resend_limit;
-  std::optional<uint32_t> interval_ms;
+  std::optional<std::pair<uint32_t, uint32_t>> interval_ms;  // Each owner draws its own.
   bool obeys = false;  // Reports no more often than the collector asks for.
   double restarts_per_hour = 0;
   bool with_cache = false;

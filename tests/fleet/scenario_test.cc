@@ -25,7 +25,7 @@ channels 1000   # and more later
 channels 20 at 10min over 1h
 report every 90s phase same
 size 200..2000
-owner limit 7 interval 500ms obeys
+owner limit 7 interval 500ms..1500ms obeys
 restart 1% per hour with cache
 server capacity 5000 queue 2s refusal 0.3 latency 60ms sigma 0.5 connect 2 tls 5
 client timeout 40s connect 5s
@@ -51,7 +51,7 @@ expect peak > 1.7x
   EXPECT_EQ(scenario.owner.least_bytes, 200u);
   EXPECT_EQ(scenario.owner.most_bytes, 2000u);
   EXPECT_EQ(scenario.owner.resend_limit, 7u);
-  EXPECT_EQ(scenario.owner.interval_ms, 500u);
+  EXPECT_EQ(scenario.owner.interval_ms, std::make_pair(500u, 1500u));
   EXPECT_TRUE(scenario.owner.obeys);
   EXPECT_DOUBLE_EQ(scenario.owner.restarts_per_hour, 0.01);
   EXPECT_TRUE(scenario.owner.with_cache);
