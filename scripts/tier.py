@@ -111,6 +111,12 @@ class Node(Process):
     def wait_ready(self):
         wait_for(f"node {self.name}", lambda: fetch(f"http://127.0.0.1:{self.monitor}/healthz"))
 
+    def renew(self):
+        """Has it copy everything from the others: the remedy for a node that is no copy."""
+        self.kill()
+        shutil.rmtree(os.path.splitext(self.conf)[0])
+        self.start()
+
     def state(self, stream):
         """The stream's own state on this node, by its monitoring page; None: it has none."""
         page = json.loads(fetch(f"http://127.0.0.1:{self.monitor}/jsz?streams=1&config=1&consumers=1"))

@@ -34,6 +34,14 @@ const rapidjson::Value* FindStream(const rapidjson::Value& answer, const std::st
   return nullptr;
 }
 
+// "2024-05-01T12:34:56.78Z" with all nine digits of its second, so that texts compare as times do.
+std::string FullTime(std::string text) {
+  if (!text.empty() && text.back() == 'Z') text.pop_back();
+  if (text.find('.') == std::string::npos) text += '.';
+  const size_t digits = text.size() - text.find('.') - 1;
+  return text + std::string(digits < 9 ? 9 - digits : 0, '0');
+}
+
 }  // namespace
 
 NodeState ReadNode(const std::string& answer, const std::string& stream) {
@@ -57,6 +65,8 @@ NodeState ReadNode(const std::string& answer, const std::string& stream) {
   node.last_sequence = Number(*state, "last_seq");
   node.messages = Number(*state, "messages");
   node.bytes = Number(*state, "bytes");
+  const rapidjson::Value* const time = Member(*state, "last_ts");
+  if (time != nullptr && time->IsString()) node.last_time = FullTime(time->GetString());
   const rapidjson::Value* const cluster = Member(*found, "cluster");
   const rapidjson::Value* const leader = cluster == nullptr ? nullptr : Member(*cluster, "leader");
   if (leader != nullptr && leader->IsString()) node.leader = leader->GetString();
@@ -78,6 +88,25 @@ NodeState AskNode(const std::string& url, const std::string& stream) {
   }
   node.url = url;
   return node;
+}
+
+std::string DivergenceOf(const std::vector<NodeState>& nodes) {
+  for (const NodeState& node : nodes) {
+    for (const NodeState& other : nodes) {
+      const bool both = node.problem.empty() && other.problem.empty();
+      const bool one_leader = node.leader == other.leader;  // Each leader has its own clock.
+      if (!both || !one_leader || node.last_time < other.last_time ||
+          node.last_sequence >= other.last_sequence) {
+        continue;
+      }
+      return node.url + " is no copy: its message " + std::to_string(node.last_sequence) +
+             " is no older than message " + std::to_string(other.last_sequence) + " of " +
+             other.url + ", so it lacks " +
+             std::to_string(other.last_sequence - node.last_sequence) +
+             " or more; stop it, move its store_dir away and start it, and it copies all anew";
+    }
+  }
+  return std::string();
 }
 
 std::string MismatchOf(const std::vector<NodeState>& nodes, uint64_t last_sequence) {

@@ -14,6 +14,7 @@ struct NodeState {
   std::string problem;  // Empty: the node has answered, and holds a replica.
   uint64_t first_sequence = 0;
   uint64_t last_sequence = 0;
+  std::string last_time;  // Of that message, as the leader set it; the later one compares greater.
   uint64_t messages = 0;
   uint64_t bytes = 0;
   uint64_t max_storage_bytes = 0;  // Of the node.
@@ -35,6 +36,11 @@ NodeState ReadNode(const std::string& answer, const std::string& stream);
 // Empty if all nodes hold the same, at least up to `last_sequence`; otherwise one line that says
 // which does not.
 std::string MismatchOf(const std::vector<NodeState>& nodes, uint64_t last_sequence);
+
+// Empty, or one line about a node that is no copy of another: it has taken a message of the same or
+// a later time under a lower sequence, so it lacks some before. Traffic does not hide that, as it
+// hides a node that is merely behind.
+std::string DivergenceOf(const std::vector<NodeState>& nodes);
 
 }  // namespace quenor::collector
 

@@ -136,8 +136,11 @@ class Case(unittest.TestCase):
         state = wire.request(f"$JS.API.STREAM.INFO.{stream}")["state"]
         found = []
         for sequence in range(state["first_seq"], state["last_seq"] + 1):
-            answer = wire.request(f"$JS.API.STREAM.MSG.GET.{stream}", {"seq": sequence})
-            if answer.get("error", {}).get("err_code") == NO_SUCH_MESSAGE:
+            def ask():
+                found = wire.request(f"$JS.API.STREAM.MSG.GET.{stream}", {"seq": sequence})
+                return found if found.get("error", {}).get("err_code", NO_SUCH_MESSAGE) == NO_SUCH_MESSAGE else None
+            answer = wait_for(f"message {sequence}", ask)  # Not while leaders change.
+            if "error" in answer:
                 continue  # A new leader may leave a number out; the count below tells if it was more.
             found.append(base64.b64decode(answer["message"].get("data", "")).split()[0].decode())
         self.assertEqual(state["messages"], len(found))
