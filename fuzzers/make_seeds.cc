@@ -254,7 +254,9 @@ void MakeProxies(const std::string& path) {
   const std::string port = "\x38\x04";  // 1080
   for (const char* host :
        {"127.0.0.1", "proxy.example", "::1", "[::1]", "fe80::1%eth0", "[fe80::1%25eth0]", "a:b",
-        "a%41", "[::1", "", "user@host", "host/path", "0x7f.1"}) {
+        "a%41", "[::1", "", "user@host", "host/path", "0x7f.1",
+        "b\xc3\xbc"
+        "cher.example"}) {
     Add(&folder, "\1" + port + host);
     Add(&folder, "\1" + port + host + "\nme\np%41ss:w/rd@");
     Add(&folder, std::string("\0", 1) + host + ":1080");
