@@ -1,6 +1,6 @@
 // Dispatch queues on the clock: a posted task is an event that is due at once. All of them run on
 // the one thread that runs the clock, each with its queue as the current one.
-#include <limits>
+#include <memory>
 #include <unordered_map>
 #include <utility>
 
@@ -11,6 +11,8 @@
 
 QUENOR_NAMESPACE_BEGIN
 namespace {
+
+using Waiting = std::unordered_map<uint64_t, fleet::Event*>;
 
 class Queue : public DispatchQueue, public std::enable_shared_from_this<Queue> {
  public:
@@ -24,15 +26,17 @@ class Queue : public DispatchQueue, public std::enable_shared_from_this<Queue> {
   uint64_t PostCancelableDelayedTask(const base::Location&, base::OnceClosure task,
                                      base::TimeDelta delay) override {
     const uint64_t id = ++last_id_;
-    waiting_[id] = Post(std::move(task), delay.InMicroseconds(), id);
+    if (waiting_ == nullptr) waiting_ = std::make_unique<Waiting>();
+    (*waiting_)[id] = Post(std::move(task), delay.InMicroseconds(), id);
     return id;
   }
   bool CancelDelayedTask(uint64_t id) override {
-    const auto found = waiting_.find(id);
-    if (found == waiting_.end()) return false;
+    if (waiting_ == nullptr) return false;
+    const auto found = waiting_->find(id);
+    if (found == waiting_->end()) return false;
     fleet::Clock::Current().Cancel(found->second);
     found->second->OnNever();
-    waiting_.erase(found);
+    waiting_->erase(found);
     return true;
   }
 
@@ -48,7 +52,7 @@ class Queue : public DispatchQueue, public std::enable_shared_from_this<Queue> {
       if (delayed_id_ != 0) {
         const std::shared_ptr<Queue> queue = queue_.lock();
         if (queue == nullptr) return;
-        queue->waiting_.erase(delayed_id_);
+        if (queue->waiting_ != nullptr) queue->waiting_->erase(delayed_id_);
       }
       const ScopedCurrent current(std::move(queue_));
       std::move(task_).Run();
@@ -68,7 +72,8 @@ class Queue : public DispatchQueue, public std::enable_shared_from_this<Queue> {
   }
 
   uint64_t last_id_ = 0;
-  std::unordered_map<uint64_t, fleet::Event*> waiting_;  // That can be cancelled.
+  // That can be cancelled. Null as long as there was none: a fleet's timers are no tasks.
+  std::unique_ptr<Waiting> waiting_;
 };
 
 }  // namespace

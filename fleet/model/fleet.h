@@ -43,6 +43,8 @@ class Fleet {
   class Owner;
   class Restarts;
 
+  void EndOwners();
+
   Clock clock_;
   const Scenario& scenario_;
   Books books_;
