@@ -10,6 +10,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import textwrap
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 SCENARIOS = ROOT / "fleet" / "scenarios"
@@ -47,10 +48,11 @@ def run(program, path, folder):
     return measures
 
 
-def section(path, measures):
+def section(path):
     title, comment, lines = describe(path)
     text = "\n".join(f"    {line}" for line in lines)
-    return (f"\n## {path.stem}\n\n{title}. {comment}\n\n{text}\n\n"
+    said = textwrap.fill(f"{title}. {comment}", 120, break_on_hyphens=False)
+    return (f"\n## {path.stem}\n\n{said}\n\n{text}\n\n"
             f"![{title}]({path.stem}.svg)\n")
 
 
@@ -67,7 +69,7 @@ def main():
             measures = run(program, path, pathlib.Path(folder))
             cells = [f"[{path.stem}](#{path.stem})"] + [measures[each] for each in COLUMNS]
             table += "| " + " | ".join(cells) + " |\n"
-            sections += section(path, measures)
+            sections += section(path)
     if not names:
         (DOCS / "README.md").write_text(HEAD + table + sections)
 

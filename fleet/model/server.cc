@@ -1,9 +1,11 @@
 #include "fleet/model/server.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
+#include <iterator>
+#include <string_view>
 
 namespace quenor::fleet {
 namespace {
@@ -105,19 +107,23 @@ Answer Server::Arrive(const CopyOnWriteBuffer& body, bool is_new_connection) {
 
 CopyOnWriteBuffer Server::Reply() {
   const control::Fields fields = policy_.Reply(reply_random_.Unit());
-  char text[200];
-  int size = std::snprintf(text, sizeof text, "{\"bytes_errinfo\":\"success\"");
-  const auto add = [&](const char* name, uint32_t value) {
-    if (value == 0) return;
-    size += std::snprintf(text + size, sizeof text - static_cast<size_t>(size), ",\"%s\":%u", name,
-                          value);
-  };
   if (fields.max_resend_count == 0) return plain_reply_;
-  add("uint32_send_interval", fields.send_interval_ms);
-  add("uint32_max_resend_count", fields.max_resend_count);
-  add("uint32_report_duration", fields.report_duration_s);
-  text[size++] = '}';
-  return CopyOnWriteBuffer(text, static_cast<uint32_t>(size));
+  char text[200];
+  char* end = text;
+  const auto add = [&](std::string_view words) {
+    end = std::copy(words.begin(), words.end(), end);
+  };
+  const auto add_field = [&](std::string_view name, uint32_t value) {
+    if (value == 0) return;
+    add(name);
+    end = std::to_chars(end, std::end(text), value).ptr;
+  };
+  add("{\"bytes_errinfo\":\"success\"");
+  add_field(",\"uint32_send_interval\":", fields.send_interval_ms);
+  add_field(",\"uint32_max_resend_count\":", fields.max_resend_count);
+  add_field(",\"uint32_report_duration\":", fields.report_duration_s);
+  add("}");
+  return CopyOnWriteBuffer(text, static_cast<uint32_t>(end - text));
 }
 
 void Server::OnDue() {
