@@ -100,6 +100,7 @@ TYPED_TEST(CacheTakenAwayTest, DeletedWithItsFolderIsRefusedUntilTheFolderIsBack
   std::filesystem::remove_all(this->folder_);
 
   for (int i = 0; i < 20; ++i) EXPECT_FALSE(Save(this->file_, {"a"}));
+  EXPECT_FALSE(Save(this->file_, {})) << "nothing is saved, not even that there is nothing";
   EXPECT_EQ(2, LinesWith(2, "")) << "that it is gone, and that there is no folder";
   ASSERT_EQ(0, mkdir(this->folder_.c_str(), 0700));
 

@@ -234,6 +234,25 @@ TEST_F(InspectorTest, SealOfNothingInAnExtentBehindTheEndIsRepaired) {
   EXPECT_LT(SizeOf(mapped_), uint64_t{1} << 20);
 }
 
+// Zeros where the older seal was, as a disk leaves them: what else they were written over is not
+// known, so the file is read and written anew.
+TEST_F(InspectorTest, EmptiedSealIsDamage) {
+  {
+    MultiProcessSafetyMmapFile file;
+    ASSERT_TRUE(OpenFile(file, mapped_) && Save(file, {"one"}) && Save(file, {"one", "two"}));
+    CopyAsIfKilled(mapped_, folder_.File("copy"));
+  }
+  ASSERT_EQ(0, rename(folder_.File("copy").c_str(), mapped_.c_str()));
+  ChangeRecord(1, [](OwnerRecord* record) {
+    Seal* const seal = InForce(record);
+    ASSERT_NE(nullptr, seal);
+    (seal == &record->seals[0] ? record->seals[1] : record->seals[0]) = Seal();
+  });
+
+  EXPECT_TRUE(Shown(mapped_).summary.damaged);
+  EXPECT_EQ((Packets{"one", "two"}), LoadMapped(mapped_));
+}
+
 // The next number is under no check: numbers that began again would put old content in force.
 TEST_F(InspectorTest, NumbersNearTheirEndDoNotBeginAgain) {
   for (const uint64_t number : {UINT64_MAX, uint64_t{1} << 63, mmap_format::kSaveNumberLimit}) {
