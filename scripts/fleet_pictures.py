@@ -19,8 +19,8 @@ DOCS = ROOT / "docs" / "fleet"
 HEAD = """# What a fleet does
 
 Written by `./dev fleet-pictures` from the scenarios in [fleet/scenarios](../../fleet/scenarios), each run whole; what
-the words and the measures mean: [the guide](../guide/fleet.md). The incident is shaded. Each second of a run is in its
-CSV file: `quenor-fleet run fleet/scenarios/NAME.fleet --out DIR`.
+the words and the measures mean: [the guide](../guide/fleet.md). The incident is shaded; each point of a curve is the most
+of 6 to 50 seconds. Each second of a run is in its CSV file: `quenor-fleet run fleet/scenarios/NAME.fleet --out DIR`.
 
 | scenario | lost | refused | peak | gone after |
 |---|---|---|---|---|
