@@ -85,18 +85,19 @@ class Process:
 
 
 class Node(Process):
-    """One node of the store, with its folder, which outlives it."""
+    """One node of the store, with its folder, which outlives it. `within` begins its command line: what
+    puts it into a namespace, for one."""
 
-    def __init__(self, folder, name, ports, routes):
-        self.name = name
+    def __init__(self, folder, name, host, ports, routes, within=()):
+        self.name, self.host, self.within = name, host, within
         self.port, self.monitor, route = ports
         self.conf, self.log = (os.path.join(folder, name + end) for end in (".conf", ".log"))
-        listed = ", ".join(f'"nats://127.0.0.1:{port}"' for port in routes)
+        listed = ", ".join(f'"nats://{route}"' for route in routes)
         text = render("nats-server.conf", {
             "server_name: one": f"server_name: {name}",
-            '"0.0.0.0:4222"': f'"127.0.0.1:{self.port}"',
-            '"127.0.0.1:8222"': f'"127.0.0.1:{self.monitor}"',
-            '"0.0.0.0:6222"': f'"127.0.0.1:{route}"',
+            '"0.0.0.0:4222"': f'"{host}:{self.port}"',
+            '"127.0.0.1:8222"': f'"{host}:{self.monitor}"',
+            '"0.0.0.0:6222"': f'"{host}:{route}"',
             '"nats://one:6222", "nats://two:6222", "nats://three:6222"': listed,
             '"/var/lib/nats"': f'"{os.path.join(folder, name)}"',
             "max_file_store: 500G": "max_file_store: 1G"})
@@ -106,10 +107,13 @@ class Node(Process):
             file.write(text)
 
     def start(self):
-        self.run(tool("nats-server"), "-c", self.conf)
+        self.run(*self.within, tool("nats-server"), "-c", self.conf)
 
     def wait_ready(self):
-        wait_for(f"node {self.name}", lambda: fetch(f"http://127.0.0.1:{self.monitor}/healthz"))
+        wait_for(f"node {self.name}", lambda: fetch(self.page() + "/healthz"))
+
+    def page(self):
+        return f"http://{self.host}:{self.monitor}"
 
     def renew(self):
         """Has it copy everything from the others: the remedy for a node that is no copy."""
@@ -119,7 +123,7 @@ class Node(Process):
 
     def state(self, stream):
         """The stream's own state on this node, by its monitoring page; None: it has none."""
-        page = json.loads(fetch(f"http://127.0.0.1:{self.monitor}/jsz?streams=1&config=1&consumers=1"))
+        page = json.loads(fetch(self.page() + "/jsz?streams=1&config=1&consumers=1"))
         for account in page.get("account_details", []):
             for each in account.get("stream_detail", []):
                 if each["name"] == stream:
@@ -130,16 +134,16 @@ class Node(Process):
 def make_nodes(folder, count):
     ports = free_ports(3 * count)
     triples = [ports[3 * i:3 * i + 3] for i in range(count)]
-    routes = [triple[2] for triple in triples]
-    return [Node(folder, f"n{i + 1}", triple, routes) for i, triple in enumerate(triples)]
+    routes = [f"127.0.0.1:{triple[2]}" for triple in triples]
+    return [Node(folder, f"n{i + 1}", "127.0.0.1", triple, routes) for i, triple in enumerate(triples)]
 
 
 def store_of(nodes):
-    return "nats://" + ",".join(f"127.0.0.1:{node.port}" for node in nodes)
+    return "nats://" + ",".join(f"{node.host}:{node.port}" for node in nodes)
 
 
 def monitors_of(nodes):
-    return [word for node in nodes for word in ("--monitor", f"http://127.0.0.1:{node.monitor}")]
+    return [word for node in nodes for word in ("--monitor", node.page())]
 
 
 class Collector(Process):

@@ -30,8 +30,7 @@ class Cluster(support.Case):
         self.reach(BEFORE)
 
     def provision(self):
-        store = ",".join(f"127.0.0.1:{node.port}" for node in self.nodes)
-        done = subprocess.run([COLLECTOR, "provision", "--store", store, "--max-bytes", "500MiB"],
+        done = subprocess.run([COLLECTOR, "provision", "--store", tier.store_of(self.nodes), "--max-bytes", "500MiB"],
                               capture_output=True, text=True)
         return done.returncode == 0
 
@@ -163,7 +162,7 @@ class DiskTest(Cluster):
 
     def fill(self, node):
         # What watches over a node kills it if it hangs, so that the others elect another leader.
-        watch = subprocess.Popen([tier.DEPLOY / "nats-server-watch", f"http://127.0.0.1:{node.monitor}",
+        watch = subprocess.Popen([tier.DEPLOY / "nats-server-watch", node.page(),
                                   "kill", "-KILL", str(node.process.pid)], stderr=subprocess.DEVNULL)
         self.addCleanup(watch.wait)
         self.addCleanup(watch.kill)

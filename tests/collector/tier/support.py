@@ -23,8 +23,8 @@ NO_SUCH_MESSAGE = 10037
 class Wire:
     """A client of the store, as little of it as is needed."""
 
-    def __init__(self, port):
-        self.socket = socket.create_connection(("127.0.0.1", port), timeout=PATIENCE_S)
+    def __init__(self, host, port):
+        self.socket = socket.create_connection((host, port), timeout=PATIENCE_S)
         self.file = self.socket.makefile("rb")
         self.file.readline()  # INFO
         self.send(b'CONNECT {"verbose":false,"headers":true,"no_responders":true}\r\nSUB inbox 1\r\n')
@@ -115,7 +115,7 @@ class Case(unittest.TestCase):
             node.wait_ready()
 
     def wire(self):
-        wire = Wire(self.nodes[0].port)
+        wire = Wire(self.nodes[0].host, self.nodes[0].port)
         self.addCleanup(wire.close)
         return wire
 
