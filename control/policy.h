@@ -51,9 +51,9 @@ struct Settings {
   double target = 0.9;
   // Bounds of the time between reports that owners are asked for, in seconds; 0 and 0: they are
   // asked for none. It starts low; while the interval alone does not bring the use down, each tick
-  // multiplies it by 1.15, and once it is calm by 0.97. Never below one and a quarter of kPace's and
-  // kSteer's interval: a sender sends one report in an interval, and what owners report beyond that
-  // only waits.
+  // multiplies it by 1.15, and once it is calm by 0.97. Never below one and a quarter of kPace's
+  // and kSteer's interval: a sender sends one report in an interval, and what owners report beyond
+  // that only waits.
   uint32_t low_duration_s = 0;
   uint32_t high_duration_s = 0;
 };

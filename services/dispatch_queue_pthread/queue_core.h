@@ -28,7 +28,8 @@ namespace dispatch_queue {
 base::MonotonicTime DeadlineAfter(base::TimeDelta delay);
 
 // What a queue's thread runs on; lives as long as the thread and the queue object, so that either
-// may go first. In a forked child, where the thread is not: everything is dropped, no lock is taken.
+// may go first. In a forked child, where the thread is not: everything is dropped, no lock is
+// taken.
 class QueueCore {
  public:
   // Any thread. One of the holders is done with it; the last one deletes it.
