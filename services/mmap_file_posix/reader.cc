@@ -9,6 +9,8 @@ QUENOR_NAMESPACE_BEGIN
 namespace mmap_format {
 namespace {
 
+constexpr char kSealIsGone[] = "a seal that is gone";
+
 enum class SealState { kNever, kWriting, kValid, kDamaged };
 
 bool IsZero(const void* bytes, size_t size) {
@@ -334,7 +336,9 @@ bool Reader::ExamineGap(uint64_t begin, uint64_t end, Survey* survey) {
     if (at >= end) break;
     searched_ += sizeof(ExtentHeader);
     uint64_t skip;
-    if (!SkipKnown(at, end, &skip)) return false;
+    bool lost_its_seal;
+    if (!SkipKnown(at, end, &skip, &lost_its_seal)) return false;
+    if (lost_its_seal && survey->damage == nullptr) survey->damage = kSealIsGone;
     if (skip == 0) {
       skip = std::min(kUnit, end - at);
       // Up to the end of the gap: a packet may be longer than a unit.
@@ -349,13 +353,14 @@ bool Reader::ExamineGap(uint64_t begin, uint64_t end, Survey* survey) {
     at += skip;
   }
   if (survey->packets.size() > before && survey->damage == nullptr) {
-    survey->damage = "a seal that is gone";
+    survey->damage = kSealIsGone;
   }
   return true;
 }
 
-bool Reader::SkipKnown(uint64_t offset, uint64_t end, uint64_t* skip) {
+bool Reader::SkipKnown(uint64_t offset, uint64_t end, uint64_t* skip, bool* lost_its_seal) {
   *skip = 0;
+  *lost_its_seal = false;
   if (offset % kUnit != 0) return true;
   ExtentHeader header;
   bool whole;
@@ -365,6 +370,8 @@ bool Reader::SkipKnown(uint64_t offset, uint64_t end, uint64_t* skip) {
   if (!HasOwnSeal(header.owner, &is_own)) return false;
   if ((is_own && IsLeftOver(header, Owner(header.owner))) || IsSuperseded(header)) {
     *skip = std::min(SizeOf(header), end - offset);
+  } else {
+    *lost_its_seal = true;  // Told even where no packet in it is intact.
   }
   return true;
 }

@@ -105,8 +105,9 @@ class Reader {
   [[gnu::cold]] bool ExamineOwner(uint32_t owner, Survey* survey, uint32_t* damaged_packets);
   [[gnu::cold]] bool ExamineGaps(Survey* survey);
   [[gnu::cold]] bool ExamineGap(uint64_t begin, uint64_t end, Survey* survey);
-  // A gap block that is known not to hold anything of value; 0 when that is not known.
-  [[gnu::cold]] bool SkipKnown(uint64_t offset, uint64_t end, uint64_t* skip);
+  // A gap block that is known not to hold anything of value; 0 when that is not known. And whether
+  // the head of an extent there says that its content has lost its seal.
+  [[gnu::cold]] bool SkipKnown(uint64_t offset, uint64_t end, uint64_t* skip, bool* lost_its_seal);
   // Not another owner's, which a misdirected write has put into its record.
   [[gnu::cold]] bool HasOwnSeal(uint32_t owner, bool* is_own);
   // Adds every intact packet in the range that was not retired.

@@ -8,6 +8,7 @@
 
 #include "quenor_base/platform/base/check.h"
 #include "services/mmap_file_posix/format.h"
+#include "services/mmap_file_posix/reader.h"
 #include "tests/support/fakes/recording_log.h"
 
 namespace quenor::test {
@@ -29,10 +30,20 @@ std::vector<std::vector<StoredPacket>> FindMapped(const std::string& image,
   return copies;
 }
 
-// Shorter than a table, or with a table of no owner.
+// Neither a seal nor the head of an extent in use tells of any content.
 bool LooksUnusedMapped(const std::string& image) {
-  const size_t size = std::min<size_t>(image.size(), mmap_format::kTableSize);
-  return image.empty() || image.find_first_not_of('\0', mmap_format::kRecordSize) >= size;
+  using namespace mmap_format;
+  for (uint32_t owner = 1; owner <= kOwners; ++owner) {
+    const size_t begin = std::min<size_t>(RecordOffset(owner), image.size());
+    const std::string seals = image.substr(begin, sizeof(OwnerRecord::seals));
+    if (seals.find_first_not_of('\0') != std::string::npos) return false;
+  }
+  ExtentHeader head;
+  for (uint64_t at = kTableSize; at + sizeof head <= image.size(); at += kUnit) {
+    std::memcpy(&head, image.data() + at, sizeof head);
+    if (IsSound(head, at) && head.state != kBuilding && head.state != kFree) return false;
+  }
+  return true;
 }
 
 }  // namespace

@@ -244,6 +244,17 @@ TEST(MmapFileDamageTest, SealsInAnotherOwnersRecordCostNothingThatIsIntact) {
   Report("records that moved", bench);
 }
 
+// The owner's record is gone, and so is all that the extent held.
+TEST(MmapFileDamageTest, HeadOfAnExtentInUseIsEnoughToTellOfALoss) {
+  using namespace mmap_format;
+  DamageBench bench = AgedMapped();
+  std::string bytes = bench.image();
+  bytes.replace(RecordOffset(1), kRecordSize, kRecordSize, '\0');
+  bytes.resize(kTableSize + sizeof(ExtentHeader));
+  bench.Try(bytes, "nothing but a head");
+  Report("nothing but a head", bench);
+}
+
 TEST(PlainFileDamageTest, AnyDamageCostsOnlyThePacketsItHits) {
   const uint64_t seed = TestSeed();
   Random random(seed);
