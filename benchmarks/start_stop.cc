@@ -212,7 +212,8 @@ void TellLaziness(Area* area) {
   area->Tell({"threads beside theirs" + before, "", static_cast<double>(threads[0]), 0, ""});
   area->Tell({"descriptors" + before, "", static_cast<double>(descriptors[0]), 0, ""});
   area->Tell({"initialisations of libcurl after it", "", static_cast<double>(starts[1]), 1, ""});
-  area->Tell({"threads beside theirs after it", "", static_cast<double>(threads[1]), 1, ""});
+  area->Tell({"threads beside theirs after it", "", static_cast<double>(threads[1]), 2,
+              "The network's, and while requests are on their way the one that watches over it."});
 }
 
 // ---- The end of the process ---------------------------------------------------------------------

@@ -15,7 +15,7 @@ namespace {
 constexpr int64_t kForeverUs = int64_t{100} * 365 * 24 * 3600 * 1000000;
 
 // Room that a queue keeps after a burst; more goes back to the heap.
-constexpr size_t kTasksToKeepRoomFor = 256;
+constexpr uint32_t kTasksToKeepRoomFor = 256;
 
 // Whose exception it is when there is no memory for a task.
 constexpr char kPosting[] = "quenor's dispatch queue, as a task was posted";
@@ -99,39 +99,30 @@ bool QueueCore::Run() {
       (void)batch.release();
       return false;
     }
-    if (batch->capacity() > kTasksToKeepRoomFor) batch->SetCapacity(kTasksToKeepRoomFor);
+    batch->KeepRoomFor(kTasksToKeepRoomFor);
   }
   DestroyDelayed();
   return !IsInForkedChild();
 }
 
 bool QueueCore::RunAll(TaskList* batch) {
-  for (Task& task : *batch) {
+  const bool is_here = batch->All([this](Task& task) {
     std::move(task).Run();
-    if (IsInForkedChild()) return false;
-  }
+    return !IsInForkedChild();
+  });
+  if (!is_here) return false;
   batch->Clear();
   return !IsInForkedChild();
 }
 
-void QueueCore::MakeRoom(TaskList* list) {
-  TaskList roomy;
-  roomy.SetCapacity(std::max<size_t>(2 * list->capacity(), 16));
-  list->MoveInto(&roomy);
-}
-
 void QueueCore::MakeRoomAndPost(Task&& task, std::unique_lock<ShortLock>* hold) {
-  TaskList roomy;  // In the end the list that was too small, which goes last of all.
-  while (tasks_.size() == tasks_.capacity()) {
-    const size_t wanted = std::max<size_t>(2 * tasks_.capacity(), 16);
-    hold->unlock();
-    if (roomy.capacity() < wanted) {
-      base::EndOnException(kPosting, [&] { roomy.SetCapacity(wanted); });
-    }
-    hold->lock();
-    if (tasks_.capacity() >= roomy.capacity()) continue;  // Another thread was faster.
-    tasks_.MoveInto(&roomy);
-  }
+  const uint32_t capacity = tasks_.NextCapacity();
+  hold->unlock();
+  std::unique_ptr<TaskList::Block> block;
+  base::EndOnException(kPosting, [&] { block = TaskList::Block::Make(capacity); });
+  hold->lock();
+  // Else another thread was faster, and the block goes once the lock has been given back.
+  if (!tasks_.HasRoom()) tasks_.AddRoom(std::move(block));
   Add(std::move(task), hold);
 }
 
@@ -210,7 +201,7 @@ base::MonotonicTime QueueCore::Take(TaskList* batch) {
   }
   while (!delayed_.empty() && delayed_.begin()->first.first <= now) {
     const auto entry = delayed_.begin();
-    if (batch->size() == batch->capacity()) MakeRoom(batch);
+    if (!batch->HasRoom()) batch->AddRoom(TaskList::Block::Make(batch->NextCapacity()));
     batch->Add(std::move(entry->second));
     spare_due_ = due_by_id_.extract(entry->first.second);
     spare_delayed_ = delayed_.extract(entry);

@@ -42,7 +42,7 @@ class QueueCore {
   void Post(Task&& task) {
     if (IsInForkedChild()) return;
     std::unique_lock<ShortLock> hold(lock_);
-    if (tasks_.size() == tasks_.capacity()) return MakeRoomAndPost(std::move(task), &hold);
+    if (!tasks_.HasRoom()) return MakeRoomAndPost(std::move(task), &hold);
     Add(std::move(task), &hold);
   }
 
@@ -78,9 +78,6 @@ class QueueCore {
 
   // Runs and destroys the tasks; false as soon as this is a forked child.
   bool RunAll(TaskList* batch);
-
-  // In the thread's own list.
-  [[gnu::cold]] static void MakeRoom(TaskList* list);
 
   // Allocates and frees without the lock.
   [[gnu::cold, gnu::noinline]] void MakeRoomAndPost(Task&& task, std::unique_lock<ShortLock>* hold);

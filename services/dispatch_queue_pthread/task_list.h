@@ -2,6 +2,7 @@
 #ifndef SERVICES_DISPATCH_QUEUE_PTHREAD_TASK_LIST_H_
 #define SERVICES_DISPATCH_QUEUE_PTHREAD_TASK_LIST_H_
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -15,55 +16,113 @@ namespace dispatch_queue {
 
 using Task = base::OnceCallback<void()>;
 
-// Tasks in a row, in room that is made beforehand. Smaller than a vector, to be on one cache line
-// with all else that a post writes.
+// Tasks in a row, in blocks of room that are made beforehand. More room is one block more: no task
+// is ever moved within the list, so that whoever makes it keeps the lock for no longer than others.
 class TaskList {
  public:
+  // Room for tasks, behind itself in the same memory.
+  class alignas(Task) Block {
+   public:
+    // May throw.
+    static std::unique_ptr<Block> Make(uint32_t capacity) {
+      void* const memory = ::operator new(sizeof(Block) + capacity * sizeof(Task));
+      return std::unique_ptr<Block>(new (memory) Block(capacity));
+    }
+    static void operator delete(void* memory) { ::operator delete(memory); }
+
+   private:
+    friend class TaskList;
+    explicit Block(uint32_t capacity) : capacity_(capacity) {}
+    Task* begin() { return reinterpret_cast<Task*>(this + 1); }
+    Task* end() { return begin() + capacity_; }
+
+    const uint32_t capacity_;
+    std::unique_ptr<Block> next_;
+  };
+  static_assert(alignof(Task) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
+
   TaskList() = default;
   ~TaskList() {
     Clear();
-    if (tasks_ != nullptr) std::allocator<Task>().deallocate(tasks_, capacity_);
+    KeepRoomFor(0);
   }
   TaskList(const TaskList&) = delete;
   TaskList& operator=(const TaskList&) = delete;
 
-  size_t size() const { return size_; }
-  bool empty() const { return size_ == 0; }
-  size_t capacity() const { return capacity_; }
-  Task* begin() { return tasks_; }
-  Task* end() { return tasks_ + size_; }
+  bool empty() const { return first_ == nullptr || end_ == first_->begin(); }
 
   // There must be room.
   void Add(Task&& task) {
-    new (tasks_ + size_) Task(std::move(task));
-    ++size_;
+    new (end_++) Task(std::move(task));
+    --left_;
+  }
+  bool HasRoom() { return left_ > 0 || GoOnInNextBlock(); }
+  // Of the next block: as much again as there is, within bounds.
+  uint32_t NextCapacity() const {
+    constexpr uint32_t kLeast = 16, kMost = 256;
+    return std::clamp(capacity_, kLeast, kMost);
+  }
+  // There must be no room.
+  void AddRoom(std::unique_ptr<Block> block) {
+    capacity_ += block->capacity_;
+    (last_ == nullptr ? first_ : last_->next_) = std::move(block);
+    GoOnInNextBlock();
+  }
+
+  // Calls `run` with each task, in order, until it answers false.
+  template <typename Run>
+  bool All(Run run) {
+    for (Block* block = first_.get(); block != nullptr; block = block->next_.get()) {
+      Task* const end = block == last_ ? end_ : block->end();
+      for (Task* task = block->begin(); task != end; ++task) {
+        if (!run(*task)) return false;
+      }
+      if (block == last_) break;
+    }
+    return true;
   }
   void Clear() {
-    for (Task& task : *this) task.~Task();
-    size_ = 0;
+    All([](Task& task) {
+      task.~Task();
+      return true;
+    });
+    last_ = nullptr;
+    left_ = 0;
+    GoOnInNextBlock();
   }
   void Swap(TaskList* other) {
-    std::swap(tasks_, other->tasks_);
-    std::swap(size_, other->size_);
+    std::swap(first_, other->first_);
+    std::swap(last_, other->last_);
+    std::swap(end_, other->end_);
+    std::swap(left_, other->left_);
     std::swap(capacity_, other->capacity_);
   }
-  // Takes the room of `roomy`, an empty one with more of it, which is left with this one's.
-  void MoveInto(TaskList* roomy) {
-    for (Task& task : *this) roomy->Add(std::move(task));
-    Swap(roomy);
-  }
-  // An empty one's.
-  [[gnu::cold]] void SetCapacity(size_t capacity) {
-    Task* const room = std::allocator<Task>().allocate(capacity);  // May throw: the old stays.
-    if (tasks_ != nullptr) std::allocator<Task>().deallocate(tasks_, capacity_);
-    tasks_ = room;
-    capacity_ = static_cast<uint32_t>(capacity);
+  // Gives all other blocks of an empty list back.
+  void KeepRoomFor(uint32_t tasks) {
+    std::unique_ptr<Block>* rest = &first_;
+    uint32_t kept = 0;
+    while (*rest != nullptr && kept + (*rest)->capacity_ <= tasks) {
+      kept += (*rest)->capacity_;
+      rest = &(*rest)->next_;
+    }
+    for (; *rest != nullptr; *rest = std::move((*rest)->next_)) capacity_ -= (*rest)->capacity_;
   }
 
  private:
-  Task* tasks_ = nullptr;
-  uint32_t size_ = 0;
-  uint32_t capacity_ = 0;
+  bool GoOnInNextBlock() {
+    Block* const next = last_ == nullptr ? first_.get() : last_->next_.get();
+    if (next == nullptr) return false;
+    last_ = next;
+    end_ = next->begin();
+    left_ = next->capacity_;
+    return true;
+  }
+
+  std::unique_ptr<Block> first_;
+  Block* last_ = nullptr;  // In which tasks are added; those before it are full, and none follow.
+  Task* end_ = nullptr;
+  uint32_t left_ = 0;      // Room for so many more in that block.
+  uint32_t capacity_ = 0;  // Of all blocks.
 };
 
 }  // namespace dispatch_queue

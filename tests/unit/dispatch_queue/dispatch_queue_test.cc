@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <numeric>
 #include <string>
 #include <thread>
 #include <vector>
@@ -46,6 +47,25 @@ class PthreadQueueTest : public ::testing::Test {
       acted.Open();
     });
     ASSERT_TRUE(acted.Wait());
+  }
+  // So many posts while the thread is busy, so many times.
+  static std::vector<size_t> AllocationsOfBursts(int bursts, int posts) {
+    const auto queue = NewQueue();
+    std::vector<size_t> counts;
+    while (bursts-- > 0) {
+      Gate busy, go_on;
+      queue->PostTask(kHere, [&] {
+        busy.Open();
+        go_on.Wait();
+      });
+      busy.Wait();  // It takes no list meanwhile, for which room might be made in vain.
+      const test::MemoryFaults::Counter allocations;
+      for (int i = 0; i < posts; ++i) queue->PostTask(kHere, [] {});
+      counts.push_back(allocations.count());
+      go_on.Open();
+      OnQueue(queue, [] {});
+    }
+    return counts;
   }
   static bool Drain() { return ThreadManager::WaitForDrain(TimeDelta::FromSeconds(60)); }
 };
@@ -323,24 +343,14 @@ TEST_F(PthreadQueueTest, DeadlineInABurstWaitsForWhatWasPostedBeforeIt) {
 }
 
 TEST_F(PthreadQueueTest, PostAllocatesOnlyUntilTheQueueHasRoom) {
-  const auto queue = NewQueue();
-  size_t count = 0;
-  for (int round = 0; round < 20; ++round) {
-    Gate busy, go_on;
-    queue->PostTask(kHere, [&] {
-      busy.Open();
-      go_on.Wait();
-    });
-    busy.Wait();  // It takes no list meanwhile, for which room might be made in vain.
-    const test::MemoryFaults::Counter allocations;
-    for (int i = 0; i < 200; ++i) queue->PostTask(kHere, [] {});
-    count += allocations.count();
-    go_on.Open();
-    OnQueue(queue, [] {});
-  }
+  const std::vector<size_t> allocations = AllocationsOfBursts(20, 200);
 
   // Two lists, one of which the thread works on, grow to 256 tasks from 16.
-  EXPECT_LE(count, 10u);
+  EXPECT_LE(std::accumulate(allocations.begin(), allocations.end(), size_t{0}), 10u);
+}
+
+TEST_F(PthreadQueueTest, RoomOfALargeBurstIsGivenBack) {
+  EXPECT_GT(AllocationsOfBursts(20, 1000).back(), 0u);  // That for 256 tasks has stayed.
 }
 
 // A channel's clean-up timer is started and stopped with every message.
