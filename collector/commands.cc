@@ -1,6 +1,8 @@
 #include "collector/commands.h"
 
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "collector/fatal.h"
 #include "collector/option_types.h"
@@ -38,6 +40,15 @@ constexpr char kControlFooter[] = R"(Examples:
 Exit codes: 0 done, 64 wrong usage or a value that cannot be meant, 65 what is set is not
 understood, 69 cannot use the store or it was changed meanwhile.)";
 
+constexpr char kPageFooter[] = R"(Examples:
+  quenor-collector page --store nats://one,two,three \
+      --collector http://127.0.0.1:9001 --collector http://127.0.0.1:9002 \
+      --monitor http://one:8222 --monitor http://two:8222 --monitor http://three:8222
+      open http://127.0.0.1:8390/ in a browser
+
+Whoever reaches the page can change what collectors say. SIGINT or SIGTERM ends it.
+Exit codes: 0 ended in order, 64 wrong usage, 69 cannot listen, 73 cannot create output.)";
+
 }  // namespace
 
 struct Commands::Parsed {
@@ -48,6 +59,9 @@ struct Commands::Parsed {
   CLI::App* export_app = nullptr;
   ControlOptions control;
   CLI::App* control_app = nullptr;
+  std::string listen = "127.0.0.1:8390";
+  PageOptions page;
+  CLI::App* page_app = nullptr;
 };
 
 namespace {
@@ -131,6 +145,44 @@ void AddExport(CLI::App* app, ExportOptions* options) {
   app->add_flag("--once", options->once, "end when everything is read");
 }
 
+// A list of URLs without paths.
+CLI::Option* AddUrls(CLI::App* app, const char* name, std::vector<std::string>* urls,
+                     const char* help) {
+  return app->add_option(name, *urls, help)
+      ->type_name("URL")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->check(HttpUrl());
+}
+
+void AddPage(CLI::App* app, std::string* listen, PageOptions* options) {
+  app->add_option("--listen", *listen, "address and port to serve on; port 0 picks a free one")
+      ->type_name("HOST:PORT")
+      ->capture_default_str();
+  app->add_option("--port-file", options->port_file, "file that receives the port number")
+      ->type_name("FILE")
+      ->check(NotEmpty());
+  app->add_option("--name", options->names,
+                  "a name under which browsers may reach it, beside its addresses and localhost; "
+                  "may be repeated")
+      ->type_name("NAME")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->check(NotEmpty());
+  AddUrls(app, "--collector", &options->collectors,
+          "a collector, as in http://127.0.0.1:9001; may be repeated");
+  AddUrls(app, "--monitor", &options->monitors,
+          "a node's monitoring address, as in http://one:8222; may be repeated");
+  app->add_option("--bucket", options->store.bucket, "the bucket of the control fields")
+      ->type_name("NAME")
+      ->check(StoreName())
+      ->capture_default_str();
+  app->add_option("--reader", options->reader, "the durable reader whose lag is shown")
+      ->type_name("NAME")
+      ->check(StoreName())
+      ->capture_default_str();
+}
+
 CLI::Option* AddField(CLI::App* app, const char* name, std::optional<uint32_t>* field,
                       const char* type, const char* help) {
   return app->add_option(name, *field, help)
@@ -196,6 +248,11 @@ Commands::Commands(CLI::App* app) : parsed_(std::make_unique<Parsed>()) {
   parsed_->control_app = app->add_subcommand("control", "what collectors say in their replies");
   parsed_->control_app->footer(kControlFooter);
   AddControl(parsed_->control_app, &parsed_->store, &parsed_->control);
+
+  parsed_->page_app = app->add_subcommand("page", "serve operators a page about the tier");
+  parsed_->page_app->footer(kPageFooter);
+  AddStore(parsed_->page_app, true, &parsed_->store, &parsed_->page.store);
+  AddPage(parsed_->page_app, &parsed_->listen, &parsed_->page);
 }
 
 Commands::~Commands() = default;
@@ -211,6 +268,11 @@ bool Commands::Finish(Command* command) {
     parsed_->control.store.nodes = ParseStore(parsed_->store);
     parsed_->control.change = !parsed_->control_app->get_subcommand("show")->parsed();
     *command = parsed_->control;
+  } else if (parsed_->page_app->parsed()) {
+    PageOptions* const page = &parsed_->page;
+    page->store.nodes = ParseStore(parsed_->store);
+    std::tie(page->host, page->port) = ParseAddress(parsed_->listen);
+    *command = *page;
   }
   return !std::holds_alternative<std::monostate>(*command);
 }

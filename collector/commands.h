@@ -8,6 +8,7 @@
 
 #include "collector/control_room/control.h"
 #include "collector/export/export.h"
+#include "collector/page/options.h"
 #include "collector/provision/provision.h"
 
 namespace CLI {
@@ -17,7 +18,8 @@ class App;
 namespace quenor::collector {
 
 // Monostate: none, quenor-collector serves.
-using Command = std::variant<std::monostate, ProvisionOptions, ExportOptions, ControlOptions>;
+using Command =
+    std::variant<std::monostate, ProvisionOptions, ExportOptions, ControlOptions, PageOptions>;
 
 class Commands {
  public:

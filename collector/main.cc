@@ -16,6 +16,7 @@
 #include "collector/http/server.h"
 #include "collector/http/tls.h"
 #include "collector/options.h"
+#include "collector/page/page.h"
 #include "collector/reports/recorder.h"
 #include "collector/tier/tier.h"
 
@@ -86,6 +87,8 @@ int Main(int argc, const char* const* argv) {
       RunControl(*control, Print);
     } else if (const auto* to_files = std::get_if<ExportOptions>(&options->command)) {
       RunExport(*to_files, OpenStopSignals(), Print);
+    } else if (const auto* page = std::get_if<PageOptions>(&options->command)) {
+      RunPage(*page, OpenStopSignals(), Print);
     } else {
       RunCollector(*options);
     }

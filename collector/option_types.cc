@@ -47,6 +47,19 @@ CLI::Validator StoreName() {
   return CLI::Validator(check, "");
 }
 
+CLI::Validator HttpUrl() {
+  const auto check = [](std::string& text) -> std::string {
+    const std::string_view url = text;
+    for (const std::string_view scheme : {"http://", "https://"}) {
+      const bool has_host = url.size() > scheme.size() && url.substr(0, scheme.size()) == scheme;
+      if (has_host && url.find_first_of("/?#@ ", scheme.size()) == std::string_view::npos)
+        return "";
+    }
+    return "not an address as in http://127.0.0.1:9001: \"" + text + "\"";
+  };
+  return CLI::Validator(check, "");
+}
+
 CLI::Option* AddStore(CLI::App* app, bool required, std::string* nodes, StoreOptions* store) {
   const char* const help = required
                                ? "the cluster's nodes, as in nats://one,two,three"
@@ -61,6 +74,25 @@ CLI::Option* AddStore(CLI::App* app, bool required, std::string* nodes, StoreOpt
                                   ->capture_default_str();
   if (!required) stream->needs(given);
   return given;
+}
+
+std::pair<std::string, int> ParseAddress(const std::string& text) {
+  const Fatal wrong(kExitUsage, "not an address to listen on: \"" + text +
+                                    "\"; give --listen HOST:PORT, as in 127.0.0.1:8443 or [::1]:0");
+  const size_t colon = text.rfind(':');
+  if (colon == std::string::npos || colon == 0) throw wrong;
+  std::string host = text.substr(0, colon);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+    host = host.substr(1, host.size() - 2);
+  } else if (host.find_first_of("[]:") != std::string::npos) {
+    throw wrong;
+  }
+  const std::string digits = text.substr(colon + 1);
+  if (digits.empty() || digits.size() > 5 ||
+      digits.find_first_not_of("0123456789") != std::string::npos || std::stoi(digits) > 65535) {
+    throw wrong;
+  }
+  return {host, std::stoi(digits)};
 }
 
 std::vector<std::string> ParseStore(const std::string& text) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "collector/store/options.h"
@@ -34,6 +35,12 @@ CLI::Validator StoreName();
 // Adds --store and --stream, of which --store must be given where it is `required`. Returns
 // --store; ParseStore() reads *nodes.
 CLI::Option* AddStore(CLI::App* app, bool required, std::string* nodes, StoreOptions* store);
+
+// "http://host" or "https://host:port", without a path.
+CLI::Validator HttpUrl();
+
+// Splits "HOST:PORT" or "[V6]:PORT". Throws Fatal with kExitUsage.
+std::pair<std::string, int> ParseAddress(const std::string& text);
 
 // "nats://a,b:4223" as one URL for each node. Throws Fatal.
 std::vector<std::string> ParseStore(const std::string& text);

@@ -217,25 +217,6 @@ void AddRecording(CLI::App* app, RecorderOptions* recorder) {
 
 }  // namespace
 
-std::pair<std::string, int> ParseAddress(const std::string& text) {
-  const Fatal wrong(kExitUsage, "not an address to listen on: \"" + text +
-                                    "\"; give --listen HOST:PORT, as in 127.0.0.1:8443 or [::1]:0");
-  const size_t colon = text.rfind(':');
-  if (colon == std::string::npos || colon == 0) throw wrong;
-  std::string host = text.substr(0, colon);
-  if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
-    host = host.substr(1, host.size() - 2);
-  } else if (host.find_first_of("[]:") != std::string::npos) {
-    throw wrong;
-  }
-  const std::string digits = text.substr(colon + 1);
-  if (digits.empty() || digits.size() > 5 ||
-      digits.find_first_not_of("0123456789") != std::string::npos || std::stoi(digits) > 65535) {
-    throw wrong;
-  }
-  return {host, std::stoi(digits)};
-}
-
 std::optional<Options> ParseCommandLine(int argc, const char* const* argv) {
   Options options;
   std::string listen = "127.0.0.1:0";

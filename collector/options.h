@@ -4,7 +4,6 @@
 
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "collector/commands.h"
 #include "collector/http/server.h"
@@ -26,9 +25,6 @@ struct Options {
 // Parses the command line. Empty if it asked for --help or --version, which has then been printed.
 // Throws Fatal with kExitUsage.
 std::optional<Options> ParseCommandLine(int argc, const char* const* argv);
-
-// Splits "HOST:PORT" or "[V6]:PORT". Throws Fatal with kExitUsage.
-std::pair<std::string, int> ParseAddress(const std::string& text);
 
 }  // namespace quenor::collector
 

@@ -3,28 +3,16 @@
 #ifndef COLLECTOR_CONTROL_ROOM_CONTROL_H_
 #define COLLECTOR_CONTROL_ROOM_CONTROL_H_
 
-#include <cstdint>
 #include <functional>
-#include <optional>
 #include <string>
 
+#include "collector/control_room/change.h"
 #include "collector/store/options.h"
 
 namespace quenor::collector {
 
-// What is not given stays as it is.
-struct ControlOptions {
+struct ControlOptions : ControlChange {
   StoreOptions store;
-  std::optional<std::string> policy;  // A kind's name.
-  std::optional<uint32_t> low_ms;
-  std::optional<uint32_t> high_ms;
-  std::optional<uint32_t> target_percent;
-  std::optional<uint32_t> low_duration_s;
-  std::optional<uint32_t> high_duration_s;
-  std::optional<uint32_t> capacity;
-  std::optional<uint32_t> send_interval_ms;
-  std::optional<uint32_t> max_resend_count;
-  std::optional<uint32_t> report_duration_s;
   bool change = false;
 };
 

@@ -1,6 +1,5 @@
 #include "collector/http/server.h"
 
-#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
@@ -20,6 +19,7 @@
 #include "collector/files.h"
 #include "collector/http/answer.h"
 #include "collector/http/exchange.h"
+#include "collector/listen.h"
 
 namespace quenor::collector {
 
@@ -73,48 +73,15 @@ CollectorServer::~CollectorServer() {
 }
 
 void CollectorServer::Listen() {
-  const std::string address = HostAndPort(options_.host, options_.port);
-  const auto fail = [&address](const std::string& reason) -> Fatal {
-    return Fatal(kExitUnavailable, "cannot listen on " + address + ": " + reason +
-                                       "; give --listen a local address and a free port (0: any)");
-  };
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
-  addrinfo* found = nullptr;
-  const int code =
-      ::getaddrinfo(options_.host.c_str(), std::to_string(options_.port).c_str(), &hints, &found);
-  if (code != 0) throw fail(::gai_strerror(code));
-  const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(found, &::freeaddrinfo);
-
-  int error = 0;
-  for (const addrinfo* entry = found; entry != nullptr && listen_fd_ < 0; entry = entry->ai_next) {
-    const int fd = ::socket(entry->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-      error = errno;
-      continue;
-    }
-    // Reuse of an address in TIME_WAIT, but never a port that another server listens on.
-    const int on = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    if (::bind(fd, entry->ai_addr, entry->ai_addrlen) == 0 && ::listen(fd, kListenBacklog) == 0) {
-      listen_fd_ = fd;
-    } else {
-      error = errno;
-      ::close(fd);
-    }
-  }
-  if (listen_fd_ < 0) throw fail(ErrnoText(error));
-
-  sockaddr_storage bound{};
-  socklen_t bytes = sizeof(bound);
-  ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&bound), &bytes);
-  // sin_port and sin6_port lie at the same place.
-  port_ = ntohs(reinterpret_cast<const sockaddr_in*>(&bound)->sin_port);
+  const Listening listening = ListenOn(options_.host, options_.port, kListenBacklog);
+  listen_fd_ = listening.fd;
+  port_ = listening.port;
   epoll_fd_ = ::epoll_create1(EPOLL_CLOEXEC);
-  if (epoll_fd_ < 0) throw fail(ErrnoText(errno));
   wake_fd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (wake_fd_ < 0) throw fail(ErrnoText(errno));
+  if (epoll_fd_ < 0 || wake_fd_ < 0) {
+    throw Fatal(kExitInternal, "cannot wait for connections: " + ErrnoText(errno) +
+                                   "; raise the limit on open files");
+  }
 }
 
 std::string CollectorServer::url() const {

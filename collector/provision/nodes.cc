@@ -55,6 +55,7 @@ NodeState ReadNode(const std::string& answer, const std::string& stream) {
   if (const auto* config = Member(document, "config"); config != nullptr && config->IsObject()) {
     node.max_storage_bytes = Number(*config, "max_storage");
   }
+  node.storage_bytes = Number(document, "storage");
   const rapidjson::Value* const found = FindStream(document, stream);
   const rapidjson::Value* const state = found == nullptr ? nullptr : Member(*found, "state");
   if (state == nullptr || !state->IsObject()) {

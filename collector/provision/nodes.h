@@ -18,6 +18,7 @@ struct NodeState {
   uint64_t messages = 0;
   uint64_t bytes = 0;
   uint64_t max_storage_bytes = 0;  // Of the node.
+  uint64_t storage_bytes = 0;      // Of those, in use, by whatever stream.
   std::string leader;              // Who it thinks leads.
 
   // Sequences between first and last that it does not have.

@@ -2,6 +2,7 @@
 #include "collector/control_room/control.h"
 #include "collector/export/export.h"
 #include "collector/fatal.h"
+#include "collector/page/page.h"
 #include "collector/provision/provision.h"
 #include "collector/tier/tier.h"
 
@@ -25,6 +26,10 @@ void RunExport(const ExportOptions&, int, const std::function<void(const std::st
 }
 
 void RunControl(const ControlOptions&, const std::function<void(const std::string& line)>&) {
+  Refuse();
+}
+
+void RunPage(const PageOptions&, int, const std::function<void(const std::string& line)>&) {
   Refuse();
 }
 

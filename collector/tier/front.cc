@@ -1,21 +1,19 @@
 #include "collector/tier/front.h"
 
-#include <netdb.h>
-#include <netinet/in.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
-#include <memory>
 #include <new>
 #include <utility>
 
 #include "collector/fatal.h"
 #include "collector/files.h"
+#include "collector/http/connection.h"
+#include "collector/listen.h"
 #include "collector/reports/reply.h"
 
 namespace quenor::collector {
@@ -44,7 +42,9 @@ unsigned int MostConnections() {
 
 Front::Front(const FrontOptions& options, Handlers handlers)
     : options_(options), handlers_(std::move(handlers)) {
-  Listen();
+  const Listening listening = ListenOn(options_.host, options_.port, kListenBacklog);
+  listen_fd_ = listening.fd;
+  port_ = listening.port;
   const unsigned int flags = MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME;
   daemon_ = MHD_start_daemon(
       flags, 0, nullptr, nullptr, &OnRequest, this, MHD_OPTION_LISTEN_SOCKET, listen_fd_,
@@ -62,47 +62,7 @@ Front::Front(const FrontOptions& options, Handlers handlers)
 
 Front::~Front() { MHD_stop_daemon(daemon_); }
 
-void Front::Listen() {
-  const auto fail = [this](const std::string& reason) -> Fatal {
-    return Fatal(kExitUnavailable, "cannot listen on " + options_.host + " port " +
-                                       std::to_string(options_.port) + ": " + reason +
-                                       "; give --listen a local address and a free port (0: any)");
-  };
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
-  addrinfo* found = nullptr;
-  const std::string port = std::to_string(options_.port);
-  const int code = ::getaddrinfo(options_.host.c_str(), port.c_str(), &hints, &found);
-  if (code != 0) throw fail(::gai_strerror(code));
-  const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(found, &::freeaddrinfo);
-  int error = 0;
-  for (const addrinfo* entry = found; entry != nullptr && listen_fd_ < 0; entry = entry->ai_next) {
-    const int fd = ::socket(entry->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    // Reuse of an address in TIME_WAIT, but never a port that another server listens on.
-    const int on = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    if (fd >= 0 && ::bind(fd, entry->ai_addr, entry->ai_addrlen) == 0 &&
-        ::listen(fd, kListenBacklog) == 0) {
-      listen_fd_ = fd;
-    } else {
-      error = errno;
-      if (fd >= 0) ::close(fd);
-    }
-  }
-  if (listen_fd_ < 0) throw fail(ErrnoText(error));
-  sockaddr_storage bound{};
-  socklen_t bytes = sizeof(bound);
-  ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&bound), &bytes);
-  // sin_port and sin6_port lie at the same place.
-  port_ = ntohs(reinterpret_cast<const sockaddr_in*>(&bound)->sin_port);
-}
-
-std::string Front::url() const {
-  const bool is_v6 = options_.host.find(':') != std::string::npos;
-  return "http://" + (is_v6 ? "[" + options_.host + "]" : options_.host) + ":" +
-         std::to_string(port_) + "/";
-}
+std::string Front::url() const { return "http://" + HostAndPort(options_.host, port_) + "/"; }
 
 uint64_t Front::connections() const {
   return MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_CURRENT_CONNECTIONS)->num_connections;

@@ -87,7 +87,6 @@ class Front {
   static void OnCompleted(void* self, MHD_Connection* connection, void** request,
                           MHD_RequestTerminationCode code);
 
-  void Listen();
   MHD_Result Begin(FrontRequest* request);
   MHD_Result Gather(FrontRequest* request, const char* data, size_t* data_bytes) const;
   MHD_Result Finish(FrontRequest* request);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "collector/fatal.h"
+#include "collector/option_types.h"
 
 namespace quenor::collector {
 namespace {

@@ -1,0 +1,93 @@
+#include "collector/page/look/ask.h"
+
+#include <httplib.h>
+#include <nats/nats.h>
+
+#include <exception>
+#include <memory>
+
+#include "collector/control_room/room.h"
+#include "collector/fatal.h"
+
+namespace quenor::collector {
+namespace {
+
+constexpr int kPatienceSeconds = 3;
+
+using StreamInfoPtr = std::unique_ptr<jsStreamInfo, Destroyer<jsStreamInfo_Destroy>>;
+using ReaderInfoPtr = std::unique_ptr<jsConsumerInfo, Destroyer<jsConsumerInfo_Destroy>>;
+
+uint64_t NoneBelowZero(int64_t number) { return number < 0 ? 0 : static_cast<uint64_t>(number); }
+
+}  // namespace
+
+CollectorLook AskCollector(const std::string& url) {
+  httplib::Client client(url);
+  client.set_connection_timeout(kPatienceSeconds);
+  client.set_read_timeout(kPatienceSeconds);
+  const httplib::Result result = client.Get("/metrics");
+  CollectorLook look;
+  look.problem.clear();
+  if (!result) {
+    look.problem = "does not answer (" + httplib::to_string(result.error()) + ")";
+  } else if (result->status != 200) {
+    look.problem = "answers with status " + std::to_string(result->status);
+  } else {
+    look.samples = Samples(result->body);
+    if (look.samples.By("quenor_collector_state", "state").empty()) {
+      look.problem = "answers what no collector with a store would";
+    }
+  }
+  return look;
+}
+
+StoreLook StoreAsker::Ask() {
+  StoreLook look;
+  look.problem.clear();
+  try {
+    if (!session_) session_ = OpenSession(options_.store);
+    AskStream(&look);
+    AskReader(&look);
+    AskControl(&look);
+  } catch (const std::exception& error) {
+    look.problem = std::string("does not answer (") + error.what() + ")";
+  }
+  return look;
+}
+
+void StoreAsker::AskStream(StoreLook* look) const {
+  const std::string& stream = options_.store.stream;
+  jsStreamInfo* found = nullptr;
+  Require(js_GetStreamInfo(&found, session_->context.get(), stream.c_str(), nullptr, nullptr),
+          "look at stream " + stream);
+  const StreamInfoPtr info(found);
+  look->bytes = info->State.Bytes;
+  look->messages = info->State.Msgs;
+  look->max_bytes = NoneBelowZero(info->Config->MaxBytes);
+}
+
+void StoreAsker::AskReader(StoreLook* look) const {
+  jsConsumerInfo* found = nullptr;
+  const natsStatus status =
+      js_GetConsumerInfo(&found, session_->context.get(), options_.store.stream.c_str(),
+                         options_.reader.c_str(), nullptr, nullptr);
+  if (status == NATS_NOT_FOUND) {
+    look->reader_problem =
+        "reader " + options_.reader + " is not there; make it with quenor-collector provision";
+    return;
+  }
+  Require(status, "look at reader " + options_.reader);
+  const ReaderInfoPtr info(found);
+  look->unread = info->NumPending;
+  look->unacknowledged = NoneBelowZero(info->NumAckPending);
+}
+
+void StoreAsker::AskControl(StoreLook* look) const {
+  try {
+    look->control = ControlRoom(options_.store, *session_).Read();
+  } catch (const Fatal& fatal) {
+    look->control_problem = fatal.what();
+  }
+}
+
+}  // namespace quenor::collector
