@@ -147,9 +147,11 @@ def monitors_of(nodes):
 
 
 class Collector(Process):
+    command = ()
+
     def __init__(self, program, nodes, *options):
         self.errors = tempfile.TemporaryFile("w+")
-        self.process = subprocess.Popen([program, "--store", store_of(nodes), *options],
+        self.process = subprocess.Popen([program, *self.command, "--store", store_of(nodes), *options],
                                         stdout=subprocess.PIPE, stderr=self.errors, text=True)
         line = self.process.stdout.readline()
         if not line:
@@ -195,6 +197,18 @@ class Collector(Process):
     def close(self):
         self.kill()
         self.errors.close()
+
+
+class Page(Collector):
+    """The operators' page."""
+    command = ("page",)
+
+    def __init__(self, program, nodes, collectors, *options):
+        listed = [word for each in collectors for word in ("--collector", f"http://127.0.0.1:{each.port}")]
+        super().__init__(program, nodes, *monitors_of(nodes), *listed, *options)
+
+    def url(self):
+        return f"http://127.0.0.1:{self.port}/"
 
 
 def make_certificate(folder):

@@ -427,6 +427,9 @@ bool Application::Do(const std::string& line) {
     words >> text;
     WriteLine("status=" + std::to_string(HostGets(text, ca_file_)));
     return true;
+  } else if (command == "interval") {  // Of reports, as the server wants it.
+    WriteLine(std::to_string(channels_.front()->GetReportInterval()));
+    return true;
   } else if (command == "end") {  // WHERE WAY
     words >> text >> other;
     return EndFrom(text, other);

@@ -11,6 +11,8 @@ namespace {
 constexpr char kPrefix[] = "quenor_collector_";
 // From here on a stream is about to answer 507, and an operator has some time left.
 constexpr double kNearlyFull = 0.8;
+// One that has been asked for less has not shown yet whether it comes after the others.
+constexpr double kSettleSeconds = 2;
 constexpr double kMedian = 0.5;
 constexpr double kLate = 0.99;
 
@@ -114,45 +116,44 @@ void AddCollectors(const Gathered& gathered, Overview* overview) {
 
 using NodeLooks = std::vector<Looks<NodeState>>;
 
-// What more than half of those that answer say; empty: they are at odds.
-template <typename Get>
-std::optional<uint64_t> MostSay(const NodeLooks& nodes, Get get) {
-  std::map<uint64_t, size_t> votes;
-  size_t answers = 0;
-  for (const Looks<NodeState>& looks : nodes) {
-    if (!looks.now.problem.empty() || !looks.before.problem.empty()) continue;
-    ++answers;
-    ++votes[get(looks)];
+// One that it is at odds with, if it is so with more than half of the others that answer: of three
+// the one that differs, of two both. May be null.
+template <typename AtOdds>
+const NodeState* Outvoter(const Looks<NodeState>& looks, const NodeLooks& nodes, AtOdds at_odds) {
+  size_t others = 0;
+  size_t votes = 0;
+  const NodeState* outvoter = nullptr;
+  for (const Looks<NodeState>& other : nodes) {
+    if (&other == &looks || !other.now.problem.empty()) continue;
+    ++others;
+    if (!at_odds(looks, other)) continue;
+    ++votes;
+    outvoter = &other.now;
   }
-  for (const auto& [value, count] : votes) {
-    if (2 * count > answers) return value;
-  }
-  return std::nullopt;
+  return 2 * votes > others ? outvoter : nullptr;
 }
-
-uint64_t FirstNow(const Looks<NodeState>& looks) { return looks.now.first_sequence; }
-uint64_t FirstBefore(const Looks<NodeState>& looks) { return looks.before.first_sequence; }
-uint64_t HolesNow(const Looks<NodeState>& looks) { return looks.now.holes(); }
-uint64_t HolesBefore(const Looks<NodeState>& looks) { return looks.before.holes(); }
 
 // The nodes are not asked in the same moment, and a stream's end and, with an age, its beginning
 // move on: what one node has now, another must have reached in the time between the two looks.
 std::string MismatchOf(const Looks<NodeState>& looks, const NodeLooks& nodes, uint64_t last_then) {
-  if (!looks.before.problem.empty()) return std::string();  // It has only just come back.
-  const std::optional<uint64_t> first = MostSay(nodes, FirstNow);
-  const std::optional<uint64_t> first_then = MostSay(nodes, FirstBefore);
-  if (first && first_then &&
-      (looks.now.first_sequence < *first_then || looks.before.first_sequence > *first)) {
-    return "begins at " + std::to_string(looks.now.first_sequence) + ", most others at " +
-           std::to_string(*first);
+  if (looks.seconds() < kSettleSeconds) return std::string();
+  const NodeState* const first =
+      Outvoter(looks, nodes, [](const Looks<NodeState>& one, const Looks<NodeState>& other) {
+        return one.now.first_sequence < other.before.first_sequence ||
+               one.before.first_sequence > other.now.first_sequence;
+      });
+  if (first != nullptr) {
+    return "begins at " + std::to_string(looks.now.first_sequence) + ", others at " +
+           std::to_string(first->first_sequence);
   }
-  const std::optional<uint64_t> holes = MostSay(nodes, HolesNow);
-  const std::optional<uint64_t> holes_then = MostSay(nodes, HolesBefore);
-  if (holes && holes_then && looks.now.holes() != *holes && looks.before.holes() != *holes_then) {
-    return "misses " + std::to_string(looks.now.holes()) + " between first and last, most others " +
-           std::to_string(*holes);
+  const NodeState* const holes =
+      Outvoter(looks, nodes, [](const Looks<NodeState>& one, const Looks<NodeState>& other) {
+        return one.now.holes() != other.now.holes() && one.before.holes() != other.before.holes();
+      });
+  if (holes != nullptr) {
+    return "misses " + std::to_string(looks.now.holes()) + " between first and last, others " +
+           std::to_string(holes->holes());
   }
-  if (!first && !holes) return "differs from the others, which differ, too";
   if (looks.now.last_sequence < last_then) {
     return "ends at " + std::to_string(looks.now.last_sequence) + ", others were at " +
            std::to_string(last_then) + " before";
@@ -167,6 +168,7 @@ std::string Divergence(const NodeLooks& looks) {
   for (const Looks<NodeState>& each : looks) {
     before.push_back(each.before);
     now.push_back(each.now);
+    before.back().url = now.back().url = each.url;
   }
   return DivergenceOf(before).empty() ? std::string() : DivergenceOf(now);
 }

@@ -1,0 +1,145 @@
+// The way of the page's form: a question first, then the change, and never over another's.
+#include "collector/page/control_pages.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+
+#include "collector/fatal.h"
+
+namespace quenor::collector {
+namespace {
+
+class ControlPagesTest : public ::testing::Test {
+ protected:
+  ControlPagesTest() {
+    set_.revision = 4;
+    set_.settings.report_duration_s = 60;
+  }
+
+  PageAnswer Send(const std::string& body) {
+    const ControlAccess access = {[this] { return read_fails_ ? throw *read_fails_ : set_; },
+                                  [this](const ControlSettings& settings, uint64_t revision) {
+                                    if (before_write_) before_write_();
+                                    if (revision != set_.revision)
+                                      throw Fatal(kExitUnavailable, "cannot set it");
+                                    ++writes_;
+                                    set_ = {revision + 1, settings};
+                                    return set_.revision;
+                                  }};
+    return AnswerForm(Form(body), access, "the-token");
+  }
+
+  static bool Has(const PageAnswer& answer, const std::string& part) {
+    return answer.html.find(part) != std::string::npos;
+  }
+
+  ControlFound set_;
+  int writes_ = 0;
+  std::optional<Fatal> read_fails_;
+  std::function<void()> before_write_;
+};
+
+TEST_F(ControlPagesTest, AsksFirst) {
+  const PageAnswer answer = Send("revision=4&report_duration_s=300&policy=none");
+
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_TRUE(Has(answer, "<td data-head=\"old\">60</td><td data-head=\"new\">300</td>"));
+  EXPECT_TRUE(Has(answer, "name=\"confirmed\" value=\"yes\""));
+  EXPECT_TRUE(Has(answer, "name=\"report_duration_s\" value=\"300\""));
+  EXPECT_TRUE(Has(answer, "name=\"token\" value=\"the-token\""));
+  EXPECT_EQ(writes_, 0);
+}
+
+TEST_F(ControlPagesTest, ChangesWhenItIsConfirmed) {
+  const PageAnswer answer = Send("revision=4&report_duration_s=300&confirmed=yes");
+
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_TRUE(Has(answer, "Revision 5 is set."));
+  EXPECT_EQ(set_.settings.report_duration_s, 300u);
+  EXPECT_EQ(set_.settings.max_resend_count, control::kMostResendCount) << "as it was";
+}
+
+TEST_F(ControlPagesTest, WhatWasChangedMeanwhileIsShownAndStays) {
+  const PageAnswer answer = Send("revision=3&report_duration_s=300&confirmed=yes");
+
+  EXPECT_EQ(answer.status, 409);
+  EXPECT_TRUE(Has(answer, "Somebody else has set revision 4."));
+  EXPECT_TRUE(Has(answer, "name=\"report_duration_s\" inputmode=\"numeric\" value=\"60\""));
+  EXPECT_TRUE(Has(answer, "name=\"revision\" value=\"4\""));
+  EXPECT_EQ(writes_, 0);
+}
+
+TEST_F(ControlPagesTest, AlsoBetweenReadingAndWriting) {
+  before_write_ = [this] {
+    set_.revision = 9;
+    set_.settings.report_duration_s = 77;
+  };
+
+  const PageAnswer answer = Send("revision=4&report_duration_s=300&confirmed=yes");
+
+  EXPECT_EQ(answer.status, 409);
+  EXPECT_TRUE(Has(answer, "Somebody else has set revision 9."));
+  EXPECT_EQ(set_.settings.report_duration_s, 77u);
+}
+
+TEST_F(ControlPagesTest, StoreThatFailsIsNoChange) {
+  before_write_ = [] { throw Fatal(kExitUnavailable, "cannot set it: no majority"); };
+  const PageAnswer written = Send("revision=4&report_duration_s=300&confirmed=yes");
+  EXPECT_EQ(written.status, 503);
+  EXPECT_TRUE(Has(written, "no majority"));
+
+  read_fails_ = Fatal(kExitUnavailable, "cannot connect");
+  EXPECT_EQ(Send("revision=4").status, 503);
+  read_fails_ = Fatal(kExitMismatch, "was not set by this program");
+  EXPECT_EQ(Send("revision=4").status, 409);
+}
+
+TEST_F(ControlPagesTest, WhatCannotBeMeantComesBackAsTyped) {
+  struct Case {
+    const char* typed;
+    const char* why;
+  };
+  const Case cases[] = {
+      {"send_interval_ms=14999", "give at least 15000"},
+      {"max_resend_count=2147483648", "give at most 2147483647"},
+      {"report_duration_s=4294968", "give at most 4294967"},
+      {"report_duration_s=soon", "not a whole number from 0 to 4294967295"},
+      {"report_duration_s=-1", "not a whole number"},
+      {"report_duration_s=99999999999999999999", "not a whole number"},
+      {"policy=flood", "none, fixed, brake, pace or steer"},
+  };
+  for (const Case& each : cases) {
+    const PageAnswer answer = Send(std::string("revision=4&confirmed=yes&") + each.typed);
+    EXPECT_EQ(answer.status, 400) << each.typed;
+    EXPECT_TRUE(Has(answer, each.why)) << answer.html;
+  }
+  EXPECT_TRUE(Has(Send("revision=4&capacity=0"), "value=\"0\""));
+  EXPECT_EQ(writes_, 0);
+}
+
+TEST_F(ControlPagesTest, NothingNewIsNoRevision) {
+  const PageAnswer answer = Send("revision=4&report_duration_s=60&policy=&confirmed=yes");
+
+  EXPECT_TRUE(Has(answer, "Nothing to change"));
+  EXPECT_EQ(writes_, 0);
+}
+
+TEST_F(ControlPagesTest, EveryFieldCanBeChanged) {
+  set_.settings.send_interval_ms = 40'000;
+  set_.settings.policy.low_ms = 40'000;
+  set_.settings.policy.high_ms = 100'000;
+  set_.settings.policy.low_duration_s = 40;
+  set_.settings.policy.high_duration_s = 100;
+  for (const auto& [name, value] : FieldsOf(set_.settings)) {
+    const std::string other = name == "policy" ? "fixed" : std::to_string(std::stoul(value) / 2);
+    const PageAnswer answer = Send("revision=" + std::to_string(set_.revision) + "&" + name + "=" +
+                                   other + "&confirmed=yes");
+    EXPECT_TRUE(Has(answer, "is set.")) << name << answer.html;
+  }
+  EXPECT_EQ(writes_, 10);
+}
+
+}  // namespace
+}  // namespace quenor::collector
