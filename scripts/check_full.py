@@ -25,7 +25,7 @@ PARTS = {  # Started in this order.
     "generated": "sixty generated mutants, by a seed that is printed",
     "fuzzers": "fuzzers",
     "network": "bad links, proxies, hostile servers, forks, the README's programs 300 times",
-    "fleets": "whole fleets in virtual time, a tier whose nodes die",
+    "fleets": "whole fleets in virtual time, a tier whose nodes die, its page in a browser",
     "model": "model checking",
     "random": "a million random steps, a hundred thousand payloads",
     "compiling": "projects that compile the library, or the contracts' suites, themselves",

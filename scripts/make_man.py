@@ -33,7 +33,7 @@ by default.
 .Xr quenor-collector 1
 """),
     "quenor-collector": ("collection server for development, tests and demonstrations", ["provision", "export", "control",
-                         "control show", "control set", "control policy"], """\
+                         "control show", "control set", "control policy", "page"], """\
 .Sh SEE ALSO
 .Xr quenor-report 1
 """),

@@ -40,7 +40,8 @@ void AddHeaders(MHD_Response* response, const char* type) {
       {MHD_HTTP_HEADER_CONTENT_TYPE, type},
       {MHD_HTTP_HEADER_CACHE_CONTROL, "no-store"},
       {"Content-Security-Policy",
-       "default-src 'none'; style-src 'self'; script-src 'self'; connect-src 'self'; "
+       "default-src 'none'; style-src 'self'; script-src 'self'; connect-src 'self'; img-src "
+       "'self'; "
        "form-action 'self'; frame-ancestors 'none'; base-uri 'none'"},
       {"X-Frame-Options", "DENY"},
       {"X-Content-Type-Options", "nosniff"},
@@ -176,6 +177,7 @@ MHD_Result PageServer::Answer(MHD_Connection* connection, const Request& request
   if (request.path == "/") return Send(connection, 200, handlers_.page());
   if (request.path == "/events") return AnswerEvents(connection);
   if (request.path == "/style.css") return Send(connection, 200, kStyle, "text/css");
+  if (request.path == "/icon.svg") return Send(connection, 200, kIcon, "image/svg+xml");
   if (request.path == "/page.js") return Send(connection, 200, kScript, "text/javascript");
   return Refuse(connection, 404, "there is nothing here");
 }

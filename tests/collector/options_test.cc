@@ -54,6 +54,32 @@ TEST(OptionsTest, SizesTakeUnitsOf1024) {
   EXPECT_EQ(Parse({"--max-inflated", "77"})->recorder.max_inflated_bytes, 77u);
 }
 
+TEST(OptionsTest, PageIsServedOnLoopback) {
+  const auto page = std::get<PageOptions>(Parse({"page", "--store", "a,b"})->command);
+  EXPECT_EQ(page.host, "127.0.0.1");
+  EXPECT_EQ(page.port, 8390);
+  EXPECT_EQ(page.reader, "export");
+
+  const auto given =
+      std::get<PageOptions>(Parse({"page", "--store", "a", "--listen", "[::]:0", "--collector",
+                                   "http://a:1", "--collector", "https://[::1]", "--monitor",
+                                   "http://b:8222", "--name", "page.internal"})
+                                ->command);
+  EXPECT_EQ(given.host, "::");
+  EXPECT_EQ(given.collectors, (std::vector<std::string>{"http://a:1", "https://[::1]"}));
+  EXPECT_EQ(given.monitors, std::vector<std::string>{"http://b:8222"});
+  EXPECT_EQ(given.names, std::vector<std::string>{"page.internal"});
+}
+
+TEST(OptionsTest, PageAsksUrlsWithoutPaths) {
+  for (const char* url : {"", "one", "http://", "ftp://one", "http://one/metrics", "http://u@one",
+                          "http://one?a", "nats://one"}) {
+    EXPECT_NE(UsageError({"page", "--store", "a", "--collector", url}).find("not an address"),
+              std::string::npos)
+        << url;
+  }
+}
+
 TEST(OptionsTest, ControlFieldsOfZeroAreSet) {
   const Options options = *Parse({"--send-interval", "0", "--report-duration", "7"});
 

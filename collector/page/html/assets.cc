@@ -64,4 +64,9 @@ events.onmessage = (event) => {
 events.onerror = () => { lost.hidden = false; };
 )";
 
+const char kIcon[] =
+    "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 16 16\">"
+    "<path d=\"M1 12 5 6l3 4 3-8 4 10\" fill=\"none\" stroke=\"#0b57a4\" "
+    "stroke-width=\"2\"/></svg>";
+
 }  // namespace quenor::collector

@@ -1,4 +1,4 @@
-// The page's stylesheet and its few lines of script, which it brings itself.
+// The page's stylesheet, few lines of script and icon, which it brings itself.
 #ifndef COLLECTOR_PAGE_HTML_ASSETS_H_
 #define COLLECTOR_PAGE_HTML_ASSETS_H_
 
@@ -6,6 +6,7 @@ namespace quenor::collector {
 
 extern const char kStyle[];
 extern const char kScript[];
+extern const char kIcon[];
 
 }  // namespace quenor::collector
 

@@ -29,7 +29,8 @@ std::string Document(const std::string& title, const std::string& body) {
          "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
          "<meta name=\"color-scheme\" content=\"light dark\">\n<title>" +
          Escape(title) +
-         "</title>\n<link rel=\"stylesheet\" href=\"/style.css\"></head>\n<body>\n<h1>" +
+         "</title>\n<link rel=\"stylesheet\" href=\"/style.css\">\n<link rel=\"icon\" "
+         "href=\"/icon.svg\"></head>\n<body>\n<h1>" +
          Escape(title) + "</h1>\n" + body + "</body></html>\n";
 }
 

@@ -1,0 +1,214 @@
+#!/usr/bin/env python3
+"""The operators' page in a browser: typed into, on screens of three widths, and without scripts.
+
+QUENOR_PAGE_PICTURES=FOLDER keeps the screens as pictures: ./dev page-pictures."""
+import base64
+import os
+import shutil
+import subprocess
+import unittest
+
+import page_test
+from page_test import support, tier, wait_for
+
+try:
+    from selenium import webdriver
+    from selenium.webdriver.common.by import By
+    from selenium.webdriver.support.ui import Select, WebDriverWait
+    from selenium.webdriver.chrome.service import Service
+except ImportError:
+    webdriver = None
+
+PROGRAM = os.environ["QUENOR_NETWORK_PROGRAM"]
+NEEDED = bool(os.environ.get("QUENOR_NEED_BROWSER"))
+PICTURES = os.environ.get("QUENOR_PAGE_PICTURES")
+WIDTHS = (360, 800, 1400)
+PICTURE_HEIGHT = 1000
+DEFAULT_INTERVAL_MS = 10_000  # Of reports, before a server has said anything.
+
+
+class Channel:
+    """A real channel, which posts through nginx."""
+
+    def __init__(self, nginx):
+        self.process = subprocess.Popen([PROGRAM, f"https://127.0.0.1:{nginx.port}/app", "1", "-", nginx.cert],
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.sent = 0
+        self.do("start")
+
+    def do(self, line):
+        self.process.stdin.write(line + "\n")
+        self.process.stdin.flush()
+        return self.process.stdout.readline().strip()
+
+    def interval_ms(self):
+        """GetReportInterval() once one more report has been answered."""
+        self.sent += 1
+        self.do("send 1")
+        self.do(f"wait acknowledged {self.sent}")
+        return int(self.do("interval"))
+
+    def close(self):
+        self.process.stdin.close()
+        self.process.stdout.close()
+        self.process.wait()
+
+
+class BrowserTest(page_test.PageCase):
+    def setUp(self):
+        missing = [name for name, found in (("chromium", shutil.which("chromium")),
+                                            ("chromium-driver", shutil.which("chromedriver")),
+                                            ("python3-selenium", webdriver)) if not found]
+        if missing and not NEEDED:
+            print(f"SKIPPED: {self._testMethodName}: {', '.join(missing)} not installed", flush=True)
+            self.skipTest("no browser")
+        self.assertEqual([], missing)
+        super().setUp()
+
+    def start_browser(self):
+        options = webdriver.ChromeOptions()
+        for word in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+                     "--no-proxy-server", f"--user-data-dir={self.folder}/browser"):
+            options.add_argument(word)
+        self.browser = webdriver.Chrome(service=Service(shutil.which("chromedriver")), options=options)
+        self.addCleanup(self.browser.quit)
+
+    def set_up_tier(self, nodes):
+        self.set_up(nodes, collectors=2)
+        self.nginx = tier.Nginx(self.folder, self.collectors)
+        self.addCleanup(self.nginx.kill)
+        self.nginx.start()
+        self.start_browser()
+
+    def find(self, selector):
+        """The first such element, once it is there and to be seen."""
+        def ask(browser):
+            found = browser.find_elements(By.CSS_SELECTOR, selector)
+            return found[0] if found and found[0].is_displayed() else None
+        return WebDriverWait(self.browser, support.PATIENCE_S).until(ask)
+
+    def wait_shown(self, part):
+        WebDriverWait(self.browser, support.PATIENCE_S).until(
+            lambda browser: part in browser.find_element(By.TAG_NAME, "body").text)
+
+    def type(self, name, value):
+        field = self.find(f"#{name}")
+        field.clear()
+        field.send_keys(value)
+
+    def change(self, value):
+        """Types a report duration, confirms it, and returns the revision."""
+        self.browser.get(self.page.url())
+        self.type("report_duration_s", str(value))
+        self.find("form button").click()
+        self.find("#confirm")
+        self.wait_shown(str(value))
+        before = self.revision()
+        self.find("#confirm").click()
+        text = self.find("#done").text
+        self.assertEqual(f"Revision {self.revision()} is set.", text)
+        self.assertLess(before, self.revision())
+        return self.revision()
+
+    def change_reaches(self, channel, value):
+        revision = self.change(value)
+        for collector in self.collectors:
+            wait_for("the revision", lambda: collector.metric("control_revision") == revision)
+        self.assertEqual(value * 1000, channel.interval_ms())
+
+    def test_change_reaches_a_channel(self):
+        self.set_up_tier(nodes=1)
+        channel = Channel(self.nginx)
+        self.addCleanup(channel.close)
+        self.assertEqual(DEFAULT_INTERVAL_MS, channel.interval_ms())
+        self.change_reaches(channel, 300)
+        # The page shows it by itself, while another change is being typed.
+        self.find("a").click()
+        self.type("capacity", "7000")
+        self.assertEqual(0, self.tool("control", "policy", "none", "--capacity", "6000")[0])
+        self.wait_shown(f"Control: revision {self.revision()}")
+        self.assertEqual("7000", self.find("#capacity").get_attribute("value"))
+        self.find("form button").click()
+        self.wait_shown(f"Somebody else has set revision {self.revision()}.")
+        self.assertEqual("6000", self.find("#capacity").get_attribute("value"))
+        # What cannot be meant is said, and an interval is warned of.
+        self.type("send_interval_ms", "14999")
+        self.find("form button").click()
+        self.wait_shown("give at least 15000")
+        self.type("send_interval_ms", "15000")
+        Select(self.find("#policy")).select_by_visible_text("none")
+        self.find("form button").click()
+        self.wait_shown("An interval is for ever")
+        self.assertEqual([], self.browser.get_log("browser"), "nothing is blocked, missing or failing")
+
+    def test_works_without_scripts(self):
+        self.set_up_tier(nodes=1)
+        self.browser.execute_cdp_cmd("Emulation.setScriptExecutionDisabled", {"value": True})
+        channel = Channel(self.nginx)
+        self.addCleanup(channel.close)
+        self.change_reaches(channel, 240)
+        self.find("a").click()
+        self.wait_shown("All is well.")
+        self.find("noscript a").click()
+        self.wait_shown("revision 1")
+
+    def look(self, name, width, scheme):
+        """The page on such a screen: nothing sticks out, and it is as light or dark as it should."""
+        self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+            "width": width, "height": PICTURE_HEIGHT, "deviceScaleFactor": 1, "mobile": width < 500})
+        self.browser.execute_cdp_cmd("Emulation.setEmulatedMedia", {
+            "features": [{"name": "prefers-color-scheme", "value": scheme}]})
+        seen = self.browser.execute_script("""
+            const root = document.documentElement;
+            const out = [...document.querySelectorAll("body *")].filter((each) => {
+              const box = each.getBoundingClientRect();
+              return box.width > 1 && (box.right > innerWidth + 0.5 || box.left < -0.5);
+            });
+            return {inner: innerWidth, scroll: root.scrollWidth, out: out.map((each) => each.outerHTML),
+                    ground: getComputedStyle(document.body).backgroundColor};""")
+        where = f"{name}, {width} px, {scheme}"
+        self.assertEqual(width, seen["inner"], where)
+        self.assertLessEqual(seen["scroll"], width, where)
+        self.assertEqual([], seen["out"], where)
+        brightness = sum(int(part) for part in seen["ground"][4:-1].split(","))
+        self.assertEqual(scheme == "dark", brightness < 3 * 128, where)
+        if PICTURES:
+            shot = self.browser.execute_cdp_cmd("Page.captureScreenshot", {"format": "png"})
+            with open(os.path.join(PICTURES, f"{name}-{width}-{scheme}.png"), "wb") as file:
+                file.write(base64.b64decode(shot["data"]))
+
+    def look_at_all(self, name):
+        for width in WIDTHS:
+            for scheme in ("light", "dark"):
+                self.look(name, width, scheme)
+
+    def red_of(self, element):
+        red, green, blue = (int(part) for part in element.value_of_css_property("color")
+                            .split("(")[1].split(")")[0].split(",")[:3])
+        return red - max(green, blue)
+
+    def test_readable_on_every_screen(self):
+        self.set_up_tier(nodes=3)
+        senders = [support.Sender([each.port for each in self.collectors], f"s{number}", size=1000, pause_s=0.01)
+                   for number in range(4)]
+        for sender in senders:
+            self.addCleanup(sender.join)
+            self.addCleanup(sender.enough.set)
+            sender.start()
+        self.assertEqual(0, self.tool("control", "set", "--report-duration", "300")[0])
+        wait_for("answers", lambda: sum(each.metric("reports_stored_total") for each in self.collectors) > 500)
+        self.browser.get(self.page.url())
+        self.wait_shown("All is well.")
+        self.look_at_all("calm")
+        self.assertEqual([], self.browser.find_elements(By.CSS_SELECTOR, "main .bad"))
+
+        self.nodes[2].kill()
+        self.wait_shown(f"node {self.nodes[2].page()} does not answer")
+        self.look_at_all("dead-node")
+        self.assertGreater(self.red_of(self.find("main td.bad")), 60)
+        self.page.kill()
+        self.wait_shown("This page has lost its server")
+
+
+if __name__ == "__main__":
+    unittest.main()
