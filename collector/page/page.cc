@@ -1,5 +1,6 @@
 #include "collector/page/page.h"
 
+#include <nats/nats.h>
 #include <poll.h>
 
 #include <cerrno>
@@ -64,11 +65,17 @@ class Page {
         guard_(NamesOf(options)),
         server_(options.host, options.port, guard_,
                 {[this] { return Whole(); }, [this] { return Tables(gatherer_.Get()); },
-                 [this](const Form& form) { return AnswerForm(form, access_, guard_.token()); }}) {}
+                 [this](const Form& form) { return Answer(form); }}) {}
 
   const PageServer& server() const { return server_; }
 
  private:
+  PageAnswer Answer(const Form& form) const {
+    PageAnswer answer = AnswerForm(form, access_, guard_.token());
+    nats_ReleaseThreadMemory();  // The thread ends with its connection.
+    return answer;
+  }
+
   std::string Whole() const {
     const Gathered gathered = gatherer_.Get();
     const ControlFound& control = gathered.store.now.control;

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """The operators' page as it is served, without a browser: what it shows, whom it lets change what."""
+import contextlib
 import http.client
 import json
 import pathlib
@@ -189,7 +190,8 @@ class PageTest(PageCase):
                     link.sendall(b"1000\r\n" + b"x" * 4096 + b"\r\n")
         with socket.create_connection(("127.0.0.1", self.page.port), timeout=support.PATIENCE_S) as link:
             link.sendall(b"\x16\x03\x01 rubbish\r\n\r\n")
-            link.recv(1000)
+            with contextlib.suppress(ConnectionResetError):
+                link.recv(1000)
         self.wait_text("All is well.")
 
     def test_events_are_few_and_end(self):
@@ -198,11 +200,15 @@ class PageTest(PageCase):
             link = http.client.HTTPConnection("127.0.0.1", self.page.port, timeout=support.PATIENCE_S)
             self.addCleanup(link.close)
             link.request("GET", "/events")
+            links.append(link)
             return link.getresponse()
         def event(stream):
-            lines = list(iter(stream.readline, b"\n"))
-            self.assertTrue(all(line.startswith(b"data: ") for line in lines), lines)
-            return b"".join(line[6:] for line in lines).decode()
+            text = ""
+            while (line := stream.readline()) != b"\n":
+                self.assertTrue(line.startswith(b"data: "), line)
+                text += line[6:].decode()
+            return text
+        links = []
         streams = [open_stream() for _ in range(16)]
         self.assertEqual("text/event-stream", streams[0].headers["Content-Type"])
         for stream in streams:
@@ -213,14 +219,13 @@ class PageTest(PageCase):
         wait_for("the event", lambda: "does not answer" in event(streams[0]))
 
         streams[1].close()
+        links[1].close()
         def again():
             stream = open_stream()
             return stream.status == 200 and event(stream)
         wait_for("room for one more", again)
         self.page.process.send_signal(signal.SIGTERM)
         self.assertEqual(0, self.page.end()[0])
-        while streams[0].readline():
-            pass
 
     def test_ends_with_a_line(self):
         self.start_nodes(1)
