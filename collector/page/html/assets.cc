@@ -2,7 +2,7 @@
 
 namespace quenor::collector {
 
-// Below 48 em a table's rows are blocks, whose cells say by themselves what they are.
+// Below 48 em a wide table's rows are blocks, whose cells say by themselves what they are.
 const char kStyle[] = R"(:root {
   color-scheme: light dark;
   --text: #1a1c1e; --ground: #ffffff; --line: #c9ced4; --quiet: #5a626b;
@@ -42,12 +42,12 @@ input, select { width: 12rem; }
 button { cursor: pointer; font-weight: 600; padding: 0.4rem 1rem; }
 :focus-visible { outline: 2px solid var(--link); outline-offset: 2px; }
 @media (max-width: 48em) {
-  thead { position: absolute; left: -100vw; width: 1px; height: 1px; overflow: hidden; }
-  table, caption, tbody { display: block; }
-  tr { display: block; border-bottom: 1px solid var(--line); padding: 0.3rem 0; }
-  td { display: flex; gap: 0.8rem; border: 0; padding: 0.1rem 0; }
-  td::before {
-    content: attr(data-head); flex: 0 0 8.5rem; color: var(--quiet); font-weight: normal;
+  .wide thead { display: none; }
+  .wide, .wide caption, .wide tbody { display: block; }
+  .wide tr { display: block; border-bottom: 1px solid var(--line); padding: 0.3rem 0; }
+  .wide td { display: flex; gap: 0.5rem; border: 0; padding: 0.1rem 0; }
+  .wide td::before {
+    content: attr(data-head); flex: 0 0 7.5rem; color: var(--quiet); font-weight: normal;
   }
   label, input, select { width: 100%; }
 }

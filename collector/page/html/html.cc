@@ -7,6 +7,8 @@
 namespace quenor::collector {
 namespace {
 
+constexpr size_t kMostNarrowColumns = 3;
+
 std::string Decimal(double number, int digits, const char* unit) {
   char text[64];
   std::snprintf(text, sizeof(text), "%.*f%s", digits, number, unit);
@@ -78,7 +80,9 @@ std::string TookText(const std::optional<Quantile>& took) {
 
 Table::Table(const std::string& caption, std::vector<std::string> heads)
     : heads_(std::move(heads)) {
-  html_ = "<table><caption>" + Escape(caption) + "</caption><thead><tr>";
+  const bool is_wide = heads_.size() > kMostNarrowColumns;
+  html_ = std::string("<table") + (is_wide ? " class=\"wide\"" : "") + "><caption>" +
+          Escape(caption) + "</caption><thead><tr>";
   for (const std::string& head : heads_) html_ += "<th scope=\"col\">" + Escape(head) + "</th>";
   html_ += "</tr></thead><tbody>\n";
 }

@@ -27,8 +27,8 @@ struct Cell {
   bool is_wide = false;  // The rest of the row: what follows it is left out.
 };
 
-// A table with a caption and a head. On a narrow screen each row is a block of its own, and each
-// cell says what it is.
+// A table with a caption and a head. On a narrow screen a row of many columns is a block of its
+// own, and each cell says what it is.
 class Table {
  public:
   Table(const std::string& caption, std::vector<std::string> heads);

@@ -121,8 +121,8 @@ std::string ControlTable(const Overview& overview) {
 }  // namespace
 
 std::string TablesOf(const Overview& overview, const std::string& time) {
-  return ProblemsOf(overview, time) + WholeTable(overview) + AnswersTable(overview) +
-         CollectorsTable(overview) + NodesTable(overview) + StoreTable(overview) +
+  return ProblemsOf(overview, time) + WholeTable(overview) + CollectorsTable(overview) +
+         NodesTable(overview) + StoreTable(overview) + AnswersTable(overview) +
          ControlTable(overview);
 }
 

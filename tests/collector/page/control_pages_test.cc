@@ -115,7 +115,8 @@ TEST_F(ControlPagesTest, WhatCannotBeMeantComesBackAsTyped) {
     EXPECT_EQ(answer.status, 400) << each.typed;
     EXPECT_TRUE(Has(answer, each.why)) << answer.html;
   }
-  EXPECT_TRUE(Has(Send("revision=4&capacity=0"), "name=\"capacity\" inputmode=\"numeric\" value=\"0\""));
+  EXPECT_TRUE(
+      Has(Send("revision=4&capacity=0"), "name=\"capacity\" inputmode=\"numeric\" value=\"0\""));
   EXPECT_EQ(writes_, 0);
 }
 

@@ -43,6 +43,7 @@ TEST(HtmlTest, Numbers) {
 }
 
 TEST(HtmlTest, CellSaysWhatItIsAndWhetherItIsBad) {
+  EXPECT_EQ(Table("t", {"a", "b", "c", "d"}).Finish().rfind("<table class=\"wide\">", 0), 0u);
   Table table("all & some", {"a", "b", "c"});
   table.AddRow({{"1"}, {"2", true}, {"3"}});
   table.AddRow({{"4"}, {"5", true, true}});
