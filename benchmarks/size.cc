@@ -66,9 +66,9 @@ int Main(int argc, char** argv) {
   TellGroup(&area, "text of channel, pools and buffer", {"channel", "object_pool", "buffer"},
             "at -O2, every object of the archives whole: ");
   std::vector<std::string> services;
-  for (const char* service : {"dispatch_queue", "timer", "http_client", "proxy_config", "json",
-                              "config_center", "path_service", "cache_io", "mmap_file",
-                              "cache_file", "report_events", "throtter", "log"}) {
+  for (const char* service : {"dispatch_queue", "timer", "http_client", "http_rules",
+                              "proxy_config", "json", "config_center", "path_service", "cache_io",
+                              "mmap_file", "cache_file", "report_events", "throtter", "log"}) {
     services.push_back(std::string("platform_default_") + service);
   }
   TellGroup(&area, "text of the default services", services, "");
