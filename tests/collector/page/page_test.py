@@ -3,6 +3,7 @@
 import contextlib
 import http.client
 import json
+import os
 import pathlib
 import re
 import signal
@@ -110,6 +111,31 @@ class PageTest(PageCase):
         wait_for("the stopped one", lambda: self.row(self.text(), self.nodes[1].page()).get("copy") == "as the others")
         self.nodes[0].kill()
         self.wait_text("the store does not answer (")
+
+    def test_nodes_that_differ_are_red(self):
+        """A node that lacks a message calls itself well: here it is one of another store."""
+        self.set_up()
+        folder = os.path.join(self.folder, "other")
+        os.mkdir(folder)
+        other = tier.make_nodes(folder, 1)[0]
+        self.addCleanup(other.kill)
+        other.start()
+        other.wait_ready()
+        wire = support.Wire(other.host, other.port)
+        self.addCleanup(wire.close)
+        wire.request("$JS.API.STREAM.CREATE.REPORTS", {"name": "REPORTS", "subjects": ["REPORTS.>"]})
+        for number in range(5):
+            post(self.collectors[0], b"x")
+            wire.request("REPORTS.report", number)
+        page = tier.Page(COLLECTOR, self.nodes, self.collectors, "--listen", "127.0.0.1:0", "--monitor", other.page())
+        self.addCleanup(page.close)
+        self.page = page
+        wait_for("both", lambda: self.row(self.text(), other.page())["messages"] == "5")
+        self.wait_text("All is well.")
+        self.assertTrue(wire.request("$JS.API.STREAM.MSG.DELETE.REPORTS", {"seq": 3})["success"])
+        text = self.wait_text(f"node {other.page()} misses 1 between first and last, others 0")
+        self.assertIn('<td data-head="copy" class="bad">misses 1 between first and last, others 0</td>', text)
+        self.assertIn(f"node {self.nodes[0].page()} misses 0 between first and last, others 1", text)
 
     def test_form_changes_control(self):
         self.set_up()
