@@ -96,24 +96,25 @@ std::string StoreTable(const Overview& overview) {
                                       : SizeText(store.bytes) + " of " + SizeText(store.max_bytes)},
                 {CountText(store.messages)},
                 {store.max_bytes == 0 ? "-" : PercentText(overview.fill), overview.is_nearly_full},
-                {store.reader_problem.empty() ? CountText(overview.reader_lag) : "no reader",
+                {store.reader_problem.empty() ? CountText(overview.reader_lag) : "not known",
                  !store.reader_problem.empty()}});
   return table.Finish();
 }
 
 std::string ControlTable(const Overview& overview) {
   const StoreLook& store = overview.store;
-  const uint64_t revision = store.control.revision;
-  Table table(revision == 0 ? std::string("Control: nothing is set, each collector says its own")
-                            : "Control: revision " + std::to_string(revision),
-              {"setting", "value"});
   const std::string& problem = store.problem.empty() ? store.control_problem : store.problem;
+  const uint64_t revision = store.control.revision;
+  std::string caption = "Control: revision " + std::to_string(revision);
+  if (revision == 0) caption = "Control: nothing is set, each collector says its own";
+  if (!problem.empty()) caption = "Control";
+  Table table(caption, {"setting", "value"});
   if (!problem.empty()) {
     table.AddRow({{problem, true, true}});
-  } else {
-    for (const auto& [name, value] : FieldsOf(store.control.settings)) {
-      table.AddRow({{name}, {value}});
-    }
+    return table.Finish();
+  }
+  for (const auto& [name, value] : FieldsOf(store.control.settings)) {
+    table.AddRow({{name}, {value}});
   }
   return table.Finish();
 }

@@ -17,6 +17,17 @@ constexpr int kPatienceSeconds = 3;
 using StreamInfoPtr = std::unique_ptr<jsStreamInfo, Destroyer<jsStreamInfo_Destroy>>;
 using ReaderInfoPtr = std::unique_ptr<jsConsumerInfo, Destroyer<jsConsumerInfo_Destroy>>;
 
+// Empty, or the words that it ends with.
+template <typename Do>
+std::string ProblemOfDoing(Do something) {
+  try {
+    something();
+  } catch (const Fatal& fatal) {
+    return fatal.what();
+  }
+  return std::string();
+}
+
 uint64_t NoneBelowZero(int64_t number) { return number < 0 ? 0 : static_cast<uint64_t>(number); }
 
 }  // namespace
@@ -47,8 +58,10 @@ StoreLook StoreAsker::Ask() {
   try {
     if (!session_) session_ = OpenSession(options_.store);
     AskStream(&look);
-    AskReader(&look);
-    AskControl(&look);
+    // After a change of leaders the reader is away for longer than the stream.
+    look.reader_problem = ProblemOfDoing([&] { AskReader(&look); });
+    look.control_problem =
+        ProblemOfDoing([&] { look.control = ControlRoom(options_.store, *session_).Read(); });
   } catch (const std::exception& error) {
     look.problem = std::string("does not answer (") + error.what() + ")";
   }
@@ -72,22 +85,13 @@ void StoreAsker::AskReader(StoreLook* look) const {
       js_GetConsumerInfo(&found, session_->context.get(), options_.store.stream.c_str(),
                          options_.reader.c_str(), nullptr, nullptr);
   if (status == NATS_NOT_FOUND) {
-    look->reader_problem =
-        "reader " + options_.reader + " is not there; make it with quenor-collector provision";
-    return;
+    throw Fatal(kExitUnavailable, "reader " + options_.reader +
+                                      " is not there; make it with quenor-collector provision");
   }
   Require(status, "look at reader " + options_.reader);
   const ReaderInfoPtr info(found);
   look->unread = info->NumPending;
   look->unacknowledged = NoneBelowZero(info->NumAckPending);
-}
-
-void StoreAsker::AskControl(StoreLook* look) const {
-  try {
-    look->control = ControlRoom(options_.store, *session_).Read();
-  } catch (const Fatal& fatal) {
-    look->control_problem = fatal.what();
-  }
 }
 
 }  // namespace quenor::collector

@@ -24,7 +24,6 @@ class StoreAsker {
  private:
   void AskStream(StoreLook* look) const;
   void AskReader(StoreLook* look) const;
-  void AskControl(StoreLook* look) const;
 
   const PageOptions options_;
   std::optional<Session> session_;

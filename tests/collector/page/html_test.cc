@@ -88,6 +88,7 @@ TEST(HtmlTest, NothingThatIsShownIsMarkup) {
   Overview silent;
   silent.store.problem = kHostile;
   EXPECT_FALSE(Has(TablesOf(silent, ""), "<script>"));
+  EXPECT_FALSE(Has(TablesOf(silent, ""), "nothing is set")) << "nobody knows";
 }
 
 TEST(HtmlTest, WhatIsWrongStandsFirst) {

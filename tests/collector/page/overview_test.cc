@@ -189,6 +189,8 @@ TEST(OverviewTest, NodesThatAreNotAskedInTheSameMomentAreCopies) {
       {"busy", {{{1, 9, 9}, {1, 50, 50}}, {{1, 8, 8}, {1, 48, 48}}, {{1, 9, 9}, {1, 9, 9}}}},
       {"with an age",
        {{{3, 9, 7}, {7, 50, 44}}, {{2, 9, 8}, {6, 49, 44}}, {{3, 9, 7}, {7, 50, 44}}}},
+      {"a gap that was filled", {{{1, 9, 8}, {1, 50, 50}}, {{1, 9, 9}, {1, 50, 50}}}},
+      {"a gap at one look", {{{1, 9, 9}, {1, 50, 49}}, {{1, 9, 9}, {1, 50, 50}}}},
       {"all miss the same", {{{1, 9, 5}, {1, 9, 5}}, {{1, 9, 5}, {1, 9, 5}}}},
       {"one", {{{1, 9, 5}, {1, 9, 5}}}},
   };
@@ -209,7 +211,7 @@ TEST(OverviewTest, NodeThatIsNoCopyIsNamed) {
       {{Node({5, 90, 86}), Node({5, 100, 96})}, "node n3 begins at 5, others at 1"},
       {{Node({1, 90, 88}), Node({1, 100, 98})},
        "node n3 misses 2 between first and last, others 0"},
-      {{Node({1, 20, 20}), Node({1, 25, 25})}, "node n3 ends at 25, others were at 90 before"},
+      {{Node({1, 20, 20}), Node({1, 89, 89})}, "node n3 ends at 89, others were at 90 before"},
       {{SilentNode(), SilentNode()}, "node n3 does not answer (Connection) since 12:00:00 UTC"},
       {{Node({1, 90, 90}), SilentNode()},
        "node n3 does not answer (Connection) since 12:00:00 UTC"},

@@ -94,6 +94,11 @@ class PageTest(PageCase):
         self.assertIn("nothing is set, each collector says its own", text)
         self.assertNotIn('class="bad"', text.split("<main")[1].split("</main>")[0])
 
+        self.page = tier.Page(COLLECTOR, self.nodes, self.collectors, "--listen", "127.0.0.1:0", "--reader", "other")
+        self.addCleanup(self.page.close)
+        text = self.wait_text("reader other is not there; make it with quenor-collector provision")
+        self.assertIn('<td data-head="not exported yet" class="bad">not known</td>', text)
+
     def test_what_does_not_answer_is_red(self):
         self.set_up(nodes=3, collectors=2)
         dead, alive = (f"http://127.0.0.1:{each.port}" for each in self.collectors)
