@@ -371,7 +371,7 @@ bool Reader::SkipKnown(uint64_t offset, uint64_t end, uint64_t* skip, bool* lost
   if ((is_own && IsLeftOver(header, Owner(header.owner))) || IsSuperseded(header)) {
     *skip = std::min(SizeOf(header), end - offset);
   } else {
-    *lost_its_seal = true;  // Told even where no packet in it is intact.
+    *lost_its_seal = header.state == kInUse;  // Told even where no packet in it is intact.
   }
   return true;
 }

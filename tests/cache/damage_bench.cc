@@ -41,7 +41,7 @@ bool LooksUnusedMapped(const std::string& image) {
   ExtentHeader head;
   for (uint64_t at = kTableSize; at + sizeof head <= image.size(); at += kUnit) {
     std::memcpy(&head, image.data() + at, sizeof head);
-    if (IsSound(head, at) && head.state != kBuilding && head.state != kFree) return false;
+    if (IsSound(head, at) && head.state == kInUse) return false;
   }
   return true;
 }
