@@ -81,12 +81,6 @@ void AddProvision(CLI::App* app, ProvisionOptions* options) {
       ->type_name("TIME")
       ->transform(AsTime())
       ->check(WholeNumber(1000, kMaxTimeMs));
-  app->add_option("--duplicate-window", options->duplicate_window_ms,
-                  "how long the stream knows a collector's repeats")
-      ->type_name("TIME")
-      ->transform(AsTime())
-      ->check(WholeNumber(1000, kMaxTimeMs))
-      ->default_str("120s");
   app->add_option("--bucket", options->store.bucket, "the bucket of the control fields")
       ->type_name("NAME")
       ->check(StoreName())

@@ -92,6 +92,7 @@ class Node(Process):
         self.name, self.host, self.within = name, host, within
         self.port, self.monitor, route = ports
         self.conf, self.log = (os.path.join(folder, name + end) for end in (".conf", ".log"))
+        self.pid_file = self.conf + ".pid"
         listed = ", ".join(f'"nats://{route}"' for route in routes)
         text = render("nats-server.conf", {
             "server_name: one": f"server_name: {name}",
@@ -108,6 +109,15 @@ class Node(Process):
 
     def start(self):
         self.run(*self.within, tool("nats-server"), "-c", self.conf)
+        with open(self.pid_file, "w") as file:
+            file.write(str(self.process.pid))
+
+    def watch(self):
+        """A process of deploy's that kills the node where it must not go on."""
+        kill = f'grep -qs {self.conf} /proc/$(cat {self.pid_file})/cmdline && kill -KILL $(cat {self.pid_file})'
+        with open(self.log, "a") as log:
+            return subprocess.Popen([*self.within, DEPLOY / "nats-server-watch", self.page(), "sh", "-c", kill],
+                                    stdin=subprocess.DEVNULL, stdout=log, stderr=log)
 
     def wait_ready(self):
         wait_for(f"node {self.name}", lambda: fetch(self.page() + "/healthz"))

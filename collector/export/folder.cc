@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string_view>
 #include <utility>
 
@@ -21,6 +22,7 @@ namespace quenor::collector {
 namespace {
 
 constexpr std::string_view kBegin = "{\"sequence\":";
+constexpr std::string_view kId = "\"id\":\"";
 constexpr char kEnding[] = ".ndjson";
 
 Fatal CannotUse(const std::string& path, int error) {
@@ -34,6 +36,14 @@ uint64_t SequenceOf(const std::string& line) {
   return std::strtoull(line.c_str() + kBegin.size(), nullptr, 10);
 }
 
+// Empty: it has none. A quote inside of a string has a backslash before it, so this is no other's.
+std::string_view IdOf(std::string_view line) {
+  const size_t key = line.find(kId);
+  if (key == std::string_view::npos) return {};
+  const std::string_view rest = line.substr(key + kId.size());
+  return rest.substr(0, rest.find('"'));
+}
+
 // 20 digits, so that names sort as their numbers do.
 std::string Digits(uint64_t number) {
   const std::string digits = std::to_string(number);
@@ -43,7 +53,9 @@ std::string Digits(uint64_t number) {
 }  // namespace
 
 ExportFolder::ExportFolder(Options options)
-    : options_(std::move(options)), part_path_(options_.path + "/" + options_.name + ".part") {
+    : options_(std::move(options)),
+      part_path_(options_.path + "/" + options_.name + ".part"),
+      ids_(options_.known_ids) {
   if (::mkdir(options_.path.c_str(), 0755) != 0 && errno != EEXIST) {
     throw CannotUse(options_.path, errno);
   }
@@ -63,16 +75,23 @@ ExportFolder::~ExportFolder() {
 
 void ExportFolder::Resume(uint64_t acknowledged, Time now) {
   seen_ = Ranges(acknowledged);
+  ReadComplete(acknowledged);
+  Open(now);
+}
+
+// Those that have more than `acknowledged`, and of those before it the ones with the latest ids.
+void ExportFolder::ReadComplete(uint64_t acknowledged) {
   const std::string begin = options_.name + "-";
+  std::map<uint64_t, std::string> paths;  // By their last sequences.
   for (const auto& entry : std::filesystem::directory_iterator(options_.path)) {
     const std::string name = entry.path().filename().string();
     const bool is_ours = name.compare(0, begin.size(), begin) == 0 &&
                          entry.path().extension() == kEnding && name.size() > begin.size() + 21;
     if (!is_ours) continue;
     const uint64_t last = std::strtoull(name.c_str() + begin.size() + 21, nullptr, 10);
-    if (last > acknowledged) ReadFile(entry.path().string());
+    if (last + options_.known_ids > acknowledged) paths.emplace(last, entry.path().string());
   }
-  Open(now);
+  for (const auto& [last, path] : paths) ReadFile(path);
 }
 
 ExportFolder::Scan ExportFolder::ReadFile(const std::string& path) {
@@ -84,6 +103,7 @@ ExportFolder::Scan ExportFolder::ReadFile(const std::string& path) {
     scan.whole_bytes += line.size() + 1;
     if (sequence == 0) continue;
     seen_.Add(sequence);
+    ids_.Add(IdOf(line));
     scan.first = scan.first == 0 ? sequence : std::min(scan.first, sequence);
     scan.last = std::max(scan.last, sequence);
   }
@@ -106,6 +126,10 @@ void ExportFolder::Open(Time now) {
 
 void ExportFolder::Add(uint64_t sequence, const std::string& line) {
   if (!seen_.Add(sequence)) return;
+  if (!ids_.Add(IdOf(line))) {
+    ++repeats_;
+    return;
+  }
   buffer_ += line;
   buffer_ += '\n';
   first_ = first_ == 0 ? sequence : std::min(first_, sequence);

@@ -3,10 +3,13 @@
 #include <httplib.h>
 #include <rapidjson/document.h>
 
+#include <algorithm>
+
 namespace quenor::collector {
 namespace {
 
 constexpr int kPatienceSeconds = 5;
+constexpr char kRemedy[] = "stop it, move its store_dir away and start it, and it copies all anew";
 
 uint64_t Number(const rapidjson::Value& object, const char* name) {
   const auto found = object.FindMember(name);
@@ -40,6 +43,35 @@ std::string FullTime(std::string text) {
   if (text.find('.') == std::string::npos) text += '.';
   const size_t digits = text.size() - text.find('.') - 1;
   return text + std::string(digits < 9 ? 9 - digits : 0, '0');
+}
+
+// Whether both have come equally far, so that they must be the same.
+bool AreLevel(const NodeState& node, const NodeState& other) {
+  return node.problem.empty() && other.problem.empty() &&
+         node.first_sequence == other.first_sequence && node.last_sequence == other.last_sequence &&
+         node.messages == other.messages;
+}
+
+// A node that has other messages in the place of some holds as many, but not as many bytes.
+std::string OddBytesOf(const std::vector<NodeState>& nodes) {
+  const auto alike = [&nodes](const NodeState& node) {
+    return std::count_if(nodes.begin(), nodes.end(), [&node](const NodeState& other) {
+      return AreLevel(node, other) && node.bytes == other.bytes;
+    });
+  };
+  for (const NodeState& node : nodes) {
+    for (const NodeState& other : nodes) {
+      if (!AreLevel(node, other) || node.bytes == other.bytes || alike(node) > alike(other)) {
+        continue;
+      }
+      const std::string whose = alike(node) == alike(other) ? " or " + other.url : "";
+      return node.url + whose + " is no copy: up to message " + std::to_string(node.last_sequence) +
+             " " + node.url + " holds " + std::to_string(node.bytes) + " bytes and " + other.url +
+             " " + std::to_string(other.bytes) +
+             ", so it has other messages in the place of some; " + kRemedy;
+    }
+  }
+  return std::string();
 }
 
 }  // namespace
@@ -92,6 +124,8 @@ NodeState AskNode(const std::string& url, const std::string& stream) {
 }
 
 std::string DivergenceOf(const std::vector<NodeState>& nodes) {
+  const std::string odd = OddBytesOf(nodes);
+  if (!odd.empty()) return odd;
   for (const NodeState& node : nodes) {
     for (const NodeState& other : nodes) {
       const bool both = node.problem.empty() && other.problem.empty();
@@ -103,8 +137,7 @@ std::string DivergenceOf(const std::vector<NodeState>& nodes) {
       return node.url + " is no copy: its message " + std::to_string(node.last_sequence) +
              " is no older than message " + std::to_string(other.last_sequence) + " of " +
              other.url + ", so it lacks " +
-             std::to_string(other.last_sequence - node.last_sequence) +
-             " or more; stop it, move its store_dir away and start it, and it copies all anew";
+             std::to_string(other.last_sequence - node.last_sequence) + " or more; " + kRemedy;
     }
   }
   return std::string();

@@ -39,8 +39,8 @@ NodeState ReadNode(const std::string& answer, const std::string& stream);
 std::string MismatchOf(const std::vector<NodeState>& nodes, uint64_t last_sequence);
 
 // Empty, or one line about a node that is no copy of another: it has taken a message of the same or
-// a later time under a lower sequence, so it lacks some before. Traffic does not hide that, as it
-// hides a node that is merely behind.
+// a later time under a lower sequence, so it lacks some before, which traffic does not hide, as it
+// hides a node that is merely behind; or it has come as far, and holds another number of bytes.
 std::string DivergenceOf(const std::vector<NodeState>& nodes);
 
 }  // namespace quenor::collector

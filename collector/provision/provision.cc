@@ -21,6 +21,7 @@ using ReaderInfoPtr = std::unique_ptr<jsConsumerInfo, Destroyer<jsConsumerInfo_D
 using BucketStatusPtr = std::unique_ptr<kvStatus, Destroyer<kvStatus_Destroy>>;
 
 constexpr int64_t kNanosecondsPerMillisecond = 1'000'000;
+constexpr int64_t kDuplicateWindowMs = 100;
 constexpr uint8_t kBucketHistory = 16;  // Earlier settings, to look back at.
 constexpr int64_t kBucketMaxBytes = 16 << 20;
 
@@ -81,16 +82,12 @@ void Provision::ProvideStream() {
   print_("stream " + name + " " + how + " replicas=" + std::to_string(config.Replicas) +
          " max_bytes=" + std::to_string(config.MaxBytes) +
          " max_age_s=" + std::to_string(config.MaxAge / kNanosecondsPerMillisecond / 1000) +
-         " duplicate_window_s=" +
-         std::to_string(config.Duplicates / kNanosecondsPerMillisecond / 1000) + " first=" +
-         std::to_string(info->State.FirstSeq) + " messages=" + std::to_string(info->State.Msgs) +
-         " bytes=" + std::to_string(info->State.Bytes) +
+         " first=" + std::to_string(info->State.FirstSeq) + " messages=" +
+         std::to_string(info->State.Msgs) + " bytes=" + std::to_string(info->State.Bytes) +
          (has_leader ? std::string(" leader=") + info->Cluster->Leader : ""));
   Compare("replicas", config.Replicas, options_.replicas);
   Compare("storage_is_file", config.Storage == js_FileStorage, 1);
   Compare("discard_is_new", config.Discard == js_DiscardNew, 1);
-  Compare("duplicate_window_s", config.Duplicates / kNanosecondsPerMillisecond / 1000,
-          static_cast<int64_t>(options_.duplicate_window_ms / 1000));
   if (options_.max_bytes != 0) {
     Compare("max_bytes", config.MaxBytes, static_cast<int64_t>(options_.max_bytes));
   }
@@ -137,8 +134,8 @@ StreamInfoPtr Provision::MakeStream() {
   config.Replicas = options_.replicas;
   config.MaxBytes = static_cast<int64_t>(options_.max_bytes);
   config.MaxAge = static_cast<int64_t>(options_.max_age_ms) * kNanosecondsPerMillisecond;
-  config.Duplicates =
-      static_cast<int64_t>(options_.duplicate_window_ms) * kNanosecondsPerMillisecond;
+  // The least that the server takes: none of our messages has the header that it looks for.
+  config.Duplicates = kDuplicateWindowMs * kNanosecondsPerMillisecond;
   jsStreamInfo* made = nullptr;
   Require(js_AddStream(&made, session_.context.get(), &config, nullptr, nullptr),
           "make stream " + name);

@@ -18,7 +18,6 @@ struct ProvisionOptions {
   int replicas = 3;
   uint64_t max_bytes = 0;   // Of the stream; 0: it is not to be made.
   uint64_t max_age_ms = 0;  // 0: messages stay.
-  uint64_t duplicate_window_ms = 120'000;
   std::string reader = "export";
   bool check = false;
   std::vector<std::string> monitors;  // URLs of the nodes' monitoring addresses.

@@ -29,6 +29,10 @@ using ConnectPtr = std::unique_ptr<natsOptions, Destroyer<natsOptions_Destroy>>;
 constexpr char kPathHeader[] = "Quenor-Path";
 constexpr char kTimeHeader[] = "Quenor-Time";
 constexpr char kSha256Header[] = "Quenor-Sha256";
+// The collector's process and its counter: what tells readers a message that is stored twice. It is
+// not the header by which the store itself drops repeats: a node of it that catches up may take one
+// for a repeat that the others do not, and lacks it then.
+constexpr char kIdHeader[] = "Quenor-Id";
 
 // The one subject that the reports of a stream are published on.
 std::string SubjectOf(const std::string& stream);

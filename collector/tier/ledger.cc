@@ -1,12 +1,14 @@
 #include "collector/tier/ledger.h"
 
+#include <algorithm>
+
 namespace quenor::collector {
 namespace {
 
 using std::chrono::milliseconds;
 
-// While the store has answered nothing for a whole hold, so many reports are held all the same:
-// they are what finds out that it answers again.
+// So many reports find out whether the store answers again: of those that wait, the eldest, and
+// while it has answered nothing for a whole hold, the only ones that are held.
 constexpr uint64_t kProbes = 8;
 
 // One report in this time finds out whether a full store has room again.
@@ -37,7 +39,7 @@ uint64_t Ledger::Take(uint64_t size_bytes, Time now, Answer* refusal) {
     *refusal = Answer::kBusy;
   } else {
     if (full_at_) full_at_ = now;
-    entries_.emplace(++last_id_, Entry{now, now + options_.ack_wait, size_bytes});
+    entries_.emplace(++last_id_, Entry{now, now + options_.ack_wait, size_bytes, now});
     bytes_ += size_bytes;
     return last_id_;
   }
@@ -49,9 +51,9 @@ std::optional<Answer> Ledger::OnOutcome(uint64_t id, StoreOutcome outcome, Time 
   if (entry == entries_.end()) return std::nullopt;
   switch (outcome) {
     case StoreOutcome::kStored:
-    case StoreOutcome::kRepeat:
       barred_ = false;
       full_at_.reset();
+      overtaken_ = std::max(overtaken_, entry->second.published);
       End(entry);
       return Answer::kStored;
     case StoreOutcome::kFull:
@@ -65,6 +67,7 @@ std::optional<Answer> Ledger::OnOutcome(uint64_t id, StoreOutcome outcome, Time 
     case StoreOutcome::kAbsent:
     case StoreOutcome::kFailed:
       entry->second.due = now + kAbsentPause;
+      entry->second.was_turned_away = true;
       break;
   }
   return std::nullopt;
@@ -75,7 +78,7 @@ std::vector<uint64_t> Ledger::OnConnected(Time now) {
   std::vector<uint64_t> all;
   all.reserve(entries_.size());
   for (auto& [id, entry] : entries_) {
-    entry.due = now + options_.ack_wait;
+    Publish(&entry, now);
     all.push_back(id);
   }
   return all;
@@ -89,9 +92,11 @@ Ledger::Due Ledger::Tick(Time now) {
     barred_ = true;
   }
   if (!connected_) return due;
+  uint64_t eldest = 0;
   for (auto& [id, entry] : entries_) {
-    if (now < entry.due) continue;
-    entry.due = now + options_.ack_wait;
+    const bool is_probe = eldest++ < kProbes;
+    if (now < entry.due || !(is_probe || IsLost(entry))) continue;
+    Publish(&entry, now);
     due.publish.push_back(id);
   }
   return due;
@@ -104,6 +109,16 @@ TierState Ledger::GetState(Time now) const {
   const bool is_waiting = !entries_.empty() &&
                           now - entries_.begin()->second.taken >= kStalledWaits * options_.ack_wait;
   return barred_ || is_waiting ? TierState::kStalled : TierState::kReady;
+}
+
+void Ledger::Publish(Entry* entry, Time now) const {
+  entry->published = now;
+  entry->due = now + options_.ack_wait;
+  entry->was_turned_away = false;
+}
+
+bool Ledger::IsLost(const Entry& entry) const {
+  return entry.was_turned_away || overtaken_ >= entry.published + options_.ack_wait;
 }
 
 void Ledger::End(Entries::iterator entry) {

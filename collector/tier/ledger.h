@@ -2,10 +2,12 @@
 // No clock, network or thread of its own: whoever links it says what time it is and what happened.
 // Threads: one at a time. Life: one per collector. Page: docs/guide/collectors.md.
 //
-// A report taken is published at once if there is a connection, and again after `ack_wait`, after
-// the store said that nobody there was responsible, and as soon as a new connection stands; always
-// under the same number, by which the store drops its own repeats. It ends with the store's
-// acknowledgement, with its refusal, or with `hold`.
+// A report taken is published at once if there is a connection, and again after the store said that
+// nobody there was responsible, and as soon as a new connection stands; always under the same
+// number, by which readers know it: the store keeps what it gets. So of those that are only late,
+// after `ack_wait`, no more than the eldest few are published again, and the others once the store
+// has acknowledged one that was published that much later than they: it has lost them. A report
+// ends with the store's acknowledgement, with its refusal, or with `hold`.
 #ifndef COLLECTOR_TIER_LEDGER_H_
 #define COLLECTOR_TIER_LEDGER_H_
 
@@ -32,7 +34,6 @@ const char* NameOf(TierState state);
 
 enum class StoreOutcome {
   kStored,
-  kRepeat,    // Stored by an earlier attempt.
   kFull,      // The stream takes no more.
   kRejected,  // The store will never take this one.
   kAbsent,    // Nobody there is responsible at present.
@@ -81,17 +82,23 @@ class Ledger {
  private:
   struct Entry {
     Time taken;
-    Time due;  // To be published again.
+    Time due;  // To be published again, if it is among those that are.
     uint64_t size_bytes;
+    Time published{};  // Last.
+    bool was_turned_away =
+        false;  // Since then: what the store has not taken cannot be there twice.
   };
   using Entries = std::map<uint64_t, Entry>;
 
+  void Publish(Entry* entry, Time now) const;
+  bool IsLost(const Entry& entry) const;
   void End(Entries::iterator entry);
 
   const HoldOptions options_;
   Entries entries_;  // In the order in which they were taken.
   uint64_t bytes_ = 0;
   uint64_t last_id_ = 0;
+  Time overtaken_{};  // When the latest of all that the store has acknowledged was published.
   bool connected_ = false;
   bool draining_ = false;
   // A report's hold has ended, and nothing has been stored since.

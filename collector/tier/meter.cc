@@ -15,10 +15,9 @@ void Meter::CountAnswer(int status, std::chrono::microseconds took) {
   took_together_ += took;
 }
 
-void Meter::CountStored(uint64_t size_bytes, bool is_repeat) {
+void Meter::CountStored(uint64_t size_bytes) {
   ++stored_;
   stored_bytes_ += size_bytes;
-  if (is_repeat) ++repeats_;
 }
 
 uint64_t Meter::answered() const {
@@ -67,7 +66,6 @@ std::string Meter::Text(const Present& present, Time now) const {
   took.Sample(std::to_string(sum), "", "_count");
   single("reports_stored_total", "counter", "Reports that the store acknowledged.", stored_);
   single("report_bytes_total", "counter", "Bytes of those reports.", stored_bytes_);
-  single("store_repeats_total", "counter", "Those that an earlier attempt had stored.", repeats_);
   single("published_again_total", "counter", "Attempts beyond a report's first.", published_again_);
   single("reports_rejected_total", "counter", "Reports that will never be taken.", rejected_);
   single("reports_held", "gauge", "Reports that wait for the store.", present.held_reports);

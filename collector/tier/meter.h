@@ -21,7 +21,7 @@ class Meter {
   void CountAnswer(int status, std::chrono::microseconds took);
   // A request that is no report.
   void CountRefused(int status) { ++refused_[status]; }
-  void CountStored(uint64_t size_bytes, bool is_repeat);
+  void CountStored(uint64_t size_bytes);
   void CountRejected() { ++rejected_; }
   void CountPublishedAgain(uint64_t reports) { published_again_ += reports; }
   void CountControlRefused() { ++control_refused_; }
@@ -53,7 +53,6 @@ class Meter {
   std::chrono::microseconds took_together_{0};
   uint64_t stored_ = 0;
   uint64_t stored_bytes_ = 0;
-  uint64_t repeats_ = 0;
   uint64_t rejected_ = 0;
   uint64_t published_again_ = 0;
   uint64_t control_refused_ = 0;

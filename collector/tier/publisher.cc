@@ -41,7 +41,7 @@ std::string DrawProcess() {
 // The number behind the last hyphen of a message's id.
 uint64_t NumberOf(natsMsg* message) {
   const char* text = nullptr;
-  if (natsMsgHeader_Get(message, "Nats-Msg-Id", &text) != NATS_OK) return 0;
+  if (natsMsgHeader_Get(message, kIdHeader, &text) != NATS_OK) return 0;
   const std::string id = text;
   return std::strtoull(id.c_str() + id.rfind('-') + 1, nullptr, 10);
 }
@@ -117,20 +117,20 @@ void Publisher::Publish(uint64_t id, const Report& report) {
   natsStatus status = natsMsg_Create(&made, subject_.c_str(), nullptr, report.body.data(),
                                      static_cast<int>(report.body.size()));
   MessagePtr message(made);
-  const std::pair<const char*, const char*> headers[] = {{kPathHeader, report.path.c_str()},
+  const std::string number = process_ + "-" + std::to_string(id);
+  const std::pair<const char*, const char*> headers[] = {{kIdHeader, number.c_str()},
+                                                         {kPathHeader, report.path.c_str()},
                                                          {kTimeHeader, report.time.c_str()},
                                                          {kSha256Header, report.sha256.c_str()}};
   for (const auto& [name, value] : headers) {
     if (status == NATS_OK) status = natsMsgHeader_Set(made, name, value);
   }
-  const std::string number = process_ + "-" + std::to_string(id);
   jsPubOptions options;
   jsPubOptions_Init(&options);
-  options.MsgId = number.c_str();
   options.ExpectStream = stream_.c_str();
   // Without it an attempt that is never answered would be kept for ever. That it is over tells
   // nothing: the ledger counts the time itself.
-  options.MaxWait = hold_.ack_wait.count();
+  options.MaxWait = hold_.hold.count();
   if (status == NATS_OK) {
     natsMsg* given = message.release();
     status = js_PublishMsgAsync(context_.get(), &given, &options);
@@ -162,7 +162,7 @@ void Publisher::OnAnswer(jsCtx*, natsMsg* owned, jsPubAck* acknowledgement, jsPu
   Completion completion;
   completion.id = NumberOf(owned);
   if (acknowledgement != nullptr) {
-    completion.outcome = acknowledgement->Duplicate ? StoreOutcome::kRepeat : StoreOutcome::kStored;
+    completion.outcome = StoreOutcome::kStored;
   } else if (error->Err == NATS_TIMEOUT) {
     return;
   } else {

@@ -288,7 +288,7 @@ void Tier::OnCompletion(const Publisher::Completion& completion) {
   if (!answer) return;
   const FrontRequest& request = *held->second.request;
   if (*answer == Answer::kStored) {
-    meter_.CountStored(request.body.size(), completion.outcome == StoreOutcome::kRepeat);
+    meter_.CountStored(request.body.size());
   } else if (*answer == Answer::kRejected) {
     Reject(request, held->second.sha256, completion.words);
   }

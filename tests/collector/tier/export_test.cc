@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "collector/export/folder.h"
+#include "collector/export/known_ids.h"
 #include "collector/export/ranges.h"
 #include "collector/fatal.h"
 #include "tests/support/temp_folder.h"
@@ -46,13 +47,40 @@ TEST(RangesTest, AgreesWithASetInAnyOrder) {
   }
 }
 
+TEST(KnownIdsTest, KnowsTheLatestOfEachProcess) {
+  KnownIds ids(3);
+
+  EXPECT_TRUE(ids.Add("a-1"));
+  EXPECT_FALSE(ids.Add("a-1"));
+  EXPECT_TRUE(ids.Add("b-1")) << "another process";
+  EXPECT_TRUE(ids.Add("a-3"));
+  EXPECT_TRUE(ids.Add("a-2"));
+  EXPECT_FALSE(ids.Add("b-1")) << "three ids ago at most";
+  EXPECT_TRUE(ids.Add("b-2"));
+  EXPECT_TRUE(ids.Add("b-3"));
+  EXPECT_FALSE(ids.Add("a-2"));
+  for (const char* const id : {"a-4", "a-5", "a-6"}) EXPECT_TRUE(ids.Add(id));
+  EXPECT_TRUE(ids.Add("a-1")) << "too long ago";
+}
+
+TEST(KnownIdsTest, TakesWhatHasNoIdForNew) {
+  KnownIds ids(3);
+
+  for (const char* const id : {"", "a", "a-", "a-x", "a-1x", "a-0", "-"}) {
+    EXPECT_TRUE(ids.Add(id)) << id;
+    EXPECT_TRUE(ids.Add(id)) << id;
+  }
+}
+
 class ExportFolderTest : public ::testing::Test {
  protected:
   ExportFolder::Options Options(uint64_t rotate_bytes = 1'000'000) const {
-    return {path_, "S", rotate_bytes, milliseconds(60'000)};
+    return {path_, "S", rotate_bytes, milliseconds(60'000), 3};
   }
-  static std::string Line(uint64_t sequence) {
-    return "{\"sequence\":" + std::to_string(sequence) + ",\"body\":\"eA==\"}";
+  static std::string Line(uint64_t sequence) { return Line(sequence, std::to_string(sequence)); }
+  static std::string Line(uint64_t sequence, const std::string& number) {
+    return "{\"sequence\":" + std::to_string(sequence) +
+           ",\"path\":\"\\\"id\\\":\\\"p-1\",\"id\":\"p-" + number + "\",\"body\":\"eA==\"}";
   }
   Strings Names() const {
     std::set<std::string> names;
@@ -102,8 +130,39 @@ TEST_F(ExportFolderTest, MessageThatComesAgainIsWrittenOnce) {
   EXPECT_EQ(folder.lines(), 1u);
 }
 
+TEST_F(ExportFolderTest, OfOneIdTheFirstIsWritten) {
+  ExportFolder folder(Options());
+  folder.Resume(0, now_);
+  folder.Add(2, Line(2, "7"));
+  folder.Add(3, Line(3, "7"));
+  folder.Add(3, Line(3, "7"));
+  folder.Add(1, Line(1, "7"));
+  folder.Sync(now_);
+
+  EXPECT_EQ(Read("S.part"), Line(2, "7") + "\n");
+  EXPECT_EQ(folder.lines(), 1u);
+  EXPECT_EQ(folder.repeats(), 2u);
+}
+
+TEST_F(ExportFolderTest, KnowsTheLatestIdsAfterAKill) {
+  {
+    ExportFolder folder(Options(1));
+    folder.Resume(0, now_);
+    for (const uint64_t sequence : {1, 2, 3, 4, 5}) {
+      folder.Add(sequence, Line(sequence));
+      folder.Sync(now_);
+    }
+  }
+  ExportFolder folder(Options());
+  folder.Resume(5, now_);
+  folder.Add(6, Line(6, "3"));
+  EXPECT_EQ(folder.repeats(), 1u);
+  folder.Add(7, Line(7, "2"));
+  EXPECT_EQ(folder.repeats(), 1u) << "three are known";
+}
+
 TEST_F(ExportFolderTest, BeginsAFileWhenOneIsLargeOrOld) {
-  ExportFolder folder(Options(40));
+  ExportFolder folder(Options(80));
   folder.Resume(0, now_);
   folder.Add(1, Line(1));
   folder.Sync(now_);
@@ -119,7 +178,7 @@ TEST_F(ExportFolderTest, BeginsAFileWhenOneIsLargeOrOld) {
 
 TEST_F(ExportFolderTest, GoesOnAfterAKill) {
   {
-    ExportFolder folder(Options(40));
+    ExportFolder folder(Options(80));
     folder.Resume(0, now_);
     for (const uint64_t sequence : {1, 2, 3}) {
       folder.Add(sequence, Line(sequence));
@@ -128,7 +187,7 @@ TEST_F(ExportFolderTest, GoesOnAfterAKill) {
   }
   std::ofstream(path_ + "/S.part", std::ios::app) << Line(4).substr(0, 15);
 
-  ExportFolder folder(Options(40));
+  ExportFolder folder(Options(80));
   folder.Resume(1, now_);  // 2 and 3 come again, for their acknowledgements were lost.
   for (const uint64_t sequence : {2, 3, 4}) folder.Add(sequence, Line(sequence));
   folder.Sync(now_);
@@ -146,7 +205,7 @@ TEST_F(ExportFolderTest, IsOneExportsAlone) {
 TEST_F(ExportFolderTest, SaysWhichFolderItCannotUse) {
   std::ofstream(parent_.path() + "/file") << "x";
   try {
-    ExportFolder folder({parent_.path() + "/file", "S", 1, milliseconds(1)});
+    ExportFolder folder({parent_.path() + "/file", "S", 1, milliseconds(1), 1});
     FAIL() << "a file is no folder";
   } catch (const Fatal& fatal) {
     EXPECT_NE(std::string(fatal.what()).find("/file"), std::string::npos) << fatal.what();

@@ -48,13 +48,9 @@ TEST_F(LedgerTest, StoredReportIsAnsweredOnce) {
   const uint64_t id = Take();
 
   EXPECT_EQ(Hear(id, StoreOutcome::kStored), Answer::kStored);
-  EXPECT_EQ(Hear(id, StoreOutcome::kRepeat), std::nullopt);
+  EXPECT_EQ(Hear(id, StoreOutcome::kStored), std::nullopt);
   EXPECT_TRUE(ledger_.is_empty());
   EXPECT_EQ(ledger_.bytes(), 0u);
-}
-
-TEST_F(LedgerTest, RepeatIsAsGoodAsStored) {
-  EXPECT_EQ(Hear(Take(), StoreOutcome::kRepeat), Answer::kStored);
 }
 
 TEST_F(LedgerTest, IsPublishedAgainAfterTheWait) {
@@ -67,6 +63,44 @@ TEST_F(LedgerTest, IsPublishedAgainAfterTheWait) {
   EXPECT_TRUE(ledger_.Tick(now_).publish.empty()) << "once";
   now_ += milliseconds(1500);
   EXPECT_EQ(ledger_.Tick(now_).publish, Ids{id});
+}
+
+TEST_F(LedgerTest, OfThoseThatAreLateTheEldestArePublishedAgain) {
+  Ids ids;
+  for (int i = 0; i < 10; ++i) ids.push_back(Take());
+
+  now_ += milliseconds(1500);
+  EXPECT_EQ(ledger_.Tick(now_).publish, Ids(ids.begin(), ids.begin() + 8));
+  EXPECT_TRUE(ledger_.Tick(now_).publish.empty()) << "what is late may yet be stored";
+  Hear(ids[9], StoreOutcome::kStored);
+  EXPECT_TRUE(ledger_.Tick(now_).publish.empty()) << "it was published no later than they";
+}
+
+TEST_F(LedgerTest, WhatTheStoreHasLostIsPublishedAgain) {
+  Ids ids;
+  for (int i = 0; i < 10; ++i) ids.push_back(Take());
+  now_ += milliseconds(1499);
+  const uint64_t early = Take();
+  now_ += milliseconds(1);
+  const uint64_t later = Take();
+  ledger_.Tick(now_);
+
+  Hear(early, StoreOutcome::kStored);
+  EXPECT_TRUE(ledger_.Tick(now_).publish.empty());
+  Hear(later, StoreOutcome::kStored);
+  EXPECT_EQ(ledger_.Tick(now_).publish, (Ids{ids[8], ids[9]})) << "the others are under way again";
+  EXPECT_TRUE(ledger_.Tick(now_).publish.empty());
+}
+
+TEST_F(LedgerTest, WhatWasTurnedAwayIsPublishedAgainHoweverMuchItIs) {
+  Ids ids;
+  for (int i = 0; i < 10; ++i) ids.push_back(Take());
+  for (const uint64_t id : ids) Hear(id, StoreOutcome::kAbsent);
+
+  now_ += milliseconds(250);
+  EXPECT_EQ(ledger_.Tick(now_).publish, ids);
+  now_ += milliseconds(1500);
+  EXPECT_EQ(ledger_.Tick(now_).publish.size(), 8u) << "not turned away since";
 }
 
 TEST_F(LedgerTest, NobodyResponsibleIsAskedAgainSoon) {

@@ -59,6 +59,25 @@ TEST(NodesTest, NodeThatLacksSomeIsNoCopyAlsoUnderTraffic) {
   EXPECT_NE(DivergenceOf(busy).find("so it lacks 1 or more"), std::string::npos);
 }
 
+TEST(NodesTest, NodeWithOtherMessagesInTheirPlacesHasOtherBytes) {
+  const auto holding = [](const std::string& url, uint64_t last, uint64_t bytes) {
+    NodeState node = Node(url, last, "56.7Z");
+    node.bytes = bytes;
+    return node;
+  };
+  const std::string found =
+      DivergenceOf({holding("a", 40, 9), holding("b", 40, 8), holding("c", 40, 9)});
+  EXPECT_EQ(found.find("b is no copy: up to message 40 b holds 8 bytes and a 9"), 0u) << found;
+  const std::string first =
+      DivergenceOf({holding("a", 40, 7), holding("b", 40, 8), holding("c", 40, 8)});
+  EXPECT_EQ(first.find("a is no copy"), 0u) << first;
+  const std::string either = DivergenceOf({holding("a", 40, 9), holding("b", 40, 8)});
+  EXPECT_EQ(either.find("a or b is no copy"), 0u) << either;
+  NodeState further = holding("b", 41, 8);
+  further.last_time += "1";
+  EXPECT_EQ(DivergenceOf({holding("a", 40, 9), further}), "") << "that one has come further";
+}
+
 TEST(NodesTest, TimesOfTwoLeadersAreNotCompared) {
   NodeState other = Node("b", 39, "56.71Z");
   other.leader = "b";

@@ -34,12 +34,12 @@ class ProvisionTest(support.Case):
         self.assertIn("more than 80 per cent", text)
         code, text = self.provision("--max-bytes", "100MiB", "--max-age", "72h", *self.monitors())
         self.assertEqual(0, code, text)
-        for line in ("stream REPORTS made replicas=3 max_bytes=104857600 max_age_s=259200 "
-                     "duplicate_window_s=120", "bucket CONTROL made replicas=3", "reader export made"):
+        for line in ("stream REPORTS made replicas=3 max_bytes=104857600 max_age_s=259200 ", "bucket CONTROL made replicas=3", "reader export made"):
             self.assertIn(line, text)
         config = self.wire().request("$JS.API.STREAM.INFO.REPORTS")["config"]
-        self.assertEqual(("file", "new", 3, ["REPORTS.>"]), (config["storage"], config["discard"],
-                                                            config["num_replicas"], config["subjects"]))
+        self.assertEqual(("file", "new", 3, ["REPORTS.>"], 100_000_000),
+                         (config["storage"], config["discard"], config["num_replicas"], config["subjects"],
+                          config["duplicate_window"]))
 
         collector = self.start_collector()
         senders = [support.Sender([collector.port], f"s{i}", 50) for i in range(4)]

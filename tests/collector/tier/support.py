@@ -5,6 +5,7 @@ import http.client
 import json
 import os
 import pathlib
+import re
 import socket
 import sys
 import tempfile
@@ -121,7 +122,7 @@ class Case(unittest.TestCase):
 
     def make_stream(self, **more):
         settings = {"name": "REPORTS", "subjects": ["REPORTS.>"], "storage": "file", "discard": "new",
-                    "num_replicas": len(self.nodes), "duplicate_window": 120_000_000_000, **more}
+                    "num_replicas": len(self.nodes), **more}
         answer = self.wire().request("$JS.API.STREAM.CREATE.REPORTS", settings)
         self.assertNotIn("error", answer)
 
@@ -131,10 +132,11 @@ class Case(unittest.TestCase):
         return collector
 
     def stored(self, stream="REPORTS"):
-        """The first words of all stored bodies, with repeats."""
+        """The first words of all stored bodies, as a reader has them: of one id the first, so what is there twice
+        a sender has sent twice."""
         wire = self.wire()
         state = wire.request(f"$JS.API.STREAM.INFO.{stream}")["state"]
-        found = []
+        found, ids, count = [], set(), 0
         for sequence in range(state["first_seq"], state["last_seq"] + 1):
             def ask():
                 found = wire.request(f"$JS.API.STREAM.MSG.GET.{stream}", {"seq": sequence})
@@ -142,6 +144,10 @@ class Case(unittest.TestCase):
             answer = wait_for(f"message {sequence}", ask)  # Not while leaders change.
             if "error" in answer:
                 continue  # A new leader may leave a number out; the count below tells if it was more.
-            found.append(base64.b64decode(answer["message"].get("data", "")).split()[0].decode())
-        self.assertEqual(state["messages"], len(found))
+            count += 1
+            identity = re.search(rb"Quenor-Id: *(\S+)", base64.b64decode(answer["message"]["hdrs"]))[1]
+            if identity not in ids:
+                found.append(base64.b64decode(answer["message"].get("data", "")).split()[0].decode())
+            ids.add(identity)
+        self.assertEqual(state["messages"], count)
         return found

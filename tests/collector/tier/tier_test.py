@@ -73,7 +73,8 @@ class TierTest(support.Case):
             self.assertEqual("/app%0d%0aX:%20y/reports?v=1", headers["Quenor-Path"])
             self.assertEqual(hashlib.sha256(body).hexdigest(), headers["Quenor-Sha256"])
             self.assertRegex(headers["Quenor-Time"], r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
-            ids.add(headers["Nats-Msg-Id"])
+            ids.add(headers["Quenor-Id"])
+            self.assertNotIn("Nats-Msg-Id", headers, "by which the store would drop it")
         self.assertEqual(2, len(ids), "equal reports are two reports")
 
     def test_node_killed_in_the_middle(self):

@@ -1,0 +1,48 @@
+#!/usr/bin/env python3
+"""What makes deploy's watch kill a node, in virtual time."""
+import importlib.machinery
+import importlib.util
+import pathlib
+import sys
+import unittest
+
+SCRIPT = pathlib.Path(__file__).resolve().parents[3] / "deploy" / "nats-server-watch"
+LOADER = importlib.machinery.SourceFileLoader("nats_server_watch", str(SCRIPT))
+sys.dont_write_bytecode = True
+watch = importlib.util.module_from_spec(importlib.util.spec_from_loader(LOADER.name, LOADER))
+LOADER.exec_module(watch)
+
+
+def page(leader, **heard_s):
+    """Of a node whose stream is led by `leader`, and which has heard of others so many seconds ago."""
+    others = [{"name": name, "active": int(seconds * watch.NANOSECONDS)} for name, seconds in heard_s.items()]
+    return {"meta_cluster": {"leader": "two"},
+            "account_details": [{"stream_detail": [{"cluster": {"leader": leader, "replicas": others}}]}]}
+
+
+class WatchTest(unittest.TestCase):
+    def test_leads_alone(self):
+        judge = watch.Watch().judge
+        self.assertIsNone(judge(page("one", two=0.1, three=9), 1), "two of three are a majority")
+        self.assertIsNone(judge(page("one", two=3, three=9), 2))
+        self.assertIsNone(judge(page("two", two=9, three=9), 3), "it does not lead")
+        self.assertIsNone(judge(page("", two=9, three=9), 4), "nobody does")
+        self.assertIsNone(judge(page("one"), 5), "it is the only one")
+        self.assertIsNone(judge({}, 6))
+        self.assertIn("leads", judge(page("one", two=3.1, three=9), 7))
+        alone = {"meta_cluster": page("one", two=4, three=4)["account_details"][0]["stream_detail"][0]["cluster"]}
+        self.assertIn("leads", judge(alone, 8))
+
+    def test_silent(self):
+        judge = watch.Watch().judge
+        self.assertIsNone(judge(None, 100), "it has not begun")
+        self.assertIsNone(judge({}, 101))
+        self.assertIsNone(judge(None, 103.9))
+        self.assertIn("silent", judge(None, 104))
+        self.assertIsNone(judge(None, 200), "once, until it answers again")
+        self.assertIsNone(judge({}, 201))
+        self.assertIn("silent", judge(None, 204))
+
+
+if __name__ == "__main__":
+    unittest.main()
