@@ -31,6 +31,7 @@ from tier import wait_for
 
 CONNECTIONS = 300
 SIZE = 300
+LEADERS = 5  # That are killed one after the other.
 SKIPPED = 77
 CALM_S = 3  # Of load before a fault and after it.
 STOPPED_S = 10
@@ -235,6 +236,12 @@ def leader_killed(run):
     killed(run, run.leader()[0])
 
 
+def leaders_killed(run):
+    for _ in range(LEADERS):
+        leader_killed(run)
+        run.calm()
+
+
 def leader_stopped(run):
     stopped(run, run.leader()[0])
 
@@ -347,6 +354,7 @@ Fault = collections.namedtuple("Fault", "do parted disks small one_node", defaul
 FAULTS = {
     "follower killed": Fault(follower_killed, one_node=True),
     "leader killed": Fault(leader_killed, one_node=True),
+    "five leaders killed": Fault(leaders_killed, one_node=True),
     "leader stopped": Fault(leader_stopped, one_node=True),
     "follower stopped": Fault(follower_stopped, one_node=True),
     "two nodes down": Fault(two_nodes_down),
@@ -408,8 +416,8 @@ def row(name, results):
     stored, senders, exported = (sum(result[key] for result in results)
                                  for key in ("repeats", "senders", "exported_twice"))
     return (f"{name:26}{len(results):4}{wrong:6}{acknowledged:9}  {missing:9} {lacking:11}{stored:8}{senders:9}"
-            f"{exported:9}{most('worst_ms') / 1000:8.1f}{most('silent_ms') / 1000:8.1f}{most('led_ms') / 1000:7.1f}{most('back_ms') / 1000:7.1f}"
-            f"  {words}")
+            f"{exported:9}{most('worst_ms') / 1000:8.1f}{most('silent_ms') / 1000:8.1f}{most('led_ms') / 1000:7.1f}"
+            f"{most('back_ms') / 1000:7.1f}  {words}")
 
 
 HEAD = (f"{'fault':26}{'runs':>4}{'wrong':>6}{'acknowl.':>9}  {'missing':9} {'lacking':11}{'repeats':>8}{'senders':>9}"

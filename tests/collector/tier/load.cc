@@ -21,9 +21,9 @@
 #include <string>
 #include <vector>
 
-namespace {
+#include "collector/clock.h"
 
-using Clock = std::chrono::steady_clock;
+namespace {
 
 constexpr uint64_t kSizes = 61;    // As reports do, these differ in size.
 constexpr int64_t kPauseMs = 100;  // Before a report goes again.
@@ -105,7 +105,9 @@ class Load {
 
  private:
   int64_t NowMs() const {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started_).count();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(quenor::collector::Now() -
+                                                                 started_)
+        .count();
   }
 
   static bool HasInputEnded() {
@@ -162,7 +164,7 @@ class Load {
   std::deque<Waiting> waiting_;
   CURLM* const multi_;
   curl_slist* headers_ = nullptr;
-  const Clock::time_point started_ = Clock::now();
+  const quenor::collector::Time started_ = quenor::collector::Now();
   uint64_t begun_ = 0;
   double allowance_ = 0;  // Reports that may be begun now.
   int64_t earned_ms_ = 0;

@@ -34,7 +34,8 @@ class ProvisionTest(support.Case):
         self.assertIn("more than 80 per cent", text)
         code, text = self.provision("--max-bytes", "100MiB", "--max-age", "72h", *self.monitors())
         self.assertEqual(0, code, text)
-        for line in ("stream REPORTS made replicas=3 max_bytes=104857600 max_age_s=259200 ", "bucket CONTROL made replicas=3", "reader export made"):
+        for line in ("stream REPORTS made replicas=3 max_bytes=104857600 max_age_s=259200 ",
+                     "bucket CONTROL made replicas=3", "reader export made"):
             self.assertIn(line, text)
         config = self.wire().request("$JS.API.STREAM.INFO.REPORTS")["config"]
         self.assertEqual(("file", "new", 3, ["REPORTS.>"], 100_000_000),
