@@ -92,12 +92,14 @@ class Node(Process):
         self.name, self.host, self.within = name, host, within
         self.port, self.monitor, route = ports
         self.conf, self.log = (os.path.join(folder, name + end) for end in (".conf", ".log"))
+        self.store = os.path.join(folder, name)
+        self.others = []  # Of its cluster.
         self.pid_file = self.conf + ".pid"
         listed = ", ".join(f'"nats://{route}"' for route in routes)
         text = render("nats-server.conf", {
             "server_name: one": f"server_name: {name}",
             '"0.0.0.0:4222"': f'"{host}:{self.port}"',
-            '"127.0.0.1:8222"': f'"{host}:{self.monitor}"',
+            '"0.0.0.0:8222"': f'"{host}:{self.monitor}"',
             '"0.0.0.0:6222"': f'"{host}:{route}"',
             '"nats://one:6222", "nats://two:6222", "nats://three:6222"': listed,
             '"/var/lib/nats"': f'"{os.path.join(folder, name)}"',
@@ -108,7 +110,10 @@ class Node(Process):
             file.write(text)
 
     def start(self):
-        self.run(*self.within, tool("nats-server"), "-c", self.conf)
+        pages = " ".join(node.page() for node in self.others)
+        prepare = f"{DEPLOY}/nats-server-prepare {self.store} {self.name} {pages}"
+        server = f"exec {tool('nats-server')} -c {self.conf}"
+        self.run(*self.within, "sh", "-c", f"{prepare}; {server}" if self.others else server)
         with open(self.pid_file, "w") as file:
             file.write(str(self.process.pid))
 
@@ -128,7 +133,7 @@ class Node(Process):
     def renew(self):
         """Has it copy everything from the others: the remedy for a node that is no copy."""
         self.kill()
-        shutil.rmtree(os.path.splitext(self.conf)[0])
+        shutil.rmtree(self.store)
         self.start()
 
     def state(self, stream):
@@ -145,7 +150,13 @@ def make_nodes(folder, count):
     ports = free_ports(3 * count)
     triples = [ports[3 * i:3 * i + 3] for i in range(count)]
     routes = [f"127.0.0.1:{triple[2]}" for triple in triples]
-    return [Node(folder, f"n{i + 1}", "127.0.0.1", triple, routes) for i, triple in enumerate(triples)]
+    return acquaint([Node(folder, f"n{i + 1}", "127.0.0.1", triple, routes) for i, triple in enumerate(triples)])
+
+
+def acquaint(nodes):
+    for node in nodes:
+        node.others = [other for other in nodes if other is not node]
+    return nodes
 
 
 def store_of(nodes):
@@ -231,7 +242,8 @@ def make_certificate(folder):
 
 
 class Nginx(Process):
-    def __init__(self, folder, collectors):
+    def __init__(self, folder, collectors, more=()):
+        """`more` changes of the configuration, as for render()."""
         self.port = free_ports(1)[0]
         self.cert, self.key = make_certificate(folder)
         self.conf, self.log = os.path.join(folder, "nginx.conf"), os.path.join(folder, "nginx.log")
@@ -244,7 +256,7 @@ class Nginx(Process):
             "server 127.0.0.1:9001 max_fails=3 fail_timeout=2s;": servers,
             "server 127.0.0.1:9002 max_fails=3 fail_timeout=2s;": "",
             "listen 443 ssl": f"listen 127.0.0.1:{self.port} ssl",
-            "/etc/nginx/tls/cert.pem": self.cert, "/etc/nginx/tls/key.pem": self.key}
+            "/etc/nginx/tls/cert.pem": self.cert, "/etc/nginx/tls/key.pem": self.key, **dict(more)}
         temporary = "".join(f"{kind}_temp_path {folder}/{kind};\n"
                             for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
         with open(self.conf, "w") as file:

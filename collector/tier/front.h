@@ -1,8 +1,8 @@
 // Front: the HTTP side of a collector that has a store, without a thread of its own. The library
 // gathers requests; a report's connection is put aside, which costs nothing, until it is answered.
 //
-// It stands behind nginx, which ends TLS, gives slow and malformed requests their 408, 400 and 431,
-// and hands on whole requests only: so libmicrohttpd, whose connections can be suspended, is
+// It stands behind nginx, which ends TLS, closes on slow senders, answers malformed requests and
+// hands on whole ones only: so libmicrohttpd, whose connections can be suspended, is
 // shorter here than the loop of the collector that keeps files, which is exact about all of these.
 // Life: one per collector. Threads: all on one.
 #ifndef COLLECTOR_TIER_FRONT_H_

@@ -34,8 +34,8 @@ class Deaf:
 
 
 class DeployTest(support.Case):
-    def start_nginx(self, collectors):
-        nginx = tier.Nginx(self.folder, collectors)
+    def start_nginx(self, collectors, more=()):
+        nginx = tier.Nginx(self.folder, collectors, more)
         self.addCleanup(nginx.kill)
         nginx.start()
         return nginx
@@ -92,6 +92,23 @@ class DeployTest(support.Case):
                 with context.wrap_socket(plain, server_hostname="localhost") as secure:
                     secure.sendall(text)
                     self.assertEqual(b"400", secure.recv(100).split()[1], text[:40])
+        self.assertEqual(0, self.nodes[0].state("REPORTS")["state"]["messages"])
+
+    def test_who_is_too_slow(self):
+        """nginx closes the connection without a word, and the collector has heard of nothing."""
+        self.start_nodes(1)
+        self.make_stream()
+        collector = self.start_collector()
+        nginx = self.start_nginx([collector], {"client_header_timeout 10s": "client_header_timeout 1s",
+                                               "client_body_timeout 60s": "client_body_timeout 1s"})
+        context = ssl.create_default_context(cafile=nginx.cert)
+        for text in (b"POST /app HTTP/1.1\r\nHost: a\r\n",
+                     b"POST /app HTTP/1.1\r\nHost: a\r\nContent-Length: 9\r\n\r\nabc"):
+            with socket.create_connection(("127.0.0.1", nginx.port), timeout=support.PATIENCE_S) as plain:
+                with context.wrap_socket(plain, server_hostname="localhost") as secure:
+                    secure.sendall(text)
+                    self.assertEqual(b"", secure.recv(1000), text)
+        self.assertEqual(0, collector.metric("reports_held"))
         self.assertEqual(0, self.nodes[0].state("REPORTS")["state"]["messages"])
 
     def test_post_goes_to_one_collector(self):

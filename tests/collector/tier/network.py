@@ -50,7 +50,7 @@ def make_nodes(folder, count, at_end):
         for device in ("lo", "wire"):
             subprocess.run([*within, "ip", "link", "set", device, "up"], check=True)
         nodes.append(tier.Node(folder, f"n{number}", host, PORTS, routes, within))
-    return nodes
+    return tier.acquaint(nodes)
 
 
 def cut(*nodes):

@@ -6,11 +6,19 @@ import pathlib
 import sys
 import unittest
 
-SCRIPT = pathlib.Path(__file__).resolve().parents[3] / "deploy" / "nats-server-watch"
-LOADER = importlib.machinery.SourceFileLoader("nats_server_watch", str(SCRIPT))
-sys.dont_write_bytecode = True
-watch = importlib.util.module_from_spec(importlib.util.spec_from_loader(LOADER.name, LOADER))
-LOADER.exec_module(watch)
+DEPLOY = pathlib.Path(__file__).resolve().parents[3] / "deploy"
+
+
+def load(name):
+    """A script of deploy/ as a module."""
+    sys.dont_write_bytecode = True
+    loader = importlib.machinery.SourceFileLoader(name.replace("-", "_"), str(DEPLOY / name))
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader(loader.name, loader))
+    loader.exec_module(module)
+    return module
+
+
+watch = load("nats-server-watch")
 
 
 def page(leader, **heard_s):
