@@ -101,6 +101,12 @@ std::vector<std::string> ParseStore(const std::string& text) {
   for (size_t begin = 0; begin <= text.size();) {
     const size_t end = std::min(text.find(',', begin), text.size());
     std::string node = text.substr(begin, end - begin);
+    if (node.compare(0, 6, "tls://") == 0) {
+      throw Fatal(kExitUsage,
+                  "no TLS to the store: \"" + text +
+                      "\"; give the nodes as in nats://one,two, and collectors and nodes a network "
+                      "that nobody else is on");
+    }
     if (node.compare(0, kScheme.size(), kScheme) == 0) node.erase(0, kScheme.size());
     if (node.empty() || node.find('/') != std::string::npos) {
       throw Fatal(kExitUsage,

@@ -211,6 +211,7 @@ TEST(OptionsTest, WhatHasNoMeaningBesideAStoreIsRefused) {
             std::string::npos);
   EXPECT_NE(UsageError({"--hold", "1s"}).find("requires --store"), std::string::npos);
   EXPECT_NE(UsageError({"--store", "a,,b"}).find("give the nodes as in"), std::string::npos);
+  EXPECT_NE(UsageError({"--store", "a,tls://b"}).find("no TLS to the store"), std::string::npos);
   EXPECT_NE(UsageError({"--store", "http://a"}).find("give the nodes as in"), std::string::npos);
   EXPECT_NE(UsageError({"--store", "a", "--send-interval", "9"}).find("at least 15000"),
             std::string::npos);
