@@ -66,6 +66,14 @@ struct Commands::Parsed {
 
 namespace {
 
+// Of something in the store.
+void AddName(CLI::App* app, const char* option, std::string* name, const char* help) {
+  app->add_option(option, *name, help)
+      ->type_name("NAME")
+      ->check(StoreName())
+      ->capture_default_str();
+}
+
 void AddProvision(CLI::App* app, ProvisionOptions* options) {
   app->add_option("--replicas", options->replicas, "how many nodes hold each message")
       ->type_name("N")
@@ -81,14 +89,8 @@ void AddProvision(CLI::App* app, ProvisionOptions* options) {
       ->type_name("TIME")
       ->transform(AsTime())
       ->check(WholeNumber(1000, kMaxTimeMs));
-  app->add_option("--bucket", options->store.bucket, "the bucket of the control fields")
-      ->type_name("NAME")
-      ->check(StoreName())
-      ->capture_default_str();
-  app->add_option("--reader", options->reader, "the durable reader")
-      ->type_name("NAME")
-      ->check(StoreName())
-      ->capture_default_str();
+  AddName(app, "--bucket", &options->store.bucket, "the bucket of the control fields");
+  AddName(app, "--reader", &options->reader, "the durable reader");
   CLI::Option* const monitor =
       app->add_option("--monitor", options->monitors,
                       "a node's monitoring address, as in http://one:8222; may be repeated")
@@ -113,10 +115,7 @@ void AddExport(CLI::App* app, ExportOptions* options) {
       ->type_name("FOLDER")
       ->required()
       ->check(NotEmpty());
-  app->add_option("--reader", options->reader, "the durable reader, as provision made it")
-      ->type_name("NAME")
-      ->check(StoreName())
-      ->capture_default_str();
+  AddName(app, "--reader", &options->reader, "the durable reader, as provision made it");
   app->add_option("--rotate-size", options->rotate_bytes, "begin a new file beyond it")
       ->type_name("SIZE")
       ->transform(AsSize())
@@ -167,14 +166,8 @@ void AddPage(CLI::App* app, std::string* listen, PageOptions* options) {
           "a collector, as in http://127.0.0.1:9001; may be repeated");
   AddUrls(app, "--monitor", &options->monitors,
           "a node's monitoring address, as in http://one:8222; may be repeated");
-  app->add_option("--bucket", options->store.bucket, "the bucket of the control fields")
-      ->type_name("NAME")
-      ->check(StoreName())
-      ->capture_default_str();
-  app->add_option("--reader", options->reader, "the durable reader whose lag is shown")
-      ->type_name("NAME")
-      ->check(StoreName())
-      ->capture_default_str();
+  AddName(app, "--bucket", &options->store.bucket, "the bucket of the control fields");
+  AddName(app, "--reader", &options->reader, "the durable reader whose lag is shown");
 }
 
 CLI::Option* AddField(CLI::App* app, const char* name, std::optional<uint32_t>* field,
@@ -215,10 +208,7 @@ void AddControl(CLI::App* app, std::string* store, ControlOptions* options) {
   for (CLI::App* const each : {show, set, policy}) {
     each->footer(kControlFooter);
     AddStore(each, true, store, &options->store);
-    each->add_option("--bucket", options->store.bucket, "the bucket of the control fields")
-        ->type_name("NAME")
-        ->check(StoreName())
-        ->capture_default_str();
+    AddName(each, "--bucket", &options->store.bucket, "the bucket of the control fields");
   }
   AddControlSet(set, options);
   AddControlPolicy(policy, options);
