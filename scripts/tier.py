@@ -43,8 +43,8 @@ def wait_for(what, ready):
             found = ready()
             if found:
                 return found
-        except (OSError, ValueError, KeyError, http.client.HTTPException):
-            pass
+        except (OSError, ValueError, KeyError, TypeError, http.client.HTTPException):
+            pass  # Nobody answers, or what does has not got so far.
         time.sleep(0.05)
     raise AssertionError(f"waited {PATIENCE_S} s for {what}")
 

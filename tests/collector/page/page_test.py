@@ -80,6 +80,7 @@ class PageTest(PageCase):
             self.assertEqual(200, post(self.collectors[number % 2], b"x" * 1000)[0])
         node = self.nodes[0]
         wait_for("all messages", lambda: self.row(self.text(), node.page())["messages"] == "20")
+        self.wait_text('<td data-head="not exported yet">20</td>')
         text = wait_for("answers", lambda: self.row(self.text(), "200")["since the collectors began"] == "20"
                         and self.text())
         collector = self.row(text, f"http://127.0.0.1:{self.collectors[0].port}")

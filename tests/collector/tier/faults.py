@@ -76,13 +76,22 @@ class Run:
                 self.at_end(watch.wait)
                 self.at_end(watch.kill)
 
-    def rest(self, node):
-        """For as long as a fault lasts; a node that its watch has killed starts again after a second."""
-        end = time.monotonic() + STOPPED_S
-        while time.monotonic() < end:
-            time.sleep(1)
-            if node.process.poll() is not None:
+    def revive(self):
+        """As systemd does: a node that its watch has killed starts again."""
+        for node in self.nodes:
+            if node.process and node.process.poll() is not None:
                 node.start()
+
+    def rest(self):
+        """For as long as a fault lasts."""
+        for _ in range(STOPPED_S):
+            time.sleep(1)
+            self.revive()
+
+    def refused(self):
+        """Whether a collector has answered 503, as it does after its --hold."""
+        self.revive()
+        return self.answered(503) > 0
 
     def start(self, fault):
         self.start_nodes(fault.parted, fault.disks)
@@ -129,6 +138,7 @@ class Run:
         before = self.answered(200)
         wait_for("reports", lambda: self.answered(200) > before + 20)
         time.sleep(CALM_S)
+        self.revive()  # Whom its watch has killed last of all.
 
     def leader(self):
         """Who leads the stream, and the two others."""
@@ -230,7 +240,7 @@ def killed(run, node):
 
 def stopped(run, node):
     node.pause()
-    run.rest(node)
+    run.rest()
     node.go_on()
 
 
@@ -268,7 +278,7 @@ def course(run):
 def two_nodes_down(run):
     for node in run.nodes[1:]:
         node.kill()
-    wait_for("refusals", lambda: run.answered(503) > 0)
+    wait_for("refusals", run.refused)
     for node in run.nodes[1:]:
         node.start()
     run.mark("mended")
@@ -337,13 +347,13 @@ def leader_parted(run):
 
 def parted(run, node):
     network.cut(node)
-    run.rest(node)
+    run.rest()
     network.join(node)
 
 
 def each_parted(run):
     network.cut(*run.nodes[1:])
-    wait_for("refusals", lambda: run.answered(503) > 0)
+    wait_for("refusals", run.refused)
     network.join(*run.nodes[1:])
     run.mark("mended")
 
