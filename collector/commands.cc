@@ -184,6 +184,8 @@ void AddControlSet(CLI::App* app, ControlOptions* options) {
            "\"uint32_max_resend_count\"; 0: none");
   AddField(app, "--report-duration", &options->report_duration_s, "S",
            "\"uint32_report_duration\"; 0: none");
+  app->add_flag("--anew", options->anew,
+                "begin with what holds before anything is set, whatever is set, by whomever");
 }
 
 void AddControlPolicy(CLI::App* app, ControlOptions* options) {

@@ -12,8 +12,10 @@ namespace quenor::collector {
 
 CLI::Validator WholeNumber(uint64_t low, uint64_t high) {
   const auto check = [low, high](std::string& text) -> std::string {
+    // A leading zero would have some readers take it for octal.
     const bool is_number = !text.empty() && text.size() <= 19 &&
-                           text.find_first_not_of("0123456789") == std::string::npos;
+                           text.find_first_not_of("0123456789") == std::string::npos &&
+                           (text.size() == 1 || text.front() != '0');
     const uint64_t number = is_number ? std::strtoull(text.c_str(), nullptr, 10) : 0;
     if (is_number && number >= low && number <= high) return "";
     return "not a whole number from " + std::to_string(low) + " to " + std::to_string(high) +

@@ -157,6 +157,9 @@ void AddTier(CLI::App* app, std::string* store, TierOptions* tier, std::array<in
       ->transform(AsSize())
       ->check(WholeNumber(1, kMaxSizeBytes))
       ->default_str("256MiB");
+  add("--bucket", tier->store.bucket, "the bucket of the control fields", "NAME")
+      ->check(StoreName())
+      ->capture_default_str();
   add("--path", tier->paths, "take reports on this path alone; may be repeated", "PATH")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)

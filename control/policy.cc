@@ -23,6 +23,10 @@ uint32_t Bounded(double value, uint32_t most) {
   return static_cast<uint32_t>(std::clamp(std::round(value), 1.0, static_cast<double>(most)));
 }
 
+uint32_t Drawn(double low_ms, double high_ms, double random) {
+  return Bounded(low_ms + random * (high_ms - low_ms), kMostIntervalMs);
+}
+
 }  // namespace
 
 std::string ProblemOf(const Settings& settings) {
@@ -95,8 +99,9 @@ void Policy::Tick(const Load& load) {
       }
       break;
     case Kind::kPace:
-      interval_ms_ = std::clamp(interval_ms_ * std::clamp(ratio, kPaceLeast, kPaceMost),
-                                std::min<double>(kPaceFloorMs, high_ms), high_ms);
+      interval_ms_ = std::clamp(
+          interval_ms_ * std::clamp(ratio, kPaceLeast, kPaceMost),
+          std::min<double>(std::max(kPaceFloorMs, settings_.least_ms), high_ms), high_ms);
       break;
     case Kind::kSteer:
       interval_ms_ = std::clamp(interval_ms_ * std::clamp(ratio, kSteerLeast, kSteerMost),
@@ -111,10 +116,10 @@ Fields Policy::Reply(double random) const {
   fields.max_resend_count = kMostResendCount;
   fields.report_duration_s = duration_s();
   if (settings_.kind == Kind::kFixed) {
-    const double span_ms = double{1} * settings_.high_ms - settings_.low_ms;
-    fields.send_interval_ms = Bounded(settings_.low_ms + random * span_ms, kMostIntervalMs);
+    fields.send_interval_ms = Drawn(settings_.low_ms, settings_.high_ms, random);
   } else if (interval_ms_ > 0) {
-    fields.send_interval_ms = Bounded(interval_ms_ * (kLeastJitter + random), kMostIntervalMs);
+    const double least_ms = std::max<double>(kLeastJitter * interval_ms_, settings_.least_ms);
+    fields.send_interval_ms = Drawn(least_ms, (1 + kLeastJitter) * interval_ms_, random);
   }
   return fields;
 }

@@ -26,7 +26,7 @@ enum class Kind {
   // from then on for ever an interval, the lower bound when calm: no reply can take one back.
   kBrake,
   // One interval for the fleet, which each tick multiplies by use / target, at least by a half and
-  // at most by two, between kPaceFloorMs and the upper bound.
+  // at most by two, between kPaceFloorMs (or least_ms) and the upper bound.
   kPace,
   // As kPace between both bounds, by at least 0.97 and at most 1.15: short of nothing when it is
   // calm, and soon longer when it is not. The default.
@@ -56,6 +56,9 @@ struct Settings {
   // that only waits.
   uint32_t low_duration_s = 0;
   uint32_t high_duration_s = 0;
+  // No reply brings less than this, nor does kPace go below it. The jitter is drawn above it, so
+  // that a fleet at the bound does not send in step.
+  uint32_t least_ms = 0;
 };
 
 // Empty, or one line that names the value that cannot be meant and says what to give instead.

@@ -31,6 +31,9 @@ struct ControlChange {
   std::optional<uint32_t> send_interval_ms;
   std::optional<uint32_t> max_resend_count;
   std::optional<uint32_t> report_duration_s;
+
+  // Whether it gives what holds with no policy alone.
+  bool GivesFields() const { return send_interval_ms || max_resend_count || report_duration_s; }
 };
 
 // Throws Fatal for what cannot be meant.

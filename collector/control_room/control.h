@@ -14,6 +14,7 @@ namespace quenor::collector {
 struct ControlOptions : ControlChange {
   StoreOptions store;
   bool change = false;
+  bool anew = false;  // The change is of what holds before anything is set.
 };
 
 // Throws Fatal.

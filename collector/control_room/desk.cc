@@ -19,20 +19,27 @@ std::optional<uint64_t> Given(uint32_t value) {
   return value == 0 ? std::nullopt : std::optional<uint64_t>(value);
 }
 
+control::Policy MakePolicy(const ControlSettings& settings) {
+  control::Settings policy = settings.policy;
+  policy.least_ms = policy.kind == control::Kind::kPace ? policy.low_ms : kLeastIntervalMs;
+  return control::Policy(policy);
+}
+
 }  // namespace
+
+Desk::Desk(const ControlSettings& settings) : settings_(settings), policy_(MakePolicy(settings)) {}
 
 void Desk::Apply(const ControlSettings& settings, uint64_t revision) {
   // A policy has learnt something: the same one goes on from there.
-  ControlSettings before = settings_;
-  before.send_interval_ms = settings.send_interval_ms;
-  before.max_resend_count = settings.max_resend_count;
-  before.report_duration_s = settings.report_duration_s;
-  if (ToJson(before) != ToJson(settings)) policy_ = control::Policy(settings.policy);
+  ControlSettings before = settings;
+  before.policy = settings_.policy;
+  if (ToJson(before) != ToJson(settings)) policy_ = MakePolicy(settings);
   settings_ = settings;
   revision_ = revision;
 }
 
-void Desk::Tick(uint64_t arrived, double held, double seconds) {
+void Desk::Tick(uint64_t arrived, uint64_t stored, double held, double seconds) {
+  if (stored == 0) return;
   const double asked = static_cast<double>(arrived) / (settings_.capacity * seconds);
   policy_.Tick({arrived, std::max(asked, held)});
 }
@@ -45,8 +52,6 @@ std::string Desk::Reply(double random) const {
     if (settings_.send_interval_ms != 0) {
       fields.send_interval_ms = Jittered(settings_.send_interval_ms, random);
     }
-  } else if (fields.send_interval_ms != 0) {
-    fields.send_interval_ms = std::max(fields.send_interval_ms, kLeastIntervalMs);
   }
   ReplyOptions reply;
   reply.send_interval_ms = Given(fields.send_interval_ms);

@@ -14,13 +14,14 @@ namespace quenor::collector {
 class Desk {
  public:
   // `settings` are without a problem, here and below.
-  explicit Desk(const ControlSettings& settings) : settings_(settings), policy_(settings.policy) {}
+  explicit Desk(const ControlSettings& settings);
 
   void Apply(const ControlSettings& settings, uint64_t revision);
 
-  // Of the seconds since the last tick: what arrived, and the largest part of what may be held that
-  // was.
-  void Tick(uint64_t arrived, double held, double seconds);
+  // Of the seconds since the last tick: what arrived, what of it the store took, and the largest
+  // part of what may be held that was. Where the store took nothing, nothing is learnt: what came
+  // then and was refused says nothing about a calm.
+  void Tick(uint64_t arrived, uint64_t stored, double held, double seconds);
 
   // The JSON object; `random` is drawn anew for each, evenly from [0, 1).
   std::string Reply(double random) const;

@@ -1,6 +1,5 @@
 #include "collector/control_room/room.h"
 
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -19,25 +18,34 @@ ControlRoom::ControlRoom(const StoreOptions& store, const Session& session) : st
   bucket_.reset(made);
 }
 
-ControlFound ControlRoom::Read() const {
-  ControlFound found;
+ControlRoom::EntryPtr ControlRoom::Get() const {
   kvEntry* entry = nullptr;
   const natsStatus status = kvStore_Get(&entry, bucket_.get(), store_.stream.c_str());
-  if (status == NATS_NOT_FOUND) return found;
-  Require(status, "read what is set for stream " + store_.stream);
-  const std::unique_ptr<kvEntry, Destroyer<kvEntry_Destroy>> owner(entry);
-  const std::string json(static_cast<const char*>(kvEntry_Value(entry)),
-                         static_cast<size_t>(kvEntry_ValueLen(entry)));
+  if (status != NATS_NOT_FOUND) Require(status, "read what is set for stream " + store_.stream);
+  return EntryPtr(entry);
+}
+
+uint64_t ControlRoom::ReadRevision() const {
+  const EntryPtr entry = Get();
+  return entry ? kvEntry_Revision(entry.get()) : 0;
+}
+
+ControlFound ControlRoom::Read() const {
+  ControlFound found;
+  const EntryPtr entry = Get();
+  if (!entry) return found;
+  const std::string json(static_cast<const char*>(kvEntry_Value(entry.get())),
+                         static_cast<size_t>(kvEntry_ValueLen(entry.get())));
   std::string problem;
   const std::optional<ControlSettings> settings = SettingsFromJson(json, &problem);
   if (!settings) {
     throw Fatal(kExitMismatch, "what is set for stream " + store_.stream +
                                    " was not set by this program: " + problem +
-                                   "; collectors ignore it; delete key " + store_.stream +
-                                   " of bucket " + store_.bucket + " and set it again");
+                                   "; collectors ignore it; set it anew with quenor-collector "
+                                   "control set --anew");
   }
   found.settings = *settings;
-  found.revision = kvEntry_Revision(entry);
+  found.revision = kvEntry_Revision(entry.get());
   return found;
 }
 

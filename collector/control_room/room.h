@@ -4,6 +4,7 @@
 #define COLLECTOR_CONTROL_ROOM_ROOM_H_
 
 #include <cstdint>
+#include <memory>
 
 #include "collector/control_room/change.h"
 #include "collector/store/options.h"
@@ -19,10 +20,18 @@ class ControlRoom {
   // Throws Fatal; with kExitMismatch if what is set was not set by this program.
   ControlFound Read() const;
 
+  // Of whatever is set, whoever set it; 0: nothing. Throws Fatal.
+  uint64_t ReadRevision() const;
+
   // The new revision. Throws Fatal, also if what is set is no longer `revision`.
   uint64_t Write(const ControlSettings& settings, uint64_t revision) const;
 
  private:
+  using EntryPtr = std::unique_ptr<kvEntry, Destroyer<kvEntry_Destroy>>;
+
+  // Null: nothing is set.
+  EntryPtr Get() const;
+
   const StoreOptions store_;
   BucketPtr bucket_;
 };

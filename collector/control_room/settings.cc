@@ -13,6 +13,7 @@ namespace {
 
 constexpr uint32_t kMostCapacity = 10'000'000;
 constexpr double kPercent = 100;
+constexpr size_t kMostJsonBytes = 4096;
 
 // The numbers of the object, by their names there; the target is in per cent.
 auto Members(ControlSettings* settings) {
@@ -72,8 +73,12 @@ std::string ToJson(const ControlSettings& settings) {
 }
 
 std::optional<ControlSettings> SettingsFromJson(const std::string& json, std::string* problem) {
+  if (json.size() > kMostJsonBytes) {
+    *problem = "it is larger than " + std::to_string(kMostJsonBytes) + " bytes";
+    return std::nullopt;
+  }
   rapidjson::Document document;
-  document.Parse(json.data(), json.size());
+  document.Parse<rapidjson::kParseIterativeFlag>(json.data(), json.size());
   if (document.HasParseError() || !document.IsObject()) {
     *problem = "it is no JSON object";
     return std::nullopt;

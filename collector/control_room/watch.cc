@@ -19,6 +19,8 @@ using std::chrono::milliseconds;
 constexpr int64_t kPatienceMs = 1'000;  // For an answer of the store.
 constexpr int64_t kWaitMs = 100;        // For the watcher; how late the end may be noticed.
 constexpr milliseconds kLookEvery{2'000};
+constexpr milliseconds kFirstLookEvery{100};  // Until one was answered: nobody waits for control.
+constexpr int kOlderLooks = 3;                // One alone may be a node's that lags.
 
 }  // namespace
 
@@ -59,22 +61,28 @@ void ControlWatch::Run() {
   while (!ends_) {
     if (Now() >= next_look) {
       Look();
-      next_look = Now() + kLookEvery;
+      next_look = Now() + (has_looked_ ? kLookEvery : kFirstLookEvery);
+    }
+    if (!watcher_) {
+      nats_Sleep(kWaitMs);
+      continue;
     }
     kvEntry* entry = nullptr;
-    if (watcher_ && kvWatcher_Next(&entry, watcher_.get(), kWaitMs) == NATS_OK) {
+    const natsStatus status = kvWatcher_Next(&entry, watcher_.get(), kWaitMs);
+    if (status == NATS_OK) {
       if (entry != nullptr) Found(entry);  // Null: all that was there has been told.
-    } else {
-      nats_Sleep(watcher_ ? 0 : kWaitMs);
+    } else if (status != NATS_TIMEOUT) {
+      watcher_.reset();  // The next look makes another one.
     }
   }
 }
 
 bool ControlWatch::OpenBucket() {
+  if (bucket_) return true;
   kvStore* found = nullptr;
-  if (!bucket_ && js_KeyValue(&found, context_.get(), store_.bucket.c_str()) == NATS_OK) {
-    bucket_.reset(found);
-  }
+  const natsStatus status = js_KeyValue(&found, context_.get(), store_.bucket.c_str());
+  bucket_.reset(found);
+  has_looked_ = has_looked_ || status == NATS_NOT_FOUND;
   return bucket_ != nullptr;
 }
 
@@ -91,9 +99,19 @@ void ControlWatch::Look() {
   if (!OpenBucket()) return;
   kvEntry* entry = nullptr;
   const natsStatus status = kvStore_Get(&entry, bucket_.get(), store_.stream.c_str());
-  const bool lags = status == NATS_OK && kvEntry_Revision(entry) > revision_;
-  if (status == NATS_OK) Found(entry);
-  if (lags || !watcher_) OpenWatcher();
+  if (status != NATS_OK && status != NATS_NOT_FOUND) return;
+  has_looked_ = true;
+  const uint64_t revision = entry == nullptr ? 0 : kvEntry_Revision(entry);
+  older_looks_ = revision < revision_ ? older_looks_ + 1 : 0;
+  const bool is_anew = older_looks_ == kOlderLooks;
+  if (is_anew) {
+    older_looks_ = 0;
+    revision_ = 0;
+    if (revision == 0) Leave(Value());
+  }
+  const bool lags = revision > revision_;
+  if (entry != nullptr) Found(entry);
+  if (lags || is_anew || !watcher_) OpenWatcher();
 }
 
 void ControlWatch::Found(kvEntry* owned) {
@@ -105,6 +123,10 @@ void ControlWatch::Found(kvEntry* owned) {
   value.revision = revision;
   value.json.assign(static_cast<const char*>(kvEntry_Value(owned)),
                     static_cast<size_t>(kvEntry_ValueLen(owned)));
+  Leave(std::move(value));
+}
+
+void ControlWatch::Leave(Value value) {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     value_ = std::move(value);

@@ -1,6 +1,8 @@
 // ControlWatch: brings what an operator sets in the store's bucket. It is told by a watcher of the
 // client library's, and reads the revision every two seconds itself: after a node's death a watcher
-// may hear nothing any more and say nothing about it; it is then made anew.
+// may hear nothing any more and say nothing about it; it is then made anew. A revision that has
+// fallen, or is gone, and stays so for some looks is a bucket that was made anew, or a key that was
+// deleted: what is there then holds.
 // Life: one per collector, ends before the connection. Threads: one of its own, which leaves what
 // it finds behind; Take() on any other.
 #ifndef COLLECTOR_CONTROL_ROOM_WATCH_H_
@@ -23,7 +25,7 @@ namespace quenor::collector {
 class ControlWatch {
  public:
   struct Value {
-    uint64_t revision = 0;
+    uint64_t revision = 0;  // 0: nothing is set any more.
     std::string json;
   };
 
@@ -45,6 +47,7 @@ class ControlWatch {
   void OpenWatcher();
   void Look();
   void Found(kvEntry* entry);
+  void Leave(Value value);
 
   const StoreOptions store_;
   ContextPtr context_;
@@ -54,6 +57,8 @@ class ControlWatch {
   BucketPtr bucket_;
   WatcherPtr watcher_;
   uint64_t revision_ = 0;  // The newest that was found.
+  int older_looks_ = 0;    // In a row, each of which found an older one, or none.
+  bool has_looked_ = false;
 
   std::mutex mutex_;  // Guards the one below.
   std::optional<Value> value_;

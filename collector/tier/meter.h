@@ -37,6 +37,7 @@ class Meter {
   };
   // Reports that were answered, whatever they were.
   uint64_t answered() const;
+  uint64_t stored() const { return stored_; }
   // "requests=… stored=… bytes=… rejected=… late=… full=…"
   std::string Line() const;
   std::string Text(const Present& present, Time now) const;

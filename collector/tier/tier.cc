@@ -29,6 +29,8 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr int kTickMs = 50;
+constexpr int kCalmTickMs =
+    static_cast<int>(1000 * control::kTickSeconds);  // For the policy alone.
 constexpr milliseconds kLeaveTime{1'000};  // For answers that are on their way at the end.
 
 // Lines about rejected reports in a second; all are counted.
@@ -79,6 +81,7 @@ class Tier {
   std::unordered_map<uint64_t, Held> held_;  // Of the ledger's reports, by their numbers.
   Time policy_ticked_ = Now();
   uint64_t answered_then_ = 0;
+  uint64_t stored_then_ = 0;
   double most_held_ = 0;  // Of what may be, since then.
   Time lines_since_{};
   int lines_ = 0;
@@ -146,9 +149,9 @@ void Tier::Run() {
 
 int Tier::WaitMs() const {
   const bool is_calm = ledger_.is_empty() && ledger_.GetState(Now()) != TierState::kDraining;
+  const int most_ms = is_calm ? kCalmTickMs : kTickMs;
   const int wait_ms = front_.TimeoutMs();
-  if (is_calm) return wait_ms;
-  return wait_ms < 0 ? kTickMs : std::min(wait_ms, kTickMs);
+  return wait_ms < 0 ? most_ms : std::min(wait_ms, most_ms);
 }
 
 void Tier::Drain() {
@@ -316,6 +319,7 @@ void Tier::Tick() {
 void Tier::OnControl() {
   const std::optional<ControlWatch::Value> value = watch_.Take();
   if (!value) return;
+  if (value->revision == 0) return desk_.Apply(options_.control, 0);
   std::string problem;
   const std::optional<ControlSettings> settings = SettingsFromJson(value->json, &problem);
   if (settings) return desk_.Apply(*settings, value->revision);
@@ -327,14 +331,18 @@ void Tier::OnControl() {
 }
 
 void Tier::TickPolicy(Time now) {
-  const double held =
-      static_cast<double>(ledger_.reports()) / static_cast<double>(options_.hold.max_reports);
-  most_held_ = std::max(most_held_, held);
+  const auto part = [](uint64_t held, uint64_t most) {
+    return static_cast<double>(held) / static_cast<double>(most);
+  };
+  most_held_ = std::max({most_held_, part(ledger_.reports(), options_.hold.max_reports),
+                         part(ledger_.bytes(), options_.hold.max_bytes)});
   const double seconds = std::chrono::duration<double>(now - policy_ticked_).count();
   if (seconds < control::kTickSeconds) return;
   const uint64_t answered = meter_.answered();
-  desk_.Tick(answered - answered_then_, most_held_, seconds);
+  const uint64_t stored = meter_.stored();
+  desk_.Tick(answered - answered_then_, stored - stored_then_, most_held_, seconds);
   answered_then_ = answered;
+  stored_then_ = stored;
   most_held_ = 0;
   policy_ticked_ = now;
 }

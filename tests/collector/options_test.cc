@@ -186,6 +186,11 @@ TEST(OptionsTest, CertificateAndKeyNeedEachOther) {
   EXPECT_NE(UsageError({"--key", "k"}).find("--cert"), std::string::npos);
 }
 
+TEST(OptionsTest, NumberWithALeadingZeroIsNotTakenForOctal) {
+  EXPECT_NE(UsageError({"--threads", "010"}).find("not a whole number from 1 to 4096: \"010\""),
+            std::string::npos);
+}
+
 TEST(OptionsTest, StoreIsAListOfNodes) {
   const TierOptions tier =
       Parse({"--store", "nats://a,u:p@b:4223,nats://c", "--stream", "S-1", "--hold", "2500ms",

@@ -74,21 +74,32 @@ TEST(ControlSettingsTest, WhatCannotBeMeantIsNamed) {
 
 TEST(ControlSettingsTest, WhatOthersWroteIsRefused) {
   const std::string good = ToJson(Fixed());
-  for (const auto& [what, with] : {std::pair{"\"fixed\"", "\"none\""},
-                                   {"\"none\"", "\"flood\""},
+  for (const auto& [what, with] : {std::pair{"\"none\"", "\"flood\""},
+                                   {"\"none\"", "7"},
                                    {"20000", "-1"},
                                    {"20000", "1"},
                                    {"20000", "4294967296"},
                                    {"20000", "\"20000\""},
+                                   {"20000", "2e4"},
+                                   {"20000", "[[[[]]]]"},
+                                   {"}", "} {}"},
                                    {"low_ms", "LOW"},
                                    {"{", "["}}) {
     std::string text = good;
     const size_t at = text.find(what);
-    if (at == std::string::npos) continue;
+    ASSERT_NE(at, std::string::npos) << what;
     text.replace(at, std::string(what).size(), with);
     std::string problem;
     EXPECT_FALSE(SettingsFromJson(text, &problem)) << text;
     EXPECT_NE(problem, "") << text;
+  }
+}
+
+TEST(ControlSettingsTest, NestingWithoutEndIsNoStackWithoutEnd) {
+  for (const size_t deep : {4'000, 4'000'000}) {
+    std::string problem;
+    EXPECT_FALSE(SettingsFromJson(std::string(deep, '['), &problem));
+    EXPECT_NE(problem, "");
   }
 }
 
@@ -120,13 +131,15 @@ TEST(DeskTest, PolicyLengthensTheIntervalUnderLoad) {
   Desk desk(Steering());
   EXPECT_EQ(desk.interval_ms(), 30'000u);
 
-  desk.Tick(2'000, 0, 10);  // Twice what it can take.
+  desk.Tick(2'000, 1'000, 0, 10);  // Twice what it can take.
   EXPECT_EQ(desk.interval_ms(), 34'500u);
-  desk.Tick(10, 1.0, 10);  // Few came, and as many are held as may be.
+  desk.Tick(10, 10, 1.0, 10);  // Few came, and as many are held as may be.
   EXPECT_EQ(desk.interval_ms(), 38'333u);
-  desk.Tick(0, 0, 10);
+  desk.Tick(0, 0, 0, 10);
   EXPECT_EQ(desk.interval_ms(), 38'333u) << "an outage is no calm";
-  desk.Tick(10, 0, 10);
+  desk.Tick(10, 0, 0, 10);
+  EXPECT_EQ(desk.interval_ms(), 38'333u) << "nor is one in which all is refused";
+  desk.Tick(10, 10, 0, 10);
   EXPECT_EQ(desk.interval_ms(), 37'183u);
 }
 
@@ -136,13 +149,26 @@ TEST(DeskTest, NoReplyBringsLessThanTheLeastInterval) {
   ASSERT_EQ(ProblemOf(settings), "");
 
   EXPECT_EQ(IntervalOf(Desk(settings).Reply(0)), kLeastIntervalMs);
+  EXPECT_EQ(IntervalOf(Desk(settings).Reply(0.4)), 18'000u) << "and a fleet at it is spread";
+}
+
+TEST(DeskTest, PaceGoesNoLowerThanItIsTold) {
+  ControlSettings settings = Steering();
+  settings.policy.kind = control::Kind::kPace;
+  Desk desk(settings);
+
+  for (int i = 0; i < 10; ++i) desk.Tick(1, 1, 0, 10);
+  EXPECT_EQ(desk.interval_ms(), 30'000u);
+  EXPECT_EQ(IntervalOf(desk.Reply(0)), 30'000u);
+  EXPECT_EQ(IntervalOf(desk.Reply(0.5)), 37'500u);
 }
 
 TEST(DeskTest, PolicyKeepsWhatItLearntThroughARevisionOfTheFields) {
   Desk desk(Steering());
-  desk.Tick(2'000, 0, 10);
+  desk.Tick(2'000, 1'000, 0, 10);
   ControlSettings next = Steering();
   next.report_duration_s = 9;
+  next.capacity = 50;
   desk.Apply(next, 5);
   EXPECT_EQ(desk.revision(), 5u);
   EXPECT_EQ(desk.interval_ms(), 34'500u);

@@ -74,7 +74,49 @@ class ControlTest(support.Case):
         self.assertIn("control revision 1 is ignored", collector.said())
         code, text = self.run_tool("control", "show")
         self.assertEqual(65, code, text)
-        self.assertIn("was not set by this program", text)
+        self.assertIn("set it anew with quenor-collector control set --anew", text)
+        revision, value = self.control("set", "--anew", "--report-duration", "60")
+        self.assertEqual(60, value["report_duration_s"])
+        self.wait_revision(collector, revision)
+
+    def test_what_a_policy_leaves_without_effect_is_said(self):
+        self.provision(1)
+        code, text = self.run_tool("control", "set", "--max-resend", "7")
+        self.assertEqual((0, 1), (code, len(text.splitlines())), text)
+        code, text = self.run_tool("control", "policy", "steer")
+        self.assertEqual((0, 1), (code, len(text.splitlines())), text)
+        code, text = self.run_tool("control", "set", "--send-interval", "20000")
+        self.assertEqual(0, code, text)
+        self.assertIn("policy steer decides the replies", text.splitlines()[1])
+
+    def test_bucket_of_another_name(self):
+        self.start_nodes(1)
+        wait_for("the store", lambda: self.run_tool("provision", "--replicas", "1", "--max-bytes", "100MiB",
+                                                   "--bucket", "OTHER")[0] == 0)
+        collector = self.start_collector("--bucket", "OTHER")
+        self.wait_revision(collector, self.control("set", "--report-duration", "60", "--bucket", "OTHER")[0])
+        self.assertEqual(60, post(collector, b"x")[1]["uint32_report_duration"])
+
+    def test_what_is_no_longer_set(self):
+        """A key that is deleted, and a bucket that is made anew, whose revisions begin anew, too."""
+        self.provision(1)
+        collector = self.start_collector("--report-duration", "7")
+        for duration in ("60", "61", "62"):
+            revision, _ = self.control("set", "--report-duration", duration)
+        self.wait_revision(collector, revision)
+        wire = self.wire()
+        deleted = b"NATS/1.0\r\nKV-Operation: DEL\r\n\r\n"
+        wire.send(b"HPUB $KV.CONTROL.REPORTS %d %d\r\n%b\r\n" % (len(deleted), len(deleted), deleted))
+        self.wait_revision(collector, 0)
+        self.assertEqual(7, post(collector, b"x")[1]["uint32_report_duration"])
+
+        revision, _ = self.control("set", "--report-duration", "63")
+        self.wait_revision(collector, revision)
+        wire.request("$JS.API.STREAM.DELETE.KV_CONTROL")
+        self.assertEqual(0, self.run_tool("provision", "--replicas", "1", "--max-bytes", "100MiB")[0])
+        self.assertEqual(1, self.control("set", "--report-duration", "64")[0])
+        self.wait_revision(collector, 1)
+        self.wait_revision(collector, self.control("set", "--report-duration", "65")[0])
 
     def test_node_of_the_watcher_dies(self):
         self.provision(3)
