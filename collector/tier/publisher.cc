@@ -95,6 +95,7 @@ void Publisher::Connect(const StoreOptions& store) {
   Require(natsOptions_SetRetryOnFailedConnect(options.get(), true, &OnConnected, this), what);
   Require(natsOptions_SetReconnectedCB(options.get(), &OnConnected, this), what);
   Require(natsOptions_SetDisconnectedCB(options.get(), &OnDisconnected, this), what);
+  Require(natsOptions_SetClosedCB(options.get(), &OnClosed, this), what);
   natsConnection* made = nullptr;
   const natsStatus status = natsConnection_Connect(&made, options.get());
   connection_.reset(made);
@@ -148,6 +149,7 @@ Publisher::Events Publisher::TakeEvents() {
   const std::lock_guard<std::mutex> lock(mutex_);
   Events taken;
   taken.is_connected = events_.is_connected;
+  taken.is_closed = events_.is_closed;
   taken.is_new = std::exchange(events_.is_new, false);
   taken.completions.swap(events_.completions);
   return taken;
@@ -178,6 +180,16 @@ void Publisher::OnConnected(natsConnection*, void* closure) {
 
 void Publisher::OnDisconnected(natsConnection*, void* closure) {
   static_cast<Publisher*>(closure)->SetConnected(false);
+}
+
+// The library does so by itself when a node has refused user and password twice.
+void Publisher::OnClosed(natsConnection*, void* closure) {
+  auto* const self = static_cast<Publisher*>(closure);
+  {
+    const std::lock_guard<std::mutex> lock(self->mutex_);
+    self->events_.is_closed = true;
+  }
+  self->Wake();
 }
 
 void Publisher::SetConnected(bool connected) {

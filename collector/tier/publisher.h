@@ -35,10 +35,11 @@ class Publisher {
   struct Events {
     std::vector<Completion> completions;
     bool is_connected = false;
-    bool is_new = false;  // The connection is another one than at the last call.
+    bool is_new = false;     // The connection is another one than at the last call.
+    bool is_closed = false;  // For good: the nodes refuse who connects.
   };
 
-  // Begins to connect, and does so again for as long as it lives. Throws Fatal.
+  // Begins to connect, and does so again until it is refused. Throws Fatal.
   Publisher(const StoreOptions& store, const HoldOptions& hold);
   ~Publisher();
   Publisher(const Publisher&) = delete;
@@ -58,6 +59,7 @@ class Publisher {
                        jsPubAckErr* error, void* self);
   static void OnConnected(natsConnection* connection, void* self);
   static void OnDisconnected(natsConnection* connection, void* self);
+  static void OnClosed(natsConnection* connection, void* self);
 
   void Connect(const StoreOptions& store);
   void SetConnected(bool connected);

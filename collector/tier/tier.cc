@@ -275,6 +275,13 @@ void Tier::PublishAgain(const std::vector<uint64_t>& ids) {
 
 void Tier::OnStore() {
   const Publisher::Events events = publisher_.TakeEvents();
+  if (events.is_closed) {
+    while (!held_.empty()) End(held_.begin()->first, Answer::kLate, "");
+    front_.Run();
+    throw Fatal(kExitUnavailable, "the store " + NodesText(options_.store) +
+                                      " takes this collector no longer; check the user and the "
+                                      "password in --store");
+  }
   for (const Publisher::Completion& completion : events.completions) OnCompletion(completion);
   if (events.is_new && events.is_connected) {
     meter_.CountConnected();

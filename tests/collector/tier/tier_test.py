@@ -6,9 +6,11 @@ import http.client
 import json
 import signal
 import socket
+import threading
 import unittest
 
 import support
+import tier
 from support import Sender, wait_for
 
 SENDERS = 8
@@ -209,6 +211,34 @@ class TierTest(support.Case):
         code, rest = collector.end()
         self.assertEqual(0, code)
         self.assertIn("requests=1 stored=1 ", rest)
+
+    def test_store_that_takes_it_no_longer(self):
+        """The collector ends, so that whoever started it does something about it."""
+        self.nodes = tier.make_nodes(self.folder, 1)
+        node = self.nodes[0]
+        self.addCleanup(node.kill)
+        allow = 'authorization { user: collector, password: "%s" }\n'
+        with open(node.conf, "a") as file:
+            file.write(allow % "first")
+        node.start()
+        node.wait_ready()
+        node.host = "collector:first@" + node.host
+        collector = self.start_collector("--stream", "NONE")
+        wait_for("a connection", lambda: collector.metric("store_connections_total") == 1)
+        node.kill()
+        answers = []
+        sender = threading.Thread(target=lambda: answers.append(post(collector, b"x")[0]))
+        sender.start()
+        wait_for("a report", lambda: collector.metric("reports_held") == 1)
+        with open(node.conf) as file:
+            text = file.read()
+        with open(node.conf, "w") as file:
+            file.write(text.replace("first", "second"))
+        node.start()
+        self.assertEqual(69, collector.process.wait(support.PATIENCE_S))
+        self.assertIn("takes this collector no longer; check the user and the password", collector.said())
+        sender.join()
+        self.assertEqual([503], answers)
 
     @staticmethod
     def refuses(port):
