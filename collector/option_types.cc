@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <map>
+#include <regex>
 #include <string_view>
 
 #include "collector/fatal.h"
@@ -51,11 +52,11 @@ CLI::Validator StoreName() {
 
 CLI::Validator HttpUrl() {
   const auto check = [](std::string& text) -> std::string {
-    const std::string_view url = text;
-    for (const std::string_view scheme : {"http://", "https://"}) {
-      const bool has_host = url.size() > scheme.size() && url.substr(0, scheme.size()) == scheme;
-      if (has_host && url.find_first_of("/?#@ ", scheme.size()) == std::string_view::npos)
-        return "";
+    static const std::regex url(R"(https?://([^\s/?#@:\[\]]+|\[[0-9A-Fa-f:.]+\])(:([0-9]{1,5}))?)");
+    std::smatch parts;
+    if (std::regex_match(text, parts, url)) {
+      const int port = parts[3].matched ? std::stoi(parts[3]) : 1;
+      if (port >= 1 && port <= 65535) return "";
     }
     return "not an address as in http://127.0.0.1:9001: \"" + text + "\"";
   };

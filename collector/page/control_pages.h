@@ -24,7 +24,8 @@ struct PageAnswer {
 };
 
 // The form names the revision that its values were read at: what was changed meanwhile is shown,
-// and is not overwritten. `token` is for the forms that the answer has.
+// and is not overwritten. A change that is sent again once it is set is answered as if it were new.
+// `token` is for the forms that the answer has.
 PageAnswer AnswerForm(const Form& form, const ControlAccess& access, const std::string& token);
 
 }  // namespace quenor::collector

@@ -75,6 +75,11 @@ std::string Guard::RefusalOf(const Asked& asked) const {
          "\"; open it by its address, or start it with --name and that name";
 }
 
+std::string Guard::RefusalOfEvents(const Asked& asked) const {
+  if (!asked.fetch_site || *asked.fetch_site == "same-origin") return std::string();
+  return "the events were asked for by another page (" + *asked.fetch_site + "); open this page";
+}
+
 std::string Guard::RefusalOfForm(const Asked& asked, const std::string& token) const {
   const std::string refusal = RefusalOf(asked);
   if (!refusal.empty()) return refusal;

@@ -1,6 +1,6 @@
 // Guard: whose requests the page serves. A page on loopback can be reached by whatever other pages
 // the operator's browser shows: they must neither read it under a name of theirs that leads here,
-// nor send its form. No network.
+// nor send its form, nor take the places of its events. No network.
 #ifndef COLLECTOR_PAGE_GUARD_H_
 #define COLLECTOR_PAGE_GUARD_H_
 
@@ -28,6 +28,7 @@ class Guard {
 
   // Each: empty, or why the request is refused.
   std::string RefusalOf(const Asked& asked) const;
+  std::string RefusalOfEvents(const Asked& asked) const;
   std::string RefusalOfForm(const Asked& asked, const std::string& token) const;
 
  private:

@@ -42,6 +42,15 @@ std::vector<std::string> NamesOf(const PageOptions& options) {
   return names;
 }
 
+void CheckNames(const std::vector<std::string>& names) {
+  for (const std::string& name : names) {
+    if (name.find_first_of(":/@ ") == std::string::npos) continue;
+    throw Fatal(kExitUsage, "no name of a host: \"" + name +
+                                "\"; give --name without scheme and port, as in page.example; "
+                                "addresses are served without it");
+  }
+}
+
 // Each form has a connection of its own, as `quenor-collector control` has.
 ControlAccess AccessTo(const StoreOptions& store) {
   return {[store] {
@@ -64,7 +73,7 @@ class Page {
         access_(AccessTo(options.store)),
         guard_(NamesOf(options)),
         server_(options.host, options.port, guard_,
-                {[this] { return Whole(); }, [this] { return Tables(gatherer_.Get()); },
+                {[this] { return Whole(); }, [this] { return Event(); },
                  [this](const Form& form) { return Answer(form); }}) {}
 
   const PageServer& server() const { return server_; }
@@ -76,16 +85,18 @@ class Page {
     return answer;
   }
 
+  Overview Look() const { return MakeOverview(gatherer_.Get(), Now()); }
+
   std::string Whole() const {
-    const Gathered gathered = gatherer_.Get();
-    const ControlFound& control = gathered.store.now.control;
-    return MainPage(options_.store.stream, Tables(gathered),
-                    {control.revision, FieldsOf(control.settings), guard_.token()});
+    const Overview overview = Look();
+    const StoreLook& store = overview.store;
+    const ControlFound& control = store.control;
+    return MainPage(options_.store.stream, ClockText(UnixSeconds()), TablesOf(overview),
+                    {control.revision, FieldsOf(control.settings), guard_.token(),
+                     store.problem.empty() ? store.control_problem : "the store " + store.problem});
   }
 
-  static std::string Tables(const Gathered& gathered) {
-    return TablesOf(MakeOverview(gathered), ClockText(UnixSeconds()));
-  }
+  std::string Event() const { return ClockText(UnixSeconds()) + "\n" + TablesOf(Look()); }
 
   const PageOptions options_;
   StoreAsker store_;  // The gatherer's thread's.
@@ -99,6 +110,7 @@ class Page {
 
 void RunPage(const PageOptions& options, int stop_fd,
              const std::function<void(const std::string& line)>& announce) {
+  CheckNames(options.names);
   std::signal(SIGPIPE, SIG_IGN);
   const Page page(options);
   if (!options.port_file.empty()) {

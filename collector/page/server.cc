@@ -193,6 +193,8 @@ MHD_Result PageServer::AnswerForm(MHD_Connection* connection, const Request& req
 }
 
 MHD_Result PageServer::AnswerEvents(MHD_Connection* connection) {
+  const std::string refusal = guard_.RefusalOfEvents(AskedBy(connection));
+  if (!refusal.empty()) return Refuse(connection, 403, refusal);
   auto stream = std::make_unique<Stream>();
   stream->server = this;
   if (++streams_ > kMostStreams) {
@@ -223,7 +225,7 @@ ssize_t PageServer::OnStream(void* given, uint64_t, char* buffer, size_t most_by
     if (stream->sent == stream->event.size()) {
       const bool is_first = !std::exchange(stream->has_begun, true);
       if (!is_first && !stream->server->WaitForNext()) return MHD_CONTENT_READER_END_OF_STREAM;
-      stream->event = EventOf(stream->server->handlers_.tables());
+      stream->event = EventOf(stream->server->handlers_.event());
       stream->sent = 0;
     }
   } catch (const std::exception&) {

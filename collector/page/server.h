@@ -21,8 +21,8 @@
 namespace quenor::collector {
 
 struct PageHandlers {
-  std::function<std::string()> page;    // The whole of it.
-  std::function<std::string()> tables;  // What changes every second.
+  std::function<std::string()> page;   // The whole of it.
+  std::function<std::string()> event;  // What changes, every second; the page's script reads it.
   std::function<PageAnswer(const Form& form)> form;
 };
 

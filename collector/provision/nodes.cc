@@ -53,25 +53,53 @@ bool AreLevel(const NodeState& node, const NodeState& other) {
 }
 
 // A node that has other messages in the place of some holds as many, but not as many bytes.
-std::string OddBytesOf(const std::vector<NodeState>& nodes) {
-  const auto alike = [&nodes](const NodeState& node) {
-    return std::count_if(nodes.begin(), nodes.end(), [&node](const NodeState& other) {
-      return AreLevel(node, other) && node.bytes == other.bytes;
-    });
-  };
-  for (const NodeState& node : nodes) {
-    for (const NodeState& other : nodes) {
-      if (!AreLevel(node, other) || node.bytes == other.bytes || alike(node) > alike(other)) {
-        continue;
-      }
-      const std::string whose = alike(node) == alike(other) ? " or " + other.url : "";
-      return node.url + whose + " is no copy: up to message " + std::to_string(node.last_sequence) +
-             " " + node.url + " holds " + std::to_string(node.bytes) + " bytes and " + other.url +
-             " " + std::to_string(other.bytes) +
-             ", so it has other messages in the place of some; " + kRemedy;
-    }
+bool HaveOddBytes(const NodeState& node, const NodeState& other) {
+  return AreLevel(node, other) && node.bytes != other.bytes;
+}
+
+bool IsNumberedLower(const NodeState& node, const NodeState& other) {
+  const bool one_leader = node.leader == other.leader;  // Each leader has its own clock.
+  return one_leader && node.last_time >= other.last_time &&
+         node.last_sequence < other.last_sequence;
+}
+
+bool AreNumberedApart(const NodeState& node, const NodeState& other) {
+  return IsNumberedLower(node, other) || IsNumberedLower(other, node);
+}
+
+// What is at odds, what follows from it if the node is the wrong one, and what to do.
+std::string NoCopy(const Outvoted<NodeState>& outvoted, const std::string& what,
+                   const std::string& so) {
+  const std::string why = " no copy: " + what + ", so it " + so;
+  if (!outvoted.is_tie) return "is" + why + "; " + kRemedy;
+  return "may be" + why + ", or " + outvoted.by->url + " is none; a third node tells which";
+}
+
+std::string DivergenceOf(const NodeState& node, const std::vector<const NodeState*>& nodes) {
+  const std::string last = std::to_string(node.last_sequence);
+  if (const auto odd = OutvotedBy(node, nodes, HaveOddBytes); odd.by != nullptr) {
+    return NoCopy(odd,
+                  "up to message " + last + " it holds " + std::to_string(node.bytes) +
+                      " bytes and " + odd.by->url + " " + std::to_string(odd.by->bytes),
+                  "has other messages in the place of some");
   }
-  return std::string();
+  const auto apart = OutvotedBy(node, nodes, AreNumberedApart);
+  if (apart.by == nullptr) return std::string();
+  const uint64_t others = apart.by->last_sequence;
+  const bool lacks = node.last_sequence < others;
+  return NoCopy(apart,
+                "its message " + last + (lacks ? " is no older" : " is no newer") +
+                    " than message " + std::to_string(others) + " of " + apart.by->url,
+                lacks ? "lacks " + std::to_string(others - node.last_sequence) + " or more"
+                      : "has " + std::to_string(node.last_sequence - others) + " or more too many");
+}
+
+std::vector<const NodeState*> ThoseThatAnswer(const std::vector<NodeState>& nodes) {
+  std::vector<const NodeState*> those;
+  for (const NodeState& node : nodes) {
+    if (node.problem.empty()) those.push_back(&node);
+  }
+  return those;
 }
 
 }  // namespace
@@ -88,6 +116,8 @@ NodeState ReadNode(const std::string& answer, const std::string& stream) {
     node.max_storage_bytes = Number(*config, "max_storage");
   }
   node.storage_bytes = Number(document, "storage");
+  const rapidjson::Value* const id = Member(document, "server_id");
+  if (id != nullptr && id->IsString()) node.id = id->GetString();
   const rapidjson::Value* const found = FindStream(document, stream);
   const rapidjson::Value* const state = found == nullptr ? nullptr : Member(*found, "state");
   if (state == nullptr || !state->IsObject()) {
@@ -107,60 +137,78 @@ NodeState ReadNode(const std::string& answer, const std::string& stream) {
 }
 
 NodeState AskNode(const std::string& url, const std::string& stream) {
-  httplib::Client client(url);
-  client.set_connection_timeout(kPatienceSeconds);
-  client.set_read_timeout(kPatienceSeconds);
-  const httplib::Result result = client.Get("/jsz?streams=1&config=1");
   NodeState node;
-  if (!result) {
-    node.problem = "does not answer (" + httplib::to_string(result.error()) + ")";
-  } else if (result->status != 200) {
-    node.problem = "answers with status " + std::to_string(result->status);
-  } else {
-    node = ReadNode(result->body, stream);
+  try {
+    httplib::Client client(url);
+    client.set_connection_timeout(kPatienceSeconds);
+    client.set_read_timeout(kPatienceSeconds);
+    const httplib::Result result = client.Get("/jsz?streams=1&config=1");
+    if (!result) {
+      node.problem = "does not answer (" + httplib::to_string(result.error()) + ")";
+    } else if (result->status != 200) {
+      node.problem = "answers with status " + std::to_string(result->status);
+    } else {
+      node = ReadNode(result->body, stream);
+    }
+  } catch (const std::exception& error) {  // An address that is none.
+    node.problem = std::string("cannot be asked (") + error.what() + ")";
   }
   node.url = url;
   return node;
 }
 
-std::string DivergenceOf(const std::vector<NodeState>& nodes) {
-  const std::string odd = OddBytesOf(nodes);
-  if (!odd.empty()) return odd;
+std::vector<std::string> DivergencesOf(const std::vector<NodeState>& nodes) {
+  const std::vector<const NodeState*> those = ThoseThatAnswer(nodes);
+  std::vector<std::string> divergences;
   for (const NodeState& node : nodes) {
-    for (const NodeState& other : nodes) {
-      const bool both = node.problem.empty() && other.problem.empty();
-      const bool one_leader = node.leader == other.leader;  // Each leader has its own clock.
-      if (!both || !one_leader || node.last_time < other.last_time ||
-          node.last_sequence >= other.last_sequence) {
-        continue;
-      }
-      return node.url + " is no copy: its message " + std::to_string(node.last_sequence) +
-             " is no older than message " + std::to_string(other.last_sequence) + " of " +
-             other.url + ", so it lacks " +
-             std::to_string(other.last_sequence - node.last_sequence) + " or more; " + kRemedy;
-    }
+    divergences.push_back(node.problem.empty() ? DivergenceOf(node, those) : std::string());
+  }
+  return divergences;
+}
+
+std::string DivergenceOf(const std::vector<NodeState>& nodes) {
+  const std::vector<std::string> divergences = DivergencesOf(nodes);
+  for (size_t i = 0; i < nodes.size(); ++i) {
+    if (!divergences[i].empty()) return nodes[i].url + " " + divergences[i];
   }
   return std::string();
 }
 
 std::string MismatchOf(const std::vector<NodeState>& nodes, uint64_t last_sequence) {
+  const std::vector<const NodeState*> all = ThoseThatAnswer(nodes);
+  const auto outvoter = [&all](const NodeState& node, const auto& value_of) {
+    return OutvotedBy(node, all,
+                      [&](const NodeState& one, const NodeState& other) {
+                        return value_of(one) != value_of(other);
+                      })
+        .by;
+  };
+  const auto first = [](const NodeState& node) { return node.first_sequence; };
+  const auto holes = [](const NodeState& node) { return node.holes(); };
+  const auto has_come = [&](const NodeState& node) { return node.last_sequence >= last_sequence; };
+  std::string too_far;
   for (const NodeState& node : nodes) {
     if (!node.problem.empty()) return node.url + " " + node.problem;
-    const NodeState& other = nodes.front();
-    if (node.first_sequence != other.first_sequence) {
-      return node.url + " begins at " + std::to_string(node.first_sequence) + ", " + other.url +
-             " at " + std::to_string(other.first_sequence);
+    if (const NodeState* const other = outvoter(node, first)) {
+      return node.url + " begins at " + std::to_string(node.first_sequence) + ", " + other->url +
+             " at " + std::to_string(other->first_sequence);
     }
-    if (node.holes() != other.holes()) {
+    if (const NodeState* const other = outvoter(node, holes)) {
       return node.url + " misses " + std::to_string(node.holes()) + " between first and last, " +
-             other.url + " " + std::to_string(other.holes());
+             other->url + " " + std::to_string(other->holes());
     }
-    if (node.last_sequence < last_sequence) {
+    const NodeState* const other = outvoter(node, has_come);
+    if (other == nullptr) continue;
+    if (!has_come(node)) {
       return node.url + " ends at " + std::to_string(node.last_sequence) + ", another at " +
              std::to_string(last_sequence) + " or later";
     }
+    if (too_far.empty()) {
+      too_far = node.url + " ends at " + std::to_string(node.last_sequence) + ", " + other->url +
+                " only at " + std::to_string(other->last_sequence);
+    }
   }
-  return std::string();
+  return too_far;
 }
 
 }  // namespace quenor::collector

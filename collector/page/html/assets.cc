@@ -53,15 +53,35 @@ button { cursor: pointer; font-weight: 600; padding: 0.4rem 1rem; }
 }
 )";
 
+// Whatever has happened to the server or the way to it: what brings no event in time is given up,
+// said to be lost, and opened anew. An event is a time, and the tables from its second line on.
 const char kScript[] = R"("use strict";
+const patienceMs = 5000;
+const time = document.getElementById("time");
 const tables = document.getElementById("tables");
 const lost = document.getElementById("lost");
-const events = new EventSource("/events");
-events.onmessage = (event) => {
-  tables.innerHTML = event.data;
-  lost.hidden = true;
-};
-events.onerror = () => { lost.hidden = false; };
+let shown = "";
+function listen() {
+  const events = new EventSource("/events");
+  let silence = setTimeout(giveUp, patienceMs);
+  function giveUp() {
+    lost.hidden = false;
+    events.close();
+    listen();
+  }
+  events.onmessage = (event) => {
+    clearTimeout(silence);
+    silence = setTimeout(giveUp, patienceMs);
+    lost.hidden = true;
+    const end = event.data.indexOf("\n");
+    time.textContent = event.data.slice(0, end);
+    if (shown === event.data.slice(end)) return;
+    shown = event.data.slice(end);
+    tables.innerHTML = shown;
+  };
+  events.onerror = () => { lost.hidden = false; };
+}
+listen();
 )";
 
 const char kIcon[] =

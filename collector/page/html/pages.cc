@@ -52,6 +52,10 @@ std::string PolicyChoice(const std::string& chosen) {
 }
 
 std::string FormOf(const FormValues& values) {
+  if (!values.problem.empty()) {
+    return "<p class=\"bad\" id=\"no-form\">There is no form, as what is set is not known: " +
+           Escape(values.problem) + ". <a href=\"/\">Load the page again.</a></p>\n";
+  }
   std::string html = Begin(values);
   for (const auto& [name, value] : values.fields) {
     html += "<p><label for=\"" + name + "\">" + name + "</label>";
@@ -74,24 +78,15 @@ std::string TableOf(const Changes& changes) {
   return table.Finish();
 }
 
-// Whether channels that have none are told an interval.
-bool BringsInterval(const Changes& changes) {
-  for (const FieldChange& change : changes) {
-    if (change.name == "send_interval_ms" && change.before == "0") return true;
-    if (change.name == "policy" && change.before == "none") return true;
-  }
-  return false;
-}
-
 }  // namespace
 
-std::string MainPage(const std::string& stream, const std::string& tables,
+std::string MainPage(const std::string& stream, const std::string& time, const std::string& tables,
                      const FormValues& values) {
   return Document(
       "Collectors of stream " + stream,
-      "<p id=\"lost\" class=\"bad\" hidden>This page has lost its server; what stands below is "
-      "old.</p>\n<main id=\"tables\">\n" +
-          tables +
+      "<p id=\"lost\" class=\"bad\" role=\"alert\" hidden>This page has lost its server; "
+      "what stands below is old.</p>\n<p><time id=\"time\">" +
+          Escape(time) + "</time></p>\n<main id=\"tables\">\n" + tables +
           "</main>\n<noscript><p><a href=\"/\">Look again</a> (with scripts the page does so "
           "every second)</p></noscript>\n<h2 id=\"change\">Change what collectors say</h2>\n" +
           FormOf(values) + "<script src=\"/page.js\"></script>\n");
@@ -103,9 +98,9 @@ std::string FormPage(const std::string& title, const std::string& message,
                              FormOf(values) + kBack);
 }
 
-std::string ConfirmPage(const FormValues& values, const Changes& changes) {
+std::string ConfirmPage(const FormValues& values, const Changes& changes, bool brings_interval) {
   std::string html = "<p>Every collector will say so within seconds.</p>\n" + TableOf(changes);
-  if (BringsInterval(changes)) {
+  if (brings_interval) {
     html +=
         "<p class=\"bad\">An interval is for ever: no reply takes it back. A channel that was told "
         "one waits for it before each of its messages, urgent ones and repeats, too.</p>\n";
@@ -118,7 +113,8 @@ std::string ConfirmPage(const FormValues& values, const Changes& changes) {
 
 std::string DonePage(uint64_t revision, const Changes& changes) {
   return Document("Changed", "<p class=\"good\" id=\"done\">Revision " + std::to_string(revision) +
-                                 " is set.</p>\n" + TableOf(changes) + kBack);
+                                 " is set.</p>\n" +
+                                 (changes.empty() ? std::string() : TableOf(changes)) + kBack);
 }
 
 std::string MessagePage(const std::string& title, const std::string& message) {

@@ -5,12 +5,11 @@
 namespace quenor::collector {
 namespace {
 
-std::string ProblemsOf(const Overview& overview, const std::string& time) {
-  const std::string when = " <time>" + Escape(time) + "</time>";
-  if (overview.problems.empty()) return "<p class=\"good\">All is well." + when + "</p>\n";
-  std::string html =
-      "<div class=\"bad\" role=\"status\"><p>" + std::to_string(overview.problems.size()) +
-      (overview.problems.size() == 1 ? " problem" : " problems") + when + "</p><ul>\n";
+std::string ProblemsOf(const Overview& overview) {
+  if (overview.problems.empty()) return "<p class=\"good\">All is well.</p>\n";
+  std::string html = "<div class=\"bad\" role=\"status\"><p>" +
+                     std::to_string(overview.problems.size()) +
+                     (overview.problems.size() == 1 ? " problem" : " problems") + "</p><ul>\n";
   for (const std::string& problem : overview.problems) {
     html += "<li>" + Escape(problem) + "</li>\n";
   }
@@ -58,7 +57,7 @@ std::string CollectorsTable(const Overview& overview) {
                   {TookText(row.traffic.p99)},
                   {CountText(row.traffic.in_flight)},
                   {CountText(row.connections)},
-                  {control, row.has_old_control}});
+                  {control, row.has_other_control}});
   }
   if (overview.collectors.empty()) table.AddRow({{"none given: --collector", false, true}});
   return table.Finish();
@@ -86,7 +85,7 @@ std::string NodesTable(const Overview& overview) {
 }
 
 std::string StoreTable(const Overview& overview) {
-  Table table("Store", {"stream", "messages", "filled", "not exported yet"});
+  Table table("Store", {"stream", "messages", "replicas", "filled", "not exported yet"});
   const StoreLook& store = overview.store;
   if (!store.problem.empty()) {
     table.AddRow({{store.problem, true, true}});
@@ -95,6 +94,7 @@ std::string StoreTable(const Overview& overview) {
   table.AddRow({{store.max_bytes == 0 ? SizeText(store.bytes)
                                       : SizeText(store.bytes) + " of " + SizeText(store.max_bytes)},
                 {CountText(store.messages)},
+                {CountText(store.replicas)},
                 {store.max_bytes == 0 ? "-" : PercentText(overview.fill), overview.is_nearly_full},
                 {store.reader_problem.empty() ? CountText(overview.reader_lag) : "not known",
                  !store.reader_problem.empty()}});
@@ -121,8 +121,8 @@ std::string ControlTable(const Overview& overview) {
 
 }  // namespace
 
-std::string TablesOf(const Overview& overview, const std::string& time) {
-  return ProblemsOf(overview, time) + WholeTable(overview) + CollectorsTable(overview) +
+std::string TablesOf(const Overview& overview) {
+  return ProblemsOf(overview) + WholeTable(overview) + CollectorsTable(overview) +
          NodesTable(overview) + StoreTable(overview) + AnswersTable(overview) +
          ControlTable(overview);
 }

@@ -1,4 +1,4 @@
-// The part of the page that is made anew every second: what is wrong, then the tables.
+// The part of the page that is shown anew whenever it differs: what is wrong, then the tables.
 #ifndef COLLECTOR_PAGE_HTML_TABLES_H_
 #define COLLECTOR_PAGE_HTML_TABLES_H_
 
@@ -8,8 +8,7 @@
 
 namespace quenor::collector {
 
-// `time`: when that was, as the page is to say it.
-std::string TablesOf(const Overview& overview, const std::string& time);
+std::string TablesOf(const Overview& overview);
 
 }  // namespace quenor::collector
 

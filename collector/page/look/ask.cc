@@ -5,6 +5,7 @@
 
 #include <exception>
 #include <memory>
+#include <utility>
 
 #include "collector/control_room/room.h"
 #include "collector/fatal.h"
@@ -13,6 +14,8 @@ namespace quenor::collector {
 namespace {
 
 constexpr int kPatienceSeconds = 3;
+// Of each of the store's answers: four of them are asked for in turn.
+constexpr int64_t kStoreWaitMs = 1'500;
 
 using StreamInfoPtr = std::unique_ptr<jsStreamInfo, Destroyer<jsStreamInfo_Destroy>>;
 using ReaderInfoPtr = std::unique_ptr<jsConsumerInfo, Destroyer<jsConsumerInfo_Destroy>>;
@@ -30,9 +33,7 @@ std::string ProblemOfDoing(Do something) {
 
 uint64_t NoneBelowZero(int64_t number) { return number < 0 ? 0 : static_cast<uint64_t>(number); }
 
-}  // namespace
-
-CollectorLook AskCollector(const std::string& url) {
+CollectorLook AskForMetrics(const std::string& url) {
   httplib::Client client(url);
   client.set_connection_timeout(kPatienceSeconds);
   client.set_read_timeout(kPatienceSeconds);
@@ -52,11 +53,23 @@ CollectorLook AskCollector(const std::string& url) {
   return look;
 }
 
+}  // namespace
+
+CollectorLook AskCollector(const std::string& url) {
+  CollectorLook look;
+  try {
+    look = AskForMetrics(url);
+  } catch (const std::exception& error) {  // An address that is none.
+    look.problem = std::string("cannot be asked (") + error.what() + ")";
+  }
+  return look;
+}
+
 StoreLook StoreAsker::Ask() {
   StoreLook look;
   look.problem.clear();
   try {
-    if (!session_) session_ = OpenSession(options_.store);
+    Connect();
     AskStream(&look);
     // After a change of leaders the reader is away for longer than the stream.
     look.reader_problem = ProblemOfDoing([&] { AskReader(&look); });
@@ -68,6 +81,21 @@ StoreLook StoreAsker::Ask() {
   return look;
 }
 
+// The client library looks for a node for ever, but gives up where one refuses it for good.
+void StoreAsker::Connect() {
+  if (session_ && !natsConnection_IsClosed(session_->connection.get())) return;
+  session_.reset();
+  Session session = OpenSession(options_.store);
+  jsOptions patience;
+  jsOptions_Init(&patience);
+  patience.Wait = kStoreWaitMs;
+  jsCtx* context = nullptr;
+  Require(natsConnection_JetStream(&context, session.connection.get(), &patience),
+          "ask the store " + NodesText(options_.store));
+  session.context.reset(context);
+  session_ = std::move(session);
+}
+
 void StoreAsker::AskStream(StoreLook* look) const {
   const std::string& stream = options_.store.stream;
   jsStreamInfo* found = nullptr;
@@ -76,6 +104,7 @@ void StoreAsker::AskStream(StoreLook* look) const {
   const StreamInfoPtr info(found);
   look->bytes = info->State.Bytes;
   look->messages = info->State.Msgs;
+  look->replicas = NoneBelowZero(info->Config->Replicas);
   look->max_bytes = NoneBelowZero(info->Config->MaxBytes);
 }
 

@@ -14,7 +14,7 @@ namespace quenor::collector {
 // Any thread. Does not throw for what the collector does: that is its problem.
 CollectorLook AskCollector(const std::string& url);
 
-// Asks the store over one connection, which it makes when it is first asked. One thread.
+// Asks the store over one connection, which it makes when it has none. One thread.
 class StoreAsker {
  public:
   explicit StoreAsker(const PageOptions& options) : options_(options) {}
@@ -22,6 +22,7 @@ class StoreAsker {
   StoreLook Ask();
 
  private:
+  void Connect();
   void AskStream(StoreLook* look) const;
   void AskReader(StoreLook* look) const;
 

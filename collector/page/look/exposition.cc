@@ -6,6 +6,9 @@
 namespace quenor::collector {
 namespace {
 
+// Up to here a double counts exactly. A collector says nothing greater, and nothing below 0.
+constexpr double kGreatest = 9e15;
+
 // Takes what comes before one of `ends` off *text.
 std::string_view Until(std::string_view ends, std::string_view* text) {
   const std::string_view taken = text->substr(0, text->find_first_of(ends));
@@ -56,7 +59,7 @@ std::optional<Sample> ReadLine(std::string_view line) {
   if (Take('{', &line) && !TakeLabels(&line, &sample.labels)) return std::nullopt;
   if (!Take(' ', &line)) return std::nullopt;
   const std::optional<double> value = Number(std::string(Until(" ", &line)));
-  if (!value) return std::nullopt;
+  if (!value || *value < 0 || *value > kGreatest) return std::nullopt;
   sample.value = *value;
   return sample;
 }

@@ -20,7 +20,7 @@ struct Sample {
 class Samples {
  public:
   Samples() = default;
-  // Lines that are no sample are left out.
+  // Lines that are no sample, or whose value no collector has, are left out.
   explicit Samples(std::string_view text);
 
   bool is_empty() const { return samples_.empty(); }

@@ -24,6 +24,7 @@ struct StoreLook {
   uint64_t bytes = 0;
   uint64_t max_bytes = 0;  // 0: as many as the nodes can keep.
   uint64_t messages = 0;
+  uint64_t replicas = 0;
   std::string reader_problem;  // Empty: there is a reader.
   uint64_t unread = 0;
   uint64_t unacknowledged = 0;
@@ -41,6 +42,7 @@ struct Looks {
   Time now_at{};
   // Seconds since 1970 when the present problem, or the lack of one, was first seen.
   int64_t since_unix_s = 0;
+  int64_t now_unix_s = 0;  // Of the latest look.
 
   double seconds() const { return std::chrono::duration<double>(now_at - before_at).count(); }
 };

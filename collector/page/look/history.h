@@ -29,6 +29,7 @@ class History {
       since_unix_s_ = unix_s;
     }
     looks_.push_back({std::move(look), at});
+    unix_s_ = unix_s;
     while (looks_.size() > 1 && looks_[1].at <= at - kWindow) looks_.pop_front();
   }
 
@@ -41,6 +42,7 @@ class History {
     looks.now = looks_.back().look;
     looks.now_at = looks_.back().at;
     looks.since_unix_s = since_unix_s_;
+    looks.now_unix_s = unix_s_;
     return looks;
   }
 
@@ -53,6 +55,7 @@ class History {
   const std::string url_;
   std::deque<Kept> looks_;
   int64_t since_unix_s_ = 0;
+  int64_t unix_s_ = 0;  // Of the latest look.
 };
 
 }  // namespace quenor::collector

@@ -35,7 +35,7 @@ struct CollectorRow {
   uint64_t connections = 0;
   uint64_t control_revision = 0;
   bool is_ready = false;
-  bool has_old_control = false;  // At both looks.
+  bool has_other_control = false;  // Than the store has, for seconds.
 };
 
 struct NodeRow {
@@ -58,9 +58,10 @@ struct Overview {
   uint64_t reader_lag = 0;  // Messages that are not safe with the reader yet.
 };
 
-Overview MakeOverview(const Gathered& gathered);
+// `now`: when it is shown. Who has not been heard of for seconds then has a problem.
+Overview MakeOverview(Gathered gathered, Time now);
 
-// "12:34:56 UTC" of seconds since 1970.
+// "2024-05-01 12:34:56 UTC" of seconds since 1970.
 std::string ClockText(int64_t unix_s);
 
 }  // namespace quenor::collector

@@ -3,6 +3,7 @@
 
 QUENOR_PAGE_PICTURES=FOLDER keeps the screens as pictures: ./dev page-pictures."""
 import base64
+import http.client
 import os
 import shutil
 import subprocess
@@ -140,7 +141,7 @@ class BrowserTest(page_test.PageCase):
         self.assertEqual("7000", self.find("#capacity").get_attribute("value"))
         self.assertEqual([], self.browser.get_log("browser"), "nothing is blocked, missing or failing")
         self.find("form button").click()
-        self.wait_shown(f"Somebody else has set revision {self.revision()}.")
+        self.wait_shown(f"Revision {self.revision()} has been set meanwhile.")
         self.assertEqual("6000", self.find("#capacity").get_attribute("value"))
         # What cannot be meant is said, and an interval is warned of.
         self.type("send_interval_ms", "14999")
@@ -163,6 +164,46 @@ class BrowserTest(page_test.PageCase):
             self.find("noscript a").click()
             return "revision 1" in self.browser.find_element(By.CSS_SELECTOR, "main").text
         self.wait(look_again)
+
+    def test_silence_is_told(self):
+        """Also of what ends no connection; and a page that has found its server again says so by itself."""
+        self.set_up_tier(nodes=1)
+        self.browser.get(self.page.url())
+        self.wait_shown("All is well.")
+        self.wait_event()
+        shown = self.find("main p")
+        self.wait_event()
+        self.assertEqual("All is well.", shown.text, "nothing has changed, so nothing was replaced")
+        self.page.pause()
+        self.find("#lost")
+        self.page.go_on()
+        self.wait(lambda browser: not browser.find_element(By.ID, "lost").is_displayed())
+
+        # While others take all the events it asks again and again.
+        self.browser.get("about:blank")
+        links = []
+        for _ in range(16):
+            links.append(http.client.HTTPConnection("127.0.0.1", self.page.port, timeout=support.PATIENCE_S))
+            self.addCleanup(links[-1].close)
+            wait_for("room", lambda: self.take_events(links[-1]))
+        self.browser.get(self.page.url())
+        self.find("#lost")
+        for link in links:
+            link.close()
+        self.wait(lambda browser: not browser.find_element(By.ID, "lost").is_displayed())
+
+    def wait_event(self):
+        time = self.find("#time").text
+        self.wait(lambda browser: browser.find_element(By.ID, "time").text != time)
+
+    @staticmethod
+    def take_events(link):
+        link.request("GET", "/events")
+        answer = link.getresponse()
+        if answer.status != 200:
+            answer.read()
+            return None
+        return answer
 
     def look(self, name, width, scheme):
         """The page on such a screen: nothing sticks out, and it is as light or dark as it should."""

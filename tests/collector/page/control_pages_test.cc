@@ -26,6 +26,7 @@ class ControlPagesTest : public ::testing::Test {
                                       throw Fatal(kExitUnavailable, "cannot set it");
                                     ++writes_;
                                     set_ = {revision + 1, settings};
+                                    if (after_write_) after_write_();
                                     return set_.revision;
                                   }};
     return AnswerForm(Form(body), access, "the-token");
@@ -39,6 +40,7 @@ class ControlPagesTest : public ::testing::Test {
   int writes_ = 0;
   std::optional<Fatal> read_fails_;
   std::function<void()> before_write_;
+  std::function<void()> after_write_;
 };
 
 TEST_F(ControlPagesTest, AsksFirst) {
@@ -65,7 +67,7 @@ TEST_F(ControlPagesTest, WhatWasChangedMeanwhileIsShownAndStays) {
   const PageAnswer answer = Send("revision=3&report_duration_s=300&confirmed=yes");
 
   EXPECT_EQ(answer.status, 409);
-  EXPECT_TRUE(Has(answer, "Somebody else has set revision 4."));
+  EXPECT_TRUE(Has(answer, "Revision 4 has been set meanwhile."));
   EXPECT_TRUE(Has(answer, "name=\"report_duration_s\" inputmode=\"numeric\" value=\"60\""));
   EXPECT_TRUE(Has(answer, "name=\"revision\" value=\"4\""));
   EXPECT_EQ(writes_, 0);
@@ -80,15 +82,69 @@ TEST_F(ControlPagesTest, AlsoBetweenReadingAndWriting) {
   const PageAnswer answer = Send("revision=4&report_duration_s=300&confirmed=yes");
 
   EXPECT_EQ(answer.status, 409);
-  EXPECT_TRUE(Has(answer, "Somebody else has set revision 9."));
+  EXPECT_TRUE(Has(answer, "Revision 9 has been set meanwhile."));
   EXPECT_EQ(set_.settings.report_duration_s, 77u);
 }
 
-TEST_F(ControlPagesTest, StoreThatFailsIsNoChange) {
+TEST_F(ControlPagesTest, OnesOwnChangeIsNobodyElses) {
+  const std::string twice = "revision=4&report_duration_s=300&confirmed=yes";
+  EXPECT_TRUE(Has(Send(twice), "Revision 5 is set."));
+  const PageAnswer again = Send(twice);
+  EXPECT_EQ(again.status, 200);
+  EXPECT_TRUE(Has(again, "Revision 5 is set.")) << "a double click, or a reload";
+  EXPECT_EQ(writes_, 1);
+
+  before_write_ = [this] { set_.revision = 6, set_.settings.report_duration_s = 400; };
+  const PageAnswer between = Send("revision=5&report_duration_s=400&confirmed=yes");
+  EXPECT_EQ(between.status, 200);
+  EXPECT_TRUE(Has(between, "Revision 6 is set.")) << "the first click has come between";
+  EXPECT_TRUE(Has(between, "<td data-head=\"old\">300</td><td data-head=\"new\">400</td>"));
+}
+
+TEST_F(ControlPagesTest, LostAcknowledgementIsNoFailure) {
+  after_write_ = [] { throw Fatal(kExitUnavailable, "cannot set it: Timeout"); };
+  const PageAnswer answer = Send("revision=4&report_duration_s=300&confirmed=yes");
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_TRUE(Has(answer, "Revision 5 is set."));
+
+  after_write_ = [this] {
+    read_fails_ = Fatal(kExitUnavailable, "cannot connect");
+    throw Fatal(kExitUnavailable, "cannot set it: Timeout");
+  };
+  const PageAnswer unknown = Send("revision=5&report_duration_s=400&confirmed=yes");
+  EXPECT_EQ(unknown.status, 503);
+  EXPECT_TRUE(Has(unknown, "cannot set it: Timeout; it may still be set"));
+}
+
+TEST_F(ControlPagesTest, FormOfBeforeIsNotCorrectedOverWhatWasSetMeanwhile) {
+  EXPECT_EQ(Send("revision=3&report_duration_s=soon").status, 409);
+}
+
+TEST_F(ControlPagesTest, WarnsWhereThereWasNoIntervalAndMayBeOne) {
+  const auto warns = [this](const std::string& change) {
+    const PageAnswer answer = Send("revision=4&" + change);
+    EXPECT_TRUE(Has(answer, "Change this?")) << change;
+    return Has(answer, "An interval is for ever");
+  };
+  EXPECT_TRUE(warns("send_interval_ms=15000"));
+  EXPECT_TRUE(warns("policy=brake")) << "once it is overrun";
+  EXPECT_FALSE(warns("report_duration_s=300"));
+
+  set_.settings.send_interval_ms = 20'000;
+  EXPECT_FALSE(warns("send_interval_ms=15000"));
+  EXPECT_FALSE(warns("policy=steer")) << "they have one already";
+
+  set_.settings.send_interval_ms = 0;
+  set_.settings.policy.kind = control::Kind::kSteer;
+  EXPECT_FALSE(warns("send_interval_ms=15000")) << "the policy decides, as before";
+  EXPECT_FALSE(warns("policy=none&send_interval_ms=15000"));
+}
+
+TEST_F(ControlPagesTest, StoreThatFailsMayHaveSetItAllTheSame) {
   before_write_ = [] { throw Fatal(kExitUnavailable, "cannot set it: no majority"); };
   const PageAnswer written = Send("revision=4&report_duration_s=300&confirmed=yes");
   EXPECT_EQ(written.status, 503);
-  EXPECT_TRUE(Has(written, "no majority"));
+  EXPECT_TRUE(Has(written, "no majority; it may still be set"));
 
   read_fails_ = Fatal(kExitUnavailable, "cannot connect");
   EXPECT_EQ(Send("revision=4").status, 503);

@@ -86,5 +86,12 @@ TEST(ExpositionTest, WhatACollectorCountsIsReadBack) {
   EXPECT_TRUE(QuantileOf(buckets, 0.99)->is_beyond);
 }
 
+TEST(SamplesTest, WhatNoCollectorHasIsLeftOut) {
+  const Samples samples("a -1\nb +Inf\nc 1e300\nd 9e15\ne -Inf\nf nan\n");
+
+  for (const char* name : {"a", "b", "c", "e", "f"}) EXPECT_FALSE(samples.Value(name)) << name;
+  EXPECT_EQ(samples.Value("d"), 9e15);
+}
+
 }  // namespace
 }  // namespace quenor::collector

@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "collector/page/form.h"
 
@@ -51,6 +52,19 @@ TEST(GuardTest, FormComesFromThisPageAlone) {
         << each.origin.value_or("-") << " " << each.site.value_or("-");
   }
   EXPECT_NE(guard.RefusalOfForm({"attacker.example", {}, {}}, guard.token()), "");
+}
+
+TEST(GuardTest, EventsAreThisPagesAlone) {
+  const Guard guard({});
+  const auto is_served = [&](std::optional<std::string> site) {
+    return guard.RefusalOfEvents({"127.0.0.1:8390", {}, std::move(site)}).empty();
+  };
+
+  EXPECT_TRUE(is_served({})) << "no browser says nothing";
+  EXPECT_TRUE(is_served("same-origin"));
+  for (const char* site : {"cross-site", "same-site", "none"}) {
+    EXPECT_FALSE(is_served(site)) << site << ": it would take the few places that there are";
+  }
 }
 
 TEST(GuardTest, TokenIsOfThisProcess) {

@@ -77,27 +77,27 @@ Overview Hostile() {
 
 TEST(HtmlTest, NothingThatIsShownIsMarkup) {
   const FieldChange change{kHostile, kHostile, kHostile};
-  const FormValues values{7, {{"capacity", kHostile}, {"policy", kHostile}}, kHostile};
+  const FormValues values{7, {{"capacity", kHostile}, {"policy", kHostile}}, kHostile, ""};
+  const FormValues none{7, {}, kHostile, kHostile};
   for (const std::string& html :
-       {TablesOf(Hostile(), kHostile), MainPage(kHostile, "", values),
-        FormPage(kHostile, kHostile, values), ConfirmPage(values, {change}), DonePage(7, {change}),
-        MessagePage(kHostile, kHostile)}) {
+       {TablesOf(Hostile()), MainPage(kHostile, kHostile, "", values), MainPage("", "", "", none),
+        FormPage(kHostile, kHostile, values), ConfirmPage(values, {change}, true),
+        DonePage(7, {change}), MessagePage(kHostile, kHostile)}) {
     EXPECT_FALSE(Has(html, "<script>")) << html;
     EXPECT_TRUE(Has(html, kHarmless)) << html;
   }
   Overview silent;
   silent.store.problem = kHostile;
-  EXPECT_FALSE(Has(TablesOf(silent, ""), "<script>"));
-  EXPECT_FALSE(Has(TablesOf(silent, ""), "nothing is set")) << "nobody knows";
+  EXPECT_FALSE(Has(TablesOf(silent), "<script>"));
+  EXPECT_FALSE(Has(TablesOf(silent), "nothing is set")) << "nobody knows";
 }
 
 TEST(HtmlTest, WhatIsWrongStandsFirst) {
   Overview overview;
   overview.store.problem.clear();
-  EXPECT_EQ(TablesOf(overview, "now").rfind("<p class=\"good\">All is well.", 0), 0u);
+  EXPECT_EQ(TablesOf(overview).rfind("<p class=\"good\">All is well.", 0), 0u);
   overview.problems = {"a is silent", "b, too"};
-  EXPECT_EQ(TablesOf(overview, "now").rfind("<div class=\"bad\" role=\"status\"><p>2 problems", 0),
-            0u);
+  EXPECT_EQ(TablesOf(overview).rfind("<div class=\"bad\" role=\"status\"><p>2 problems", 0), 0u);
 }
 
 TEST(HtmlTest, FiguresStandInTheirTables) {
@@ -105,6 +105,7 @@ TEST(HtmlTest, FiguresStandInTheirTables) {
   overview.store.problem.clear();
   overview.store.bytes = 512;
   overview.store.max_bytes = 1024;
+  overview.store.replicas = 3;
   overview.store.control.revision = 12;
   overview.fill = 0.5;
   overview.reader_lag = 4'321;
@@ -113,27 +114,32 @@ TEST(HtmlTest, FiguresStandInTheirTables) {
   CollectorRow collector;
   collector.state = "stalled";
   collector.control_revision = 11;
-  collector.has_old_control = true;
+  collector.has_other_control = true;
   overview.collectors = {collector};
-  const std::string html = TablesOf(overview, "now");
+  const std::string html = TablesOf(overview);
 
-  for (const char* part :
-       {">17,000/s<", "class=\"bad\">2.5/s<", ">4,321<", ">512 B of 1.0 KiB<", ">50.0 %<",
-        "class=\"bad\">stalled<", "class=\"bad\">revision 11<", "Control: revision 12"}) {
+  for (const char* part : {">17,000/s<", "class=\"bad\">2.5/s<", ">4,321<", ">512 B of 1.0 KiB<",
+                           "data-head=\"replicas\">3<", ">50.0 %<", "class=\"bad\">stalled<",
+                           "class=\"bad\">revision 11<", "Control: revision 12"}) {
     EXPECT_TRUE(Has(html, part)) << part;
   }
 }
 
-TEST(HtmlTest, ConfirmationWarnsOfAnIntervalThatWasNotThere) {
-  const FormValues values{7, {}, "t"};
-  const auto warns = [&](const FieldChange& change) {
-    return Has(ConfirmPage(values, {change}), "An interval is for ever");
-  };
+TEST(HtmlTest, TimeIsNoneOfWhatIsShownAnew) {
+  const std::string page = MainPage("S", "12:00:00", "the tables", {7, {}, "t", ""});
 
-  EXPECT_TRUE(warns({"send_interval_ms", "0", "15000"}));
-  EXPECT_TRUE(warns({"policy", "none", "steer"}));
-  EXPECT_FALSE(warns({"send_interval_ms", "20000", "15000"}));
-  EXPECT_FALSE(warns({"report_duration_s", "0", "60"}));
+  EXPECT_TRUE(Has(page, "<time id=\"time\">12:00:00</time></p>\n<main id=\"tables\">\nthe tables"));
+}
+
+TEST(HtmlTest, FormIsThereOnlyWhereWhatIsSetIsKnown) {
+  const FormValues values{0, {{"capacity", "5000"}}, "t", ""};
+  EXPECT_TRUE(Has(MainPage("S", "", "", values), "<form "));
+
+  FormValues unknown = values;
+  unknown.problem = "the store does not answer";
+  const std::string page = MainPage("S", "", "", unknown);
+  EXPECT_FALSE(Has(page, "<form ")) << "it would offer defaults as if they were set";
+  EXPECT_TRUE(Has(page, "not known: the store does not answer. "));
 }
 
 }  // namespace

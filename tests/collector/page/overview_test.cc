@@ -31,6 +31,7 @@ Looks<Look> At(const std::string& url, Look before, Look now) {
   looks.before_at = kThen;
   looks.now_at = kNow;
   looks.since_unix_s = kNoonUnixS;
+  looks.now_unix_s = kNoonUnixS + 60;
   return looks;
 }
 
@@ -75,13 +76,14 @@ StoreLook Store() {
 Gathered Calm() {
   Gathered gathered;
   gathered.store = At("one", Store(), Store());
+  gathered.collectors = {At("a", Collector(0, 0, 0), Collector(0, 0, 0))};
   return gathered;
 }
 
 Overview OverviewOf(std::vector<Looks<CollectorLook>> collectors) {
   Gathered gathered = Calm();
   gathered.collectors = std::move(collectors);
-  return MakeOverview(gathered);
+  return MakeOverview(gathered, kNow);
 }
 
 TEST(OverviewTest, TrafficIsTheRiseBetweenTheTwoLooks) {
@@ -127,10 +129,47 @@ TEST(OverviewTest, CollectorThatIsNotAsItShouldBeIsNamed) {
                   At("b", Collector(0, 0, 0), Collector(0, 0, 0, "stalled"))});
 
   EXPECT_EQ(overview.problems,
-            (std::vector<std::string>{"collector a does not answer (Connection) since 12:00:00 UTC",
-                                      "collector b is stalled"}));
-  EXPECT_EQ(overview.collectors.at(0).problem, "does not answer (Connection) since 12:00:00 UTC");
+            (std::vector<std::string>{
+                "collector a does not answer (Connection) since 2024-05-01 12:00:00 UTC",
+                "collector b is stalled"}));
+  EXPECT_EQ(overview.collectors.at(0).problem,
+            "does not answer (Connection) since 2024-05-01 12:00:00 UTC");
   EXPECT_EQ(overview.traffic.in_flight, 3u) << "b's alone";
+}
+
+TEST(OverviewTest, CollectorAheadOfTheStoreIsOfABucketOfBefore) {
+  Gathered gathered = Calm();
+  gathered.store.before.control.revision = gathered.store.now.control.revision = 2;
+  gathered.collectors = {At("a", Collector(0, 0, 0), Collector(0, 0, 0, "ready", 3)),
+                         At("b", Collector(0, 0, 0, "ready", 7), Collector(0, 0, 0, "ready", 7)),
+                         At("c", Collector(0, 0, 0, "ready", 7), Collector(0, 0, 0, "ready", 7))};
+  gathered.collectors.at(2).before_at = kNow;
+
+  const std::vector<std::string> b = {"collector b has control revision 7 instead of 2"};
+  EXPECT_EQ(MakeOverview(gathered, kNow).problems, b)
+      << "a has what is set just now, as c may have, and the store was asked before";
+  gathered.store.now.control = ControlFound();
+  EXPECT_EQ(MakeOverview(gathered, kNow).problems,
+            std::vector<std::string>{"collector b has control revision 7 instead of 0"});
+  gathered.store.now.control_problem = "cannot read it";
+  EXPECT_EQ(MakeOverview(gathered, kNow).problems, std::vector<std::string>{"cannot read it"});
+}
+
+TEST(OverviewTest, OldLooksAreNotShownAsNow) {
+  Gathered gathered = Calm();
+  gathered.nodes = {At("n", NodeState(), NodeState())};
+  EXPECT_EQ(MakeOverview(gathered, kNow + seconds(6)).problems, std::vector<std::string>());
+
+  const std::string old = " has not answered since 2024-05-01 12:01:00 UTC";
+  const Overview overview = MakeOverview(gathered, kNow + seconds(7));
+  EXPECT_EQ(overview.problems,
+            (std::vector<std::string>{"the store" + old, "node n" + old, "collector a" + old}));
+  EXPECT_FALSE(overview.nodes.at(0).answers);
+  EXPECT_FALSE(overview.store.problem.empty());
+
+  gathered.collectors.at(0).now = SilentCollector();
+  EXPECT_EQ(MakeOverview(gathered, kNow + seconds(7)).problems.at(2),
+            "collector a does not answer (Connection) since 2024-05-01 12:00:00 UTC");
 }
 
 TEST(OverviewTest, CollectorIsGivenTimeToHearOfAChange) {
@@ -141,12 +180,12 @@ TEST(OverviewTest, CollectorIsGivenTimeToHearOfAChange) {
                          At("b", Collector(0, 0, 0), Collector(0, 0, 0, "ready", 4)),
                          At("c", Collector(0, 0, 0), Collector(0, 0, 0, "ready", 3))};
 
-  const Overview overview = MakeOverview(gathered);
+  const Overview overview = MakeOverview(gathered, kNow);
 
   EXPECT_EQ(overview.problems,
             std::vector<std::string>{"collector c has control revision 3 instead of 4"});
-  EXPECT_FALSE(overview.collectors.at(1).has_old_control);
-  EXPECT_TRUE(overview.collectors.at(2).has_old_control);
+  EXPECT_FALSE(overview.collectors.at(1).has_other_control);
+  EXPECT_TRUE(overview.collectors.at(2).has_other_control);
 }
 
 // ---- Nodes -------------------------------------------------------------------------------------
@@ -176,7 +215,7 @@ Overview OfNodes(const std::vector<std::pair<NodeState, NodeState>>& nodes) {
   for (const auto& [before, now] : nodes) {
     gathered.nodes.push_back(At("n" + std::to_string(gathered.nodes.size() + 1), before, now));
   }
-  return MakeOverview(gathered);
+  return MakeOverview(gathered, kNow);
 }
 
 TEST(OverviewTest, NodesThatAreNotAskedInTheSameMomentAreCopies) {
@@ -211,10 +250,13 @@ TEST(OverviewTest, NodeThatIsNoCopyIsNamed) {
       {{Node({5, 90, 86}), Node({5, 100, 96})}, "node n3 begins at 5, others at 1"},
       {{Node({1, 90, 88}), Node({1, 100, 98})},
        "node n3 misses 2 between first and last, others 0"},
-      {{Node({1, 20, 20}), Node({1, 89, 89})}, "node n3 ends at 89, others were at 90 before"},
-      {{SilentNode(), SilentNode()}, "node n3 does not answer (Connection) since 12:00:00 UTC"},
+      {{Node({1, 20, 20}), Node({1, 89, 89})}, "node n3 ends at 89, others at 100, for seconds"},
+      {{Node({1, 109, 109}), Node({1, 110, 110})},
+       "node n3 ends at 110, others at 100, for seconds"},
+      {{SilentNode(), SilentNode()},
+       "node n3 does not answer (Connection) since 2024-05-01 12:00:00 UTC"},
       {{Node({1, 90, 90}), SilentNode()},
-       "node n3 does not answer (Connection) since 12:00:00 UTC"},
+       "node n3 does not answer (Connection) since 2024-05-01 12:00:00 UTC"},
   };
   for (const Case& each : cases) {
     EXPECT_EQ(OfNodes({good, good, each.third}).problems, std::vector<std::string>{each.problem});
@@ -235,6 +277,44 @@ TEST(OverviewTest, NodeOfLowerNumbersIsNoCopyEvenUnderTraffic) {
       << "one look may fall into a change of leaders";
 }
 
+TEST(OverviewTest, EachNodeThatMayBeNoCopyIsNamed) {
+  NodeState odd = Node({1, 9, 9});
+  odd.bytes = 7;
+  const std::pair<NodeState, NodeState> good = {Node({1, 9, 9}), Node({1, 9, 9})};
+  const Overview two = OfNodes({good, {odd, odd}});
+  EXPECT_EQ(two.nodes.at(0).problem.rfind("may be no copy: ", 0), 0u);
+  EXPECT_EQ(two.nodes.at(1).problem.rfind("may be no copy: ", 0), 0u);
+  EXPECT_EQ(two.problems.size(), 2u);
+
+  NodeState other = odd;
+  other.bytes = 8;
+  const Overview five = OfNodes({good, {odd, odd}, good, {other, other}, good});
+  EXPECT_EQ(five.problems.size(), 2u) << "the second one, too";
+  EXPECT_EQ(five.nodes.at(1).problem.rfind("is no copy: ", 0), 0u);
+  EXPECT_EQ(five.nodes.at(3).problem.rfind("is no copy: ", 0), 0u);
+}
+
+TEST(OverviewTest, ReplicaThatNobodyLooksAtIsAProblem) {
+  const auto problems_of = [](const std::vector<std::string>& ids, uint64_t replicas) {
+    Gathered gathered = Calm();
+    gathered.store.now.replicas = replicas;
+    for (const std::string& id : ids) {
+      NodeState node = id.empty() ? SilentNode() : Node({1, 9, 9});
+      node.id = id;
+      gathered.nodes.push_back(At("u" + std::to_string(gathered.nodes.size()), node, node));
+    }
+    return MakeOverview(gathered, kNow).problems;
+  };
+  EXPECT_EQ(problems_of({"A", "B", "C"}, 3).size(), 0u);
+  EXPECT_EQ(problems_of({"A"}, 1).size(), 0u);
+  EXPECT_EQ(problems_of({"A", "B", ""}, 3).size(), 1u) << "the silent one has a line already";
+  EXPECT_EQ(problems_of({"A", "B", "A"}, 3),
+            std::vector<std::string>{"--monitor leads to 2 of the stream's 3 replicas; give it "
+                                     "once for each node"});
+  EXPECT_EQ(problems_of({"A", "B"}, 3).size(), 1u);
+  EXPECT_EQ(problems_of({}, 3).size(), 1u);
+}
+
 TEST(OverviewTest, TwoNodesThatDifferAreBothBad) {
   const Overview overview =
       OfNodes({{Node({1, 9, 9}), Node({1, 9, 9})}, {Node({2, 9, 8}), Node({2, 9, 8})}});
@@ -248,10 +328,10 @@ TEST(OverviewTest, NodeThatHasOnlyJustAnsweredHasTimeToComeAfter) {
   gathered.nodes = {At("n1", Node({1, 90, 90}), Node({1, 100, 100})),
                     At("n2", Node({1, 50, 50}), Node({1, 50, 50}))};
   gathered.nodes.at(1).before_at = kNow - seconds(1);
-  EXPECT_EQ(MakeOverview(gathered).problems, std::vector<std::string>());
+  EXPECT_EQ(MakeOverview(gathered, kNow).problems, std::vector<std::string>());
 
   gathered.nodes.at(1).before_at = kNow - seconds(2);
-  EXPECT_EQ(MakeOverview(gathered).problems.size(), 1u);
+  EXPECT_EQ(MakeOverview(gathered, kNow).problems.size(), 2u) << "of two it may be either";
 }
 
 TEST(OverviewTest, LagIsWhatAnotherHasNow) {
@@ -268,30 +348,32 @@ TEST(OverviewTest, LagIsWhatAnotherHasNow) {
 
 TEST(OverviewTest, FillAndReadersLag) {
   Gathered gathered = Calm();
-  EXPECT_DOUBLE_EQ(MakeOverview(gathered).fill, 0.5);
-  EXPECT_EQ(MakeOverview(gathered).reader_lag, 9u);
-  EXPECT_FALSE(MakeOverview(gathered).is_nearly_full);
+  EXPECT_DOUBLE_EQ(MakeOverview(gathered, kNow).fill, 0.5);
+  EXPECT_EQ(MakeOverview(gathered, kNow).reader_lag, 9u);
+  EXPECT_FALSE(MakeOverview(gathered, kNow).is_nearly_full);
 
   gathered.store.now.bytes = 800;
-  EXPECT_TRUE(MakeOverview(gathered).is_nearly_full);
-  EXPECT_EQ(MakeOverview(gathered).problems.size(), 1u);
+  EXPECT_TRUE(MakeOverview(gathered, kNow).is_nearly_full);
+  EXPECT_EQ(MakeOverview(gathered, kNow).problems.size(), 1u);
 
   gathered.store.now.max_bytes = 0;
-  EXPECT_EQ(MakeOverview(gathered).fill, 0);
+  EXPECT_EQ(MakeOverview(gathered, kNow).fill, 0);
 }
 
 TEST(OverviewTest, WhatTheStoreLacksIsNamed) {
   Gathered gathered = Calm();
   gathered.store.now.reader_problem = "no reader";
   gathered.store.now.control_problem = "not understood";
-  EXPECT_EQ(MakeOverview(gathered).problems,
+  EXPECT_EQ(MakeOverview(gathered, kNow).problems,
             (std::vector<std::string>{"no reader", "not understood"}));
 
   gathered.store.now.problem = "does not answer";
-  EXPECT_EQ(MakeOverview(gathered).problems,
-            std::vector<std::string>{"the store does not answer since 12:00:00 UTC"});
-  EXPECT_EQ(MakeOverview(Gathered()).problems,
-            std::vector<std::string>{"the store has not been asked yet"});
+  EXPECT_EQ(MakeOverview(gathered, kNow).problems,
+            std::vector<std::string>{"the store does not answer since 2024-05-01 12:00:00 UTC"});
+  EXPECT_EQ(MakeOverview(Gathered(), kNow).problems,
+            (std::vector<std::string>{"the store has not been asked yet",
+                                      "nothing is watched; give --collector for each collector "
+                                      "and --monitor for each node"}));
 }
 
 // ---- What is kept ------------------------------------------------------------------------------

@@ -115,9 +115,29 @@ class PageTest(PageCase):
         self.assertIn(f'<td data-head="address">{self.nodes[2].page()}</td><td data-head="first" class="bad"',
                       text)
         wait_for("the stopped one", lambda: self.row(self.text(), self.nodes[1].page()).get("copy") == "as the others")
+        self.wait_text('<form method="post"')
         self.nodes[0].kill()
         self.nodes[1].kill()
-        self.wait_text("the store does not answer (")
+        text = self.wait_text("the store does not answer (")
+        self.assertNotIn('<form method="post"', text)
+        self.assertIn("There is no form, as what is set is not known: the store does not answer (", text)
+
+    def test_connection_that_ended_for_good_is_made_anew(self):
+        """The client library gives up a connection that the node refuses twice."""
+        self.set_up()
+        node = self.nodes[0]
+        with open(node.conf) as file:
+            open_to_all = file.read()
+        with open(node.conf, "w") as file:
+            file.write(open_to_all + '\nauthorization { user: "u", password: "p" }\n')
+        node.kill()
+        node.start()
+        self.wait_text("the store does not answer (cannot connect to the store ")
+        with open(node.conf, "w") as file:
+            file.write(open_to_all)
+        node.kill()
+        node.start()
+        wait_for("the store", lambda: "the store does not" not in self.text())
 
     def test_nodes_that_differ_are_red(self):
         """A node that holds something else calls itself well: here it is one of another store."""
@@ -137,7 +157,9 @@ class PageTest(PageCase):
         page = tier.Page(COLLECTOR, self.nodes, self.collectors, "--listen", "127.0.0.1:0", "--monitor", other.page())
         self.addCleanup(page.close)
         self.page = page
-        self.wait_text(f"node {self.nodes[0].page()} or {other.page()} is no copy: up to message 5 ")
+        text = self.wait_text(f"node {self.nodes[0].page()} may be no copy: up to message 5 ")
+        self.assertIn(f"node {other.page()} may be no copy: up to message 5 ", text)
+        self.assertIn("may be no copy", self.row(text, other.page())["copy"])
         self.assertTrue(wire.request("$JS.API.STREAM.MSG.DELETE.REPORTS", {"seq": 3})["success"])
         text = self.wait_text(f"node {other.page()} misses 1 between first and last, others 0")
         self.assertIn('<td data-head="copy" class="bad">misses 1 between first and last, others 0</td>', text)
@@ -158,6 +180,8 @@ class PageTest(PageCase):
         self.assertEqual(200, status)
         revision = self.revision()
         self.assertIn(f"Revision {revision} is set.", text)
+        self.assertIn(f"Revision {revision} is set.", self.send_form(confirmed)[1], "a reload")
+        self.assertEqual(revision, self.revision())
         wait_for("the revision", lambda: self.collectors[0].metric("control_revision") == revision)
         self.assertEqual(300, post(self.collectors[0], b"x")[1]["uint32_report_duration"])
         self.wait_text(f"Control: revision {revision}")
@@ -166,7 +190,7 @@ class PageTest(PageCase):
         confirmed["revision"], confirmed["report_duration_s"] = str(revision), "500"
         status, text = self.send_form(confirmed)
         self.assertEqual(409, status)
-        self.assertIn(f"Somebody else has set revision {self.revision()}.", text)
+        self.assertIn(f"Revision {self.revision()} has been set meanwhile.", text)
         self.assertEqual("77", self.form(text)["report_duration_s"])
         self.assertEqual(77, json.loads(self.tool("control", "show")[1].split(" ", 2)[2])["report_duration_s"])
 
@@ -246,6 +270,8 @@ class PageTest(PageCase):
         for stream in streams:
             self.assertIn("All is well.", event(stream))
         self.assertEqual(503, open_stream().status)
+        for site, status in (("cross-site", 403), ("same-site", 403), ("same-origin", 503)):
+            self.assertEqual(status, self.request("GET", "/events", Sec_Fetch_Site=site)[0])
         post(self.collectors[0], b"x")
         self.collectors[0].kill()
         wait_for("the event", lambda: "does not answer" in event(streams[0]))
@@ -268,6 +294,10 @@ class PageTest(PageCase):
                 (("--listen", "nowhere"), 64, "not an address to listen on"),
                 (("--collector", "127.0.0.1:9001"), 64, "not an address as in http://127.0.0.1:9001"),
                 (("--monitor", "http://one:8222/jsz"), 64, "not an address as in"),
+                *((("--monitor", f"http://{host}"), 64, "not an address as in") for host in
+                  ("one:0", "one:65536", "one:99999999999", "one:", "one:x", ":8222", "::1:8222", "[one]:8222")),
+                *((("--name", name), 64, "without scheme and port") for name in
+                  ("page.example:8390", "http://page.example")),
                 (("--reader", "a.b"), 64, "not a name for the store")):
             done = subprocess.run([COLLECTOR, "page", "--store", store, *words], capture_output=True, text=True,
                                   timeout=support.PATIENCE_S)

@@ -11,7 +11,7 @@ namespace {
 
 NodeState Node(const std::string& url, uint64_t last, const std::string& time) {
   const std::string page =
-      R"({"config":{"max_storage":1000},"account_details":[{"stream_detail":[{"name":"OTHER"},)"
+      R"({"server_id":"N7","config":{"max_storage":1000},"account_details":[{"stream_detail":[{"name":"OTHER"},)"
       R"({"name":"S","cluster":{"leader":"a"},"state":{"first_seq":1,"last_seq":)" +
       std::to_string(last) + R"(,"messages":)" + std::to_string(last) +
       R"(,"bytes":5,"last_ts":"2024-05-01T12:34:)" + time + R"("}}]}]})";
@@ -24,6 +24,7 @@ TEST(NodesTest, PageIsRead) {
   const NodeState node = Node("a", 40, "56.7Z");
 
   EXPECT_EQ(node.problem, "");
+  EXPECT_EQ(node.id, "N7");
   EXPECT_EQ(node.first_sequence, 1u);
   EXPECT_EQ(node.last_sequence, 40u);
   EXPECT_EQ(node.messages, 40u);
@@ -52,11 +53,42 @@ TEST(NodesTest, NodeThatIsBehindIsNoCopyYet) {
 }
 
 TEST(NodesTest, NodeThatLacksSomeIsNoCopyAlsoUnderTraffic) {
-  const std::vector<NodeState> calm = {Node("a", 40, "56.7Z"), Node("b", 38, "56.7Z")};
-  EXPECT_NE(DivergenceOf(calm).find("b is no copy"), std::string::npos);
-  const std::vector<NodeState> busy = {Node("a", 40, "56.7Z"), Node("b", 39, "56.71Z")};
+  const std::vector<NodeState> calm = {Node("a", 40, "56.7Z"), Node("b", 38, "56.7Z"),
+                                       Node("c", 40, "56.7Z")};
+  EXPECT_EQ(DivergenceOf(calm).find("b is no copy"), 0u);
+  EXPECT_EQ(DivergencesOf(calm)[0], "");
+  EXPECT_EQ(DivergencesOf(calm)[2], "");
+  const std::vector<NodeState> busy = {Node("a", 40, "56.7Z"), Node("b", 39, "56.71Z"),
+                                       Node("c", 41, "56.72Z")};
   EXPECT_EQ(MismatchOf(busy, 30), "") << "it has long passed what was there first";
-  EXPECT_NE(DivergenceOf(busy).find("so it lacks 1 or more"), std::string::npos);
+  EXPECT_NE(DivergencesOf(busy)[1].find("so it lacks 1 or more, or a is none"), std::string::npos)
+      << "c has come further, and is no judge";
+  EXPECT_NE(DivergenceOf(calm).find("so it lacks 2 or more"), std::string::npos);
+}
+
+TEST(NodesTest, NodeThatHasTooManyIsTheOne) {
+  const std::vector<NodeState> nodes = {Node("a", 40, "56.7Z"), Node("b", 40, "56.7Z"),
+                                        Node("c", 42, "56.7Z")};
+  const std::vector<std::string> found = DivergencesOf(nodes);
+
+  EXPECT_EQ(found[0], "");
+  EXPECT_EQ(found[1], "");
+  EXPECT_EQ(found[2].find("is no copy: its message 42 is no newer than message 40 of "), 0u);
+  EXPECT_NE(found[2].find("so it has 2 or more too many"), std::string::npos) << found[2];
+  EXPECT_EQ(MismatchOf(nodes, 42), "c ends at 42, b only at 40");
+}
+
+TEST(NodesTest, OddOneIsNamedWhereverItStands) {
+  const auto begins = [](const std::string& url, uint64_t first) {
+    NodeState node = Node(url, 40, "56.7Z");
+    node.first_sequence = first;
+    node.messages = 41 - first;
+    return node;
+  };
+  EXPECT_EQ(MismatchOf({begins("a", 2), begins("b", 1), begins("c", 1)}, 40),
+            "a begins at 2, c at 1");
+  EXPECT_EQ(MismatchOf({begins("a", 2), begins("b", 1)}, 40), "a begins at 2, b at 1");
+  EXPECT_NE(MismatchOf({begins("a", 1), begins("b", 1), begins("c", 2), begins("d", 2)}, 40), "");
 }
 
 TEST(NodesTest, NodeWithOtherMessagesInTheirPlacesHasOtherBytes) {
@@ -67,15 +99,38 @@ TEST(NodesTest, NodeWithOtherMessagesInTheirPlacesHasOtherBytes) {
   };
   const std::string found =
       DivergenceOf({holding("a", 40, 9), holding("b", 40, 8), holding("c", 40, 9)});
-  EXPECT_EQ(found.find("b is no copy: up to message 40 b holds 8 bytes and a 9"), 0u) << found;
+  EXPECT_EQ(found.find("b is no copy: up to message 40 it holds 8 bytes and c 9, so it has other"),
+            0u)
+      << found;
   const std::string first =
       DivergenceOf({holding("a", 40, 7), holding("b", 40, 8), holding("c", 40, 8)});
   EXPECT_EQ(first.find("a is no copy"), 0u) << first;
-  const std::string either = DivergenceOf({holding("a", 40, 9), holding("b", 40, 8)});
-  EXPECT_EQ(either.find("a or b is no copy"), 0u) << either;
   NodeState further = holding("b", 41, 8);
   further.last_time += "1";
   EXPECT_EQ(DivergenceOf({holding("a", 40, 9), further}), "") << "that one has come further";
+}
+
+TEST(NodesTest, OfTwoEitherMayBeTheOne) {
+  NodeState odd = Node("b", 40, "56.7Z");
+  odd.bytes = 8;
+  const std::vector<std::string> found = DivergencesOf({Node("a", 40, "56.7Z"), odd});
+
+  EXPECT_EQ(
+      found[0],
+      "may be no copy: up to message 40 it holds 5 bytes and b 8, so it has other messages in "
+      "the place of some, or b is none; a third node tells which");
+  EXPECT_EQ(found[1].find("may be no copy: up to message 40 it holds 8 bytes and a 5"), 0u);
+
+  const std::vector<std::string> lower =
+      DivergencesOf({Node("a", 40, "56.7Z"), Node("b", 38, "56.7Z")});
+  EXPECT_EQ(lower[0].find("may be no copy: its message 40 is no newer"), 0u) << lower[0];
+  EXPECT_EQ(lower[1].find("may be no copy: its message 38 is no older"), 0u) << lower[1];
+}
+
+TEST(NodesTest, AddressThatIsNoneIsAProblem) {
+  for (const char* url : {"http://127.0.0.1:99999999999", "http://127.0.0.1:x"}) {
+    EXPECT_NE(AskNode(url, "S").problem, "") << url;
+  }
 }
 
 TEST(NodesTest, TimesOfTwoLeadersAreNotCompared) {
