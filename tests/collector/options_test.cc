@@ -186,6 +186,10 @@ TEST(OptionsTest, CertificateAndKeyNeedEachOther) {
   EXPECT_NE(UsageError({"--key", "k"}).find("--cert"), std::string::npos);
 }
 
+TEST(OptionsTest, ControlAloneSaysWhatItCanDo) {
+  EXPECT_NE(UsageError({"control"}).find("A subcommand is required"), std::string::npos);
+}
+
 TEST(OptionsTest, NumberWithALeadingZeroIsNotTakenForOctal) {
   EXPECT_NE(UsageError({"--threads", "010"}).find("not a whole number from 1 to 4096: \"010\""),
             std::string::npos);

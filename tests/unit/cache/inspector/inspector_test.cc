@@ -423,6 +423,7 @@ TEST_F(InspectorTest, NamesWhatIsNoCacheFile) {
   const Shown missing(folder_.File("nothing"));
   EXPECT_EQ(Result::kNotFound, missing.result);
   EXPECT_NE(std::string::npos, missing.error.find("nothing"));
+  EXPECT_NE(std::string::npos, missing.error.find("; give the path of a cache file"));
 }
 
 }  // namespace
