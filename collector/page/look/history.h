@@ -22,7 +22,7 @@ class History {
 
   void Add(Look look, Time at, int64_t unix_s) {
     const bool has_turned =
-        looks_.empty() || looks_.back().look.problem.empty() != look.problem.empty();
+        looks_.empty() || WhatIsWrong(looks_.back().look.problem) != WhatIsWrong(look.problem);
     if (has_turned) {
       // What it said before it went silent is no measure for what it says now.
       looks_.clear();
@@ -51,6 +51,11 @@ class History {
     Look look;
     Time at;
   };
+
+  // Without the particulars in brackets, which may be others each time.
+  static std::string WhatIsWrong(const std::string& problem) {
+    return problem.substr(0, problem.find(" ("));
+  }
 
   const std::string url_;
   std::deque<Kept> looks_;

@@ -205,7 +205,7 @@ class BrowserTest(page_test.PageCase):
             return None
         return answer
 
-    def look(self, name, width, scheme):
+    def look(self, name, width, scheme, is_pictured):
         """The page on such a screen: nothing sticks out, and it is as light or dark as it should."""
         self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
             "width": width, "height": PICTURE_HEIGHT, "deviceScaleFactor": 1, "mobile": width < 500})
@@ -225,15 +225,15 @@ class BrowserTest(page_test.PageCase):
         self.assertEqual([], seen["out"], where)
         brightness = sum(int(part) for part in seen["ground"][4:-1].split(","))
         self.assertEqual(scheme == "dark", brightness < 3 * 128, where)
-        if PICTURES:
+        if PICTURES and is_pictured:
             shot = self.browser.execute_cdp_cmd("Page.captureScreenshot", {"format": "png"})
             with open(os.path.join(PICTURES, f"{name}-{width}-{scheme}.png"), "wb") as file:
                 file.write(base64.b64decode(shot["data"]))
 
-    def look_at_all(self, name):
+    def look_at_all(self, name, is_pictured=False):
         for width in WIDTHS:
             for scheme in ("light", "dark"):
-                self.look(name, width, scheme)
+                self.look(name, width, scheme, is_pictured)
 
     def red_of(self, selector):
         """By how much such an element is more red than anything else."""
@@ -254,12 +254,31 @@ class BrowserTest(page_test.PageCase):
         wait_for("answers", lambda: sum(each.metric("reports_stored_total") for each in self.collectors) > 500)
         self.browser.get(self.page.url())
         self.wait_shown("All is well.")
-        self.look_at_all("calm")
+        self.look_at_all("calm", is_pictured=True)
         self.assertEqual([], self.browser.find_elements(By.CSS_SELECTOR, "main .bad"))
 
+        self.type("send_interval_ms", "15000")
+        self.find("form button").click()
+        self.wait_shown("An interval is for ever")
+        self.look_at_all("confirm")
+        self.find("#confirm").click()
+        self.find("#done")
+        self.look_at_all("done")
+        self.find("a").click()
+        self.wait_shown(f"Control: revision {self.revision()}")
+        self.browser.get(self.page.url())
+        self.type("report_duration_s", "9" * 60)
+        self.find("form button").click()
+        self.wait_shown("not a whole number")
+        self.look_at_all("not-changed")
+        self.browser.get(self.page.url() + "nothing")
+        self.wait_shown("Refused")
+        self.look_at_all("refused")
+
+        self.browser.get(self.page.url())
         self.nodes[2].kill()
         self.wait_shown(f"node {self.nodes[2].page()} does not answer")
-        self.look_at_all("dead-node")
+        self.look_at_all("dead-node", is_pictured=True)
         self.assertGreater(self.red_of("main td.bad"), 60)
         self.page.kill()
         self.wait_shown("This page has lost its server")

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "collector/page/look/ask.h"
 #include "collector/page/look/gatherer.h"
 #include "collector/page/look/history.h"
 
@@ -401,6 +402,25 @@ TEST(HistoryTest, SilenceBeginsAnewAndSoDoesItsEnd) {
   history.Add(Collector(9, 0, 0), kThen + seconds(3), kNoonUnixS + 3);
   EXPECT_EQ(history.Get().since_unix_s, kNoonUnixS + 3);
   EXPECT_EQ(history.Get().seconds(), 0) << "nothing is counted over the gap";
+}
+
+TEST(HistoryTest, AnotherProblemBeginsAnewButNotItsParticulars) {
+  History<NodeState> history("a");
+  auto since_of = [&, second = 0](const std::string& problem) mutable {
+    NodeState node;
+    node.problem = problem;
+    history.Add(node, kThen + seconds(second), kNoonUnixS + second);
+    ++second;
+    return history.Get().since_unix_s - kNoonUnixS;
+  };
+  EXPECT_EQ(since_of("does not answer (Connection)"), 0);
+  EXPECT_EQ(since_of("does not answer (Read)"), 0);
+  EXPECT_EQ(since_of("answers with status 500"), 2);
+  EXPECT_EQ(since_of("answers with status 500"), 2);
+}
+
+TEST(AskTest, AddressThatIsNoneIsAProblem) {
+  EXPECT_EQ(AskCollector("http://127.0.0.1:99999999999").problem.rfind("cannot be asked (", 0), 0u);
 }
 
 // One that never answers, until the test is over, holds up none of the others.
