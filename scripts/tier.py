@@ -121,7 +121,8 @@ class Node(Process):
         """A process of deploy's that kills the node where it must not go on."""
         kill = f'grep -qs {self.conf} /proc/$(cat {self.pid_file})/cmdline && kill -KILL $(cat {self.pid_file})'
         with open(self.log, "a") as log:
-            return subprocess.Popen([*self.within, DEPLOY / "nats-server-watch", self.page(), "sh", "-c", kill],
+            others = ",".join(node.page() for node in self.others)
+            return subprocess.Popen([*self.within, DEPLOY / "nats-server-watch", self.page(), others, "sh", "-c", kill],
                                     stdin=subprocess.DEVNULL, stdout=log, stderr=log)
 
     def wait_ready(self):

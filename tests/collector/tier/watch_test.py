@@ -3,6 +3,7 @@
 import importlib.machinery
 import importlib.util
 import pathlib
+import socket
 import sys
 import unittest
 
@@ -40,6 +41,23 @@ class WatchTest(unittest.TestCase):
         self.assertIn("leads", judge(page("one", two=3.1, three=9), 7))
         alone = {"meta_cluster": page("one", two=4, three=4)["account_details"][0]["stream_detail"][0]["cluster"]}
         self.assertIn("leads", judge(alone, 8))
+
+    def test_cut_off(self):
+        judge = watch.Watch().judge
+        follows = page("two", two=0.1, three=0.1)
+        self.assertIsNone(judge(follows, 10, None), "no other was ever reached")
+        self.assertIsNone(judge(follows, 12.9, 10))
+        self.assertIn("cut off", judge(follows, 13, 10))
+        self.assertIsNone(judge(None, 20, 10), "it starts again")
+        self.assertIn("cut off", judge(follows, 40, 10))
+        self.assertIsNone(judge(follows, 41, 40.9))
+
+    def test_other_machines_are_reached_while_they_say_something(self):
+        with socket.create_server(("127.0.0.1", 0)) as server:
+            url = f"http://127.0.0.1:{server.getsockname()[1]}"
+            self.assertTrue(watch.is_reached(url))
+        self.assertTrue(watch.is_reached(url), "refused")
+        self.assertFalse(watch.is_reached("http://name.invalid:1"))
 
     def test_silent(self):
         judge = watch.Watch().judge
