@@ -4,7 +4,6 @@
 #define COLLECTOR_PROVISION_NODES_H_
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -30,8 +29,8 @@ struct NodeState {
   }
 };
 
-// Who is wrong where nodes are at odds: who has most of them against it. Of three it is
-// the one that differs; of two it may be either. `at_odds` is of two nodes, in any order.
+// Who is wrong where nodes are at odds: who has most of them against it. Of three it is the one
+// that differs; of two it may be either. `at_odds` is of two nodes, in any order.
 template <typename Node>
 struct Outvoted {
   const Node* by = nullptr;  // One that it is at odds with. Null: it is not outvoted.
