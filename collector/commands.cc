@@ -74,6 +74,16 @@ void AddName(CLI::App* app, const char* option, std::string* name, const char* h
       ->capture_default_str();
 }
 
+// A list of URLs without paths.
+CLI::Option* AddUrls(CLI::App* app, const char* name, std::vector<std::string>* urls,
+                     const char* help) {
+  return app->add_option(name, *urls, help)
+      ->type_name("URL")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->check(HttpUrl());
+}
+
 void AddProvision(CLI::App* app, ProvisionOptions* options) {
   app->add_option("--replicas", options->replicas, "how many nodes hold each message")
       ->type_name("N")
@@ -92,12 +102,8 @@ void AddProvision(CLI::App* app, ProvisionOptions* options) {
   AddName(app, "--bucket", &options->store.bucket, "the bucket of the control fields");
   AddName(app, "--reader", &options->reader, "the durable reader");
   CLI::Option* const monitor =
-      app->add_option("--monitor", options->monitors,
-                      "a node's monitoring address, as in http://one:8222; may be repeated")
-          ->type_name("URL")
-          ->expected(1)
-          ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-          ->check(NotEmpty());
+      AddUrls(app, "--monitor", &options->monitors,
+              "a node's monitoring address, as in http://one:8222; may be repeated");
   CLI::Option* const check =
       app->add_flag("--check", options->check,
                     "make nothing: compare first sequence and count on each node")
@@ -136,16 +142,6 @@ void AddExport(CLI::App* app, ExportOptions* options) {
       ->check(WholeNumber(1, kMaxTimeMs))
       ->default_str("10s");
   app->add_flag("--once", options->once, "end when everything is read");
-}
-
-// A list of URLs without paths.
-CLI::Option* AddUrls(CLI::App* app, const char* name, std::vector<std::string>* urls,
-                     const char* help) {
-  return app->add_option(name, *urls, help)
-      ->type_name("URL")
-      ->expected(1)
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-      ->check(HttpUrl());
 }
 
 void AddPage(CLI::App* app, std::string* listen, PageOptions* options) {

@@ -107,7 +107,7 @@ std::vector<const NodeState*> ThoseThatAnswer(const std::vector<NodeState>& node
 NodeState ReadNode(const std::string& answer, const std::string& stream) {
   NodeState node;
   rapidjson::Document document;
-  document.Parse(answer.data(), answer.size());
+  document.Parse<rapidjson::kParseIterativeFlag>(answer.data(), answer.size());
   if (document.HasParseError() || !document.IsObject()) {
     node.problem = "its answer is no JSON object";
     return node;

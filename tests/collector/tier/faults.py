@@ -34,6 +34,7 @@ SIZE = 300
 LOGGED_MS = 300  # A leader writes that it leads when it does so already.
 LEADERS = 5  # That are killed one after the other.
 SKIPPED = 77
+LAST_LINES = 15
 CALM_S = 3  # Of load before a fault and after it.
 STOPPED_S = 10
 DISK = "300m"
@@ -214,7 +215,12 @@ class Run:
                 for found in RECORD.finditer(file.read()):
                     numbers[found[2].decode()] += 1
                     ids[ID.search(found[1])[1]] += 1
-        held = wait_for("its page", lambda: node.state("REPORTS"))["state"]["messages"]
+        try:
+            held = wait_for("its page", lambda: node.state("REPORTS"))["state"]["messages"]
+        except AssertionError as reason:
+            with open(node.log) as log:
+                last = "".join(log.readlines()[-LAST_LINES:])
+            raise SystemExit(f"{node.name}, exit code {node.process.poll()}: {reason}; it wrote:\n{last}") from None
         if held != numbers.total():
             raise SystemExit(f"{node.name} says {held} messages, and its files have {numbers.total()}")
         return numbers, ids
