@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """A network that comes back, or becomes another one: how soon the next message arrives, with and
 without being told, and what a watch costs while nothing changes."""
+import os
 import time
 
 import support
@@ -74,8 +75,11 @@ class ReturnTest(support.Case):
         self.link.is_dead = True  # Its answer would not come.
         host.do("send 1")
         wait_until(lambda: host.counts()["sent"] == 3, "the third is on its way")
-        self.home.run("ip", "addr", "del", "10.77.0.1/16", "dev", self.link.DEVICE)
-        self.home.run("ip", "addr", "add", "10.77.0.2/16", "dev", self.link.DEVICE)
+        # At once: between the two a message would be sent, and fail.
+        changes = os.path.join(self.folder, "changes")
+        with open(changes, "w") as file:
+            file.write(f"addr del 10.77.0.1/16 dev {self.link.DEVICE}\naddr add 10.77.0.2/16 dev {self.link.DEVICE}\n")
+        self.home.run("ip", "-batch", changes)
         self.link.is_dead = False
         gone = time.monotonic()
 
