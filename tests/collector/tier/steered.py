@@ -21,7 +21,7 @@ import tier
 from tier import wait_for
 
 CHANNELS, EVERY_S, LENGTH_S = 2000, 60, 330
-CAPACITY = 24  # Of each collector, a second: 33 arrive at both.
+CAPACITY = 25  # Of each collector, a second: 33 arrive at both.
 MOST = 1.7  # Of both. When all channels have something to send, 73 a second come: 2,000 × ln 3 / 30 s.
 OUTAGE_S = 60
 SPAN_S = 10  # Over which a peak is counted.
