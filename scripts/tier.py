@@ -110,7 +110,7 @@ class Node(Process):
             file.write(text)
 
     def start(self):
-        pages = " ".join(node.page() for node in self.others)
+        pages = " ".join(f"{node.name}={node.page()}" for node in [self, *self.others])
         prepare = f"{DEPLOY}/nats-server-prepare {self.store} {self.name} {pages}"
         server = f"exec {tool('nats-server')} -c {self.conf}"
         self.run(*self.within, "sh", "-c", f"{prepare}; {server}" if self.others else server)
@@ -119,7 +119,8 @@ class Node(Process):
 
     def watch(self):
         """A process of deploy's that kills the node where it must not go on."""
-        kill = f'grep -qs {self.conf} /proc/$(cat {self.pid_file})/cmdline && kill -KILL $(cat {self.pid_file})'
+        server = f"$(cat {self.pid_file})"  # It may be dead, or still in its prepare, which must not be killed.
+        kill = f"grep -qsx nats-server /proc/{server}/comm && kill -KILL {server}"
         with open(self.log, "a") as log:
             others = ",".join(node.page() for node in self.others)
             return subprocess.Popen([*self.within, DEPLOY / "nats-server-watch", self.page(), others, "sh", "-c", kill],

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """faults.py: what goes wrong with a whole tier under load, again and again, and what is left of it.
 
-usage: faults.py BIN [--runs N] [--at-a-time N] [--per-second N] [--collector FILE] [--no-watch] [FAULT...]
+usage: faults.py BIN [--runs N] [--at-a-time N] [--per-second N] [--collector FILE] [--no-watch] [--keep FOLDER]
+                 [FAULT...]
 Each run has three nodes, two collectors, nginx with TLS and a sender of 3,000 reports a second of its own
 (BIN: the folder of quenor-collector and quenor_collector_load). Afterwards the reports are counted in each
 node's own files and in what a reader exports. Prints a table; exit code 1 if a count is not what it must be.
@@ -18,6 +19,7 @@ import json
 import os
 import pathlib
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -45,6 +47,7 @@ ID = re.compile(rb"(?:Quenor-Id|Nats-Msg-Id): *(\S+)\r\n")
 
 class Run:
     """One tier, from its start to its books."""
+    ended_well = False
 
     def __init__(self, options, folder, at_end):
         self.options, self.folder, self.at_end = options, folder, at_end
@@ -137,7 +140,7 @@ class Run:
 
     def calm(self):
         before = self.answered(200)
-        wait_for("reports", lambda: self.answered(200) > before + 20)
+        wait_for("reports", lambda: self.revive() or self.answered(200) > before + 20)
         time.sleep(CALM_S)
         self.revive()  # Whom its watch has killed last of all.
 
@@ -155,7 +158,7 @@ class Run:
 
     def finish(self):
         self.load.stdin.close()
-        self.load.wait()
+        wait_for("the senders' last answers", lambda: self.revive() or self.load.poll() is not None)
         self.answers.seek(0)
         told, statuses, times = {}, collections.Counter(), []
         worst_ms = 0
@@ -398,12 +401,23 @@ def run_one(options, name):
     with contextlib.ExitStack() as stack:
         folder = stack.enter_context(tempfile.TemporaryDirectory(prefix="quenor-faults-"))
         run = Run(options, folder, stack.callback)
+        if options.keep:
+            stack.callback(lambda: run.ended_well or keep(run, options.keep))
         run.start(fault)
         run.calm()
         run.mark("fault")
         fault.do(run)
         run.calm()
-        return run.finish()
+        result = run.finish()
+        run.ended_well = not problems(fault, result)
+        return result
+
+
+def keep(run, folder):
+    """What the nodes of a run have left, and what they wrote."""
+    for node in run.nodes:
+        node.kill()
+    shutil.copytree(run.folder, tempfile.mkdtemp(dir=folder, prefix="run-"), dirs_exist_ok=True)
 
 
 def problems(fault, result):
@@ -457,6 +471,7 @@ def main():
     parser.add_argument("--per-second", type=int, default=3000)
     parser.add_argument("--collector", help="another quenor-collector than BIN's")
     parser.add_argument("--no-watch", dest="watch", action="store_false", help="nothing kills a node that hangs")
+    parser.add_argument("--keep", help="a folder for what the nodes of a run that went wrong have left")
     parser.add_argument("--one", action="store_true", help="one run here, its counts as JSON")
     parser.add_argument("fault", nargs="*")
     options = parser.parse_intermixed_args()
@@ -478,7 +493,7 @@ def main():
 
 def series(options, names):
     own = [sys.executable, "-B", __file__, options.bin, "--per-second", str(options.per_second), "--collector",
-           options.collector, "--one"] + ([] if options.watch else ["--no-watch"])
+           options.collector, "--one"] + ([] if options.watch else ["--no-watch"]) + (["--keep", options.keep] if options.keep else [])
     print(HEAD, flush=True)
     failed = False
     done_any = False

@@ -6,6 +6,7 @@ import pathlib
 import socket
 import sys
 import unittest
+import unittest.mock
 
 DEPLOY = pathlib.Path(__file__).resolve().parents[3] / "deploy"
 
@@ -49,15 +50,33 @@ class WatchTest(unittest.TestCase):
         self.assertIsNone(judge(follows, 12.9, 10))
         self.assertIn("cut off", judge(follows, 13, 10))
         self.assertIsNone(judge(None, 20, 10), "it starts again")
-        self.assertIn("cut off", judge(follows, 40, 10))
-        self.assertIsNone(judge(follows, 41, 40.9))
+        self.assertIsNone(judge(follows, 40, 10), "it has just begun, and may hear of others yet")
+        self.assertIsNone(judge(follows, 42.9, 10))
+        self.assertIn("cut off", judge(follows, 43, 10))
+        self.assertIsNone(judge(follows, 50, 49.9))
+
+    def test_majority_of_five(self):
+        self.assertFalse(watch.is_alone(page("one", two=0.1, three=0.1, four=9, five=9)))
+        self.assertTrue(watch.is_alone(page("one", two=0.1, three=9, four=9, five=9)))
 
     def test_other_machines_are_reached_while_they_say_something(self):
         with socket.create_server(("127.0.0.1", 0)) as server:
-            url = f"http://127.0.0.1:{server.getsockname()[1]}"
-            self.assertTrue(watch.is_reached(url))
-        self.assertTrue(watch.is_reached(url), "refused")
-        self.assertFalse(watch.is_reached("http://name.invalid:1"))
+            places = watch.addresses(f"http://localhost:{server.getsockname()[1]}")
+            self.assertIn(server.getsockname(), places)
+            self.assertTrue(watch.is_reached(places))
+        self.assertTrue(watch.is_reached(places), "refused")
+        self.assertEqual([], watch.addresses("http://name.invalid:1"))
+        self.assertFalse(watch.is_reached([]))
+
+    def test_name_is_asked_for_until_it_is_found_and_no_more(self):
+        found = unittest.mock.Mock(side_effect=[[], ["somewhere"]])
+        patch = unittest.mock.patch.object
+        with patch(watch, "addresses", found), patch(watch, "is_reached", bool), \
+                patch(watch.time, "sleep", unittest.mock.Mock(side_effect=[None, None, None, InterruptedError])), \
+                patch(watch.time, "monotonic", lambda: 7):
+            other = watch.Other("http://two:8222")
+            self.assertRaises(InterruptedError, other.run)
+        self.assertEqual((2, 7), (found.call_count, other.reached_at))
 
     def test_silent(self):
         judge = watch.Watch().judge
