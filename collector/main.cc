@@ -1,5 +1,6 @@
 // quenor-collector: the reference collection server. Page: docs/guide/collector.md.
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -47,6 +48,14 @@ void AllowManyDescriptors() {
   }
 }
 
+// Who starts us may have closed them: no socket and no file may get their numbers, and the lines
+// that are meant for them.
+void FillStandardDescriptors() {
+  int fd = ::open("/dev/null", O_RDWR);
+  while (fd >= 0 && fd <= STDERR_FILENO) fd = ::open("/dev/null", O_RDWR);
+  if (fd >= 0) ::close(fd);
+}
+
 void Print(const std::string& line) {
   // A caller that has closed our standard output does not want the line; that is no failure.
   (void)WriteAll(STDOUT_FILENO, line + "\n");
@@ -77,6 +86,7 @@ void RunCollector(const Options& options) {
 }
 
 int Main(int argc, const char* const* argv) {
+  FillStandardDescriptors();
   try {
     const std::optional<Options> options = ParseCommandLine(argc, argv);
     if (!options) return kExitOk;

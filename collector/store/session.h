@@ -33,6 +33,9 @@ constexpr char kSha256Header[] = "Quenor-Sha256";
 // not the header by which the store itself drops repeats: a node of it that catches up may take one
 // for a repeat that the others do not, and lacks it then.
 constexpr char kIdHeader[] = "Quenor-Id";
+// As long as the counter says, in no order: two messages are seldom as long as each other, so a
+// node that has one in the place of the other holds another number of bytes.
+constexpr char kPadHeader[] = "Quenor-Pad";
 
 // The one subject that the reports of a stream are published on.
 std::string SubjectOf(const std::string& stream);

@@ -7,9 +7,12 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// So many reports find out whether the store answers again: of those that wait, the eldest, and
-// while it has answered nothing for a whole hold, the only ones that are held.
+// So many of those that wait, the eldest, find out whether the store answers again.
 constexpr uint64_t kProbes = 8;
+
+// Held while the store has answered nothing for a whole hold. More than a collector has at a time
+// whose store answers: a balancer that looks for the fewest waiting must not prefer this one.
+constexpr uint64_t kHeldWhileBarred = 512;
 
 // One report in this time finds out whether a full store has room again.
 constexpr milliseconds kFullPause{1'000};
@@ -33,7 +36,7 @@ uint64_t Ledger::Take(uint64_t size_bytes, Time now, Answer* refusal) {
     *refusal = Answer::kDraining;
   } else if (full_at_ && now - *full_at_ < kFullPause) {
     *refusal = Answer::kFull;
-  } else if (barred_ && reports() >= kProbes) {
+  } else if (barred_ && reports() >= kHeldWhileBarred) {
     *refusal = Answer::kLate;
   } else if (reports() >= options_.max_reports || bytes_ + size_bytes > options_.max_bytes) {
     *refusal = Answer::kBusy;

@@ -20,6 +20,10 @@ namespace {
 constexpr int64_t kMaxPending = std::numeric_limits<int32_t>::max();
 constexpr int64_t kStallWaitMs = 1;
 
+// The store's files have no message of more than 32 MiB with its headers: it acknowledges one where
+// its max_payload allows, and does not find it again.
+constexpr size_t kMostReportBytes = size_t{31} << 20;
+
 // What the store says in an answer, by its number.
 enum StoreError : int {
   kAccountResourcesExceeded = 10002,
@@ -37,6 +41,9 @@ std::string DrawProcess() {
   for (int shift = 60; shift >= 0; shift -= 4) text.push_back(kDigits[(drawn >> shift) & 15]);
   return text;
 }
+
+// 1 to 16 characters; the multiplier is 2^64 divided by the golden ratio, as in Fibonacci hashing.
+std::string PadOf(uint64_t id) { return std::string(1 + (id * 0x9e3779b97f4a7c15 >> 60), '0'); }
 
 // The number behind the last hyphen of a message's id.
 uint64_t NumberOf(natsMsg* message) {
@@ -101,7 +108,11 @@ void Publisher::Connect(const StoreOptions& store) {
   connection_.reset(made);
   if (status == NATS_OK) SetConnected(true);  // The handler is told of later ones only.
   if (status != NATS_NOT_YET_CONNECTED) Require(status, what);
+  Renew();
+}
 
+void Publisher::Renew() {
+  context_.reset();
   jsOptions settings;
   jsOptions_Init(&settings);
   settings.PublishAsync.MaxPending = kMaxPending;
@@ -109,20 +120,25 @@ void Publisher::Connect(const StoreOptions& store) {
   settings.PublishAsync.AckHandler = &OnAnswer;
   settings.PublishAsync.AckHandlerClosure = this;
   jsCtx* context = nullptr;
-  Require(natsConnection_JetStream(&context, made, &settings), what);
+  Require(natsConnection_JetStream(&context, connection_.get(), &settings), "publish");
   context_.reset(context);
 }
 
 void Publisher::Publish(uint64_t id, const Report& report) {
+  if (report.body.size() > kMostReportBytes) {
+    return Leave({id, StoreOutcome::kRejected, "larger than the 31 MiB that the store can keep"});
+  }
   natsMsg* made = nullptr;
   natsStatus status = natsMsg_Create(&made, subject_.c_str(), nullptr, report.body.data(),
                                      static_cast<int>(report.body.size()));
   MessagePtr message(made);
   const std::string number = process_ + "-" + std::to_string(id);
+  const std::string pad = PadOf(id);
   const std::pair<const char*, const char*> headers[] = {{kIdHeader, number.c_str()},
                                                          {kPathHeader, report.path.c_str()},
                                                          {kTimeHeader, report.time.c_str()},
-                                                         {kSha256Header, report.sha256.c_str()}};
+                                                         {kSha256Header, report.sha256.c_str()},
+                                                         {kPadHeader, pad.c_str()}};
   for (const auto& [name, value] : headers) {
     if (status == NATS_OK) status = natsMsgHeader_Set(made, name, value);
   }

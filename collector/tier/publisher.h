@@ -51,6 +51,10 @@ class Publisher {
   // What has happened since the last call.
   Events TakeEvents();
 
+  // Forgets what was published and not answered, of which the client library keeps a copy each
+  // time: on a new connection, where all of it is published again.
+  void Renew();
+
   // What becomes of it is an event, also if it cannot be handed over at all.
   void Publish(uint64_t id, const Report& report);
 

@@ -285,6 +285,7 @@ void Tier::OnStore() {
   for (const Publisher::Completion& completion : events.completions) OnCompletion(completion);
   if (events.is_new && events.is_connected) {
     meter_.CountConnected();
+    publisher_.Renew();
     PublishAgain(ledger_.OnConnected(Now()));
   } else if (!events.is_connected) {
     ledger_.OnDisconnected();

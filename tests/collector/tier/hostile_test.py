@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
 """Senders that are none: a collector with a store serves others meanwhile, and keeps nothing of them."""
+import contextlib
 import os
 import random
 import resource
 import signal
 import socket
 import struct
+import threading
 import unittest
 
 import support
@@ -16,6 +18,61 @@ from tier_test import post
 def resident_kb(process):
     with open(f"/proc/{process.pid}/status") as file:
         return next(int(line.split()[1]) for line in file if line.startswith("VmRSS:"))
+
+
+class Swallower(threading.Thread):
+    """A store that answers nothing, and ends each connection when it has got so many bytes of reports over it."""
+    host = "127.0.0.1"
+    rounds = 0
+
+    def __init__(self, report_bytes):
+        super().__init__(daemon=True)
+        self.report_bytes = report_bytes
+        self.server = socket.create_server((self.host, 0))
+        self.port = self.server.getsockname()[1]
+
+    def run(self):
+        with contextlib.suppress(OSError):  # The test's end.
+            while True:
+                link, _ = self.server.accept()
+                with link, contextlib.suppress(ConnectionError):
+                    self.serve(link)
+
+    def serve(self, link):
+        link.sendall(b'INFO {"server_id":"a","version":"2.9.10","headers":true,"max_payload":8388608}\r\n')
+        left = self.report_bytes
+        with link.makefile("rb") as file:
+            while left > 0:
+                words = file.readline().split()
+                if not words:
+                    return
+                if words[0] == b"PING":
+                    link.sendall(b"PONG\r\n")
+                elif words[0] in (b"PUB", b"HPUB"):
+                    file.read(int(words[-1]) + 2)
+                    left -= int(words[-1]) if words[1] == b"REPORTS.report" else 0
+        self.rounds += 1
+
+
+class FlappingTest(support.Case):
+    def test_reports_are_kept_once_however_often_the_store_goes(self):
+        reports, size, rounds = 32, 500_000, 20
+        store = Swallower(reports * size)
+        self.addCleanup(store.server.close)
+        store.start()
+        self.nodes = [store]
+        collector = self.start_collector("--hold", "40s", "--ack-wait", "20s")
+        collector.wait_state("ready")
+        before = resident_kb(collector.process)
+        for _ in range(reports):
+            link = socket.create_connection(("127.0.0.1", collector.port), timeout=support.PATIENCE_S)
+            self.addCleanup(link.close)
+            link.sendall(b"POST /a HTTP/1.1\r\nHost: a\r\nContent-Length: %d\r\n\r\n" % size + b"x" * size)
+        wait_for("its reports again and again", lambda: store.rounds >= rounds)
+        # A sanitizer keeps what is freed for a while.
+        if not os.environ.get("QUENOR_SANITIZED"):
+            self.assertLess(resident_kb(collector.process) - before, 6 * reports * size // 1024)
+        self.assertEqual(reports, collector.metric("reports_held"))
 
 
 class HostileTest(support.Case):

@@ -148,19 +148,24 @@ TEST_F(LedgerTest, HoldEndsWithoutAConnectionToo) {
   EXPECT_EQ(ledger_.Tick(now_).late, Ids{id});
 }
 
-TEST_F(LedgerTest, AfterALateReportFewAreHeldUntilOneIsStored) {
-  Take();
+TEST_F(LedgerTest, AfterALateReportFewerAreHeldUntilOneIsStored) {
+  HoldOptions options = Small();
+  options.max_reports = 10'000;
+  options.max_bytes = 1'000'000;
+  Ledger ledger(options);
+  ledger.OnConnected(now_);
+  ledger.Take(10, now_, &refusal_);
   now_ += seconds(20);
-  ledger_.Tick(now_);
-  EXPECT_EQ(GetState(), TierState::kStalled);
+  ledger.Tick(now_);
+  EXPECT_EQ(ledger.GetState(now_), TierState::kStalled);
 
-  Ids probes;
-  for (uint64_t id = Take(); id != 0; id = Take()) probes.push_back(id);
-  EXPECT_EQ(probes.size(), 8u);
+  Ids held;
+  while (const uint64_t id = ledger.Take(10, now_, &refusal_)) held.push_back(id);
+  EXPECT_EQ(held.size(), 512u);
   EXPECT_EQ(refusal_, Answer::kLate);
-  EXPECT_EQ(Hear(probes[0], StoreOutcome::kStored), Answer::kStored);
-  EXPECT_EQ(GetState(), TierState::kReady);
-  for (int i = 0; i < 12; ++i) EXPECT_NE(Take(), 0u) << i;
+  EXPECT_EQ(ledger.OnOutcome(held[0], StoreOutcome::kStored, now_), Answer::kStored);
+  EXPECT_EQ(ledger.GetState(now_), TierState::kReady);
+  for (int i = 0; i < 1'000; ++i) EXPECT_NE(ledger.Take(10, now_, &refusal_), 0u) << i;
 }
 
 TEST_F(LedgerTest, StallsWhileItStillHoldsAll) {

@@ -4,8 +4,10 @@ import base64
 import hashlib
 import http.client
 import json
+import os
 import signal
 import socket
+import subprocess
 import threading
 import unittest
 
@@ -165,6 +167,38 @@ class TierTest(support.Case):
         listed = [json.loads(line.split("rejected: ", 1)[1]) for line in collector.said().splitlines()]
         self.assertEqual([2500, 1_500_000, 1], [each["size"] for each in listed])
 
+    def test_what_the_store_would_acknowledge_and_not_keep_is_retired(self):
+        self.nodes = tier.make_nodes(self.folder, 1)
+        with open(self.nodes[0].conf) as file:
+            text = file.read()
+        with open(self.nodes[0].conf, "w") as file:
+            file.write(text.replace("max_payload: 1MB", "max_payload: 48MB"))
+        self.addCleanup(self.nodes[0].kill)
+        self.nodes[0].start()
+        self.nodes[0].wait_ready()
+        self.make_stream()
+        collector = self.start_collector()
+        status, reply, _ = post(collector, b"x" * (33 << 20))
+        self.assertEqual((200, "rejected: larger than the 31 MiB that the store can keep"),
+                         (status, reply["bytes_errinfo"]))
+        self.assertEqual((200, "success"), (post(collector, b"x" * (31 << 20))[0], post(collector, b"y")[1]["bytes_errinfo"]))
+        wire = self.wire()
+        sizes = [len(base64.b64decode(wire.request("$JS.API.STREAM.MSG.GET.REPORTS", {"seq": seq})["message"]["data"]))
+                 for seq in (1, 2)]
+        self.assertEqual([31 << 20, 1], sizes)
+
+    def test_equal_reports_are_not_equally_long(self):
+        """So a node that has one in the place of another holds another number of bytes."""
+        self.start_nodes(1)
+        self.make_stream()
+        collector = self.start_collector()
+        sizes = set()
+        for _ in range(20):
+            before = self.nodes[0].state("REPORTS")["state"]["bytes"]
+            self.assertEqual(200, post(collector, b"the same")[0])
+            sizes.add(self.nodes[0].state("REPORTS")["state"]["bytes"] - before)
+        self.assertLess(8, len(sizes))
+
     def test_what_is_no_report(self):
         self.start_nodes(1)
         self.make_stream()
@@ -195,6 +229,15 @@ class TierTest(support.Case):
         self.nodes[0].start()
         self.finish([sender])
         self.assertEqual(200, post(collector, b"and again")[0])
+
+    def test_standard_descriptors_are_nothing_elses(self):
+        port_file = os.path.join(self.folder, "port")
+        process = subprocess.Popen(["sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh", support.COLLECTOR, "--store",
+                                    f"nats://127.0.0.1:{tier.free_ports(1)[0]}", "--port-file", port_file])
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        wait_for("its port", lambda: os.path.getsize(port_file) > 0)
+        self.assertEqual({"/dev/null"}, {os.readlink(f"/proc/{process.pid}/fd/{fd}") for fd in range(3)})
 
     def test_ends_in_order(self):
         self.start_nodes(1)
