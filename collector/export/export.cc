@@ -28,7 +28,9 @@ constexpr uint64_t kKnownIds = 1'000'000;
 // What collectors named their ids before they had a header of their own.
 constexpr char kStoreIdHeader[] = "Nats-Msg-Id";
 
-constexpr int64_t kFetchWaitMs = 500;
+constexpr int64_t kFetchWaitNs = 500'000'000;
+// Of a batch, which is in memory twice. The store's files take no message of half as much.
+constexpr int64_t kMostBatchBytes = int64_t{64} << 20;
 constexpr int kLookAgainMs = 200;
 
 std::string Base64(const char* data, size_t bytes) {
@@ -80,7 +82,8 @@ class Export {
   void Run();
 
  private:
-  ReaderInfoPtr Look() const;
+  natsStatus Look(ReaderInfoPtr* info) const;
+  Fatal ReaderIsGone() const;
   // Empty while the store does not answer, too.
   bool ReadBatch();
   bool IsDone() const;
@@ -105,13 +108,18 @@ Export::Export(const ExportOptions& options, int stop_fd,
       session_(OpenSession(options.store)),
       folder_({options.out_dir, options.store.stream, options.rotate_bytes,
                milliseconds(options.rotate_ms), kKnownIds}) {
-  const ReaderInfoPtr info = Look();
-  if (!info) {
-    throw Fatal(kExitUnavailable, "reader " + options.reader + " of stream " +
-                                      options.store.stream +
-                                      " is not there; make it with quenor-collector provision");
-  }
+  ReaderInfoPtr info;
+  const natsStatus status = Look(&info);
+  if (status == NATS_NOT_FOUND) throw ReaderIsGone();
+  Require(status, "look at reader " + options_.reader);
   folder_.Resume(info->AckFloor.Stream, Now());
+  if (info->Delivered.Consumer == 0 && folder_.has_messages()) {
+    throw Fatal(kExitCannotCreate,
+                "cannot export to " + options.out_dir + ": it has messages of stream " +
+                    options.store.stream + ", of which reader " + options.reader +
+                    " has been given none, so they are another reader's or another stream's; give "
+                    "--out another folder, or --reader the one that wrote there");
+  }
   jsSubOptions how;
   jsSubOptions_Init(&how);
   how.Stream = options.store.stream.c_str();
@@ -123,14 +131,19 @@ Export::Export(const ExportOptions& options, int stop_fd,
   subscription_.reset(made);
 }
 
-// Null: there is no such reader.
-ReaderInfoPtr Export::Look() const {
-  jsConsumerInfo* info = nullptr;
+natsStatus Export::Look(ReaderInfoPtr* info) const {
+  jsConsumerInfo* found = nullptr;
   const natsStatus status =
-      js_GetConsumerInfo(&info, session_.context.get(), options_.store.stream.c_str(),
+      js_GetConsumerInfo(&found, session_.context.get(), options_.store.stream.c_str(),
                          options_.reader.c_str(), nullptr, nullptr);
-  if (status != NATS_NOT_FOUND) Require(status, "look at reader " + options_.reader);
-  return ReaderInfoPtr(info);
+  info->reset(found);
+  return status;
+}
+
+Fatal Export::ReaderIsGone() const {
+  return Fatal(kExitUnavailable, "reader " + options_.reader + " of stream " +
+                                     options_.store.stream +
+                                     " is not there; make it with quenor-collector provision");
 }
 
 void Export::Run() {
@@ -149,11 +162,17 @@ void Export::Run() {
 }
 
 bool Export::ReadBatch() {
+  jsFetchRequest request;
+  jsFetchRequest_Init(&request);
+  request.Batch = options_.batch;
+  request.MaxBytes = kMostBatchBytes;
+  request.Expires = kFetchWaitNs;
   natsMsgList list{};
-  const natsStatus status =
-      natsSubscription_Fetch(&list, subscription_.get(), options_.batch, kFetchWaitMs, nullptr);
+  const natsStatus status = natsSubscription_FetchRequest(&list, subscription_.get(), &request);
   const std::unique_ptr<natsMsgList, Destroyer<natsMsgList_Destroy>> owner(&list);
   if (status == NATS_CONNECTION_CLOSED) Require(status, "read on");
+  ReaderInfoPtr info;
+  if (list.Count == 0 && Look(&info) == NATS_NOT_FOUND) throw ReaderIsGone();
   for (int i = 0; i < list.Count; ++i) {
     const uint64_t sequence = SequenceOf(list.Msgs[i]);
     folder_.Add(sequence, LineOf(sequence, list.Msgs[i]));
@@ -167,12 +186,8 @@ bool Export::ReadBatch() {
 
 // Nothing is unread, and nothing waits for an acknowledgement: another export's may come again.
 bool Export::IsDone() const {
-  jsConsumerInfo* found = nullptr;
-  if (js_GetConsumerInfo(&found, session_.context.get(), options_.store.stream.c_str(),
-                         options_.reader.c_str(), nullptr, nullptr) != NATS_OK) {
-    return false;
-  }
-  const ReaderInfoPtr info(found);
+  ReaderInfoPtr info;
+  if (Look(&info) != NATS_OK) return false;
   return info->NumPending == 0 && info->NumAckPending == 0;
 }
 
@@ -183,11 +198,8 @@ bool Export::IsStopped(int wait_ms) const {
 
 void Export::PrintProgress(const char* what) {
   const int64_t took_ms = std::chrono::duration_cast<milliseconds>(Now() - started_).count();
-  jsConsumerInfo* found = nullptr;
-  const natsStatus status =
-      js_GetConsumerInfo(&found, session_.context.get(), options_.store.stream.c_str(),
-                         options_.reader.c_str(), nullptr, nullptr);
-  const ReaderInfoPtr info(found);
+  ReaderInfoPtr info;
+  const natsStatus status = Look(&info);
   print_(what + std::string(" read=") + std::to_string(read_) + " written=" +
          std::to_string(folder_.lines()) + " repeats=" + std::to_string(folder_.repeats()) +
          " bytes=" + std::to_string(folder_.bytes()) +

@@ -23,6 +23,7 @@ namespace {
 
 constexpr std::string_view kBegin = "{\"sequence\":";
 constexpr std::string_view kId = "\"id\":\"";
+constexpr std::string_view kEnd = "\"}";
 constexpr char kEnding[] = ".ndjson";
 
 Fatal CannotUse(const std::string& path, int error) {
@@ -31,8 +32,13 @@ Fatal CannotUse(const std::string& path, int error) {
                                       "--out room and rights and start again");
 }
 
+// 0: it is no whole line of ours.
 uint64_t SequenceOf(const std::string& line) {
-  if (line.compare(0, kBegin.size(), kBegin) != 0) return 0;
+  const bool is_whole = line.size() > kBegin.size() + kEnd.size() &&
+                        line.compare(0, kBegin.size(), kBegin) == 0 &&
+                        line.compare(line.size() - kEnd.size(), kEnd.size(), kEnd) == 0 &&
+                        line.find('\0') == std::string::npos;
+  if (!is_whole) return 0;
   return std::strtoull(line.c_str() + kBegin.size(), nullptr, 10);
 }
 
@@ -44,10 +50,35 @@ std::string_view IdOf(std::string_view line) {
   return rest.substr(0, rest.find('"'));
 }
 
-// 20 digits, so that names sort as their numbers do.
+// So that names sort as their numbers do.
+constexpr size_t kDigits = 20;
+
 std::string Digits(uint64_t number) {
   const std::string digits = std::to_string(number);
-  return std::string(20 - digits.size(), '0') + digits;
+  return std::string(kDigits - digits.size(), '0') + digits;
+}
+
+std::string NameOf(const std::string& stream, uint64_t first, uint64_t last) {
+  return stream + "-" + Digits(first) + "-" + Digits(last) + kEnding;
+}
+
+// The last message of the complete file `name`; 0: it is none of this stream's.
+uint64_t LastOf(const std::string& stream, const std::string& name) {
+  const size_t at = stream.size() + 1;
+  if (name.size() != NameOf(stream, 0, 0).size()) return 0;
+  const uint64_t first = std::strtoull(name.substr(at, kDigits).c_str(), nullptr, 10);
+  const uint64_t last = std::strtoull(name.substr(at + kDigits + 1).c_str(), nullptr, 10);
+  return name == NameOf(stream, first, last) ? last : 0;
+}
+
+// Of a folder that was made just now. Returns an error number or 0.
+int SyncParent(const std::string& path) {
+  const std::filesystem::path parent = std::filesystem::absolute(path).parent_path();
+  const int fd = ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return errno;
+  const int error = ::fsync(fd) == 0 ? 0 : errno;
+  ::close(fd);
+  return error;
 }
 
 }  // namespace
@@ -56,9 +87,13 @@ ExportFolder::ExportFolder(Options options)
     : options_(std::move(options)),
       part_path_(options_.path + "/" + options_.name + ".part"),
       ids_(options_.known_ids) {
-  if (::mkdir(options_.path.c_str(), 0755) != 0 && errno != EEXIST) {
-    throw CannotUse(options_.path, errno);
+  int error = 0;
+  if (::mkdir(options_.path.c_str(), 0755) == 0) {
+    error = SyncParent(options_.path);
+  } else if (errno != EEXIST) {
+    error = errno;
   }
+  if (error != 0) throw CannotUse(options_.path, error);
   folder_fd_ = ::open(options_.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (folder_fd_ < 0) throw CannotUse(options_.path, errno);
   if (::flock(folder_fd_, LOCK_EX | LOCK_NB) != 0) {
@@ -81,15 +116,13 @@ void ExportFolder::Resume(uint64_t acknowledged, Time now) {
 
 // Those that have more than `acknowledged`, and of those before it the ones with the latest ids.
 void ExportFolder::ReadComplete(uint64_t acknowledged) {
-  const std::string begin = options_.name + "-";
   std::map<uint64_t, std::string> paths;  // By their last sequences.
   for (const auto& entry : std::filesystem::directory_iterator(options_.path)) {
-    const std::string name = entry.path().filename().string();
-    const bool is_ours = name.compare(0, begin.size(), begin) == 0 &&
-                         entry.path().extension() == kEnding && name.size() > begin.size() + 21;
-    if (!is_ours) continue;
-    const uint64_t last = std::strtoull(name.c_str() + begin.size() + 21, nullptr, 10);
-    if (last + options_.known_ids > acknowledged) paths.emplace(last, entry.path().string());
+    const uint64_t last = LastOf(options_.name, entry.path().filename().string());
+    has_files_ = has_files_ || last > 0;
+    if (last + options_.known_ids > acknowledged && last > 0) {
+      paths.emplace(last, entry.path().string());
+    }
   }
   for (const auto& [last, path] : paths) ReadFile(path);
 }
@@ -98,14 +131,22 @@ ExportFolder::Scan ExportFolder::ReadFile(const std::string& path) {
   Scan scan;
   std::ifstream file(path, std::ios::binary);
   std::string line;
+  uint64_t read_bytes = 0;
   while (std::getline(file, line) && !file.eof()) {  // At the end: a line without its end.
     const uint64_t sequence = SequenceOf(line);
-    scan.whole_bytes += line.size() + 1;
+    read_bytes += line.size() + 1;
     if (sequence == 0) continue;
+    scan.whole_bytes = read_bytes;
     seen_.Add(sequence);
     ids_.Add(IdOf(line));
     scan.first = scan.first == 0 ? sequence : std::min(scan.first, sequence);
     scan.last = std::max(scan.last, sequence);
+  }
+  if (!file.eof()) {
+    throw Fatal(kExitCannotCreate,
+                "cannot read " + path +
+                    ", which tells what has been exported; look after the disk, "
+                    "or give --out another folder and read with another --reader");
   }
   return scan;
 }
@@ -114,7 +155,8 @@ void ExportFolder::Open(Time now) {
   fd_ = ::open(part_path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   if (fd_ < 0) throw CannotUse(part_path_, errno);
   const Scan scan = ReadFile(part_path_);
-  if (::ftruncate(fd_, static_cast<off_t>(scan.whole_bytes)) != 0) {
+  // What an earlier export wrote, too, may not be on the disk yet.
+  if (::ftruncate(fd_, static_cast<off_t>(scan.whole_bytes)) != 0 || ::fdatasync(fd_) != 0) {
     throw CannotUse(part_path_, errno);
   }
   part_bytes_ = scan.whole_bytes;
@@ -138,19 +180,24 @@ void ExportFolder::Add(uint64_t sequence, const std::string& line) {
 }
 
 void ExportFolder::Sync(Time now) {
-  if (!buffer_.empty()) {
-    const int error = WriteAll(fd_, buffer_);
-    if (error != 0) throw CannotUse(part_path_, error);
-    part_bytes_ += buffer_.size();
-    bytes_ += buffer_.size();
-    buffer_.clear();
-  }
-  // Also if nothing was added: what an earlier export wrote may not be on the disk yet.
-  if (::fdatasync(fd_) != 0) throw CannotUse(part_path_, errno);
+  if (!buffer_.empty()) SyncFile();
   const bool is_old = now - opened_ >= options_.rotate_after && part_bytes_ > 0;
   if (part_bytes_ < options_.rotate_bytes && !is_old) return;
   Complete();
   Open(now);
+}
+
+void ExportFolder::SyncFile() {
+  int error = WriteAll(fd_, buffer_);
+  if (error == 0 && ::fdatasync(fd_) != 0) error = errno;
+  if (error != 0) {
+    // The next export finds what the disk has not taken in memory still, and would acknowledge it.
+    (void)!::ftruncate(fd_, static_cast<off_t>(part_bytes_));
+    throw CannotUse(part_path_, error);
+  }
+  part_bytes_ += buffer_.size();
+  bytes_ += buffer_.size();
+  buffer_.clear();
 }
 
 void ExportFolder::Complete() {
@@ -160,8 +207,7 @@ void ExportFolder::Complete() {
     ::unlink(part_path_.c_str());
     return;
   }
-  const std::string path =
-      options_.path + "/" + options_.name + "-" + Digits(first_) + "-" + Digits(last_) + kEnding;
+  const std::string path = options_.path + "/" + NameOf(options_.name, first_, last_);
   if (std::rename(part_path_.c_str(), path.c_str()) != 0) throw CannotUse(path, errno);
   SyncFolder();
 }

@@ -32,15 +32,17 @@ class ExportFolder {
   ExportFolder& operator=(const ExportFolder&) = delete;
 
   // Learns what is there of the messages behind `acknowledged`, up to which nothing comes again,
-  // and the latest ids, and cuts off a line that a kill left unfinished. Throws Fatal.
+  // and the latest ids, and cuts off what a kill left of a line at the end. A line that a power cut
+  // has left without its middle is none: its message comes again. Throws Fatal.
   void Resume(uint64_t acknowledged, Time now);
+  bool has_messages() const { return last_ > 0 || has_files_; }
 
   // `line` begins with {"sequence":N, has an "id" before its "body", and no line end. Not added if
   // the folder has that message, or had one of that id not long before.
   void Add(uint64_t sequence, const std::string& line);
 
   // Everything added is on the disk when it returns: it may be acknowledged. Begins a new file
-  // where it is time. Throws Fatal; what was added may then be there or not.
+  // where it is time. Throws Fatal; what was added is then taken back, as far as the disk lets it.
   void Sync(Time now);
 
   // Completes the file that is being written. Throws Fatal.
@@ -52,13 +54,14 @@ class ExportFolder {
 
  private:
   struct Scan {
-    uint64_t whole_bytes = 0;  // Of whole lines.
+    uint64_t whole_bytes = 0;  // Up to the end of the last whole line.
     uint64_t first = 0;
     uint64_t last = 0;
   };
   Scan ReadFile(const std::string& path);
   void ReadComplete(uint64_t acknowledged);
   void Open(Time now);
+  void SyncFile();
   void SyncFolder() const;
 
   const Options options_;
@@ -68,8 +71,9 @@ class ExportFolder {
   std::string buffer_;
   Ranges seen_;
   KnownIds ids_;
-  uint64_t part_bytes_ = 0;
-  uint64_t first_ = 0;  // In the file that is being written; 0: none.
+  bool has_files_ = false;   // Complete ones.
+  uint64_t part_bytes_ = 0;  // On the disk.
+  uint64_t first_ = 0;       // In the file that is being written; 0: none.
   uint64_t last_ = 0;
   Time opened_;
   uint64_t lines_ = 0;    // Since the start.

@@ -1,6 +1,8 @@
 // The files of an export, and what a kill leaves of them.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -194,6 +196,77 @@ TEST_F(ExportFolderTest, GoesOnAfterAKill) {
   folder.Complete();
   EXPECT_EQ(Read(Names()[0]), Line(1) + "\n" + Line(2) + "\n");
   EXPECT_EQ(Read(Names()[1]), Line(3) + "\n" + Line(4) + "\n");
+}
+
+TEST_F(ExportFolderTest, LineThatIsNotWholeIsNone) {
+  {
+    ExportFolder folder(Options());
+    folder.Resume(0, now_);
+  }
+  std::string hollow = Line(2);
+  hollow[hollow.size() / 2] = '\0';
+  std::ofstream(path_ + "/S.part") << Line(1) << '\n'
+                                   << hollow << '\n'
+                                   << Line(3) << '\n'
+                                   << Line(4).substr(0, 20) << "\n{}\n";
+
+  ExportFolder folder(Options());
+  folder.Resume(0, now_);
+  for (const uint64_t sequence : {1, 2, 3, 4}) folder.Add(sequence, Line(sequence));
+  folder.Sync(now_);
+  EXPECT_EQ(Read("S.part"),
+            Line(1) + "\n" + hollow + "\n" + Line(3) + "\n" + Line(2) + "\n" + Line(4) + "\n");
+}
+
+TEST_F(ExportFolderTest, OtherStreamsFilesAreNotItsOwn) {
+  {
+    ExportFolder folder(Options());
+    folder.Resume(0, now_);
+    folder.Complete();
+  }
+  for (const char* name : {"S-EU-00000000000000000001-00000000000000000005.ndjson",
+                           "S-00000000000000000001-0000000000000000000x.ndjson",
+                           "S-00000000000000000001_00000000000000000005.ndjson"}) {
+    std::ofstream(path_ + "/" + name) << Line(1) << '\n';
+  }
+  {
+    ExportFolder folder(Options());
+    folder.Resume(0, now_);
+    EXPECT_FALSE(folder.has_messages());
+    folder.Add(1, Line(1));
+    folder.Sync(now_);
+    EXPECT_EQ(folder.lines(), 1u);
+  }
+  for (int i = 0; i < 2; ++i) {  // In the file that was being written, and in a complete one.
+    ExportFolder folder(Options());
+    folder.Resume(0, now_);
+    EXPECT_TRUE(folder.has_messages());
+    folder.Complete();
+  }
+}
+
+TEST_F(ExportFolderTest, WhatCannotBeReadIsNotTakenForNothing) {
+  std::filesystem::create_directories(path_ +
+                                      "/S-00000000000000000001-00000000000000000005.ndjson");
+  ExportFolder folder(Options());
+  EXPECT_THROW(folder.Resume(0, now_), Fatal);
+}
+
+TEST_F(ExportFolderTest, WhatTheDiskDoesNotTakeIsTakenBack) {
+  ExportFolder folder(Options());
+  folder.Resume(0, now_);
+  folder.Add(1, Line(1));
+  folder.Sync(now_);
+  for (const uint64_t sequence : {2, 3}) folder.Add(sequence, Line(sequence));
+
+  std::signal(SIGXFSZ, SIG_IGN);
+  rlimit before{};
+  ::getrlimit(RLIMIT_FSIZE, &before);
+  const rlimit small{Line(1).size() * 5 / 2, before.rlim_max};
+  ::setrlimit(RLIMIT_FSIZE, &small);
+  EXPECT_THROW(folder.Sync(now_), Fatal);
+  ::setrlimit(RLIMIT_FSIZE, &before);
+  EXPECT_EQ(Read("S.part"), Line(1) + "\n");
 }
 
 TEST_F(ExportFolderTest, IsOneExportsAlone) {

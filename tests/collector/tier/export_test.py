@@ -10,6 +10,7 @@ import subprocess
 import unittest
 
 import support
+import tier
 from support import COLLECTOR, Sender, wait_for
 
 
@@ -102,6 +103,49 @@ class ExportTest(support.Case):
 
     def size(self):
         return sum(os.path.getsize(name) for name in glob.glob(os.path.join(self.out, "*")))
+
+    def test_other_reader_needs_a_folder_of_its_own(self):
+        """What is in the folder is not this reader's: taken for it, it would be acknowledged and not written."""
+        self.provision()
+        self.fill(1, 20)
+        self.acknowledged()
+        self.run_once()
+        subprocess.run(self.command("provision", "--replicas", "1", "--max-bytes", "500MiB", "--reader", "again"),
+                       check=True, capture_output=True)
+        process = self.start("--once", "--reader", "again")
+        self.assertIn("give --out another folder", process.stdout.read())
+        self.assertEqual(73, process.wait())
+        self.assertIn("unread=0", self.run_once())
+        self.out = os.path.join(self.folder, "again")
+        self.assertIn("written=20", self.run_once("--reader", "again"))
+
+    def test_reader_that_is_taken_away(self):
+        self.provision()
+        self.fill(1, 20)
+        self.acknowledged()
+        process = self.start("--progress", "50ms")
+        wait_for("all", lambda: "written=20" in process.stdout.readline())
+        self.assertTrue(self.wire().request("$JS.API.CONSUMER.DELETE.REPORTS.export")["success"])
+        self.assertIn("reader export of stream REPORTS is not there", process.stdout.read())
+        self.assertEqual(69, process.wait())
+
+    def test_large_messages(self):
+        """The bytes of a batch are bounded: a few of the largest that the store takes."""
+        self.nodes = tier.make_nodes(self.folder, 1)
+        with open(self.nodes[0].conf) as file:
+            text = file.read()
+        with open(self.nodes[0].conf, "w") as file:
+            file.write(text.replace("max_payload: 1MB", "max_payload: 48MB"))
+        self.addCleanup(self.nodes[0].kill)
+        self.nodes[0].start()
+        self.nodes[0].wait_ready()
+        subprocess.run(self.command("provision", "--replicas", "1", "--max-bytes", "500MiB"),
+                       check=True, capture_output=True)
+        wire = self.wire()
+        for size in (30 << 20, 1000, *[8 << 20] * 8, 30 << 20):
+            wire.send(f"PUB REPORTS.report inbox {size}\r\n".encode() + b"x" * size + b"\r\n")
+            self.assertIn("seq", json.loads(wire.message()))
+        self.assertIn("read=11 written=11", self.run_once())
 
     def test_goes_on_with_the_store_gone(self):
         self.provision()
