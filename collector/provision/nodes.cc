@@ -130,6 +130,8 @@ NodeState ReadNode(const std::string& answer, const std::string& stream) {
   node.bytes = Number(*state, "bytes");
   const rapidjson::Value* const time = Member(*state, "last_ts");
   if (time != nullptr && time->IsString()) node.last_time = FullTime(time->GetString());
+  const rapidjson::Value* const config = Member(*found, "config");
+  if (config != nullptr && config->IsObject()) node.replicas = Number(*config, "num_replicas");
   const rapidjson::Value* const cluster = Member(*found, "cluster");
   const rapidjson::Value* const leader = cluster == nullptr ? nullptr : Member(*cluster, "leader");
   if (leader != nullptr && leader->IsString()) node.leader = leader->GetString();
@@ -174,7 +176,8 @@ std::string DivergenceOf(const std::vector<NodeState>& nodes) {
   return std::string();
 }
 
-std::string MismatchOf(const std::vector<NodeState>& nodes, uint64_t last_sequence) {
+std::string MismatchOf(const std::vector<NodeState>& nodes, uint64_t first_sequence,
+                       uint64_t last_sequence) {
   const std::vector<const NodeState*> all = ThoseThatAnswer(nodes);
   const auto outvoter = [&all](const NodeState& node, const auto& value_of) {
     return OutvotedBy(node, all,
@@ -183,13 +186,15 @@ std::string MismatchOf(const std::vector<NodeState>& nodes, uint64_t last_sequen
                       })
         .by;
   };
-  const auto first = [](const NodeState& node) { return node.first_sequence; };
+  const auto has_begun = [&](const NodeState& node) {
+    return node.first_sequence >= first_sequence;
+  };
   const auto holes = [](const NodeState& node) { return node.holes(); };
   const auto has_come = [&](const NodeState& node) { return node.last_sequence >= last_sequence; };
   std::string too_far;
   for (const NodeState& node : nodes) {
     if (!node.problem.empty()) return node.url + " " + node.problem;
-    if (const NodeState* const other = outvoter(node, first)) {
+    if (const NodeState* const other = outvoter(node, has_begun)) {
       return node.url + " begins at " + std::to_string(node.first_sequence) + ", " + other->url +
              " at " + std::to_string(other->first_sequence);
     }

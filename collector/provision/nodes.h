@@ -22,6 +22,7 @@ struct NodeState {
   uint64_t max_storage_bytes = 0;  // Of the node.
   uint64_t storage_bytes = 0;      // Of those, in use, by whatever stream.
   std::string leader;              // Who it thinks leads.
+  uint64_t replicas = 0;           // That the stream is to have.
 
   // Sequences between first and last that it does not have.
   uint64_t holes() const {
@@ -61,9 +62,10 @@ NodeState AskNode(const std::string& url, const std::string& stream);
 // What a node's answer says about the stream; for AskNode and tests.
 NodeState ReadNode(const std::string& answer, const std::string& stream);
 
-// Empty if all nodes hold the same, at least up to `last_sequence`; otherwise one line that says
-// which does not.
-std::string MismatchOf(const std::vector<NodeState>& nodes, uint64_t last_sequence);
+// Empty if all nodes hold the same, at least from `first_sequence` (each drops what is too old by
+// its own timer) up to `last_sequence`; otherwise one line that says which does not.
+std::string MismatchOf(const std::vector<NodeState>& nodes, uint64_t first_sequence,
+                       uint64_t last_sequence);
 
 // Of each node, in their order: empty, or why it is no copy of the others. It has taken a message
 // of the same or a later time under a lower sequence, so it lacks some before, which traffic does

@@ -88,6 +88,12 @@ void Provision::ProvideStream() {
   Compare("replicas", config.Replicas, options_.replicas);
   Compare("storage_is_file", config.Storage == js_FileStorage, 1);
   Compare("discard_is_new", config.Discard == js_DiscardNew, 1);
+  const std::string subject = name + ".>";
+  Compare("subject_is_" + subject, config.SubjectsLen == 1 && config.Subjects[0] == subject, 1);
+  Compare("keeps_until_its_limits", config.Retention == js_LimitsPolicy, 1);
+  Compare("acknowledges", !config.NoAck && !config.Sealed, 1);
+  Compare("max_msgs", config.MaxMsgs, -1);
+  Compare("max_msgs_per_subject", config.MaxMsgsPerSubject, -1);
   if (options_.max_bytes != 0) {
     Compare("max_bytes", config.MaxBytes, static_cast<int64_t>(options_.max_bytes));
   }
@@ -193,6 +199,12 @@ void Provision::ProvideReader() {
   print_("reader " + name + " " + how + " unread=" + std::to_string(info->NumPending) +
          " unacknowledged=" + std::to_string(info->NumAckPending) +
          " read_up_to=" + std::to_string(info->AckFloor.Stream));
+  const jsConsumerConfig& config = *info->Config;
+  Compare("reader_acknowledges_each", config.AckPolicy == js_AckExplicit, 1);
+  Compare("reader_begins_at_the_first", config.DeliverPolicy == js_DeliverAll, 1);
+  Compare("reader_max_deliver", config.MaxDeliver, -1);
+  const bool has_filter = config.FilterSubject != nullptr && *config.FilterSubject != '\0';
+  Compare("reader_filters", has_filter, 0);
 }
 
 void PrintNode(const NodeState& node, const PrintLine& print) {
@@ -201,6 +213,23 @@ void PrintNode(const NodeState& node, const PrintLine& print) {
         " last=" + std::to_string(node.last_sequence) +
         " messages=" + std::to_string(node.messages) + " bytes=" + std::to_string(node.bytes) +
         (node.leader.empty() ? "" : " leader=" + node.leader));
+}
+
+// Empty if each of a stream's nodes was asked, and once.
+std::string ThoseNotAsked(const std::vector<NodeState>& nodes) {
+  uint64_t replicas = 0;
+  for (const NodeState& node : nodes) replicas = std::max(replicas, node.replicas);
+  for (auto node = nodes.begin(); node != nodes.end(); ++node) {
+    const auto again = std::find_if(node + 1, nodes.end(), [&](const NodeState& other) {
+      return !other.id.empty() && other.id == node->id;
+    });
+    if (again == nodes.end()) continue;
+    return node->url + " and " + again->url +
+           " are one node; give --monitor for each node of the store";
+  }
+  if (nodes.size() >= replicas) return std::string();
+  return "the stream has " + std::to_string(replicas) + " replicas, and only " +
+         std::to_string(nodes.size()) + " were asked; give --monitor for each node of the store";
 }
 
 // What one node had at the first look, each must come to have: under traffic they never are at the
@@ -214,19 +243,24 @@ int CheckNodes(const ProvisionOptions& options, const PrintLine& print) {
     return nodes;
   };
   std::vector<NodeState> nodes = ask();
+  uint64_t first_sequence = 0;
   uint64_t last_sequence = 0;
-  for (const NodeState& node : nodes) last_sequence = std::max(last_sequence, node.last_sequence);
+  for (const NodeState& node : nodes) {
+    first_sequence = std::max(first_sequence, node.first_sequence);
+    last_sequence = std::max(last_sequence, node.last_sequence);
+  }
   const Time end = Now() + milliseconds(options.settle_ms);
-  std::string mismatch = MismatchOf(nodes, last_sequence);
+  std::string mismatch = MismatchOf(nodes, first_sequence, last_sequence);
   std::string divergence = DivergenceOf(nodes);
   // One look may fall into a change of leaders, a few do not.
   for (int looks = 1; looks < kLooks || (!mismatch.empty() && Now() < end); ++looks) {
     std::this_thread::sleep_for(kLookAgain);
     nodes = ask();
-    mismatch = MismatchOf(nodes, last_sequence);
+    mismatch = MismatchOf(nodes, first_sequence, last_sequence);
     divergence = DivergenceOf(nodes);
   }
   if (!divergence.empty()) mismatch = divergence;
+  if (mismatch.empty()) mismatch = ThoseNotAsked(nodes);
   for (const NodeState& node : nodes) PrintNode(node, print);
   print(mismatch.empty() ? "check passed: " + std::to_string(nodes.size()) + " nodes hold the same"
                          : "check failed: " + mismatch);

@@ -12,7 +12,7 @@ namespace {
 NodeState Node(const std::string& url, uint64_t last, const std::string& time) {
   const std::string page =
       R"({"server_id":"N7","config":{"max_storage":1000},"account_details":[{"stream_detail":[{"name":"OTHER"},)"
-      R"({"name":"S","cluster":{"leader":"a"},"state":{"first_seq":1,"last_seq":)" +
+      R"({"name":"S","config":{"num_replicas":3},"cluster":{"leader":"a"},"state":{"first_seq":1,"last_seq":)" +
       std::to_string(last) + R"(,"messages":)" + std::to_string(last) +
       R"(,"bytes":5,"last_ts":"2024-05-01T12:34:)" + time + R"("}}]}]})";
   NodeState node = ReadNode(page, "S");
@@ -31,6 +31,7 @@ TEST(NodesTest, PageIsRead) {
   EXPECT_EQ(node.bytes, 5u);
   EXPECT_EQ(node.max_storage_bytes, 1000u);
   EXPECT_EQ(node.leader, "a");
+  EXPECT_EQ(node.replicas, 3u);
   EXPECT_EQ(node.holes(), 0u);
   EXPECT_EQ(node.last_time, "2024-05-01T12:34:56.700000000");
   EXPECT_EQ(Node("a", 40, "56Z").last_time, "2024-05-01T12:34:56.000000000");
@@ -48,8 +49,8 @@ TEST(NodesTest, NodeThatIsBehindIsNoCopyYet) {
   const std::vector<NodeState> nodes = {Node("a", 40, "56.7Z"), Node("b", 38, "56.65Z")};
 
   EXPECT_EQ(DivergenceOf(nodes), "") << "it may come";
-  EXPECT_NE(MismatchOf(nodes, 40).find("b ends at 38"), std::string::npos);
-  EXPECT_EQ(MismatchOf(nodes, 38), "");
+  EXPECT_NE(MismatchOf(nodes, 1, 40).find("b ends at 38"), std::string::npos);
+  EXPECT_EQ(MismatchOf(nodes, 1, 38), "");
 }
 
 TEST(NodesTest, NodeThatLacksSomeIsNoCopyAlsoUnderTraffic) {
@@ -60,7 +61,7 @@ TEST(NodesTest, NodeThatLacksSomeIsNoCopyAlsoUnderTraffic) {
   EXPECT_EQ(DivergencesOf(calm)[2], "");
   const std::vector<NodeState> busy = {Node("a", 40, "56.7Z"), Node("b", 39, "56.71Z"),
                                        Node("c", 41, "56.72Z")};
-  EXPECT_EQ(MismatchOf(busy, 30), "") << "it has long passed what was there first";
+  EXPECT_EQ(MismatchOf(busy, 1, 30), "") << "it has long passed what was there first";
   EXPECT_NE(DivergencesOf(busy)[1].find("so it lacks 1 or more, or a is none"), std::string::npos)
       << "c has come further, and is no judge";
   EXPECT_NE(DivergenceOf(calm).find("so it lacks 2 or more"), std::string::npos);
@@ -75,7 +76,7 @@ TEST(NodesTest, NodeThatHasTooManyIsTheOne) {
   EXPECT_EQ(found[1], "");
   EXPECT_EQ(found[2].find("is no copy: its message 42 is no newer than message 40 of "), 0u);
   EXPECT_NE(found[2].find("so it has 2 or more too many"), std::string::npos) << found[2];
-  EXPECT_EQ(MismatchOf(nodes, 42), "c ends at 42, b only at 40");
+  EXPECT_EQ(MismatchOf(nodes, 1, 42), "c ends at 42, b only at 40");
 }
 
 TEST(NodesTest, OddOneIsNamedWhereverItStands) {
@@ -85,10 +86,22 @@ TEST(NodesTest, OddOneIsNamedWhereverItStands) {
     node.messages = 41 - first;
     return node;
   };
-  EXPECT_EQ(MismatchOf({begins("a", 2), begins("b", 1), begins("c", 1)}, 40),
+  EXPECT_EQ(MismatchOf({begins("a", 2), begins("b", 1), begins("c", 1)}, 2, 40),
             "a begins at 2, c at 1");
-  EXPECT_EQ(MismatchOf({begins("a", 2), begins("b", 1)}, 40), "a begins at 2, b at 1");
-  EXPECT_NE(MismatchOf({begins("a", 1), begins("b", 1), begins("c", 2), begins("d", 2)}, 40), "");
+  EXPECT_EQ(MismatchOf({begins("a", 2), begins("b", 1)}, 2, 40), "a begins at 2, b at 1");
+  EXPECT_NE(MismatchOf({begins("a", 1), begins("b", 1), begins("c", 2), begins("d", 2)}, 2, 40),
+            "");
+}
+
+TEST(NodesTest, EachDropsWhatIsTooOldByItsOwnTimer) {
+  std::vector<NodeState> nodes = {Node("a", 40, "56.7Z"), Node("b", 40, "56.7Z"),
+                                  Node("c", 40, "56.7Z")};
+  for (uint64_t i = 0; i < 3; ++i) {
+    nodes[i].first_sequence = 5 + i;
+    nodes[i].messages = 36 - i;
+  }
+  EXPECT_EQ(MismatchOf(nodes, 5, 40), "");
+  EXPECT_NE(MismatchOf(nodes, 6, 40), "") << "what one has dropped another still has";
 }
 
 TEST(NodesTest, NodeWithOtherMessagesInTheirPlacesHasOtherBytes) {
@@ -146,7 +159,7 @@ TEST(NodesTest, SilentNodeIsAMismatch) {
   silent.problem = "does not answer";
 
   EXPECT_EQ(DivergenceOf({Node("a", 40, "56.7Z"), silent}), "");
-  EXPECT_EQ(MismatchOf({Node("a", 40, "56.7Z"), silent}, 40), "c does not answer");
+  EXPECT_EQ(MismatchOf({Node("a", 40, "56.7Z"), silent}, 1, 40), "c does not answer");
 }
 
 }  // namespace

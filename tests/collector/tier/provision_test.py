@@ -60,10 +60,34 @@ class ProvisionTest(support.Case):
         self.assertIn("differs max_bytes=104857600 asked=209715200", text)
         self.assertEqual(200, self.nodes[0].state("REPORTS")["state"]["messages"], "it changes nothing")
 
+        code, text = self.provision("--check", *self.monitors()[:4])
+        self.assertEqual(65, code, text)
+        self.assertIn("the stream has 3 replicas, and only 2 were asked", text)
+        code, text = self.provision("--check", *self.monitors()[:4], *self.monitors()[:2])
+        self.assertEqual(65, code, text)
+        self.assertIn("are one node", text)
+
         self.nodes[2].kill()
         code, text = self.provision("--check", "--settle", "300ms", *self.monitors())
         self.assertEqual(65, code, text)
         self.assertIn("does not answer", text)
+
+    def test_what_would_lose_reports_is_said(self):
+        """A stream and a reader of somebody else's making."""
+        self.start_nodes(1)
+        wire = self.wire()
+        for subject, config in (
+                ("STREAM.CREATE.REPORTS", {"name": "REPORTS", "subjects": ["REPORTS.>", "b"], "retention": "workqueue",
+                                           "discard": "new", "no_ack": True, "max_msgs": 7, "max_msgs_per_subject": 5}),
+                ("CONSUMER.DURABLE.CREATE.REPORTS.export", {"stream_name": "REPORTS", "config": {
+                    "durable_name": "export", "ack_policy": "explicit", "max_deliver": 3,
+                    "filter_subject": "REPORTS.a"}})):
+            self.assertNotIn("error", wire.request("$JS.API." + subject, config))
+        code, text = self.provision("--replicas", "1")
+        self.assertEqual(65, code, text)
+        self.assertEqual(["acknowledges=0", "keeps_until_its_limits=0", "max_msgs=7", "max_msgs_per_subject=5",
+                          "reader_filters=1", "reader_max_deliver=3", "subject_is_REPORTS.>=0"],
+                         sorted(line.split()[1] for line in text.splitlines() if line.startswith("differs ")))
 
     def test_size_must_be_said(self):
         self.start_nodes(1)
