@@ -177,7 +177,7 @@ class TierTest(support.Case):
         self.nodes[0].start()
         self.nodes[0].wait_ready()
         self.make_stream()
-        collector = self.start_collector()
+        collector = self.start_collector("--hold", "40s", "--ack-wait", "20s")
         status, reply, _ = post(collector, b"x" * (33 << 20))
         self.assertEqual((200, "rejected: larger than the 31 MiB that the store can keep"),
                          (status, reply["bytes_errinfo"]))
