@@ -73,8 +73,7 @@ uint64_t LastOf(const std::string& stream, const std::string& name) {
 
 // Of a folder that was made just now. Returns an error number or 0.
 int SyncParent(const std::string& path) {
-  const std::filesystem::path parent = std::filesystem::absolute(path).parent_path();
-  const int fd = ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int fd = ::open((path + "/..").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return errno;
   const int error = ::fsync(fd) == 0 ? 0 : errno;
   ::close(fd);

@@ -1,6 +1,8 @@
 // The files of an export, and what a kill leaves of them.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -15,6 +17,16 @@
 #include "collector/export/ranges.h"
 #include "collector/fatal.h"
 #include "tests/support/temp_folder.h"
+
+namespace {
+std::set<std::string> synced_paths;  // NOLINT: what the one below has been called for.
+}  // namespace
+
+extern "C" int fsync(int fd) {
+  const std::string link = "/proc/self/fd/" + std::to_string(fd);
+  synced_paths.insert(std::filesystem::read_symlink(link).string());
+  return static_cast<int>(::syscall(SYS_fsync, fd));
+}
 
 namespace quenor::collector {
 namespace {
@@ -267,6 +279,15 @@ TEST_F(ExportFolderTest, WhatTheDiskDoesNotTakeIsTakenBack) {
   EXPECT_THROW(folder.Sync(now_), Fatal);
   ::setrlimit(RLIMIT_FSIZE, &before);
   EXPECT_EQ(Read("S.part"), Line(1) + "\n");
+}
+
+TEST_F(ExportFolderTest, NewFolderOutlastsAPowerCut) {
+  const std::string parent = std::filesystem::canonical(parent_.path()).string();
+  for (const char* name : {"/plain", "/slash/"}) {
+    synced_paths.clear();
+    ExportFolder folder({parent + name, "S", 1, milliseconds(1), 1});
+    EXPECT_EQ(synced_paths.count(parent), 1u) << name;
+  }
 }
 
 TEST_F(ExportFolderTest, IsOneExportsAlone) {
