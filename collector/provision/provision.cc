@@ -94,13 +94,12 @@ void Provision::ProvideStream() {
   Compare("acknowledges", !config.NoAck && !config.Sealed, 1);
   Compare("max_msgs", config.MaxMsgs, -1);
   Compare("max_msgs_per_subject", config.MaxMsgsPerSubject, -1);
+  Compare("max_msg_size", config.MaxMsgSize, -1);
   if (options_.max_bytes != 0) {
     Compare("max_bytes", config.MaxBytes, static_cast<int64_t>(options_.max_bytes));
   }
-  if (options_.max_age_ms != 0) {
-    Compare("max_age_s", config.MaxAge / kNanosecondsPerMillisecond / 1000,
-            static_cast<int64_t>(options_.max_age_ms / 1000));
-  }
+  Compare("max_age_s", config.MaxAge / kNanosecondsPerMillisecond / 1000,
+          static_cast<int64_t>(options_.max_age_ms / 1000));
 }
 
 // Throws Fatal if the size leaves too little of a node's storage.
@@ -205,6 +204,7 @@ void Provision::ProvideReader() {
   Compare("reader_max_deliver", config.MaxDeliver, -1);
   const bool has_filter = config.FilterSubject != nullptr && *config.FilterSubject != '\0';
   Compare("reader_filters", has_filter, 0);
+  Compare("reader_reads_bodies", !config.HeadersOnly, 1);
 }
 
 void PrintNode(const NodeState& node, const PrintLine& print) {

@@ -78,15 +78,17 @@ class ProvisionTest(support.Case):
         wire = self.wire()
         for subject, config in (
                 ("STREAM.CREATE.REPORTS", {"name": "REPORTS", "subjects": ["REPORTS.>", "b"], "retention": "workqueue",
-                                           "discard": "new", "no_ack": True, "max_msgs": 7, "max_msgs_per_subject": 5}),
+                                           "discard": "new", "no_ack": True, "max_msgs": 7, "max_msgs_per_subject": 5,
+                                           "max_msg_size": 900, "max_age": 60_000_000_000}),
                 ("CONSUMER.DURABLE.CREATE.REPORTS.export", {"stream_name": "REPORTS", "config": {
-                    "durable_name": "export", "ack_policy": "explicit", "max_deliver": 3,
+                    "durable_name": "export", "ack_policy": "explicit", "max_deliver": 3, "headers_only": True,
                     "filter_subject": "REPORTS.a"}})):
             self.assertNotIn("error", wire.request("$JS.API." + subject, config))
         code, text = self.provision("--replicas", "1")
         self.assertEqual(65, code, text)
-        self.assertEqual(["acknowledges=0", "keeps_until_its_limits=0", "max_msgs=7", "max_msgs_per_subject=5",
-                          "reader_filters=1", "reader_max_deliver=3", "subject_is_REPORTS.>=0"],
+        self.assertEqual(["acknowledges=0", "keeps_until_its_limits=0", "max_age_s=60", "max_msg_size=900", "max_msgs=7",
+                          "max_msgs_per_subject=5", "reader_filters=1", "reader_max_deliver=3", "reader_reads_bodies=0",
+                          "subject_is_REPORTS.>=0"],
                          sorted(line.split()[1] for line in text.splitlines() if line.startswith("differs ")))
 
     def test_size_must_be_said(self):
