@@ -49,6 +49,17 @@ CLI::Validator NotEmpty() {
       [](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); }, "");
 }
 
+CLI::Validator RequestPath() {
+  return CLI::Validator(
+      [](std::string& text) {
+        const bool is_one =
+            !text.empty() && text[0] == '/' && text.find_first_of("?# ") == std::string::npos;
+        return is_one ? std::string()
+                      : text + " is no path of a request; give it as in /app/reports";
+      },
+      "");
+}
+
 CLI::Validator AsSize() { return CLI::AsSizeValue(/*kb_is_1000=*/false).description(""); }
 
 CLI::Validator AsTime() {

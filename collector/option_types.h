@@ -32,6 +32,9 @@ CLI::Validator AsTime();
 // A name that the store allows: 1 to 32 letters, digits, - or _.
 CLI::Validator StoreName();
 
+// A request's target without its query, as "/app/reports".
+CLI::Validator RequestPath();
+
 // Adds --store and --stream, of which --store must be given where it is `required`. Returns
 // --store; ParseStore() reads *nodes.
 CLI::Option* AddStore(CLI::App* app, bool required, std::string* nodes, StoreOptions* store);

@@ -163,7 +163,7 @@ void AddTier(CLI::App* app, std::string* store, TierOptions* tier, std::array<in
   add("--path", tier->paths, "take reports on this path alone; may be repeated", "PATH")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-      ->check(NotEmpty());
+      ->check(RequestPath());
 }
 
 // Throws Fatal for what has no meaning beside --store.

@@ -20,10 +20,6 @@ namespace {
 constexpr int64_t kMaxPending = std::numeric_limits<int32_t>::max();
 constexpr int64_t kStallWaitMs = 1;
 
-// The store's files have no message of more than 32 MiB with its headers: it acknowledges one where
-// its max_payload allows, and does not find it again.
-constexpr size_t kMostReportBytes = size_t{31} << 20;
-
 // What the store says in an answer, by its number.
 enum StoreError : int {
   kAccountResourcesExceeded = 10002,
@@ -125,9 +121,6 @@ void Publisher::Renew() {
 }
 
 void Publisher::Publish(uint64_t id, const Report& report) {
-  if (report.body.size() > kMostReportBytes) {
-    return Leave({id, StoreOutcome::kRejected, "larger than the 31 MiB that the store can keep"});
-  }
   natsMsg* made = nullptr;
   natsStatus status = natsMsg_Create(&made, subject_.c_str(), nullptr, report.body.data(),
                                      static_cast<int>(report.body.size()));

@@ -33,6 +33,10 @@ constexpr int kCalmTickMs =
     static_cast<int>(1000 * control::kTickSeconds);  // For the policy alone.
 constexpr milliseconds kLeaveTime{1'000};  // For answers that are on their way at the end.
 
+// The store's files have no message of more than 32 MiB with its headers: it acknowledges one where
+// its max_payload allows, and does not find it again.
+constexpr size_t kMostReportBytes = size_t{31} << 20;
+
 // Lines about rejected reports in a second; all are counted.
 constexpr int kMostLines = 10;
 
@@ -163,10 +167,14 @@ void Tier::Drain() {
 
 std::optional<FrontReply> Tier::OnReport(FrontRequest* request) {
   std::string sha256 = Sha256Hex(request->body);
-  if (!IsWanted(request->target)) {
-    Reject(*request, sha256, "path not wanted");
+  const char* why = nullptr;
+  if (!IsWanted(request->target)) why = "path not wanted";
+  if (request->body.size() > kMostReportBytes)
+    why = "larger than the 31 MiB that the store can keep";
+  if (why != nullptr) {
+    Reject(*request, sha256, why);
     meter_.CountAnswer(200, {});
-    return ReplyOf(Answer::kRejected, "path not wanted");
+    return ReplyOf(Answer::kRejected, why);
   }
   return Hold(request, std::move(sha256));
 }
@@ -276,6 +284,7 @@ void Tier::PublishAgain(const std::vector<uint64_t>& ids) {
 void Tier::OnStore() {
   const Publisher::Events events = publisher_.TakeEvents();
   if (events.is_closed) {
+    Drain();  // What is whole from now on is refused, not held.
     while (!held_.empty()) End(held_.begin()->first, Answer::kLate, "");
     front_.Run();
     throw Fatal(kExitUnavailable, "the store " + NodesText(options_.store) +

@@ -219,6 +219,11 @@ TEST(OptionsTest, WhatHasNoMeaningBesideAStoreIsRefused) {
   EXPECT_NE(UsageError({"--store", "a", "--out", "x"}).find("--out has no meaning"),
             std::string::npos);
   EXPECT_NE(UsageError({"--hold", "1s"}).find("requires --store"), std::string::npos);
+  for (const char* path : {"app", "", "/app?v=1", "/app#a", "/a b"}) {  // No report's would be.
+    EXPECT_NE(UsageError({"--store", "a", "--path", path}).find("is no path of a request"),
+              std::string::npos)
+        << path;
+  }
   EXPECT_NE(UsageError({"--store", "a,,b"}).find("give the nodes as in"), std::string::npos);
   EXPECT_NE(UsageError({"--store", "a,tls://b"}).find("no TLS to the store"), std::string::npos);
   EXPECT_NE(UsageError({"--store", "http://a"}).find("give the nodes as in"), std::string::npos);
